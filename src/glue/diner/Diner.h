@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/diner/Diner_info.h"
+#include "glue/diner/Timeout_manager.h"
+#include "glue/diner/module_man.h"
+#include "glue/diner/waiter_descriptor.h"
+#include "platform/Task.h"
+#include "util/Mutex.h"
+#include "util/api.h"
+#include "util/avl_bstree.h"
+#include <atomic>
+
+class Diner_selector;
+template <class D>
+class Diner_protection;
+
+/// An active object: a thread of its own that sleeps until an event arrives or the earliest timeout falls due, and then
+/// calls the subclass's handler for it, one at a time, under the diner's lock.
+///
+/// A subclass derives from Diner::Protection (or Diner_external_protection<Diner>), which supply the lock, implements
+/// the two handlers, and calls terminate(true) in its own destructor: the thread must be gone before the subclass is.
+///
+/// Other threads may call start, stop, terminate, the timeout calls and post to `waiter`. A handler must not start,
+/// stop or terminate its own diner (or one that shares its lock): it already holds the lock.
+class KAV_API Diner : public avl_bsnode {
+public:
+    using Protection = Diner_protection<Diner>;
+
+    /// Name and id of a diner, equal when both are.
+    struct KAV_API Descriptor {
+        static constexpr int max_name = 12; ///< [characters]
+        static constexpr const char* NAME_DEFAULT = "ANON_DNR";
+
+        Descriptor() : Descriptor(NAME_DEFAULT, 0) {}
+        Descriptor(const char* name, int id); ///< the name is copied, cut to 12 characters
+        bool operator==(const Descriptor& o) const;
+        bool operator!=(const Descriptor& o) const { return !(*this == o); }
+
+        char name[max_name + 1];
+        int id;
+    };
+    static const Descriptor DESCRIPTOR_DEFAULT;
+
+    /// Numbers are part of the status table.
+    enum State {
+        state_run = 0,      ///< in the run loop
+        state_stopping = 1, ///< stop() sent the kill event, the thread has not taken it yet
+        state_stop = 2,     ///< parked; also right after init()
+        state_uninit = 3,   ///< init() not called yet
+        state_term = 4,     ///< termination requested
+        state_gone = 5      ///< the thread has left
+    };
+
+    Diner();
+    Diner(const Diner&) = delete;
+    Diner& operator=(const Diner&) = delete;
+
+    // Slot order is part of the interface.
+
+    /// True when the caller holds the diner's lock. Without a lock: true.
+    virtual bool is_locked() const;
+    /// Hook run by start() without the lock, and by a failed stop() with it: it must not lock.
+    virtual void diner_start();
+    /// Hook run by stop() and terminate() with the lock held.
+    virtual void diner_stop();
+    /// The handler of one event; on the diner's thread, lock held. The event is the loop's own and may be changed.
+    virtual void handle_event(waiter_event& event) = 0;
+    /// Handles what is due when the pass begins, missed periods included; on the diner's thread, lock held.
+    virtual void handle_timeout();
+    /// The handler of one timeout; on the diner's thread, lock held.
+    virtual void handle_timeout(Timeout& timeout) = 0;
+    /// Expiry of the earliest pending timeout: 0, or -1 when there is none.
+    virtual int next_timeout(Atime& expiry);
+    /// Take the diner's lock. `timeout` [10 ms], negative: without limit. True when taken. Without a lock: true.
+    virtual bool lock(int timeout) const;
+    virtual void unlock() const;
+    /// Give the diner its thread, parked, and enter it in the status list and the selector (may be null). `mm` and
+    /// `selector` outlive the diner. `priority` 1..99; `stack_kib` [KiB] and `shared` go to the thread object; without
+    /// `pass_anonymous` bare wake-ups are counted but not handled. 0. Ends the process with exit(-103), exit(-104) (the
+    /// selector has an equal descriptor) or exit(-139) (called twice).
+    virtual int init(module_man& mm, Diner_selector* selector, const Descriptor& descriptor, int priority,
+                     int stack_kib, bool shared, bool pass_anonymous);
+    /// Aborts when the diner was initialised and terminate() was not called.
+    virtual ~Diner();
+
+    /// Let a parked diner run: 0. -1 when it is not parked.
+    int start();
+    /// Ask a running diner to park; pending timeouts are dropped. 0; -1 when it is not running or the event pool is
+    /// exhausted (it runs on then). It parks after the events queued before.
+    int stop();
+    /// End the diner's thread for good; with `wait` until it has left. Aborts when the lock cannot be had within 2 s.
+    /// From another state than run, stopping or stop it returns at once, printing the state unless the thread has left
+    /// already: after terminate(false) call wait_terminate().
+    void terminate(bool wait);
+    /// Poll every 10 ms until the thread has left; aborts after about 5 s. Not on the diner's own thread.
+    void wait_terminate();
+    bool terminated() const { return state.load(std::memory_order_acquire) == state_gone; } ///< takes no lock
+    int get_state() const; ///< takes the lock unless the caller holds it
+    /// Post the kill event (module 0, id -1): 0, or -1 when the pool has no room.
+    int send_kill();
+
+    /// Submit a timeout to this diner and wake it: due at `when`, in `ms` [ms], or at the timeout's own expiry. 0, or
+    /// -1 when it is another diner's. Any thread, no lock taken but a leaf.
+    int submit_timeout(Timeout& t, const Atime& when);
+    int submit_timeout(Timeout& t, int ms);
+    int submit_timeout(Timeout& t);
+    /// Withdraw: 0, or -1 when it is another diner's.
+    int remove_timeout(Timeout& t);
+    /// Whether it is pending here. Takes the lock unless the caller holds it.
+    bool submitted(const Timeout& t) const;
+    /// remove_timeout() without the wake-up, under the lock; for the timeout's destructor.
+    void remove_from_lists(Timeout& t);
+
+    /// Move to another selector (null: none). 0, or the selector's error; the diner is then back in the old one.
+    int set_selector(Diner_selector* s);
+    Diner_selector* get_selector() const { return selector; }
+    /// For the next thread made.
+    void set_priority(int p) { priority = p; }
+    const Descriptor& get_descriptor() const { return descriptor; }
+    /// The caller runs on this diner's thread.
+    bool on_own_thread() const;
+    bool start_pending() const { return _start_pending; }
+
+    /// Thread entry: runs the diner given as argument.
+    static void* runner(void* diner);
+
+    Diner_info info;
+
+protected:
+    friend class Diner_selector;
+    Descriptor descriptor;
+    Task* task = nullptr;
+    Diner_selector* selector = nullptr;
+    int priority = 0;
+    int extra = 0;
+    bool _shared = false;
+    std::atomic<bool> _start_pending{false}; ///< shown in the status table; nothing sets it
+    bool pass_anonymous = false;
+    std::atomic<int> state{state_uninit};
+    Timeout_manager timeouts;
+
+public:
+    waiter_descriptor waiter;
+
+private:
+    void run();
+    bool park();
+    bool run_until_kill(waiter_event& event, Atime& deadline);
+    void leave();
+    void dispatch(waiter_event& event);
+    void give_start_token();
+    bool debug_test(unsigned a, unsigned b) const;
+
+    std::atomic<bool> _killed{false}; ///< termination that does not depend on room in the event pool
+};

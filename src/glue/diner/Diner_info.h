@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "util/api.h"
+#include "util/sl_list.h"
+#include <atomic>
+#include <cstdint>
+
+class Diner;
+
+/// The status record inside every diner; a row of the status table. The diner's thread writes it without a lock,
+/// readers see each field as it stands.
+class KAV_API Diner_info : public sll_node {
+public:
+    enum Activity : unsigned char { activity_idle = 0, activity_event = 1, activity_timeout = 2 };
+
+    explicit Diner_info(Diner& d);
+    virtual ~Diner_info() = default;
+
+    /// "%9s %5s-%d %3s %8d %7d %s:%d\n": name, state, start-pending, activity, events, timeout passes, checkpoint. To
+    /// the debug output or to standard output. `full_path`: the checkpoint's file with its folders.
+    void print(bool to_debug, bool full_path) const;
+    /// Lets a derived record add to its row: `text` points to the free part of the row, `room` [bytes] with the zero.
+    /// The text is writable despite its type.
+    virtual void append_print_info(const char* text, int room) const;
+    /// 0 none; from 10 or 50 on events, from 11 or 51 on timeouts are printed; see the diner.
+    void set_debug_level(unsigned char level) { debug_level = level; }
+    /// Prints "Testing %9s", takes and releases the diner's lock, prints ".. Ok\n". A stuck diner leaves the line
+    /// unfinished.
+    void test_lock();
+
+    /// The last place the diner passed: a path under the source root and a fixed number.
+    void checkpoint(const char* file, int line) {
+        checkpoint_file.store(file, std::memory_order_relaxed);
+        checkpoint_line.store(line, std::memory_order_relaxed);
+    }
+
+    Diner& diner;
+    std::atomic<const char*> checkpoint_file{""};
+    std::atomic<int> checkpoint_line{0};
+    std::atomic<uint32_t> event_count{0};   ///< events taken, swallowed ones included
+    std::atomic<uint32_t> timeout_count{0}; ///< passes of timeout handling
+    std::atomic<unsigned char> activity{activity_idle};
+    std::atomic<unsigned char> debug_level{0};
+};

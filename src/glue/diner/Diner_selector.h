@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/diner/Diner.h"
+#include "util/Mutex.h"
+#include "util/api.h"
+#include "util/avl_bstree.h"
+
+/// A set of diners of which one is selected to run: alternative implementations of one role. Selecting stops the diner
+/// selected before (which parks after the event it is handling, so both may run for a moment) and starts the new one.
+/// The selector outlives its diners, which join through Diner::init() or Diner::set_selector(). Any thread but a
+/// handler of one of its diners.
+class KAV_API Diner_selector {
+public:
+    Diner_selector();
+    ~Diner_selector();
+    Diner_selector(const Diner_selector&) = delete;
+    Diner_selector& operator=(const Diner_selector&) = delete;
+
+    int register_diner(Diner* d);         ///< 0; -1 when a diner with an equal descriptor is there
+    int deregister_diner(const Diner* d); ///< 0; -1 when not there. The selected diner leaves no selection behind.
+    /// Select by position in the order of the set, or by descriptor: 0, or -1 when there is none (nothing changes
+    /// then). Whether the diners really start and stop is not looked at. Selecting the selected one does nothing.
+    int select_diner(int index);
+    int select_diner(const Diner::Descriptor& d);
+    Diner* get_selected() const;        ///< null when none
+    Diner* operator[](int index) const; ///< null out of range
+    int num_diners() const;
+    /// Copy the descriptors of the first min(max, num_diners()) diners.
+    void get_descriptors(Diner::Descriptor* out, int max) const;
+    /// By id, then by name.
+    static int descriptor_compare(const Diner* a, const Diner* b);
+
+private:
+    /// Never started; the key of a search.
+    class Dummy_diner : public Diner {
+    public:
+        void handle_event(waiter_event&) override {}
+        void handle_timeout(Timeout&) override {}
+        using Diner::handle_timeout;
+    };
+    Diner* find_equal(const Diner::Descriptor& d) const;
+    int select(Diner* d);
+
+    mutable Mutex _mutex;
+    mutable Dummy_diner _dummy;
+    Diner* _selected = nullptr;
+    c_bstree<avl_bstree, Diner> _diners;
+};

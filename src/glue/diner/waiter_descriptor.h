@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/diner/module_man.h"
+#include "glue/diner/waiter_event.h"
+#include "util/Mutex.h"
+#include "util/api.h"
+#include "util/atime.h"
+#include <QEvent>
+#include <QSemaphore>
+
+class QObject;
+
+/// The inbox of a diner: a queue of events and a semaphore with one token per pending delivery. Any thread may post;
+/// one thread takes.
+///
+/// The nodes come from a pool that all waiters of a module_man share. A waiter may queue at most half of what is free,
+/// so that one stalled diner cannot starve the others: of a fresh pool of 1000 a lone waiter gets 334.
+class KAV_API waiter_descriptor {
+public:
+    waiter_descriptor();
+    /// Discards what is pending. No thread may be posting or waiting any more.
+    ~waiter_descriptor();
+    waiter_descriptor(const waiter_descriptor&) = delete;
+    waiter_descriptor& operator=(const waiter_descriptor&) = delete;
+
+    /// Accept posts from now on; nodes come from `mm`, which outlives this waiter. 0.
+    int init(module_man* mm);
+    /// The same; every token is mirrored as a new QEvent of `type` posted to `target`, so that a Qt loop wakes as well.
+    /// The target outlives the waiter or deinit() is called first.
+    int init(module_man* mm, QObject* target, QEvent::Type type);
+    /// Drop posts from now on and forget the Qt target.
+    void deinit();
+    /// Posts to a disabled waiter are dropped and succeed.
+    void set_enabled(bool on);
+
+    /// Post an event; its block, if any, is copied. 0: queued, merged or dropped; -1: no room, the sender decides.
+    ///
+    /// `unique`: dropped when an event of the same module and id (for extended modules also the same data) is queued.
+    /// `coalesce`, ordinary modules only: merged into a queued event of the same module and id, whose data stays; each
+    /// merged post is still one delivery. A block under an ordinary module id is a programming error that asks the Qt
+    /// application to exit with -147.
+    int send_event(const waiter_event& e, bool coalesce, bool unique);
+    /// Wake the taker without an event. Uses no node, works on a disabled waiter.
+    void send_anonymous_event();
+
+    /// Take the next event, waiting without limit. EVENT_ANONYMOUS when the queue is empty: a wake-up only.
+    void get_event(waiter_event* out);
+    /// The same until `deadline`, rounded up to whole 10 ms: 0, or -1 when it passed with nothing pending. A deadline
+    /// that lies in the past takes what is pending without waiting.
+    int get_event(waiter_event* out, const Atime& deadline);
+    /// Discard what is pending.
+    void flush_events();
+
+    int num_queued() const;    ///< [nodes] queued now
+    int longest_queue() const; ///< [nodes] ever queued at a time: tells how to size an application
+
+private:
+    void take(waiter_event* out);
+    int enqueue(const waiter_event& e);
+    waiter_event_node* find_queued(const waiter_event& e, bool compare_data) const;
+    void give_token();
+
+    mutable Mutex _mutex;
+    std::atomic<bool> _enabled{false};
+    QSemaphore _tokens;
+    c_sl_list<waiter_event_node> _queue;
+    module_man* _modules = nullptr;
+    QObject* _target = nullptr;
+    QEvent::Type _type = QEvent::None;
+    std::atomic<bool> _initialised{false};
+    int _longest = 0;
+};

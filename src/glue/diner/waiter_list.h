@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/diner/waiter_descriptor.h"
+#include "util/api.h"
+
+/// The waiters that a stream or a store notifies, at most 16, with the module id their events carry.
+/// No lock of its own: the owner calls every member under its lock. Waiters are not owned.
+class KAV_API waiter_list {
+public:
+    static constexpr int max_waiters = 16;
+
+    /// Obtain the module id (an ordinary one). 0, or -1 when there is none left.
+    int init(module_man& mm);
+    short module_id() const { return _module_id; } ///< 0 before init()
+
+    int add(waiter_descriptor* w);    ///< 0; -1 when full, null or already there
+    int remove(waiter_descriptor* w); ///< 0; -1 when not there
+    int size() const { return _count; }
+    /// Post to every waiter in order of registration; results are ignored.
+    void send(const waiter_event& e, bool coalesce, bool unique) const;
+
+private:
+    short _module_id = 0;
+    int _count = 0;
+    waiter_descriptor* _waiters[max_waiters] = {};
+};

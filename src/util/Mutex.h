@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "util/api.h"
+#include <QMutex>
+#include <QThread>
+#include <atomic>
+
+/// The library's lock: a non-recursive QMutex that knows its owner and reports a suspected deadlock.
+/// Works with std::lock_guard and std::unique_lock.
+///
+/// Order of locks, outer to inner: selector, diner, stream / data store head / settings root, flash bookkeeping,
+/// waiter, event pool. Never call out while holding one of the leaves: logger ring, timeout manager, info list.
+class KAV_API Mutex {
+public:
+    enum Status { status_free = 0, status_mine = 1, status_other = 2, status_any = 4 };
+
+    Mutex();
+    ~Mutex(); ///< nobody holds it or waits for it
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    /// Waits without limit in rounds of 500 ms. Each failed round prints "Deadlock assumed %p %d (owner %p, this_thread
+    /// %p)\n" (mutex, failures so far from 0, owner, caller); the 21st, after about 10.5 s, aborts the process. A lock
+    /// obtained after failures prints "Deadlock avoided %p %d\n". Not recursive: the owner's own second lock ends in
+    /// that abort.
+    void lock();
+    /// One attempt that waits at most `ms` [ms] (0: not at all). True when taken.
+    bool try_lock(int ms = 0);
+    void unlock(); ///< by the owner
+
+    /// True when the calling thread holds it. Lock-free.
+    bool is_locked() const;
+    /// Thread id of the holder, null when free. Only a hint for anyone but the holder.
+    Qt::HANDLE owner() const { return _owner.load(std::memory_order_relaxed); }
+
+    /// Free (0), held by the caller (1) or by another thread (2), as it was for a moment.
+    Status status() const;
+    /// Compare status() with what the caller expects (status_any accepts all). A difference prints
+    /// "Bad mutex status: %d, wanted: %d %p %p" (mutex, owner) unless category 44 is on, and aborts unless category 43
+    /// is on.
+    void check(int wanted) const;
+
+private:
+    void lock_slowly();
+    void taken();
+
+    mutable QMutex _mutex;
+    std::atomic<Qt::HANDLE> _owner{nullptr};
+};

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "util/api.h"
+#include <QSemaphore>
+
+/// A counting semaphore, optionally limited to one token. Any thread.
+class KAV_API Semaphore {
+public:
+    /// `count` tokens at start; `at_most_one`: a release never leaves more than one token.
+    explicit Semaphore(int count = 0, bool at_most_one = false);
+    Semaphore(const Semaphore&) = delete;
+    Semaphore& operator=(const Semaphore&) = delete;
+
+    void release();
+    /// Wait without limit for a token.
+    void acquire();
+    /// Wait at most `ticks` [10 ms] for a token (0 and less: not at all); true when taken. Callers divide milliseconds
+    /// by 10, so waits are cut to whole 10 ms.
+    bool try_acquire(int ticks = 0);
+    int available() const;
+
+private:
+    QSemaphore _semaphore;
+    bool _at_most_one;
+};

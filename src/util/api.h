@@ -1,0 +1,8 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+/// Marks what the shared library exports; everything else stays hidden.
+#define KAV_API __attribute__((visibility("default")))
+
+/// Lets the compiler check printf-style arguments. Positions count from 1; in member functions `this` is 1.
+#define KAV_PRINTF(format_position, first_argument) __attribute__((format(printf, format_position, first_argument)))

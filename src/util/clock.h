@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "util/api.h"
+#include <ctime>
+
+namespace Util {
+
+using Wall_clock = void (*)(struct timespec& now);
+
+/// The time of day: the one place of the library that reads it. Any thread.
+KAV_API void wall_clock(struct timespec& now);
+
+/// Put another clock in its place (null: the system's again), for tests and for replaying a day in a minute. Waits
+/// still last as long as the system's clock says. Called when no other thread is reading.
+KAV_API void set_wall_clock(Wall_clock clock);
+
+} // namespace Util

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include <functional>
+#include <string>
+
+/// What became of a child process.
+struct Child_result {
+    int status = -1;        ///< exit status 0..255, -1 when a signal ended it
+    int signal = 0;         ///< the signal that ended it, 0 when it exited
+    bool timed_out = false; ///< it was killed because it did not end in time
+    std::string out;        ///< what it wrote on standard output (a pipe)
+    std::string err;        ///< what it wrote on standard error (a pipe)
+};
+
+/// Run `body` in a forked child with piped output; a body that returns ends in exit(0). The child is killed after
+/// `limit_s`. For code that ends the process; start no threads before the call.
+Child_result run_child(const std::function<void()>& body, int limit_s = 60);
