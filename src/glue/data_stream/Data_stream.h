@@ -89,11 +89,19 @@ public:
         Window(const Window&) = delete;
         Window& operator=(const Window&) = delete;
 
-        void take();    ///< lock again after a release()
-        void release(); ///< unlock; spans are void afterwards
+        /// Lock again after a release().
+        void take() {
+            if (_stream.stream_lock) _stream.stream_lock->lock();
+            _held = true;
+        }
+        /// Unlock; spans are void afterwards.
+        void release() {
+            if (_stream.stream_lock) _stream.stream_lock->unlock();
+            _held = false;
+        }
         uint32_t used() const { return _stream.buffer.used(); }
         /// True when `n` bytes are buffered, after fetching what is missing, as Data_stream::bytes_avail(n).
-        bool ensure(uint32_t n) { return n <= used() || fetch(n); }
+        bool ensure(uint32_t n) { return n <= used() || _stream.ensure(n); }
         /// The contiguous run of buffered bytes that begins at `offset`; its length goes to `n`. At most two runs hold
         /// everything. Valid until the next ensure, move, drop or release.
         const unsigned char* span(uint32_t offset, uint32_t& n) const { return _stream.buffer.span(offset, n); }
@@ -106,8 +114,6 @@ public:
         uint32_t drop(uint32_t n) { return _stream.buffer.drop(n); }
 
     private:
-        bool fetch(uint32_t n);
-
         Data_stream& _stream;
         bool _held = false;
     };
