@@ -3,14 +3,15 @@
 #include "util/Semaphore.h"
 #include "util/api.h"
 #include <QThread>
+#include <atomic>
 
 /// A named thread of the board's task layer: here a QThread with a start semaphore for its entry's own use.
 class KAV_API Task : private QThread {
 public:
     using Entry = void* (*)(void* argument);
 
-    /// `name` is copied. `stack_kib` [KiB] of stack, `shared` and `spare` are for boards whose task layer needs them
-    /// and have no meaning here. The thread does not run yet.
+    /// `name` is copied. `stack_kib` [KiB] of stack, raised to what the host needs at least. `shared` and `spare` are
+    /// for boards whose task layer needs them and have no meaning here. The thread does not run yet.
     Task(const char* name, int stack_kib, bool shared, int spare = 0);
     /// Waits for the thread to end. Never called on the thread itself.
     ~Task() override;
@@ -33,6 +34,7 @@ private:
     Entry _entry = nullptr;
     void* _argument = nullptr;
     int _priority = 0;
+    std::atomic<Qt::HANDLE> _id{nullptr}; ///< of the thread while it runs
 };
 
 namespace TaskImp {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "util/api.h"
+#include <QMutex>
 #include <QSemaphore>
 
 /// A counting semaphore, optionally limited to one token. Any thread.
@@ -21,5 +22,6 @@ public:
 
 private:
     QSemaphore _semaphore;
-    bool _at_most_one;
+    QMutex _releasing; ///< held by a release that looks whether there is a token
+    const bool _at_most_one;
 };

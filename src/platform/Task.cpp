@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+#include "platform/Task.h"
+#include "util/tsan.h"
+#include <climits>
+#include <cstdio>
+#include <pthread.h>
+#include <sched.h>
+
+#if defined(KAV_TSAN) || defined(__SANITIZE_ADDRESS__)
+/// Instrumented frames are several times larger.
+static constexpr unsigned least_stack_kib = 2048;
+#else
+/// What the C library and Qt need on a thread of their own, with room to spare; the board's figures leave them out.
+static constexpr unsigned least_stack_kib = 256;
+#endif
+
+Task::Task(const char* name, int stack_kib, bool, int) {
+    snprintf(_name, sizeof _name, "%s", name);
+    const unsigned kib = stack_kib > 0 ? static_cast<unsigned>(stack_kib) : 0;
+    setStackSize((kib > least_stack_kib ? kib : least_stack_kib) * 1024);
+}
+
+Task::~Task() { join(); }
+
+int Task::start(int priority, Entry entry, void* argument) {
+    if (_entry) return -1;
+    _entry = entry;
+    _argument = argument;
+    _priority = priority;
+    Util::tsan::release(this);
+    QThread::start();
+    if (isRunning() || isFinished()) return 0;
+    _entry = nullptr;
+    return -1;
+}
+
+bool Task::join(int ms) {
+    if (!_entry) return true;
+    if (!wait(ms < 0 ? ULONG_MAX : static_cast<unsigned long>(ms))) return false;
+    Util::tsan::acquire(this);
+    return true;
+}
+
+bool Task::is_current() const { return _id.load(std::memory_order_relaxed) == currentThreadId(); }
+
+void Task::run() {
+    Util::tsan::acquire(this);
+    _id.store(currentThreadId(), std::memory_order_relaxed);
+    TaskImp::set_name(_name);
+    if (_priority > 0) {
+        // Among equals round robin: a busy handler delays its peers but does not starve them. Without the right to it
+        // the thread runs as an ordinary one.
+        sched_param wanted = {};
+        wanted.sched_priority = _priority;
+        pthread_setschedparam(pthread_self(), SCHED_RR, &wanted);
+    }
+    _entry(_argument);
+    _id.store(nullptr, std::memory_order_relaxed);
+    Util::tsan::release(this);
+}
+
+void TaskImp::set_name(const char* name) {
+    char cut[16];
+    snprintf(cut, sizeof cut, "%s", name);
+    pthread_setname_np(pthread_self(), cut);
+}

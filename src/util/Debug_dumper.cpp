@@ -1,0 +1,4 @@
+// SPDX-License-Identifier: MIT
+#include "util/Debug_dumper.h"
+
+Debug::Dumper::~Dumper() = default;

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#include "util/Mutex.h"
+#include "util/Debug_base.h"
+#include "util/Debug_print.h"
+#include "util/assertion.h"
+#include "util/tsan.h"
+
+static constexpr int round_ms = 500;
+/// The failed round with this number is the last: the thread would wait for ever.
+static constexpr int last_round = 20;
+
+// The sanitizer knows the lock by the address of its owner field.
+Mutex::Mutex() { Util::tsan::mutex_create(&_owner); }
+Mutex::~Mutex() { Util::tsan::mutex_destroy(&_owner); }
+
+void Mutex::lock() {
+    Util::tsan::mutex_pre_lock(&_owner);
+    if (!_mutex.tryLock()) lock_slowly();
+    taken();
+    Util::tsan::mutex_post_lock(&_owner);
+}
+
+void Mutex::lock_slowly() {
+    int failures = 0;
+    for (; !_mutex.tryLock(round_ms); ++failures) {
+        Debug_print::bprint("Deadlock assumed %p %d (owner %p, this_thread %p)\n", static_cast<void*>(this), failures,
+                            static_cast<void*>(owner()), static_cast<void*>(QThread::currentThreadId()));
+        if (failures == last_round) Util::flush_and_abort();
+    }
+    if (failures > 0) Debug_print::bprint("Deadlock avoided %p %d\n", static_cast<void*>(this), failures);
+}
+
+void Mutex::taken() { _owner.store(QThread::currentThreadId(), std::memory_order_relaxed); }
+
+bool Mutex::try_lock(int ms) {
+    Util::tsan::mutex_pre_try_lock(&_owner);
+    const bool got = ms > 0 ? _mutex.tryLock(ms) : _mutex.tryLock();
+    if (got) taken();
+    Util::tsan::mutex_post_try_lock(&_owner, got);
+    return got;
+}
+
+void Mutex::unlock() {
+    Util::tsan::mutex_pre_unlock(&_owner);
+    _owner.store(nullptr, std::memory_order_relaxed);
+    _mutex.unlock();
+    Util::tsan::mutex_post_unlock(&_owner);
+}
+
+bool Mutex::is_locked() const { return owner() == QThread::currentThreadId(); }
+
+Mutex::Status Mutex::status() const {
+    if (is_locked()) return status_mine;
+    if (!_mutex.tryLock()) return status_other;
+    _mutex.unlock();
+    return status_free;
+}
+
+void Mutex::check(int wanted) const {
+    if (wanted == status_any) return;
+    const Status found = status();
+    if (found == wanted) return;
+    if (!Debug_filter::enabled(_JDB::jdb_mutex_quiet)) {
+        Debug_print::bprint("Bad mutex status: %d, wanted: %d %p %p", static_cast<int>(found), wanted,
+                            static_cast<const void*>(this), static_cast<void*>(owner()));
+    }
+    if (!Debug_filter::enabled(_JDB::jdb_mutex_lenient)) Util::flush_and_abort();
+}
