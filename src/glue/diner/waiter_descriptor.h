@@ -55,17 +55,22 @@ public:
     int longest_queue() const; ///< [nodes] ever queued at a time: tells how to size an application
 
 private:
+    bool accepting() const {
+        return _initialised.load(std::memory_order_relaxed) && _enabled.load(std::memory_order_relaxed);
+    }
     void take(waiter_event* out);
     int enqueue(const waiter_event& e);
-    waiter_event_node* find_queued(const waiter_event& e, bool compare_data) const;
+    bool merge(const waiter_event& e);
+    bool is_queued(const waiter_event& e) const;
     void give_token();
+    void give_mirrored_token();
 
     mutable Mutex _mutex;
     std::atomic<bool> _enabled{false};
     QSemaphore _tokens;
     c_sl_list<waiter_event_node> _queue;
     module_man* _modules = nullptr;
-    QObject* _target = nullptr;
+    std::atomic<QObject*> _target{nullptr};
     QEvent::Type _type = QEvent::None;
     std::atomic<bool> _initialised{false};
     int _longest = 0;

@@ -13,7 +13,7 @@ using event_word_t = uintptr_t;
 class KAV_API waiter_event {
 public:
     waiter_event() = default; ///< all zero
-    waiter_event(short module, int event, event_word_t word) : module_id(module), data(word), id(event) {}
+    constexpr waiter_event(short module, int event, event_word_t word) : module_id(module), data(word), id(event) {}
     waiter_event(const waiter_event& o); ///< copies the block too
     waiter_event& operator=(const waiter_event& o);
     waiter_event(waiter_event&& o) noexcept;
