@@ -1,0 +1,452 @@
+// SPDX-License-Identifier: MIT
+#include "glue/diner/waiter_descriptor.h"
+#include "glue/diner/waiter_list.h"
+#include "support/Manual_clock.h"
+#include "support/capture.h"
+#include "util/tsan.h"
+#include <QCoreApplication>
+#include <QTimer>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+std::atomic<long> allocations{0};
+}
+
+// Counts what the library allocates as well: the program's definition is found first.
+void* operator new(size_t n) {
+    ++allocations;
+    if (void* p = std::malloc(n)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
+
+namespace {
+
+struct Post {
+    waiter_event event;
+    bool coalesce, unique;
+};
+constexpr bool coalesce = true, unique = true, no = false;
+
+const unsigned char* bytes(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
+
+std::string text_of(const waiter_event& e) {
+    std::string s = std::to_string(e.module_id) + ":" + std::to_string(e.id) + ":" + std::to_string(e.data);
+    if (e.extended)
+        s += ":" + std::string(reinterpret_cast<const char*>(e.get_extended_data()), e.get_extended_data_len());
+    return s;
+}
+
+/// Takes without waiting; "nothing" when nothing is pending.
+std::string take(waiter_descriptor& w) {
+    waiter_event e;
+    return w.get_event(&e, Atime::now()) == 0 ? text_of(e) : "nothing";
+}
+
+class Waiter : public testing::Test {
+protected:
+    Waiter() { w.init(&mm); }
+    ~Waiter() override {
+        w.flush_events();
+        EXPECT_EQ(mm.num_free_events(), 1000) << "every node comes back";
+        EXPECT_EQ(w.num_queued(), 0);
+    }
+
+    module_man mm;
+    waiter_descriptor w;
+};
+
+TEST_F(Waiter, queues_merges_or_drops_a_post) {
+    const struct {
+        const char* what;
+        std::vector<Post> posts;
+        int nodes;
+        std::vector<const char*> deliveries;
+    } cases[] = {
+        {"plain posts stay apart", {{{5, 7, 1}, no, no}, {{5, 7, 2}, no, no}}, 2, {"5:7:1", "5:7:2"}},
+        {"coalesced posts share a node and its data, each is delivered",
+         {{{5, 7, 1}, coalesce, no}, {{5, 7, 2}, coalesce, no}, {{5, 7, 3}, coalesce, no}},
+         1,
+         {"5:7:1", "5:7:1", "5:7:1"}},
+        {"a coalesced post joins a plain one in its place",
+         {{{5, 7, 1}, no, no}, {{5, 8, 2}, no, no}, {{5, 7, 3}, coalesce, no}},
+         2,
+         {"5:7:1", "5:7:1", "5:8:2"}},
+        {"only the same module and id coalesce",
+         {{{5, 7, 1}, coalesce, no}, {{5, 8, 1}, coalesce, no}, {{6, 7, 1}, coalesce, no}},
+         3,
+         {"5:7:1", "5:8:1", "6:7:1"}},
+        {"extended modules never coalesce",
+         {{{-5, 7, 1}, coalesce, no},
+          {{-5, 7, 1}, coalesce, no},
+          {{0, -1, 0}, coalesce, no},
+          {{0, -1, 0}, coalesce, no}},
+         4,
+         {"-5:7:1", "-5:7:1", "0:-1:0", "0:-1:0"}},
+        {"a unique post of a queued event is dropped whatever its data",
+         {{{5, 7, 1}, no, no}, {{5, 7, 2}, no, unique}, {{5, 8, 2}, no, unique}},
+         2,
+         {"5:7:1", "5:8:2"}},
+        {"events of extended modules are the same only with the same data",
+         {{{-5, 7, 1}, no, unique}, {{-5, 7, 1}, no, unique}, {{-5, 7, 2}, no, unique}, {{0, 7, 1}, no, unique}},
+         3,
+         {"-5:7:1", "-5:7:2", "0:7:1"}},
+        {"unique goes before coalesce", {{{5, 7, 1}, coalesce, unique}, {{5, 7, 2}, coalesce, unique}}, 1, {"5:7:1"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        for (const Post& p : c.posts) EXPECT_EQ(w.send_event(p.event, p.coalesce, p.unique), 0);
+        EXPECT_EQ(w.num_queued(), c.nodes);
+        EXPECT_EQ(mm.num_free_events(), 1000 - c.nodes);
+        for (const char* d : c.deliveries) EXPECT_EQ(take(w), d);
+        EXPECT_EQ(take(w), "nothing");
+    }
+}
+
+TEST_F(Waiter, starts_a_second_node_when_a_repeat_count_is_full) {
+    constexpr int posts = 65535 + 3;
+    for (int i = 0; i < posts; ++i) ASSERT_EQ(w.send_event({5, 7, 1}, coalesce, no), 0);
+    EXPECT_EQ(w.num_queued(), 2);
+    int delivered = 0;
+    while (take(w) == "5:7:1") ++delivered;
+    EXPECT_EQ(delivered, posts);
+    EXPECT_EQ(take(w), "nothing");
+}
+
+TEST_F(Waiter, wakes_with_the_anonymous_event_only_when_nothing_is_queued) {
+    w.send_anonymous_event();
+    w.send_event({5, 7, 1}, no, no);
+    w.send_anonymous_event();
+    w.set_enabled(false);
+    w.send_anonymous_event();
+    for (const char* expected : {"5:7:1", "1:1:0", "1:1:0", "1:1:0", "nothing"}) EXPECT_EQ(take(w), expected);
+}
+
+TEST_F(Waiter, drops_posts_while_disabled_or_not_initialised) {
+    waiter_descriptor never;
+    EXPECT_EQ(never.send_event({5, 7, 1}, no, no), 0);
+    EXPECT_EQ(take(never), "nothing");
+
+    w.send_event({5, 7, 1}, no, no);
+    w.set_enabled(false);
+    EXPECT_EQ(w.send_event({5, 7, 2}, no, no), 0);
+    w.set_enabled(true);
+    w.send_event({5, 7, 3}, no, no);
+    w.deinit();
+    EXPECT_EQ(w.send_event({5, 7, 4}, no, no), 0);
+    for (const char* expected : {"5:7:1", "5:7:3", "nothing"}) EXPECT_EQ(take(w), expected);
+    w.init(&mm);
+    w.send_event({5, 7, 5}, no, no);
+    EXPECT_EQ(take(w), "5:7:5");
+}
+
+TEST_F(Waiter, may_queue_half_of_what_is_free_and_still_merge_when_full) {
+    waiter_descriptor second;
+    second.init(&mm);
+    const struct {
+        waiter_descriptor* waiter;
+        int room, free_then;
+    } fills[] = {{&w, 334, 666}, {&second, 223, 443}};
+    for (const auto& f : fills) {
+        int fit = 0;
+        while (f.waiter->send_event({5, fit, 0}, coalesce, no) == 0) ASSERT_LE(++fit, 1000);
+        EXPECT_EQ(fit, f.room);
+        EXPECT_EQ(f.waiter->longest_queue(), f.room);
+        EXPECT_EQ(mm.num_free_events(), f.free_then);
+        EXPECT_EQ(f.waiter->send_event({-5, 7, 0}, no, no), -1);
+        EXPECT_EQ(f.waiter->send_event({5, 0, 0}, coalesce, no), 0) << "a merged post needs no node";
+        EXPECT_EQ(f.waiter->send_event({5, 0, 0}, no, unique), 0) << "a dropped post needs no node";
+    }
+    EXPECT_EQ(mm.least_free_events(), 443);
+    second.flush_events();
+    EXPECT_EQ(take(w), "5:0:0");
+    EXPECT_EQ(take(w), "5:0:0");
+    EXPECT_EQ(w.send_event({-5, 7, 0}, no, no), 0);
+    EXPECT_EQ(w.longest_queue(), 334);
+}
+
+TEST_F(Waiter, refuses_posts_when_the_pool_is_empty) {
+    std::vector<waiter_event_node*> nodes;
+    while (waiter_event_node* n = mm.get_blank_event()) nodes.push_back(n);
+    EXPECT_EQ(w.send_event({5, 7, 1}, no, no), -1);
+    EXPECT_EQ(take(w), "nothing");
+    for (waiter_event_node* n : nodes) mm.return_used_event(n);
+}
+
+TEST_F(Waiter, delivers_a_copy_of_the_block_and_frees_what_the_taker_held) {
+    waiter_event sent(-5, 7, 1), out(9, 9, 9);
+    sent.set_extended_data(bytes("first"), 5);
+    out.set_extended_data(bytes("stale"), 5);
+    w.send_event(sent, no, no);
+    sent.set_extended_data(bytes("second"), 6);
+    w.send_event(sent, no, no);
+    w.send_event({5, 7, 2}, no, no);
+    for (const char* expected : {"-5:7:1:first", "-5:7:1:second", "5:7:2"}) {
+        w.get_event(&out);
+        EXPECT_EQ(text_of(out), expected);
+    }
+    w.send_event(sent, no, no); // left to be flushed
+}
+
+TEST_F(Waiter, asks_the_application_to_exit_for_a_coalesced_block_of_an_ordinary_module) {
+    int argc = 0;
+    QCoreApplication app(argc, nullptr);
+    waiter_event sent(5, 7, 1);
+    sent.set_extended_data(bytes("block"), 5);
+    Capture err(stderr);
+    QTimer::singleShot(0, [&] {
+        for (int i = 0; i < 3; ++i) w.send_event(sent, coalesce, no);
+        w.send_event(sent, no, no); // not coalesced: no complaint
+    });
+    EXPECT_EQ(app.exec(), -147);
+    const std::string line = "ERROR: Event expects extended module id\n";
+    EXPECT_EQ(err.text(), line + line + line);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(take(w), "5:7:1:block") << "the posts go on";
+    EXPECT_EQ(take(w), "nothing");
+}
+
+TEST_F(Waiter, waits_until_the_deadline_rounded_up_to_10_ms) {
+    using namespace std::chrono;
+    Manual_clock clock;
+    for (const auto& [ahead, waited] : {std::pair(-5000, 0), {0, 0}, {1, 10}, {10, 10}, {11, 20}, {20, 20}}) {
+        SCOPED_TRACE(ahead);
+        const Atime deadline = Atime::from_now(ahead);
+        bool close = false;
+        // A loaded machine may wake us late, but not always; never early.
+        for (int attempt = 0; attempt < 100 && !close; ++attempt) {
+            waiter_event out(9, 9, 9);
+            const auto start = steady_clock::now();
+            ASSERT_EQ(w.get_event(&out, deadline), -1);
+            const auto took = steady_clock::now() - start;
+            ASSERT_GE(took, milliseconds(waited));
+            close = took < milliseconds(waited + 9);
+            EXPECT_EQ(text_of(out), "9:9:9") << "left alone when nothing came";
+        }
+        EXPECT_TRUE(close);
+        w.send_event({5, 7, 1}, no, no);
+        waiter_event out;
+        EXPECT_EQ(w.get_event(&out, deadline), 0) << "what is pending comes whatever the deadline";
+    }
+}
+
+TEST_F(Waiter, allocates_nothing_on_the_way_of_an_event) {
+    waiter_event out;
+    const long before = allocations;
+    for (int i = 0; i < 500; ++i) {
+        w.send_event({5, i % 3, 0}, coalesce, no);
+        w.send_event({-5, i % 3, 0}, no, unique);
+        w.send_anonymous_event();
+        w.get_event(&out);
+        w.get_event(&out, Atime::from_now(1000));
+    }
+    EXPECT_EQ(allocations - before, 0);
+}
+
+/// A Qt object woken by mirrored posts.
+class Mirror : public QObject {
+public:
+    static constexpr QEvent::Type type = QEvent::Type(QEvent::User + 7);
+    int woken = 0;
+    std::function<void()> on_wake = [] {};
+
+    bool event(QEvent* e) override {
+        Util::tsan::acquire(this);
+        if (e->type() != type) return QObject::event(e);
+        ++woken;
+        on_wake();
+        return true;
+    }
+};
+
+TEST_F(Waiter, mirrors_each_token_as_one_qt_event) {
+    int argc = 0;
+    QCoreApplication app(argc, nullptr);
+    Mirror mirror;
+    w.init(&mm, &mirror, Mirror::type);
+    const struct {
+        const char* what;
+        std::function<void()> post;
+        int woken;
+    } cases[] = {
+        {"a queued post",
+         [&] {
+             w.send_event({5, 7, 1}, no, no);
+         },
+         1},
+        {"a merged post",
+         [&] {
+             w.send_event({5, 7, 1}, coalesce, no);
+         },
+         1},
+        {"a dropped duplicate",
+         [&] {
+             w.send_event({5, 7, 1}, no, unique);
+         },
+         0},
+        {"an anonymous wake-up", [&] { w.send_anonymous_event(); }, 1},
+        {"a disabled waiter",
+         [&] {
+             w.set_enabled(false), w.send_event({5, 8, 1}, no, no);
+         },
+         0},
+        {"after deinit", [&] { w.deinit(), w.send_anonymous_event(); }, 0},
+        {"initialised again without a target",
+         [&] {
+             w.init(&mm), w.send_event({5, 9, 1}, no, no);
+         },
+         0},
+    };
+    for (const auto& c : cases) {
+        mirror.woken = 0;
+        c.post();
+        QCoreApplication::sendPostedEvents(&mirror);
+        EXPECT_EQ(mirror.woken, c.woken) << c.what;
+    }
+}
+
+TEST_F(Waiter, has_the_event_ready_when_its_qt_event_arrives) {
+    int argc = 0;
+    QCoreApplication app(argc, nullptr);
+    constexpr int posts = 3000;
+    Mirror mirror;
+    w.init(&mm, &mirror, Mirror::type);
+    int taken = 0;
+    mirror.on_wake = [&] {
+        if (take(w) != "nothing") ++taken;
+        if (mirror.woken == posts) app.quit();
+    };
+    std::thread poster([&] {
+        for (int i = 0; i < posts; ++i) {
+            if (i % 3 == 0)
+                w.send_anonymous_event();
+            else
+                while (w.send_event({-5, i, 0}, no, no) != 0) std::this_thread::yield();
+        }
+    });
+    app.exec();
+    poster.join();
+    EXPECT_EQ(taken, posts);
+}
+
+/// Post until there is room.
+void post(waiter_descriptor& w, const waiter_event& e, bool merge, bool once) {
+    while (w.send_event(e, merge, once) != 0) std::this_thread::yield();
+}
+
+TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
+    constexpr short merged = 5, plain = -6, single = 7, last = 8;
+    constexpr int posts = 8000;
+    std::atomic<int> newest{0};
+    std::thread posters[] = {
+        std::thread([&] {
+            for (int i = 0; i < posts; ++i) post(w, {merged, i % 2, 0}, coalesce, no);
+        }),
+        std::thread([&] {
+            for (int i = 0; i < posts; ++i) post(w, {plain, 0, event_word_t(i)}, no, no);
+        }),
+        std::thread([&] {
+            for (int i = 1; i <= posts; ++i) newest = i, post(w, {single, 0, 0}, no, unique);
+        }),
+        std::thread([&] {
+            for (int i = 0; i < posts; ++i) w.send_anonymous_event();
+        }),
+    };
+    int count[2] = {0, 0}, anonymous = 0, seen_newest = 0, out_of_order = 0;
+    event_word_t next = 0;
+    bool done = false;
+    const auto account = [&](const waiter_event& e) {
+        if (e.module_id == merged) ++count[e.id];
+        if (e.module_id == plain && e.data != next++) ++out_of_order;
+        if (e.module_id == single) seen_newest = newest;
+        if (e.module_id == module_man::EVENT_ANONYMOUS.module_id) ++anonymous;
+        if (e.module_id == last) done = true;
+    };
+    std::thread taker([&] {
+        waiter_event e;
+        for (int i = 0; !done; ++i) {
+            if (i % 2)
+                w.get_event(&e);
+            else if (w.get_event(&e, Atime::from_now(1000)) != 0)
+                continue;
+            account(e);
+        }
+        while (w.get_event(&e, Atime::now()) == 0) account(e);
+    });
+    for (std::thread& p : posters) p.join();
+    post(w, {last, 0, 0}, no, no);
+    taker.join();
+    EXPECT_EQ(count[0], posts / 2);
+    EXPECT_EQ(count[1], posts / 2);
+    EXPECT_EQ(next, event_word_t(posts));
+    EXPECT_EQ(out_of_order, 0);
+    EXPECT_EQ(seen_newest, posts) << "a dropped duplicate has a delivery still to come";
+    EXPECT_EQ(anonymous, posts) << "one token per delivery";
+}
+
+TEST_F(Waiter, lets_nothing_in_once_it_is_disabled) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> posts{0};
+    std::thread poster([&] {
+        while (!stop) {
+            w.send_event({-5, 7, 1}, no, no);
+            ++posts;
+        }
+    });
+    int delivered = 0;
+    for (int round = 0; round < 300; ++round) {
+        w.set_enabled(true);
+        const int start = posts;
+        while (posts < start + 3) std::this_thread::yield();
+        w.set_enabled(false);
+        const int queued = w.num_queued();
+        const int then = posts;
+        while (posts < then + 2) std::this_thread::yield(); // a whole post since, which must have been dropped
+        ASSERT_EQ(w.num_queued(), queued);
+        for (int i = 0; i < queued; ++i, ++delivered) ASSERT_EQ(take(w), "-5:7:1");
+        ASSERT_EQ(take(w), "nothing");
+    }
+    stop = true;
+    poster.join();
+    EXPECT_GT(delivered, 300);
+}
+
+TEST(Waiter_list, keeps_up_to_16_waiters_in_order_and_posts_to_each) {
+    module_man mm;
+    waiter_descriptor waiters[17];
+    for (waiter_descriptor& w : waiters) w.init(&mm);
+    waiter_list list;
+    EXPECT_EQ(list.module_id(), 0);
+    EXPECT_EQ(list.init(mm), 0);
+    EXPECT_EQ(list.module_id(), 1026);
+
+    EXPECT_EQ(list.add(nullptr), -1);
+    for (int i = 0; i < 16; ++i) EXPECT_EQ(list.add(&waiters[i]), 0);
+    EXPECT_EQ(list.add(&waiters[16]), -1) << "full";
+    EXPECT_EQ(list.remove(&waiters[16]), -1) << "never added";
+    EXPECT_EQ(list.remove(&waiters[3]), 0);
+    EXPECT_EQ(list.remove(&waiters[3]), -1);
+    EXPECT_EQ(list.remove(nullptr), -1);
+    EXPECT_EQ(list.add(&waiters[4]), -1) << "there already";
+    EXPECT_EQ(list.size(), 15);
+    EXPECT_EQ(list.add(&waiters[16]), 0);
+
+    list.send({list.module_id(), 2, 3}, coalesce, no);
+    list.send({list.module_id(), 2, 3}, coalesce, no);
+    list.send({list.module_id(), 2, 3}, no, unique);
+    for (waiter_descriptor& w : waiters) {
+        EXPECT_EQ(w.num_queued(), &w == &waiters[3] ? 0 : 1);
+        for (int i = 0; i < (&w == &waiters[3] ? 0 : 2); ++i) EXPECT_EQ(take(w), "1026:2:3");
+        EXPECT_EQ(take(w), "nothing");
+    }
+}
+
+} // namespace
