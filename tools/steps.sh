@@ -1,0 +1,62 @@
+# SPDX-License-Identifier: MIT
+# What ./demo, ./test and the checks share: steps that report in one line, and the installation of what is missing.
+# Sourced by bash from the top of the tree.
+
+log_dir=build/log
+mkdir -p "$log_dir"
+
+# fail TEXT: one clear line, and out.
+fail() {
+    printf '%s: %s\n' "$(basename "$0")" "$1" >&2
+    exit 1
+}
+
+# step TEXT COMMAND...: run quietly; one line with the time taken, or the end of the output when it fails.
+step() {
+    local text=$1 start=$SECONDS log
+    shift
+    log=$log_dir/$(tr -cs 'a-zA-Z0-9' '-' <<<"$text" | sed 's/^-//; s/-$//').log
+    printf '%-58s ' "$text"
+    if "$@" >"$log" 2>&1 </dev/null; then
+        printf 'done, %d s\n' $((SECONDS - start))
+    else
+        printf 'FAILED after %d s; the end of %s:\n' $((SECONDS - start)) "$log"
+        tail -n 40 "$log"
+        fail "$text: failed"
+    fi
+}
+
+as_root() {
+    if [ "$(id -u)" = 0 ]; then "$@"; else sudo -n "$@"; fi
+}
+
+install_missing() {
+    as_root apt-get update -q &&
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "$@"
+}
+
+# need PACKAGE...: install those that are missing; nothing to do takes no time.
+need() {
+    local package missing=()
+    case $(uname -sm) in
+    "Linux x86_64" | "Linux aarch64" | "Linux armv7l" | "Linux i686") ;;
+    *) fail "this is $(uname -sm); supported are Linux on x86_64, aarch64, armv7l and i686" ;;
+    esac
+    command -v apt-get >/dev/null && command -v dpkg-query >/dev/null ||
+        fail "no apt here: this needs Debian 12 or a relative; on other systems install by hand: $*"
+    for package; do
+        [ "$(dpkg-query -W -f '${Status}' "$package" 2>/dev/null)" = "install ok installed" ] || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return
+    [ "$(id -u)" = 0 ] || sudo -n true 2>/dev/null ||
+        fail "packages are missing; run as root, or with sudo that asks no password: apt-get install ${missing[*]}"
+    printf 'Packages to install: %s\n' "${missing[*]}"
+    step "Installing packages (needs the network)" install_missing "${missing[@]}"
+}
+
+# configure PRESET: only when it was not done before; the build itself notices later changes.
+configure() {
+    [ -f "build/$1/build.ninja" ] || cmake --preset "$1"
+}
+
+base_packages=(g++ cmake ninja-build qt6-base-dev libgtest-dev)
