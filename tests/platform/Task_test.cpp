@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: MIT
+#include "platform/Task.h"
+#include "support/child.h"
+#include <atomic>
+#include <gtest/gtest.h>
+#include <memory>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+/// What an entry sees of its thread; it ends when `go_on` gets a token.
+struct Probe {
+    explicit Probe(const char* name, int stack_kib = 1024) : task(name, stack_kib, true, 0) {}
+    ~Probe() {
+        go_on.release();
+        task.join();
+    }
+
+    static void* entry(void* argument) {
+        auto* p = static_cast<Probe*>(argument);
+        char name[32] = "";
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        p->name = name;
+        pthread_attr_t attributes;
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstacksize(&attributes, &p->stack);
+        pthread_attr_destroy(&attributes);
+        p->is_current = p->task.is_current();
+        sched_param parameters;
+        pthread_getschedparam(pthread_self(), &p->policy, &parameters);
+        p->priority = parameters.sched_priority;
+        p->ready.release();
+        p->go_on.acquire();
+        p->ended = true;
+        return nullptr;
+    }
+
+    // Plain: start and join must order them.
+    std::string name;
+    size_t stack = 0;
+    bool is_current = false, ended = false;
+    int policy = -1, priority = -1;
+    Semaphore ready, go_on;
+    Task task;
+};
+
+TEST(Task, runs_its_entry_on_a_thread_of_its_own_without_an_application_object) {
+    static const struct {
+        const char* name;
+        int stack_kib;
+        size_t least_kib;
+        const char* shown;
+    } rows[] = {{"kav.receiver", 1024, 1024, "kav.receiver"},
+                {"kav.123456789012", 4096, 4096, "kav.12345678901"},
+                {"PDS1", 1, 200, "PDS1"},
+                {"", -5, 200, ""}};
+    for (const auto& r : rows) {
+        Probe p(r.name, r.stack_kib);
+        EXPECT_TRUE(p.task.join(0)) << "a task that never ran has nothing to wait for";
+        ASSERT_EQ(p.task.start(0, Probe::entry, &p), 0);
+        EXPECT_EQ(p.task.start(0, Probe::entry, &p), -1) << "it runs already";
+        p.ready.acquire();
+        EXPECT_EQ(p.name, r.shown);
+        EXPECT_GE(p.stack, r.least_kib * 1024);
+        EXPECT_TRUE(p.is_current);
+        EXPECT_FALSE(p.task.is_current());
+        EXPECT_FALSE(p.task.join(0));
+        EXPECT_FALSE(p.task.join(1));
+        p.go_on.release();
+        EXPECT_TRUE(p.task.join());
+        EXPECT_TRUE(p.ended);
+        EXPECT_EQ(p.task.start(0, Probe::entry, &p), -1) << "it runs once";
+    }
+}
+
+TEST(Task, its_destructor_waits_for_the_thread) {
+    for (int i = 0; i < 50; ++i) {
+        int steps = 0; // plain: the destructor must order it
+        {
+            Task task("short", 1024, false);
+            ASSERT_EQ(task.start(
+                          0, [](void* n) -> void* { return ++*static_cast<int*>(n), nullptr; }, &steps),
+                      0);
+        }
+        ASSERT_EQ(steps, 1);
+    }
+}
+
+TEST(Task, asks_for_real_time_and_does_without) {
+    Probe p("fast");
+    ASSERT_EQ(p.task.start(51, Probe::entry, &p), 0);
+    p.ready.acquire();
+    sched_param wanted = {};
+    wanted.sched_priority = 51;
+    const int allowed = pthread_setschedparam(pthread_self(), SCHED_RR, &wanted);
+    wanted.sched_priority = 0;
+    pthread_setschedparam(pthread_self(), SCHED_OTHER, &wanted);
+    EXPECT_EQ(p.policy, allowed == 0 ? SCHED_RR : SCHED_OTHER);
+    EXPECT_EQ(p.priority, allowed == 0 ? 51 : 0);
+}
+
+TEST(Task, a_thread_that_cannot_be_had_is_told) {
+    const Child_result r = run_child([] {
+        // Only an ordinary user has a limit. The plain system call touches this thread alone.
+        if (getuid() == 0 && syscall(SYS_setuid, 65534) != 0) exit(2);
+        const rlimit none = {0, 0};
+        setrlimit(RLIMIT_NPROC, &none);
+        Task task("never", 1024, false);
+        const int started = task.start(
+            0, [](void*) -> void* { return nullptr; }, nullptr);
+        exit(started == -1 && task.join(0) ? 0 : 1);
+    });
+    EXPECT_EQ(r.status, 0) << r.err;
+}
+
+TEST(Task, has_a_start_semaphore_of_one_token) {
+    Task task("parked", 1024, false);
+    EXPECT_EQ(task.start_semaphore.available(), 0);
+    task.start_semaphore.release();
+    task.start_semaphore.release();
+    EXPECT_EQ(task.start_semaphore.available(), 1);
+}
+
+} // namespace

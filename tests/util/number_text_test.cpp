@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: MIT
+#include "util/number_text.h"
+#include <clocale>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+/// Puts the process into a locale with a decimal comma, which few machines have installed: it is made here, as the
+/// C library reads it from a file (magic number, six offsets, point, separators, grouping, wide forms, character set).
+class Comma_locale {
+public:
+    Comma_locale() {
+        static const unsigned char numeric[] = {
+            0x14, 0x11, 0x03, 0x20, 6, 0, 0, 0,   32, 0, 0, 0,   34, 0, 0, 0, 35, 0, 0, 0,   36,  0,   0,   0,   40,
+            0,    0,    0,    44,   0, 0, 0, ',', 0,  0, 0, ',', 0,  0, 0, 0, 0,  0, 0, 'A', 'S', 'C', 'I', 'I', 0};
+        _root = std::string(mkdtemp(_template));
+        mkdir((_root + "/comma").c_str(), 0700);
+        FILE* f = fopen((_root + "/comma/LC_NUMERIC").c_str(), "w");
+        fwrite(numeric, 1, sizeof numeric, f);
+        fclose(f);
+        setenv("LOCPATH", _root.c_str(), 1);
+        active = setlocale(LC_NUMERIC, "comma") != nullptr;
+    }
+    ~Comma_locale() {
+        setlocale(LC_NUMERIC, "C");
+        unsetenv("LOCPATH");
+        unlink((_root + "/comma/LC_NUMERIC").c_str());
+        rmdir((_root + "/comma").c_str());
+        rmdir(_root.c_str());
+    }
+    bool active;
+
+private:
+    char _template[32] = "/tmp/kav_locale_XXXXXX";
+    std::string _root;
+};
+
+TEST(number_text, floating_text_does_not_follow_the_processs_locale) {
+    Comma_locale locale;
+    ASSERT_TRUE(locale.active);
+    char text[64];
+    snprintf(text, sizeof text, "%g", 1.5);
+    ASSERT_STREQ(text, "1,5") << "the process itself prints commas";
+
+    EXPECT_EQ(Util::format(text, sizeof text, "%g %.2f %e|%s|%d", 1.5, -0.25, 12345.0, "x", 7), 26);
+    EXPECT_STREQ(text, "1.5 -0.25 1.234500e+04|x|7");
+    EXPECT_EQ(Util::format(text, 4, "%f", 2.5), 8) << "the length of the whole text";
+    EXPECT_STREQ(text, "2.5");
+
+    static const struct {
+        const char* text;
+        double value;
+        size_t used;
+    } rows[] = {{"2.5", 2.5, 3},        {" -1e3x", -1000, 5}, {"2,5", 2, 1}, {"0x1p-2", 0.25, 6},
+                {"1e999", HUGE_VAL, 5}, {"x1", 0, 0},         {"", 0, 0},    {"inf", HUGE_VAL, 3}};
+    for (const auto& r : rows) {
+        const char* end = nullptr;
+        EXPECT_EQ(Util::to_double(r.text, &end), r.value) << r.text;
+        EXPECT_EQ(end, r.text + r.used) << r.text;
+    }
+    EXPECT_EQ(Util::to_double("-0.125"), -0.125);
+    snprintf(text, sizeof text, "%g", 1.5);
+    EXPECT_STREQ(text, "1,5") << "the process's locale is as it was";
+}
+
+TEST(number_text, integers_have_the_limits_of_a_32_bit_long) {
+    static const struct {
+        const char* text;
+        int base;
+        int32_t as_long;
+        uint32_t as_ulong;
+        size_t used;
+    } rows[] = {
+        {"2147483647", 10, INT32_MAX, 2147483647u, 10},
+        {"2147483648", 10, INT32_MAX, 2147483648u, 10},
+        {"4294967295", 10, INT32_MAX, UINT32_MAX, 10},
+        {"4294967296", 10, INT32_MAX, UINT32_MAX, 10},
+        {"99999999999999999999999", 10, INT32_MAX, UINT32_MAX, 23},
+        {" \t-2147483648", 10, INT32_MIN, 2147483648u, 13},
+        {"-2147483649", 10, INT32_MIN, 2147483647u, 11},
+        {"-1", 10, -1, UINT32_MAX, 2},
+        {"-4294967295", 10, INT32_MIN, 1, 11},
+        {"-4294967296", 10, INT32_MIN, UINT32_MAX, 11},
+        {"-99999999999999999999999", 10, INT32_MIN, UINT32_MAX, 24},
+        {"+12abc", 10, 12, 12, 3},
+        {"0x1Fg", 0, 31, 31, 4},
+        {"017", 0, 15, 15, 3},
+        {"ff", 16, 255, 255, 2},
+        {"-", 10, 0, 0, 0},
+        {"  x", 10, 0, 0, 0},
+        {"12", 99, 0, 0, 0}, // no such base
+    };
+    for (const auto& r : rows) {
+        const char *end = nullptr, *uend = nullptr;
+        EXPECT_EQ(Util::to_long32(r.text, r.base, &end), r.as_long) << r.text;
+        EXPECT_EQ(Util::to_ulong32(r.text, r.base, &uend), r.as_ulong) << r.text;
+        EXPECT_EQ(end, r.text + r.used) << r.text;
+        EXPECT_EQ(uend, r.text + r.used) << r.text;
+    }
+}
+
+} // namespace
