@@ -104,7 +104,8 @@ public:
     int submit_timeout(Timeout& t, const Atime& when);
     int submit_timeout(Timeout& t, int ms);
     int submit_timeout(Timeout& t);
-    /// Withdraw: 0, or -1 when it is another diner's.
+    /// Withdraw: 0, or -1 when it is another diner's. A handler that is already running for it runs on: before its
+    /// memory goes, let its destructor withdraw it, or call this under the lock.
     int remove_timeout(Timeout& t);
     /// Whether it is pending here. Takes the lock unless the caller holds it.
     bool submitted(const Timeout& t) const;
@@ -119,6 +120,8 @@ public:
     const Descriptor& get_descriptor() const { return descriptor; }
     /// The caller runs on this diner's thread.
     bool on_own_thread() const;
+    /// The name of a state number in the status table.
+    static const char* state_name(int state);
     bool start_pending() const { return _start_pending; }
 
     /// Thread entry: runs the diner given as argument.
@@ -127,6 +130,8 @@ public:
     Diner_info info;
 
 protected:
+    friend class Diner_info;
+    friend class Diner_info_list;
     friend class Diner_selector;
     Descriptor descriptor;
     Task* task = nullptr;
@@ -143,12 +148,16 @@ public:
     waiter_descriptor waiter;
 
 private:
+    void make_thread();
     void run();
     bool park();
-    bool run_until_kill(waiter_event& event, Atime& deadline);
+    bool enter(State next);
+    void run_until_kill(waiter_event& event, Atime& deadline);
     void leave();
     void dispatch(waiter_event& event);
-    void give_start_token();
+    int release_parked();
+    int post_kill();
+    void join();
     bool debug_test(unsigned a, unsigned b) const;
 
     std::atomic<bool> _killed{false}; ///< termination that does not depend on room in the event pool

@@ -32,6 +32,7 @@ public:
 private:
     Diner_info_list() = default;
     ~Diner_info_list();
+    int num_alive() const;
 
     mutable Mutex _mutex;
     c_sl_list<Diner_info> _infos;

@@ -12,7 +12,7 @@
 class KAV_API Diner_selector {
 public:
     Diner_selector();
-    ~Diner_selector();
+    ~Diner_selector(); ///< its diners are in no selector then
     Diner_selector(const Diner_selector&) = delete;
     Diner_selector& operator=(const Diner_selector&) = delete;
 
@@ -38,11 +38,10 @@ private:
         void handle_timeout(Timeout&) override {}
         using Diner::handle_timeout;
     };
-    Diner* find_equal(const Diner::Descriptor& d) const;
     int select(Diner* d);
 
     mutable Mutex _mutex;
-    mutable Dummy_diner _dummy;
+    Dummy_diner _dummy;
     Diner* _selected = nullptr;
     c_bstree<avl_bstree, Diner> _diners;
 };

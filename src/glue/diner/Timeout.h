@@ -3,17 +3,20 @@
 #include "util/api.h"
 #include "util/atime.h"
 #include "util/avl_bstree.h"
+#include <atomic>
 
 class Diner;
+class Timeout_manager;
 
 /// A request to be called at an instant, once or periodically. The caller owns it and hands it to
 /// Diner::submit_timeout(); while it is submitted it must not be copied over, re-timed or moved. Destroying it
-/// withdraws it.
+/// withdraws it, from any thread: the destructor takes the diner's lock and so waits for a handler that is using it.
 ///
 /// A timeout is free (in no list), pending, or handed out: a one-shot timeout that fired stays handed out until it is
 /// removed, submitted again or its diner stops.
 ///
-/// The diner outlives it, or it is removed before the diner goes: submitted() and the destructor ask the diner.
+/// The diner outlives it, or it is removed before the diner goes: submitted() and the destructor ask the diner. While
+/// it is in a list, threads other than the diner's read and write its fields under the diner's lock.
 class KAV_API Timeout : public avl_bsnode {
 public:
     Timeout();                           ///< due now, one-shot
@@ -33,7 +36,16 @@ public:
     void print() const;
 
     Atime expiry;
-    int uid = 0;            ///< for the owner's use
-    int period = 0;         ///< [ms] > 0: periodic; above a week a stale expiry is not snapped to now
-    Diner* diner = nullptr; ///< where it was last submitted
+    int uid = 0;                        ///< for the owner's use
+    int period = 0;                     ///< [ms] > 0: periodic; above a week a stale expiry is not snapped to now
+    std::atomic<Diner*> diner{nullptr}; ///< where it was last submitted
+
+private:
+    friend class Timeout_manager;
+    bool in_list() const { return _holder.load(std::memory_order_acquire) != nullptr; }
+
+    /// The manager that has it. Unlike the tree links it also stands while the manager moves the timeout from one tree
+    /// to the other, and clearing it is the manager's last access: the owner's thread may look at it without a lock.
+    std::atomic<Timeout_manager*> _holder{nullptr};
+    uint32_t _submission = 0; ///< the manager's count of submissions when it was submitted
 };

@@ -1,0 +1,402 @@
+// SPDX-License-Identifier: MIT
+#include "glue/diner/Diner.h"
+#include "glue/diner/Diner_info_list.h"
+#include "glue/diner/Diner_selector.h"
+#include "util/Bugger.h"
+#include "util/Debug_print.h"
+#include "util/assertion.h"
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace {
+
+/// Named in the status table beside fixed numbers, which field reports can be searched for.
+constexpr const char* source = "glue/diner/Diner";
+constexpr int at_release = 80, at_kill = 110;
+constexpr int at_start = 233, at_start_locked = 235, at_start_hook = 237, at_start_hooked = 239, at_start_token = 262,
+              at_started = 265;
+
+constexpr int terminate_lock_ticks = 200; ///< [10 ms]
+constexpr int terminate_poll_ms = 10;
+constexpr int terminate_polls = 501;
+
+const waiter_event kill_event(0, -1, 0);
+
+bool is_kill(const waiter_event& e) { return e.module_id == kill_event.module_id && e.id == kill_event.id; }
+
+bool is_anonymous(const waiter_event& e) {
+    const waiter_event& a = module_man::EVENT_ANONYMOUS;
+    return e.module_id == a.module_id && e.id == a.id && e.extended == a.extended;
+}
+
+/// One thread counts, others read.
+void count_one(std::atomic<uint32_t>& counter) {
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+} // namespace
+
+Diner::Descriptor::Descriptor(const char* text, int number) : id(number) { snprintf(name, sizeof name, "%s", text); }
+
+bool Diner::Descriptor::operator==(const Descriptor& o) const { return id == o.id && strcmp(name, o.name) == 0; }
+
+const Diner::Descriptor Diner::DESCRIPTOR_DEFAULT;
+
+Diner::Diner() : info(*this) {}
+
+Diner::~Diner() {
+    set_selector(nullptr);
+    const int s = state.load(std::memory_order_acquire);
+    if (s == state_uninit) return;
+    if (task && s != state_term && s != state_gone) {
+        Debug_print::bprint("Need to call terminate() from top level destructor\n");
+        Util::flush_and_abort();
+    }
+    if (!task || s == state_term) Diner_info_list::get().remove(info);
+    if (on_own_thread()) return; // a handler has called exit(): the thread ends with the process
+    delete task;
+}
+
+bool Diner::is_locked() const { return true; }
+bool Diner::lock(int) const { return true; }
+void Diner::unlock() const {}
+void Diner::diner_start() {}
+void Diner::diner_stop() {}
+int Diner::next_timeout(Atime& expiry) { return timeouts.next_expiry(expiry) ? 0 : -1; }
+
+int Diner::init(module_man& mm, Diner_selector* wanted_selector, const Descriptor& name, int wanted_priority,
+                int stack_kib, bool shared, bool pass_anonymous_events) {
+    set_selector(nullptr);
+    lock(-1);
+    // exit() ends the diners of the process, this one perhaps among them: never with the lock held.
+    if (waiter.init(&mm) < 0) {
+        unlock();
+        exit(-103);
+    }
+    if (task) {
+        unlock();
+        Debug_print::bprint("Init called with valid task\n");
+        exit(-139);
+    }
+    descriptor = name;
+    pass_anonymous = pass_anonymous_events;
+    priority = wanted_priority;
+    extra = stack_kib;
+    _shared = shared;
+    state.store(state_stop, std::memory_order_release);
+    make_thread();
+    unlock();
+    // The list and the selector lock before the diners that they call, so they are entered without the diner's lock;
+    // the selector last, because a diner that can be selected must be able to start.
+    Diner_info_list::get().add(info);
+    if (set_selector(wanted_selector) == -1) {
+        Debug_print::bprint("Problem setting selector!\r\n");
+        exit(-104);
+    }
+    return 0;
+}
+
+void Diner::make_thread() {
+    char name[4 + sizeof descriptor.name];
+    snprintf(name, sizeof name, "kav.%s", descriptor.name);
+    task = new (std::nothrow) Task(name, extra, _shared);
+    if (task && task->start(priority, runner, this) == 0) return;
+    Debug_print::bprint("Task is null  %s\r\n", descriptor.name);
+    delete task;
+    task = nullptr;
+}
+
+void* Diner::runner(void* diner) {
+    static_cast<Diner*>(diner)->run();
+    return nullptr;
+}
+
+void Diner::run() {
+    waiter_event event;
+    Atime deadline(false);
+    while (park()) run_until_kill(event, deadline);
+}
+
+/// Enter a state, unless termination is requested. A diner without a lock has only this to not lose the request.
+bool Diner::enter(State next) {
+    int s = state.load(std::memory_order_acquire);
+    do {
+        if (s == state_term) return false;
+    } while (!state.compare_exchange_weak(s, next, std::memory_order_acq_rel));
+    return true;
+}
+
+/// Wait to be started: true with the lock held; false, without, when the thread is to end.
+bool Diner::park() {
+    lock(-1);
+    if (!enter(state_stop)) {
+        waiter.flush_events();
+        leave();
+        return false;
+    }
+    if (!_start_pending.exchange(false)) {
+        unlock();
+        task->start_semaphore.acquire();
+        lock(-1);
+    }
+    info.checkpoint(source, at_release);
+    if (!enter(state_run)) {
+        leave();
+        return false;
+    }
+    // A second start() may have given another token before it could see that the first was taken; left there, it would
+    // revive the diner after its next stop.
+    task->start_semaphore.try_acquire();
+    return true;
+}
+
+/// The end of the thread, lock held. The list is a lock that calls into diners, so it is entered without ours; nobody
+/// takes the state away from "terminating" meanwhile. The unlock is the last access: who sees the last state under the
+/// lock may destroy the diner.
+void Diner::leave() {
+    unlock();
+    Diner_info_list::get().remove(info);
+    lock(-1);
+    state.store(state_gone, std::memory_order_release);
+    unlock();
+}
+
+/// Handle events and timeouts, from and to "lock held" around each, until the kill event; returns without the lock.
+void Diner::run_until_kill(waiter_event& event, Atime& deadline) {
+    for (;;) {
+        int r = next_timeout(deadline);
+        unlock();
+        if (r < 0) {
+            waiter.get_event(&event);
+            r = 0;
+        } else {
+            r = waiter.get_event(&event, deadline);
+        }
+        if ((r >= 0 && is_kill(event)) || _killed.load(std::memory_order_acquire)) break;
+        lock(-1);
+        if (r < 0) {
+            info.activity.store(Diner_info::activity_timeout, std::memory_order_relaxed);
+            handle_timeout();
+        } else {
+            info.activity.store(Diner_info::activity_event, std::memory_order_relaxed);
+            dispatch(event);
+        }
+        info.activity.store(Diner_info::activity_idle, std::memory_order_relaxed);
+        count_one(r < 0 ? info.timeout_count : info.event_count);
+    }
+    info.checkpoint(source, at_kill);
+    timeouts.terminate();
+}
+
+void Diner::dispatch(waiter_event& event) {
+    if (debug_test(10, 50)) {
+        Debug_print::cprint(debug_test(100, 150), "Evt{%s,%d,%d}\n", descriptor.name, static_cast<int>(event.module_id),
+                            static_cast<int>(event.id));
+    }
+    if (pass_anonymous || !is_anonymous(event)) handle_event(event);
+}
+
+void Diner::handle_timeout() {
+    Timeout_manager::Pass pass = timeouts.begin_pass();
+    while (Timeout* t = timeouts.expired_timeout(pass)) {
+        const int ms = pass.expiry().get_ms_from_now();
+        if (ms >= 1) {
+            Debug_print::dprint("Timeout_diner::handle_timeout - not expired yet %d\n", -ms);
+            Bugger::report_bug("Timeout_diner::handle_timeout - not expired yet");
+        }
+        if (debug_test(11, 51)) {
+            Debug_print::cprint(debug_test(101, 151), "Tim{%s,%p}\n", descriptor.name, static_cast<void*>(t));
+        }
+        handle_timeout(*t);
+        timeouts.reschedule_periodic_timeout(*t);
+    }
+}
+
+bool Diner::debug_test(unsigned a, unsigned b) const {
+    const unsigned level = info.debug_level.load(std::memory_order_relaxed);
+    return level != 0 && (level == a || level > b);
+}
+
+int Diner::start() {
+    info.checkpoint(source, at_start);
+    lock(-1);
+    info.checkpoint(source, at_start_locked);
+    if (!task) {
+        Debug_print::bprint("Task not created %s\r\n", descriptor.name);
+        unlock();
+        return -1;
+    }
+    if (state.load(std::memory_order_acquire) != state_stop) {
+        unlock();
+        return -1;
+    }
+    unlock();
+    info.checkpoint(source, at_start_hook);
+    waiter.set_enabled(true);
+    diner_start();
+    info.checkpoint(source, at_start_hooked);
+    lock(-1);
+    info.checkpoint(source, at_start_token);
+    const int result = release_parked();
+    info.checkpoint(source, at_started);
+    unlock();
+    return result;
+}
+
+/// The end of start(), lock held. Others may have started, stopped or terminated the diner while the hook ran.
+int Diner::release_parked() {
+    switch (state.load(std::memory_order_acquire)) {
+    case state_stop:
+        waiter.set_enabled(true); // a stop() in between has disabled it
+        task->start_semaphore.release();
+        return 0;
+    case state_run:
+        return 0;
+    default:
+        waiter.set_enabled(false);
+        return -1;
+    }
+}
+
+int Diner::stop() {
+    lock(-1);
+    _start_pending = false;
+    if (state.load(std::memory_order_acquire) != state_run) {
+        unlock();
+        return -1;
+    }
+    diner_stop();
+    const int result = post_kill();
+    if (result != 0) {
+        diner_start();
+    } else {
+        waiter.set_enabled(false);
+        int expected = state_run; // without a lock the thread may have parked already
+        state.compare_exchange_strong(expected, state_stopping);
+    }
+    unlock();
+    return result;
+}
+
+int Diner::send_kill() { return waiter.send_event(kill_event, true, false); }
+
+/// send_kill() to a waiter that the application may have disabled: the kill must not be dropped.
+int Diner::post_kill() {
+    waiter.set_enabled(true);
+    return send_kill();
+}
+
+void Diner::terminate(bool wait) {
+    // Also true when the process ends from a handler, which holds the lock.
+    if (terminated()) {
+        timeouts.terminate();
+        if (wait) join();
+        return;
+    }
+    if (!lock(terminate_lock_ticks)) {
+        Debug_print::bprint("No terminate, are we locked\n");
+        Util::flush_and_abort();
+    }
+    _start_pending = false;
+    timeouts.terminate();
+    int s = state.load(std::memory_order_acquire); // up to state_stop: run, stopping or stop
+    while (s <= state_stop && !state.compare_exchange_weak(s, task ? state_term : state_gone)) {
+    }
+    if (s > state_stop) {
+        if (s != state_gone) {
+            fprintf(stderr, "terminate %lx called from state %d\n", reinterpret_cast<unsigned long>(this), s);
+        }
+        unlock();
+        return;
+    }
+    if (s == state_run) {
+        if (post_kill() != 0) {
+            _killed.store(true, std::memory_order_release);
+            waiter.send_anonymous_event();
+        }
+        waiter.set_enabled(false);
+        diner_stop();
+    } else {
+        if (task) task->start_semaphore.release();
+        waiter.set_enabled(false);
+    }
+    unlock();
+    if (wait) wait_terminate();
+}
+
+void Diner::wait_terminate() {
+    for (int polls = 1; get_state() != state_gone; ++polls) {
+        if (polls == terminate_polls) {
+            Debug_print::bprint("No terminate, did we call delete ourself\n");
+            Util::flush_and_abort();
+        }
+        Atime::delay(terminate_poll_ms);
+    }
+    join();
+}
+
+/// The thread has reached its last state; wait until it does not use the diner any more. Without a lock there is
+/// nothing else to tell.
+void Diner::join() {
+    if (task && !on_own_thread()) task->join();
+}
+
+int Diner::get_state() const {
+    if (is_locked()) return state.load(std::memory_order_acquire);
+    lock(-1);
+    const int s = state.load(std::memory_order_acquire);
+    unlock();
+    return s;
+}
+
+const char* Diner::state_name(int state) {
+    static const char* const names[] = {"Run", "Stoping", "Stop", "Uninit", "Term"};
+    return state >= state_run && state <= state_term ? names[state] : "Unknown";
+}
+
+bool Diner::on_own_thread() const { return task && task->is_current(); }
+
+int Diner::submit_timeout(Timeout& t, const Atime& when) {
+    const int result = timeouts.submit_timeout(t, &when, this);
+    waiter.send_anonymous_event();
+    return result;
+}
+
+int Diner::submit_timeout(Timeout& t, int ms) { return submit_timeout(t, Atime::from_now(ms)); }
+
+int Diner::submit_timeout(Timeout& t) {
+    const int result = timeouts.submit_timeout(t, nullptr, this);
+    waiter.send_anonymous_event();
+    return result;
+}
+
+int Diner::remove_timeout(Timeout& t) { return timeouts.remove_timeout(t, true); }
+
+bool Diner::submitted(const Timeout& t) const {
+    if (is_locked()) return timeouts.submitted(t);
+    lock(-1);
+    const bool found = timeouts.submitted(t);
+    unlock();
+    return found;
+}
+
+void Diner::remove_from_lists(Timeout& t) {
+    const bool held = is_locked();
+    if (!held) lock(-1);
+    timeouts.remove_timeout(t);
+    if (!held) unlock();
+}
+
+int Diner::set_selector(Diner_selector* s) {
+    Diner_selector* old = selector;
+    if (old) old->deregister_diner(this);
+    const int result = s ? s->register_diner(this) : 0;
+    if (result == 0) {
+        selector = s;
+    } else {
+        selector = old && old->register_diner(this) == 0 ? old : nullptr;
+    }
+    return result;
+}

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+#include "glue/diner/Diner_info_list.h"
+#include "glue/diner/Diner.h"
+#include "util/Debug_print.h"
+#include <cstdio>
+#include <mutex>
+
+namespace {
+
+using Guard = std::lock_guard<Mutex>;
+
+constexpr int quiet_passes = 15;
+constexpr int pass_ms = 100;
+
+} // namespace
+
+Diner_info_list& Diner_info_list::get() {
+    static Diner_info_list list;
+    return list;
+}
+
+Diner_info_list::~Diner_info_list() {
+    std::unique_lock<Mutex> guard(_mutex);
+    for (Diner_info& info : _infos) {
+        // A handler that called exit() stands below us on this very stack: its thread goes with the process.
+        if (info.diner.on_own_thread()) {
+            info.diner.state = Diner::state_gone;
+        } else {
+            info.diner.terminate(false);
+        }
+    }
+    for (int pass = 1;; ++pass) {
+        const unsigned alive = static_cast<unsigned>(num_alive());
+        if (alive == 0) break;
+        if (pass > quiet_passes) {
+            fprintf(stderr, "%u out of %u diners still alive\n", alive, static_cast<unsigned>(_infos.size()));
+        }
+        guard.unlock();
+        Atime::delay(pass_ms);
+        guard.lock();
+    }
+    while (_infos.pop()) {
+    }
+}
+
+int Diner_info_list::num_alive() const {
+    int n = 0;
+    for (const Diner_info& info : _infos) n += info.diner.terminated() ? 0 : 1;
+    return n;
+}
+
+void Diner_info_list::add(Diner_info& info) {
+    const Guard guard(_mutex);
+    _infos.push(&info);
+}
+
+void Diner_info_list::remove(Diner_info& info) {
+    const Guard guard(_mutex);
+    _infos.remove(&info);
+}
+
+void Diner_info_list::print(bool to_debug, bool full_path) const {
+    static const char heading[] = "\nId      Name State Run   EventCnt ToutCnt Checkpoint";
+    const Guard guard(_mutex);
+    if (to_debug) {
+        Debug_print::dprint("%s\n", heading);
+    } else {
+        puts(heading);
+    }
+    int position = 0;
+    for (const Diner_info& info : _infos) {
+        if (to_debug) {
+            Debug_print::dprint("%2d ", position++);
+        } else {
+            printf("%2d ", position++);
+        }
+        info.print(to_debug, full_path);
+    }
+}
+
+void Diner_info_list::test_lock() {
+    const Guard guard(_mutex);
+    for (Diner_info& info : _infos) info.test_lock();
+}
+
+void Diner_info_list::set_debug_level(int index, unsigned char level) {
+    const Guard guard(_mutex);
+    if (Diner_info* info = _infos[index]) info->set_debug_level(level);
+}
+
+int Diner_info_list::print_alive() const {
+    const Guard guard(_mutex);
+    for (const Diner_info& info : _infos) {
+        if (info.diner.terminated()) continue;
+        fprintf(stderr, "  %s (%s)\n", info.diner.get_descriptor().name, Diner::state_name(info.diner.state));
+    }
+    return num_alive();
+}
