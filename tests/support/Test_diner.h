@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/diner/Diner_info_list.h"
+#include "glue/diner/Diner_protection.h"
+#include "support/wait_until.h"
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+
+/// A door that threads wait at while it is shut.
+class Gate {
+public:
+    void shut() { set(false); }
+    void open() { set(true); }
+    void pass() {
+        std::unique_lock<std::mutex> lock(_mutex);
+        ++_waiting;
+        _opened.wait(lock, [this] { return _open; });
+        --_waiting;
+    }
+    /// Wait until `n` threads stand at it.
+    bool reached(int n = 1) {
+        return wait_until([this, n] {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            return !_open && _waiting == n;
+        });
+    }
+
+private:
+    void set(bool open) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _open = open;
+        _opened.notify_all();
+    }
+    std::mutex _mutex;
+    std::condition_variable _opened;
+    bool _open = true;
+    int _waiting = 0;
+};
+
+/// A diner whose handlers are given by the test. Base: Diner::Protection, or Diner for one without a lock.
+template <class Base = Diner::Protection>
+class Test_diner : public Base {
+public:
+    explicit Test_diner(const char* name = "test", int id = 0) : own(name, id) {}
+    ~Test_diner() override {
+        lock_gate.open();
+        if (this->state == Diner::state_term) this->wait_terminate();
+        if (this->state != Diner::state_uninit) this->terminate(true);
+    }
+
+    /// Initialise, and start unless `parked`.
+    void begin(bool parked = false, bool pass_anonymous = false, Diner_selector* s = nullptr) {
+        this->init(Diner_info_list::get(), s, own, 0, 0, false, pass_anonymous);
+        if (!parked) run();
+    }
+    bool run() { return this->start() == 0 && in_state(Diner::state_run); }
+    bool in_state(int s) {
+        return wait_until([this, s] { return this->state == s; });
+    }
+    /// Nothing is posted to it that it has not handled.
+    bool idle() {
+        return wait_until([this] { return this->info.event_count == static_cast<uint32_t>(posted.load()); });
+    }
+    void post(int id) {
+        ++posted;
+        this->waiter.send_event(waiter_event(2000, id, 0), false, false);
+    }
+    int start_tokens() { return this->task->start_semaphore.available(); }
+
+    bool lock(int timeout) const override {
+        if (this->on_own_thread()) lock_gate.pass();
+        return Base::lock(timeout);
+    }
+    void diner_start() override {
+        ++starts;
+        if (on_start) on_start();
+    }
+    void diner_stop() override { ++stops; }
+    using Base::handle_timeout;
+    void handle_event(waiter_event& e) override {
+        ++events;
+        if (on_event) on_event(e);
+    }
+    void handle_timeout(Timeout& t) override {
+        ++timeouts_handled;
+        if (on_timeout) on_timeout(t);
+    }
+
+    Diner::Descriptor own;
+    std::function<void()> on_start;
+    std::function<void(waiter_event&)> on_event;
+    std::function<void(Timeout&)> on_timeout;
+    std::atomic<int> starts{0}, stops{0}, events{0}, timeouts_handled{0}, posted{0};
+    mutable Gate lock_gate; ///< shut: the diner's own thread stops before it takes its lock
+};
