@@ -57,9 +57,15 @@ const unsigned char* Ring_buffer::span(uint32_t offset, uint32_t& n) const {
 }
 
 uint32_t Ring_buffer::drop(uint32_t n) {
-    const uint32_t dropped = std::min(n, used());
+    const uint32_t m = std::min(n, used());
     if (full() && n > 0) tail = head;
     const uint32_t to_end = capacity - head;
-    head = dropped < to_end ? head + dropped : dropped - to_end;
-    return dropped;
+    head = m < to_end ? head + m : m - to_end;
+    dropped += m;
+    return m;
+}
+
+void Ring_buffer::clear() {
+    dropped += used();
+    tail = head;
 }

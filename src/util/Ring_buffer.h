@@ -3,7 +3,7 @@
 #include "util/api.h"
 #include <cstdint>
 
-/// First-in first-out bytes over storage that somebody else owns. A value type of 4 words; no lock.
+/// First-in first-out bytes over storage that somebody else owns. A small value type; no lock.
 ///
 ///     0        head          tail      capacity
 ///     |.........|=============|...........|        used() = tail - head, or behind the wrap
@@ -33,10 +33,11 @@ public:
     const unsigned char* span(uint32_t offset, uint32_t& n) const;
     /// Consume up to `n` bytes; returns how many.
     uint32_t drop(uint32_t n);
-    void clear() { tail = head; } ///< forget what is stored
+    void clear(); ///< forget what is stored
 
     unsigned char* data;
     uint32_t capacity;
-    uint32_t head; ///< index of the oldest byte
-    uint32_t tail; ///< index of the next byte to store, or full_mark
+    uint32_t head;        ///< index of the oldest byte
+    uint32_t tail;        ///< index of the next byte to store, or full_mark
+    uint64_t dropped = 0; ///< [bytes] consumed or forgotten since construction
 };

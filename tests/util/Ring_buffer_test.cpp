@@ -44,6 +44,7 @@ TEST(Ring_buffer, behaves_as_a_bounded_queue) {
         Bytes storage(capacity + 2, 0xCC); // a guard on either side
         Ring_buffer ring(storage.data() + 1, capacity);
         std::deque<unsigned char> model;
+        uint64_t put = 0;
         for (int step = 0; step < 4000; ++step) {
             Bytes piece(random() % (capacity + 3));
             for (auto& b : piece) b = static_cast<unsigned char>(random());
@@ -67,10 +68,12 @@ TEST(Ring_buffer, behaves_as_a_bounded_queue) {
             default: {
                 const uint32_t stored = std::min(n, capacity - static_cast<uint32_t>(model.size()));
                 ASSERT_EQ(ring.put(piece.data(), n), stored);
+                put += stored;
                 model.insert(model.end(), piece.begin(), piece.begin() + stored);
             }
             }
             ASSERT_NO_FATAL_FAILURE(verify(ring, model, random)) << "capacity " << capacity << " step " << step;
+            ASSERT_EQ(ring.dropped, put - model.size());
         }
         EXPECT_EQ(storage.front(), 0xCC);
         EXPECT_EQ(storage.back(), 0xCC);

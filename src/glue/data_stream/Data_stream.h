@@ -109,6 +109,11 @@ public:
         unsigned char at(uint32_t i) const {
             return i < used() ? *_stream.buffer.at(i) : static_cast<unsigned char>(0);
         }
+        /// Copy up to `n` bytes from the front without dropping them; returns how many.
+        uint32_t peek(unsigned char* dest, uint32_t n) const { return _stream.buffer.peek(0, dest, n); }
+        /// Number in the stream of the byte at the front, counted from 0: what was said about a byte before holds for
+        /// the byte of the same number.
+        uint64_t position() const { return _stream.buffer.dropped; }
         /// Copy up to `n` bytes from the front and drop them; returns how many.
         uint32_t move(unsigned char* dest, uint32_t n);
         uint32_t drop(uint32_t n) { return _stream.buffer.drop(n); }
