@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+#include "glue/data_stream/Posix_serial_data_stream.h"
+
+Posix_serial_data_stream::Posix_serial_data_stream() { set_name("DSPosSer(%p)", static_cast<void*>(this)); }
+
+Posix_serial_data_stream::Posix_serial_data_stream(char const* args) {
+    open_from_args(args);
+    set_name("DSPosSer(%p, %s)", static_cast<void*>(this), args);
+}
+
+Posix_serial_data_stream::~Posix_serial_data_stream() = default;
+
+bool Posix_serial_data_stream::open(char const* path, bool create, bool blocking, bool append) {
+    close();
+    if (!Posix_data_stream::open(path, create, blocking, append)) return false;
+    set_name("DSPosSer(%p, %s)", static_cast<void*>(this), path);
+    return init();
+}
+
+bool Posix_serial_data_stream::open_default(char const* path) { return open(path, false, true, false); }
+
+bool Posix_serial_data_stream::close() {
+    const bool closed = Posix_data_stream::close();
+    deinit();
+    set_name("DSPosSer(%p)", static_cast<void*>(this));
+    return closed;
+}
+
+int Posix_serial_data_stream::get_fd() const { return read_fd() == write_fd() ? read_fd() : -1; }
+
+char const* Posix_serial_data_stream::get_help() { return "-c|--comm device[:baud]"; }

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+#include "glue/data_stream/Posix_threaded_serial_data_stream.h"
+
+Posix_threaded_serial_data_stream::Posix_threaded_serial_data_stream() {
+    set_name("DSPosTSer(%p)", static_cast<void*>(this));
+}
+
+Posix_threaded_serial_data_stream::Posix_threaded_serial_data_stream(char const* args)
+    : Posix_threaded_serial_data_stream() {
+    open_from_args(args);
+}
+
+Posix_threaded_serial_data_stream::~Posix_threaded_serial_data_stream() {
+    if (initialised()) close();
+}
+
+bool Posix_threaded_serial_data_stream::init(module_man& mm) {
+    Posix_threaded_data_stream::init(mm);
+    return init();
+}
+
+bool Posix_threaded_serial_data_stream::open(char const* path) {
+    close();
+    if (!Posix_threaded_data_stream::open(path, false, false)) return false;
+    set_name("DSPosTSer(%p, %s)", static_cast<void*>(this), path);
+    return init();
+}
+
+bool Posix_threaded_serial_data_stream::open_default(char const* path) {
+    const bool ok = open(path);
+    if (!ok) printf("OPEN BAD\n");
+    return ok;
+}
+
+bool Posix_threaded_serial_data_stream::close() {
+    const bool closed = Posix_threaded_data_stream::close();
+    deinit();
+    set_name("DSPosTSer(%p)", static_cast<void*>(this));
+    return closed;
+}
+
+int Posix_threaded_serial_data_stream::get_fd() const { return descriptor(); }
