@@ -217,7 +217,7 @@ TEST(Start_race, a_start_overtaken_by_the_end_leaves_the_waiter_disabled) {
 /// Both kinds of diner, destroyed the moment that terminate() returns, parked, running or never initialised.
 template <class Base>
 void come_and_go() {
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 100; ++i) {
         auto d = std::make_unique<Test_diner<Base>>();
         if (i % 4) d->begin(i % 2);
         if (i % 4 == 1) d->post(i);

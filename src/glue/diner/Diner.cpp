@@ -289,12 +289,6 @@ int Diner::post_kill() {
 }
 
 void Diner::terminate(bool wait) {
-    // Also true when the process ends from a handler, which holds the lock.
-    if (terminated()) {
-        timeouts.terminate();
-        if (wait) join();
-        return;
-    }
     if (!lock(terminate_lock_ticks)) {
         Debug_print::bprint("No terminate, are we locked\n");
         Util::flush_and_abort();
@@ -309,6 +303,7 @@ void Diner::terminate(bool wait) {
             fprintf(stderr, "terminate %lx called from state %d\n", reinterpret_cast<unsigned long>(this), s);
         }
         unlock();
+        if (wait && s == state_gone) join();
         return;
     }
     if (s == state_run) {

@@ -21,14 +21,14 @@ Diner_info_list& Diner_info_list::get() {
 
 Diner_info_list::~Diner_info_list() {
     std::unique_lock<Mutex> guard(_mutex);
+    // A handler that called exit() stands below us on this very stack. Its thread goes with the process, and it has no
+    // more use for its lock, which others (a diner that shares it, its own destructor) may need.
     for (Diner_info& info : _infos) {
-        // A handler that called exit() stands below us on this very stack: its thread goes with the process.
-        if (info.diner.on_own_thread()) {
-            info.diner.state = Diner::state_gone;
-        } else {
-            info.diner.terminate(false);
-        }
+        if (!info.diner.on_own_thread()) continue;
+        info.diner.state = Diner::state_gone;
+        if (info.diner.is_locked()) info.diner.unlock();
     }
+    for (Diner_info& info : _infos) info.diner.terminate(false);
     for (int pass = 1;; ++pass) {
         const unsigned alive = static_cast<unsigned>(num_alive());
         if (alive == 0) break;
