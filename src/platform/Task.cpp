@@ -6,13 +6,9 @@
 #include <pthread.h>
 #include <sched.h>
 
-#if defined(KAV_TSAN) || defined(__SANITIZE_ADDRESS__)
-/// Instrumented frames are several times larger.
-static constexpr unsigned least_stack_kib = 2048;
-#else
-/// What the C library and Qt need on a thread of their own, with room to spare; the board's figures leave them out.
-static constexpr unsigned least_stack_kib = 256;
-#endif
+/// What the C library and Qt need on a thread of their own, instrumented builds included; the board's figures leave
+/// that out.
+static constexpr unsigned least_stack_kib = 512;
 
 Task::Task(const char* name, int stack_kib, bool, int) {
     snprintf(_name, sizeof _name, "%s", name);

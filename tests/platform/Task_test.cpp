@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "platform/Task.h"
 #include "support/child.h"
-#include <atomic>
 #include <gtest/gtest.h>
-#include <memory>
 #include <pthread.h>
 #include <sched.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -57,8 +56,8 @@ TEST(Task, runs_its_entry_on_a_thread_of_its_own_without_an_application_object) 
         const char* shown;
     } rows[] = {{"kav.receiver", 1024, 1024, "kav.receiver"},
                 {"kav.123456789012", 4096, 4096, "kav.12345678901"},
-                {"PDS1", 1, 200, "PDS1"},
-                {"", -5, 200, ""}};
+                {"PDS1", 1, 400, "PDS1"},
+                {"", -5, 400, ""}};
     for (const auto& r : rows) {
         Probe p(r.name, r.stack_kib);
         EXPECT_TRUE(p.task.join(0)) << "a task that never ran has nothing to wait for";
@@ -76,6 +75,15 @@ TEST(Task, runs_its_entry_on_a_thread_of_its_own_without_an_application_object) 
         EXPECT_TRUE(p.ended);
         EXPECT_EQ(p.task.start(0, Probe::entry, &p), -1) << "it runs once";
     }
+}
+
+TEST(Task, names_any_thread_with_what_fits) {
+    std::thread([] {
+        char name[32] = "";
+        TaskImp::set_name("sixteen letters!");
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        EXPECT_STREQ(name, "sixteen letters");
+    }).join();
 }
 
 TEST(Task, its_destructor_waits_for_the_thread) {
@@ -107,13 +115,13 @@ TEST(Task, asks_for_real_time_and_does_without) {
 TEST(Task, a_thread_that_cannot_be_had_is_told) {
     const Child_result r = run_child([] {
         // Only an ordinary user has a limit. The plain system call touches this thread alone.
-        if (getuid() == 0 && syscall(SYS_setuid, 65534) != 0) exit(2);
+        if (getuid() == 0 && syscall(SYS_setuid, 65534) != 0) _exit(2);
         const rlimit none = {0, 0};
         setrlimit(RLIMIT_NPROC, &none);
         Task task("never", 1024, false);
         const int started = task.start(
             0, [](void*) -> void* { return nullptr; }, nullptr);
-        exit(started == -1 && task.join(0) ? 0 : 1);
+        _exit(started == -1 && task.join(0) ? 0 : 1);
     });
     EXPECT_EQ(r.status, 0) << r.err;
 }

@@ -9,7 +9,7 @@
 #include <dirent.h>
 #include <functional>
 #include <gtest/gtest.h>
-#include <regex>
+#include <pthread.h>
 
 namespace {
 
@@ -93,14 +93,20 @@ TEST(Debug_print, dumps_bytes) {
 }
 
 TEST(Debug_print, detail_is_one_line_of_at_most_255_characters) {
-    const std::string head = "\\[ *[0-9]+\\.[0-9]{3}\\|ThreadID:0x[0-9a-f]+\\] ";
-    const auto matches = [&head](const std::string& line, const std::string& rest) {
-        return std::regex_match(line, std::regex(head + rest));
-    };
-    EXPECT_PRED2(matches, printed([] { Debug_print::dprint_detail("a/b", 12, "n=%d", 5); }), "a/b:12: 'n=5'\n");
-    EXPECT_PRED2(matches, printed([] { Debug_print::dprint_detail("a/b", 12, "end\n"); }), "a/b:12: 'end'\n");
-    EXPECT_PRED2(matches, printed([] { Debug_print::dprint_detail("a/b", 12, "%s", "\n\n"); }), "a/b:12: '\n'\n");
-    EXPECT_PRED2(matches, printed([] { Debug_print::dprint_detail("a/b", 12, "%s", ""); }), "a/b:12: ''\n");
+    static const struct {
+        const char *message, *rest;
+    } rows[] = {
+        {"n=5", "a/b:12: 'n=5'\n"}, {"end\n", "a/b:12: 'end'\n"}, {"\n\n", "a/b:12: '\n'\n"}, {"", "a/b:12: ''\n"}};
+    for (const auto& r : rows) {
+        const std::string line = printed([&r] { Debug_print::dprint_detail("a/b", 12, "%s", r.message); });
+        unsigned seconds = 0, ms = 1000;
+        void* thread = nullptr;
+        int used = 0;
+        EXPECT_EQ(sscanf(line.c_str(), "[%u.%3u|ThreadID:%p] %n", &seconds, &ms, &thread, &used), 3) << line;
+        EXPECT_EQ(thread, reinterpret_cast<void*>(pthread_self()));
+        EXPECT_EQ(line.substr(static_cast<size_t>(used)), r.rest);
+    }
+    // Headers and messages of every length around the limit.
     for (size_t file = 150; file < 300; ++file) {
         for (size_t message : {0, 1, 40, 300}) {
             const std::string name(file, 'f'), text(message, 'm');
@@ -158,7 +164,7 @@ TEST(Debug_print, the_output_file_can_be_changed) {
     close(fd);
     unlink(path);
 
-    for (int port = -1; port < 4; ++port) {
+    for (int port = 0; port < 4; ++port) {
         EXPECT_EQ(Debug_print::log_to_file(path, static_cast<IOPortIndex>(port)), port == 1 || port == 2) << port;
     }
     EXPECT_NE(access(path, F_OK), 0) << "the path of a port is not used";

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "support/capture.h"
 #include "support/child.h"
 #include "support/wait_until.h"
 #include "util/Debug_base.h"
@@ -33,6 +34,7 @@ void* this_thread() { return QThread::currentThreadId(); }
 
 TEST(Mutex, lets_one_thread_in_at_a_time) {
     Mutex mutex;
+    Capture err(stderr);
     int inside = 0, total = 0; // plain: the thread sanitizer sees whether the lock orders them
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -52,11 +54,13 @@ TEST(Mutex, lets_one_thread_in_at_a_time) {
     }
     for (auto& t : threads) t.join();
     EXPECT_EQ(total, 20000);
+    EXPECT_EQ(err.text().find(text_of("avoided %p 0\n", static_cast<void*>(&mutex))), std::string::npos)
+        << "a wait that no message announced ends without one";
 }
 
 TEST(Mutex, knows_its_holder) {
     Mutex mutex;
-    const auto elsewhere = [&mutex](auto check) { std::thread([&] { check(); }).join(); };
+    const auto elsewhere = [](auto check) { std::thread(check).join(); };
     EXPECT_EQ(mutex.status(), Mutex::status_free);
     EXPECT_FALSE(mutex.is_locked());
     EXPECT_EQ(mutex.owner(), nullptr);
