@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: MIT
+#include "glue/vorn/Vorn_message.h"
+#include "util/Debug_print.h"
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+/// 0..15, -1 for any other character. The C library's isxdigit would ask the locale.
+int hex_value(unsigned char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+}
+
+/// The number of `n` digits, -1 when one of them is none.
+int hex_number(const unsigned char* digits, int n) {
+    int value = 0;
+    for (int i = 0; i < n; ++i) {
+        const int digit = hex_value(digits[i]);
+        if (digit < 0) return -1;
+        value = value * 16 + digit;
+    }
+    return value;
+}
+
+bool is_line_end(unsigned char c) { return c == '\r' || c == '\n'; }
+
+uint8_t rotated(unsigned sum) { return static_cast<uint8_t>(sum << 2 | sum >> 6); }
+
+} // namespace
+
+Vorn_message::~Vorn_message() = default;
+
+uint32_t Vorn_message::get_msg_len() const {
+    if (size < header_size) return 0;
+    const int length = hex_number(data + 2, 3);
+    if (length < 0) {
+        Debug_print::dprint("contains non-hex digit");
+        return 0;
+    }
+    return static_cast<uint32_t>(length);
+}
+
+uint8_t Vorn_message::compute_8bit_checksum(uint32_t count) const {
+    count = std::min(count, size);
+    // Four rotations by 2 bits change nothing, and exclusive-or does not care for order: bytes four places apart may be
+    // added up first. So whole words are, behind an odd start, and only their sum goes through the chain of rotations.
+    uint64_t words = 0;
+    const unsigned char* p = data;
+    uint8_t sum = 0;
+    for (uint32_t odd = count % sizeof words; odd > 0; --odd) sum = rotated(sum) ^ *p++;
+    for (uint32_t n = count / sizeof words; n > 0; --n, p += sizeof words) {
+        uint64_t word;
+        memcpy(&word, p, sizeof word);
+        words ^= word;
+    }
+    unsigned char lanes[sizeof words];
+    memcpy(lanes, &words, sizeof words);
+    for (int i = 0; i < 4; ++i) sum = rotated(sum) ^ lanes[i] ^ lanes[i + 4];
+    return rotated(sum);
+}
+
+bool Vorn_message::check_checksum() const {
+    if (size < header_size) return false;
+    const uint32_t length = get_msg_len();
+    if (size < length + header_size || !is_line_end(data[size - 1])) return false;
+    if (data[length + 4] == compute_8bit_checksum(length + 4)) return true;
+    return data[size - 4] == '@' && hex_number(data + size - 3, 2) == compute_8bit_checksum(length + 3);
+}
+
+bool Vorn_message::set_checksum() {
+    const uint32_t length = get_msg_len();
+    if (size < length + header_size) return false;
+    data[length + 4] = compute_8bit_checksum(length + 4);
+    return true;
+}
+
+bool Vorn_message::validate(uint16_t id) const { return get_id() == id && check_checksum(); }
+
+bool Vorn_message::setup(uint16_t id, uint32_t total_size) {
+    if (total_size < header_size || total_size - header_size > max_body) return false;
+    set_uint16_le(0, id);
+    write_length(total_size - header_size, true);
+    return true;
+}
+
+bool Vorn_message::reduce_size_to(uint32_t body_len) {
+    if (body_len > max_body || body_len + header_size > size) return false;
+    size = body_len + header_size;
+    write_length(body_len, false);
+    return true;
+}
+
+void Vorn_message::write_length(uint32_t body_len, bool upper_case) {
+    const char* digits = upper_case ? "0123456789ABCDEF" : "0123456789abcdef";
+    for (int i = 0; i < 3; ++i) data[2 + i] = static_cast<unsigned char>(digits[body_len >> 4 * (2 - i) & 15]);
+}
