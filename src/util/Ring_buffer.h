@@ -16,7 +16,11 @@ public:
     /// `storage` of `n` [bytes], at least 1, outlives the ring.
     Ring_buffer(unsigned char* storage, uint32_t n) : data(storage), capacity(n), head(0), tail(0) {}
 
-    uint32_t used() const;                              ///< [bytes] stored
+    /// [bytes] stored
+    uint32_t used() const {
+        if (full()) return capacity;
+        return tail >= head ? tail - head : tail + (capacity - head);
+    }
     uint32_t room() const { return capacity - used(); } ///< [bytes] that put() would still take
     bool full() const { return tail == full_mark; }
     bool empty() const { return head == tail; }
@@ -27,12 +31,36 @@ public:
     /// used() or more.
     uint32_t peek(uint32_t offset, unsigned char* dest, uint32_t n) const;
     /// The i-th stored byte. For i >= used() the start of the storage: ask used() first.
-    const unsigned char* at(uint32_t i) const;
+    const unsigned char* at(uint32_t i) const {
+        uint32_t run;
+        return span(i, run);
+    }
     /// The contiguous run of stored bytes that begins `offset` behind the head; `n` receives its length, 0 when there
     /// is none. A second call at `offset + n` gives what lies behind the wrap. Valid until the next put, drop or clear.
-    const unsigned char* span(uint32_t offset, uint32_t& n) const;
+    const unsigned char* span(uint32_t offset, uint32_t& n) const {
+        const uint32_t stored = used();
+        if (offset >= stored) {
+            n = 0;
+            return data;
+        }
+        const uint32_t to_end = capacity - head;
+        if (offset < to_end) {
+            n = (stored < to_end ? stored : to_end) - offset;
+            return data + head + offset;
+        }
+        n = stored - offset;
+        return data + (offset - to_end);
+    }
     /// Consume up to `n` bytes; returns how many.
-    uint32_t drop(uint32_t n);
+    uint32_t drop(uint32_t n) {
+        const uint32_t stored = used();
+        const uint32_t m = n < stored ? n : stored;
+        if (full() && n > 0) tail = head;
+        const uint32_t to_end = capacity - head;
+        head = m < to_end ? head + m : m - to_end;
+        dropped += m;
+        return m;
+    }
     void clear(); ///< forget what is stored
 
     unsigned char* data;

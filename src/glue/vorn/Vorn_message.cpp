@@ -1,31 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "glue/vorn/Vorn_message.h"
+#include "glue/vorn/frame_characters.h"
 #include "util/Debug_print.h"
 #include <algorithm>
 #include <cstring>
 
 namespace {
-
-/// 0..15, -1 for any other character. The C library's isxdigit would ask the locale.
-int hex_value(unsigned char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
-/// The number of `n` digits, -1 when one of them is none.
-int hex_number(const unsigned char* digits, int n) {
-    int value = 0;
-    for (int i = 0; i < n; ++i) {
-        const int digit = hex_value(digits[i]);
-        if (digit < 0) return -1;
-        value = value * 16 + digit;
-    }
-    return value;
-}
-
-bool is_line_end(unsigned char c) { return c == '\r' || c == '\n'; }
 
 uint8_t rotated(unsigned sum) { return static_cast<uint8_t>(sum << 2 | sum >> 6); }
 
@@ -35,7 +15,7 @@ Vorn_message::~Vorn_message() = default;
 
 uint32_t Vorn_message::get_msg_len() const {
     if (size < header_size) return 0;
-    const int length = hex_number(data + 2, 3);
+    const int length = Frame::hex_number(data + 2, 3);
     if (length < 0) {
         Debug_print::dprint("contains non-hex digit");
         return 0;
@@ -65,9 +45,9 @@ uint8_t Vorn_message::compute_8bit_checksum(uint32_t count) const {
 bool Vorn_message::check_checksum() const {
     if (size < header_size) return false;
     const uint32_t length = get_msg_len();
-    if (size < length + header_size || !is_line_end(data[size - 1])) return false;
+    if (size < length + header_size || !Frame::is_line_end(data[size - 1])) return false;
     if (data[length + 4] == compute_8bit_checksum(length + 4)) return true;
-    return data[size - 4] == '@' && hex_number(data + size - 3, 2) == compute_8bit_checksum(length + 3);
+    return data[size - 4] == '@' && Frame::hex_number(data + size - 3, 2) == compute_8bit_checksum(length + 3);
 }
 
 bool Vorn_message::set_checksum() {

@@ -1,0 +1,361 @@
+// SPDX-License-Identifier: MIT
+#include "glue/vorn/Vorn_message.h"
+#include "glue/vorn/Vorn_parser.h"
+#include "support/allocations.h"
+#include "support/capture.h"
+#include "vorn/parser_model.h"
+#include <climits>
+#include <functional>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace {
+
+using namespace std::string_literals;
+
+struct Packet {
+    int kind;
+    std::string bytes;
+    bool operator==(const Packet& other) const { return kind == other.kind && bytes == other.bytes; }
+};
+using Packets = std::vector<Packet>;
+
+void PrintTo(const Packet& p, std::ostream* out) { *out << p.kind << ' ' << testing::PrintToString(p.bytes); }
+
+/// All packets that are there.
+Packets take_all(Vorn_parser& parser, int buf_size = 8192) {
+    Packets packets;
+    std::vector<unsigned char> buf(static_cast<size_t>(buf_size));
+    int len;
+    while (const int kind = parser.get_packet(buf.data(), buf_size, len))
+        packets.push_back({kind, std::string(buf.begin(), buf.begin() + len)});
+    EXPECT_EQ(len, 0);
+    return packets;
+}
+
+/// Accepts all but one identifier.
+class Refuse : public Vorn_parser::Checker {
+public:
+    explicit Refuse(const char* wire) : _wire(wire) {}
+    bool check(Data_stream& s, unsigned short id, int total) override {
+        asked.push_back({total, std::string{static_cast<char>(id & 0xFF), static_cast<char>(id >> 8)}});
+        EXPECT_EQ(s[0], id & 0xFF); // the stream's own operations are free to use
+        return asked.back().bytes != _wire;
+    }
+    Packets asked; ///< totals and identifiers
+
+private:
+    std::string _wire;
+};
+
+enum Option { usual = 0, no_line_end = 1, keep = 2, refuse = 4 };
+
+struct Case {
+    const char* name;
+    std::string input;
+    Packets packets;
+    std::string left = "";
+    int options = usual;
+    int buf_size = 8192;
+};
+
+const std::string bad = "\x01"; ///< begins nothing: what follows is hunted through
+
+const Case cases[] = {
+    {"nothing is taken of fewer than five bytes", "PG00", {}, "PG00"},
+    {"not even of a line", bad + "\n" + "OK\n", {{3, bad + "\n"}}, "OK\n"},
+    {"a frame takes one line-end byte, the others go", "PG003abc\r\nPG001d\n", {{1, "PG003abc\r"}, {1, "PG001d\n"}}},
+    {"so do zeros and empty lines between frames",
+     "PG001c\r\n\0\0\r\r\nPG001d\r\0"s,
+     {{1, "PG001c\r"}, {1, "PG001d\r"}}},
+    {"a body may be empty, and hold line ends", "PG000\nPG003\r\n\n\r\n", {{1, "PG000\n"}, {1, "PG003\r\n\n\r"}}},
+    {"length digits of either case",
+     "PG0aA" + std::string(170, 'x') + "\r",
+     {{1, "PG0aA" + std::string(170, 'x') + "\r"}}},
+    {"the longest frame",
+     "\r\n~~FFF" + std::string(4095, '~') + "\r\n",
+     {{3, "\r\n"}, {1, "~~FFF" + std::string(4095, '~') + "\r"}}},
+    {"zeros ahead of a frame", "\0\0\0PG001c\r"s, {{1, "PG001c\r"}}},
+    {"identifiers from 0 to ~", "0~001c\r~0001c\r", {{1, "0~001c\r"}, {1, "~0001c\r"}}},
+    {"characters beside them, which stay part of the text",
+     "/~001c\r~\x7F"
+     "000\r0/000\r",
+     {{3, "/~001c\r"},
+      {3, "~\x7F"
+          "000\r"},
+      {3, "0/000\r"}}},
+    {"a blank line is a text", "\nPG001c\r", {{3, "\n"}, {1, "PG001c\r"}}},
+    {"text with its run of line ends, then in step again",
+     bad + "noise\r\n\n\rPG001c\r",
+     {{3, bad + "noise\r\n\n\r"}, {1, "PG001c\r"}}},
+    {"no hexadecimal digits: a byte is lost", "PG0G1ab\r\n", {{3, "G0G1ab\r\n"}}},
+    {"or kept", "PG0G1ab\r\n", {{3, "PG0G1ab\r\n"}}, "", keep},
+    {"a refused header: a byte is lost", "XX001c\r\nPG001c\r", {{3, "X001c\r\n"}, {1, "PG001c\r"}}, "", refuse},
+    {"or kept, likewise", "XX001c\r\nPG001c\r", {{3, "XX001c\r\n"}, {1, "PG001c\r"}}, "", keep | refuse},
+    {"what waits for its line end", "PG003abc", {}, "PG003abc"},
+    {"without line end a byte is lost, the frame inside is found", "PE0001c\r", {{1, "E0001c\r"}}},
+    {"a reply", "RE002ok\r\nER003bad\r\n", {{2, "RE002ok\r\n\0\0"s}, {2, "ER003bad\r\n\0\0"s}}},
+    {"whose CR may be any byte", "RE002ok#\n", {{2, "RE002ok#\n\0\0"s}}},
+    {"but waits for the LF", "RE002ok\r", {}, "RE002ok\r"},
+    {"a reply that a lone LF ends is none", "RE002ok\nPG001c\r", {{3, "002ok\n"}, {1, "PG001c\r"}}},
+    {"nor at the end of the stream", "RE002ok\n", {{3, "002ok\n"}}},
+    {"nor one that CR ends without LF", "RE002ok\rPG001c\r", {{3, "002ok\r"}, {1, "PG001c\r"}}},
+    {"room for both zeros", "RE002ok\r\n", {{2, "RE002ok\r\n\0\0"s}}, "", usual, 11},
+    {"for one", "RE002ok\r\n", {{2, "RE002ok\r\n\0"s}}, "", usual, 10},
+    {"for none", "RE002ok\r\n", {{2, "RE002ok\r\n"}}, "", usual, 9},
+    {"not even for the reply", "RE002ok\r\n", {{2, "RE002ok\r"}}, "\n", usual, 8},
+    {"the rest of a cut frame is met again", "PG006abcdef\r\n", {{1, "PG006abc"}}, "ef\r\n", usual, 8},
+    {"save zeros and line ends at the cut",
+     "PG006abc\0\r\n\rPG001c\r"s,
+     {{1, "PG006abc"}, {1, "PG001c\r"}},
+     "",
+     usual,
+     8},
+    {"without line ends LF is appended",
+     "PG001cPG001d\r\nRE002ok\0"s,
+     {{1, "PG001c\n"}, {1, "PG001d\n"}, {1, "RE002ok\n"}},
+     "",
+     no_line_end},
+    {"if there is room", "PG001cPG000", {{1, "PG001c"}, {1, "PG000\n"}}, "", no_line_end, 6},
+    {"4189 bytes without line end wait", std::string(4189, bad[0]), {}, std::string(4189, bad[0])},
+    {"4190 are dropped", std::string(4190, bad[0]), {}},
+    {"4190 of 5000", std::string(5000, bad[0]), {}, std::string(810, bad[0])},
+    {"the last byte of 4190 may end the line, and the buffer its run",
+     std::string(4189, bad[0]) + std::string(12, '\n'),
+     {{3, std::string(4189, bad[0]) + std::string(11, '\n')}},
+     "\n"},
+};
+
+TEST(Vorn_parser, cuts_packets_by_its_rules) {
+    const Capture refusals(stderr);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Fed_stream stream(c.input, Fed_stream::pulled);
+        Vorn_parser parser(&stream, false);
+        Refuse refuse_xx("XX");
+        if (c.options & refuse) parser.set_checker(&refuse_xx);
+        parser.expect_line_end = !(c.options & no_line_end);
+        parser.keep_on_reject = c.options & keep;
+        EXPECT_EQ(take_all(parser, c.buf_size), c.packets);
+        EXPECT_EQ(stream.left(), c.left);
+    }
+}
+
+/// Mostly frames and replies, now and then damaged in one of the ways of a serial line.
+std::string traffic(std::mt19937& random, int units) {
+    static const char* const ids[] = {"PG", "EL", "~~", "||", "RE", "ER", "00"};
+    const auto chance = [&](unsigned one_in) { return random() % one_in == 0; };
+    const auto noise = [&](unsigned at_most) {
+        std::string bytes(random() % (at_most + 1), 0);
+        for (char& c : bytes) c = static_cast<char>(random());
+        return bytes;
+    };
+    std::string all;
+    for (int i = 0; i < units; ++i) {
+        std::string body = chance(50) ? noise(4095) : noise(60);
+        char header[6];
+        snprintf(header, sizeof header, chance(2) ? "%s%03X" : "%s%03x", ids[random() % 7],
+                 static_cast<unsigned>(chance(20) ? random() % 4096 : body.size() + chance(20)));
+        std::string unit = header + body;
+        if (chance(10)) unit[random() % unit.size()] ^= static_cast<char>(1 << random() % 8);
+        if (chance(20)) unit.resize(random() % unit.size());
+        static const char* const ends[] = {"\r\n", "\r\n", "\r\n", "\n", "\r", "", "\r\n\r\n"};
+        all += unit + ends[random() % 7];
+        if (chance(10)) all += std::string(random() % 4, '\0');
+        if (chance(20)) all += noise(200);
+        if (chance(100)) all += std::string(4180 + random() % 30, 'x');
+    }
+    return all;
+}
+
+TEST(Vorn_parser, agrees_with_the_model_on_damaged_traffic_at_every_read_size) {
+    const Capture refusals(stderr);
+    const unsigned seed = 4190;
+    std::mt19937 random(seed);
+    for (int round = 0; round < 60; ++round) {
+        SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(round));
+        Session session;
+        session.bytes = traffic(random, 60);
+        constexpr int rooms[] = {8192, 4103, 30, 9, 1};
+        constexpr size_t portions[] = {1, 5, 256, SIZE_MAX};
+        session.manner = static_cast<Fed_stream::Manner>(round % 3);
+        session.portion = portions[random() % 4];
+        session.buf_size = rooms[random() % 2 ? 0 : random() % 5];
+        session.expect_line_end = random() % 4 != 0;
+        session.keep_on_reject = random() % 2;
+        session.with_checker = random() % 2;
+        session.meddler = random() % 2 ? 1 + random() % 1000 : 0;
+        EXPECT_EQ(difference(session), "");
+    }
+}
+
+TEST(Vorn_parser, a_refusal_is_reported_with_what_is_buffered) {
+    Fed_stream stream("XX00Ac\r\nPG001c\r\n");
+    snprintf(stream.name, sizeof stream.name, "line 1");
+    stream.feed();
+    Vorn_parser parser(&stream, false);
+    Refuse checker("XX");
+    parser.set_checker(&checker);
+    Capture debug(stderr);
+    EXPECT_EQ(take_all(parser), (Packets{{3, "X00Ac\r\n"}, {1, "PG001c\r"}}));
+    EXPECT_EQ(debug.text(), "Unexpected msg XX(15) in line 1[16]\n");
+    EXPECT_EQ(checker.asked, (Packets{{15, "XX"}, {6, "PG"}}));
+    parser.set_checker(nullptr);
+    stream.append("XX001c\r");
+    stream.feed();
+    EXPECT_EQ(take_all(parser), (Packets{{1, "XX001c\r"}}));
+}
+
+TEST(Vorn_parser, the_other_forms_give_length_and_kind_in_one_and_fill_a_message) {
+    Fed_stream stream("\n\nPG001c\rRE002ok\r\nPG003abc\r");
+    stream.feed();
+    Vorn_parser parser(&stream, false);
+    unsigned char buf[64];
+    for (const int expected : {-2, 7, 0, 9, 0}) EXPECT_EQ(parser.get_packet(buf, sizeof buf), expected);
+    stream.append("PG003abc\r");
+    stream.feed();
+    Vorn_message msg(buf, sizeof buf);
+    int len = -1;
+    EXPECT_EQ(parser.get_packet(msg, len), 1);
+    EXPECT_EQ(std::string(msg.data, msg.data + len), "PG003abc\r");
+    EXPECT_EQ(msg.size, sizeof buf);
+    EXPECT_EQ(parser.get_packet(msg, len), 0);
+    EXPECT_EQ(len, 0);
+}
+
+TEST(Vorn_parser, without_stream_or_room_there_is_no_packet_and_nothing_is_lost) {
+    unsigned char buf[8];
+    int len = 7;
+    Vorn_parser parser(nullptr, true);
+    parser.init();
+    EXPECT_EQ(parser.get_packet(buf, sizeof buf, len), 0);
+    EXPECT_EQ(len, 0);
+    EXPECT_FALSE(parser.is_newline(0));
+
+    Fed_stream stream("PG001c\r");
+    stream.feed();
+    parser.init(nullptr);
+    parser.stream = &stream;
+    for (const int room : {0, -1, INT_MIN}) {
+        EXPECT_EQ(parser.get_packet(nullptr, room, len), 1);
+        EXPECT_EQ(len, 0);
+    }
+    EXPECT_EQ(take_all(parser), (Packets{{1, "PG001c\r"}}));
+}
+
+TEST(Vorn_parser, starts_afresh_in_step) {
+    for (const int way : {0, 1, 2}) {
+        SCOPED_TRACE(way);
+        Fed_stream stream(bad + "hunting on"), other("PG001c\r");
+        stream.feed();
+        other.feed();
+        Vorn_parser parser(&stream, false);
+        EXPECT_EQ(take_all(parser), Packets{});
+        EXPECT_EQ(parser.synced, 0);
+        if (way == 0) parser.init();
+        if (way == 1) parser.init(&other);
+        EXPECT_EQ(parser.synced, way == 2 ? 0 : 1);
+        EXPECT_EQ(other.bytes_avail(), way == 1 ? 0 : 7);
+        EXPECT_EQ(stream.bytes_avail(), way == 0 ? 0 : 11);
+        Vorn_parser flushing(&other, true);
+        EXPECT_EQ(other.bytes_avail(), 0);
+    }
+}
+
+TEST(Vorn_parser, asks_for_i_bytes_when_it_looks_at_the_byte_i) {
+    const struct {
+        int i;
+        bool newline;
+        int fetches;
+    } looks[] = {{0, false, 1}, {1, true, 1},  {2, true, 1},  {4, false, 2}, {3, false, 0},
+                 {5, true, 1},  {6, false, 1}, {7, false, 1}, {-1, false, 0}};
+    Fed_stream stream("a\r\nbc\n", Fed_stream::hesitant, 1);
+    Vorn_parser parser(&stream, false);
+    for (const auto& look : looks) {
+        SCOPED_TRACE(look.i);
+        stream.fetches = 0;
+        EXPECT_EQ(parser.is_newline(look.i), look.newline);
+        EXPECT_EQ(stream.fetches, look.fetches);
+    }
+}
+
+TEST(Vorn_parser, a_hunt_is_not_misled_when_others_drop_what_it_has_looked_at) {
+    const std::string line = bad + "23456789";
+    const std::string more = "a\nbcdefghi\n"; // hides a line end where the hunt has looked already
+    const struct {
+        const char* name;
+        std::function<void(Fed_stream&)> meddle;
+        std::string text;
+    } ways[] = {
+        {"nothing", [](Fed_stream&) {}, line + "a\n"},
+        {"a part", [](Fed_stream& s) { s.drop(4); }, "56789a\n"},
+        {"all", [](Fed_stream& s) { s.drop_all(); }, "a\n"},
+        {"so much that the ring stands where it stood",
+         [](Fed_stream& s) {
+             s.drop_all();
+             s.append(std::string(Data_stream::BUFFER_SIZE - 9, 'x'));
+             s.feed();
+             s.drop_all();
+         },
+         "a\n"},
+    };
+    for (const auto& way : ways) {
+        SCOPED_TRACE(way.name);
+        Fed_stream stream(line), other(more);
+        stream.feed();
+        other.feed();
+        Vorn_parser parser(&stream, false);
+        EXPECT_EQ(take_all(parser), Packets{});
+        way.meddle(stream);
+        stream.append(more);
+        stream.feed();
+        unsigned char buf[64];
+        int len;
+        EXPECT_EQ(parser.get_packet(buf, sizeof buf, len), 3);
+        EXPECT_EQ(std::string(buf, buf + len), way.text);
+        parser.synced = 0;
+        parser.stream = &other;
+        EXPECT_EQ(parser.get_packet(buf, sizeof buf), -2) << "what was seen in one stream is nothing to another";
+    }
+}
+
+TEST(Vorn_parser, takes_every_frame_that_another_thread_brings) {
+    constexpr int frames = 3000;
+    std::string sent;
+    for (int i = 0; i < frames; ++i) sent += "PG006" + std::to_string(100000 + i) + "\r\n";
+    Fed_stream stream(sent, Fed_stream::pushed, 37);
+    Vorn_parser parser(&stream, false);
+    Refuse checker("XX");
+    parser.set_checker(&checker);
+    std::thread line([&] {
+        while (!stream.dry()) stream.feed();
+    });
+    Packets got;
+    while (got.size() < frames) {
+        for (auto& packet : take_all(parser)) {
+            if (packet.kind == 1)
+                got.push_back(packet);
+            else
+                ASSERT_EQ(packet.bytes, "\n"); // came later than its CR
+        }
+    }
+    line.join();
+    for (int i = 0; i < frames; ++i)
+        EXPECT_EQ(got[static_cast<size_t>(i)].bytes, "PG006" + std::to_string(100000 + i) + "\r");
+}
+
+TEST(Vorn_parser, allocates_nothing) {
+    const std::string input = "PG003abc\r\nRE002ok\r\n" + bad + "noise\r\nPG0G1\r\n";
+    Fed_stream stream(input + input);
+    stream.feed();
+    Vorn_parser parser(&stream, false);
+    unsigned char buf[64];
+    int len, kinds = 0;
+    const long before = allocations();
+    ASSERT_GT(before, 0) << "nothing is counted";
+    while (const int kind = parser.get_packet(buf, sizeof buf, len)) kinds = kinds * 10 + kind;
+    EXPECT_EQ(allocations(), before);
+    EXPECT_EQ(kinds, 12331233);
+}
+
+} // namespace
