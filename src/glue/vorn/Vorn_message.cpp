@@ -27,17 +27,18 @@ uint8_t Vorn_message::compute_8bit_checksum(uint32_t count) const {
     count = std::min(count, size);
     // Four rotations by 2 bits change nothing, and exclusive-or does not care for order: bytes four places apart may be
     // added up first. So whole words are, behind an odd start, and only their sum goes through the chain of rotations.
+    constexpr uint32_t word_size = 8;
     uint64_t words = 0;
     const unsigned char* p = data;
     uint8_t sum = 0;
-    for (uint32_t odd = count % sizeof words; odd > 0; --odd) sum = rotated(sum) ^ *p++;
-    for (uint32_t n = count / sizeof words; n > 0; --n, p += sizeof words) {
+    for (uint32_t odd = count % word_size; odd > 0; --odd) sum = rotated(sum) ^ *p++;
+    for (uint32_t n = count / word_size; n > 0; --n, p += word_size) {
         uint64_t word;
-        memcpy(&word, p, sizeof word);
+        memcpy(&word, p, word_size);
         words ^= word;
     }
-    unsigned char lanes[sizeof words];
-    memcpy(lanes, &words, sizeof words);
+    unsigned char lanes[word_size];
+    memcpy(lanes, &words, word_size);
     for (int i = 0; i < 4; ++i) sum = rotated(sum) ^ lanes[i] ^ lanes[i + 4];
     return rotated(sum);
 }

@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: MIT
+#include "glue/vorn/Vorn_response.h"
+#include "support/capture.h"
+#include <cstring>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace std::string_literals;
+
+namespace {
+
+constexpr uint16_t id_pg = 'P' | 'G' << 8;
+
+/// A message of a heap block of exactly its size.
+template <class Message>
+struct Exact {
+    explicit Exact(const std::string& content)
+        : bytes(content.begin(), content.end()), view(bytes.data(), static_cast<uint32_t>(bytes.size())) {}
+    std::string text() const { return {bytes.begin(), bytes.end()}; }
+    std::vector<unsigned char> bytes;
+    Message view;
+};
+using Frame = Exact<Vorn_message>;
+using Reply = Exact<Vorn_response>;
+
+/// The checksum one byte at a time.
+unsigned char checksum(const std::string& covered) {
+    unsigned sum = 0;
+    for (const char c : covered) sum = ((sum << 2 | sum >> 6) & 0xFF) ^ static_cast<unsigned char>(c);
+    return static_cast<unsigned char>(sum << 2 | sum >> 6);
+}
+
+std::string with_checksum(const std::string& covered) { return covered + static_cast<char>(checksum(covered)); }
+
+/// The form for text: the body ends in "@" and two digits for the sum of everything before them.
+std::string with_digits(const std::string& covered, const char* format) {
+    char digits[4];
+    snprintf(digits, sizeof digits, format, unsigned(checksum(covered)));
+    return covered + digits;
+}
+
+TEST(Vorn_message, length_is_three_hex_digits_of_either_case) {
+    static const char complaint[] = "contains non-hex digit";
+    static const struct {
+        std::string header;
+        uint32_t length;
+        const char* debug;
+    } rows[] = {
+        {"PG000", 0, ""},
+        {"PG01E", 30, ""},
+        {"PGfFf", 4095, ""},
+        {"PG00", 0, ""},
+        {"", 0, ""},
+        {"PG0G1", 0, complaint},
+        {"PG-01", 0, complaint},
+        {"PG00`", 0, complaint},
+        {"PG0\xB3\xB0", 0, complaint},
+    };
+    for (const auto& r : rows) {
+        const Frame f(r.header);
+        Capture err(stderr);
+        EXPECT_EQ(f.view.get_msg_len(), r.length) << r.header;
+        EXPECT_EQ(err.text(), r.debug) << r.header;
+    }
+}
+
+TEST(Vorn_message, checksum_rotates_and_adds_each_byte) {
+    EXPECT_EQ(Frame("").view.compute_8bit_checksum(0), 0);
+    EXPECT_EQ(Frame("\x01").view.compute_8bit_checksum(1), 0x04);
+    EXPECT_EQ(Frame("\xC0").view.compute_8bit_checksum(1), 0x03);
+    std::mt19937 random(4);
+    for (int round = 0; round < 500; ++round) {
+        std::string bytes(random() % 90, '\0');
+        for (char& c : bytes) c = static_cast<char>(random());
+        const Frame f(bytes);
+        for (size_t n = 0; n <= bytes.size(); ++n) {
+            ASSERT_EQ(f.view.compute_8bit_checksum(static_cast<uint32_t>(n)), checksum(bytes.substr(0, n))) << n;
+        }
+        ASSERT_EQ(f.view.compute_8bit_checksum(0xFFFFFFFF), checksum(bytes)) << "more than there is";
+    }
+}
+
+TEST(Vorn_message, a_frame_is_right_with_its_checksum_and_a_line_end) {
+    const std::string good = with_checksum("PG004\x01\x02\x03");
+    std::string wrong = good;
+    wrong.back() ^= 1;
+    const std::string text_sum = with_digits("NP005ab@", "%02X");
+    const struct {
+        const char* what;
+        std::string frame;
+        bool right;
+    } rows[] = {
+        {"with LF", good + "\n", true},
+        {"with CR", good + "\r", true},
+        {"with CR LF", good + "\r\n", true},
+        {"without a line end", good, false},
+        {"with a zero at the end", good + "\n\0"s, false},
+        {"with a wrong sum", wrong + "\n", false},
+        {"cut by one byte", good.substr(0, 7) + "\n", false},
+        {"with bad digits", "PG0G1\n", false},
+        {"below five bytes", "PG0\n", false},
+        {"the line end alone", "\n", false},
+        {"with digits for a sum", text_sum + "\n", true},
+        {"with lower-case digits for a sum", with_digits("NP006xyz@", "%02x") + "\r", true},
+        {"with a wrong digit for a sum", text_sum.substr(0, 8) + "G7\n", false},
+        {"with digits, but not at the end", text_sum + "\r\n", false},
+        // Without a body the last length digit stands where the checksum would be.
+        {"without a body", "PG000\n", false},
+        {"without a body, the digit happens to be the sum", "aJ000\n", true},
+    };
+    for (const auto& r : rows) {
+        const Frame f(r.frame);
+        EXPECT_EQ(f.view.check_checksum(), r.right) << r.what;
+        EXPECT_EQ(f.view.validate(f.view.get_id()), r.right) << r.what;
+        EXPECT_FALSE(f.view.validate(static_cast<uint16_t>(f.view.get_id() + 1))) << r.what;
+    }
+    EXPECT_EQ(Frame(good).view.get_id(), id_pg);
+}
+
+TEST(Vorn_message, set_checksum_makes_a_right_frame_or_writes_nothing) {
+    Frame f("PG004abc?\n");
+    EXPECT_TRUE(f.view.set_checksum());
+    EXPECT_EQ(f.text(), with_checksum("PG004abc") + "\n");
+    EXPECT_TRUE(f.view.validate(id_pg));
+    for (const char* cut : {"PG004abc", "PG00", ""}) {
+        Frame c(cut);
+        EXPECT_FALSE(c.view.set_checksum()) << cut;
+        EXPECT_EQ(c.text(), cut);
+    }
+}
+
+TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
+    static const struct {
+        uint32_t body;
+        bool ok;
+        const char *setup, *shortened;
+    } rows[] = {
+        {0, true, "PG000", "ZZ000"},     {0xABC, true, "PGABC", "ZZabc"},  {4095, true, "PGFFF", "ZZfff"},
+        {4096, false, "ZZ???", "ZZ???"}, {65536, false, "ZZ???", "ZZ???"},
+    };
+    for (const auto& r : rows) {
+        const std::string before = "ZZ???" + std::string(4097, '!');
+        Frame by_setup(before);
+        Frame by_reduce(before);
+        Reply by_length(before);
+        EXPECT_EQ(by_setup.view.setup(id_pg, r.body + 5), r.ok) << r.body;
+        EXPECT_EQ(by_reduce.view.reduce_size_to(r.body), r.ok) << r.body;
+        EXPECT_EQ(by_length.view.set_msg_len(r.body), r.ok) << r.body;
+        EXPECT_EQ(by_setup.text(), r.setup + before.substr(5));
+        EXPECT_EQ(by_reduce.text(), r.shortened + before.substr(5));
+        EXPECT_EQ(by_length.text(), r.shortened + before.substr(5));
+        EXPECT_EQ(by_setup.view.size, before.size());
+        EXPECT_EQ(by_length.view.size, before.size());
+        EXPECT_EQ(by_reduce.view.size, r.ok ? r.body + 5 : before.size());
+    }
+    Frame f("ZZ???abc");
+    for (const uint32_t total : {0u, 4u, 0xFFFFFFFFu}) EXPECT_FALSE(f.view.setup(id_pg, total)) << total;
+    for (const uint32_t body : {4u, 0xFFFFFFFBu, 0xFFFFFFFFu}) EXPECT_FALSE(f.view.reduce_size_to(body)) << body;
+    EXPECT_EQ(f.text(), "ZZ???abc");
+    EXPECT_TRUE(f.view.reduce_size_to(3));
+}
+
+TEST(Vorn_response, the_reply_string_keeps_its_line_end_and_needs_its_zero) {
+    const struct {
+        std::string reply;
+        bool positive;
+        const char* string;
+    } rows[] = {
+        {"RE003abc\r\n\0\0"s, true, "abc\r\n"},
+        {"ER003abc\r\n\0\0"s, false, "abc\r\n"},
+        {"re003abc\r\n\0\0"s, false, "abc\r\n"},
+        {"RE003abc\r\n\0"s, true, ""},  // one byte short
+        {"RE003abc\r\n..."s, true, ""}, // no zero
+        {"RE000\r\n\0\0"s, true, ""},
+        {"RE", true, ""},
+        {"R", false, ""},
+    };
+    for (const auto& r : rows) {
+        const Reply reply(r.reply);
+        EXPECT_EQ(reply.view.get_response_status(), r.positive) << r.reply;
+        EXPECT_STREQ(reply.view.get_response_string(), r.string) << r.reply;
+    }
+    const Reply reply(rows[0].reply);
+    for (const char* s : {"", "ab", "abc\r\n"}) EXPECT_TRUE(reply.view.check_response_string(s)) << s;
+    for (const char* s : {"b", "abc\r\n!", "ABC"}) EXPECT_FALSE(reply.view.check_response_string(s)) << s;
+}
+
+TEST(Vorn_response, the_identifier_of_the_request_is_stripped_off) {
+    const struct {
+        std::string reply;
+        const char* text; ///< null: there is none
+    } rows[] = {
+        {"RE00C%7%on, off \r\n\0\0"s, "on, off"},
+        {"ER010%%{4,wrong command}\r\n", "{4,wrong command}"},
+        {"RE000%id% \t x", "x"},
+        {"RE000%a%b%c%", "b%c%"},
+        {"RE000%a%x\x7F\x01\r\n", "x"},
+        {"RE000%a%\xE9\xA0", "\xE9\xA0"}, // no white space in this language
+        {"RE000%a% \r\n", nullptr},
+        {"RE000%a%", nullptr},
+        {"RE000%a", nullptr},
+        {"RE000%a\0%old"s, nullptr}, // left from a longer packet
+        {"RE000%a%b\0old"s, "b"},
+        {"RE000a", nullptr},
+        {"", nullptr},
+    };
+    for (const auto& r : rows) {
+        Reply reply(r.reply);
+        int len = -1;
+        const char* text = reply.view.strip_identifier(len);
+        ASSERT_EQ(text != nullptr, r.text != nullptr) << r.reply;
+        EXPECT_EQ(std::string(text ? text : "", static_cast<size_t>(len)), r.text ? r.text : "") << r.reply;
+        const unsigned char* start = text ? reinterpret_cast<const unsigned char*>(text) : reply.bytes.data();
+        EXPECT_EQ(reply.view.data, start) << r.reply;
+        EXPECT_EQ(reply.view.data + reply.view.size, reply.bytes.data() + reply.bytes.size()) << r.reply;
+    }
+}
+
+} // namespace
