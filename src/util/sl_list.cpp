@@ -2,26 +2,27 @@
 #include "util/sl_list.h"
 #include "util/Bugger.h"
 
-static sll_node* const none = sll_node::last_mark();
+/// A function, not a constant: static objects of other files fill lists before this file is initialised.
+static sll_node* none() { return sll_node::last_mark(); }
 
 int sl_list::push(sll_node* n) {
     if (n->in_list()) Bugger::report_bug("sl_list::push, already in a list.\n");
-    if (head == none) {
+    if (head == none()) {
         head = n;
     } else {
         tail->next = n;
     }
     tail = n;
-    n->next = none;
+    n->next = none();
     ++count;
     return 1;
 }
 
 int sl_list::remove(sll_node* n) {
-    sll_node* before = none;
-    for (sll_node* at = head; at != none; before = at, at = at->next) {
+    sll_node* before = none();
+    for (sll_node* at = head; at != none(); before = at, at = at->next) {
         if (at != n) continue;
-        if (before == none) {
+        if (before == none()) {
             head = n->next;
         } else {
             before->next = n->next;
@@ -47,6 +48,6 @@ sll_node* sl_list::operator[](int i) const {
     return at;
 }
 
-sll_node* sl_list::first() const { return head == none ? nullptr : head; }
+sll_node* sl_list::first() const { return head == none() ? nullptr : head; }
 
-sll_node* sl_list::next(const sll_node* n) const { return n->next == none ? nullptr : n->next; }
+sll_node* sl_list::next(const sll_node* n) const { return n->next == none() ? nullptr : n->next; }

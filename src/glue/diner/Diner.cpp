@@ -38,8 +38,6 @@ void count_one(std::atomic<uint32_t>& counter) {
 
 } // namespace
 
-Diner::Descriptor::Descriptor(const char* text, int number) : id(number) { snprintf(name, sizeof name, "%s", text); }
-
 bool Diner::Descriptor::operator==(const Descriptor& o) const { return id == o.id && strcmp(name, o.name) == 0; }
 
 const Diner::Descriptor Diner::DESCRIPTOR_DEFAULT;

@@ -31,8 +31,11 @@ public:
         static constexpr int max_name = 12; ///< [characters]
         static constexpr const char* NAME_DEFAULT = "ANON_DNR";
 
-        Descriptor() : Descriptor(NAME_DEFAULT, 0) {}
-        Descriptor(const char* name, int id); ///< the name is copied, cut to 12 characters
+        constexpr Descriptor() : Descriptor(NAME_DEFAULT, 0) {}
+        /// The name is copied, cut to 12 characters.
+        constexpr Descriptor(const char* text, int number) : name(), id(number) {
+            for (int i = 0; i < max_name && text[i]; ++i) name[i] = text[i];
+        }
         bool operator==(const Descriptor& o) const;
         bool operator!=(const Descriptor& o) const { return !(*this == o); }
 
