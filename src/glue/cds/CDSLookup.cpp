@@ -1,0 +1,328 @@
+// SPDX-License-Identifier: MIT
+#include "glue/cds/CDSLookup.h"
+#include "glue/cds/CDS_events.h"
+#include "glue/cds/CDS_remote.h"
+#include "glue/cds/CDS_remote_values.h"
+#include "glue/cds/Data_item_text.h"
+#include "util/Debug_print.h"
+#include "util/assertion.h"
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace CDS {
+
+// ---- change scan
+
+Compare::Compare(const void* new_copy, const void* old_copy, unsigned int size)
+    : position(static_cast<const unsigned char*>(new_copy))
+    , old_position(static_cast<const unsigned char*>(old_copy))
+    , length(size)
+    , first_diff(0)
+    , done(false) {
+    scan();
+}
+
+void Compare::scan() {
+    // Whole pieces by memcmp, which compares a vector at a time; only the piece that differs is looked at more closely.
+    constexpr ptrdiff_t piece = 256;
+    while (length - first_diff > piece && memcmp(position + first_diff, old_position + first_diff, piece) == 0)
+        first_diff += piece;
+    while (length - first_diff >= 8 && memcmp(position + first_diff, old_position + first_diff, 8) == 0)
+        first_diff += 8;
+    while (first_diff < length && position[first_diff] == old_position[first_diff]) ++first_diff;
+    if (first_diff >= length) done = true;
+}
+
+bool Compare::seek(const void* address) {
+    const ptrdiff_t d = static_cast<const unsigned char*>(address) - position;
+    if (d == 0) return done;
+    position += d;
+    old_position += d;
+    length -= d;
+    if (d < 0 || first_diff > d) {
+        first_diff -= d;
+        if (d < 0) scan();
+    } else {
+        first_diff = 0;
+        scan();
+    }
+    return done;
+}
+
+// ---- names of numbered children
+
+const char* get_number_as_name(unsigned int n) {
+    static char** names = nullptr;
+    static unsigned int count = 0;
+    constexpr const char* file = "glue/cds/CDSLookup";
+    constexpr const char* function = "const char* CDS::get_number_as_name(unsigned int)";
+    if (n < count) return names[n];
+
+    // The largest number has no table that could hold it.
+    const size_t entries = size_t(n) + 1;
+    void* const grown = entries <= UINT32_MAX ? realloc(names, entries * sizeof *names) : nullptr;
+    if (!grown) Util::assertion_failed("names", file, 1, function);
+    names = static_cast<char**>(grown);
+    for (unsigned int i = count; i <= n; ++i) {
+        char text[32];
+        snprintf(text, sizeof text, "%d", static_cast<int>(i));
+        names[i] = strdup(text);
+        if (!names[i]) Util::assertion_failed("names[i]", file, 1, function);
+        count = i + 1;
+    }
+    return names[n];
+}
+
+// ---- any item
+
+Lookup_item::Lookup_item(Lookup_struct& parent_struct) : parent(&parent_struct) {}
+
+Data_item* Lookup_item::find_data_item(const char* path) { return find_item(path, '.'); }
+Data_item* Lookup_item::find_data_item(unsigned short wanted) { return find_item(wanted); }
+
+void Lookup_item::serialise_structure(Remote::Send_buffer& out, int) {
+    char header[256];
+    snprintf(header, sizeof header, "%x:%x:%s", static_cast<unsigned>(get_type_byte()), static_cast<unsigned>(id),
+             get_name());
+    out.str_append(header);
+}
+
+int Lookup_item::struct_query() const { return 0; }
+unsigned char Lookup_item::get_type_byte() const { return Data_item::get_type_byte(class_value, get_type()); }
+Lookup_struct* Lookup_item::as_struct() { return nullptr; }
+void Lookup_item::reserved_hook() {}
+
+bool Lookup_item::_signal_update(Compare& compare) {
+    if (compare.done || compare.seek(data_address())) return false;
+    if (static_cast<ptrdiff_t>(data_size()) <= compare.first_diff) return false;
+    if (update_listener) update_listener->updated(1);
+    return true;
+}
+
+void Lookup_item::set_minmax(unsigned short& min, unsigned short& max) {
+    min = std::min(min, id);
+    max = std::max(max, id);
+}
+
+Lookup_item* Lookup_item::find_item(const char* path, char separator) {
+    if (*path == 0) return this;
+    Debug_print::dprint("Base find item, why? %s,%d,%s,%c\n", name, static_cast<int>(id), path, separator);
+    return nullptr;
+}
+
+Lookup_item* Lookup_item::find_item(unsigned short wanted) { return wanted == id ? this : nullptr; }
+
+Lookup_root* Lookup_item::root() {
+    // Only a root is its own parent, and that answers for itself.
+    if (parent == this) Util::flush_and_abort();
+    return parent->root();
+}
+
+void Lookup_item::notify_cds(const void* address, unsigned int size) { root()->notify_head(address, size); }
+
+bool Lookup_item::signal_update(const void* new_copy, const void* old_copy, unsigned int size) {
+    // The scan moves by addresses, so bytes that are not this item's own would be compared at wild places.
+    const auto at = reinterpret_cast<uintptr_t>(new_copy), own = reinterpret_cast<uintptr_t>(data_address());
+    if (at < own || at - own >= data_size()) return false;
+    Compare compare(new_copy, old_copy, size);
+    return _signal_update(compare);
+}
+
+unsigned char Lookup_basic_array_base::get_type_byte() const {
+    return Data_item::get_type_byte(class_array, get_type());
+}
+
+// ---- values
+
+template <class T>
+Data_item::item_type_t Lookup_basic<T>::get_base_type() {
+    if constexpr (std::is_same_v<T, bool>)
+        return item_bool;
+    else if constexpr (std::is_same_v<T, char>)
+        return item_char;
+    else if constexpr (std::is_same_v<T, float>)
+        return item_float;
+    else if constexpr (std::is_same_v<T, double>)
+        return item_double;
+    else if constexpr (std::is_same_v<T, unsigned long long>)
+        return item_uint64;
+    else if constexpr (std::is_same_v<T, long long>)
+        return item_int64;
+    else if constexpr (sizeof(T) == 1)
+        return std::is_signed_v<T> ? item_int8 : item_uint8;
+    else if constexpr (sizeof(T) == 2)
+        return std::is_signed_v<T> ? item_int16 : item_uint16;
+    else
+        return std::is_signed_v<T> ? item_int32 : item_uint32; // long counts as 32 bits
+}
+
+template <class T>
+void Lookup_basic<T>::_print(Debug::Dumper& dumper) const {
+    Data_item_stringify<T>(value).print(get_name(), dumper);
+}
+
+template <class T>
+Data_item::Serial_ret Lookup_basic<T>::serialise(Remote::Send_buffer& out, unsigned short& start_id) {
+    if (serial_action_started(start_id)) Remote::append_value(out, *value);
+    return serial_ok();
+}
+
+template <class T>
+Data_item::Serial_ret Lookup_basic<T>::deserialise(Remote::Receive_buffer& in, unsigned short& start_id) {
+    if (!serial_action_started(start_id)) return serial_ok();
+    T received;
+    if (!Remote::pop_value(in, received)) return serial_fail();
+    if (received != *value) {
+        *value = received;
+        notify_cds(value, sizeof(T));
+    }
+    return serial_ok();
+}
+
+// ---- arrays
+
+template <class T>
+void Lookup_basic_array<T>::_print(Debug::Dumper& dumper) const {
+    if constexpr (std::is_same_v<T, char>) {
+        Data_item_array_stringify<char>(elements, capacity).print(get_name(), dumper);
+    } else {
+        if (!dumper.start(get_name())) return;
+        for (unsigned i = 0; i < capacity; ++i)
+            Data_item_stringify<T>(elements + i).print(get_number_as_name(i), dumper);
+        dumper.end(get_name());
+    }
+}
+
+template <class T>
+Data_item::Serial_ret Lookup_basic_array<T>::serialise(Remote::Send_buffer& out, unsigned short& start_id) {
+    if (!serial_action_started(start_id)) return serial_ok();
+    out.append_UINT8(capacity);
+    for (unsigned i = 0; i < capacity; ++i) Remote::append_value(out, elements[i]);
+    return serial_ok();
+}
+
+template <class T>
+Data_item::Serial_ret Lookup_basic_array<T>::deserialise(Remote::Receive_buffer& in, unsigned short& start_id) {
+    if (!serial_action_started(start_id)) return serial_ok();
+    unsigned char count;
+    if (!in.pop_UINT8(count)) return serial_fail();
+    bool changed = false;
+    for (unsigned i = 0; i < std::min(count, capacity); ++i) {
+        T received;
+        if (!Remote::pop_value(in, received)) return serial_fail();
+        changed |= received != elements[i];
+        elements[i] = received;
+    }
+    if (changed) notify_cds(elements, static_cast<unsigned>(capacity * sizeof(T)));
+    return serial_ok();
+}
+
+#define KAV_INSTANTIATE(T)                                                                                             \
+    template class Lookup_basic<T>;                                                                                    \
+    template class Lookup_basic_array<T>;
+KAV_DATA_ITEM_TYPES(KAV_INSTANTIATE)
+#undef KAV_INSTANTIATE
+
+// ---- structs
+
+void Lookup_struct::_print(Debug::Dumper& dumper) const {
+    if (!dumper.start(get_name())) return;
+    for (Lookup_item& child : children) child._print(dumper);
+    dumper.end(get_name());
+}
+
+/// Every child in order until one fails; where a later call may resume is the first sibling behind it, here or higher
+/// up.
+template <class Operation>
+Data_item::Serial_ret Lookup_struct::walk(Operation operation) {
+    for (Lookup_item& child : children) {
+        Serial_ret result = operation(child);
+        if (result.fail()) {
+            result.sync_next(children.next(&child));
+            return result;
+        }
+    }
+    return serial_ok();
+}
+
+// A struct takes part whatever the start identifier is: the item to start at may lie inside it.
+
+Data_item::Serial_ret Lookup_struct::serialise(Remote::Send_buffer& out, unsigned short& start_id) {
+    serial_action_started(start_id);
+    return walk([&](Lookup_item& child) { return child.serialise(out, start_id); });
+}
+
+Data_item::Serial_ret Lookup_struct::deserialise(Remote::Receive_buffer& in, unsigned short& start_id) {
+    serial_action_started(start_id);
+    return walk([&](Lookup_item& child) { return child.deserialise(in, start_id); });
+}
+
+void Lookup_struct::serialise_structure(Remote::Send_buffer& out, int depth) {
+    Lookup_item::serialise_structure(out, depth);
+    if (depth == 0) return;
+    // 255 and negative depths mean everything and are handed down as they are.
+    const int below = depth > 0 && depth < 255 ? depth - 1 : depth;
+    const char* separator = "{";
+    for (Lookup_item& child : children) {
+        out.str_append(separator);
+        child.serialise_structure(out, below);
+        separator = ",";
+    }
+    out.str_append(children.size() ? "}" : "{}");
+}
+
+void Lookup_struct::print_declaration(int indent) const {
+    for (int i = 0; i < indent; ++i) Debug_print::dprint("    ");
+    Debug_print::dprint("struct %s { \"%s\"\n", type_name, comment ? comment : "");
+    for (Lookup_item& child : children) child.print_declaration(indent + 1);
+    for (int i = 0; i < indent; ++i) Debug_print::dprint("    ");
+    Debug_print::dprint("} %s;\n", name);
+}
+
+bool Lookup_struct::_signal_update(Compare& compare) {
+    if (compare.done || compare.seek(data_address())) return false;
+    if (static_cast<ptrdiff_t>(data_size()) <= compare.first_diff) return false;
+    bool changed = false;
+    for (Lookup_item& child : children) {
+        changed |= child._signal_update(compare);
+        if (compare.done) break;
+    }
+    if (changed && update_listener) update_listener->updated(1);
+    return changed;
+}
+
+void Lookup_struct::set_minmax(unsigned short& min, unsigned short& max) {
+    min_id = max_id = id;
+    for (Lookup_item& child : children) child.set_minmax(min_id, max_id);
+    min = std::min(min, min_id);
+    max = std::max(max, max_id);
+}
+
+Lookup_item* Lookup_struct::find_item(const char* path, char separator) {
+    if (*path == 0) return this;
+    const char* const end = strchr(path, separator);
+    const size_t n = end ? static_cast<size_t>(end - path) : strlen(path);
+    for (Lookup_item& child : children) {
+        if (strncmp(child.get_name(), path, n) != 0 || child.get_name()[n] != 0) continue;
+        return end ? child.find_item(end + 1, separator) : &child;
+    }
+    return nullptr;
+}
+
+Lookup_item* Lookup_struct::find_item(unsigned short wanted) {
+    if (wanted == id) return this;
+    if (wanted < min_id || wanted > max_id) return nullptr;
+    for (Lookup_item& child : children)
+        if (Lookup_item* found = child.find_item(wanted)) return found;
+    return nullptr;
+}
+
+void Lookup_root::notify_head(const void* address, unsigned int size) {
+    const ptrdiff_t offset = static_cast<const char*>(address) - static_cast<const char*>(base);
+    head->event_signal(address, nullptr, static_cast<int>(offset), static_cast<int>(size), nullptr);
+}
+
+} // namespace CDS

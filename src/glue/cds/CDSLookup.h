@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/cds/Data_item.h"
+#include "util/api.h"
+#include "util/sl_list.h"
+#include <cstddef>
+
+/// The lookup tree: describes the data block as items with names, identifiers, addresses and sizes. Built at start-up
+/// in one thread and then only read; the values are guarded by the head's lock.
+namespace CDS {
+
+class Head;
+class Lookup_root;
+class Lookup_struct;
+
+/// The cursor of a change scan over two copies of the block, the live one and the one before.
+class KAV_API Compare {
+public:
+    Compare(const void* new_copy, const void* old_copy, unsigned int size);
+    /// Look for the first difference from `first_diff` on.
+    void scan();
+    /// Move to another address of the live copy; whether no difference is left from there on. Items must be visited in
+    /// block order: moving back looks only at the bytes behind the old position again.
+    bool seek(const void* address);
+
+    const unsigned char* position;
+    const unsigned char* old_position;
+    ptrdiff_t length;     ///< [bytes] left from `position`
+    ptrdiff_t first_diff; ///< [bytes] from `position` to the first difference
+    bool done;            ///< no difference at or behind `position`
+};
+
+/// Decimal text of `n` that may be kept for ever; numbered children are named by it. One thread at a time.
+KAV_API const char* get_number_as_name(unsigned int n);
+
+/// A node of the tree. The strings are the caller's and outlive it. Concrete classes append themselves to their parent.
+class KAV_API Lookup_item : public Data_item {
+public:
+    explicit Lookup_item(Lookup_struct& parent);
+
+    // Slot order is part of the interface.
+
+    const char* get_name() const override { return name; }
+    Data_item* find_data_item(const char* path) override;
+    Data_item* find_data_item(unsigned short wanted) override;
+    void _print(Debug::Dumper&) const override = 0;
+    Serial_ret serialise(Remote::Send_buffer&, unsigned short& start_id) override = 0;
+    Serial_ret deserialise(Remote::Receive_buffer&, unsigned short& start_id) override = 0;
+    void serialise_structure(Remote::Send_buffer&, int depth) override;
+    virtual void print_declaration(int indent) const = 0; ///< on the debug output
+    virtual int struct_query() const;                     ///< 0; for applications
+    virtual const void* data_address() const = 0;
+    virtual unsigned int data_size() const = 0; ///< [bytes]
+    virtual item_type_t get_type() const = 0;
+    virtual unsigned char get_type_byte() const;
+    virtual Lookup_struct* as_struct();
+    /// Tell the listeners whose bytes differ; true when this item's do.
+    virtual bool _signal_update(Compare& compare);
+    /// Widen the range to this item's identifiers. Run once on the root when the tree is complete.
+    virtual void set_minmax(unsigned short& min, unsigned short& max);
+    /// By path of names; the empty path is the item itself. Null when there is none.
+    virtual Lookup_item* find_item(const char* path, char separator);
+    /// By identifier, after set_minmax(). Null when there is none.
+    virtual Lookup_item* find_item(unsigned short wanted);
+    virtual Lookup_root* root();
+    virtual void reserved_hook();
+
+    void set_type_name(const char* s) { type_name = s; }
+    void set_name(const char* s) { name = s; }
+    void set_comment(const char* s) { comment = s; }
+    const char* get_type_name() const { return type_name; }
+    const char* get_comment() const { return comment; }
+    Lookup_struct* get_parent() const { return parent; }
+
+    /// Signal a change of these bytes through the root's head, without old contents. The caller holds the head's lock.
+    void notify_cds(const void* address, unsigned int size);
+    /// Tell the listeners of everything that differs between the live bytes and a copy of them from before; true when
+    /// something did. `new_copy` is the live block at an item's bytes; elsewhere nothing is scanned and the result is
+    /// false.
+    bool signal_update(const void* new_copy, const void* old_copy, unsigned int size);
+
+protected:
+    ~Lookup_item() = default;
+
+    const char* type_name = "";
+    const char* name = "";
+    const char* comment = "";
+    Lookup_struct* parent;
+};
+
+/// One value of type T inside the block.
+template <class T>
+class KAV_API Lookup_basic : public Lookup_item {
+public:
+    Lookup_basic(Lookup_struct& parent_struct, T* place) : Lookup_item(parent_struct), value(place) {}
+
+    void _print(Debug::Dumper&) const override;
+    Serial_ret serialise(Remote::Send_buffer&, unsigned short& start_id) override;
+    Serial_ret deserialise(Remote::Receive_buffer&, unsigned short& start_id) override;
+    item_type_t get_type() const override { return get_base_type(); }
+    static item_type_t get_base_type();
+
+protected:
+    ~Lookup_basic() = default;
+    T* value;
+};
+
+class KAV_API Lookup_basic_array_base : public Lookup_item {
+public:
+    Lookup_basic_array_base(Lookup_struct& parent_struct, unsigned char elements_max)
+        : Lookup_item(parent_struct), capacity(elements_max) {}
+    unsigned char get_type_byte() const override;
+
+protected:
+    ~Lookup_basic_array_base() = default;
+    unsigned char capacity; ///< [elements] 1..255
+};
+
+/// A fixed number of values of type T inside the block.
+template <class T>
+class KAV_API Lookup_basic_array : public Lookup_basic_array_base {
+public:
+    Lookup_basic_array(Lookup_struct& parent_struct, T* place, unsigned char elements_max)
+        : Lookup_basic_array_base(parent_struct, elements_max), elements(place) {}
+
+    void _print(Debug::Dumper&) const override;
+    Serial_ret serialise(Remote::Send_buffer&, unsigned short& start_id) override;
+    /// Surplus elements that the other side sent stay in the buffer, so what follows is misaligned: the format has no
+    /// means to tell a longer array from a wrong one.
+    Serial_ret deserialise(Remote::Receive_buffer&, unsigned short& start_id) override;
+    item_type_t get_type() const override { return Lookup_basic<T>::get_base_type(); }
+
+protected:
+    ~Lookup_basic_array() = default;
+    T* elements;
+};
+
+/// A container of items, in declaration order, which is block order.
+class KAV_API Lookup_struct : public Lookup_item {
+public:
+    explicit Lookup_struct(Lookup_struct& parent_struct) : Lookup_item(parent_struct) {}
+
+    void _print(Debug::Dumper&) const override;
+    Serial_ret serialise(Remote::Send_buffer&, unsigned short& start_id) override;
+    Serial_ret deserialise(Remote::Receive_buffer&, unsigned short& start_id) override;
+    void serialise_structure(Remote::Send_buffer&, int depth) override;
+    void print_declaration(int indent) const override;
+    item_type_t get_type() const override { return item_struct; }
+    Lookup_struct* as_struct() override { return this; }
+    bool _signal_update(Compare& compare) override;
+    void set_minmax(unsigned short& min, unsigned short& max) override;
+    Lookup_item* find_item(const char* path, char separator) override;
+    Lookup_item* find_item(unsigned short wanted) override;
+
+    /// Append a child. Called by the constructors of concrete items.
+    void add_item(Lookup_item& child) { children.push(&child); }
+    void get_minmax(unsigned short& min, unsigned short& max) const {
+        min = min_id;
+        max = max_id;
+    }
+
+protected:
+    ~Lookup_struct() = default;
+    template <class Operation>
+    Serial_ret walk(Operation operation);
+
+    c_sl_list<Lookup_item> children;
+    unsigned short min_id = 0; ///< smallest identifier of the subtree, valid after set_minmax()
+    unsigned short max_id = 0;
+};
+
+/// The root: its own parent; knows the head and the block.
+class KAV_API Lookup_root : public Lookup_struct {
+public:
+    /// `block` is the start of the data block.
+    Lookup_root(Head& h, void* block) : Lookup_struct(*this), head(&h), base(block) {}
+    Lookup_root* root() override { return this; }
+    Head* get_head() const { return head; }
+    /// Signal a change of `size` bytes at `address` of the block, without old contents.
+    void notify_head(const void* address, unsigned int size);
+
+protected:
+    ~Lookup_root() = default;
+    Head* head;
+    void* base;
+};
+
+} // namespace CDS

@@ -1,0 +1,279 @@
+// SPDX-License-Identifier: MIT
+#include "glue/cds/CDS_events.h"
+#include "glue/cds/CDSLookup.h"
+#include "glue/diner/module_man.h"
+#include "glue/diner/waiter_descriptor.h"
+#include "util/Bugger.h"
+#include "util/Debug_print.h"
+#include "util/Mspace.h"
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace CDS {
+namespace {
+
+constexpr unsigned int space_size = 24576; // [bytes] the bound on what registrations may take
+
+/// The memory of all registrations. Made on first use and never destroyed: heads may be statics of the application.
+const Mspace& space() {
+    alignas(std::max_align_t) static unsigned char region[space_size];
+    static Mspace& event_space = *new Mspace(region, space_size, "cds_event");
+    return event_space;
+}
+// Made when the library is loaded, so that usage reports list it from the start.
+[[maybe_unused]] const Mspace& at_load = space();
+
+int64_t end_of(const Event_node& n) { return int64_t(n.offset) + n.length; }
+
+/// Without a caller holding the lock the trees may be walked and changed at once.
+void check_locked([[maybe_unused]] const Head* head, [[maybe_unused]] const char* operation) {
+#ifndef NDEBUG
+    if (!head->is_locked()) Debug_print::dprint("CDS: %s without the head's lock\n", operation);
+#endif
+}
+
+void fill(Event_recipient& r, waiter_descriptor* waiter, Reg_type type, int value, Access_base* access,
+          Virt_access* virt) {
+    r.waiter = waiter;
+    r.type = type;
+    switch (type) {
+    case reg_value:
+    case reg_value_direct:
+        r.target = static_cast<unsigned>(value);
+        break;
+    case reg_access:
+        r.target = reinterpret_cast<event_word_t>(access ? access : virt ? &virt->access : nullptr);
+        break;
+    case reg_virt_access:
+        r.target = reinterpret_cast<event_word_t>(virt);
+        break;
+    }
+}
+
+} // namespace
+
+void* Event_recipient::operator new(size_t n) noexcept { return space().malloc_for_new(static_cast<unsigned>(n)); }
+void Event_recipient::operator delete(void* p) { space().free(p); }
+void* Event_list::operator new(size_t n) noexcept { return space().malloc_for_new(static_cast<unsigned>(n)); }
+void Event_list::operator delete(void* p) { space().free(p); }
+void* Event_node::operator new(size_t n) noexcept { return space().malloc_for_new(static_cast<unsigned>(n)); }
+void Event_node::operator delete(void* p) { space().free(p); }
+
+// ---- ranges
+
+Event_list::Event_list() { create<&Head::compare>(); }
+
+Event_list::~Event_list() {
+    while (Event_node* n = first()) {
+        remove(n);
+        delete n;
+    }
+}
+
+Event_node::~Event_node() {
+    while (Event_recipient* r = recipients.pop()) delete r;
+    delete children;
+}
+
+bool Event_node::contains(const Event_node& o) const {
+    return offset <= o.offset && end_of(*this) >= end_of(o) && length != o.length;
+}
+
+bool Wakeup_node::allowed(const Event_recipient* r) const {
+    return !options || r->waiter != options->waiter_to_exclude;
+}
+
+bool Wakeup_node::changed(const Event_node* n) const {
+    if (!new_data || !old_data) return true;
+    const int64_t d = int64_t(n->offset) - offset;
+    const int64_t count = d < 0 ? length : std::min(length, n->length);
+    const int64_t from = std::max<int64_t>(d, 0);
+    return count > 0 && memcmp(static_cast<const char*>(new_data) + from, static_cast<const char*>(old_data) + from,
+                               static_cast<size_t>(count)) != 0;
+}
+
+// ---- the head
+
+Head::Head(module_man* modules, unsigned long word) : _word(word) {
+    if (!modules) return;
+    // Extended modules: with ordinary ones the waiter would merge events that differ only in their target.
+    modules->init_module(&_module_value, true);
+    modules->init_module(&_module_access, true);
+    modules->init_module(&_module_virt, true);
+}
+
+Head::~Head() = default;
+
+int Head::compare(const Event_node* a, const Event_node* b) {
+    return a->offset < b->offset ? -1 : a->offset > b->offset ? 1 : 0;
+}
+
+short Head::module_of(Reg_type type) const {
+    switch (type) {
+    case reg_access:
+        return _module_access;
+    case reg_virt_access:
+        return _module_virt;
+    default:
+        return _module_value;
+    }
+}
+
+bool Head::is_event(const waiter_event& e, Reg_type type) const {
+    return e.module_id == module_of(type) && e.id == 0 && e.module_id != 0;
+}
+
+int Head::event_register(waiter_descriptor* waiter, int offset, int length, Reg_type type, int value,
+                         Access_base* access, Virt_access* virt) {
+    check_locked(this, "event_register");
+    Event_node key(offset, length);
+    Event_recipient* const recipient = new Event_recipient;
+    if (!recipient) {
+        Debug_print::dprint("ERROR: Could not get memory for CDS des node\n");
+        return -1;
+    }
+    fill(*recipient, waiter, type, value, access, virt);
+    key.recipients.push(recipient); // the key owns it until it has found its place
+    return cds_event_register_body(&_events, key);
+}
+
+int Head::cds_event_register_body(Event_list* list, Event_node& key) {
+    while (Event_node* n = list->find(&key, bst_less_equal)) {
+        if (n->same(key)) {
+            n->recipients.push(key.recipients.pop());
+            return 0;
+        }
+        if (n->offset > key.offset || !n->contains(key)) break;
+        if (!n->children && !(n->children = new Event_list)) {
+            Debug_print::dprint("ERROR: Could not get mem CDS child tree\n");
+            return -1;
+        }
+        list = n->children;
+    }
+
+    Event_node* const node = new Event_node(key.offset, key.length);
+    if (!node) {
+        Debug_print::dprint("ERROR: Could not get mem CDS node\n");
+        return -1;
+    }
+    // The ranges inside the new one move below it, each with all it holds. The list that takes them is had before the
+    // first one moves, so that a failure leaves everything where it was.
+    while (Event_node* inner = list->find(&key, bst_greater_equal)) {
+        if (inner->offset < key.offset || !key.contains(*inner)) break;
+        if (!node->children && !(node->children = new Event_list)) {
+            Debug_print::dprint("ERROR: Could not get mem CDS child tree\n");
+            delete node;
+            return -1;
+        }
+        list->remove(inner);
+        node->children->insert(inner);
+    }
+    node->recipients.push(key.recipients.pop());
+    return list->insert(node);
+}
+
+int Head::event_unregister(waiter_descriptor* waiter, int offset, int length, Reg_type type, int value,
+                           Access_base* access, Virt_access* virt) {
+    check_locked(this, "event_unregister");
+    Event_node key(offset, length);
+    Event_recipient wanted;
+    fill(wanted, waiter, type, value, access, virt);
+
+    Event_node* n = nullptr;
+    for (Event_list* list = &_events; list; list = n->children) {
+        n = list->find(&key, bst_less_equal);
+        if (!n) return -1;
+        if (n->same(key)) break;
+        if (n->offset > key.offset || !n->contains(key)) return -1;
+    }
+    if (!n || !n->same(key)) return -1;
+    for (Event_recipient& r : n->recipients) {
+        if (!(r == wanted)) continue;
+        n->recipients.remove(&r);
+        delete &r;
+        return 0;
+    }
+    return -1;
+}
+
+int Head::event_signal(const void* new_data, const void* old_data, int offset, int length, Options* options) {
+    check_locked(this, "event_signal");
+    const Wakeup_node w(offset, length, new_data, old_data, options);
+    const int result = signal_body(&_events, w);
+    if (lookup && new_data && old_data) lookup->signal_update(new_data, old_data, static_cast<unsigned>(length));
+    return result;
+}
+
+int Head::signal_body(Event_list* list, const Wakeup_node& w) {
+    while (Event_node* n = list->find(&w, bst_less_equal)) {
+        if (n->same(w)) {
+            wake_descend(n, w);
+            return 0;
+        }
+        if (n->offset > w.offset || !n->contains(w)) break;
+        wake(n, w);
+        if (!n->children) return 0;
+        list = n->children;
+    }
+    for (Event_node* n = list->find(&w, bst_greater_equal); n && w.contains(*n); n = list->next(n)) wake_descend(n, w);
+    return 0;
+}
+
+void Head::wake_descend(Event_node* n, const Wakeup_node& w) {
+    wake(n, w);
+    if (!n->children) return;
+    for (Event_node& child : *n->children) wake_descend(&child, w);
+}
+
+void Head::wake(Event_node* n, const Wakeup_node& w) {
+    if (!w.changed(n)) return;
+    for (const Event_recipient& r : n->recipients)
+        if (w.allowed(&r)) r.waiter->send_event(waiter_event(module_of(r.type), 0, r.target), true, false);
+}
+
+// ---- handles
+
+namespace {
+
+bool initialised(const Access_base& access, const char* complaint) {
+    if (!access.head) Bugger::report_bug(complaint);
+    return access.head != nullptr;
+}
+
+} // namespace
+
+int Access_base::reg(waiter_descriptor* waiter, int value) {
+    if (!initialised(*this, "CDS: Tried to reg with no init")) return -1;
+    return head->event_register(waiter, offset, length, reg_value, value, nullptr, nullptr);
+}
+
+int Access_base::unreg(waiter_descriptor* waiter, int value) {
+    if (!initialised(*this, "CDS: Tried to unreg with no init")) return -1;
+    return head->event_unregister(waiter, offset, length, reg_value, value, nullptr, nullptr);
+}
+
+int Access_base::autoreg(waiter_descriptor* waiter) {
+    if (!initialised(*this, "CDS: Tried to autoreg with no init")) return -1;
+    return head->event_register(waiter, offset, length, reg_access, 0, this, nullptr);
+}
+
+int Access_base::autounreg(waiter_descriptor* waiter) {
+    if (!initialised(*this, "CDS: Tried to autounreg with no init")) return -1;
+    return head->event_unregister(waiter, offset, length, reg_access, 0, this, nullptr);
+}
+
+Virt_access::~Virt_access() = default;
+
+int Virt_access::autoreg(waiter_descriptor* waiter) {
+    if (!initialised(access, "CDS: Tried to autoreg with no init")) return -1;
+    return access.head->event_register(waiter, access.offset, access.length, reg_virt_access, 0, &access, this);
+}
+
+int Virt_access::autounreg(waiter_descriptor* waiter) {
+    if (!initialised(access, "CDS: Tried to autounreg with no init")) return -1;
+    return access.head->event_unregister(waiter, access.offset, access.length, reg_virt_access, 0, &access, this);
+}
+
+} // namespace CDS

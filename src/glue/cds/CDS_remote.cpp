@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: MIT
+#include "glue/cds/CDS_remote.h"
+#include "glue/vorn/Binary_message.h"
+#include "util/Debug_print.h"
+#include "util/number_text.h"
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+namespace CDS::Remote {
+namespace {
+
+bool is_name_char(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+/// A hexadecimal number that ends at a colon. `text` moves behind the colon; false when there is none.
+bool read_number(const char*& text, uint32_t& value) {
+    const char* end;
+    value = Util::to_ulong32(text, 16, &end);
+    if (end == text || *end != ':') return false;
+    text = end + 1;
+    return true;
+}
+
+/// Encode in a temporary of exactly the value's width: what straddles the slice is cut there, byte for byte.
+template <class T>
+int append_with(Send_buffer& out, void (Binary_message::*set)(uint32_t, T), T value) {
+    char bytes[sizeof(T)];
+    (Binary_message(bytes, sizeof bytes).*set)(0, value);
+    out.buf_append(bytes, sizeof bytes);
+    return sizeof bytes;
+}
+
+template <class T, class Value>
+bool pop_with(Receive_buffer& in, T (Binary_message::*get)(uint32_t) const, Value& value) {
+    static_assert(sizeof(T) == sizeof(Value));
+    if (in.remaining < static_cast<int>(sizeof(T))) return false;
+    // The view only reads.
+    value = static_cast<Value>((Binary_message(const_cast<char*>(in.position), sizeof(T)).*get)(0));
+    in.position += sizeof(T);
+    in.remaining -= static_cast<int>(sizeof(T));
+    return true;
+}
+
+} // namespace
+
+int Send_buffer::buf_append(const char* data, int length) {
+    if (room < 1 || length < 1) return 0;
+    if (skip != 0) {
+        if (skip < 0) {
+            Debug_print::dprint("\n\nNegative offset!!\n");
+            return 0;
+        }
+        if (skip >= length) {
+            skip -= length;
+            return 0;
+        }
+        data += skip;
+        length -= skip;
+        skip = 0;
+    }
+    const int stored = std::min(length, room);
+    memcpy(position, data, static_cast<size_t>(stored));
+    position += stored;
+    room -= stored;
+    return stored;
+}
+
+int Send_buffer::str_append(const char* text) { return buf_append(text, static_cast<int>(strlen(text))); }
+
+int Send_buffer::append_BOOL(bool v) { return append_UINT8(v ? 1 : 0); }
+int Send_buffer::append_CHAR(char v) { return append_UINT8(static_cast<unsigned char>(v)); }
+int Send_buffer::append_INT8(signed char v) { return append_UINT8(static_cast<unsigned char>(v)); }
+int Send_buffer::append_UINT8(unsigned char v) { return append_with(*this, &Binary_message::set_uint8, v); }
+int Send_buffer::append_INT16(short v) { return append_with(*this, &Binary_message::set_int16_le, v); }
+int Send_buffer::append_UINT16(unsigned short v) { return append_with(*this, &Binary_message::set_uint16_le, v); }
+int Send_buffer::append_INT32(int v) { return append_with(*this, &Binary_message::set_int32_le, v); }
+int Send_buffer::append_UINT32(unsigned int v) { return append_with(*this, &Binary_message::set_uint32_le, v); }
+int Send_buffer::append_INT64(long long v) { return append_with<int64_t>(*this, &Binary_message::set_int64_le, v); }
+int Send_buffer::append_UINT64(unsigned long long v) {
+    return append_with<uint64_t>(*this, &Binary_message::set_uint64_le, v);
+}
+int Send_buffer::append_FLOAT(float v) { return append_with(*this, &Binary_message::set_float, v); }
+int Send_buffer::append_DOUBLE(double v) { return append_with(*this, &Binary_message::set_double, v); }
+
+bool Receive_buffer::pop_BOOL(bool& v) {
+    unsigned char byte;
+    if (!pop_UINT8(byte)) return false;
+    v = byte != 0;
+    return true;
+}
+bool Receive_buffer::pop_CHAR(char& v) { return pop_UINT8(reinterpret_cast<unsigned char&>(v)); }
+bool Receive_buffer::pop_INT8(signed char& v) { return pop_UINT8(reinterpret_cast<unsigned char&>(v)); }
+bool Receive_buffer::pop_UINT8(unsigned char& v) { return pop_with(*this, &Binary_message::get_uint8, v); }
+bool Receive_buffer::pop_INT16(short& v) { return pop_with(*this, &Binary_message::get_int16_le, v); }
+bool Receive_buffer::pop_UINT16(unsigned short& v) { return pop_with(*this, &Binary_message::get_uint16_le, v); }
+bool Receive_buffer::pop_INT32(int& v) { return pop_with(*this, &Binary_message::get_int32_le, v); }
+bool Receive_buffer::pop_UINT32(unsigned int& v) { return pop_with(*this, &Binary_message::get_uint32_le, v); }
+bool Receive_buffer::pop_INT64(long long& v) { return pop_with(*this, &Binary_message::get_int64_le, v); }
+bool Receive_buffer::pop_UINT64(unsigned long long& v) { return pop_with(*this, &Binary_message::get_uint64_le, v); }
+bool Receive_buffer::pop_FLOAT(float& v) { return pop_with(*this, &Binary_message::get_float, v); }
+bool Receive_buffer::pop_DOUBLE(double& v) { return pop_with(*this, &Binary_message::get_double, v); }
+
+bool Receive_buffer::struct_start() const { return remaining > 0 && *position == '{'; }
+bool Receive_buffer::struct_finish() const { return remaining > 0 && *position == '}'; }
+bool Receive_buffer::field_sep() const { return remaining > 0 && *position == ','; }
+
+bool Receive_buffer::pop_one() {
+    if (remaining < 1) return false;
+    ++position;
+    --remaining;
+    return *position != 0;
+}
+
+bool Receive_buffer::pop_item(Data_item::item_type_t& type_byte, unsigned short& id, int& name_length) {
+    const char* at = position;
+    uint32_t number;
+    if (!read_number(at, number)) return false;
+    type_byte = static_cast<Data_item::item_type_t>(number & 0xFF);
+    if (!read_number(at, number)) return false;
+    id = static_cast<unsigned short>(number);
+
+    const char* const name = at;
+    while (is_name_char(*at)) ++at;
+    name_length = static_cast<int>(at - name);
+    remaining -= static_cast<int>(at - position);
+    position = at;
+    return true;
+}
+
+} // namespace CDS::Remote

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/cds/CDS_events.h"
+#include "glue/cds/CDS_items.h"
+#include "glue/diner/module_man.h"
+#include "glue/diner/waiter_descriptor.h"
+#include "util/atime.h"
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// A data block with a bit of everything and the items that describe it.
+struct Engine {
+    short speed;
+    unsigned char mode;
+    // a gap of one byte
+    float load;
+};
+
+struct Block {
+    Engine engine;
+    unsigned short levels[4];
+    char label[8];
+    long counter;
+    bool on;
+};
+
+struct Told : CDS::Update_listener {
+    explicit Told(const char* who, std::vector<std::string>& log) : name(who), calls(log) {}
+    void updated(int why) override { calls.push_back(name + std::to_string(why)); }
+    std::string name;
+    std::vector<std::string>& calls;
+};
+
+struct Block_items {
+    Block_items(CDS::Head& h, Block& b) : head(h), block(b) { root.finish(); }
+
+    std::vector<std::string> told;
+    Told engine_told{"engine", told}, speed_told{"speed", told}, label_told{"label", told};
+    CDS::Head& head;
+    Block& block;
+    CDS::Root root{head, "machine", block, "the whole"};
+    CDS::Struct engine{root, "engine", block.engine, "the engine", &engine_told};
+    CDS::Value<short> speed{engine, "speed", block.engine.speed, "[1/min]", &speed_told};
+    CDS::Value<unsigned char> mode{engine, "mode", block.engine.mode};
+    CDS::Value<float> load{engine, "load", block.engine.load};
+    CDS::Array<unsigned short> levels{root, "levels", block.levels};
+    CDS::Array<char> label{root, "label", block.label, "", &label_told};
+    CDS::Value<long> counter{root, "counter", block.counter};
+    CDS::Value<bool> on{root, "on", block.on};
+};
+
+/// A waiter without a thread; events are taken by the test.
+class Inbox {
+public:
+    explicit Inbox(module_man& mm) { waiter.init(&mm); }
+    /// The data words of what has arrived, in order.
+    std::vector<long> targets() {
+        std::vector<long> all;
+        waiter_event e;
+        while (waiter.get_event(&e, Atime(false)) == 0) all.push_back(static_cast<long>(e.data));
+        return all;
+    }
+    waiter_descriptor waiter;
+};
