@@ -59,4 +59,4 @@ configure() {
     [ -f "build/$1/build.ninja" ] || cmake --preset "$1"
 }
 
-base_packages=(g++ cmake ninja-build qt6-base-dev libgtest-dev)
+base_packages=(g++ cmake ninja-build qt6-base-dev libdeflate-dev libgtest-dev)
