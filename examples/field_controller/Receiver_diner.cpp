@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+#include "Receiver_diner.h"
+#include "glue/vorn/Vorn_error_decoder.h"
+#include "glue/vorn/Vorn_message.h"
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+Receiver_diner::Receiver_diner(Posix_threaded_serial_data_stream& stream, Link_watch* watch, bool quiet)
+    : _stream(stream), _watch(watch), _quiet(quiet), _parser(&stream, true), _printer(true) {}
+
+Receiver_diner::~Receiver_diner() {
+    _stream.deregister_waiter(&waiter);
+    terminate(true);
+}
+
+void Receiver_diner::init(module_man& modules) {
+    init(modules, nullptr, Descriptor("RECEIVER", 2), 0, 256, false, true);
+    _stream.register_waiter(&waiter);
+}
+
+Receiver_diner::Counts Receiver_diner::counts() const {
+    lock(-1);
+    const Counts c = _counts;
+    unlock();
+    return c;
+}
+
+void Receiver_diner::print(const char* text) const {
+    if (!_quiet) puts(text);
+}
+
+void Receiver_diner::handle_event(waiter_event&) {
+    if (_watch) _counts.longest_us = std::max(_counts.longest_us, _watch->handled());
+    unsigned char packet[4200];
+    int length;
+    while (const int kind = _parser.get_packet(packet, sizeof packet - 1, length)) {
+        packet[length] = 0;
+        if (kind == 1) {
+            handle_frame(packet, length);
+        } else if (kind == 2) {
+            handle_reply(reinterpret_cast<char*>(packet));
+        } else if (std::strspn(reinterpret_cast<char*>(packet), "\r\n") != static_cast<size_t>(length)) {
+            ++_counts.text_lines;
+        }
+    }
+}
+
+void Receiver_diner::handle_reply(char* text) {
+    ++_counts.replies;
+    text[std::strcspn(text, "\r\n")] = 0;
+    const int code = Vorn_error_decoder::extract(text);
+    char line[400];
+    if (code > 0)
+        snprintf(line, sizeof line, "%s (error %d: %s)", text, code, errcode2str(code) + 1);
+    else
+        snprintf(line, sizeof line, "%s", text);
+    print(line);
+}
+
+void Receiver_diner::handle_frame(unsigned char* bytes, int length) {
+    Vorn_message frame(bytes, static_cast<unsigned>(length));
+    if (!frame.check_checksum()) {
+        ++_counts.rejected;
+        return;
+    }
+    ++_counts.delivered;
+    char line[1024];
+    if (!_quiet && _printer.snprint(frame, line, sizeof line) > 0) print(line);
+}

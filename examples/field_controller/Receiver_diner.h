@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "Link_watch.h"
+#include "glue/data_stream/Posix_threaded_serial_data_stream.h"
+#include "glue/diner/Diner_protection.h"
+#include "glue/vorn/Vorn_parser.h"
+#include "glue/vorn/Vorn_printer.h"
+
+/// Listens to the receiver: woken by the stream's reader thread, it cuts packets out of the bytes, checks each frame
+/// and prints it.
+class Receiver_diner : public Diner::Protection {
+public:
+    struct Counts {
+        unsigned delivered = 0; ///< frames whose checksum is right
+        unsigned rejected = 0;  ///< frames whose checksum is wrong
+        unsigned replies = 0;
+        unsigned text_lines = 0; ///< what was met out of step, blank lines left out
+        int64_t longest_us = 0;  ///< longest time from byte to handler
+    };
+
+    /// `stream` and `watch` (may be null: no times) outlive the diner. `quiet`: count, but print nothing.
+    Receiver_diner(Posix_threaded_serial_data_stream& stream, Link_watch* watch, bool quiet);
+    ~Receiver_diner() override;
+
+    using Diner::init;
+    void init(module_man& modules);
+    Counts counts() const;
+
+private:
+    void handle_event(waiter_event& event) override;
+    void handle_timeout(Timeout&) override {}
+    using Diner::handle_timeout;
+
+    void handle_reply(char* text);
+    void handle_frame(unsigned char* bytes, int length);
+    void print(const char* text) const;
+
+    Posix_threaded_serial_data_stream& _stream;
+    Link_watch* _watch;
+    const bool _quiet;
+    Vorn_parser _parser;
+    Vorn_printer _printer;
+    Counts _counts;
+};
