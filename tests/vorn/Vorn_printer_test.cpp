@@ -123,27 +123,23 @@ TEST(Vorn_printer, prints_each_message_in_both_forms) {
             EXPECT_EQ(p.result, static_cast<int>(expected.size())) << expected;
         }
     }
-}
-
-bool is_array(const std::string& frame) {
-    const auto* info = GNSS_messages::find(static_cast<uint16_t>(frame[0] | frame[1] << 8));
-    return info->form == GNSS_messages::Form::array;
-}
-bool is_text(const std::string& frame) {
-    const auto* info = GNSS_messages::find(static_cast<uint16_t>(frame[0] | frame[1] << 8));
-    return info->form == GNSS_messages::Form::text;
+    char longer[] = "NP000 and what the view does not hold", buf[40];
+    EXPECT_EQ(Vorn_printer().snprint(Vorn_message(longer, 5), buf, sizeof buf), 5);
+    EXPECT_STREQ(buf, "NP000");
 }
 
 TEST(Vorn_printer, cuts_what_does_not_fit_and_says_how_much_is_left) {
     for (const Golden& g : golden()) {
         const std::string whole = g.labelled;
+        const auto form = GNSS_messages::find(static_cast<uint16_t>(g.frame[0] | g.frame[1] << 8))->form;
         for (int size = 1; size <= static_cast<int>(whole.size()) + 2; ++size) {
             // Elements of an array leave one more byte free than they need to.
             size_t kept = static_cast<size_t>(size) - 1;
-            if (is_array(g.frame) && kept > 2) --kept;
+            if (form == GNSS_messages::Form::array && kept > 2) --kept;
             const Printed p = print(g.frame, true, size);
             EXPECT_EQ(p.text, whole.substr(0, kept)) << size;
-            EXPECT_EQ(p.result, static_cast<int>(is_text(g.frame) ? whole.size() : p.text.size())) << whole << size;
+            const bool text = form == GNSS_messages::Form::text;
+            EXPECT_EQ(p.result, static_cast<int>(text ? whole.size() : p.text.size())) << whole << size;
         }
     }
 }

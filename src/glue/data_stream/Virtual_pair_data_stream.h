@@ -21,7 +21,8 @@ public:
     Virtual_pair_data_stream_part(module_man* mm, Virtual_pair_data_stream_part& peer, Mutex& shared);
     ~Virtual_pair_data_stream_part() override;
 
-    void flush() override; ///< forget what arrived and is not in the receive buffer yet
+    /// Forget what arrived and is not in the receive buffer yet; a writer that waits for room goes on.
+    void flush() override;
     int set_read_timeout(int ms) override;
     int set_default_read_timeout() override;
     int set_write_timeout(int ms) override;
