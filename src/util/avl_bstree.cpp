@@ -19,6 +19,22 @@ static avl_bsnode* as_avl(__bsnode* n) { return static_cast<avl_bsnode*>(n); }
 
 static avl_bsnode* child(avl_bsnode const* n, int side) { return as_avl(side < 0 ? n->less : n->greater); }
 
+/// One step down a search. Which way it goes is a coin toss, which a branch would mispredict every other time: one
+/// child is picked by arithmetic, after both were fetched while the comparison ran (prefetch_children).
+static avl_bsnode* step_down(avl_bsnode const* n, bool to_greater) {
+    const auto less = reinterpret_cast<uintptr_t>(n->less), greater = reinterpret_cast<uintptr_t>(n->greater);
+    const uintptr_t all_if_greater = uintptr_t(0) - uintptr_t(to_greater);
+    return reinterpret_cast<avl_bsnode*>(less ^ ((less ^ greater) & all_if_greater));
+}
+
+static void prefetch_children(avl_bsnode const* n) {
+    __builtin_prefetch(n->less);
+    __builtin_prefetch(n->greater);
+}
+
+/// `condition ? value : 0` that stays without a branch, for the same reason.
+static int value_if(bool condition, int value) { return value & -int(condition); }
+
 /// Which child of its parent `n` is. The root is the greater one of the header.
 static int side_of(__bsnode const* n) { return n->parent->less == n ? LESS : GREATER; }
 
@@ -112,12 +128,12 @@ static int total_order(avl_bstree const& tree, avl_bsnode const* a, avl_bsnode c
 /// Go the way from the root to the place of `n` and add `change` to the rank of each node that it leaves to the less
 /// side. Returns whether n was there.
 static bool change_ranks(avl_bstree const& tree, avl_bsnode const* n, int change, avl_bstree::Order order) {
-    avl_bsnode* at = as_avl(tree.header.greater);
-    while (at) {
+    for (avl_bsnode* at = as_avl(tree.header.greater); at;) {
+        prefetch_children(at);
         const int c = total_order(tree, at, n, order);
         if (c == 0) return true;
-        at->rank += c > 0 ? change : 0;
-        at = child(at, c > 0 ? LESS : GREATER);
+        at->rank += value_if(c > 0, change);
+        at = step_down(at, c < 0);
     }
     return false;
 }
@@ -137,7 +153,7 @@ void Util::tree_misuse(const char* text) {
 
 avl_bstree::avl_bstree() : compare(nullptr) { init(); }
 
-// The elements stay as they are: they may be gone already, and the order of a derived tree is.
+// The elements stay linked: they may be gone already, and so is the order that a derived tree gave.
 avl_bstree::~avl_bstree() = default;
 
 int avl_bstree::create() { return create(nullptr); }
@@ -175,7 +191,8 @@ int avl_bstree::insert(avl_bsnode* n, Order order) {
     avl_bsnode* parent = &header;
     int side = GREATER;
     avl_bsnode* top = as_avl(header.greater); // the deepest node on the way that leans, where the growth ends
-    for (avl_bsnode* at = top; at; at = child(at, side)) {
+    for (avl_bsnode* at = top; at; at = step_down(at, side == GREATER)) {
+        prefetch_children(at);
         const int c = total_order(*this, at, n, order);
         if (c == 0) { // only an element that was cleared while in the tree meets itself
             change_ranks(*this, n, -1, order);
@@ -245,11 +262,12 @@ static Visit descend(avl_bsnode* root, Compare compare) {
     avl_bsnode* last = nullptr;
     int c = 0;
     int before = 0; // number of elements known to sort before the key
-    for (avl_bsnode* at = root; at; at = child(at, c > 0 ? LESS : GREATER)) {
+    for (avl_bsnode* at = root; at; at = step_down(at, c < 0)) {
+        prefetch_children(at);
         last = at;
         c = compare(at);
         if (c == 0) break;
-        before += c < 0 ? at->rank : 0;
+        before += value_if(c < 0, at->rank);
     }
     return {last, c, (last && c >= 0 ? before + last->rank : before) - 1};
 }
@@ -330,9 +348,10 @@ avl_bsnode* avl_bstree::operator[](int i) const {
     int rank = i + 1;
     avl_bsnode* at = as_avl(header.greater);
     while (at && at->rank != rank) {
+        prefetch_children(at);
         const bool further = at->rank < rank;
-        rank -= further ? at->rank : 0;
-        at = child(at, further ? GREATER : LESS);
+        rank -= value_if(further, at->rank);
+        at = step_down(at, further);
     }
     return at;
 }
