@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/data_stream/File_data_stream.h"
+#include "util/api.h"
+#include <cstdint>
+
+/// A text file with a CRC-32 trailer, written whole and read only when the trailer is there and right:
+///
+///     0 .. L-1    the bytes written, in order
+///     L           LF
+///     L+1 .. L+7  LF and "CRC32="
+///     L+8 .. L+15 the checksum as 8 upper-case hexadecimal digits
+///
+/// A reader sees exactly the bytes written and then the end of data.
+///
+/// Two limits, which existing files rely on: of payloads above 255 bytes only those verify whose length is a multiple
+/// of 255 (NV_store's safe saving pads to that), and a payload must not have a zero among its last four bytes.
+class KAV_API File_checksummed_data_stream : public File_data_stream {
+public:
+    static constexpr uint32_t seed = 0x5CA1AB1E; ///< what the checksum starts from
+    static constexpr int chunk = 255;            ///< [bytes] verified at a time
+    static char const* const crc32_head;         ///< "\nCRC32="
+
+    File_checksummed_data_stream();
+
+    /// Verify and open: false, with one line on the debug output, when the file is missing, cut or damaged.
+    bool open_read(char const* path);
+    bool open_read(int fd); ///< always false: a descriptor cannot be verified
+    /// Begin a new file, in place of an old one: false, with one line, when that fails.
+    bool open_write(char const* path);
+    bool close_read();
+    /// Append the trailer and close. After a write error there is no trailer, so that the file will not verify; a
+    /// stream destroyed without this call leaves none either. False, with one line, when not open.
+    bool close_write();
+
+    using Data_stream::get_data;
+    bool get_data(int n) override;
+    unsigned int _write(unsigned char const* data, unsigned int n) override;
+
+    uint32_t get_crc() const { return _crc; } ///< of what was written so far
+
+private:
+    bool verify(char const* path);
+    bool find_trailer(char const* path, int64_t size, uint32_t& stored);
+    bool checksum_payload(char const* path);
+
+    uint32_t _crc = seed;
+    int32_t _read_crc32_seek_off =
+        0; ///< [bytes] of the payload; -1 for a file that holds nothing but a trailer of 15 bytes
+};

@@ -1,0 +1,340 @@
+// SPDX-License-Identifier: MIT
+#include "platform/pcf_host.h"
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <mutex>
+#include <string>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// Names of our own are longer than any name of a file in the store can be.
+const char lock_name[] = "flash-store-lock--held-by-the-process-that-has-it-mounted";
+const char new_name[] = "flash-store-new--renamed-when-the-file-is-closed";
+const char note_name[] = "flash-store-note--length-before-an-append-that-is-not-closed";
+const char note_draft[] = "flash-store-note-draft--becomes-the-note";
+
+bool valid_name(const char* name) {
+    return name && *name && strlen(name) < PCF_NAME_SIZE && !strchr(name, '/') && strcmp(name, ".") != 0 &&
+           strcmp(name, "..") != 0;
+}
+
+struct Write_slot {
+    int fd = -1;
+    std::string name;
+    bool created = false;
+    off_t old_size = 0;
+    unsigned int written = 0;
+    bool failed = false; ///< a write went wrong: nothing of it will stay
+};
+
+struct Injection {
+    int countdown = 0;
+    Pcf_host::Fault fault = Pcf_host::fault_none;
+    int times = 0;
+};
+
+struct Store {
+    std::mutex mutex;
+    int dir = -1; ///< -1: not mounted
+    int lock = -1;
+    unsigned int quota = 0;
+    unsigned int used = 0; ///< [bytes] of the closed files
+    int read_fd = -1;
+    off_t read_at = 0;
+    Write_slot writing;
+    Injection injections[Pcf_host::num_calls];
+
+    bool mounted() const { return dir >= 0; }
+    unsigned int free_bytes() const {
+        const unsigned int taken = used + writing.written;
+        return taken < quota ? quota - taken : 0;
+    }
+    Pcf_host::Fault fault(Pcf_host::Call call) {
+        Injection& i = injections[call];
+        if (i.times == 0 || --i.countdown > 0) return Pcf_host::fault_none;
+        i.countdown = 1;
+        --i.times;
+        return i.fault;
+    }
+};
+
+Store& store() {
+    static Store& instance = *new Store; // callers may be statics that die late
+    return instance;
+}
+
+bool sync_directory(int dir) { return fsync(dir) == 0; }
+
+off_t size_of(int dir, const char* name) {
+    struct stat s;
+    return fstatat(dir, name, &s, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(s.st_mode) ? s.st_size : -1;
+}
+
+std::vector<std::string> list(int dir) {
+    std::vector<std::string> names;
+    const int fd = openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* const d = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (!d) return names;
+    while (const dirent* e = readdir(d))
+        if (valid_name(e->d_name) && size_of(dir, e->d_name) >= 0) names.emplace_back(e->d_name);
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// ---- the note
+
+bool write_note(int dir, const std::string& name, off_t size) {
+    const int fd = openat(dir, note_draft, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    const std::string text = std::to_string(size) + " " + name + "\n";
+    const bool good = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(fd) == 0;
+    close(fd);
+    return good && renameat(dir, note_draft, dir, note_name) == 0 && sync_directory(dir);
+}
+
+bool drop_note(int dir) { return unlinkat(dir, note_name, 0) == 0 && sync_directory(dir); }
+
+bool cut_back(int dir, const char* name, off_t size) {
+    const int fd = openat(dir, name, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return errno == ENOENT;
+    const bool good = ftruncate(fd, size) == 0 && fsync(fd) == 0;
+    close(fd);
+    return good;
+}
+
+/// Undo what a crash left half done.
+bool recover(int dir) {
+    unlinkat(dir, new_name, 0);
+    unlinkat(dir, note_draft, 0);
+    const int fd = openat(dir, note_name, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return errno == ENOENT;
+    char text[128] = {};
+    const ssize_t n = read(fd, text, sizeof text - 1);
+    close(fd);
+    long long size = 0;
+    char name[PCF_NAME_SIZE] = {};
+    if (n > 0 && sscanf(text, "%lld %39[^\n]", &size, name) == 2 && valid_name(name) && !cut_back(dir, name, size))
+        return false;
+    return drop_note(dir);
+}
+
+// ---- slots
+
+void drop_slots(Store& s) {
+    if (s.read_fd >= 0) close(s.read_fd);
+    s.read_fd = -1;
+    if (s.writing.fd >= 0) close(s.writing.fd);
+    s.writing = Write_slot();
+}
+
+PcfResult open_write_slot(Store& s, const char* path, bool create) {
+    if (s.writing.fd >= 0) return PCF_BUSY;
+    const off_t size = size_of(s.dir, path);
+    if (create == (size >= 0)) return create ? PCF_FAILED : PCF_NO_FILE;
+    int fd = -1;
+    if (create) {
+        fd = openat(s.dir, new_name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    } else if (write_note(s.dir, path, size)) {
+        fd = openat(s.dir, path, O_WRONLY | O_APPEND | O_CLOEXEC);
+        if (fd < 0) drop_note(s.dir);
+    }
+    if (fd < 0) return PCF_FAILED;
+    s.writing = {fd, path, create, create ? 0 : size, 0, false};
+    return PCF_DONE;
+}
+
+/// Make the open file permanent, or as if it had never been opened.
+bool close_write_slot(Store& s, bool keep) {
+    const Write_slot w = s.writing;
+    s.writing = Write_slot();
+    const bool synced = keep && fsync(w.fd) == 0;
+    close(w.fd);
+    bool kept = false;
+    if (w.created) {
+        kept = synced && renameat(s.dir, new_name, s.dir, w.name.c_str()) == 0 && sync_directory(s.dir);
+        if (!kept) unlinkat(s.dir, new_name, 0);
+    } else {
+        const bool undone = !synced && cut_back(s.dir, w.name.c_str(), w.old_size);
+        // A note that stays would undo the append at the next mount; one that is needed must stay.
+        kept = (synced || undone) && drop_note(s.dir) && synced;
+    }
+    const off_t now = size_of(s.dir, w.name.c_str());
+    s.used += static_cast<unsigned int>(std::max<off_t>(now, 0) - w.old_size);
+    return kept;
+}
+
+unsigned int total_size(int dir) {
+    off_t sum = 0;
+    for (const std::string& name : list(dir)) sum += size_of(dir, name.c_str());
+    return static_cast<unsigned int>(std::min<off_t>(sum, UINT_MAX));
+}
+
+} // namespace
+
+bool Pcf_host::mount(const char* directory, unsigned int quota) {
+    unmount();
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    const int dir = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0) return false;
+    const int lock = openat(dir, lock_name, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0 || !recover(dir)) {
+        const int reason = errno;
+        if (lock >= 0) close(lock);
+        close(dir);
+        errno = reason;
+        return false;
+    }
+    s.dir = dir;
+    s.lock = lock;
+    s.quota = quota;
+    s.used = total_size(dir);
+    for (Injection& i : s.injections) i = Injection();
+    return true;
+}
+
+void Pcf_host::unmount() {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (!s.mounted()) return;
+    drop_slots(s);
+    close(s.dir);
+    close(s.lock);
+    s.dir = s.lock = -1;
+}
+
+void Pcf_host::inject(Call call, int nth, Fault fault, int times) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    s.injections[call] = {nth, fault, times};
+}
+
+// ---- the functions of the store
+
+using namespace Pcf_host;
+
+int pcfIsMounted() {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    return s.mounted();
+}
+
+int pcfExists(const char* path) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    return s.mounted() && valid_name(path) && size_of(s.dir, path) >= 0;
+}
+
+PcfResult pcfOpenRead(const char* path, unsigned int offset, int) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (!s.mounted() || !valid_name(path)) return PCF_FAILED;
+    const Fault fault = s.fault(call_open_read);
+    if (fault != fault_none) return fault == fault_busy ? PCF_BUSY : PCF_FAILED;
+    if (s.read_fd >= 0) return PCF_BUSY;
+    if (size_of(s.dir, path) < 0) return PCF_NO_FILE;
+    s.read_fd = openat(s.dir, path, O_RDONLY | O_CLOEXEC);
+    s.read_at = offset;
+    return s.read_fd >= 0 ? PCF_DONE : PCF_FAILED;
+}
+
+int pcfRead(void* dest, int n, PcfResult* result, int) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    *result = PCF_FAILED;
+    if (s.read_fd < 0 || n < 0 || s.fault(call_read) != fault_none) return 0;
+    const ssize_t got = pread(s.read_fd, dest, static_cast<size_t>(n), s.read_at);
+    if (got < 0) return 0;
+    s.read_at += got;
+    *result = PCF_DONE;
+    return static_cast<int>(got);
+}
+
+PcfResult pcfCloseRead(int) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (s.read_fd < 0) return PCF_NOTHING;
+    close(s.read_fd);
+    s.read_fd = -1;
+    return PCF_DONE;
+}
+
+static PcfResult open_for_writing(const char* path, bool create) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (!s.mounted() || !valid_name(path)) return PCF_FAILED;
+    const Fault fault = s.fault(create ? call_create : call_open_write);
+    if (fault != fault_none) return fault == fault_busy ? PCF_BUSY : PCF_FAILED;
+    return open_write_slot(s, path, create);
+}
+
+PcfResult pcfCreateWrite(const char* path, int) { return open_for_writing(path, true); }
+PcfResult pcfOpenWrite(const char* path, int) { return open_for_writing(path, false); }
+
+int pcfWrite(const void* data, int n, int) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (s.writing.fd < 0 || n < 0) return -1;
+    int wanted = static_cast<int>(std::min(static_cast<unsigned int>(n), s.free_bytes()));
+    const Fault fault = s.fault(call_write);
+    if (fault == fault_short_write) wanted = std::min(wanted, n / 2);
+    const ssize_t written = fault == fault_error ? -1 : write(s.writing.fd, data, static_cast<size_t>(wanted));
+    if (written > 0) s.writing.written += static_cast<unsigned int>(written);
+    if (written != n) s.writing.failed = true;
+    return static_cast<int>(written);
+}
+
+int pcfCloseWrite(int) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (s.writing.fd < 0) return 0;
+    const bool fault = s.fault(call_close_write) != fault_none;
+    return close_write_slot(s, !s.writing.failed && !fault);
+}
+
+PcfResult pcfRemove(const char* path) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (!s.mounted() || !valid_name(path) || s.fault(call_remove) != fault_none) return PCF_FAILED;
+    if (s.writing.fd >= 0 && s.writing.name == path) return PCF_BUSY;
+    const off_t size = size_of(s.dir, path);
+    if (size < 0) return PCF_NO_FILE;
+    if (unlinkat(s.dir, path, 0) != 0 || !sync_directory(s.dir)) return PCF_FAILED;
+    s.used -= static_cast<unsigned int>(size);
+    return PCF_DONE;
+}
+
+int pcfInfo(PcfInfo* info) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (!s.mounted() || s.fault(call_info) != fault_none) return 0;
+    info->size = s.quota;
+    info->free_bytes = s.free_bytes();
+    return 1;
+}
+
+unsigned int pcfGetNumFiles() {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    return s.mounted() ? static_cast<unsigned int>(list(s.dir).size()) : 0;
+}
+
+int pcfGetFileName(unsigned int index, char* name) {
+    Store& s = store();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (!s.mounted()) return 0;
+    const std::vector<std::string> names = list(s.dir);
+    if (index >= names.size()) return 0;
+    strcpy(name, names[index].c_str());
+    return 1;
+}
