@@ -1,0 +1,331 @@
+// SPDX-License-Identifier: MIT
+#include "glue/NV_store/NV_container.h"
+#include "glue/NV_store/NV_path.h"
+#include "glue/NV_store/NV_root.h"
+#include "glue/cds/CDS_remote.h"
+#include "util/Debug_print.h"
+#include "util/assertion.h"
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace NV_store {
+
+NV_container::NV_container(NV_container* parent_container, NV_root* tree, unsigned short settings_id, const char* text)
+    : NV_item(parent_container, settings_id, text), root(tree) {}
+
+NV_container::NV_container(unsigned short settings_id, const char* text)
+    : NV_container(nullptr, nullptr, settings_id, text) {}
+
+NV_container::~NV_container() {
+    while (NV_item* child = children.pop()) child->parent = nullptr;
+}
+
+// ---- children
+
+void NV_container::add_child(NV_item* child) {
+    if (get_type() != item_container) {
+        for (const NV_item& other : children) {
+            if (other.get_id() != child->get_id()) continue;
+            Debug_print::dprint("Duplicate NV_store ID %s:%d %s:%d in %s\n", child->name,
+                                static_cast<int>(child->get_id()), other.name, static_cast<int>(other.get_id()), name);
+            exit(-119);
+        }
+    }
+    children.push(child);
+}
+
+void NV_container::remove_child(NV_item* child) { children.remove(child); }
+
+NV_item* NV_container::get_next_child(const NV_item* child) const {
+    return child ? children.next(child) : children.first();
+}
+
+NV_item* NV_container::get_next_in_tree(const NV_item* item) const {
+    const NV_container* const container = const_cast<NV_item*>(item)->as_container();
+    if (container && container->children.first()) return container->children.first();
+    for (const NV_item* at = item; at && at != this; at = at->parent) {
+        if (NV_item* sibling = at->parent ? at->parent->children.next(at) : nullptr) return sibling;
+    }
+    return nullptr;
+}
+
+int NV_container::get_my_index(const NV_item* child) const {
+    int index = 0;
+    for (const NV_item& own : children) {
+        if (&own == child) return index;
+        ++index;
+    }
+    return -1;
+}
+
+NV_item* NV_container::operator[](int index) const {
+    NV_item* const ret = children[index];
+    if (!ret)
+        Util::assertion_failed("ret != __null", "glue/NV_store/NV_container", 1,
+                               "NV_store::NV_item* NV_store::NV_container::operator[](int) const");
+    return ret;
+}
+
+void NV_container::_set_root(NV_root* tree) {
+    root = tree;
+    for (NV_item& child : children)
+        if (NV_container* container = child.as_container()) container->_set_root(tree);
+}
+
+// ---- finding
+
+Data_item* NV_container::find_data_item(unsigned short data_id) {
+    if (data_id == get_data_id()) return this;
+    for (NV_item& child : children)
+        if (Data_item* found = child.find_data_item(data_id)) return found;
+    return nullptr;
+}
+
+NV_item* NV_container::_search(const char* path) {
+    constexpr size_t most = 256; // [characters] of a component
+    const char* const slash = strchr(path, '/');
+    const char* const comma = slash ? nullptr : strchr(path, ',');
+    const char* const end = slash ? slash : comma ? comma : path + strlen(path);
+
+    char component[most + 1];
+    const size_t n = std::min(static_cast<size_t>(end - path), comma ? most - 1 : most);
+    memcpy(component, path, n);
+    component[n] = 0;
+
+    NV_item* found = nullptr;
+    if (!children_named()) {
+        unsigned int number;
+        if (sscanf(component, "%u", &number) != 1 || number >= static_cast<unsigned int>(num_children()))
+            return nullptr;
+        found = (*this)[static_cast<int>(number)];
+    } else {
+        for (NV_item& child : children)
+            if (strcmp(child.name, component) == 0) {
+                found = &child;
+                break;
+            }
+    }
+    return found && slash ? found->_search(slash + 1) : found;
+}
+
+NV_item* NV_container::follow_path(const NV_path& path) {
+    NV_item* at = this;
+    for (int i = 0; i < path.size(); ++i) {
+        NV_container* const container = at->as_container();
+        if (!container) return nullptr;
+        at = nullptr;
+        for (NV_item& child : container->children)
+            if (child.get_id() == path[i]) {
+                at = &child;
+                break;
+            }
+        if (!at) return nullptr;
+    }
+    return at;
+}
+
+bool NV_container::build_path(NV_path* path, const NV_item* item) const {
+    path->clear();
+    unsigned short ids[NV_path::most];
+    int n = 0;
+    for (const NV_item* at = item; at != this; at = at->get_parent()) {
+        if (!at || n == NV_path::most) return false;
+        ids[n++] = at->get_id();
+    }
+    while (n > 0) path->push(ids[--n]);
+    return true;
+}
+
+// ---- remote format and text
+
+void NV_container::_print(Debug::Dumper& dumper) const {
+    if (!dumper.start(name)) return;
+    for (const NV_item& child : children) child._print(dumper);
+    dumper.end(name);
+}
+
+template <class Operation>
+Data_item::Serial_ret NV_container::walk(Operation operation) {
+    for (NV_item& child : children) {
+        Serial_ret result = operation(child);
+        if (result.fail()) {
+            result.sync_next(children.next(&child));
+            return result;
+        }
+    }
+    return serial_ok();
+}
+
+Data_item::Serial_ret NV_container::serialise(CDS::Remote::Send_buffer& out, unsigned short& start_id) {
+    serial_action_started(start_id);
+    return walk([&](NV_item& child) { return child.serialise(out, start_id); });
+}
+
+Data_item::Serial_ret NV_container::deserialise(CDS::Remote::Receive_buffer& in, unsigned short& start_id) {
+    serial_action_started(start_id);
+    return walk([&](NV_item& child) { return child.deserialise(in, start_id); });
+}
+
+void NV_container::serialise_structure(CDS::Remote::Send_buffer& out, int depth) {
+    NV_item::serialise_structure(out, depth);
+    if (depth == 0) return;
+    const int below = depth > 0 && depth < 255 ? depth - 1 : depth;
+    const char* separator = "{";
+    for (NV_item& child : children) {
+        out.str_append(separator);
+        child.serialise_structure(out, below);
+        separator = ",";
+    }
+    out.str_append(children.size() ? "}" : "{}");
+}
+
+int NV_container::_to_string(char* buffer, int size) const {
+    if (size < 1) return 0;
+    int at = 0;
+    const auto put = [&](char c) {
+        if (size - at >= 2) buffer[at++] = c;
+    };
+    put('{');
+    bool first = true;
+    for (const NV_item& child : children) {
+        if (!first) put(',');
+        first = false;
+        // A child tells how long its text is, which may be more than there was room for.
+        const int room = size - at;
+        at += std::min(child._to_string(buffer + at, room), room - 1);
+    }
+    put('}');
+    buffer[at] = 0;
+    return at;
+}
+
+static const char* skip_blanks(const char* text) { return text + strspn(text, " \t"); }
+
+const char* NV_container::_from_string(const char* text) {
+    text = skip_blanks(text);
+    if (*text != '{') return nullptr;
+    ++text;
+    bool first = true;
+    for (NV_item& child : children) {
+        if (!first) {
+            text = skip_blanks(text);
+            if (*text != ',') return nullptr;
+            ++text;
+        }
+        first = false;
+        text = child._from_string(text);
+        if (!text) return nullptr;
+    }
+    text = skip_blanks(text);
+    return *text == '}' ? text + 1 : nullptr;
+}
+
+bool NV_container::set_default(bool all) {
+    if (!all) return true;
+    for (NV_item& child : children)
+        if (!child.set_default(true)) return false;
+    return true;
+}
+
+bool NV_container::signal_all(NV_root* r) {
+    bool all = true;
+    for (NV_item& child : children) all &= child.signal_all(r);
+    return NV_item::signal_all(r) && all;
+}
+
+// ---- stored records
+
+bool NV_container::serialise(NV_iterator* it) {
+    bool valid;
+    if (!wanted(*it, valid)) return valid;
+    Checksum_scope checksum(*it);
+    it->push_header(header(NV_iterator::marker_start));
+    for (NV_item& child : children) {
+        if (child.serialise(it)) continue;
+        Debug_print::dprint("Serialise failed for %d:%s\n", static_cast<int>(get_type()), name);
+        return false;
+    }
+    if (!it->push_header(header(NV_iterator::marker_end))) {
+        Debug_print::dprint("Serialise failed2 for %d:%s\n", static_cast<int>(get_type()), name);
+        return false;
+    }
+    it->push_uint32(checksum.finish());
+    saved();
+    return true;
+}
+
+bool NV_container::deserialise(NV_iterator* it) {
+    const int type = static_cast<int>(get_type());
+    Checksum_scope checksum(*it);
+    NV_iterator::NV_iterator_header start;
+    if (!it->pop_header(start)) {
+        Debug_print::dprint("No NV settings for %d:%s\n", type, name);
+        return false;
+    }
+    const NV_iterator::NV_iterator_header own = header(NV_iterator::marker_start);
+    if (start.id != own.id || start.type_byte != own.type_byte || start.marker != own.marker) {
+        Debug_print::dprint("Bad NV settings %d!=%d %d!=%d %d!=%d for %d:%s\n", static_cast<int>(start.id),
+                            static_cast<int>(own.id), static_cast<int>(start.type_byte),
+                            static_cast<int>(own.type_byte), static_cast<int>(start.marker), 1, type, name);
+        return false;
+    }
+    return load_children(*it) && finish_load(*it, checksum);
+}
+
+/// The records up to the end header, which stays unread.
+bool NV_container::load_children(NV_iterator& it) {
+    for (;;) {
+        NV_iterator::NV_iterator_header record;
+        if (!it.peek_header(record)) {
+            Debug_print::dprint("NV bad for %d:%s\n", static_cast<int>(get_type()), name);
+            return false;
+        }
+        if (record.marker == NV_iterator::marker_end) return true;
+        if (!load_record(it, record.id)) return false;
+    }
+}
+
+/// Every child with that identifier reads a record; without one it is skipped.
+bool NV_container::load_record(NV_iterator& it, unsigned short record_id) {
+    bool known = false;
+    for (NV_item& child : children) {
+        if (child.get_id() != record_id) continue;
+        known = true;
+        if (child.deserialise(&it)) continue;
+        Debug_print::dprint("NV child was bad for %d:%s\n", static_cast<int>(get_type()), name);
+        return false;
+    }
+    if (known || deserialise_unknown_handoff(&it)) return true;
+    Debug_print::dprint("NV unknown child was bad for %d:%s\n", static_cast<int>(get_type()), name);
+    return false;
+}
+
+bool NV_container::finish_load(NV_iterator& it, Checksum_scope& checksum) {
+    loaded();
+    NV_iterator::NV_iterator_header end;
+    it.pop_header(end);
+    const uint32_t computed = checksum.finish();
+    unsigned int stored = 0;
+    // A CRC that was cut off is a wrong one.
+    if (it.pop_uint32(stored) && stored == computed) return true;
+    Debug_print::dprint("NV_store CRC32 Check %u!=%u for %d:%s\n", static_cast<unsigned>(computed), stored,
+                        static_cast<int>(get_type()), name);
+    set_default(true);
+    return false;
+}
+
+bool NV_container::deserialise_unknown(NV_iterator* it) {
+    NV_iterator::NV_iterator_header start, record;
+    if (!it->pop_header(start) || start.marker != NV_iterator::marker_start) return false;
+    for (;;) {
+        if (!it->peek_header(record)) return false;
+        if (record.marker == NV_iterator::marker_end) break;
+        if (!deserialise_unknown_handoff(it)) return false;
+    }
+    if (record.id != start.id || record.type_byte != start.type_byte) return false;
+    return it->pop_header(record);
+}
+
+} // namespace NV_store

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/NV_store/NV_item.h"
+#include "util/api.h"
+#include "util/sl_list.h"
+
+namespace NV_store {
+
+class NV_path;
+
+/// A container of settings. Applications derive from it and hold their settings as members, which join it in
+/// declaration order:
+///
+///     struct Wheel : NV_store::NV_container {
+///         Wheel(NV_container* parent) : NV_container(parent, parent->get_root(), 3, "wheel") {}
+///         NV_store::NV_uint16 pulses{this, 1, "pulses", 98};
+///         NV_store::NV_float radius{this, 2, "radius", 0.85f};
+///     };
+///
+/// Its children are addressed by name, or by position where children_named() answers false. Once a tree has been
+/// released, never take a container out of it: older images hold its record, which a load cannot skip.
+class KAV_API NV_container : public NV_item {
+public:
+    NV_container(NV_container* parent, NV_root* root, unsigned short id, const char* name);
+    NV_container(unsigned short id, const char* name); ///< without a parent
+    ~NV_container() override;                          ///< children that are left have no parent afterwards
+
+    /// Append a child. A second child with the same settings identifier ends the process with exit(-119), except in a
+    /// container of type item_container, which holds like elements.
+    void add_child(NV_item* child);
+    void remove_child(NV_item* child);
+    NV_item* get_next_child(const NV_item* child) const; ///< null: the first one; null at the end
+    /// The item behind `item` in pre-order, a container before its children; null at the end of this container.
+    NV_item* get_next_in_tree(const NV_item* item) const;
+    int get_my_index(const NV_item* child) const; ///< position, -1 when it is not here
+    NV_item* operator[](int index) const;         ///< aborts when out of range
+    int num_children() const { return children.size(); }
+    virtual bool children_named() const { return true; }
+    /// The item at a path of settings identifiers, null when there is none.
+    NV_item* follow_path(const NV_path& path);
+    /// The path from here to `item`; false when it is not below here or too deep.
+    bool build_path(NV_path* path, const NV_item* item) const;
+    /// Hand the root on to everything below.
+    void _set_root(NV_root* root);
+
+    item_type_t get_type() const override { return item_struct; }
+    Data_item* find_data_item(unsigned short data_id) override;
+    using NV_item::find_data_item;
+    NV_item* _search(const char* path) override;
+    NV_root* get_root() const override { return root; }
+    NV_container* as_container() override { return this; }
+    void _print(Debug::Dumper& dumper) const override;
+    Serial_ret serialise(CDS::Remote::Send_buffer& out, unsigned short& start_id) override;
+    Serial_ret deserialise(CDS::Remote::Receive_buffer& in, unsigned short& start_id) override;
+    void serialise_structure(CDS::Remote::Send_buffer& out, int depth) override;
+    bool serialise(NV_iterator* it) override;
+    /// Read this container's frame straight into the settings, without a notification. False, with one line on the
+    /// debug output, when it is not this container's, cut, or its CRC is wrong: then everything below returns to its
+    /// default.
+    bool deserialise(NV_iterator* it) override;
+    /// Read past a container's frame. Its CRC is left unread.
+    static bool deserialise_unknown(NV_iterator* it);
+    /// "{a,b,c}". The characters written.
+    int _to_string(char* buffer, int size) const override;
+    const char* _from_string(const char* text) override;
+    bool set_default(bool all) override; ///< true: everything below; false: nothing
+    bool signal_all(NV_root* r) override;
+
+protected:
+    template <class Operation>
+    Serial_ret walk(Operation operation);
+    bool load_children(NV_iterator& it);
+    bool load_record(NV_iterator& it, unsigned short record_id);
+    bool finish_load(NV_iterator& it, Checksum_scope& checksum);
+
+    NV_root* root;
+    c_sl_list<NV_item> children;
+};
+
+} // namespace NV_store

@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: MIT
+#include "glue/NV_store/NV_iterator.h"
+#include "platform/crc32.h"
+#include "platform/ieee754.h"
+#include <cstring>
+#include <type_traits>
+
+namespace NV_store {
+namespace {
+
+/// Little-endian bytes of an integer.
+template <class T>
+void to_bytes(T value, unsigned char* bytes) {
+    auto rest = static_cast<std::make_unsigned_t<T>>(value);
+    for (unsigned i = 0; i < sizeof(T); ++i) {
+        bytes[i] = static_cast<unsigned char>(rest & 0xFF);
+        rest = static_cast<std::make_unsigned_t<T>>(static_cast<uint64_t>(rest) >> 8);
+    }
+}
+
+template <class T>
+T from_bytes(const unsigned char* bytes) {
+    uint64_t value = 0;
+    for (unsigned i = sizeof(T); i > 0; --i) value = value << 8 | bytes[i - 1];
+    return static_cast<T>(value);
+}
+
+template <class T>
+bool push(NV_iterator& it, T value) {
+    unsigned char bytes[sizeof(T)];
+    to_bytes(value, bytes);
+    return it._push_bytes(bytes, sizeof bytes);
+}
+
+template <class T>
+bool pop(NV_iterator& it, T& value) {
+    unsigned char bytes[sizeof(T)];
+    if (!it._pop_bytes(bytes, sizeof bytes)) return false;
+    value = from_bytes<T>(bytes);
+    return true;
+}
+
+constexpr int header_size = 4;
+
+void decode(const unsigned char* bytes, NV_iterator::NV_iterator_header& h) {
+    h = {bytes[0], bytes[1], from_bytes<unsigned short>(bytes + 2)};
+}
+
+uint32_t checksum_seed() {
+    static const uint32_t seed = static_cast<uint32_t>(Util::crc32(0, "ZEW6", 4));
+    return seed;
+}
+
+} // namespace
+
+NV_iterator::NV_checksum::NV_checksum() : crc(checksum_seed()) {}
+
+NV_iterator::~NV_iterator() = default;
+
+bool NV_iterator::get_free_space(unsigned int& used, unsigned int& total) const {
+    used = total = 0;
+    return false;
+}
+
+void NV_iterator::pass_checksum_bytes(const unsigned char* data, int n) {
+    for (NV_checksum& c : _checksums) {
+        c.bytes += static_cast<uint32_t>(n);
+        ++c.chunks;
+        c.crc = static_cast<uint32_t>(Util::crc32(c.crc, data, n));
+    }
+}
+
+bool NV_iterator::_push_bytes(const unsigned char* data, int n) {
+    // The virtual operation does not write to the bytes.
+    if (!push_bytes(const_cast<unsigned char*>(data), n)) return false;
+    pass_checksum_bytes(data, n);
+    return true;
+}
+
+bool NV_iterator::_pop_bytes(unsigned char* data, int n) {
+    if (!pop_bytes(data, n)) return false;
+    pass_checksum_bytes(data, n);
+    return true;
+}
+
+bool NV_iterator::push_header(const NV_iterator_header& h) {
+    unsigned char bytes[header_size] = {h.type_byte, h.marker};
+    to_bytes(h.id, bytes + 2);
+    return _push_bytes(bytes, header_size);
+}
+
+bool NV_iterator::pop_header(NV_iterator_header& h) {
+    unsigned char bytes[header_size];
+    if (!_pop_bytes(bytes, header_size)) return false;
+    decode(bytes, h);
+    return true;
+}
+
+bool NV_iterator::peek_header(NV_iterator_header& h) {
+    unsigned char bytes[header_size];
+    if (!peek_bytes(bytes, header_size)) return false;
+    decode(bytes, h);
+    return true;
+}
+
+bool NV_iterator::push_bool(bool v) { return push_uint8(v ? 1 : 0); }
+bool NV_iterator::push_char(char v) { return push_uint8(static_cast<unsigned char>(v)); }
+bool NV_iterator::push_int8(signed char v) { return push(*this, v); }
+bool NV_iterator::push_uint8(unsigned char v) { return push(*this, v); }
+bool NV_iterator::push_int16(short v) { return push(*this, v); }
+bool NV_iterator::push_uint16(unsigned short v) { return push(*this, v); }
+bool NV_iterator::push_int32(int v) { return push(*this, v); }
+bool NV_iterator::push_uint32(unsigned int v) { return push(*this, v); }
+bool NV_iterator::push_int64(long long v) { return push(*this, v); }
+bool NV_iterator::push_uint64(unsigned long long v) { return push(*this, v); }
+
+bool NV_iterator::push_float(float v) {
+    unsigned char bytes[4];
+    float_to_bytes_ieee754(v, bytes);
+    return _push_bytes(bytes, sizeof bytes);
+}
+
+bool NV_iterator::push_double(double v) {
+    unsigned char bytes[8];
+    double_to_bytes_ieee754(v, bytes);
+    return _push_bytes(bytes, sizeof bytes);
+}
+
+bool NV_iterator::pop_bool(bool& v) {
+    unsigned char byte;
+    if (!pop_uint8(byte)) return false;
+    v = byte != 0;
+    return true;
+}
+
+bool NV_iterator::pop_char(char& v) { return pop(*this, reinterpret_cast<unsigned char&>(v)); }
+bool NV_iterator::pop_int8(signed char& v) { return pop(*this, v); }
+bool NV_iterator::pop_uint8(unsigned char& v) { return pop(*this, v); }
+bool NV_iterator::pop_int16(short& v) { return pop(*this, v); }
+bool NV_iterator::pop_uint16(unsigned short& v) { return pop(*this, v); }
+bool NV_iterator::pop_int32(int& v) { return pop(*this, v); }
+bool NV_iterator::pop_uint32(unsigned int& v) { return pop(*this, v); }
+bool NV_iterator::pop_int64(long long& v) { return pop(*this, v); }
+bool NV_iterator::pop_uint64(unsigned long long& v) { return pop(*this, v); }
+
+bool NV_iterator::pop_float(float& v) {
+    unsigned char bytes[4];
+    if (!_pop_bytes(bytes, sizeof bytes)) return false;
+    v = bytes_to_float_ieee754(bytes);
+    return true;
+}
+
+bool NV_iterator::pop_double(double& v) {
+    unsigned char bytes[8];
+    if (!_pop_bytes(bytes, sizeof bytes)) return false;
+    v = bytes_to_double_ieee754(bytes);
+    return true;
+}
+
+} // namespace NV_store

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "util/api.h"
+#include "util/sl_list.h"
+#include <cstdint>
+
+/// The settings store: a tree of named, typed settings that survive power loss.
+namespace NV_store {
+
+/// Carries the bytes of a save or a load, and lets checksums watch them pass. Integers are little-endian on every
+/// processor. One thread at a time.
+///
+/// What a save writes is a sequence of nested frames:
+///
+///     container   type, 0x01, id (2)   start header
+///                 child records        values or containers
+///                 type, 0x02, id (2)   end header
+///                 CRC-32 (4)           of all of the above, from the start header on
+///     value       type, 0x09, id (2), value (1, 2, 4 or 8)
+class KAV_API NV_iterator {
+public:
+    /// What a save writes: everything that was loaded or set (mode_write), or what changed since the last save.
+    enum modes_t { mode_closed = 0, mode_read = 1, mode_write = 2, mode_journal_1 = 3, mode_journal_2 = 4 };
+    enum Marker : unsigned char { marker_start = 1, marker_end = 2, marker_value = 9 };
+
+    /// Four bytes on the medium, in this order.
+    struct NV_iterator_header {
+        unsigned char type_byte; ///< shape and base type, as Data_item::get_type_byte()
+        unsigned char marker;    ///< one of Marker
+        unsigned short id;       ///< settings identifier
+    };
+
+    /// A running CRC-32 over the bytes that pass while it is in an iterator's list.
+    struct KAV_API NV_checksum : public sll_node {
+        NV_checksum();
+        uint32_t bytes = 0;  ///< [bytes] passed
+        uint32_t chunks = 0; ///< calls
+        uint32_t crc;        ///< starts as the CRC of "ZEW6"
+    };
+
+    NV_iterator() = default;
+    NV_iterator(const NV_iterator&) = delete;
+    NV_iterator& operator=(const NV_iterator&) = delete;
+
+    // Slot order is part of the interface.
+
+    virtual ~NV_iterator();
+    virtual bool push_bytes(unsigned char* data, int n) = 0; ///< true when all were taken
+    virtual bool pop_bytes(unsigned char* data, int n) = 0;  ///< true when all were had
+    virtual bool peek_bytes(unsigned char* data, int n) = 0; ///< as pop_bytes(), consuming nothing
+    /// [bytes] used and in all; false, and both 0, where it cannot be told.
+    virtual bool get_free_space(unsigned int& used, unsigned int& total) const;
+
+    /// Move bytes past every active checksum.
+    bool _push_bytes(const unsigned char* data, int n);
+    bool _pop_bytes(unsigned char* data, int n);
+    void pass_checksum_bytes(const unsigned char* data, int n);
+    void add_checksum_getter(NV_checksum* c) { _checksums.push(c); }
+    void remove_checksum_getter(NV_checksum* c) { _checksums.remove(c); }
+
+    bool push_header(const NV_iterator_header& h);
+    bool pop_header(NV_iterator_header& h);
+    bool peek_header(NV_iterator_header& h); ///< passes no checksum
+
+    /// True when all bytes were moved; a failed pop leaves the target as it was.
+    bool push_bool(bool v);
+    bool push_char(char v);
+    bool push_int8(signed char v);
+    bool push_uint8(unsigned char v);
+    bool push_int16(short v);
+    bool push_uint16(unsigned short v);
+    bool push_int32(int v);
+    bool push_uint32(unsigned int v);
+    bool push_int64(long long v);
+    bool push_uint64(unsigned long long v);
+    bool push_float(float v);
+    bool push_double(double v);
+    bool pop_bool(bool& v);
+    bool pop_char(char& v);
+    bool pop_int8(signed char& v);
+    bool pop_uint8(unsigned char& v);
+    bool pop_int16(short& v);
+    bool pop_uint16(unsigned short& v);
+    bool pop_int32(int& v);
+    bool pop_uint32(unsigned int& v);
+    bool pop_int64(long long& v);
+    bool pop_uint64(unsigned long long& v);
+    bool pop_float(float& v);
+    bool pop_double(double& v);
+
+private:
+    c_sl_list<NV_checksum> _checksums;
+
+public:
+    modes_t mode = mode_closed;
+};
+
+/// Keeps a checksum in an iterator's list on every way out of a function.
+class Checksum_scope {
+public:
+    explicit Checksum_scope(NV_iterator& it) : _it(it) { _it.add_checksum_getter(&checksum); }
+    ~Checksum_scope() { finish(); }
+    Checksum_scope(const Checksum_scope&) = delete;
+    Checksum_scope& operator=(const Checksum_scope&) = delete;
+    /// Take it out of the list; the CRC so far.
+    uint32_t finish() {
+        if (checksum.in_list()) _it.remove_checksum_getter(&checksum);
+        return checksum.crc;
+    }
+
+private:
+    NV_iterator& _it;
+    NV_iterator::NV_checksum checksum;
+};
+
+} // namespace NV_store

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/NV_store/NV_item.h"
+#include "util/api.h"
+
+namespace NV_store {
+
+/// A setting of one base type. `type` is T's item type; use the names below the class.
+template <class T, Data_item::item_type_t type>
+class KAV_API NV_number : public NV_item {
+public:
+    NV_number(NV_container* container, unsigned short settings_id, const char* text, T default_value = T())
+        : NV_item(container, settings_id, text), _value(default_value), _default(default_value) {}
+
+    T get() const { return _value; } ///< 64-bit values on the board: under lock() when another thread may set them
+    /// True when everybody concerned was told, or the value is the same.
+    bool set(T v) { return _set(v, notify_all); }
+    bool set(const NV_item& other); ///< take over another's value; false when its type differs
+    bool _set(T v, notify_t how);
+    T get_default() const { return _default; }
+
+    item_type_t get_type() const override { return type; }
+    void _print(Debug::Dumper& dumper) const override;
+    Serial_ret serialise(CDS::Remote::Send_buffer& out, unsigned short& start_id) override;
+    Serial_ret deserialise(CDS::Remote::Receive_buffer& in, unsigned short& start_id) override;
+    bool serialise(NV_iterator* it) override;
+    /// Read the value straight in, without a notification. A record of another item is consumed all the same.
+    bool deserialise(NV_iterator* it) override;
+    int _to_string(char* buffer, int size) const override;
+    const char* _from_string(const char* text) override;
+    bool set_default(bool all) override;
+
+    /// Read past a value, or a counted array of them, that no item wants.
+    static bool deserialise_unknown(NV_iterator* it);
+    static bool deserialise_unknown_small_array(NV_iterator* it);
+
+private:
+    T _value;
+    const T _default;
+};
+
+/// Read past a record of any value type; false for a type that no image holds.
+KAV_API bool skip_unknown_value(NV_iterator* it, Data_item::class_type_t shape, Data_item::item_type_t type);
+
+using NV_bool = NV_number<bool, Data_item::item_bool>;
+using NV_char = NV_number<char, Data_item::item_char>;
+using NV_uint8 = NV_number<unsigned char, Data_item::item_uint8>;
+using NV_uint16 = NV_number<unsigned short, Data_item::item_uint16>;
+using NV_uint32 = NV_number<unsigned int, Data_item::item_uint32>;
+using NV_int8 = NV_number<signed char, Data_item::item_int8>;
+using NV_int16 = NV_number<short, Data_item::item_int16>;
+using NV_int32 = NV_number<int, Data_item::item_int32>;
+using NV_float = NV_number<float, Data_item::item_float>;
+using NV_double = NV_number<double, Data_item::item_double>;
+using NV_uint64 = NV_number<unsigned long long, Data_item::item_uint64>;
+using NV_int64 = NV_number<long long, Data_item::item_int64>;
+
+extern template class NV_number<bool, Data_item::item_bool>;
+extern template class NV_number<char, Data_item::item_char>;
+extern template class NV_number<unsigned char, Data_item::item_uint8>;
+extern template class NV_number<unsigned short, Data_item::item_uint16>;
+extern template class NV_number<unsigned int, Data_item::item_uint32>;
+extern template class NV_number<signed char, Data_item::item_int8>;
+extern template class NV_number<short, Data_item::item_int16>;
+extern template class NV_number<int, Data_item::item_int32>;
+extern template class NV_number<float, Data_item::item_float>;
+extern template class NV_number<double, Data_item::item_double>;
+extern template class NV_number<unsigned long long, Data_item::item_uint64>;
+extern template class NV_number<long long, Data_item::item_int64>;
+
+} // namespace NV_store

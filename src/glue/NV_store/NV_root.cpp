@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: MIT
+#include "glue/NV_store/NV_root.h"
+#include "glue/NV_store/NV_pointer.h"
+#include "glue/diner/module_man.h"
+#include <cstdint>
+
+namespace NV_store {
+
+NV_root::NV_root(module_man* modules, unsigned short settings_id, const char* text)
+    : NV_container(nullptr, this, settings_id, text) {
+    _pointers.create(&pointer_compare);
+    if (modules) modules->init_module_array(_modules, num_reg_types, true);
+}
+
+NV_root::~NV_root() {
+    while (NV_pointer* p = _pointers.first()) {
+        _pointers.remove(p);
+        p->_listed_at = nullptr;
+    }
+    root = nullptr; // children that are left have no tree any more
+}
+
+void NV_root::add_pointer(NV_pointer* p) { _pointers.insert(p); }
+void NV_root::remove_pointer(NV_pointer* p) { _pointers.remove(p); }
+
+int NV_root::pointer_compare(__bsnode const* a, __bsnode const* b) {
+    const auto target = [](__bsnode const* n) {
+        return reinterpret_cast<uintptr_t>(static_cast<NV_pointer const*>(static_cast<avl_bsnode const*>(n))->get());
+    };
+    return target(a) < target(b) ? -1 : target(a) > target(b) ? 1 : 0;
+}
+
+namespace {
+
+class By_target : public avl_bstree::Searcher {
+public:
+    explicit By_target(const NV_item* target) : _target(reinterpret_cast<uintptr_t>(target)) {}
+    int compare(avl_bsnode const* n) const override {
+        const auto found = reinterpret_cast<uintptr_t>(static_cast<NV_pointer const*>(n)->get());
+        return found < _target ? -1 : found > _target ? 1 : 0;
+    }
+
+private:
+    uintptr_t _target;
+};
+
+} // namespace
+
+void NV_root::forget_target(const NV_item* target) {
+    By_target by_target(target);
+    while (NV_pointer* p = _pointers.find(nullptr, bst_equal, nullptr, &by_target)) p->point_at(nullptr);
+}
+
+} // namespace NV_store

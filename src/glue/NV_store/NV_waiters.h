@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/diner/waiter_event.h"
+#include "util/api.h"
+#include "util/sl_list.h"
+
+class waiter_descriptor;
+
+namespace NV_store {
+
+class Access_base;
+class NV_item;
+class NV_root;
+class Virt_access;
+
+/// Kind of a registration; it decides what the data word of the event carries.
+enum Reg_type : unsigned char {
+    reg_self = 0,       ///< the registration itself, when the pointer that a type needs is missing
+    reg_value = 1,      ///< the caller's number
+    reg_item = 2,       ///< the NV_item
+    reg_access = 3,     ///< the Access_base
+    reg_virt_access = 4 ///< the Virt_access
+};
+constexpr int num_reg_types = 5;
+
+/// One waiter's registration with one item.
+class KAV_API NV_waiter_reg : public sll_node {
+public:
+    /// With `skip_unforced` the waiter is told of forced notifications only.
+    NV_waiter_reg(waiter_descriptor* w, unsigned int value, bool skip_unforced);
+    NV_waiter_reg(waiter_descriptor* w, NV_item* item, bool skip_unforced);
+    NV_waiter_reg(waiter_descriptor* w, Access_base* access, bool skip_unforced);
+    NV_waiter_reg(waiter_descriptor* w, Virt_access* virt, bool skip_unforced);
+    NV_waiter_reg(const NV_waiter_reg& o);
+
+    /// The same waiter, type and target.
+    bool operator==(const NV_waiter_reg& o) const { return waiter == o.waiter && type == o.type && target == o.target; }
+    /// Post the event: true when that was done, or when there is nothing to tell. Fails without a root, without module
+    /// ids, or when the waiter has no room.
+    bool send_event(const NV_root* root, bool forced) const;
+
+    waiter_descriptor* waiter;
+    event_word_t target;
+    Reg_type type;
+    bool skip_unforced;
+
+private:
+    NV_waiter_reg(waiter_descriptor* w, Reg_type t, const void* p, bool skip);
+};
+
+/// The registrations of an item, in order; it owns its copies. Guarded by the tree's lock.
+class KAV_API NV_waiter_list {
+public:
+    NV_waiter_list() = default;
+    ~NV_waiter_list();
+    NV_waiter_list(const NV_waiter_list&) = delete;
+    NV_waiter_list& operator=(const NV_waiter_list&) = delete;
+
+    void add(const NV_waiter_reg& r);
+    bool exists(const NV_waiter_reg& r) const;
+    bool remove(const NV_waiter_reg& r); ///< the first that is equal; false when there is none
+    /// Tell all; false when a post failed (the others are told all the same).
+    bool notify_updated(const NV_root* root, bool forced) const;
+
+private:
+    c_sl_list<NV_waiter_reg> _regs;
+};
+
+} // namespace NV_store
