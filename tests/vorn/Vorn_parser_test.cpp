@@ -175,7 +175,7 @@ TEST(Vorn_parser, agrees_with_the_model_on_damaged_traffic_at_every_read_size) {
     for (int round = 0; round < 60; ++round) {
         SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(round));
         Session session;
-        session.bytes = traffic(random, 60);
+        session.bytes = traffic(random, 25);
         constexpr int rooms[] = {8192, 4103, 30, 9, 1};
         constexpr size_t portions[] = {1, 5, 256, SIZE_MAX};
         session.manner = static_cast<Fed_stream::Manner>(round % 3);
@@ -317,6 +317,16 @@ TEST(Vorn_parser, a_hunt_is_not_misled_when_others_drop_what_it_has_looked_at) {
         parser.stream = &other;
         EXPECT_EQ(parser.get_packet(buf, sizeof buf), -2) << "what was seen in one stream is nothing to another";
     }
+}
+
+TEST(Vorn_parser, a_hunt_does_not_look_twice_at_a_byte) {
+    Fed_stream stream("PG001c\r" + bad + "2345" + "6789", Fed_stream::pushed, 12);
+    Vorn_parser parser(&stream, false);
+    stream.feed();
+    EXPECT_EQ(take_all(parser), (Packets{{1, "PG001c\r"}}));
+    stream.buffer.data[stream.buffer.head + 1] = '\n'; // behind its back, where only a second look would find it
+    stream.feed();
+    EXPECT_EQ(take_all(parser), Packets{});
 }
 
 TEST(Vorn_parser, takes_every_frame_that_another_thread_brings) {

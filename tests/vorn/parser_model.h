@@ -22,6 +22,7 @@ public:
     }
     bool get_data(int n) override {
         ++fetches;
+        if (stream_lock) stream_lock->check(Mutex::status_mine);
         if (_manner == pushed) return false;
         const uint32_t wanted = buffer.used() + static_cast<uint32_t>(n);
         while (read() > 0 && _manner == pulled && buffer.used() < wanted) {

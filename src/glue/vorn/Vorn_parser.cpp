@@ -182,7 +182,7 @@ int Vorn_parser::hunt(Data_stream::Window& window, Output& out) {
         }
     }
     uint32_t n = i + 1;
-    while (n < Data_stream::BUFFER_SIZE && window.ensure(n + 1) && is_line_end(window.at(n))) ++n;
+    while (window.ensure(n + 1) && is_line_end(window.at(n))) ++n; // at most to the end of the stream's buffer
     synced = 1;
     out.move(window, n);
     return kind_text;
