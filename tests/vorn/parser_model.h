@@ -167,6 +167,7 @@ inline std::string difference(const Session& session) {
     Whimsical_checker checker;
     Fed_stream ours(session.bytes, session.manner, session.portion);
     Fed_stream theirs(session.bytes, session.manner, session.portion);
+    theirs.stream_lock = nullptr; // the model would take it for each byte
     Vorn_parser parser(&ours, false);
     Parser_model model(theirs, session.with_checker ? &checker : nullptr);
     if (session.with_checker) parser.set_checker(&checker);
