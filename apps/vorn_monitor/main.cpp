@@ -1,0 +1,276 @@
+// SPDX-License-Identifier: MIT
+// Shows what a receiver says: attaches to a serial line, or reads a recorded file or standard input, and prints one
+// line per packet. Packets go to standard output and everything else to standard error, so that a redirected log is
+// clean.
+#include "Report.h"
+#include "glue/data_stream/Posix_data_stream.h"
+#include "glue/data_stream/Posix_threaded_serial_data_stream.h"
+#include "glue/diner/Diner_info_list.h"
+#include "glue/diner/Diner_protection.h"
+#include "glue/vorn/Vorn_parser.h"
+#include "util/number_text.h"
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <getopt.h>
+#include <poll.h>
+#include <string>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+const char usage[] = "usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--stats]\n"
+                     "       vorn_monitor FILE [--csv] [--stats]\n"
+                     "Print what a receiver says, one line per packet, until the file ends or Ctrl-C.\n"
+                     "  -c, --comm  listen to a serial line; baud 300 to 460800 (9600), mode rs232 or rs485\n"
+                     "  FILE        read a recorded file, - for standard input\n"
+                     "  --csv       comma-separated form\n"
+                     "  --stats     a summary on standard error at the end\n"
+                     "  --help      this text\n";
+
+/// The program's one way to fail: one line on standard error. Status 1: the outside world, 2: wrong arguments.
+[[noreturn]] KAV_PRINTF(2, 3) void fail(int status, const char* fmt, ...) {
+    fflush(stdout);
+    va_list args;
+    va_start(args, fmt);
+    fputs("vorn_monitor: ", stderr);
+    vfprintf(stderr, fmt, args);
+    fputc('\n', stderr);
+    va_end(args);
+    exit(status);
+}
+
+struct Options {
+    std::string device; ///< as given to -c; empty when a file is read
+    std::string file;
+    bool csv = false;
+    bool stats = false;
+
+    std::string device_path() const { return device.substr(0, device.find(':')); }
+};
+
+/// What the library would tacitly put right, a technician wants to hear of.
+void check_device(const std::string& device) {
+    std::string fields[3]; // path, speed, mode
+    size_t n = 0;
+    for (const char c : device) {
+        if (c != ':') {
+            fields[n] += c;
+        } else if (++n == 3) {
+            fail(2, "too many fields in %s: device[:baud[:mode]] (try --help)", device.c_str());
+        }
+    }
+    if (fields[0].empty()) fail(2, "-c needs a device (try --help)");
+    if (!fields[1].empty()) {
+        const char* end;
+        const int32_t baud = Util::to_long32(fields[1].c_str(), 10, &end);
+        if (*end || baud < 300 || baud > 460800) fail(2, "wrong speed %s (300 to 460800)", fields[1].c_str());
+    }
+    if (!fields[2].empty() && fields[2] != "rs232" && fields[2] != "rs485") {
+        fail(2, "wrong mode %s (rs232 or rs485)", fields[2].c_str());
+    }
+}
+
+Options parse(int argc, char** argv) {
+    enum { opt_csv = 256, opt_stats };
+    static const option longs[] = {{"comm", required_argument, nullptr, 'c'},
+                                   {"csv", no_argument, nullptr, opt_csv},
+                                   {"stats", no_argument, nullptr, opt_stats},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {nullptr, 0, nullptr, 0}};
+    Options o;
+    int sources = 0;
+    for (int c; (c = getopt_long(argc, argv, "c:h", longs, nullptr)) != -1;) {
+        switch (c) {
+        case 'c':
+            o.device = optarg;
+            check_device(o.device);
+            ++sources;
+            break;
+        case opt_csv:
+            o.csv = true;
+            break;
+        case opt_stats:
+            o.stats = true;
+            break;
+        case 'h':
+            fputs(usage, stdout);
+            exit(0);
+        default:
+            exit(2); // getopt has said why
+        }
+    }
+    for (; optind < argc; ++optind, ++sources) o.file = argv[optind];
+    if (sources != 1) fail(2, "give one device with -c, or one file (try --help)");
+    return o;
+}
+
+/// The signals that end the program arrive here and nowhere else. To be made before the first thread.
+class Stop_signals {
+public:
+    Stop_signals() {
+        sigset_t set;
+        sigemptyset(&set);
+        for (const int s : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, s);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        fd = signalfd(-1, &set, SFD_CLOEXEC);
+        signal(SIGPIPE, SIG_IGN); // noticed by the failing output
+    }
+    /// True when one came, after waiting for it up to `ms`.
+    bool came(int ms) const {
+        pollfd p = {fd, POLLIN, 0};
+        return poll(&p, 1, ms) > 0;
+    }
+    int fd;
+};
+
+constexpr int packet_room = 4200; // [bytes] more than any packet
+
+/// Wait for bytes and take those that are there; false at the end of the file and when a signal came.
+bool more_bytes(Posix_data_stream& stream, int fd, const Stop_signals& stop) {
+    pollfd waits[] = {{fd, POLLIN, 0}, {stop.fd, POLLIN, 0}};
+    while (poll(waits, 2, -1) < 0) {
+    }
+    if (waits[1].revents) return false;
+    const uint32_t before = stream.bytes_read;
+    stream.bytes_avail(Data_stream::BUFFER_SIZE);
+    return stream.bytes_read != before;
+}
+
+/// Print what is there; false when the program shall end.
+bool print_packets(Vorn_parser& parser, Report& report, const Stop_signals& stop) {
+    unsigned char packet[packet_room];
+    int len;
+    while (const int kind = parser.get_packet(packet, sizeof packet, len)) {
+        report.packet(kind, packet, len);
+        if (stop.came(0) || !report.has_reader()) return false;
+    }
+    return true;
+}
+
+void monitor_file(const Options& o) {
+    const int fd = o.file == "-" ? STDIN_FILENO : open(o.file.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
+    struct stat status;
+    if (fd < 0 || fstat(fd, &status) != 0) fail(1, "cannot open %s: %s", o.file.c_str(), strerror(errno));
+    if (S_ISDIR(status.st_mode)) fail(1, "cannot read %s: it is a directory", o.file.c_str());
+
+    const Stop_signals stop;
+    Report report(o.csv);
+    Posix_data_stream stream(fd);
+    stream.set_read_timeout(0); // take what is there; all waiting is done here, together with the signals
+    Vorn_parser parser(&stream, false);
+    while (more_bytes(stream, fd, stop) && print_packets(parser, report, stop)) {
+    }
+    if (o.stats) report.summary(stream, stream.bytes_avail());
+}
+
+/// Prints what the reader thread of a serial line delivers.
+class Listener : public Diner::Protection {
+public:
+    Listener(Posix_threaded_serial_data_stream& stream, Report& report, const char* device)
+        : _stream(stream), _report(report), _parser(&stream, false), _device(device) {}
+    ~Listener() override {
+        _stream.deregister_waiter(&waiter);
+        _stream.deregister_line_waiter(&waiter);
+        terminate(true);
+    }
+    void listen(module_man& modules) {
+        init(modules, nullptr, Descriptor("MONITOR", 1), 0, 256, false, false);
+        _stream.init(modules);
+        _stream.register_waiter(&waiter);
+        _stream.register_line_waiter(&waiter);
+        start();
+    }
+    bool line_lost() const { return _line_lost; }
+    /// Print nothing any more; false when the last line cannot be got rid of, because its reader does not read.
+    bool finish() {
+        if (!lock(100)) return false;
+        _finished = true;
+        unlock();
+        return true;
+    }
+
+private:
+    using Diner::handle_timeout;
+    void handle_timeout(Timeout&) override {}
+    void handle_event(waiter_event& event) override {
+        if (event.id == Posix_threaded_data_stream::event_line_lost) {
+            _line_lost = true;
+            fprintf(stderr, "vorn_monitor: %s hung up, waiting for it\n", _device);
+        } else if (event.id == Posix_threaded_data_stream::event_line_back) {
+            _line_lost = false;
+            fprintf(stderr, "vorn_monitor: %s is back\n", _device);
+        }
+        unsigned char packet[packet_room];
+        int len;
+        while (!_finished) {
+            const int kind = _parser.get_packet(packet, sizeof packet, len);
+            if (kind == Vorn_parser::kind_none) break;
+            _report.packet(kind, packet, len);
+            if (_report.has_reader()) continue;
+            _finished = true;
+            kill(getpid(), SIGTERM);
+        }
+    }
+
+    Posix_threaded_serial_data_stream& _stream;
+    Report& _report;
+    Vorn_parser _parser;
+    const char* _device;
+    std::atomic<bool> _line_lost{false};
+    bool _finished = false;
+};
+
+/// Why a device cannot be listened to; null when it can.
+const char* why_not(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return strerror(errno);
+    const char* reason = isatty(fd) ? nullptr : "it is no serial line";
+    close(fd);
+    return reason;
+}
+
+void monitor_device(const Options& o) {
+    constexpr int retry_ms = 500;
+    const std::string path = o.device_path();
+    if (const char* reason = why_not(path)) fail(1, "cannot open %s: %s", path.c_str(), reason);
+
+    const Stop_signals stop;
+    Report report(o.csv);
+    Posix_threaded_serial_data_stream stream;
+    stream.set_open_failure_fatal(false);
+    {
+        Listener listener(stream, report, path.c_str());
+        listener.listen(Diner_info_list::get());
+        if (!stream.open_from_args(o.device.c_str())) fail(1, "cannot set up %s", o.device.c_str());
+        // A line that was pulled out comes back as another device of the same name.
+        while (!stop.came(retry_ms)) {
+            if (listener.line_lost() && !why_not(path)) stream.open_from_args(o.device.c_str());
+        }
+        stream.close();
+        if (!listener.finish()) {
+            fputs("vorn_monitor: the output is stuck\n", stderr);
+            _exit(1); // the thread that waits for it cannot be ended
+        }
+    }
+    if (o.stats) report.summary(stream, stream.bytes_avail());
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const Options options = parse(argc, argv);
+    setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    if (options.device.empty()) {
+        monitor_file(options);
+    } else {
+        monitor_device(options);
+    }
+    return 0;
+}

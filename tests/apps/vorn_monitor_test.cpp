@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: MIT
+#include "support/child.h"
+#include "support/frame.h"
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <poll.h>
+#include <pty.h>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+void exec_monitor(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "vorn_monitor");
+    std::vector<char*> argv;
+    for (auto& a : arguments) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(VORN_MONITOR, argv.data());
+    _exit(126);
+}
+
+/// Run the monitor to its end, with `input` as standard input.
+Child_result run_monitor(const std::vector<std::string>& arguments, const std::string& input = "") {
+    return run_child([&] {
+        FILE* in = tmpfile();
+        fwrite(input.data(), 1, input.size(), in);
+        rewind(in);
+        dup2(fileno(in), STDIN_FILENO);
+        exec_monitor(arguments);
+    });
+}
+
+/// A recording: messages, replies, damage, noise, and the beginning of a frame at the end.
+std::string recording() {
+    std::string wrong = Frame("GT").u4(1000).u2(2300).str();
+    wrong[6] ^= 1;
+    return Frame("GT").u4(360000).u2(2300).str() + "\r\n" + Frame("RE").text("%1%on").bare() + "\r\n" +
+           Frame("ER").text("%2%{4,wrong command}").bare() + "\r\n" + Frame("ER").text("oops").bare() + "\r\n" + wrong +
+           "\n" + "\x01noise\x1b[2J\r\n" + Frame("ZZ").u1(1).u1(0xAB).str() + "\r" + Frame("EL").i1(45).i1(-5).str() +
+           "\n" + "PG01E half";
+}
+
+TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording) {
+    const Child_result labelled = run_monitor({"-", "--stats"}, recording());
+    EXPECT_EQ(labelled.status, 0);
+    EXPECT_EQ(labelled.out, "GT ms=360000 week=2300\n"
+                            "RE %1%on\n"
+                            "ER error 1 (wrong command): %2%{4,wrong command}\n"
+                            "ER error -1 (unknown error): oops\n"
+                            "GT wrong checksum 12 bytes\n"
+                            "TEXT .noise.[2J\n"
+                            "ZZ unknown 01 ab\n"
+                            "EL 45 -5\n");
+    char bytes[64];
+    snprintf(bytes, sizeof bytes, "bytes           %10zu\n", recording().size());
+    EXPECT_EQ(labelled.err, std::string("frames                   3\n"
+                                        "  EL                     1  elevations\n"
+                                        "  GT                     1  time and week\n"
+                                        "  ZZ                     1  unknown\n"
+                                        "wrong checksums          1\n"
+                                        "replies                  3  (2 errors)\n"
+                                        "text lines               1\n") +
+                                bytes +
+                                "bytes lost               0\n"
+                                "bytes left over         10\n");
+
+    const Child_result comma = run_monitor({"--csv", "-"}, recording());
+    EXPECT_EQ(comma.status, 0);
+    EXPECT_EQ(comma.out, "GT,360000,2300\n"
+                         "RE,%1%on\n"
+                         "ER,1,wrong command,%2%{4,wrong command}\n"
+                         "ER,-1,unknown error,oops\n"
+                         "GT,wrong checksum,12 bytes\n"
+                         "TEXT,.noise.[2J\n"
+                         "ZZ,unknown 01 ab\n"
+                         "EL,45,-5\n");
+    EXPECT_EQ(comma.err, "");
+}
+
+TEST(vorn_monitor, a_wrong_call_gets_one_line_and_a_status) {
+    static const struct {
+        std::vector<std::string> arguments;
+        int status;
+        const char* says;
+    } rows[] = {
+        {{}, 2, "give one device with -c, or one file"},
+        {{"a", "b"}, 2, "give one device with -c, or one file"},
+        {{"-c", "a", "b"}, 2, "give one device with -c, or one file"},
+        {{"-c"}, 2, "requires an argument"},
+        {{"--frob"}, 2, "--frob"},
+        {{"-c", ":9600"}, 2, "needs a device"},
+        {{"-c", "/dev/null:fast"}, 2, "wrong speed fast"},
+        {{"-c", "/dev/null:299"}, 2, "wrong speed 299"},
+        {{"-c", "/dev/null:9600:rs422"}, 2, "wrong mode rs422"},
+        {{"-c", "/dev/null:9600:rs485:x"}, 2, "too many fields"},
+        {{"-c", "/no/such/device"}, 1, "cannot open /no/such/device: No such file"},
+        {{"-c", "/dev/null"}, 1, "cannot open /dev/null: it is no serial line"},
+        {{"/no/such/file"}, 1, "cannot open /no/such/file: No such file"},
+        {{"/"}, 1, "cannot read /: it is a directory"},
+    };
+    for (const auto& r : rows) {
+        const Child_result result = run_monitor(r.arguments);
+        EXPECT_EQ(result.status, r.status) << r.says;
+        EXPECT_NE(result.err.find(r.says), std::string::npos) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        EXPECT_EQ(result.out, "");
+    }
+    const Child_result help = run_monitor({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.find("usage: vorn_monitor -c device"), 0u);
+}
+
+/// A receiver's end of a serial line, reached through a link that a later receiver can take over.
+struct Receiver {
+    explicit Receiver(const std::string& link) {
+        char path[64];
+        struct termios raw;
+        cfmakeraw(&raw);
+        cfsetspeed(&raw, B9600);
+        int slave = -1;
+        if (openpty(&fd, &slave, path, &raw, nullptr) != 0) abort();
+        ::close(slave);
+        fcntl(fd, F_SETFD, FD_CLOEXEC); // a copy in the monitor would keep the line up
+        const std::string fresh = link + "~";
+        if (symlink(path, fresh.c_str()) != 0 || rename(fresh.c_str(), link.c_str()) != 0) abort();
+    }
+    ~Receiver() { ::close(fd); }
+    int fd = -1;
+};
+
+/// A running monitor; what it writes on standard output and standard error comes together.
+class Live_monitor {
+public:
+    explicit Live_monitor(const std::vector<std::string>& arguments) {
+        int ends[2];
+        if (pipe(ends) != 0) abort();
+        _pid = fork();
+        if (_pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            dup2(ends[1], STDOUT_FILENO);
+            dup2(ends[1], STDERR_FILENO);
+            close(ends[0]);
+            close(ends[1]);
+            exec_monitor(arguments);
+        }
+        close(ends[1]);
+        _output = ends[0];
+    }
+    /// Read on until `text` was said; false at the end of the output and after 20 s. `again` is done in between.
+    bool says(
+        const std::string& text, const std::function<void()>& again = [] {}) {
+        for (int i = 0; i < 400 && said.find(text) == std::string::npos; ++i) {
+            again();
+            pollfd p = {_output, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) continue;
+            char piece[4096];
+            const ssize_t n = read(_output, piece, sizeof piece);
+            if (n <= 0) break;
+            said.append(piece, static_cast<size_t>(n));
+        }
+        return said.find(text) != std::string::npos;
+    }
+    void signal(int number) const { kill(_pid, number); }
+    void stop_reading() { close(_output); }
+    /// Its exit status; -1 when a signal ended it.
+    int wait() const {
+        int status = 0;
+        waitpid(_pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::string said;
+
+private:
+    pid_t _pid;
+    int _output;
+};
+
+std::string time_message(unsigned ms) { return Frame("GT").u4(ms).u2(2300).str() + "\r\n"; }
+
+TEST(vorn_monitor, listens_to_a_line_waits_for_one_that_hung_up_and_ends_on_a_signal_with_the_statistics) {
+    const std::string link = ::testing::TempDir() + "vorn_monitor_" + std::to_string(getpid());
+    auto receiver = std::make_unique<Receiver>(link);
+    Live_monitor monitor({"-c", link + ":115200", "--stats"});
+    const auto send = [&](unsigned ms) {
+        return [&, ms] {
+            const std::string bytes = time_message(ms);
+            EXPECT_EQ(write(receiver->fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        };
+    };
+    ASSERT_TRUE(monitor.says("GT ms=1 week=2300\n", send(1))) << monitor.said;
+    receiver.reset();
+    ASSERT_TRUE(monitor.says("vorn_monitor: " + link + " hung up, waiting for it\n")) << monitor.said;
+    receiver = std::make_unique<Receiver>(link);
+    ASSERT_TRUE(monitor.says("vorn_monitor: " + link + " is back\n")) << monitor.said;
+    ASSERT_TRUE(monitor.says("GT ms=2 week=2300\n", send(2))) << monitor.said;
+    monitor.signal(SIGINT);
+    EXPECT_TRUE(monitor.says("bytes left over")) << monitor.said;
+    EXPECT_EQ(monitor.wait(), 0);
+
+    // A line without a transceiver to switch.
+    const Child_result result = run_monitor({"-c", link + "::rs485"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "vorn_monitor: cannot set up " + link + "::rs485\n");
+    unlink(link.c_str());
+}
+
+TEST(vorn_monitor, ends_quietly_when_nobody_reads_its_output) {
+    const std::string file = ::testing::TempDir() + "vorn_monitor_" + std::to_string(getpid());
+    const std::string link = file + "_line";
+    Receiver receiver(link);
+    mkfifo(file.c_str(), 0600);
+    for (const bool device : {false, true}) {
+        Live_monitor monitor(device ? std::vector<std::string>{"-c", link} : std::vector<std::string>{file});
+        const int fifo = device ? -1 : open(file.c_str(), O_WRONLY);
+        const auto send = [&] {
+            const std::string bytes = time_message(1);
+            EXPECT_GT(write(device ? receiver.fd : fifo, bytes.data(), bytes.size()), 0);
+        };
+        ASSERT_TRUE(monitor.says("GT ms=1", send)) << device;
+        monitor.stop_reading();
+        send();
+        EXPECT_EQ(monitor.wait(), 0) << device;
+        close(fifo);
+    }
+    unlink(file.c_str());
+    unlink(link.c_str());
+}
+
+} // namespace
