@@ -7,7 +7,8 @@
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
-#include "glue/vorn/Vorn_parser.h"
+#include "glue/vorn/GNSS_messages.h"
+#include "glue/vorn/Vorn_checkers.h"
 #include "util/number_text.h"
 #include <atomic>
 #include <cerrno>
@@ -132,6 +133,19 @@ public:
 
 constexpr int packet_room = 4200; // [bytes] more than any packet
 
+/// Takes messages that the library does not know as they come. Of the others it refuses impossible lengths, which the
+/// library reports on standard error: damaged on the line, they would swallow the frames behind.
+class Monitor_checker : public Vorn_length_checker {
+public:
+    Monitor_checker() {
+        longest_array = 500;
+        longest_text = packet_room; // a reply may be as long as it likes
+    }
+    bool check(Data_stream& stream, unsigned short id, int total_len) override {
+        return !GNSS_messages::find(id) || Vorn_length_checker::check(stream, id, total_len);
+    }
+};
+
 /// Wait for bytes and take those that are there; false at the end of the file and when a signal came.
 bool more_bytes(Posix_data_stream& stream, int fd, const Stop_signals& stop) {
     pollfd waits[] = {{fd, POLLIN, 0}, {stop.fd, POLLIN, 0}};
@@ -165,6 +179,8 @@ void monitor_file(const Options& o) {
     Posix_data_stream stream(fd);
     stream.set_read_timeout(0); // take what is there; all waiting is done here, together with the signals
     Vorn_parser parser(&stream, false);
+    Monitor_checker checker;
+    parser.set_checker(&checker);
     while (more_bytes(stream, fd, stop) && print_packets(parser, report, stop)) {
     }
     if (o.stats) report.summary(stream, stream.bytes_avail());
@@ -174,7 +190,9 @@ void monitor_file(const Options& o) {
 class Listener : public Diner::Protection {
 public:
     Listener(Posix_threaded_serial_data_stream& stream, Report& report, const char* device)
-        : _stream(stream), _report(report), _parser(&stream, false), _device(device) {}
+        : _stream(stream), _report(report), _parser(&stream, false), _device(device) {
+        _parser.set_checker(&_checker);
+    }
     ~Listener() override {
         _stream.deregister_waiter(&waiter);
         _stream.deregister_line_waiter(&waiter);
@@ -222,6 +240,7 @@ private:
     Posix_threaded_serial_data_stream& _stream;
     Report& _report;
     Vorn_parser _parser;
+    Monitor_checker _checker;
     const char* _device;
     std::atomic<bool> _line_lost{false};
     bool _finished = false;

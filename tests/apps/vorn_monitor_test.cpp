@@ -87,6 +87,15 @@ TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording) {
     EXPECT_EQ(comma.err, "");
 }
 
+TEST(vorn_monitor, a_damaged_length_costs_its_frame_alone_but_unknown_messages_may_have_any) {
+    const std::string good = Frame("~~").u4(7).str() + "\r\n", unknown = Frame("ZZ").text(std::string(700, 'z')).str();
+    const Child_result result = run_monitor({"-"}, "GTF0B....\n" + good + unknown + "\n" + good);
+    std::string dump;
+    for (int i = 0; i < 700; ++i) dump += " 7a";
+    EXPECT_TRUE(result.out == "TEXT TF0B....\nRT ms=7\nZZ unknown" + dump + "\nRT ms=7\n") << result.out;
+    EXPECT_EQ(result.err.find("Unexpected msg GT(3856) in "), 0u) << result.err;
+}
+
 TEST(vorn_monitor, a_wrong_call_gets_one_line_and_a_status) {
     static const struct {
         std::vector<std::string> arguments;
