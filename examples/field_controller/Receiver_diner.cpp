@@ -21,7 +21,8 @@ void Receiver_diner::init(module_man& modules) {
 
 Receiver_diner::Counts Receiver_diner::counts() const {
     lock(-1);
-    const Counts c = _counts;
+    Counts c = _counts;
+    c.refused = _checker.refused;
     unlock();
     return c;
 }

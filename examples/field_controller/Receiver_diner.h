@@ -3,6 +3,7 @@
 #include "Link_watch.h"
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "glue/diner/Diner_protection.h"
+#include "glue/vorn/Vorn_checkers.h"
 #include "glue/vorn/Vorn_parser.h"
 #include "glue/vorn/Vorn_printer.h"
 
@@ -13,6 +14,7 @@ public:
     struct Counts {
         unsigned delivered = 0; ///< frames whose checksum is right
         unsigned rejected = 0;  ///< frames whose checksum is wrong
+        unsigned refused = 0;   ///< what began like a frame, of an impossible kind or length
         unsigned replies = 0;
         unsigned text_lines = 0; ///< what was met out of step, blank lines left out
         int64_t longest_us = 0;  ///< longest time from byte to handler
@@ -27,6 +29,17 @@ public:
     Counts counts() const;
 
 private:
+    /// Keeps a lying length from swallowing the frames behind it, and counts.
+    class Counting_checker : public Vorn_length_checker {
+    public:
+        bool check(Data_stream& stream, unsigned short id, int total_len) override {
+            const bool good = Vorn_length_checker::check(stream, id, total_len);
+            refused += !good;
+            return good;
+        }
+        unsigned refused = 0;
+    };
+
     void handle_event(waiter_event& event) override;
     void handle_timeout(Timeout&) override {}
     using Diner::handle_timeout;
@@ -38,6 +51,7 @@ private:
     Posix_threaded_serial_data_stream& _stream;
     Link_watch* _watch;
     const bool _quiet;
+    Counting_checker _checker;
     Vorn_parser _parser;
     Vorn_printer _printer;
     Counts _counts;

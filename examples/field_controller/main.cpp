@@ -105,7 +105,8 @@ void print_summary(const Receiver_simulator* simulator, const Receiver_diner& re
         if (out.unsent) printf("frames not sent    %7u   (the line was full)\n", out.unsent);
     }
     printf("frames delivered   %7u\n", in.delivered);
-    printf("frames rejected    %7u   (wrong checksum)\n", in.rejected);
+    printf("frames rejected    %7u   (%u wrong checksum, %u impossible header)\n", in.rejected + in.refused,
+           in.rejected, in.refused);
     printf("text lines         %7u   (noise, cut frames)\n", in.text_lines);
     printf("replies            %7u\n", in.replies);
     printf("bytes lost         %7u   (stream buffer full)\n", stream.bytes_lost);
