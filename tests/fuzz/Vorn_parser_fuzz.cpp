@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     session.bytes.assign(reinterpret_cast<const char*>(data) + 6, size - 6);
     session.manner = static_cast<Fed_stream::Manner>(data[0] % 3);
     // The model starts over with each portion: tiny ones are for short inputs.
-    session.portion = std::max<size_t>(data[1] == 0 ? SIZE_MAX : data[1], size / 256);
+    session.portion = std::max<size_t>(data[1] == 0 ? SIZE_MAX : data[1], size / 64);
     session.buf_size = rooms[data[2] % 8];
     session.expect_line_end = !(data[3] & 1);
     session.keep_on_reject = data[3] & 2;

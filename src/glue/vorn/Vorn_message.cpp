@@ -15,7 +15,7 @@ Vorn_message::~Vorn_message() = default;
 
 uint32_t Vorn_message::get_msg_len() const {
     if (size < header_size) return 0;
-    const int length = Frame::hex_number(data + 2, 3);
+    const int length = Vorn_frame::hex_number(data + 2, 3);
     if (length < 0) {
         Debug_print::dprint("contains non-hex digit");
         return 0;
@@ -46,9 +46,9 @@ uint8_t Vorn_message::compute_8bit_checksum(uint32_t count) const {
 bool Vorn_message::check_checksum() const {
     if (size < header_size) return false;
     const uint32_t length = get_msg_len();
-    if (size < length + header_size || !Frame::is_line_end(data[size - 1])) return false;
+    if (size < length + header_size || !Vorn_frame::is_line_end(data[size - 1])) return false;
     if (data[length + 4] == compute_8bit_checksum(length + 4)) return true;
-    return data[size - 4] == '@' && Frame::hex_number(data + size - 3, 2) == compute_8bit_checksum(length + 3);
+    return data[size - 4] == '@' && Vorn_frame::hex_number(data + size - 3, 2) == compute_8bit_checksum(length + 3);
 }
 
 bool Vorn_message::set_checksum() {

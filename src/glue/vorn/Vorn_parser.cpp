@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <climits>
 
-using Frame::is_line_end;
+using Vorn_frame::is_line_end;
 
 namespace {
 
@@ -103,7 +103,7 @@ int Vorn_parser::in_step(Data_stream::Window& window, Output& out) {
             synced = 0;
         return go_on;
     }
-    const int length = Frame::hex_number(header + 2, 3);
+    const int length = Vorn_frame::hex_number(header + 2, 3);
     if (length < 0) return reject(window);
     const int total = length + static_cast<int>(header_size);
     if (!accepted(window, header, total)) return reject(window);

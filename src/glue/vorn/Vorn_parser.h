@@ -71,7 +71,7 @@ public:
 
     /// Take the next packet: its kind, and in `len` the number of bytes placed in `buf`, 0 for kind_none. At most
     /// `buf_size` bytes [bytes] are taken; the rest of a longer packet stays and is met as the start of the next one,
-    /// so give at least 4103. A `buf_size` below 1 takes nothing and makes no progress.
+    /// so give at least 4104. A `buf_size` below 1 takes nothing and makes no progress.
     int get_packet(unsigned char* buf, int buf_size, int& len);
     /// The same into the message's bytes. Its size is the room there and stays so: look at the packet through a view of
     /// `len` bytes, since the last byte of the view counts for the checksum.

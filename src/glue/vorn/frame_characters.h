@@ -2,7 +2,7 @@
 #pragma once
 
 /// The characters that frames are told apart by. None of these asks the locale or says anything.
-namespace Frame {
+namespace Vorn_frame {
 
 inline bool is_line_end(unsigned char c) { return c == '\r' || c == '\n'; }
 
@@ -25,4 +25,4 @@ inline int hex_number(const unsigned char* digits, int n) {
     return value;
 }
 
-} // namespace Frame
+} // namespace Vorn_frame
