@@ -4,8 +4,8 @@
 // application could use. The cost of crossing between cores drifts within seconds, so the contenders take turns in
 // random order and the medians are compared.
 //
-// The library's queue is bounded by its pool: a lone waiter holds 334 events and a poster that is refused yields. The
-// peers run twice, as they are (unbounded) and with the same number in flight.
+// The library's queue is bounded by its pool: a lone waiter holds 334 events, and a poster that is refused yields until
+// half of them are handled. The peers run twice, as they are (unbounded) and with the same limit.
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
 #include <QCoreApplication>
@@ -41,7 +41,7 @@ constexpr int in_flight_limit = 334;
 using Clock = std::chrono::steady_clock;
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-/// What the handling of an event costs the taker: count it, let a bounded poster see the count, tell the end.
+/// What the handling of an event costs the taker: count it, let a bounded poster see how far it is, tell the end.
 class Counter {
 public:
     explicit Counter(int wanted) : _wanted(wanted) {}
@@ -50,8 +50,9 @@ public:
         _handled.store(n, std::memory_order_release);
         if (n == _wanted) _done.release();
     }
-    void wait_for_room(int posted) const {
-        while (posted - _handled.load(std::memory_order_acquire) >= in_flight_limit) sched_yield();
+    bool full(int posted) const { return posted - _handled.load(std::memory_order_acquire) >= in_flight_limit; }
+    void wait_until_half(int posted) const {
+        while (posted - _handled.load(std::memory_order_acquire) > in_flight_limit / 2) sched_yield();
     }
     void wait_done() { _done.acquire(); }
 
@@ -66,7 +67,7 @@ class Taker {
 public:
     explicit Taker(std::function<void()> f) : on_event(std::move(f)) {}
     virtual ~Taker() = default;
-    virtual void post() = 0;
+    virtual bool post() = 0; ///< false when refused
 
 protected:
     const std::function<void()> on_event;
@@ -81,10 +82,7 @@ public:
         while (get_state() != state_run) sched_yield();
     }
     ~Diner_taker() override { terminate(true); }
-    void post() override {
-        static const waiter_event event(1026, 1, 0);
-        while (waiter.send_event(event, false, false) != 0) sched_yield();
-    }
+    bool post() override { return waiter.send_event({1026, 1, 0}, false, false) == 0; }
     void handle_event(waiter_event&) override { on_event(); }
     void handle_timeout(Timeout&) override {}
     using Diner::handle_timeout;
@@ -108,10 +106,7 @@ public:
         _waiter.send_event({0, -1, 0}, false, false);
         _thread.join();
     }
-    void post() override {
-        static const waiter_event event(1026, 1, 0);
-        while (_waiter.send_event(event, false, false) != 0) sched_yield();
-    }
+    bool post() override { return _waiter.send_event({1026, 1, 0}, false, false) == 0; }
 
 private:
     module_man _modules;
@@ -132,7 +127,10 @@ public:
         _thread.quit();
         _thread.wait();
     }
-    void post() override { QCoreApplication::postEvent(this, new QEvent(QEvent::User)); }
+    bool post() override {
+        QCoreApplication::postEvent(this, new QEvent(QEvent::User));
+        return true;
+    }
 
 private:
     bool event(QEvent* e) override {
@@ -153,8 +151,9 @@ public:
         _work.reset();
         _thread.join();
     }
-    void post() override {
+    bool post() override {
         asio::post(_context, [this] { on_event(); });
+        return true;
     }
 
 private:
@@ -184,7 +183,10 @@ public:
         put(0);
         _thread.join();
     }
-    void post() override { put(1); }
+    bool post() override {
+        put(1);
+        return true;
+    }
 
 private:
     void put(int e) {
@@ -207,8 +209,8 @@ double throughput(bool bounded) {
     T taker([&] { counter.handled(); });
     const auto start = Clock::now();
     for (int i = 0; i < events_per_run; ++i) {
-        if (bounded) counter.wait_for_room(i);
-        taker.post();
+        if (bounded && counter.full(i)) counter.wait_until_half(i);
+        while (!taker.post()) counter.wait_until_half(i);
     }
     counter.wait_done();
     return seconds_since(start);

@@ -41,6 +41,19 @@ sll_node* sl_list::pop() {
     return n;
 }
 
+void sl_list::push_all(sl_list& from) {
+    if (from.count == 0) return;
+    if (head == none()) {
+        head = from.head;
+    } else {
+        tail->next = from.head;
+    }
+    tail = from.tail;
+    count += from.count;
+    from.head = from.tail = none();
+    from.count = 0;
+}
+
 sll_node* sl_list::operator[](int i) const {
     if (i < 0 || i >= count) return nullptr;
     sll_node* at = head;

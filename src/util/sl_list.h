@@ -32,6 +32,8 @@ public:
     int remove(sll_node* n);
     /// Unlink and return the first element, null when empty. O(1)
     sll_node* pop();
+    /// Append all elements of `from`, in their order; it is empty then. O(1)
+    void push_all(sl_list& from);
 
     sll_node* operator[](int i) const;       ///< by position from 0, null when out of range. O(i)
     sll_node* first() const;                 ///< null when empty
@@ -50,6 +52,7 @@ public:
     int push(T* n) { return sl_list::push(n); }
     int remove(T* n) { return sl_list::remove(n); }
     T* pop() { return static_cast<T*>(sl_list::pop()); }
+    void push_all(c_sl_list& from) { sl_list::push_all(from); }
     T* operator[](int i) const { return static_cast<T*>(sl_list::operator[](i)); }
     T* first() const { return static_cast<T*>(sl_list::first()); }
     T* next(const T* n) const { return static_cast<T*>(sl_list::next(n)); }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/module_man.h"
+#include "support/child.h"
 #include <algorithm>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <new>
 #include <set>
@@ -71,6 +73,23 @@ TEST(Event_pool, frees_the_block_of_a_returned_node) {
     mm.return_used_event(n);
     EXPECT_EQ(n->event.extended, nullptr);
     EXPECT_EQ(mm.least_free_events(), 999);
+}
+
+TEST(Event_pool, reports_a_node_that_comes_back_twice_or_while_it_is_queued) {
+    for (bool queued : {true, false}) {
+        const Child_result r = run_child([queued] {
+            module_man mm;
+            c_sl_list<waiter_event_node> queue;
+            waiter_event_node* n = mm.get_blank_event();
+            if (queued)
+                queue.push(n);
+            else
+                mm.return_used_event(n);
+            mm.return_used_event(n);
+        });
+        EXPECT_EQ(r.signal, SIGABRT) << queued;
+        EXPECT_EQ(r.out.rfind("BUG: ", 0), 0u) << r.out;
+    }
 }
 
 TEST(Event_pool, ignores_nodes_that_come_back_after_its_destruction_began) {

@@ -98,6 +98,20 @@ TEST_F(Waiter, queues_merges_or_drops_a_post) {
     }
 }
 
+TEST_F(Waiter, compares_a_post_with_all_that_is_queued) {
+    w.send_event({5, 1, 0}, no, no);
+    w.send_event({5, 2, 0}, no, no);
+    EXPECT_EQ(take(w), "5:1:0");
+    w.send_event({5, 3, 0}, no, no); // posted after the taker began on the others
+    for (int id : {2, 3}) {
+        w.send_event({5, id, 1}, no, unique);
+        w.send_event({5, id, 2}, coalesce, no);
+    }
+    EXPECT_EQ(w.num_queued(), 2);
+    for (const char* expected : {"5:2:0", "5:2:0", "5:3:0", "5:3:0", "nothing"}) EXPECT_EQ(take(w), expected);
+    EXPECT_EQ(w.longest_queue(), 2);
+}
+
 TEST_F(Waiter, starts_a_second_node_when_a_repeat_count_is_full) {
     constexpr int posts = 65535 + 3;
     for (int i = 0; i < posts; ++i) ASSERT_EQ(w.send_event({5, 7, 1}, coalesce, no), 0);
@@ -154,10 +168,12 @@ TEST_F(Waiter, may_queue_half_of_what_is_free_and_still_merge_when_full) {
     }
     EXPECT_EQ(mm.least_free_events(), 443);
     second.flush_events();
-    EXPECT_EQ(take(w), "5:0:0");
-    EXPECT_EQ(take(w), "5:0:0");
-    EXPECT_EQ(w.send_event({-5, 7, 0}, no, no), 0);
+    for (int i = 0; i < 101; ++i) EXPECT_EQ(take(w), "5:" + std::to_string(i ? i - 1 : 0) + ":0");
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(w.send_event({-5, i, 0}, no, no), 0);
+    EXPECT_EQ(w.send_event({-5, 7, 0}, no, no), -1);
+    EXPECT_EQ(w.num_queued(), 334);
     EXPECT_EQ(w.longest_queue(), 334);
+    EXPECT_EQ(mm.num_free_events(), 666);
 }
 
 TEST_F(Waiter, refuses_posts_when_the_pool_is_empty) {
@@ -386,10 +402,11 @@ TEST_F(Waiter, lets_nothing_in_once_it_is_disabled) {
         while (!stop) {
             w.send_event({-5, 7, 1}, no, no);
             ++posts;
+            std::this_thread::yield();
         }
     });
     int delivered = 0;
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 100; ++round) {
         w.set_enabled(true);
         const int start = posts;
         while (posts < start + 3) std::this_thread::yield();
@@ -403,7 +420,37 @@ TEST_F(Waiter, lets_nothing_in_once_it_is_disabled) {
     }
     stop = true;
     poster.join();
-    EXPECT_GT(delivered, 300);
+    EXPECT_GT(delivered, 100);
+}
+
+TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out) {
+    using namespace std::chrono;
+    constexpr int rounds = 300;
+    waiter_tokens tokens;
+    std::atomic<int> started{0};
+    std::thread giver([&] {
+        for (int round = 1; round <= rounds; ++round) {
+            while (started < round) std::this_thread::yield();
+            // Around the end of the taker's millisecond, a little later each time.
+            const auto at = steady_clock::now() + microseconds(980 + round % 150);
+            while (steady_clock::now() < at) {
+            }
+            tokens.give();
+        }
+    });
+    int taken = 0;
+    while (taken < rounds) {
+        if (started == taken) ++started;
+        if (tokens.take(1)) ++taken;
+    }
+    giver.join();
+    EXPECT_FALSE(tokens.take(0));
+    EXPECT_FALSE(tokens.take(1));
+    tokens.give();
+    tokens.give();
+    tokens.take();
+    EXPECT_TRUE(tokens.take(0));
+    EXPECT_FALSE(tokens.take(0));
 }
 
 TEST(Waiter_list, keeps_up_to_16_waiters_in_order_and_posts_to_each) {

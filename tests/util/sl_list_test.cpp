@@ -59,6 +59,27 @@ TEST(sl_list, behaves_as_a_queue_with_removal_from_anywhere) {
     }
 }
 
+TEST(sl_list, takes_over_all_elements_of_another) {
+    for (const auto& [here, there] : {std::pair(0, 0), {0, 2}, {2, 0}, {2, 3}, {1, 1}}) {
+        std::vector<Element> elements(6);
+        List list, from;
+        std::vector<Element*> model;
+        for (int i = 0; i < here + there; ++i) {
+            model.push_back(&elements[static_cast<size_t>(i)]);
+            (i < here ? list : from).push(model.back());
+        }
+        list.push_all(from);
+        ASSERT_NO_FATAL_FAILURE(verify(from, {}));
+        ASSERT_NO_FATAL_FAILURE(verify(list, model));
+        list.push(&elements.back());
+        from.push(list.pop());
+        model.push_back(&elements.back());
+        ASSERT_NO_FATAL_FAILURE(verify(from, {model.front()}));
+        model.erase(model.begin());
+        ASSERT_NO_FATAL_FAILURE(verify(list, model));
+    }
+}
+
 TEST(sl_list, links_are_all_ones_at_the_ends_and_are_not_copied) {
     sl_list list;
     Element a, b;

@@ -25,19 +25,26 @@ public:
     /// `n` fresh ids; 0, or -1 when fewer are left (none is used up then).
     int init_module_array(short* ids, int n, bool extended);
 
-    waiter_event_node* get_blank_event();         ///< a node of the pool, null when all are out
-    void return_used_event(waiter_event_node* n); ///< frees the event's block
-    int num_free_events() const;                  ///< [nodes] in the pool now; takes no lock
-    int
-    least_free_events() const; ///< [nodes] the pool ever came down to: how close the application has been to the limit
+    /// A node of the pool for a waiter that has `queued` [nodes] already; null when those are more than half of what is
+    /// free, or when all are out.
+    waiter_event_node* get_blank_event(int queued = 0);
+    /// Frees the event's block. Lock-free, so that takers do not hold up posters.
+    void return_used_event(waiter_event_node* n);
+    int num_free_events() const; ///< [nodes] in the pool now
+    /// [nodes] the pool ever came down to: how close the application has been to the limit.
+    int least_free_events() const;
 
 private:
+    void collect();
+
     std::atomic<bool> _alive{false};
-    Mutex _mutex; ///< guards what follows
+    mutable Mutex _mutex; ///< guards the ids and the blank nodes
     int32_t _last_ordinary = 1025;
     int32_t _num_extended = 0;
-    c_sl_list<waiter_event_node> _free;
+    sll_node* _blank = sll_node::last_mark(); ///< the blank nodes, linked by `next` as in a list
+    int32_t _num_blank = pool_size;
+    int32_t _least_free = pool_size;
     waiter_event_node _pool[pool_size];
-    std::atomic<int32_t> _num_free{0};
-    std::atomic<int32_t> _least_free{pool_size};
+    /// Nodes that came back and were not collected yet, linked likewise: see Returned.
+    std::atomic<uint32_t> _returned{0};
 };

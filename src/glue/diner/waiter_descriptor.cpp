@@ -42,18 +42,21 @@ void waiter_descriptor::set_enabled(bool on) {
 
 int waiter_descriptor::send_event(const waiter_event& e, bool coalesce, bool unique) {
     if (!accepting()) return 0;
+    const bool merging = coalesce && e.module_id > 0;
     {
+        std::unique_lock<Mutex> taking(_taking, std::defer_lock);
+        if (merging || unique) taking.lock(); // only these look at what is queued already
         std::lock_guard<Mutex> lock(_mutex);
         if (!accepting()) return 0; // disabled meanwhile: nothing may slip in after set_enabled(false) has returned
         if (unique && is_queued(e)) return 0;
-        if (!(coalesce && e.module_id > 0 && merge(e)) && enqueue(e) != 0) return -1;
+        if (!(merging && merge(e)) && enqueue(e) != 0) return -1;
         if (_target) {
             give_mirrored_token();
             return 0;
         }
     }
-    // Given with the lock free, so that the taker does not wake only to wait for the lock.
-    give_token();
+    // Given with the locks free, so that the taker does not wake only to wait for them.
+    _tokens.give();
     return 0;
 }
 
@@ -62,21 +65,18 @@ void waiter_descriptor::send_anonymous_event() {
         std::lock_guard<Mutex> lock(_mutex);
         if (_target) return give_mirrored_token();
     }
-    give_token();
+    _tokens.give();
 }
 
 void waiter_descriptor::get_event(waiter_event* out) {
-    _tokens.acquire(1);
-    Util::tsan::acquire(&_tokens);
-    take(out);
+    _tokens.take();
+    hand_out(out);
 }
 
 int waiter_descriptor::get_event(waiter_event* out, const Atime& deadline) {
     const int ticks = (deadline.get_ms_from_now() + 9) / 10;
-    const bool taken = ticks < 1 ? _tokens.tryAcquire(1) : _tokens.tryAcquire(1, ticks * 10);
-    if (!taken) return -1;
-    Util::tsan::acquire(&_tokens);
-    take(out);
+    if (!_tokens.take(ticks * 10)) return -1;
+    hand_out(out);
     return 0;
 }
 
@@ -87,8 +87,9 @@ void waiter_descriptor::flush_events() {
 }
 
 int waiter_descriptor::num_queued() const {
+    std::lock_guard<Mutex> taking(_taking);
     std::lock_guard<Mutex> lock(_mutex);
-    return _queue.size();
+    return _front.size() + _back.size();
 }
 
 int waiter_descriptor::longest_queue() const {
@@ -97,11 +98,12 @@ int waiter_descriptor::longest_queue() const {
 }
 
 /// Hand out what one token stands for.
-void waiter_descriptor::take(waiter_event* out) {
+void waiter_descriptor::hand_out(waiter_event* out) {
     waiter_event_node* used = nullptr;
     {
-        std::lock_guard<Mutex> lock(_mutex);
-        waiter_event_node* n = _queue.first();
+        std::lock_guard<Mutex> taking(_taking);
+        if (_front.size() == 0) fill_front();
+        waiter_event_node* const n = _front.first();
         if (!n) {
             *out = module_man::EVENT_ANONYMOUS;
             return;
@@ -111,16 +113,31 @@ void waiter_descriptor::take(waiter_event* out) {
             --n->event.repeat;
             return;
         }
-        used = _queue.pop();
+        used = _front.pop();
+        _num_front.store(_front.size(), std::memory_order_relaxed);
     }
     *out = std::move(used->event);
     _modules->return_used_event(used);
 }
 
-/// Append a copy of `e`: 0; -1 when there is no room or no memory for its block. Lock held.
+/// Move what was posted to the empty front. `_taking` held.
+void waiter_descriptor::fill_front() {
+    std::lock_guard<Mutex> lock(_mutex);
+    _front.push_all(_back);
+    _most_in_front = _front.size();
+    _num_front.store(_most_in_front, std::memory_order_relaxed);
+}
+
+/// Append a copy of `e`: 0; -1 when there is no room or no memory for its block. `_mutex` held.
 int waiter_descriptor::enqueue(const waiter_event& e) {
-    if (_queue.size() > _modules->num_free_events() / 2) return -1;
-    waiter_event_node* n = _modules->get_blank_event();
+    // The taker keeps changing the length, which is only looked at when the most that it can be is too much.
+    int queued = _back.size() + _most_in_front;
+    waiter_event_node* n = _modules->get_blank_event(queued);
+    if (!n || queued >= _longest) {
+        _most_in_front = _num_front.load(std::memory_order_relaxed);
+        queued = _back.size() + _most_in_front;
+    }
+    if (!n) n = _modules->get_blank_event(queued);
     if (!n) return -1;
     n->event = e;
     n->event.repeat = e.module_id > 0 ? 1 : 0;
@@ -128,44 +145,43 @@ int waiter_descriptor::enqueue(const waiter_event& e) {
         _modules->return_used_event(n); // an event without its block would mislead the receiver
         return -1;
     }
-    _queue.push(n);
-    _longest = std::max(_longest, _queue.size());
+    _back.push(n);
+    _longest = std::max(_longest, queued + 1);
     return 0;
 }
 
-/// Count `e`, of an ordinary module, into a queued event of the same kind; false when there is none. Lock held.
+/// Count `e`, of an ordinary module, into a queued event of the same kind; false when there is none. Both locks held.
 bool waiter_descriptor::merge(const waiter_event& e) {
     if (e.extended) {
         Debug_print::bprint("ERROR: Event expects extended module id\n");
         QCoreApplication::exit(-147);
     }
-    for (waiter_event_node& n : _queue) {
-        // A full count takes no more, a later node may: every token must have its delivery.
-        if (n.event.module_id != e.module_id || n.event.id != e.id || n.event.repeat == USHRT_MAX) continue;
-        ++n.event.repeat;
-        return true;
+    for (const auto* part : {&_front, &_back}) {
+        for (waiter_event_node& n : *part) {
+            // A full count takes no more, a later node may: every token must have its delivery.
+            if (n.event.module_id != e.module_id || n.event.id != e.id || n.event.repeat == USHRT_MAX) continue;
+            ++n.event.repeat;
+            return true;
+        }
     }
     return false;
 }
 
-/// Events of extended modules differ in their data as well. Lock held.
+/// Events of extended modules differ in their data as well. Both locks held.
 bool waiter_descriptor::is_queued(const waiter_event& e) const {
-    for (const waiter_event_node& n : _queue) {
-        if (n.event.module_id != e.module_id || n.event.id != e.id) continue;
-        if (e.module_id > 0 || n.event.data == e.data) return true;
+    for (const auto* part : {&_front, &_back}) {
+        for (const waiter_event_node& n : *part) {
+            if (n.event.module_id != e.module_id || n.event.id != e.id) continue;
+            if (e.module_id > 0 || n.event.data == e.data) return true;
+        }
     }
     return false;
-}
-
-void waiter_descriptor::give_token() {
-    Util::tsan::release(&_tokens);
-    _tokens.release(1);
 }
 
 /// A token and its Qt event, in this order: the target's handler takes without waiting. The lock is held, so that
 /// nothing is posted to a target once deinit() has returned.
 void waiter_descriptor::give_mirrored_token() {
-    give_token();
+    _tokens.give();
     Util::tsan::release(_target);
     QCoreApplication::postEvent(_target, new QEvent(_type));
 }

@@ -2,11 +2,13 @@
 #pragma once
 #include "glue/diner/module_man.h"
 #include "glue/diner/waiter_event.h"
+#include "glue/diner/waiter_tokens.h"
 #include "util/Mutex.h"
 #include "util/api.h"
 #include "util/atime.h"
 #include <QEvent>
-#include <QSemaphore>
+#include <atomic>
+#include <cstdint>
 
 class QObject;
 
@@ -18,7 +20,8 @@ class QObject;
 class KAV_API waiter_descriptor {
 public:
     waiter_descriptor();
-    /// Discards what is pending. No thread may be posting or waiting any more.
+    /// Discards what is pending. No thread may be posting or waiting any more; a post lasts until its call returns,
+    /// which may be after the event was taken.
     ~waiter_descriptor();
     waiter_descriptor(const waiter_descriptor&) = delete;
     waiter_descriptor& operator=(const waiter_descriptor&) = delete;
@@ -58,20 +61,31 @@ private:
     bool accepting() const {
         return _initialised.load(std::memory_order_relaxed) && _enabled.load(std::memory_order_relaxed);
     }
-    void take(waiter_event* out);
-    int enqueue(const waiter_event& e);
     bool merge(const waiter_event& e);
     bool is_queued(const waiter_event& e) const;
-    void give_token();
+    int enqueue(const waiter_event& e);
     void give_mirrored_token();
+    void hand_out(waiter_event* out);
+    void fill_front();
 
-    mutable Mutex _mutex;
+    // The queue is in two parts, each with a lock of its own, and the two groups of fields below lie on cache lines of
+    // their own: a poster and the taker that run at the same time do not touch the same memory for every event. The
+    // flags and the pool are for both and seldom change.
     std::atomic<bool> _enabled{false};
-    QSemaphore _tokens;
-    c_sl_list<waiter_event_node> _queue;
+    std::atomic<bool> _initialised{false};
     module_man* _modules = nullptr;
     std::atomic<QObject*> _target{nullptr};
     QEvent::Type _type = QEvent::None;
-    std::atomic<bool> _initialised{false};
-    int _longest = 0;
+    [[maybe_unused]] char _apart[64];
+
+    mutable Mutex _taking;               ///< guards the front of the queue; taken before `_mutex`
+    c_sl_list<waiter_event_node> _front; ///< what is handed out next
+    std::atomic<int32_t> _num_front{0};  ///< its size, for posters
+    waiter_tokens _tokens;
+    [[maybe_unused]] char _apart_too[64];
+
+    mutable Mutex _mutex;               ///< guards the rest of the queue and the flags
+    c_sl_list<waiter_event_node> _back; ///< what was posted since the front was filled
+    int32_t _most_in_front = 0;         ///< the front's size when it was filled: it only shrinks
+    int32_t _longest = 0;
 };

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "util/api.h"
+#include <QSemaphore>
+#include <atomic>
+
+/// The tokens of a waiter: a counting semaphore that many threads give to and one takes from.
+///
+/// A QSemaphore alone costs the giver a system call for every token from the moment the taker falls asleep until it
+/// has really run again. Here the count is an atomic and the QSemaphore is given to once for each sleep. The taker
+/// draws all that is there at once, so that the two sides seldom touch the same memory.
+class KAV_API waiter_tokens {
+public:
+    void give();       ///< any thread
+    void take();       ///< waits without limit; the taker only
+    bool take(int ms); ///< waits at most `ms` [ms] (0 and less: not at all); true when taken; the taker only
+
+private:
+    bool draw();
+
+    int _drawn = 0;                   ///< the taker's own
+    [[maybe_unused]] char _apart[64]; ///< keeps the two sides off each other's cache lines
+    std::atomic<int> _given{0};       ///< not drawn yet; below 0: -1 while the taker sleeps
+    QSemaphore _wake;
+};
