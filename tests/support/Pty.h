@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/data_stream/Data_stream.h"
+#include <algorithm>
+#include <cstdlib>
+#include <dirent.h>
+#include <filesystem>
+#include <pty.h>
+#include <string>
+#include <termios.h>
+#include <unistd.h>
+#include <vector>
+
+/// A pseudo-terminal: the test holds the master end, what is tested opens the other one by its path.
+class Pty {
+public:
+    Pty() {
+        char name[64];
+        struct termios raw = {};
+        cfmakeraw(&raw);
+        int slave = -1;
+        if (openpty(&master, &slave, name, &raw, nullptr) != 0) abort();
+        path = name;
+        ::close(slave);
+    }
+    ~Pty() { hang_up(); }
+    Pty(const Pty&) = delete;
+    Pty& operator=(const Pty&) = delete;
+
+    void hang_up() {
+        if (master >= 0) ::close(master);
+        master = -1;
+    }
+    void send(const std::string& bytes) const {
+        if (::write(master, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) abort();
+    }
+    /// Exactly `n` bytes, or what came before the other end was closed.
+    std::string receive(size_t n) const {
+        std::string all;
+        char piece[256];
+        while (all.size() < n) {
+            const ssize_t got = ::read(master, piece, std::min(n - all.size(), sizeof piece));
+            if (got <= 0) break;
+            all.append(piece, static_cast<size_t>(got));
+        }
+        return all;
+    }
+
+    int master = -1;
+    std::string path;
+};
+
+/// A folder that is removed with what is in it.
+class Temp_dir {
+public:
+    Temp_dir() {
+        if (!mkdtemp(_path)) abort();
+    }
+    ~Temp_dir() { std::filesystem::remove_all(_path); }
+    Temp_dir(const Temp_dir&) = delete;
+    Temp_dir& operator=(const Temp_dir&) = delete;
+
+    std::string file(const std::string& name) const { return std::string(_path) + "/" + name; }
+
+private:
+    char _path[32] = "/tmp/kav_test_XXXXXX";
+};
+
+/// Numbers that a folder of the system lists: "/proc/self/fd" the open descriptors, "/proc/self/task" the threads.
+inline std::vector<int> numbers_in(const char* folder) {
+    std::vector<int> all;
+    DIR* d = opendir(folder);
+    while (const dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.') all.push_back(atoi(e->d_name));
+    }
+    closedir(d);
+    return all;
+}
+inline size_t num_descriptors() { return numbers_in("/proc/self/fd").size(); }
+inline size_t num_threads() { return numbers_in("/proc/self/task").size(); }
+
+inline std::string every_byte() {
+    std::string all;
+    for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
+    return all;
+}
+
+inline unsigned put(Data_stream& s, const std::string& bytes) {
+    return s._write(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned>(bytes.size()));
+}
+
+/// Take what is buffered.
+inline std::string take(Data_stream& s) {
+    std::string bytes(static_cast<size_t>(s.bytes_avail()), 0);
+    s.get_data(reinterpret_cast<unsigned char*>(&bytes[0]), static_cast<unsigned>(bytes.size()));
+    s.drop(static_cast<unsigned>(bytes.size()));
+    return bytes;
+}
+
+/// The debugging name that a stream should have, cut as it is.
+inline std::string stream_name(const char* type, const Data_stream& s, const std::string& rest) {
+    char text[Data_stream::name_size];
+    snprintf(text, sizeof text, "%s(%p%s)", type, static_cast<const void*>(&s), rest.c_str());
+    return text;
+}
