@@ -53,7 +53,7 @@ TEST_F(Tree, Finds_items_by_path) {
     EXPECT_NE(tree.wheel.offset.get_id(), tree.wheel.offset.get_data_id());
 }
 
-TEST_F(Tree, Follows_and_builds_paths_of_identifiers) {
+TEST_F(Tree, Walks_in_pre_order_and_by_paths_of_identifiers) {
     NV_path path;
     ASSERT_TRUE(tree.build_path(&path, &tree.wheel.offset));
     ASSERT_EQ(path.size(), 2);
@@ -62,27 +62,24 @@ TEST_F(Tree, Follows_and_builds_paths_of_identifiers) {
     EXPECT_EQ(tree.follow_path(path), &tree.wheel.offset);
     EXPECT_EQ(tree.wheel.follow_path(path), nullptr);
     EXPECT_FALSE(tree.wheel.build_path(&path, &tree.speed));
+    std::string names;
+    for (NV_item* i = &tree; i; i = tree.get_next_in_tree(i)) names += std::string(i->get_name()) + " ";
+    EXPECT_EQ(names, "machine speed wheel fitted offset sections width width width active ");
     path.clear();
     for (int i = 0; i < NV_path::most; ++i) EXPECT_TRUE(path.push(1));
     EXPECT_FALSE(path.push(1));
 }
 
-TEST_F(Tree, Walks_in_pre_order) {
-    std::string names;
-    for (NV_item* i = &tree; i; i = tree.get_next_in_tree(i)) names += std::string(i->get_name()) + " ";
-    EXPECT_EQ(names, "machine speed wheel fitted offset sections width width width active ");
-    EXPECT_EQ(tree.sections.get_my_index(&tree.sections.middle), 1);
-    EXPECT_EQ(tree.get_my_index(&tree.sections.middle), -1);
-    EXPECT_EQ(tree.get_next_child(nullptr), &tree.speed);
-}
-
-TEST_F(Tree, Duplicate_identifiers_end_the_process_except_in_a_list) {
+TEST_F(Tree, Duplicate_identifiers_and_wild_positions_end_the_process) {
     const Child_result child = run_child([] {
         Settings own(nullptr);
         NV_uint8 again(&own.wheel, 1, "again");
     });
     EXPECT_EQ(child.status, 137);
     EXPECT_EQ(child.err, "Duplicate NV_store ID again:1 fitted:1 in wheel\n");
+    const Child_result index = run_child([] { Settings(nullptr).sections[3]; });
+    EXPECT_NE(index.err.find("glue/NV_store/NV_container:1:"), std::string::npos);
+    EXPECT_NE(index.err.find("Assertion `ret != __null' failed"), std::string::npos);
 }
 
 TEST_F(Tree, Items_leave_their_parent_when_they_die) {
@@ -99,12 +96,6 @@ TEST_F(Tree, Items_leave_their_parent_when_they_die) {
     EXPECT_EQ(survivor.get_parent(), nullptr);
     EXPECT_TRUE(survivor.set(5));
     EXPECT_EQ(tree.find_data_item("short-lived"), nullptr);
-}
-
-TEST_F(Tree, Index_out_of_range_ends_the_process) {
-    const Child_result child = run_child([] { Settings(nullptr).sections[3]; });
-    EXPECT_NE(child.err.find("glue/NV_store/NV_container:1:"), std::string::npos);
-    EXPECT_NE(child.err.find("Assertion `ret != __null' failed"), std::string::npos);
 }
 
 TEST_F(Tree, Text_form_is_read_back) {

@@ -87,14 +87,6 @@ TEST_F(Events, Copies_decide_who_is_woken) {
     EXPECT_EQ(inbox.targets(), (Targets{1, 2}));
 }
 
-TEST_F(Events, Ranges_of_one_length_stand_side_by_side) {
-    reg(0, 4, 1);
-    reg(4, 4, 2);
-    EXPECT_EQ(woken(0, 4), Targets{1});
-    EXPECT_EQ(woken(4, 4), Targets{2});
-    EXPECT_EQ(woken(0, 8), (Targets{1, 2}));
-}
-
 TEST_F(Events, Partly_overlapping_ranges_may_be_missed) {
     // Not supported; pinned so that nobody relies on more.
     reg(0, 10, 1);
@@ -160,23 +152,19 @@ TEST_F(Events, Handles_carry_themselves_as_target) {
 
 TEST_F(Events, An_uninitialised_handle_ends_the_process) {
     const struct {
-        void (*call)(CDS::Access_base&, waiter_descriptor&);
-        const char* text;
-    } table[] = {
-        {[](CDS::Access_base& a, waiter_descriptor& w) { a.reg(&w, 1); }, "BUG: CDS: Tried to reg with no init\r\n"},
-        {[](CDS::Access_base& a, waiter_descriptor& w) { a.unreg(&w, 1); },
-         "BUG: CDS: Tried to unreg with no init\r\n"},
-        {[](CDS::Access_base& a, waiter_descriptor& w) { a.autoreg(&w); },
-         "BUG: CDS: Tried to autoreg with no init\r\n"},
-        {[](CDS::Access_base& a, waiter_descriptor& w) { a.autounreg(&w); },
-         "BUG: CDS: Tried to autounreg with no init\r\n"}};
+        int (*call)(CDS::Access_base&, waiter_descriptor*);
+        const char* verb;
+    } table[] = {{[](CDS::Access_base& a, waiter_descriptor* w) { return a.reg(w, 1); }, "reg"},
+                 {[](CDS::Access_base& a, waiter_descriptor* w) { return a.unreg(w, 1); }, "unreg"},
+                 {[](CDS::Access_base& a, waiter_descriptor* w) { return a.autoreg(w); }, "autoreg"},
+                 {[](CDS::Access_base& a, waiter_descriptor* w) { return a.autounreg(w); }, "autounreg"}};
     for (const auto& row : table) {
         const Child_result child = run_child([&] {
             CDS::Access_base handle;
-            row.call(handle, inbox.waiter);
+            row.call(handle, &inbox.waiter);
         });
         EXPECT_EQ(child.signal, SIGABRT);
-        EXPECT_EQ(child.out, row.text);
+        EXPECT_EQ(child.out, std::string("BUG: CDS: Tried to ") + row.verb + " with no init\r\n");
     }
 }
 
@@ -217,17 +205,6 @@ TEST_F(Events, A_signal_allocates_nothing) {
     head.event_signal(nullptr, nullptr, 40, 4, nullptr);
     EXPECT_EQ(allocations(), start);
     EXPECT_EQ(inbox.targets().size(), 51u);
-}
-
-TEST(Head, Works_without_modules) {
-    module_man modules;
-    Inbox inbox(modules);
-    CDS::Head head(nullptr, 5);
-    head.lock();
-    EXPECT_EQ(head.event_register(&inbox.waiter, 0, 4, CDS::reg_value, 9, nullptr, nullptr), 0);
-    EXPECT_EQ(head.event_signal(nullptr, nullptr, 0, 4, nullptr), 0);
-    EXPECT_EQ(inbox.targets(), Targets{9});
-    head.unlock();
 }
 
 } // namespace

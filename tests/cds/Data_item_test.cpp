@@ -47,29 +47,21 @@ TEST(Type_byte, Holds_shape_and_type_of_any_byte) {
     }
 }
 
-TEST(Serial_ret, Keeps_the_first_place_to_resume_at) {
-    const Item a(12), b(13);
-    Data_item::Serial_ret result(12);
-    EXPECT_TRUE(result.fail());
-    EXPECT_EQ(result.stop(), 12);
+TEST(Walk, Begins_at_the_start_identifier_and_keeps_the_first_place_to_resume_at) {
+    const Item seven(7), nine(9);
+    unsigned short start = 9;
+    EXPECT_FALSE(seven.serial_action_started(start));
+    EXPECT_TRUE(nine.serial_action_started(start));
+    EXPECT_TRUE(seven.serial_action_started(start));
+    EXPECT_EQ(start, 0);
+
+    Data_item::Serial_ret result = nine.serial_check(false);
+    EXPECT_TRUE(result.fail() && result.stop() == 9);
     result.sync_next(nullptr);
     EXPECT_FALSE(result.next_set());
-    result.sync_next(&a);
-    result.sync_next(&b);
-    EXPECT_EQ(result.next(), 12);
-    EXPECT_TRUE(Data_item::Serial_ret().ok());
-    EXPECT_EQ(a.serial_check(false).stop(), 12);
-}
-
-TEST(Walk, Begins_at_the_item_with_the_start_identifier) {
-    const Item seven(7), nine(9);
-    unsigned short start = 0;
-    EXPECT_TRUE(seven.serial_action_started(start));
-    start = 9;
-    EXPECT_FALSE(seven.serial_action_started(start));
-    EXPECT_EQ(start, 9);
-    EXPECT_TRUE(nine.serial_action_started(start));
-    EXPECT_EQ(start, 0);
+    result.sync_next(&seven);
+    result.sync_next(&nine);
+    EXPECT_EQ(result.next(), 7);
 }
 
 TEST(Item, Without_a_structure_description_ends_the_process) {

@@ -91,23 +91,6 @@ TEST_F(Files, Exist_unless_they_are_known_to_be_missing) {
     EXPECT_TRUE(File_data_stream::exists((path + "/below").c_str())) << "not a folder: cannot be told";
 }
 
-TEST_F(Files, Opening_again_leaks_no_descriptor) {
-    write_file(path, "x");
-    const auto descriptors = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                             std::filesystem::directory_iterator());
-    };
-    File_data_stream s;
-    s.open_read(path.c_str());
-    s.open_write(path.c_str());
-    const auto before = descriptors();
-    for (int i = 0; i < 5; ++i) {
-        s.open_read(path.c_str());
-        s.open_write(path.c_str());
-    }
-    EXPECT_EQ(descriptors(), before);
-}
-
 // ---- checksummed files
 
 class Checksummed : public Files {
@@ -222,16 +205,6 @@ TEST_F(Checksummed, A_file_with_a_write_error_gets_no_trailer) {
     Capture err(stderr);
     EXPECT_TRUE(s.close_write());
     EXPECT_EQ(err.text(), "");
-}
-
-TEST_F(Checksummed, An_unclosed_file_does_not_verify) {
-    {
-        File_checksummed_data_stream s;
-        s.open_write(path.c_str());
-        put(s, "payload of some length");
-    }
-    std::string text;
-    EXPECT_FALSE(load(text));
 }
 
 } // namespace

@@ -135,15 +135,6 @@ TEST_F(Flash_stream, Does_nothing_without_a_store) {
               "PCF Datastream Failed 192 (a)\nPCF Datastream Failed 207\nPCF not open\nPCF cannot iterate\n");
 }
 
-TEST_F(Flash_stream, Open_for_writing_twice_is_refused) {
-    PCFile_data_stream s;
-    ASSERT_EQ(s.open_write("a", 1), PCFile_data_stream::done);
-    Capture err(stderr);
-    EXPECT_EQ(s.open_write("b", 1), PCFile_data_stream::wrong_state);
-    EXPECT_EQ(err.text(), "PCF Datastream Failed 202\n");
-    EXPECT_EQ(s.close_write(), PCFile_data_stream::done);
-}
-
 TEST_F(Flash_stream, A_full_store_tells_its_waiters) {
     save("a", 95);
     PCFile_data_stream s;
@@ -207,15 +198,6 @@ TEST_F(Flash_stream, Copies_as_far_as_there_is_room) {
     EXPECT_FALSE(PCFile_data_stream::copy("d", "empty"));
     Pcf_host::inject(Pcf_host::call_open_read, 1, Pcf_host::fault_error);
     EXPECT_FALSE(PCFile_data_stream::copy("d", "a"));
-}
-
-TEST_F(Flash_stream, Lists_the_files) {
-    for (const char* name : {"b", "a", "c"}) save(name, 1);
-    PCFile_data_stream::Iterator i;
-    std::string all;
-    for (i.reset(); const char* name = i.get_name(); i.next()) all += name;
-    EXPECT_EQ(all, "abc");
-    EXPECT_EQ(i.next(), 3u);
 }
 
 TEST_F(Flash_stream, Destroyed_while_open_ends_the_process) {
