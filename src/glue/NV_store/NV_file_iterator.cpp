@@ -78,7 +78,8 @@ bool NV_file_iterator::peek_bytes(unsigned char* data, int n) {
     const off_t before = lseek(descriptor, 0, SEEK_CUR);
     const int got = blocking_read(descriptor, data, n);
     if (got < 0) return false;
-    return lseek(descriptor, -got, SEEK_CUR) == before && got == n;
+    // What cannot seek has lost the bytes.
+    return lseek(descriptor, -got, SEEK_CUR) == before && before >= 0 && got == n;
 }
 
 bool NV_file_iterator::get_free_space(unsigned int& used, unsigned int& total) const {

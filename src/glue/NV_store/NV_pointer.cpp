@@ -39,7 +39,7 @@ bool NV_pointer::serialise(NV_iterator* it) {
     bool valid;
     if (!wanted(*it, valid)) return valid;
     NV_path path;
-    if (_target) get_root()->build_path(&path, _target);
+    if (_target && get_root()) get_root()->build_path(&path, _target);
     if (!it->push_header(header(NV_iterator::marker_value)) || !path.serialise(it)) return false;
     saved();
     return true;
