@@ -29,6 +29,7 @@ public:
     /// "releasable", hexadecimal; nothing without a heap.
     void print_usage(Debug::Dumper& dumper) const;
     char const* get_name() const { return _name; }
+    void* get_base() const { return _base; }
 
 private:
     void* _heap;

@@ -142,9 +142,11 @@ TEST(Diner_info_list, ends_every_diner_at_the_end_of_the_process_and_tells_who_i
     const auto begin = std::chrono::steady_clock::now();
     const Child_result r = run_child([] {
         static Capture* messages = new Capture(stderr);
-        auto* running = new Test_diner<>("running");
-        auto* parked = new Test_diner<>("parked");
-        auto* stuck = new Test_diner<Diner>("stuck"); // without a lock: with one, terminate() would give up
+        // Static, so that what outlives main is not taken for leaked.
+        static auto* const running = new Test_diner<>("running");
+        static auto* const parked = new Test_diner<>("parked");
+        static auto* const stuck =
+            new Test_diner<Diner>("stuck"); // without a lock: with one, terminate() would give up
         running->begin();
         parked->begin(true);
         stuck->on_event = [](waiter_event&) {
@@ -155,7 +157,7 @@ TEST(Diner_info_list, ends_every_diner_at_the_end_of_the_process_and_tells_who_i
         };
         stuck->begin();
         stuck->post(1);
-        wait_until([stuck] { return stuck->info.activity == Diner_info::activity_event; });
+        wait_until([] { return stuck->info.activity == Diner_info::activity_event; });
     });
     const auto took = std::chrono::steady_clock::now() - begin;
     EXPECT_EQ(r.status, 0) << r.err;

@@ -137,6 +137,7 @@ public:
 
     /// The root that signal_update() of a signal goes to; null: none. Not owned.
     void set_lookup(Lookup_struct* root) { lookup = root; }
+    unsigned long get_word() const { return _word; }
 
     /// Register a range: 0, or -1 when memory is used up (nothing is registered then). O(depth * log n)
     int event_register(waiter_descriptor* waiter, int offset, int length, Reg_type type, int value, Access_base* access,

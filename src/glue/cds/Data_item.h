@@ -64,7 +64,7 @@ public:
         unsigned short stop() const { return _failed; }    ///< id of the item that failed, 0: none
         unsigned short next() const { return _resume_at; } ///< id of the item to resume at, 0: not set
         bool next_set() const { return _resume_at != 0; }
-        void set_next(unsigned short id) { _resume_at = id; }
+        void set_next(unsigned short item_id) { _resume_at = item_id; }
         /// Set `next` to the item's id unless it is set already; null changes nothing.
         void sync_next(const Data_item* item) {
             if (_resume_at == 0 && item) _resume_at = item->id;
