@@ -26,8 +26,11 @@ public:
 /// Two pages; it takes bytes as long as one page is unused. Whoever is given the ends closes them.
 struct Pipe {
     explicit Pipe(int least_number = 3) {
+        struct rlimit limit;
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, 1200);
         int ends[2];
-        if (pipe(ends) != 0) abort();
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || pipe(ends) != 0) abort();
         in = fcntl(ends[0], F_DUPFD, least_number);
         out = fcntl(ends[1], F_DUPFD, least_number);
         fcntl(out, F_SETPIPE_SZ, 8192);
@@ -120,35 +123,34 @@ TEST(Posix_stream, reads_what_was_asked_for_and_keeps_what_came_before_the_end) 
     EXPECT_FALSE(s._get_data(0)) << "closed";
 }
 
-TEST(Posix_stream, one_time_out_bounds_a_whole_read) {
-    Pipe p;
-    Posix_data_stream s(p.in, p.out);
-    EXPECT_EQ(1, s.set_read_timeout(200));
-    // Each byte comes 100 ms after the last one was taken: ten take 900 ms, though no single wait reaches 200.
-    std::promise<void> done;
-    std::thread feeder([&, stopped = done.get_future()] {
-        do {
-            int waiting = 0;
-            ioctl(p.in, FIONREAD, &waiting);
-            if (waiting == 0 && ::write(p.out, "x", 1) != 1) break;
-        } while (stopped.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout);
-    });
-    EXPECT_FALSE(s.bytes_avail(10u));
-    done.set_value();
-    feeder.join();
-    EXPECT_LT(s.bytes_avail(), 10);
+constexpr int numbers[] = {3, 1100}; ///< of descriptors: the sets of select() end at 1024
 
-    s.drop_all();
-    put(s, "xxx");
-    EXPECT_TRUE(s.bytes_avail(3u)) << "the next call has the whole time again";
+TEST(Posix_stream, one_time_out_bounds_a_whole_read) {
+    for (int least_number : numbers) {
+        Pipe p(least_number);
+        Posix_data_stream s(p.in, p.out);
+        EXPECT_EQ(1, s.set_read_timeout(200));
+        // Each byte comes 100 ms after the last one was taken: ten take 900 ms, though no single wait reaches 200.
+        std::promise<void> done;
+        std::thread feeder([&, stopped = done.get_future()] {
+            do {
+                int waiting = 0;
+                ioctl(p.in, FIONREAD, &waiting);
+                if (waiting == 0 && ::write(p.out, "x", 1) != 1) break;
+            } while (stopped.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout);
+        });
+        EXPECT_FALSE(s.bytes_avail(10u));
+        done.set_value();
+        feeder.join();
+        EXPECT_LT(s.bytes_avail(), 10);
+        s.drop_all();
+        put(s, "xxx");
+        EXPECT_TRUE(s.bytes_avail(3u)) << "the next call has the whole time again";
+    }
 }
 
 TEST(Posix_stream, waits_with_limits_on_any_descriptor_and_goes_on_when_that_fails) {
-    struct rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, 1200);
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
-    for (int least_number : {3, 1100}) { // the sets of select() end at 1024
+    for (int least_number : numbers) {
         Pipe p(least_number), q(least_number);
         ASSERT_GE(p.in, least_number);
         Posix_data_stream reader(p.in), writer(-1, p.out), both(q.in, q.out);

@@ -193,10 +193,14 @@ TEST_F(Threaded_stream, waits_for_room_to_write_until_it_is_closed) {
 
     writer = std::thread([&] { written = put(s, bytes); });
     pty.receive(1); // it has begun
-    EXPECT_TRUE(s.close());
+    Pty other;
+    EXPECT_TRUE(s.close() && s.open(other.path.c_str()));
     writer.join();
     EXPECT_GE(written, 1u);
     EXPECT_LT(written, bytes.size());
+    EXPECT_EQ(1u, put(s, "x"));
+    EXPECT_EQ("x", other.receive(1)) << "the rest is not for the next line";
+    s.close();
     EXPECT_EQ(failed, put(s, "x"));
     EXPECT_LT(pty.receive(bytes.size()).size(), bytes.size()) << "the other end sees that the line is closed";
 }

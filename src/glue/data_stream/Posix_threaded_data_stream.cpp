@@ -139,13 +139,15 @@ bool Posix_threaded_data_stream::get_data(int n) { return n == 0; }
 
 unsigned int Posix_threaded_data_stream::_write(unsigned char const* data, unsigned int n) {
     unsigned done = 0;
-    for (;;) {
+    uint32_t epoch = 0;
+    for (bool first = true;; first = false) {
         struct pollfd room = {-1, POLLOUT, 0};
         ssize_t put = -1;
         bool is_full = false;
         {
             const std::lock_guard<Mutex> held(_descriptor_lock);
-            room.fd = descriptor();
+            if (first) epoch = _epoch;
+            if (epoch == _epoch) room.fd = descriptor(); // the rest is not for a line that was opened meanwhile
             if (room.fd >= 0) put = ::write(room.fd, data + done, n - done);
             is_full = room.fd >= 0 && put < 0 && errno == EAGAIN;
             if (put > 0) bytes_written += static_cast<uint32_t>(put);
