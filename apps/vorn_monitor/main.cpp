@@ -255,6 +255,13 @@ const char* why_not(const std::string& path) {
     return reason;
 }
 
+/// Whether the line was lost, as the stream's thread notices within `ms`: then a set-up that failed is no fault of the
+/// device.
+bool hung_up(const Posix_threaded_data_stream& stream, const Stop_signals& stop, int ms) {
+    for (const int step = 10; ms > 0 && stream.hang_ups() == 0 && !stop.came(step);) ms -= step;
+    return stream.hang_ups() > 0;
+}
+
 void monitor_device(const Options& o) {
     constexpr int retry_ms = 500;
     const std::string path = o.device_path();
@@ -267,7 +274,8 @@ void monitor_device(const Options& o) {
     {
         Listener listener(stream, report, path.c_str());
         listener.listen(Diner_info_list::get());
-        if (!stream.open_from_args(o.device.c_str())) fail(1, "cannot set up %s", o.device.c_str());
+        if (!stream.open_from_args(o.device.c_str()) && !hung_up(stream, stop, retry_ms))
+            fail(1, "cannot set up %s", o.device.c_str());
         // A line that was pulled out comes back as another device of the same name.
         while (!stop.came(retry_ms)) {
             if (listener.line_lost() && !why_not(path)) stream.open_from_args(o.device.c_str());
