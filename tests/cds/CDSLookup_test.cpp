@@ -55,6 +55,7 @@ TEST_F(Lookup, Finds_items_by_path) {
         EXPECT_EQ(i.root.find_data_item(row.path), row.found) << row.path;
     }
     EXPECT_EQ(i.root.find_item("engine/speed", '/'), &i.speed);
+    EXPECT_EQ(i.root.find_item("engine", 0), &i.engine) << "no separator: one name";
     EXPECT_EQ(i.speed.find_item("", '.'), &i.speed);
     Capture err(stderr);
     EXPECT_EQ(i.root.find_item("engine.speed.x", '.'), nullptr);
@@ -192,7 +193,52 @@ TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
     old.engine.speed = 1;
     items.told.clear();
     EXPECT_FALSE(items.root.signal_update(&elsewhere, &old, sizeof old)) << "not the live block";
+    head.event_signal(&block, &old, 0, -1, nullptr); // no bytes
     EXPECT_TRUE(items.told.empty());
+}
+
+/// One value and one array of T: what they say they are, how many bytes they take, and that these come back.
+template <class T>
+void expect_travels(Data_item::item_type_t type, int width, T value) {
+    struct {
+        T one, three[3];
+    } block = {value, {value, T(), value}};
+    CDS::Head head(nullptr, 0);
+    head.lock();
+    CDS::Root root(head, "block", block);
+    CDS::Value<T> one(root, "one", block.one);
+    CDS::Array<T> three(root, "three", block.three);
+    root.finish();
+    EXPECT_EQ(one.get_type_byte(), type);
+    EXPECT_EQ(three.get_type_byte(), 0x20 + type);
+
+    char bytes[64];
+    CDS::Remote::Send_buffer out(bytes, 0, sizeof bytes);
+    unsigned short start = 0;
+    root.serialise(out, start);
+    EXPECT_EQ(out.position - bytes, 4 * width + 1) << int(type);
+    block.one = block.three[0] = block.three[2] = T();
+    CDS::Remote::Receive_buffer in(bytes, static_cast<int>(out.position - bytes));
+    EXPECT_TRUE(root.deserialise(in, start).ok());
+    EXPECT_TRUE(block.one == value && block.three[0] == value && block.three[2] == value) << int(type);
+    head.unlock();
+}
+
+TEST(Items, Of_every_type_travel) {
+    expect_travels<bool>(Data_item::item_bool, 1, true);
+    expect_travels<char>(Data_item::item_char, 1, '\xFE');
+    expect_travels<unsigned char>(Data_item::item_uint8, 1, 254);
+    expect_travels<unsigned short>(Data_item::item_uint16, 2, 0xFEDC);
+    expect_travels<unsigned int>(Data_item::item_uint32, 4, 0xFEDCBA98);
+    expect_travels<unsigned long>(Data_item::item_uint32, 4, 0xFEDCBA98);
+    expect_travels<unsigned long long>(Data_item::item_uint64, 8, 0xFEDCBA9876543210ULL);
+    expect_travels<signed char>(Data_item::item_int8, 1, -2);
+    expect_travels<short>(Data_item::item_int16, 2, -300);
+    expect_travels<int>(Data_item::item_int32, 4, -70000);
+    expect_travels<long>(Data_item::item_int32, 4, -70000);
+    expect_travels<long long>(Data_item::item_int64, 8, -5000000000LL);
+    expect_travels<float>(Data_item::item_float, 4, -1.5f);
+    expect_travels<double>(Data_item::item_double, 8, 1e-300);
 }
 
 TEST(Compare, Agrees_with_a_byte_by_byte_scan) {

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 
 namespace {
 
@@ -185,6 +186,32 @@ TEST_F(Events, Registrations_are_bounded_and_a_failed_one_changes_nothing) {
     for (int i = 0; i < registered; ++i) EXPECT_EQ(reg(i * 2, 2, i), 0);
 }
 
+TEST_F(Events, A_range_that_cannot_take_others_in_leaves_them_where_they_are) {
+    // Memory given back in growing amounts, until it is enough for the new range but not for its list.
+    std::string text;
+    for (int more = 1; more < 20 && text.find("child tree") == std::string::npos; ++more) {
+        CDS::Head own(&modules, 0);
+        own.lock();
+        auto reserve = std::make_unique<CDS::Head>(&modules, 0);
+        reserve->lock();
+        for (int i = 0; i < more; ++i)
+            reserve->event_register(&inbox.waiter, 0, 1, CDS::reg_value, i, nullptr, nullptr);
+        Capture err(stderr);
+        int n = 0;
+        while (own.event_register(&inbox.waiter, 2 * n, 2, CDS::reg_value, n, nullptr, nullptr) == 0) ++n;
+        reserve->unlock();
+        reserve.reset();
+        const int result = own.event_register(&inbox.waiter, 0, 8, CDS::reg_value, -1, nullptr, nullptr);
+        text = err.text();
+        text = text.substr(text.find('\n') + 1);
+        EXPECT_EQ(result, text.empty() ? 0 : -1);
+        own.event_signal(nullptr, nullptr, 0, 8, nullptr);
+        EXPECT_EQ(inbox.targets().size(), result == 0 ? 5u : 4u);
+        own.unlock();
+    }
+    EXPECT_EQ(text, "ERROR: Could not get mem CDS child tree\n");
+}
+
 TEST_F(Events, Everything_is_given_back_with_the_head) {
     for (int round = 0; round < 200; ++round) {
         CDS::Head own(&modules, 0);
@@ -205,6 +232,22 @@ TEST_F(Events, A_signal_allocates_nothing) {
     head.event_signal(nullptr, nullptr, 40, 4, nullptr);
     EXPECT_EQ(allocations(), start);
     EXPECT_EQ(inbox.targets().size(), 51u);
+}
+
+TEST_F(Events, A_debug_build_reports_a_call_without_the_lock) {
+    head.unlock();
+    Capture err(stderr);
+    reg(0, 4, 1);
+    head.event_signal(nullptr, nullptr, 0, 4, nullptr);
+    unreg(0, 4, 1);
+    head.lock();
+#ifdef NDEBUG
+    EXPECT_EQ(err.text(), "");
+#else
+    EXPECT_EQ(err.text(), "CDS: event_register without the head's lock\n"
+                          "CDS: event_signal without the head's lock\n"
+                          "CDS: event_unregister without the head's lock\n");
+#endif
 }
 
 } // namespace

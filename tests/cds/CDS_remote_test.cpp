@@ -72,8 +72,9 @@ TEST(Send_buffer, Complains_of_a_negative_offset_when_there_is_room) {
     Capture err(stderr);
     Send_buffer with_room(bytes, -1, 8), without(bytes, -1, 0);
     with_room.append_UINT8(1);
+    with_room.str_append("");
     without.append_UINT8(1);
-    EXPECT_EQ(err.text(), "\n\nNegative offset!!\n");
+    EXPECT_EQ(err.text(), "\n\nNegative offset!!\n\n\nNegative offset!!\n");
     EXPECT_EQ(with_room.room, 8);
 }
 
@@ -158,6 +159,11 @@ TEST(Structure, Is_read_from_untrusted_text) {
         {"1:1:a{4:2:b", structure_cut, "a{ >b "},
         {"1:1:a{", structure_cut, "a{ "},
         {"1:1:a{4:2:b,", structure_cut, "a{ >b "},
+        {"1:1:a{4:2:b,4", structure_cut, "a{ >b "},
+        {"1:1:a{4:2:b,4:c", structure_cut, "a{ >b "},
+        {"1:1:a{4:2:b,zz", structure_malformed, "a{ >b "},
+        {"1:1:a{4:2:b,:", structure_malformed, "a{ >b "},
+        {"4-1:x", structure_malformed, ""},
         {"1:1:a}", structure_malformed, "a "},
         {"", structure_cut, ""},
         {"{{{", structure_malformed, ""},

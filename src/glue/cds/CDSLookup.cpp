@@ -61,9 +61,10 @@ const char* get_number_as_name(unsigned int n) {
     constexpr const char* function = "const char* CDS::get_number_as_name(unsigned int)";
     if (n < count) return names[n];
 
-    // The largest number has no table that could hold it.
-    const size_t entries = size_t(n) + 1;
-    void* const grown = entries <= UINT32_MAX ? realloc(names, entries * sizeof *names) : nullptr;
+    // A number so large that no table can hold it counts as a failed allocation.
+    const uint64_t entries = uint64_t(n) + 1;
+    const bool possible = entries <= UINT32_MAX && entries <= SIZE_MAX / sizeof *names;
+    void* const grown = possible ? realloc(names, static_cast<size_t>(entries) * sizeof *names) : nullptr;
     if (!grown) Util::assertion_failed("names", file, 1, function);
     names = static_cast<char**>(grown);
     for (unsigned int i = count; i <= n; ++i) {
@@ -303,7 +304,7 @@ void Lookup_struct::set_minmax(unsigned short& min, unsigned short& max) {
 
 Lookup_item* Lookup_struct::find_item(const char* path, char separator) {
     if (*path == 0) return this;
-    const char* const end = strchr(path, separator);
+    const char* const end = separator ? strchr(path, separator) : nullptr;
     const size_t n = end ? static_cast<size_t>(end - path) : strlen(path);
     for (Lookup_item& child : children) {
         if (strncmp(child.get_name(), path, n) != 0 || child.get_name()[n] != 0) continue;

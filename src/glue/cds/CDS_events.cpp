@@ -202,7 +202,8 @@ int Head::event_signal(const void* new_data, const void* old_data, int offset, i
     check_locked(this, "event_signal");
     const Wakeup_node w(offset, length, new_data, old_data, options);
     const int result = signal_body(&_events, w);
-    if (lookup && new_data && old_data) lookup->signal_update(new_data, old_data, static_cast<unsigned>(length));
+    if (lookup && new_data && old_data && length > 0)
+        lookup->signal_update(new_data, old_data, static_cast<unsigned>(length));
     return result;
 }
 

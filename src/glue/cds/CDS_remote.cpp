@@ -46,12 +46,13 @@ bool pop_with(Receive_buffer& in, T (Binary_message::*get)(uint32_t) const, Valu
 } // namespace
 
 int Send_buffer::buf_append(const char* data, int length) {
-    if (room < 1 || length < 1) return 0;
-    if (skip != 0) {
-        if (skip < 0) {
-            Debug_print::dprint("\n\nNegative offset!!\n");
-            return 0;
-        }
+    if (room < 1) return 0;
+    if (skip < 0) {
+        Debug_print::dprint("\n\nNegative offset!!\n");
+        return 0;
+    }
+    if (length < 1) return 0;
+    if (skip > 0) {
         if (skip >= length) {
             skip -= length;
             return 0;

@@ -22,6 +22,16 @@ struct Header_copy {
     int length;
 };
 
+/// Whether a text that ends here may yet become a header: hexadecimal digits, after at most one colon.
+bool may_go_on(const char* text) {
+    constexpr const char* digits = "0123456789abcdefABCDEF";
+    const size_t first = strspn(text, digits);
+    if (text[first] == 0) return true;
+    if (first == 0 || text[first] != ':') return false;
+    text += first + 1;
+    return text[strspn(text, digits)] == 0;
+}
+
 } // namespace
 
 Structure_result read_structure(const char* text, int length, Structure_visitor& visitor) {
@@ -33,7 +43,8 @@ Structure_result read_structure(const char* text, int length, Structure_visitor&
         Receive_buffer in(header.bytes, header.length);
         Data_item::item_type_t type_byte;
         Described_item item{};
-        if (!in.pop_item(type_byte, item.id, item.name_length)) return at_end ? structure_cut : structure_malformed;
+        if (!in.pop_item(type_byte, item.id, item.name_length))
+            return at_end && may_go_on(header.bytes) ? structure_cut : structure_malformed;
         item.name_length += in.remaining; // names of other makers may hold more than letters and digits
         text += header.length;
         Data_item::decode_type_byte(item.shape, item.type, static_cast<unsigned char>(type_byte));
