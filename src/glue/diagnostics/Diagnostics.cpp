@@ -5,6 +5,7 @@
 #include "glue/vorn/Vorn_parser.h"
 #include "util/Debug_base.h"
 #include "util/Debug_print.h"
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -18,7 +19,16 @@ constexpr unsigned record_size = Msg_SP::size_total + 1; // [bytes] with its lin
 /// the record behind them is met whole.
 constexpr unsigned closing_line_feeds = record_size;
 
+/// Event ids beyond those of records, which are source addresses.
+constexpr int event_resume = 0x100;
+
 bool debug_on() { return Debug_filter::enabled(_JDB::jdb_diagnostics); }
+
+/// Repeats replays on the debug output; one for all managers.
+Debug_print_diagnostic_history& echo() {
+    static Debug_print_diagnostic_history& instance = *new Debug_print_diagnostic_history;
+    return instance;
+}
 
 } // namespace
 
@@ -29,11 +39,18 @@ Diagnostics::Diagnostics(const char* base_name, unsigned max_file_bytes)
         Debug_print::bprint("Diagnostics: base name %s is longer than %d characters\n", base_name, longest_base_name);
 }
 
-Diagnostics::~Diagnostics() { terminate(true); }
+Diagnostics::~Diagnostics() {
+    if (state.load(std::memory_order_acquire) != state_uninit) terminate(true);
+}
 
 int Diagnostics::init(module_man& mm, Diner_selector* s, int thread_priority) {
-    mm.init_module(&_module_id, true);
+    if (mm.init_module(&_module_id, true) != 0) _enabled = false;
     return init(mm, s, Descriptor("DIAG", 0), thread_priority, 256, false, false);
+}
+
+/// A stop has dropped the timeout of a replay that was going on.
+void Diagnostics::diner_start() {
+    if (_enabled) waiter.send_event(waiter_event(_module_id, event_resume, 0), false, true);
 }
 
 Diagnostics::File_name Diagnostics::file_name(int n) const {
@@ -45,25 +62,29 @@ Diagnostics::File_name Diagnostics::file_name(int n) const {
 // ---- writing
 
 bool Diagnostics::log_error(unsigned char src, unsigned short a, unsigned short b) {
-    if (!_enabled || state.load(std::memory_order_acquire) != state_run) return false;
+    if (!_enabled || !waiter.accepting()) return false;
     const auto words = static_cast<unsigned>(a) | static_cast<unsigned>(b) << 16;
     return waiter.send_event(waiter_event(_module_id, src, words), false, false) == 0;
 }
 
 void Diagnostics::handle_event(waiter_event& event) {
-    if (event.module_id == _module_id) store(event);
+    if (event.module_id != _module_id) return;
+    if (event.id != event_resume)
+        store(event);
+    else if (_current && !submitted(_current->timeout))
+        submit_timeout(_current->timeout, Atime::now());
 }
 
 void Diagnostics::store(const waiter_event& event) {
     const Atime now = Atime::now();
+    const auto words = static_cast<unsigned>(event.data);
     unsigned char record[record_size];
-    Diagnostics_messages::build_SP(
-        record, static_cast<unsigned char>(event.id), static_cast<unsigned short>(event.data),
-        static_cast<unsigned short>(event.data >> 16), static_cast<unsigned>(now.time), now.millitm);
+    Diagnostics_messages::build_SP(record, static_cast<unsigned char>(event.id), static_cast<unsigned short>(words),
+                                   static_cast<unsigned short>(words >> 16), static_cast<unsigned>(now.time),
+                                   now.millitm);
     record[Msg_SP::size_total] = '\n';
 
-    if (PCFile_data_stream::mounted()) find_current_file();
-    if (_started && make_room(record_size) && append(record, record_size)) {
+    if (PCFile_data_stream::mounted() && append(record)) {
         ++_written;
         return;
     }
@@ -71,82 +92,112 @@ void Diagnostics::store(const waiter_event& event) {
     if (waiter_descriptor* w = _lost_waiter) w->send_event(waiter_event(_module_id, event_lost, 0), true, true);
 }
 
-/// Append to the current file; all of it or nothing counts.
-bool Diagnostics::append(const unsigned char* bytes, unsigned n) {
-    PCFile_data_stream stream;
-    if (stream.open_write(file_name(_write_file).text, open_attempts) != PCFile_data_stream::done) return false;
-    const bool complete = stream._write(bytes, n) == n;
-    // A stream that could not write has closed itself.
-    const bool closed = stream.is_open_write() && stream.close_write() == PCFile_data_stream::done;
-    if (complete && closed) _file_bytes += n;
-    return complete && closed;
+/// Append a record to the current file, behind the line feeds that close off what may be torn there.
+bool Diagnostics::append(const unsigned char* record) {
+    find_current_file();
+    unsigned char bytes[closing_line_feeds + record_size];
+    memset(bytes, '\n', closing_line_feeds);
+    memcpy(bytes + closing_line_feeds, record, record_size);
+    if (!make_room(_maybe_torn ? sizeof bytes : record_size)) return false;
+    const unsigned skipped = _maybe_torn && _file_bytes > 0 ? 0 : closing_line_feeds;
+    return write(bytes + skipped, static_cast<unsigned>(sizeof bytes) - skipped);
 }
 
-/// Rotate until `n` bytes fit into the current file and the store. The store is asked each time: a stream's own write
-/// ends the process when it finds the count of free bytes wrong.
+/// Write at the end of the current file; all of it or nothing counts.
+bool Diagnostics::write(const unsigned char* bytes, unsigned n) {
+    PCFile_data_stream stream;
+    if (stream.open_write(file_name(_write_file).text, open_attempts) != PCFile_data_stream::done) return false;
+    // Asked again now that nobody else can write: a write for which there is no room ends the process.
+    unsigned used, size;
+    const bool room = PCFile_data_stream::get_free_space(used, size) && size - used >= n;
+    const bool complete = room && stream._write(bytes, n) == n;
+    // A stream that could not write has closed itself.
+    const bool closed = stream.is_open_write() && stream.close_write() == PCFile_data_stream::done;
+    _maybe_torn = !complete || !closed;
+    if (!_maybe_torn) _file_bytes += n;
+    return !_maybe_torn;
+}
+
+/// Rotate until `n` bytes fit into the current file and the store.
 bool Diagnostics::make_room(unsigned n) {
-    if (_file_bytes + n > _max_file_bytes) rotate();
+    if (_file_bytes + n > _max_file_bytes && !rotate()) return false;
     for (int i = 0; i < num_files; ++i) {
         unsigned used, size;
         if (!PCFile_data_stream::get_free_space(used, size)) return false;
         if (size - used >= n + store_reserve) return true;
-        rotate();
+        if (!rotate()) return false;
     }
     return false;
 }
 
-void Diagnostics::rotate() {
-    _write_file = inc_file_num(_write_file);
+/// Go on to the next file, which begins empty. The one behind it goes too: its absence marks the place.
+bool Diagnostics::rotate() {
+    const int next = inc_file_num(_write_file);
+    if (!remove(next) || !remove(inc_file_num(next))) return false;
+    _write_file = next;
     _file_bytes = 0;
-    // The one behind the current file goes too: its absence marks the place.
-    for (const int n : {_write_file, inc_file_num(_write_file)})
-        if (PCFile_data_stream::exists(file_name(n).text)) PCFile_data_stream::remove(file_name(n).text);
+    return true;
 }
 
-/// Find out, once, which file was being written, and close it off against a record that a power cut has torn.
-void Diagnostics::find_current_file() {
-    if (_started) return;
-    bool there[num_files];
-    bool all = true;
-    for (int n = 0; n < num_files; ++n) all &= there[n] = PCFile_data_stream::exists(file_name(n).text);
-    unsigned newest = 0;
-    for (int n = 0; n < num_files; ++n) {
-        // A file is the current one when none follows it; after damage several may look so, then the newest record
-        // tells.
-        if (!there[n] || (there[inc_file_num(n)] && !all)) continue;
-        const unsigned seconds = newest_record(n);
-        if (seconds < newest) continue;
-        newest = seconds;
-        _write_file = n;
+/// Remove a file; a replay that has come to it goes on behind it, since its number may soon stand for newer records.
+bool Diagnostics::remove(int n) {
+    if (exists(n) && !PCFile_data_stream::remove(file_name(n).text)) return false;
+    if (_current && _current->_start_file == n && n != _current->_end_file) {
+        _current->_start_file = inc_file_num(n);
+        _current->_records_done = 0;
     }
-    const File_name behind = file_name(inc_file_num(_write_file));
-    if (PCFile_data_stream::exists(behind.text)) PCFile_data_stream::remove(behind.text);
-    _started = true;
-
-    if (!there[_write_file]) return;
-    newest_record(_write_file); // counts its bytes
-    unsigned char line_feeds[closing_line_feeds];
-    memset(line_feeds, '\n', sizeof line_feeds);
-    if (make_room(sizeof line_feeds + record_size) && _file_bytes > 0) append(line_feeds, sizeof line_feeds);
+    return true;
 }
 
-/// [s] the time of the newest record of a file, 0 without one; `_file_bytes` becomes the file's length.
-unsigned Diagnostics::newest_record(int n) {
+int Diagnostics::find_current(const bool (&there)[num_files], const std::function<unsigned(int)>& newest) {
+    int candidates[num_files], count = 0;
+    for (int n = 0; n < num_files; ++n)
+        if (there[n] && !there[inc_file_num(n)]) candidates[count++] = n;
+    if (count == 1) return candidates[0];
+    if (count == 0) {
+        if (!there[0]) return 0;
+        for (; count < num_files; ++count) candidates[count] = count;
+    }
+    int found = candidates[0];
+    unsigned newest_time = newest(found);
+    for (int i = 1; i < count; ++i) {
+        const unsigned time = newest(candidates[i]);
+        if (time <= newest_time) continue;
+        newest_time = time;
+        found = candidates[i];
+    }
+    return found;
+}
+
+/// Find out, once, which file was being written. The store is mounted.
+void Diagnostics::find_current_file() {
+    if (_file_known) return;
+    bool there[num_files];
+    for (int n = 0; n < num_files; ++n) there[n] = exists(n);
+    unsigned ignored;
+    _write_file = find_current(there, [&](int n) { return newest_record(n, ignored); });
+    if (there[_write_file]) newest_record(_write_file, _file_bytes);
+    remove(inc_file_num(_write_file));
+    _file_known = true;
+}
+
+/// [s] the time of the newest record of a file, 0 without one, and the file's length. A file that cannot be read counts
+/// as full, so that it grows no more.
+unsigned Diagnostics::newest_record(int n, unsigned& bytes) {
+    bytes = _max_file_bytes;
     PCFile_data_stream stream;
-    _file_bytes = 0;
     if (stream.open_read(file_name(n).text, open_attempts) != PCFile_data_stream::done) return 0;
     Vorn_parser parser(&stream, false);
     unsigned newest = 0;
     unsigned char packet[300];
     int length;
     while (parser.get_packet(packet, sizeof packet, length)) {
-        const Msg_SP record(Vorn_message(packet, static_cast<unsigned>(length)));
-        Vorn_message frame(record);
-        if (frame.validate(Diagnostics_messages::id_SP) && record.time() > newest) newest = record.time();
+        const Vorn_message frame(packet, static_cast<unsigned>(length));
+        if (frame.validate(Diagnostics_messages::id_SP)) newest = std::max(newest, Msg_SP(frame).time());
     }
-    stream.drop_all();
-    while (stream.bytes_avail(1)) stream.drop_all();
-    _file_bytes = stream.bytes_read;
+    do stream.drop_all();
+    while (stream.bytes_avail(1));
+    bytes = stream.bytes_read;
     stream.close_read();
     return newest;
 }
@@ -163,10 +214,13 @@ bool Diagnostics::request_history(Diagnostic_history* sink) {
 bool Diagnostics::_request_history(Diagnostic_history* sink) {
     if (_current || !sink || !_enabled) return false;
     if (PCFile_data_stream::mounted()) find_current_file();
+    // Its timeout belongs to one manager while a replay runs.
+    Diner* owner = nullptr;
+    if (!sink->timeout.diner.compare_exchange_strong(owner, this) && owner != this) return false;
     _current = sink;
+    submit_timeout(sink->timeout, Atime::now());
     sink->_done = false;
     sink->_records_done = 0;
-    submit_timeout(sink->timeout, Atime::now());
     sink->_end_file = inc_file_num(_write_file);
     sink->_start_file = inc_file_num(sink->_end_file);
     sink->history_started();
@@ -183,7 +237,7 @@ void Diagnostics::process_history() {
     if (!_current) return;
     if (!_current->check_ready()) return resume_later();
     while (_current->_start_file != _current->_end_file) {
-        if (PCFile_data_stream::exists(file_name(_current->_start_file).text)) {
+        if (exists(_current->_start_file)) {
             Progress progress;
             if (!read_file(_current->_start_file, progress) || progress == progress_paused) return resume_later();
         }
@@ -214,7 +268,7 @@ Diagnostics::Progress Diagnostics::process_history(Vorn_parser& parser) {
     int number = 0; // of valid records so far
     while (const int length = parser.get_packet(packet, sizeof packet)) {
         if (length < 0) continue; // a line of text
-        Vorn_message frame(packet, static_cast<unsigned>(length));
+        const Vorn_message frame(packet, static_cast<unsigned>(length));
         if (!frame.validate(Diagnostics_messages::id_SP)) continue;
         if (number++ < _current->_records_done) continue; // handed out before a pause
         _current->_records_done = number;
@@ -222,7 +276,7 @@ Diagnostics::Progress Diagnostics::process_history(Vorn_parser& parser) {
         const Msg_SP record(frame);
         if (debug_on())
             Debug_print::dprint("Hist Msg %x %x %x %x %x\n", static_cast<unsigned>(record.src()),
-                                static_cast<unsigned>(record.a()), static_cast<unsigned>(record.b()), record.time(),
+                                static_cast<unsigned>(record.b()), static_cast<unsigned>(record.a()), record.time(),
                                 static_cast<unsigned>(record.ms()));
         if (record.time() == 0) continue;
         _current->_output(record.src(), record.a(), record.b(), record.time(), record.ms());
@@ -231,11 +285,12 @@ Diagnostics::Progress Diagnostics::process_history(Vorn_parser& parser) {
     return progress_finished;
 }
 
+/// The sink may be destroyed as soon as its finished hook is called.
 void Diagnostics::finish_replay() {
-    static Debug_print_diagnostic_history& echo = *new Debug_print_diagnostic_history;
     Diagnostic_history* const sink = _current;
+    remove_timeout(sink->timeout);
     sink->_done = true;
     sink->history_finished();
     _current = nullptr;
-    if (debug_on() && sink != &echo) _request_history(&echo);
+    if (debug_on() && sink != &echo()) _request_history(&echo());
 }

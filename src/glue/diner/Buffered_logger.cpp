@@ -12,7 +12,7 @@ static std::atomic<Buffered_logger*> self{nullptr};
 Buffered_logger::Buffered_logger() : _ring(_storage, capacity) {}
 
 Buffered_logger::~Buffered_logger() {
-    terminate(true);
+    if (state.load(std::memory_order_acquire) != state_uninit) terminate(true);
     Buffered_logger* own = this;
     self.compare_exchange_strong(own, nullptr);
 }
@@ -25,14 +25,29 @@ void Buffered_logger::init(module_man& mm) {
 
 void Buffered_logger::append(char const* text) {
     const auto n = static_cast<uint32_t>(std::min<size_t>(strlen(text), UINT_MAX));
-    bool dropped;
+    bool print_here = false;
     {
         const std::lock_guard<Mutex> guard(_mutex);
-        dropped = _ring.put(reinterpret_cast<const unsigned char*>(text), n) < n;
+        if (_ring.put(reinterpret_cast<const unsigned char*>(text), n) < n) print_here = !leave_notice();
     }
-    // The number is a flag: how much was dropped is not told.
-    if (dropped) Debug_print::bprint("**%i CHARS DROPPED**", 1);
+    if (print_here) print_notice();
     waiter.send_anonymous_event();
+}
+
+/// Have the logger's thread print that text was dropped, since a ring is full when the output is slow and the appender
+/// must not wait for it. False when that thread is not running. Ring locked.
+bool Buffered_logger::leave_notice() {
+    if (state.load(std::memory_order_acquire) != state_run) return false;
+    _notices = std::min(_notices + 1, most_notices);
+    return true;
+}
+
+/// The number is a flag: how much was dropped is not told.
+void Buffered_logger::print_notice() { Debug_print::bprint("**%i CHARS DROPPED**", 1); }
+
+uint32_t Buffered_logger::waiting() const {
+    const std::lock_guard<Mutex> guard(_mutex);
+    return _ring.used();
 }
 
 void Buffered_logger::log(char const* text) {
@@ -43,22 +58,25 @@ void Buffered_logger::set_callback(void (*)(char const*)) {}
 void Buffered_logger::enable_dbi(int on) { set_callback(on ? log : nullptr); }
 void Buffered_logger::enable_dbi2(int on) { set_callback(on ? log : nullptr); }
 
-/// Move the oldest piece out of the ring: its length; `left` receives what is still there.
-uint32_t Buffered_logger::take(char* text, uint32_t& left) {
+/// Move the oldest piece out of the ring, and the notices.
+Buffered_logger::Piece Buffered_logger::take(char* text) {
     const std::lock_guard<Mutex> guard(_mutex);
     const uint32_t n = _ring.peek(0, reinterpret_cast<unsigned char*>(text), piece);
     _ring.drop(n);
-    left = _ring.used();
-    return n;
+    const Piece taken = {n, _ring.used(), _notices};
+    _notices = 0;
+    return taken;
 }
 
 void Buffered_logger::handle_event(waiter_event&) {
     char text[piece + 1];
-    uint32_t left;
+    Piece taken;
     do {
-        const uint32_t n = take(text, left);
-        if (n == 0) return;
-        text[n] = 0;
-        Debug_print::printd(text, static_cast<int>(n)); // without the lock: appenders do not wait for it
-    } while (left > 0);
+        taken = take(text);
+        // Printed without the lock: appenders do not wait for it.
+        for (uint32_t i = 0; i < taken.notices; ++i) print_notice();
+        if (taken.length == 0) return;
+        text[taken.length] = 0;
+        Debug_print::printd(text, static_cast<int>(taken.length));
+    } while (taken.left > 0);
 }

@@ -7,11 +7,13 @@
 
 /// Prints log text on behalf of other threads, so that they never wait for the debug output: they append to a ring
 /// under a short lock, and the logger's own thread prints it in pieces of at most 80 bytes. What does not fit is
-/// dropped, and said so.
+/// dropped, and each append that lost text is answered by "**1 CHARS DROPPED**".
 class KAV_API Buffered_logger : public Diner {
 public:
     static constexpr uint32_t capacity = 4096; ///< [bytes] of text that may wait
     static constexpr uint32_t piece = 80;      ///< [bytes] printed at a time
+    /// Notices of dropped text that may wait for the output; what is dropped beyond is covered by those.
+    static constexpr uint32_t most_notices = 256;
 
     Buffered_logger();
     ~Buffered_logger() override;
@@ -20,9 +22,10 @@ public:
     /// Give it its thread, make it the one that log() writes to, and start it.
     void init(module_man& mm);
 
-    /// Queue a text; any thread. It never waits for the output. Text of different threads is kept whole only as far as
-    /// it fits. Allocates nothing.
+    /// Queue a text; any thread. It never waits for the output: while the logger runs, it also prints the notice of
+    /// dropped text. Text of different threads is kept whole only as far as it fits. Allocates nothing.
     void append(char const* text);
+    uint32_t waiting() const; ///< [bytes] that wait to be printed; any thread
     /// append() on the logger initialised last; nothing while there is none. A logger is not destroyed while others
     /// log.
     static void log(char const* text);
@@ -39,9 +42,17 @@ public:
     using Diner::handle_timeout;
 
 private:
-    uint32_t take(char* text, uint32_t& left);
+    struct Piece {
+        uint32_t length; ///< [bytes] of its text
+        uint32_t left;   ///< [bytes] that stay in the ring
+        uint32_t notices;
+    };
+    Piece take(char* text);
+    bool leave_notice();
+    static void print_notice();
 
-    Mutex _mutex; ///< guards the ring alone
+    mutable Mutex _mutex; ///< guards the ring and the notices
     Ring_buffer _ring;
+    uint32_t _notices = 0; ///< to be printed by the logger's thread
     unsigned char _storage[capacity];
 };

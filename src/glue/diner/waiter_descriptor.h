@@ -57,10 +57,12 @@ public:
     int num_queued() const;    ///< [nodes] queued now
     int longest_queue() const; ///< [nodes] ever queued at a time: tells how to size an application
 
-private:
+    /// Whether posts are taken now; else they are dropped. Takes no lock.
     bool accepting() const {
         return _initialised.load(std::memory_order_relaxed) && _enabled.load(std::memory_order_relaxed);
     }
+
+private:
     bool merge(const waiter_event& e);
     bool is_queued(const waiter_event& e) const;
     int enqueue(const waiter_event& e);
