@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <map>
+#include <memory>
 #include <poll.h>
 #include <string>
 #include <thread>
@@ -161,8 +162,8 @@ TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks) {
 TEST_F(Logger, Keeps_lines_of_many_threads_whole_and_allocates_nothing) {
     FILE* const pipe = Debug_print::debug_file;
     FILE* const file = Debug_print::debug_file = std::tmpfile(); // takes any amount
-    Buffered_logger logger;
-    logger.init(Diner_info_list::get());
+    auto logger = std::make_unique<Buffered_logger>();
+    logger->init(Diner_info_list::get());
     constexpr int threads = 4, lines = 10, rounds = 20; // a round fits into the ring
     std::atomic<int> round{0}, ended{0};
     std::vector<std::thread> appenders;
@@ -173,7 +174,7 @@ TEST_F(Logger, Keeps_lines_of_many_threads_whole_and_allocates_nothing) {
                 char line[41];
                 for (int i = 0; i < lines; ++i) {
                     snprintf(line, sizeof line, "thread %d round %3d line %3d ...........\n", t, r, i);
-                    logger.append(line);
+                    logger->append(line);
                 }
                 ++ended;
             }
@@ -182,13 +183,14 @@ TEST_F(Logger, Keeps_lines_of_many_threads_whole_and_allocates_nothing) {
     for (int r = 1; r <= rounds; ++r) {
         round = r;
         ASSERT_TRUE(wait_until([&] { return ended == threads * r; }));
-        ASSERT_TRUE(handled(logger, static_cast<uint32_t>(threads * lines * r)));
+        ASSERT_TRUE(handled(*logger, static_cast<uint32_t>(threads * lines * r)));
         if (r == 1) before = allocations();
         if (r == rounds) {
             EXPECT_EQ(allocations(), before);
         }
     }
     for (auto& t : appenders) t.join();
+    logger.reset();
     Debug_print::debug_file = pipe;
     std::rewind(file);
     std::map<int, int> next_of; // each thread's lines in their order
