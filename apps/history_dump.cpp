@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: MIT
+// Prints the error history in a folder, oldest record first: the files of a controller's flash store, or a copy of
+// them. Only reads, so it may run beside the program that has the store mounted.
+#include "glue/data_stream/File_data_stream.h"
+#include "glue/diagnostics/Diagnostics.h"
+#include "glue/diagnostics/Diagnostics_messages.h"
+#include "glue/vorn/Vorn_parser.h"
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <functional>
+#include <getopt.h>
+#include <set>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+using Diagnostics_messages::Msg_SP;
+
+const char usage[] = "usage: history_dump FOLDER [BASE] [filters] [--csv]\n"
+                     "Print the error history in a folder, BASE0.dat to BASE9.dat, oldest record first. BASE may be\n"
+                     "left out when the folder holds one history.\n"
+                     "  --source N   only records of this source address, 1 to 255\n"
+                     "  --error N    only records with this error number, 1 to 65535\n"
+                     "  --from TIME  only records of this time or later: seconds since 1970, or in UTC 2023-11-14\n"
+                     "               or 2023-11-14T22:13:20\n"
+                     "  --to TIME    only records before this time\n"
+                     "  --csv        comma-separated form\n"
+                     "  --help       this text\n"
+                     "Numbers may be given in hexadecimal: 0x80.\n";
+
+/// The program's one way to fail: one line on standard error. Status 1: the outside world, 2: wrong arguments.
+[[noreturn]] KAV_PRINTF(2, 3) void fail(int status, const char* fmt, ...) {
+    fflush(stdout);
+    va_list args;
+    va_start(args, fmt);
+    fputs("history_dump: ", stderr);
+    vfprintf(stderr, fmt, args);
+    fputc('\n', stderr);
+    va_end(args);
+    exit(status);
+}
+
+/// A printing sink: its filter is the one that replays have.
+class Printer : public Diagnostic_history {
+public:
+    void output(unsigned char src, unsigned short a, unsigned short b, unsigned int seconds,
+                unsigned short ms) override {
+        if (csv) {
+            printf("%u.%03u,%u,%u,%u\n", seconds, unsigned{ms}, unsigned{src}, unsigned{b}, unsigned{a});
+            return;
+        }
+        const time_t t = seconds;
+        struct tm utc;
+        char text[32];
+        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", gmtime_r(&t, &utc));
+        printf("%s.%03u source %u error %u word %u\n", text, unsigned{ms}, unsigned{src}, unsigned{b}, unsigned{a});
+    }
+    bool csv = false;
+};
+
+struct Options {
+    std::string folder, base;
+    unsigned source = 0, error = 0, from = 0, to = 0xFFFFFFFF;
+    bool csv = false;
+};
+
+bool read_number(const char* text, unsigned least, unsigned most, unsigned& value) {
+    const bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const char* const end = text + strlen(text);
+    const auto [stop, error] = std::from_chars(text + (hex ? 2 : 0), end, value, hex ? 16 : 10);
+    return error == std::errc() && stop == end && value >= least && value <= most;
+}
+
+bool read_time(const char* text, unsigned& value) {
+    if (read_number(text, 0, 0xFFFFFFFF, value)) return true;
+    for (const char* form : {"%Y-%m-%d", "%Y-%m-%dT%H:%M:%S"}) {
+        struct tm utc = {};
+        const char* const stop = strptime(text, form, &utc);
+        if (!stop || *stop) continue;
+        const time_t t = timegm(&utc);
+        value = static_cast<unsigned>(t);
+        return t >= 0 && t <= 0xFFFFFFFF;
+    }
+    return false;
+}
+
+Options read_arguments(int argc, char** argv) {
+    enum { source = 1, error, from, to, csv, help };
+    const option known[] = {{"source", required_argument, nullptr, source},
+                            {"error", required_argument, nullptr, error},
+                            {"from", required_argument, nullptr, from},
+                            {"to", required_argument, nullptr, to},
+                            {"csv", no_argument, nullptr, csv},
+                            {"help", no_argument, nullptr, help},
+                            {nullptr, 0, nullptr, 0}};
+    Options o;
+    opterr = 0;
+    for (int c; (c = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
+        bool good = true;
+        switch (c) {
+        case source:
+            good = read_number(optarg, 1, 255, o.source);
+            break;
+        case error:
+            good = read_number(optarg, 1, 65535, o.error);
+            break;
+        case from:
+            good = read_time(optarg, o.from);
+            break;
+        case to:
+            good = read_time(optarg, o.to);
+            break;
+        case csv:
+            o.csv = true;
+            break;
+        case help:
+            fputs(usage, stdout);
+            exit(0);
+        case ':':
+            fail(2, "%s needs a value (try --help)", argv[optind - 1]);
+        default:
+            fail(2, "unknown option %s (try --help)", argv[optind - 1]);
+        }
+        if (!good) fail(2, "wrong value %s for --%s (try --help)", optarg, known[c - 1].name);
+    }
+    if (argc - optind < 1 || argc - optind > 2) fail(2, "give a folder and at most a base name (try --help)");
+    o.folder = argv[optind];
+    if (argc - optind == 2) o.base = argv[optind + 1];
+    return o;
+}
+
+/// The base names of the histories in the folder.
+std::set<std::string> find_bases(const std::string& folder) {
+    DIR* const d = opendir(folder.c_str());
+    if (!d) fail(1, "cannot read %s: %s", folder.c_str(), strerror(errno));
+    std::set<std::string> bases;
+    while (const dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        const size_t tail = strlen("N.dat");
+        if (name.size() <= tail || name.compare(name.size() - 4, 4, ".dat") != 0) continue;
+        const char digit = name[name.size() - tail];
+        if (digit >= '0' && digit <= '9') bases.insert(name.substr(0, name.size() - tail));
+    }
+    closedir(d);
+    return bases;
+}
+
+class History {
+public:
+    explicit History(std::string stem) : _stem(std::move(stem)) {}
+
+    bool there(int n) const { return access(path(n).c_str(), F_OK) == 0; }
+
+    /// Hand over the records of a file, in their order.
+    void read(int n, const std::function<void(const Msg_SP&)>& take) const {
+        const int fd = open(path(n).c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0 && errno == ENOENT) return; // removed by the program that writes the history
+        if (fd < 0) fail(1, "cannot read %s: %s", path(n).c_str(), strerror(errno));
+        File_data_stream stream;
+        stream.open_read(fd);
+        Vorn_parser parser(&stream, false);
+        unsigned char packet[300];
+        int length;
+        while (parser.get_packet(packet, sizeof packet, length)) {
+            const Vorn_message frame(packet, static_cast<unsigned>(length));
+            if (frame.validate(Diagnostics_messages::id_SP)) take(Msg_SP(frame));
+        }
+    }
+    unsigned newest(int n) const {
+        unsigned time = 0;
+        read(n, [&](const Msg_SP& record) { time = std::max(time, record.time()); });
+        return time;
+    }
+    /// The number of the file with the oldest records, whether it is there or not.
+    int first() const {
+        bool present[Diagnostics::num_files];
+        for (int n = 0; n < Diagnostics::num_files; ++n) present[n] = there(n);
+        return Diagnostics::inc_file_num(Diagnostics::find_current(present, [this](int n) { return newest(n); }));
+    }
+
+private:
+    std::string path(int n) const { return _stem + std::to_string(n) + ".dat"; }
+    std::string _stem;
+};
+
+void print_history(const History& history, Printer& printer) {
+    int n = history.first();
+    for (int i = 0; i < Diagnostics::num_files; ++i, n = Diagnostics::inc_file_num(n)) {
+        if (!history.there(n)) continue;
+        history.read(n, [&](const Msg_SP& r) {
+            if (r.time() != 0) printer._output(r.src(), r.a(), r.b(), r.time(), r.ms());
+        });
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options o = read_arguments(argc, argv);
+    const std::set<std::string> bases = find_bases(o.folder);
+    if (bases.empty()) fail(1, "no history in %s", o.folder.c_str());
+    if (o.base.empty()) {
+        if (bases.size() > 1) {
+            fail(2, "more than one history in %s: name one, for instance %s", o.folder.c_str(), bases.begin()->c_str());
+        }
+        o.base = *bases.begin();
+    }
+    if (bases.count(o.base) == 0) fail(1, "no history %s in %s", o.base.c_str(), o.folder.c_str());
+
+    Printer printer;
+    printer.csv = o.csv;
+    printer.set_filter(static_cast<unsigned char>(o.source), static_cast<unsigned short>(o.error), o.from, o.to);
+    if (o.csv) puts("time,source,error,word");
+    print_history(History(o.folder + "/" + o.base), printer);
+    if (fflush(stdout) != 0 || ferror(stdout)) fail(1, "cannot write: %s", strerror(errno));
+    return 0;
+}
