@@ -51,6 +51,17 @@ NV_item* NV_container::get_next_in_tree(const NV_item* item) const {
     return nullptr;
 }
 
+NV_item* NV_container::find_child(unsigned short child_id, const NV_item* last) const {
+    for (NV_item* i = last ? children.next(last) : children.first(); i; i = children.next(i))
+        if (i->get_id() == child_id) return i;
+    if (!last) return nullptr;
+    for (NV_item& i : children) {
+        if (i.get_id() == child_id) return &i;
+        if (&i == last) break;
+    }
+    return nullptr;
+}
+
 int NV_container::get_my_index(const NV_item* child) const {
     int index = 0;
     for (const NV_item& own : children) {
@@ -276,6 +287,7 @@ bool NV_container::deserialise(NV_iterator* it) {
 
 /// The records up to the end header, which stays unread.
 bool NV_container::load_children(NV_iterator& it) {
+    NV_item* last = nullptr;
     for (;;) {
         NV_iterator::NV_iterator_header record;
         if (!it.peek_header(record)) {
@@ -283,22 +295,30 @@ bool NV_container::load_children(NV_iterator& it) {
             return false;
         }
         if (record.marker == NV_iterator::marker_end) return true;
-        if (!load_record(it, record.id)) return false;
+        if (!load_record(it, record.id, last)) return false;
     }
 }
 
-/// Every child with that identifier reads a record; without one it is skipped.
-bool NV_container::load_record(NV_iterator& it, unsigned short record_id) {
-    bool known = false;
-    for (NV_item& child : children) {
-        if (child.get_id() != record_id) continue;
-        known = true;
-        if (child.deserialise(&it)) continue;
-        Debug_print::dprint("NV child was bad for %d:%s\n", static_cast<int>(get_type()), name);
+/// Every child with that identifier reads a record; without one it is skipped. Only lists have several.
+bool NV_container::load_record(NV_iterator& it, unsigned short record_id, NV_item*& last) {
+    NV_item* const found = find_child(record_id, last);
+    if (!found) {
+        if (deserialise_unknown_handoff(&it)) return true;
+        Debug_print::dprint("NV unknown child was bad for %d:%s\n", static_cast<int>(get_type()), name);
         return false;
     }
-    if (known || deserialise_unknown_handoff(&it)) return true;
-    Debug_print::dprint("NV unknown child was bad for %d:%s\n", static_cast<int>(get_type()), name);
+    if (get_type() != item_container) {
+        last = found;
+        return load_child(it, *found);
+    }
+    for (NV_item& child : children)
+        if (child.get_id() == record_id && !load_child(it, child)) return false;
+    return true;
+}
+
+bool NV_container::load_child(NV_iterator& it, NV_item& child) {
+    if (child.deserialise(&it)) return true;
+    Debug_print::dprint("NV child was bad for %d:%s\n", static_cast<int>(get_type()), name);
     return false;
 }
 

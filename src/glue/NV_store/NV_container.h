@@ -32,6 +32,9 @@ public:
     NV_item* get_next_child(const NV_item* child) const; ///< null: the first one; null at the end
     /// The item behind `item` in pre-order, a container before its children; null at the end of this container.
     NV_item* get_next_in_tree(const NV_item* item) const;
+    /// A child by its settings identifier, looked for behind `last` (null: from the first) and then from the first on,
+    /// so that going through children in order is quick. Null when there is none.
+    NV_item* find_child(unsigned short id, const NV_item* last) const;
     int get_my_index(const NV_item* child) const; ///< position, -1 when it is not here
     NV_item* operator[](int index) const;         ///< aborts when out of range
     int num_children() const { return children.size(); }
@@ -70,7 +73,8 @@ protected:
     template <class Operation>
     Serial_ret walk(Operation operation);
     bool load_children(NV_iterator& it);
-    bool load_record(NV_iterator& it, unsigned short record_id);
+    bool load_record(NV_iterator& it, unsigned short record_id, NV_item*& last);
+    bool load_child(NV_iterator& it, NV_item& child);
     bool finish_load(NV_iterator& it, Checksum_scope& checksum);
 
     NV_root* root;

@@ -72,6 +72,9 @@ public:
     unsigned short get_id() const { return id; }                 ///< settings identifier
     unsigned short get_data_id() const { return Data_item::id; } ///< process-wide identifier
     unsigned char get_flags() const { return flags; }
+    /// Set and clear flags without telling anybody: what a save that failed afterwards had cleared, or what a list
+    /// needs to be saved whole.
+    void change_flags(int set, int clear) { flags = static_cast<unsigned char>((flags | set) & ~clear); }
     NV_container* get_parent() const { return parent; }
     /// The name as the parent shows it: the position in an indexed container, else the name. Cut to `size` [bytes].
     void get_path_name(char* buffer, int size) const;

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: MIT
+#include "glue/NV_store/NV_safe_store.h"
+#include "glue/NV_store/NV_buffer_iterator.h"
+#include "glue/NV_store/NV_file_iterator.h"
+#include "glue/NV_store/NV_root.h"
+#include "glue/NV_store/NV_scan.h"
+#include "util/Debug_print.h"
+#include <cerrno>
+#include <fcntl.h>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace NV_store {
+namespace {
+
+/// Takes what a save writes; never runs out of room.
+class Collector : public NV_iterator {
+public:
+    Collector(std::string& bytes, modes_t m) : _bytes(bytes) { mode = m; }
+    bool push_bytes(unsigned char* data, int n) override {
+        _bytes.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
+        return true;
+    }
+    bool pop_bytes(unsigned char*, int) override { return false; }
+    bool peek_bytes(unsigned char*, int) override { return false; }
+
+private:
+    std::string& _bytes;
+};
+
+constexpr int changed = NV_item::changed_for_journal_1 | NV_item::changed_for_journal_2;
+
+} // namespace
+
+void settle_flags(NV_item& item) {
+    NV_container* const container = item.as_container();
+    if (!container) return;
+    int set = 0, clear = 0;
+    for (NV_item* i = container->get_next_child(nullptr); i; i = container->get_next_child(i)) {
+        settle_flags(*i);
+        set |= i->get_flags() & changed;
+        clear |= ~i->get_flags() & NV_item::not_loaded;
+    }
+    container->change_flags(set, clear);
+    if (container->get_type() != Data_item::item_container) return;
+    for (NV_item* i = container->get_next_child(nullptr); i; i = container->get_next_child(i))
+        i->change_flags(set, clear);
+}
+
+NV_safe_store::NV_safe_store(NV_root& root, const char* path)
+    : _root(root), _file(path, [this](const char* candidate) { return check(candidate); }) {}
+
+Safe_result NV_safe_store::report(Safe_result result) const {
+    if (!is_good(result)) Debug_print::dprint("NV_safe_store %s: %s\n", _file.path().c_str(), to_text(result));
+    return result;
+}
+
+/// Good is a file that begins with a whole image of this tree; behind it a torn journal is no reason to refuse it.
+bool NV_safe_store::check(const char* path) {
+    _candidate.clear();
+    std::string bytes;
+    if (!read_whole(path, bytes)) return false;
+    _file_size = bytes.size();
+    bytes.resize(whole_records(bytes, _root));
+    _candidate = std::move(bytes);
+    return !_candidate.empty();
+}
+
+// ---- load
+
+Safe_result NV_safe_store::load() {
+    _length = 0;
+    _dropped = 0;
+    std::string found;
+    Safe_result result = _file.find(found);
+    if (result == Safe_result::loaded) {
+        _length = _candidate.size();
+        if (_length < _file_size) result = Safe_result::cut_short;
+    }
+    if (!restore()) { // a setting of the application's own type refused what fits its type
+        _length = 0;
+        result = Safe_result::damaged;
+    }
+    return report(result);
+}
+
+/// Bring the records of the last check into the tree.
+bool NV_safe_store::restore() {
+    std::string bytes = prune(_candidate, _root, _dropped);
+    _candidate.clear();
+    const int n = static_cast<int>(bytes.size());
+    NV_buffer_iterator it(reinterpret_cast<unsigned char*>(bytes.data()), n, n);
+    it.set_mode(NV_iterator::mode_read);
+    const std::lock_guard<const NV_root> guard(_root);
+    _root.set_default(true);
+    while (it.read_position < n) {
+        if (_root.deserialise(&it)) continue;
+        _root.set_default(true);
+        return false;
+    }
+    return true;
+}
+
+// ---- save
+
+/// The bytes of a save, and the flags of all items before it; false when there is nothing to write.
+bool NV_safe_store::serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags) {
+    bytes.reserve(NV_file_iterator::budget);
+    const std::lock_guard<const NV_root> guard(_root);
+    settle_flags(_root);
+    for (NV_item* i = &_root; i; i = _root.get_next_in_tree(i)) flags.push_back(i->get_flags());
+    Collector it(bytes, mode);
+    return _root.serialise(&it) && !bytes.empty();
+}
+
+/// What could not be saved is to be saved again.
+void NV_safe_store::mark_again(const std::vector<unsigned char>& flags) {
+    const std::lock_guard<const NV_root> guard(_root);
+    size_t at = 0;
+    for (NV_item* i = &_root; i && at < flags.size(); i = _root.get_next_in_tree(i))
+        i->change_flags(flags[at++] & changed, 0);
+}
+
+Safe_result NV_safe_store::save() {
+    std::string bytes;
+    std::vector<unsigned char> flags;
+    if (!serialise(NV_iterator::mode_write, bytes, flags)) return Safe_result::nothing_to_save;
+    Safe_result result = Safe_result::failed;
+    if (whole_records(bytes, _root) == bytes.size()) result = _file.replace(bytes);
+    if (result == Safe_result::saved)
+        _length = bytes.size();
+    else
+        mark_again(flags);
+    return report(result);
+}
+
+Safe_result NV_safe_store::save_changes() {
+    if (!ready_to_append()) return save();
+    std::string bytes;
+    std::vector<unsigned char> flags;
+    if (!serialise(NV_iterator::mode_journal_1, bytes, flags)) return Safe_result::nothing_to_save;
+    if (_length + bytes.size() > NV_file_iterator::budget) {
+        mark_again(flags);
+        return save();
+    }
+    Safe_result result = Safe_result::failed;
+    if (whole_records(bytes, _root) == bytes.size()) result = append(bytes);
+    if (result != Safe_result::saved) mark_again(flags);
+    return report(result);
+}
+
+/// Whether the file is there and good; one that was not loaded or saved here is looked at.
+bool NV_safe_store::ready_to_append() {
+    struct stat s;
+    if (_length > 0 && stat(_file.path().c_str(), &s) == 0 && s.st_size >= static_cast<off_t>(_length)) return true;
+    check(_file.path().c_str());
+    _length = _candidate.size();
+    _candidate.clear();
+    return _length > 0;
+}
+
+/// What a cut left behind the last whole record goes first, else a load would end there.
+Safe_result NV_safe_store::append(const std::string& bytes) {
+    const int fd = open(_file.path().c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return failure_result(errno);
+    const auto end = static_cast<off_t>(_length);
+    struct stat s;
+    bool good = fstat(fd, &s) == 0;
+    if (good && s.st_size > end) good = ftruncate(fd, end) == 0 && fsync(fd) == 0;
+    good = good && write_at(fd, bytes, _length) && fsync(fd) == 0;
+    const int reason = errno;
+    if (!good && ftruncate(fd, end) == 0) fsync(fd);
+    const bool closed = close(fd) == 0;
+    if (!good) return failure_result(reason);
+    if (!closed) return failure_result(errno);
+    _length += bytes.size();
+    return Safe_result::saved;
+}
+
+} // namespace NV_store

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/NV_store/NV_iterator.h"
+#include "glue/NV_store/Safe_file.h"
+#include "util/api.h"
+#include <string>
+#include <vector>
+
+namespace NV_store {
+
+class NV_item;
+class NV_root;
+
+/// Keeps a settings tree in a file so that a power cut at any moment loses nothing that was saved before: what is
+/// loaded afterwards is the last save or, if that was cut, the one before, never a mixture.
+///
+///     NV_safe_store store(settings, "/data/settings");
+///     store.load();                  // at start
+///     settings.wheel.radius.set(0.8f);
+///     store.save_changes();          // small: appends what changed
+///     store.save();                  // complete; the generation before stays as settings.bak
+///
+/// The file holds a complete image and behind it the changes saved since, in the format of the tree's own save. A file
+/// is checked whole, byte by byte, before the first setting is touched. Records of settings that the program no longer
+/// has, or has with another type, are left out (a list also when it has grown).
+///
+/// One thread at a time; the tree's lock is taken for the moments in which settings are read or written (the caller
+/// must not hold it), never while the medium is busy. Saves clear the changed flags of both journals: use no other
+/// journal beside this.
+class KAV_API NV_safe_store {
+public:
+    /// `root` outlives the store.
+    NV_safe_store(NV_root& root, const char* path);
+
+    /// Replace all settings by the best good generation, those that it does not hold by their defaults. Waiters are
+    /// told of a return to a default only; NV_item::signal_all() tells them all.
+    Safe_result load();
+    /// Write a complete image. A tree that holds nothing loaded or set is not written over anything.
+    Safe_result save();
+    /// Append what changed since the last save; a complete image instead when the file would outgrow its budget, or
+    /// when there is no good one to append to.
+    Safe_result save_changes();
+
+    int get_dropped() const { return _dropped; } ///< records that the last load left out
+
+private:
+    bool check(const char* path);
+    bool restore();
+    bool ready_to_append();
+    bool serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags);
+    void mark_again(const std::vector<unsigned char>& flags);
+    Safe_result append(const std::string& bytes);
+    Safe_result report(Safe_result result) const;
+
+    NV_root& _root;
+    Safe_file _file;
+    size_t _length = 0;     ///< [bytes] of whole records in the file; 0: not known to be good
+    std::string _candidate; ///< what the last check read, as far as it is whole
+    size_t _file_size = 0;  ///< [bytes] of the file that the last check read
+    int _dropped = 0;
+};
+
+/// Let containers follow what is in them: one with something loaded or changed below counts as loaded or changed
+/// itself, and a list with one such element is saved whole. Notifications that failed leave this undone. Under the
+/// tree's lock.
+KAV_API void settle_flags(NV_item& item);
+
+} // namespace NV_store

@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: MIT
+#include "NV_store/Image_builder.h"
+#include "NV_store/Settings_fixture.h"
+#include "glue/NV_store/NV_safe_store.h"
+#include "glue/NV_store/NV_scan.h"
+#include "support/Temporary_folder.h"
+#include "support/capture.h"
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/resource.h>
+
+using namespace NV_store;
+using Image::bytes;
+using Image::frame;
+using Image::value;
+
+namespace {
+NV_root* never_locked = nullptr; ///< while the medium is busy
+int syncs = 0;
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) int fsync(int) {
+    ++syncs;
+    if (never_locked) {
+        EXPECT_FALSE(never_locked->is_locked());
+    }
+    return 0;
+}
+
+// Readable in a failure's text.
+namespace NV_store {
+static void PrintTo(Safe_result r, std::ostream* out) { *out << to_text(r); }
+} // namespace NV_store
+
+namespace {
+
+class Safe_store : public testing::Test {
+protected:
+    struct State {
+        Safe_result result;
+        std::string text;
+        int dropped;
+    };
+    /// What another start of the program finds.
+    State restart() {
+        Settings fresh(nullptr);
+        NV_safe_store again(fresh, path.c_str());
+        const Safe_result result = again.load();
+        return {result, fresh.text(), again.get_dropped()};
+    }
+    void TearDown() override { never_locked = nullptr; }
+
+    Temporary_folder folder;
+    const std::string path = folder.file("settings");
+    Capture quiet{stderr};
+    Settings tree{nullptr};
+    NV_safe_store store{tree, path.c_str()};
+};
+
+TEST_F(Safe_store, Saves_completely_and_then_what_changed) {
+    never_locked = &tree;
+    EXPECT_EQ(store.load(), Safe_result::started_from_defaults);
+    EXPECT_EQ(store.save(), Safe_result::nothing_to_save) << "nothing is loaded or set";
+    EXPECT_FALSE(std::filesystem::exists(path));
+    tree.set_all();
+    EXPECT_EQ(store.save(), Safe_result::saved);
+    EXPECT_EQ(syncs, 2) << "the file and its folder";
+    EXPECT_EQ(restart().text, tree.text());
+    const size_t image = read_file(path).size();
+
+    EXPECT_EQ(store.save_changes(), Safe_result::nothing_to_save);
+    tree.wheel.offset.set(123);
+    EXPECT_EQ(store.save_changes(), Safe_result::saved);
+    EXPECT_EQ(read_file(path).size(), image + 12 + 12 + 6) << "two frames and the value";
+    tree.sections.middle.set(55);
+    EXPECT_EQ(store.save_changes(), Safe_result::saved);
+    const State state = restart();
+    EXPECT_EQ(state.result, Safe_result::loaded);
+    EXPECT_EQ(state.text, tree.text());
+
+    EXPECT_EQ(store.save(), Safe_result::saved);
+    EXPECT_EQ(read_file(path).size(), image);
+    EXPECT_EQ(restart().text, tree.text());
+    std::filesystem::remove(path);
+    EXPECT_EQ(restart().result, Safe_result::fell_back);
+    EXPECT_EQ(restart().text, tree.text()) << "the generation before holds its changes too";
+    tree.speed.set(1);
+    EXPECT_EQ(store.save_changes(), Safe_result::saved) << "without a file to append to";
+    EXPECT_EQ(restart().text, tree.text());
+}
+
+TEST_F(Safe_store, A_load_replaces_every_setting) {
+    tree.wheel.offset.set(5);
+    ASSERT_EQ(store.save(), Safe_result::saved);
+    tree.set_all();
+    EXPECT_EQ(store.load(), Safe_result::loaded);
+    EXPECT_EQ(tree.text(), "{1.5,{true,5},{0,0,0},}");
+    std::filesystem::remove(path);
+    EXPECT_EQ(store.load(), Safe_result::started_from_defaults);
+    EXPECT_EQ(tree.text(), Settings(nullptr).text());
+}
+
+TEST_F(Safe_store, A_refused_file_is_kept_and_the_generation_before_is_loaded) {
+    tree.set_all();
+    store.save();
+    const std::string old = tree.text();
+    tree.speed.set(9);
+    store.save();
+    std::string damaged = read_file(path);
+    damaged[5] ^= 1;
+    write_file(path, damaged);
+    write_file(path + ".new", "left by a cut");
+
+    const State state = restart();
+    EXPECT_EQ(state.result, Safe_result::fell_back);
+    EXPECT_EQ(state.text, old);
+    EXPECT_EQ(read_file(path + ".bad"), damaged);
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(restart().text, old) << "again and again";
+
+    // Damage that comes while the program runs does not push the good one out either.
+    write_file(path, damaged);
+    ASSERT_EQ(store.save(), Safe_result::saved);
+    write_file(path, "x");
+    EXPECT_EQ(restart().text, old);
+    write_file(path + ".bak", "y");
+    EXPECT_EQ(restart().result, Safe_result::damaged);
+    EXPECT_EQ(restart().text, Settings(nullptr).text());
+}
+
+TEST_F(Safe_store, A_torn_journal_is_cut_before_the_next_append) {
+    tree.set_all();
+    store.save();
+    const size_t image = read_file(path).size();
+    tree.speed.set(9);
+    store.save_changes();
+    const std::string whole = read_file(path);
+    for (size_t length = image + 1; length < whole.size(); ++length) {
+        write_file(path, whole.substr(0, length));
+        Settings next(nullptr);
+        NV_safe_store own(next, path.c_str());
+        EXPECT_EQ(own.load(), Safe_result::cut_short);
+        EXPECT_EQ(next.speed.get(), 2.5f);
+        next.wheel.offset.set(44);
+        EXPECT_EQ(own.save_changes(), Safe_result::saved);
+        const State state = restart();
+        EXPECT_EQ(state.result, Safe_result::loaded) << length;
+        EXPECT_EQ(state.text, next.text());
+    }
+}
+
+TEST_F(Safe_store, The_file_keeps_to_its_budget) {
+    tree.set_all();
+    store.save();
+    size_t largest = 0;
+    for (int i = 0; i < 1500; ++i) {
+        tree.wheel.offset.set(static_cast<short>(i));
+        ASSERT_EQ(store.save_changes(), Safe_result::saved);
+        largest = std::max(largest, static_cast<size_t>(std::filesystem::file_size(path)));
+    }
+    EXPECT_LE(largest, 16384u);
+    EXPECT_GT(largest, 16384u - 100);
+    EXPECT_EQ(restart().text, tree.text());
+}
+
+TEST_F(Safe_store, Records_that_the_program_no_longer_knows_are_left_out) {
+    const auto short_value = [](int id, int v) { return value(8, id, bytes({v, 0})); };
+    const std::string speed = value(10, 2, bytes({0, 0, 0x20, 0x40})), wheel = frame(1, 3, short_value(0x0102, 7));
+    const auto section = [](int v) { return value(5, 1, bytes({v, 0})); };
+    const std::string unknown = frame(1, 77, frame(1, 3, short_value(1, 1)) + speed);
+    const struct {
+        const char* what;
+        std::string records;
+        int dropped;
+        const char* text;
+    } table[] = {
+        {"all known", speed + wheel, 0, "{2.5,{true,7},{0,0,0},}"},
+        {"unknown value", short_value(9, 1) + speed + wheel, 1, "{2.5,{true,7},{0,0,0},}"},
+        {"unknown container", unknown + speed + wheel, 1, "{2.5,{true,7},{0,0,0},}"},
+        {"unknown pointer", value(14, 9, bytes({1, 3, 0})) + speed, 1, "{2.5,{true,-2},{0,0,0},}"},
+        {"unknown array", value(0x25, 9, bytes({2, 1, 0, 2, 0})) + speed, 1, "{2.5,{true,-2},{0,0,0},}"},
+        {"other type", value(9, 2, bytes({1, 0, 0, 0})) + wheel, 1, "{1.5,{true,7},{0,0,0},}"},
+        {"other type below", frame(1, 3, value(5, 0x0102, "xx") + value(2, 1, bytes({0}))) + speed, 1,
+         "{2.5,{false,-2},{0,0,0},}"},
+        {"container that became a value", frame(1, 2, "") + wheel, 1, "{1.5,{true,7},{0,0,0},}"},
+        {"list", frame(13, 4, section(1) + section(2) + section(3)), 0, "{1.5,{true,-2},{1,2,3},}"},
+        {"list that shrank", frame(13, 4, section(1) + section(2) + section(3) + section(4)), 1,
+         "{1.5,{true,-2},{1,2,3},}"},
+        {"list that grew", frame(13, 4, section(1) + section(2)) + speed, 2, "{2.5,{true,-2},{0,0,0},}"},
+        {"list with others between", frame(13, 4, section(1) + short_value(5, 1) + section(2) + section(3)), 1,
+         "{1.5,{true,-2},{1,2,3},}"},
+    };
+    for (const auto& row : table) {
+        write_file(path, frame(0, 1, row.records) + frame(0, 1, frame(1, 3, unknown)));
+        const State state = restart();
+        EXPECT_EQ(state.result, Safe_result::loaded) << row.what;
+        EXPECT_EQ(state.text, row.text) << row.what;
+        EXPECT_EQ(state.dropped, row.dropped + 1) << row.what;
+    }
+}
+
+TEST_F(Safe_store, Lists_whose_elements_differ_load_though_the_tree_alone_could_not) {
+    struct Mixed : NV_root {
+        Mixed() : NV_root(nullptr, 1, "mixed") {}
+        struct List : NV_container {
+            explicit List(NV_root* r) : NV_container(r, r, 2, "list") {}
+            item_type_t get_type() const override { return item_container; }
+            NV_uint8 a{this, 1, "a"}, b{this, 2, "b"};
+            NV_uint8 c{this, 1, "c"};
+        } list{this};
+    } one, other;
+    one.list.a.set(10), one.list.b.set(20), one.list.c.set(30);
+    ASSERT_EQ(NV_safe_store(one, path.c_str()).save(), Safe_result::saved);
+    EXPECT_EQ(NV_safe_store(other, path.c_str()).load(), Safe_result::loaded);
+    EXPECT_EQ(other.list.a.get() + other.list.b.get() + other.list.c.get(), 60);
+    EXPECT_EQ(other.list.c.get(), 30);
+}
+
+TEST_F(Safe_store, Only_files_of_this_tree_are_taken) {
+    const std::string deep = [] {
+        std::string all;
+        for (int i = 0; i < 100; ++i) all = frame(i == 99 ? 0 : 1, 1, all);
+        return all;
+    }();
+    for (const std::string& image :
+         {frame(0, 2, ""), frame(1, 1, ""), std::string(), std::string(100, '\0'), value(8, 1, "xx"), deep,
+          frame(0, 1, value(14, 5, bytes({17}) + std::string(34, 'x'))), frame(0, 1, value(12, 5, "x"))}) {
+        write_file(path, image);
+        EXPECT_EQ(restart().result, Safe_result::damaged) << Image::hex(image.substr(0, 20));
+        EXPECT_EQ(read_file(path + ".bad"), image);
+    }
+}
+
+TEST_F(Safe_store, Saves_what_failed_notifications_left_unmarked_and_lists_whole) {
+    waiter_descriptor waiter;
+    tree.wheel.offset.set(1);
+    store.save();
+    tree.wheel.offset.register_waiter(&waiter, 1, false); // there are no module ids: every post fails
+    EXPECT_FALSE(tree.wheel.offset.set(2));
+    tree.sections.right.set(50);
+    EXPECT_EQ(store.save_changes(), Safe_result::saved);
+    EXPECT_EQ(restart().text, tree.text());
+    EXPECT_EQ(tree.sections.left.get_flags(), 0);
+}
+
+TEST_F(Safe_store, A_failed_save_says_why_and_is_made_up_for_by_the_next) {
+    tree.set_all();
+    ASSERT_EQ(store.save(), Safe_result::saved);
+    const std::string old = tree.text();
+    const std::string image = read_file(path);
+    rlimit saved_limit;
+    getrlimit(RLIMIT_FSIZE, &saved_limit);
+    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    for (const bool complete : {false, true}) {
+        tree.wheel.offset.set(static_cast<short>(complete ? 70 : 80));
+        const rlimit limit = {complete ? image.size() / 2 : read_file(path).size() + 5, saved_limit.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        const Safe_result result = complete ? store.save() : store.save_changes();
+        setrlimit(RLIMIT_FSIZE, &saved_limit);
+        EXPECT_EQ(result, Safe_result::disk_full);
+        EXPECT_EQ(restart().text, complete ? "{2.5,{false,80},{10,20,30},wheel/offset}" : old);
+        EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+        EXPECT_EQ(store.save_changes(), Safe_result::saved);
+        EXPECT_EQ(restart().text, tree.text());
+    }
+    signal(SIGXFSZ, handler);
+    NV_safe_store nowhere(tree, folder.file("none/settings").c_str());
+    EXPECT_EQ(nowhere.save(), Safe_result::failed);
+    EXPECT_NE(quiet.text().find("/settings: disk full\n"), std::string::npos);
+}
+
+TEST_F(Safe_store, Any_text_verifies_as_a_checksummed_file) {
+    std::string loaded;
+    EXPECT_EQ(load_checksummed(path.c_str(), loaded), Safe_result::started_from_defaults);
+    for (const size_t n : {0, 1, 3, 4, 100, 251, 252, 254, 255, 256, 300, 509, 510, 511, 1000}) {
+        for (size_t zero = 0; zero <= 5; ++zero) { // that many places from the end; 0: none
+            std::string text(n, 'x');
+            if (zero > n) continue;
+            if (zero > 0) text[n - zero] = 0;
+            ASSERT_EQ(save_checksummed(path.c_str(), text), Safe_result::saved) << n << ' ' << zero;
+            ASSERT_EQ(load_checksummed(path.c_str(), loaded), Safe_result::loaded);
+            EXPECT_EQ(loaded.substr(0, n), text);
+            EXPECT_EQ(loaded.find_first_not_of('\n', n), std::string::npos);
+            EXPECT_LT(loaded.size(), n + 255 + 4);
+        }
+    }
+    save_checksummed(path.c_str(), "newest");
+    std::string damaged = read_file(path);
+    damaged[2] ^= 1;
+    write_file(path, damaged);
+    EXPECT_EQ(load_checksummed(path.c_str(), loaded), Safe_result::fell_back);
+    EXPECT_EQ(loaded.substr(0, 1000), std::string(995, 'x') + '\0' + "xxxx");
+    EXPECT_EQ(read_file(path + ".bad"), damaged);
+}
+
+} // namespace
