@@ -7,6 +7,8 @@
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
+#include <random>
 
 namespace {
 
@@ -195,6 +197,30 @@ TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
     EXPECT_FALSE(items.root.signal_update(&elsewhere, &old, sizeof old)) << "not the live block";
     head.event_signal(&block, &old, 0, -1, nullptr); // no bytes
     EXPECT_TRUE(items.told.empty());
+}
+
+TEST_F(Lookup, Change_scan_agrees_with_the_bytes_wherever_they_differ) {
+    std::mt19937 random(20261121);
+    std::unique_ptr<CDS::Value<short>> late;
+    for (int round = 0; round < 600; ++round) {
+        if (round == 200) late = std::make_unique<CDS::Value<short>>(items.root, "late", block.engine.speed);
+        if (round == 400) items.root.finish(); // now known to stand out of order
+        Block old = block;
+        auto* const bytes = reinterpret_cast<unsigned char*>(&old);
+        for (unsigned i = random() % 4; i > 0; --i) bytes[random() % sizeof old] ^= 1;
+        const auto differs = [&](const auto& member) {
+            const auto* const now = reinterpret_cast<const unsigned char*>(&member);
+            return memcmp(now, bytes + (now - reinterpret_cast<const unsigned char*>(&block)), sizeof member) != 0;
+        };
+        const Engine& engine = block.engine;
+        std::vector<std::string> expected;
+        if (differs(engine.speed)) expected.push_back("speed1");
+        if (differs(engine.speed) || differs(engine.mode) || differs(engine.load)) expected.push_back("engine1");
+        if (differs(block.label)) expected.push_back("label1");
+        items.told.clear();
+        items.root.signal_update(&block, &old, sizeof old);
+        ASSERT_EQ(items.told, expected) << round;
+    }
 }
 
 /// One value and one array of T: what they say they are, how many bytes they take, and that these come back.

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 
 namespace CDS {
 
@@ -26,12 +27,12 @@ Compare::Compare(const void* new_copy, const void* old_copy, unsigned int size)
 }
 
 void Compare::scan() {
-    // Whole pieces by memcmp, which compares a vector at a time; only the piece that differs is looked at more closely.
-    constexpr ptrdiff_t piece = 256;
-    while (length - first_diff > piece && memcmp(position + first_diff, old_position + first_diff, piece) == 0)
-        first_diff += piece;
-    while (length - first_diff >= 8 && memcmp(position + first_diff, old_position + first_diff, 8) == 0)
-        first_diff += 8;
+    // Pieces by memcmp, which compares vectors; where one differs, smaller pieces find the place.
+    for (const ptrdiff_t piece : {4096, 256, 8}) {
+        const size_t n = static_cast<size_t>(piece);
+        while (length - first_diff >= piece && memcmp(position + first_diff, old_position + first_diff, n) == 0)
+            first_diff += piece;
+    }
     while (first_diff < length && position[first_diff] == old_position[first_diff]) ++first_diff;
     if (first_diff >= length) done = true;
 }
@@ -287,17 +288,40 @@ bool Lookup_struct::_signal_update(Compare& compare) {
     if (compare.done || compare.seek(data_address())) return false;
     if (static_cast<ptrdiff_t>(data_size()) <= compare.first_diff) return false;
     bool changed = false;
-    for (Lookup_item& child : children) {
-        changed |= child._signal_update(compare);
-        if (compare.done) break;
+    if (_by_end.empty()) {
+        for (Lookup_item& child : children) {
+            changed |= child._signal_update(compare);
+            if (compare.done) break;
+        }
+    } else {
+        const auto ends_before = [](const Extent& e, const unsigned char* place) { return e.end <= place; };
+        for (auto at = _by_end.begin(); !compare.done; ++at) {
+            // Children that end before the next difference have nothing to tell.
+            at = std::lower_bound(at, _by_end.end(), compare.position + compare.first_diff, ends_before);
+            if (at == _by_end.end()) break;
+            changed |= at->child->_signal_update(compare);
+        }
     }
     if (changed && update_listener) update_listener->updated(1);
     return changed;
 }
 
+void Lookup_struct::index_children() {
+    _by_end.clear();
+    _by_end.reserve(static_cast<size_t>(children.size()));
+    const unsigned char* end = nullptr;
+    for (Lookup_item& child : children) {
+        const auto start = static_cast<const unsigned char*>(child.data_address());
+        if (std::less<>()(start, end)) return _by_end.clear();
+        end = start + child.data_size();
+        _by_end.push_back({end, &child});
+    }
+}
+
 void Lookup_struct::set_minmax(unsigned short& min, unsigned short& max) {
     min_id = max_id = id;
     for (Lookup_item& child : children) child.set_minmax(min_id, max_id);
+    index_children();
     min = std::min(min, min_id);
     max = std::max(max, max_id);
 }

@@ -4,6 +4,7 @@
 #include "util/api.h"
 #include "util/sl_list.h"
 #include <cstddef>
+#include <vector>
 
 /// The lookup tree: describes the data block as items with names, identifiers, addresses and sizes. Built at start-up
 /// in one thread and then only read; the values are guarded by the head's lock.
@@ -153,7 +154,10 @@ public:
     Lookup_item* find_item(unsigned short wanted) override;
 
     /// Append a child. Called by the constructors of concrete items.
-    void add_item(Lookup_item& child) { children.push(&child); }
+    void add_item(Lookup_item& child) {
+        children.push(&child);
+        _by_end.clear();
+    }
     void get_minmax(unsigned short& min, unsigned short& max) const {
         min = min_id;
         max = max_id;
@@ -167,6 +171,18 @@ protected:
     c_sl_list<Lookup_item> children;
     unsigned short min_id = 0; ///< smallest identifier of the subtree, valid after set_minmax()
     unsigned short max_id = 0;
+
+private:
+    /// A child and where its bytes end.
+    struct Extent {
+        const unsigned char* end;
+        Lookup_item* child;
+    };
+    void index_children();
+
+    /// For the change scan, which so finds the children that changed without asking the others. Made by set_minmax();
+    /// empty while there are children that do not stand in block order, or that were added later.
+    std::vector<Extent> _by_end;
 };
 
 /// The root: its own parent; knows the head and the block.

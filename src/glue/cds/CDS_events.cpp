@@ -72,9 +72,29 @@ Event_list::~Event_list() {
     }
 }
 
-Event_node::~Event_node() {
+void Event_node::release() {
     while (Event_recipient* r = recipients.pop()) delete r;
     delete children;
+}
+
+/// `which ? a : b`, without the branch that compilers make of that.
+static __bsnode* pick(bool which, __bsnode* a, __bsnode* b) {
+    const uintptr_t mask = uintptr_t(0) - uintptr_t(which);
+    return reinterpret_cast<__bsnode*>((reinterpret_cast<uintptr_t>(a) & mask) |
+                                       (reinterpret_cast<uintptr_t>(b) & ~mask));
+}
+
+Event_node* Event_list::last_at_or_before(int offset) const {
+    __bsnode* found = nullptr;
+    for (__bsnode* at = header.greater; at;) {
+        __builtin_prefetch(at->less);
+        __builtin_prefetch(at->greater);
+        // Which way it goes is a coin toss: a branch would be guessed wrong every other time.
+        const bool onward = static_cast<Event_node*>(static_cast<avl_bsnode*>(at))->offset <= offset;
+        found = pick(onward, at, found);
+        at = pick(onward, at->greater, at->less);
+    }
+    return static_cast<Event_node*>(static_cast<avl_bsnode*>(found));
 }
 
 bool Event_node::contains(const Event_node& o) const {
@@ -106,10 +126,6 @@ Head::Head(module_man* modules, unsigned long word) : _word(word) {
 
 Head::~Head() = default;
 
-int Head::compare(const Event_node* a, const Event_node* b) {
-    return a->offset < b->offset ? -1 : a->offset > b->offset ? 1 : 0;
-}
-
 short Head::module_of(Reg_type type) const {
     switch (type) {
     case reg_access:
@@ -140,7 +156,7 @@ int Head::event_register(waiter_descriptor* waiter, int offset, int length, Reg_
 }
 
 int Head::cds_event_register_body(Event_list* list, Event_node& key) {
-    while (Event_node* n = list->find(&key, bst_less_equal)) {
+    while (Event_node* n = list->last_at_or_before(key.offset)) {
         if (n->same(key)) {
             n->recipients.push(key.recipients.pop());
             return 0;
@@ -183,7 +199,7 @@ int Head::event_unregister(waiter_descriptor* waiter, int offset, int length, Re
 
     Event_node* n = nullptr;
     for (Event_list* list = &_events; list; list = n->children) {
-        n = list->find(&key, bst_less_equal);
+        n = list->last_at_or_before(offset);
         if (!n) return -1;
         if (n->same(key)) break;
         if (n->offset > key.offset || !n->contains(key)) return -1;
@@ -208,7 +224,7 @@ int Head::event_signal(const void* new_data, const void* old_data, int offset, i
 }
 
 int Head::signal_body(Event_list* list, const Wakeup_node& w) {
-    while (Event_node* n = list->find(&w, bst_less_equal)) {
+    while (Event_node* n = list->last_at_or_before(w.offset)) {
         if (n->same(w)) {
             wake_descend(n, w);
             return 0;

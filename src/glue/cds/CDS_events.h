@@ -86,6 +86,9 @@ class KAV_API Event_list : public c_bstree<avl_bstree, Event_node> {
 public:
     Event_list();
     ~Event_list() override; ///< frees its nodes with all that hangs below them
+    /// The range with the greatest offset that is not above `offset`, null when there is none: what find() gives for
+    /// bst_less_equal, with the offsets compared in place, because every signal begins with it. O(log n)
+    Event_node* last_at_or_before(int offset) const;
     static void* operator new(size_t n) noexcept;
     static void operator delete(void* p);
 };
@@ -94,7 +97,10 @@ public:
 struct KAV_API Event_node : public avl_bsnode {
     Event_node(int at, int n) : offset(at), length(n) {}
     Event_node(const Event_node&) = delete;
-    ~Event_node(); ///< frees its registrations and nested ranges
+    /// Frees its registrations and nested ranges. Those of a signal have none.
+    ~Event_node() {
+        if (children || recipients.size() != 0) release();
+    }
     /// This range covers the other, which has a different length.
     bool contains(const Event_node& o) const;
     bool same(const Event_node& o) const { return offset == o.offset && length == o.length; }
@@ -105,6 +111,9 @@ struct KAV_API Event_node : public avl_bsnode {
     int length;                            ///< [bytes]
     Event_list* children = nullptr;        ///< null until a range is nested; owned
     c_sl_list<Event_recipient> recipients; ///< owned
+
+private:
+    void release();
 };
 
 /// The changed range of one signal.
@@ -154,7 +163,10 @@ public:
     /// Whether an event is one of this head's, of the given kind.
     bool is_event(const waiter_event& e, Reg_type type) const;
 
-    static int compare(const Event_node* a, const Event_node* b); ///< by offset
+    /// By offset.
+    static int compare(const Event_node* a, const Event_node* b) {
+        return (a->offset > b->offset) - (a->offset < b->offset);
+    }
 
 private:
     int cds_event_register_body(Event_list* list, Event_node& key);

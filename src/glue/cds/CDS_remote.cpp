@@ -23,13 +23,22 @@ bool read_number(const char*& text, uint32_t& value) {
     return true;
 }
 
-/// Encode in a temporary of exactly the value's width: what straddles the slice is cut there, byte for byte.
+/// Encode in place. What straddles an end of the slice is encoded aside and cut there, byte for byte.
 template <class T>
 int append_with(Send_buffer& out, void (Binary_message::*set)(uint32_t, T), T value) {
-    char bytes[sizeof(T)];
-    (Binary_message(bytes, sizeof bytes).*set)(0, value);
-    out.buf_append(bytes, sizeof bytes);
-    return sizeof bytes;
+    constexpr int width = sizeof(T);
+    if (out.skip == 0 && out.room >= width) {
+        (Binary_message(out.position, width).*set)(0, value);
+        out.position += width;
+        out.room -= width;
+    } else if (out.skip >= width && out.room > 0) {
+        out.skip -= width;
+    } else {
+        char bytes[width];
+        (Binary_message(bytes, width).*set)(0, value);
+        out.buf_append(bytes, width);
+    }
+    return width;
 }
 
 template <class T, class Value>
