@@ -161,39 +161,16 @@ TEST_F(Passes, end_at_what_a_handler_submits_even_in_the_past) {
     }
 }
 
-TEST_F(Passes, obey_a_clock_that_is_set_back_meanwhile) {
+TEST_F(Passes, go_on_when_the_clock_is_set_back_meanwhile) {
     d.on_timeout = [this](Timeout&) { clock.advance(-500); };
     for (Timeout& x : t) d.submit_timeout(x, -100);
-    EXPECT_EQ(pass(), 1);
-    EXPECT_EQ(pass(), 0);
-    clock.advance(400);
-    d.on_timeout = nullptr;
-    EXPECT_EQ(pass(), 2);
+    EXPECT_EQ(pass(), 3);
 }
 
-TEST_F(Passes, never_take_a_timeout_that_another_thread_submits_anew_for_one_not_due) {
-    // The clock is read for the third time between the hand-out and the handler: the other thread comes in just there.
-    static std::function<void()> other_thread;
-    static int reads;
-    Atime later(false);
-    later.time = 1000001000;
-    other_thread = [this, &later] { d.submit_timeout(t[0], later); };
-    d.submit_timeout(t[0], 0);
-    reads = 0;
-    Util::set_wall_clock([](struct timespec& now) {
-        now = {1000000000, 0};
-        if (++reads == 3) other_thread();
-    });
-    EXPECT_EQ(pass(), 1);
-    EXPECT_TRUE(t[0].submitted());
-    EXPECT_EQ(t[0].expiry, later);
-}
-
-TEST_F(Passes, end_the_process_for_a_timeout_that_is_not_due) {
+TEST_F(Passes, end_the_process_for_a_timeout_that_was_re_timed_behind_their_back) {
     const Child_result r = run_child([this] {
         d.submit_timeout(t[0], 0);
-        static int reads = 0;
-        Util::set_wall_clock([](struct timespec& now) { now = {++reads < 3 ? 2000000000 : 999999990, 0}; });
+        t[0].expiry += 10000;
         d.handle_timeout();
     });
     EXPECT_EQ(r.signal, SIGABRT);

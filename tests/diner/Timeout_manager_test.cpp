@@ -38,54 +38,6 @@ protected:
 
 using Uids = std::vector<int>;
 
-TEST_F(Timeouts, fire_when_due_in_order_of_expiry_then_address) {
-    const int due[] = {30, 10, 20, 10};
-    for (int i = 3; i >= 0; --i) {
-        t[i].uid = i;
-        EXPECT_EQ(submit(t[i], due[i]), 0);
-    }
-    EXPECT_EQ(manager.next_timeout(), &t[1]) << "equal expiry: the lower address first";
-    const struct {
-        int advance;
-        Uids fired;
-    } steps[] = {{9, {}}, {1, {1, 3}}, {9, {}}, {1, {2}}, {100, {0}}, {100, {}}};
-    for (const auto& s : steps) {
-        clock.advance(s.advance);
-        EXPECT_EQ(fire(), s.fired);
-    }
-    for (const Timeout& x : t) EXPECT_TRUE(manager.holds(x) && !manager.submitted(x)) << "handed out, not pending";
-}
-
-TEST_F(Timeouts, tell_the_earliest_expiry_without_a_lock) {
-    Atime expiry(false);
-    EXPECT_FALSE(manager.next_expiry(expiry));
-    const struct {
-        int timeout, ms, earliest; // ms: due in, or removed when negative
-    } steps[] = {{0, 50, 50}, {1, 20, 20}, {2, 70, 20}, {1, -1, 50}, {0, 90, 70}, {2, -1, 90}};
-    for (const auto& s : steps) {
-        EXPECT_EQ(s.ms < 0 ? manager.remove_timeout(t[s.timeout]) : submit(t[s.timeout], s.ms), 0);
-        ASSERT_TRUE(manager.next_expiry(expiry));
-        EXPECT_EQ(expiry.get_ms_from_now(), s.earliest);
-    }
-    clock.advance(90);
-    EXPECT_EQ(fire().size(), 1u);
-    EXPECT_FALSE(manager.next_expiry(expiry)) << "one that is handed out bounds no wait";
-}
-
-TEST_F(Timeouts, stay_handed_out_until_removed_submitted_again_or_terminated) {
-    for (Timeout& x : t) submit(x, 0);
-    EXPECT_EQ(fire().size(), 4u);
-    EXPECT_EQ(manager.remove_timeout(t[0]), 0);
-    EXPECT_FALSE(manager.holds(t[0]));
-    EXPECT_EQ(manager.remove_timeout(t[0]), 0) << "a free one";
-    EXPECT_EQ(submit(t[1], 5), 0);
-    EXPECT_TRUE(manager.submitted(t[1]));
-    manager.terminate();
-    EXPECT_FALSE(manager.holds(t[1]) || manager.holds(t[2]));
-    Atime expiry(false);
-    EXPECT_FALSE(manager.next_expiry(expiry));
-}
-
 TEST_F(Timeouts, keep_their_phase_and_catch_up_on_missed_periods) {
     t[0].period = 100;
     t[0].uid = 7;
@@ -221,49 +173,80 @@ TEST_F(Timeouts, allocate_nothing) {
     EXPECT_EQ(allocations(), before);
 }
 
-/// Against the simplest thing that can work: a list that is searched through.
+/// Against the simplest thing that can work: a list that is searched through. Bursts and trickles, many equal expiries.
 TEST_F(Timeouts, agree_with_a_plain_list_through_a_long_random_use) {
     const unsigned seed = 20260401;
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     const auto up_to = [&random](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
-    std::vector<Timeout> all(40);
+    std::vector<Timeout> all(400);
     Timeout_manager m;
     std::vector<Timeout*> pending;
-    const auto first = [&pending] {
-        return pending.empty() ? nullptr
-                               : *std::min_element(pending.begin(), pending.end(), [](Timeout* a, Timeout* b) {
-                                     return a->expiry != b->expiry ? a->expiry < b->expiry : a < b;
-                                 });
+    const auto earlier = [](Timeout* a, Timeout* b) { return a->expiry != b->expiry ? a->expiry < b->expiry : a < b; };
+    const auto first = [&] {
+        return pending.empty() ? nullptr : *std::min_element(pending.begin(), pending.end(), earlier);
     };
     const auto forget = [&pending](Timeout* x) {
         pending.erase(std::remove(pending.begin(), pending.end(), x), pending.end());
     };
-    for (int step = 0; step < 20000; ++step) {
-        Timeout& x = all[static_cast<size_t>(up_to(40))];
-        switch (up_to(4)) {
+    for (int step = 0; step < 6000; ++step) {
+        SCOPED_TRACE(step);
+        Timeout* x = &all[random() % all.size()];
+        switch (up_to(8)) {
         case 0:
-        case 1: {
-            const Atime when = Atime::from_now(up_to(50));
-            forget(&x);
-            x.period = up_to(2) * 20;
-            ASSERT_EQ(m.submit_timeout(x, &when), 0);
-            pending.push_back(&x);
-            break;
-        }
+        case 1:
         case 2:
-            ASSERT_EQ(m.remove_timeout(x), 0);
-            forget(&x);
+            for (int i = up_to(20) == 0 ? up_to(300) : 1; i > 0; --i) {
+                x = &all[random() % all.size()];
+                const Atime when = Atime::from_now(up_to(2) ? up_to(50) : up_to(300000));
+                forget(x);
+                x->period = up_to(2) * 20;
+                ASSERT_EQ(m.submit_timeout(*x, &when), 0);
+                pending.push_back(x);
+            }
+            break;
+        case 3:
+        case 4:
+            ASSERT_EQ(m.remove_timeout(*x), 0);
+            ASSERT_FALSE(m.holds(*x));
+            forget(x);
+            break;
+        case 5:
+            if (up_to(200) == 0) {
+                m.terminate();
+                pending.clear();
+            }
             break;
         default:
             clock.advance(up_to(20));
-            Timeout* due = first();
-            if (due && due->remaining_ms() > 0) due = nullptr;
-            ASSERT_EQ(m.expired_timeout(), due);
-            if (due && !m.reschedule_periodic_timeout(*due)) forget(due);
+            for (int i = up_to(20); i >= 0; --i) {
+                Timeout* due = first();
+                if (due && due->remaining_ms() > 0) due = nullptr;
+                ASSERT_EQ(m.expired_timeout(), due);
+                if (!due || m.reschedule_periodic_timeout(*due)) continue;
+                ASSERT_TRUE(m.holds(*due) && !m.submitted(*due)) << "handed out, not pending";
+                forget(due);
+            }
         }
-        ASSERT_EQ(m.next_timeout(), first()) << step;
+        ASSERT_EQ(m.submitted(*x), std::count(pending.begin(), pending.end(), x) == 1);
+        Atime expiry(false);
+        ASSERT_EQ(m.next_expiry(expiry), !pending.empty());
+        if (pending.empty()) continue;
+        ASSERT_EQ(expiry, first()->expiry);
+        if (up_to(4) == 0) {
+            ASSERT_EQ(m.next_timeout(), first());
+        }
     }
+}
+
+TEST_F(Timeouts, before_1970_are_due_in_order_too) {
+    clock.set(-2);
+    submit(t[0], -1);
+    submit(t[1], -999);
+    Atime expiry(false);
+    ASSERT_TRUE(manager.next_expiry(expiry));
+    EXPECT_EQ(expiry.get_ms_from_now(), -999);
+    EXPECT_EQ(manager.expired_timeout(), &t[1]);
 }
 
 } // namespace

@@ -199,9 +199,8 @@ void Diner::dispatch(waiter_event& event) {
 void Diner::handle_timeout() {
     Timeout_manager::Pass pass = timeouts.begin_pass();
     while (Timeout* t = timeouts.expired_timeout(pass)) {
-        const int ms = pass.expiry().get_ms_from_now();
-        if (ms >= 1) {
-            Debug_print::dprint("Timeout_diner::handle_timeout - not expired yet %d\n", -ms);
+        if (pass.remaining_ms() >= 1) {
+            Debug_print::dprint("Timeout_diner::handle_timeout - not expired yet %d\n", -pass.remaining_ms());
             Bugger::report_bug("Timeout_diner::handle_timeout - not expired yet");
         }
         if (debug_test(11, 51)) {

@@ -6,6 +6,7 @@
 #include <atomic>
 
 class Diner;
+class Timeout_list;
 class Timeout_manager;
 
 /// A request to be called at an instant, once or periodically. The caller owns it and hands it to
@@ -32,6 +33,9 @@ public:
     void set_diner(Diner* d) { diner = d; }
     bool submitted() const; ///< pending at its diner. Takes the diner's lock unless the caller holds it.
     int remaining_ms() const { return expiry.get_ms_from_now(); } ///< [ms] until due, negative when overdue
+    /// An instant, and the expiry, as one number [ms] that is cheap to compare.
+    static int64_t ms_of(const Atime& t) { return int64_t{t.time} * 1000 + t.millitm; }
+    int64_t ms() const { return ms_of(expiry); }
     /// One line on the debug output.
     void print() const;
 
@@ -42,10 +46,14 @@ public:
 
 private:
     friend class Timeout_manager;
+    friend class Timeout_list;
     bool in_list() const { return _holder.load(std::memory_order_acquire) != nullptr; }
 
-    /// The manager that has it. Unlike the tree links it also stands while the manager moves the timeout from one tree
-    /// to the other, and clearing it is the manager's last access: the owner's thread may look at it without a lock.
+    /// The manager that has it. Unlike the tree links it also stands while the manager moves the timeout from one place
+    /// to another, and clearing it is the manager's last access: the owner's thread may look at it without a lock.
     std::atomic<Timeout_manager*> _holder{nullptr};
     uint32_t _submission = 0; ///< the manager's count of submissions when it was submitted
+    bool _handed_out = false;
+    Timeout_list* _list = nullptr; ///< the one it is in; null while it is in a tree
+    Timeout *_before = nullptr, *_after = nullptr;
 };

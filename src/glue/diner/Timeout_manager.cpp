@@ -3,13 +3,17 @@
 #include "util/Debug_base.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"
+#include <algorithm>
 #include <mutex>
 
 namespace {
 
 using Guard = std::lock_guard<Mutex>;
 
-/// Printed without the mutex held.
+/// The order of the trees: that of timeouts_compare(), cheaper. Of equal ones the tree takes the lower address first.
+int by_expiry(const Timeout* a, const Timeout* b) { return (a->ms() > b->ms()) - (a->ms() < b->ms()); }
+
+/// Result of a removal. Printed without the mutex held.
 int report(bool removed) {
     if (!removed) Debug_print::dprint("Failed to remove timeout, did client get right Diner?\n");
     return removed ? 0 : -1;
@@ -18,21 +22,20 @@ int report(bool removed) {
 } // namespace
 
 Timeout_manager::Timeout_manager() {
-    alive.create<timeouts_compare>();
-    dead.create<timeouts_compare>();
+    alive.create<by_expiry>();
+    dead.create<by_expiry>();
 }
 
 Timeout_manager::~Timeout_manager() {
     const Guard guard(_mutex);
-    empty(alive, false);
-    empty(dead, false);
+    empty(false);
 }
 
 int Timeout_manager::timeouts_compare(const Timeout* a, const Timeout* b) {
     const int d = a->expiry - b->expiry;
     if (d != 0) return d;
     const auto x = reinterpret_cast<uintptr_t>(a), y = reinterpret_cast<uintptr_t>(b);
-    return x < y ? -1 : x > y;
+    return (x > y) - (x < y);
 }
 
 int Timeout_manager::submit_timeout(Timeout& t, const Atime* when, Diner* owner) {
@@ -47,10 +50,9 @@ int Timeout_manager::submit_timeout(Timeout& t, const Atime* when, Diner* owner)
                 const Atime now = Atime::now();
                 if (now - t.expiry >= t.period) t.expiry = now;
             }
-            t._holder.store(this, std::memory_order_relaxed);
             t._submission = ++_submissions;
-            alive.insert(&t);
-            publish_next();
+            t._holder.store(this, std::memory_order_relaxed);
+            make_pending(t);
         }
     }
     const int result = report(removed);
@@ -70,35 +72,69 @@ int Timeout_manager::remove_timeout(Timeout& t, bool unbind) {
     return result;
 }
 
-bool Timeout_manager::take_out(Timeout& t) {
-    if (t.in_tree()) dead.remove(&t);
-    if (t.in_tree()) {
-        alive.remove(&t);
-        publish_next();
-    }
-    return !t.in_tree();
-}
-
 bool Timeout_manager::internal_remove(Timeout& t) {
     if (&t == cur_expired_timeout) cur_expired_timeout = nullptr;
-    if (!take_out(t)) return false;
+    const Timeout_manager* holder = t._holder.load(std::memory_order_relaxed);
+    if (!holder) return true;
+    if (holder != this || !take_out(t)) return false;
     t._holder.store(nullptr, std::memory_order_release);
     return true;
 }
 
-void Timeout_manager::publish_next() {
-    const Timeout* t = alive.first();
-    const uint64_t packed =
-        t ? uint64_t(static_cast<uint32_t>(t->expiry.time)) << 16 | t->expiry.millitm : none_pending;
-    _next.store(packed, std::memory_order_release);
+/// Out of wherever it is here; false when the order of its tree is spoilt.
+bool Timeout_manager::take_out(Timeout& t) {
+    if (t._list) {
+        t._list->remove(t);
+    } else if ((t._handed_out ? dead : alive).remove(&t) != 0) {
+        return false;
+    }
+    if (t.ms() == _next.load(std::memory_order_relaxed)) _next.store(unknown, std::memory_order_release);
+    return true;
+}
+
+void Timeout_manager::make_pending(Timeout& t) {
+    t._handed_out = false;
+    _unsorted.push(t);
+    if (t.ms() < _next.load(std::memory_order_relaxed)) _next.store(t.ms(), std::memory_order_release);
+}
+
+void Timeout_manager::enter_tree(Timeout& t) const {
+    t._list->remove(t);
+    alive.insert(&t);
+}
+
+void Timeout_manager::sort_in() const {
+    constexpr int few = 32;
+    if (_unsorted.count() > std::max(few, _sorted.count() / 8)) return _sorted.merge_sorted(_unsorted);
+    while (Timeout* t = _unsorted.first()) enter_tree(*t);
+}
+
+/// The earliest pending timeout. Those of the same expiry go into the tree together: it knows their order.
+Timeout* Timeout_manager::first() const {
+    sort_in();
+    for (Timeout* t; (t = _sorted.first()) && (!alive.first() || t->ms() <= alive.first()->ms());) enter_tree(*t);
+    return alive.first();
+}
+
+int64_t Timeout_manager::next() const {
+    if (_next.load(std::memory_order_relaxed) == unknown) {
+        const Timeout* t = first();
+        _next.store(t ? t->ms() : none_pending, std::memory_order_release);
+    }
+    return _next.load(std::memory_order_relaxed);
 }
 
 bool Timeout_manager::next_expiry(Atime& expiry) const {
-    const uint64_t packed = _next.load(std::memory_order_acquire);
+    int64_t ms = _next.load(std::memory_order_acquire);
+    if (ms == unknown) {
+        const Guard guard(_mutex);
+        ms = next();
+    }
     print();
-    if (packed == none_pending) return false;
-    expiry.time = static_cast<int32_t>(packed >> 16);
-    expiry.millitm = static_cast<uint16_t>(packed);
+    if (ms == none_pending) return false;
+    const int64_t seconds = (ms >= 0 ? ms : ms - 999) / 1000;
+    expiry.time = static_cast<int32_t>(seconds);
+    expiry.millitm = static_cast<uint16_t>(ms - seconds * 1000);
     return true;
 }
 
@@ -108,11 +144,31 @@ Timeout* Timeout_manager::next_timeout() {
     return t;
 }
 
+Timeout* Timeout_manager::get_timeout(bool only_expired, bool take) {
+    const Guard guard(_mutex);
+    return get_timeout_locked(only_expired, take);
+}
+
+Timeout* Timeout_manager::get_timeout_locked(bool only_expired, bool take) {
+    if (only_expired && next() > Timeout::ms_of(Atime::now())) return nullptr;
+    Timeout* t = first();
+    return t && take ? hand_out(t) : t;
+}
+
+/// Move the earliest pending timeout to the handed-out ones.
+Timeout* Timeout_manager::hand_out(Timeout* t) {
+    if (!take_out(*t)) return nullptr;
+    t->_handed_out = true;
+    dead.insert(t);
+    return t;
+}
+
 Timeout* Timeout_manager::expired_timeout() {
     Timeout* t;
     {
         const Guard guard(_mutex);
-        cur_expired_timeout = t = get_timeout_locked(true, true);
+        t = get_timeout_locked(true, true);
+        cur_expired_timeout = t;
     }
     print();
     return t;
@@ -124,40 +180,18 @@ Timeout_manager::Pass Timeout_manager::begin_pass() const {
 }
 
 Timeout* Timeout_manager::expired_timeout(Pass& pass) {
-    Timeout* t;
+    Timeout* t = nullptr;
     {
         const Guard guard(_mutex);
-        t = alive.first();
+        if (next() <= Timeout::ms_of(pass._begin)) t = first();
+        if (t && static_cast<int32_t>(t->_submission - pass._submissions) > 0) t = nullptr; // submitted since
         if (t) {
-            // A clock that was set back since the pass began makes due later what was due then.
-            const Atime now = Atime::now();
-            if (now < pass._until) pass._until = now;
-            const bool submitted_since = static_cast<int32_t>(t->_submission - pass._submissions) > 0;
-            pass._expiry = t->expiry;
-            t = t->expiry > pass._until || submitted_since ? nullptr : hand_out(t);
+            pass._remaining_ms = t->expiry - pass._begin;
+            t = hand_out(t);
         }
         cur_expired_timeout = t;
     }
     print();
-    return t;
-}
-
-Timeout* Timeout_manager::get_timeout(bool only_expired, bool take) {
-    const Guard guard(_mutex);
-    return get_timeout_locked(only_expired, take);
-}
-
-Timeout* Timeout_manager::get_timeout_locked(bool only_expired, bool take) {
-    Timeout* t = alive.first();
-    if (!t || (only_expired && t->remaining_ms() > 0)) return nullptr;
-    return take ? hand_out(t) : t;
-}
-
-/// Move the earliest pending timeout to the handed-out ones.
-Timeout* Timeout_manager::hand_out(Timeout* t) {
-    if (alive.remove(t) != 0) return nullptr;
-    dead.insert(t);
-    publish_next();
     return t;
 }
 
@@ -170,14 +204,13 @@ bool Timeout_manager::reschedule_periodic_timeout(Timeout& t) {
     cur_expired_timeout = nullptr;
     if (t.period < 1 || !take_out(t)) return false;
     t.expiry += t.period;
-    const bool inserted = alive.insert(&t) == 0;
-    publish_next();
-    return inserted;
+    make_pending(t);
+    return true;
 }
 
 bool Timeout_manager::submitted(const Timeout& t) const {
     const Guard guard(_mutex);
-    return t.in_tree() && alive.find(&t, bst_this) != nullptr;
+    return t._holder.load(std::memory_order_relaxed) == this && !t._handed_out;
 }
 
 bool Timeout_manager::holds(const Timeout& t) const {
@@ -188,22 +221,34 @@ bool Timeout_manager::holds(const Timeout& t) const {
 void Timeout_manager::terminate() {
     const Guard guard(_mutex);
     cur_expired_timeout = nullptr;
-    empty(alive, true);
-    empty(dead, true);
-    publish_next();
+    empty(true);
 }
 
-void Timeout_manager::empty(Tree& tree, bool unbind) {
-    // An owner that wrote to the expiry of a listed timeout has spoilt the order: leave then rather than loop for ever.
-    for (Timeout* t; (t = tree.first()) && tree.remove(t) == 0;) {
-        if (unbind) t->diner = nullptr;
-        t->_holder.store(nullptr, std::memory_order_release);
+void Timeout_manager::empty(bool unbind) {
+    for (Timeout_list* list : {&_unsorted, &_sorted}) {
+        while (Timeout* t = list->first()) {
+            list->remove(*t);
+            release(*t, unbind);
+        }
     }
+    for (Tree* tree : {&alive, &dead}) {
+        // Where an owner that wrote to the expiry of a listed timeout has spoilt the order: no endless loop.
+        for (Timeout* t; (t = tree->first()) && tree->remove(t) == 0;) release(*t, unbind);
+    }
+    _next.store(none_pending, std::memory_order_release);
+}
+
+/// The manager's last access to `t`.
+void Timeout_manager::release(Timeout& t, bool unbind) {
+    if (unbind) t.diner = nullptr;
+    t._holder.store(nullptr, std::memory_order_release);
 }
 
 void Timeout_manager::print() const {
     if (!Debug_filter::enabled(_JDB::jdb_timeout)) return;
     const Guard guard(_mutex);
+    while (Timeout* t = _unsorted.first()) enter_tree(*t);
+    while (Timeout* t = _sorted.first()) enter_tree(*t);
     Debug_print::dprint("Alive timeouts:\r\n");
     Debug_print::dprint("---------------\r\n");
     for (const Timeout& t : alive) t.print();

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/diner/Timeout.h"
+#include "glue/diner/Timeout_list.h"
 #include "util/Mutex.h"
 #include "util/api.h"
 #include "util/avl_bstree.h"
 #include <atomic>
 #include <cstdint>
 
-/// The pending and the handed-out timeouts of one diner, each a tree ordered by expiry, then address.
+/// The pending and the handed-out timeouts of one diner, each ordered by expiry, then address.
 ///
 /// Handlers run on the diner's thread under the diner's lock; other threads submit and remove without it. A private
 /// leaf mutex guards the trees; it is never held while a handler runs. Any thread may call any member, except
@@ -21,14 +22,15 @@ public:
 
     /// Make `t` pending, at `*when` if given. A periodic timeout whose expiry lies a period or more in the past becomes
     /// due now. `owner`, if given, becomes the timeout's diner in the same step, also when the result is -1. 0; -1 when
-    /// it is in another manager's trees. O(log n)
+    /// it is in another manager's trees. O(1), and O(log n) once when its time comes
     int submit_timeout(Timeout& t, const Atime* when, Diner* owner = nullptr);
     /// Make `t` free, with `unbind` also of its diner (also when the result is -1). 0; -1 when it is in another
-    /// manager's trees. O(log n)
+    /// manager's trees. O(log n), mostly O(1)
     int remove_timeout(Timeout& t, bool unbind = false);
-    /// The earliest pending timeout, left in place; null when there is none. O(1)
+    /// The earliest pending timeout, left in place; null when there is none.
     Timeout* next_timeout();
-    /// Its expiry, for callers that race with other threads; takes no lock. False when there is none. O(1)
+    /// Its expiry, for callers that race with other threads. False when there is none. O(1) without a lock, except
+    /// after the earliest was taken away.
     bool next_expiry(Atime& expiry) const;
     /// The earliest pending timeout if it is due, now handed out; null otherwise. O(log n)
     Timeout* expired_timeout();
@@ -37,15 +39,16 @@ public:
     /// due again, cannot keep the diner from its events.
     class Pass {
     public:
-        /// When the timeout handed out last was due: its own expiry may already be another, set by another thread.
-        const Atime& expiry() const { return _expiry; }
+        /// [ms] from the begin of the pass until the timeout handed out last falls due: not positive. (Its own expiry
+        /// may be another by now, set by another thread.)
+        int remaining_ms() const { return _remaining_ms; }
 
     private:
         friend class Timeout_manager;
-        Pass(const Atime& begin, uint32_t submissions) : _until(begin), _expiry(begin), _submissions(submissions) {}
-        Atime _until;
-        Atime _expiry;
+        Pass(const Atime& begin, uint32_t submissions) : _begin(begin), _submissions(submissions) {}
+        Atime _begin;
         uint32_t _submissions;
+        int _remaining_ms = 0;
     };
     Pass begin_pass() const;
     /// expired_timeout() within a pass; null at its end.
@@ -54,7 +57,7 @@ public:
     /// phase and catches up on missed periods. True when it did; false for a one-shot timeout, or one that was removed
     /// or submitted since it was handed out (`t` is not touched then: it may be gone).
     bool reschedule_periodic_timeout(Timeout& t);
-    bool submitted(const Timeout& t) const; ///< pending here. O(log n)
+    bool submitted(const Timeout& t) const; ///< pending here. O(1)
     bool holds(const Timeout& t) const;     ///< pending or handed out here. O(1)
     /// Make every timeout free and clear its diner. O(n log n)
     void terminate();
@@ -68,23 +71,33 @@ public:
 
 private:
     using Tree = c_bstree<avl_bstree, Timeout>;
+    static constexpr int64_t none_pending = INT64_MAX, unknown = INT64_MIN;
 
+    // All of these: mutex held.
+    bool internal_remove(Timeout& t);
+    bool take_out(Timeout& t);
+    void make_pending(Timeout& t);
+    void enter_tree(Timeout& t) const;
+    void sort_in() const;
+    Timeout* first() const;
+    int64_t next() const;
     Timeout* get_timeout_locked(bool only_expired, bool take);
     Timeout* hand_out(Timeout* t);
-    bool take_out(Timeout& t);
-    bool internal_remove(Timeout& t);
-    void empty(Tree& tree, bool unbind);
-    void publish_next();
-
-    static constexpr uint64_t none_pending = ~uint64_t(0);
+    void release(Timeout& t, bool unbind);
+    void empty(bool unbind);
 
     Timeout own;
     Timeout* cur_expired_timeout = nullptr; ///< handed out last; cleared when it is removed or submitted meanwhile
-    Tree alive;
+    // Most timeouts are withdrawn or submitted anew before they fall due, so what is pending is put in order as late as
+    // possible: when the earliest is due or asked for. New ones wait in `_unsorted`, great numbers of them then in
+    // `_sorted`; only few at a time, and those that are due first, are in the tree.
+    mutable Tree alive;
     Tree dead;
+    mutable Timeout_list _unsorted;
+    mutable Timeout_list _sorted;
     uint32_t _submissions = 0; ///< so far
+    /// The earliest expiry [ms], readable without the mutex: the diner's loop asks for it at every event. A submission
+    /// is followed by a wake-up, so a loop that has read the old value reads again.
+    mutable std::atomic<int64_t> _next{none_pending};
     mutable Mutex _mutex;
-    /// The earliest expiry, packed, so that the diner's loop need not lock for each event. A submit is followed by a
-    /// wake-up, so a loop that read the old value reads again.
-    std::atomic<uint64_t> _next{none_pending};
 };
