@@ -60,14 +60,17 @@ TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording) {
                             "EL 45 -5\n");
     char bytes[64];
     snprintf(bytes, sizeof bytes, "bytes           %10zu\n", recording().size());
-    EXPECT_EQ(labelled.err, std::string("frames                   3\n"
-                                        "  EL                     1  elevations\n"
-                                        "  GT                     1  time and week\n"
-                                        "  ZZ                     1  unknown\n"
-                                        "wrong checksums          1\n"
-                                        "replies                  2  (1 errors)\n"
-                                        "text lines               1\n") +
-                                bytes + "bytes lost               0\nbytes left over         10\n");
+    EXPECT_EQ(labelled.err, "frames                   3\n"
+                            "  EL                     1  elevations\n"
+                            "  GT                     1  time and week\n"
+                            "  ZZ                     1  unknown\n"
+                            "wrong checksums          1\n"
+                            "replies                  2  (1 errors)\n"
+                            "text lines               1\n"
+                            "bytes           " +
+                                std::string(10 - std::to_string(recording().size()).size(), ' ') +
+                                std::to_string(recording().size()) +
+                                "\nbytes lost               0\nbytes left over         10\n");
     const Child_result comma = run_monitor({"--csv", "-"}, recording());
     EXPECT_EQ(comma.status, 0);
     EXPECT_EQ(comma.out, "GT,360000,2300\nRE,%1%on\nER,1,wrong command,%2%{4,wrong command}\n"
@@ -137,17 +140,15 @@ public:
         close(ends[1]);
         _output = ends[0];
     }
-    /// Read on until `text` was said; false at the end of the output and after 20 s. `again` is done in between.
+    /// Read on until `text` was said; false after 20 s. `again` is done in between.
     bool says(
         const std::string& text, const std::function<void()>& again = [] {}) {
         for (int i = 0; i < 400 && said.find(text) == std::string::npos; ++i) {
             again();
             pollfd p = {_output, POLLIN, 0};
-            if (poll(&p, 1, 50) <= 0) continue;
             char piece[4096];
-            const ssize_t n = read(_output, piece, sizeof piece);
-            if (n <= 0) break;
-            said.append(piece, static_cast<size_t>(n));
+            const ssize_t n = poll(&p, 1, 50) > 0 ? read(_output, piece, sizeof piece) : 0;
+            said.append(piece, static_cast<size_t>(std::max<ssize_t>(n, 0)));
         }
         return said.find(text) != std::string::npos;
     }
@@ -156,8 +157,7 @@ public:
     /// Its exit status; -1 when a signal ended it.
     int wait() const {
         int status = 0;
-        waitpid(_pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return waitpid(_pid, &status, 0) == _pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     std::string said;
 
@@ -195,19 +195,19 @@ TEST(vorn_monitor, ends_quietly_when_nobody_reads_its_output) {
     const std::string file = folder.file("fifo"), link = folder.file("line");
     Receiver receiver(link);
     mkfifo(file.c_str(), 0600);
-    for (const bool device : {false, true}) {
-        Live_monitor monitor(device ? std::vector<std::string>{"-c", link} : std::vector<std::string>{file});
-        const int fifo = device ? -1 : open(file.c_str(), O_WRONLY);
-        const auto send = [&] {
+    Live_monitor from_line({"-c", link}), from_file({file});
+    const int fifo = open(file.c_str(), O_WRONLY);
+    for (auto& [monitor, fd] : {std::pair(&from_line, receiver.pty.master), {&from_file, fifo}}) {
+        const auto send = [fd = fd] {
             const std::string bytes = time_message(1);
-            EXPECT_GT(write(device ? receiver.pty.master : fifo, bytes.data(), bytes.size()), 0);
+            EXPECT_GT(write(fd, bytes.data(), bytes.size()), 0);
         };
-        ASSERT_TRUE(monitor.says("GT ms=1", send)) << device;
-        monitor.stop_reading();
+        ASSERT_TRUE(monitor->says("GT ms=1", send));
+        monitor->stop_reading();
         send();
-        EXPECT_EQ(monitor.wait(), 0) << device;
-        close(fifo);
+        EXPECT_EQ(monitor->wait(), 0);
     }
+    close(fifo);
 }
 
 } // namespace

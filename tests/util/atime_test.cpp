@@ -43,6 +43,8 @@ TEST(Atime, moves_by_milliseconds_either_way) {
         const Atime expected = at(static_cast<int32_t>(whole), static_cast<int>(sum - whole * 1000));
         ASSERT_EQ(at(seconds, ms) + add, expected) << seconds << " " << ms << " " << add;
         ASSERT_EQ(at(seconds, ms) - -add, expected);
+        ASSERT_EQ(at(seconds, ms) < expected, add > 0);
+        ASSERT_EQ(at(seconds, ms) >= expected, add <= 0);
         ASSERT_EQ(expected - at(seconds, ms), std::max(-604800000, std::min(add, 604800000))) << add;
     }
 }
