@@ -195,19 +195,20 @@ TEST(vorn_monitor, ends_quietly_when_nobody_reads_its_output) {
     const std::string file = folder.file("fifo"), link = folder.file("line");
     Receiver receiver(link);
     mkfifo(file.c_str(), 0600);
-    Live_monitor from_line({"-c", link}), from_file({file});
-    const int fifo = open(file.c_str(), O_WRONLY);
-    for (auto& [monitor, fd] : {std::pair(&from_line, receiver.pty.master), {&from_file, fifo}}) {
-        const auto send = [fd = fd] {
+    // One after the other: a second monitor would inherit the reading end.
+    for (const bool device : {false, true}) {
+        Live_monitor monitor(device ? std::vector<std::string>{"-c", link} : std::vector<std::string>{file});
+        const int fifo = device ? -1 : open(file.c_str(), O_WRONLY);
+        const auto send = [&] {
             const std::string bytes = time_message(1);
-            EXPECT_GT(write(fd, bytes.data(), bytes.size()), 0);
+            EXPECT_GT(write(device ? receiver.pty.master : fifo, bytes.data(), bytes.size()), 0);
         };
-        ASSERT_TRUE(monitor->says("GT ms=1", send));
-        monitor->stop_reading();
+        ASSERT_TRUE(monitor.says("GT ms=1", send)) << device;
+        monitor.stop_reading();
         send();
-        EXPECT_EQ(monitor->wait(), 0);
+        EXPECT_EQ(monitor.wait(), 0) << device;
+        close(fifo);
     }
-    close(fifo);
 }
 
 } // namespace
