@@ -141,7 +141,8 @@ TEST_F(Pair, a_read_beyond_the_receive_buffer_leaves_the_rest_inbound_and_nothin
     tx_events();
     EXPECT_FALSE(b._get_data(119));
     EXPECT_EQ(tx_events(), "2"); // at once, without a wait in vain
-    EXPECT_EQ(take(b, 4200) + take(b, 20), all);
+    EXPECT_EQ(take(b, 4200), all.substr(0, 4200));
+    EXPECT_EQ(take(b, 20), all.substr(4200));
 }
 
 TEST_F(Pair, a_waiter_is_told_of_what_it_asked_for) {
