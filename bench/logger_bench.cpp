@@ -5,7 +5,9 @@
 //
 // Flood: lines as fast as they come, so that both lose text (ours what does not fit into its ring, the peer what does
 // not fit into its queue of 8192 lines). Burst: 32 lines, then nothing until they are printed. The contenders take
-// turns and the medians are compared.
+// turns and the medians are compared. The loggers' threads are ordinary ones; the rows with realtime:1 show what
+// Buffered_logger::init(module_man&) makes where the process has the right to real-time priority: a thread that takes
+// the processor from the caller at each line.
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/diner/Buffered_logger.h"
@@ -52,10 +54,15 @@ struct Contender {
 
 class Ours {
 public:
-    explicit Ours(bool to_file) {
+    Ours(bool to_file, bool realtime) {
         Debug_print::debug_file = fopen(to_file ? scratch_file().c_str() : "/dev/null", "w");
         _logger = std::make_unique<Buffered_logger>();
-        _logger->init(Diner_info_list::get());
+        if (realtime) {
+            _logger->init(Diner_info_list::get());
+        } else {
+            _logger->init(Diner_info_list::get(), nullptr, Diner::Descriptor("LOG0", 0), 0, 2048, false, true);
+            _logger->start();
+        }
         while (_logger->get_state() != Diner::state_run) sched_yield();
     }
     ~Ours() {
@@ -136,7 +143,7 @@ double median(std::vector<double> v) {
     return v[v.size() / 2];
 }
 
-/// Arguments: threads, burst, file.
+/// Arguments: threads, burst, file, realtime.
 void append_line(benchmark::State& state) {
     const auto threads = static_cast<int>(state.range(0));
     const bool burst = state.range(1) != 0, to_file = state.range(2) != 0;
@@ -145,7 +152,7 @@ void append_line(benchmark::State& state) {
     for (auto _ : state) {
         for (int r = 0; r < rounds; ++r) {
             {
-                Ours logger(to_file);
+                Ours logger(to_file, state.range(3) != 0);
                 ours.push_back(cost(logger.contender(), threads, lines, times));
             }
 #ifdef KAV_PEER_SPDLOG
@@ -162,8 +169,9 @@ void append_line(benchmark::State& state) {
     std::filesystem::remove(scratch_file());
 }
 BENCHMARK(append_line)
-    ->ArgNames({"threads", "burst", "file"})
-    ->ArgsProduct({{1, 4}, {0, 1}, {0, 1}})
+    ->ArgNames({"threads", "burst", "file", "realtime"})
+    ->ArgsProduct({{1, 4}, {0, 1}, {0, 1}, {0}})
+    ->ArgsProduct({{1, 4}, {0, 1}, {0}, {1}})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 

@@ -36,6 +36,15 @@ struct Write_slot {
     bool failed = false; ///< a write went wrong: nothing of it will stay
 };
 
+/// Callers read a few bytes at a time, a system call for each costs more than the bytes do.
+struct Read_ahead {
+    unsigned char bytes[4096];
+    off_t at = 0;
+    ssize_t count = 0; ///< of those that are buffered, from `at` on
+
+    bool holds(off_t from, int n) const { return from >= at && from + n <= at + count; }
+};
+
 struct Injection {
     int countdown = 0;
     Pcf_host::Fault fault = Pcf_host::fault_none;
@@ -50,6 +59,7 @@ struct Store {
     unsigned int used = 0; ///< [bytes] of the closed files
     int read_fd = -1;
     off_t read_at = 0;
+    Read_ahead ahead;
     Write_slot writing;
     Injection injections[Pcf_host::num_calls];
 
@@ -157,6 +167,7 @@ PcfResult open_write_slot(Store& s, const char* path, bool create) {
 bool close_write_slot(Store& s, bool keep) {
     const Write_slot w = s.writing;
     s.writing = Write_slot();
+    s.ahead.count = 0; // what was read ahead may be taken back
     const bool synced = keep && fsync(w.fd) == 0;
     close(w.fd);
     bool kept = false;
@@ -245,6 +256,7 @@ PcfResult pcfOpenRead(const char* path, unsigned int offset, int) {
     if (size_of(s.dir, path) < 0) return PCF_NO_FILE;
     s.read_fd = openat(s.dir, path, O_RDONLY | O_CLOEXEC);
     s.read_at = offset;
+    s.ahead.count = 0;
     return s.read_fd >= 0 ? PCF_DONE : PCF_FAILED;
 }
 
@@ -253,8 +265,16 @@ int pcfRead(void* dest, int n, PcfResult* result, int) {
     const std::lock_guard<std::mutex> guard(s.mutex);
     *result = PCF_FAILED;
     if (s.read_fd < 0 || n < 0 || s.fault(call_read) != fault_none) return 0;
-    const ssize_t got = pread(s.read_fd, dest, static_cast<size_t>(n), s.read_at);
-    if (got < 0) return 0;
+    Read_ahead& ahead = s.ahead;
+    if (n > static_cast<int>(sizeof ahead.bytes)) n = sizeof ahead.bytes;
+    // Less than is asked for is not believed to be the end: the file may have grown meanwhile.
+    if (!ahead.holds(s.read_at, n)) {
+        ahead.at = s.read_at;
+        ahead.count = pread(s.read_fd, ahead.bytes, sizeof ahead.bytes, s.read_at);
+        if (ahead.count < 0) return 0;
+    }
+    const off_t got = std::min<off_t>(n, ahead.at + ahead.count - s.read_at);
+    memcpy(dest, ahead.bytes + (s.read_at - ahead.at), static_cast<size_t>(got));
     s.read_at += got;
     *result = PCF_DONE;
     return static_cast<int>(got);

@@ -77,6 +77,35 @@ TEST_F(Flash, One_file_at_a_time_is_open_each_way) {
     EXPECT_EQ(pcfCloseWrite(-1), 0);
 }
 
+TEST_F(Flash, A_reader_sees_what_is_appended_and_nothing_that_is_taken_back) {
+    const auto next = [](int n) {
+        std::string bytes(static_cast<size_t>(n), '?');
+        PcfResult result = PCF_NOTHING;
+        bytes.resize(static_cast<size_t>(pcfRead(bytes.data(), n, &result, 0)));
+        EXPECT_EQ(result, PCF_DONE);
+        return bytes;
+    };
+    save("a", "1234");
+    ASSERT_EQ(pcfOpenRead("a", 1, 0), PCF_DONE);
+    EXPECT_EQ(next(2), "23");
+    save("a", "5678");
+    EXPECT_EQ(next(4), "4567");
+    ASSERT_EQ(pcfOpenWrite("a", -1), PCF_DONE);
+    pcfWrite("torn", 4, -1);
+    EXPECT_EQ(next(2), "8t");
+    Pcf_host::inject(Pcf_host::call_close_write, 1, Pcf_host::fault_error);
+    EXPECT_FALSE(pcfCloseWrite(-1));
+    EXPECT_EQ(next(2), "");
+    pcfCloseRead(0);
+    ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 10000));
+    save("a", std::string(9000, 'z')); // more than is read ahead
+    ASSERT_EQ(pcfOpenRead("a", 4000, 0), PCF_DONE);
+    std::string rest;
+    for (std::string s; !(s = next(5000)).empty();) rest += s;
+    EXPECT_EQ(rest, std::string(5008, 'z'));
+    pcfCloseRead(0);
+}
+
 TEST_F(Flash, Keeps_its_quota_to_the_byte_and_drops_what_does_not_fit) {
     EXPECT_TRUE(save("a", std::string(600, 'a')));
     EXPECT_FALSE(save("b", std::string(401, 'b')));
