@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "Receiver_diner.h"
+#include "glue/vorn/GNSS_messages.h"
 #include "glue/vorn/Vorn_error_decoder.h"
 #include "glue/vorn/Vorn_message.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
-Receiver_diner::Receiver_diner(Posix_threaded_serial_data_stream& stream, Link_watch* watch, bool quiet)
-    : _stream(stream), _watch(watch), _quiet(quiet), _parser(&stream, true), _printer(true) {}
+Receiver_diner::Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Link_watch* watch,
+                               bool quiet)
+    : _stream(stream), _store(store), _watch(watch), _quiet(quiet), _parser(&stream, true), _printer(true) {}
 
 Receiver_diner::~Receiver_diner() {
     _stream.deregister_waiter(&waiter);
@@ -66,6 +68,18 @@ void Receiver_diner::handle_frame(unsigned char* bytes, int length) {
         return;
     }
     ++_counts.delivered;
+    publish(frame);
     char line[1024];
     if (!_quiet && _printer.snprint(frame, line, sizeof line) > 0) print(line);
+}
+
+void Receiver_diner::publish(const Vorn_message& frame) {
+    if (frame.get_id() == GNSS_messages::id_PG) {
+        const GNSS_messages::Msg_PG pg(frame);
+        _store.put(&Machine_block::position, {pg.lat(), pg.lon(), pg.hgt()});
+        _store.put(&Machine_block::quality, {pg.type(), pg.sigma()});
+    } else if (frame.get_id() == GNSS_messages::id_PS) {
+        const GNSS_messages::Msg_PS ps(frame);
+        _store.put(&Machine_block::satellites, {{ps.locked(0), ps.locked(1)}, {ps.used(0), ps.used(1)}});
+    }
 }

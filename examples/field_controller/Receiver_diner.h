@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "Link_watch.h"
+#include "Machine_block.h"
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "glue/diner/Diner_protection.h"
 #include "glue/vorn/Vorn_checkers.h"
 #include "glue/vorn/Vorn_parser.h"
 #include "glue/vorn/Vorn_printer.h"
 
-/// Listens to the receiver: woken by the stream's reader thread, it cuts packets out of the bytes, checks each frame
-/// and prints it.
+/// Listens to the receiver: woken by the stream's reader thread, it cuts packets out of the bytes, checks each frame,
+/// prints it, and writes what concerns the other components into the machine's block.
 class Receiver_diner : public Diner::Protection {
 public:
     struct Counts {
@@ -20,8 +21,8 @@ public:
         int64_t longest_us = 0;  ///< longest time from byte to handler
     };
 
-    /// `stream` and `watch` (may be null: no times) outlive the diner. `quiet`: count, but print nothing.
-    Receiver_diner(Posix_threaded_serial_data_stream& stream, Link_watch* watch, bool quiet);
+    /// `stream`, `store` and `watch` (may be null: no times) outlive the diner. `quiet`: count, but print nothing.
+    Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Link_watch* watch, bool quiet);
     ~Receiver_diner() override;
 
     using Diner::init;
@@ -46,9 +47,11 @@ private:
 
     void handle_reply(char* text);
     void handle_frame(unsigned char* bytes, int length);
+    void publish(const Vorn_message& frame);
     void print(const char* text) const;
 
     Posix_threaded_serial_data_stream& _stream;
+    Machine_store& _store;
     Link_watch* _watch;
     const bool _quiet;
     Counting_checker _checker;

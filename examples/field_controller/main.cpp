@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The library's main job on real bytes: a receiver on a serial line is read by a threaded serial stream, its diner is
-// woken, the parser cuts frames, replies and text, the printer prints them. Without a receiver at hand a simulated one
-// drives a machine over a field and writes into a pseudo-terminal.
+// woken, the parser cuts frames, replies and text, the printer prints them. Position and quality go into a block of
+// data that the machine's components share, and a second diner is woken when the position in it changes. Without a
+// receiver at hand a simulated one drives a machine over a field and writes into a pseudo-terminal.
 #include "Receiver_diner.h"
 #include "Receiver_simulator.h"
+#include "Status_diner.h"
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/diner/Diner_info_list.h"
+#include "util/Debug_text_dumper.h"
+#include "util/Mspace.h"
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -141,9 +145,13 @@ int main(int argc, char** argv) {
     stream.init(modules);
     Posix_data_stream line(master, master);
     Link_watch watch;
+    Machine_store store(modules);
     {
         std::unique_ptr<Receiver_simulator> simulator;
-        Receiver_diner receiver(stream, master >= 0 ? &watch : nullptr, arguments.quiet);
+        Status_diner status(store, arguments.quiet);
+        status.init(modules);
+        status.start();
+        Receiver_diner receiver(stream, store, master >= 0 ? &watch : nullptr, arguments.quiet);
         receiver.init(modules);
         receiver.start();
         if (master >= 0) {
@@ -153,11 +161,16 @@ int main(int argc, char** argv) {
         }
         run_for(arguments.seconds);
         if (simulator) simulator->stop();
+        status.stop(); // no line of its own among the tables
 
         puts("\nDiners");
         Diner_info_list::get().print(false, false);
         puts("\nReceiver link");
         print_summary(simulator.get(), receiver, stream);
+        printf("position changes   %7u   (the status diner was woken)\n", status.wake_ups());
+        puts("\nMemory spaces (hexadecimal)");
+        Debug::Text_dumper dumper(stdout);
+        Mspace_manager::print_global_usage(dumper);
     }
     stream.close();
     line.close();

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "Machine_block.h"
+#include "glue/diner/Diner_protection.h"
+
+/// A component that knows nothing of the receiver: woken when the position in the block has changed, it prints where
+/// the machine is, at most once a second.
+class Status_diner : public Diner::Protection {
+public:
+    /// `store` outlives the diner. `quiet`: count, but print nothing.
+    Status_diner(Machine_store& store, bool quiet);
+    ~Status_diner() override;
+
+    using Diner::init;
+    void init(module_man& modules);
+    unsigned wake_ups() const;
+
+private:
+    static constexpr int period_ms = 1000;
+
+    void diner_start() override { submit_timeout(_tick, period_ms); }
+    void handle_event(waiter_event& event) override;
+    void handle_timeout(Timeout&) override;
+    using Diner::handle_timeout;
+
+    Machine_store& _store;
+    const bool _quiet;
+    CDS::Access_base _position;
+    Timeout _tick;
+    bool _moved = false; ///< since the last line
+    unsigned _wake_ups = 0;
+};

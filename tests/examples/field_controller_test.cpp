@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#include "support/child.h"
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+int occurrences(const std::string& text, const std::string& of) {
+    int n = 0;
+    for (size_t at = text.find(of); at != std::string::npos; at = text.find(of, at + 1)) ++n;
+    return n;
+}
+
+TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_status_line) {
+    const Child_result result = run_child([] {
+        execl(FIELD_CONTROLLER, FIELD_CONTROLLER, "--seconds", "3", "--faults", "0", nullptr);
+        _exit(126);
+    });
+    EXPECT_EQ(result.status, 0) << result.err;
+    const int lines = occurrences(result.out, "\nstatus: lat 49.200");
+    EXPECT_TRUE(lines >= 1 && lines <= 4) << lines << " in three seconds";
+    EXPECT_GE(occurrences(result.out, ", satellites 8 GPS and 4 GLONASS\n"), 1);
+
+    // Positions come ten times a second and differ; nothing else wakes the status diner.
+    unsigned woken = 0, delivered = 0;
+    const size_t changes = result.out.find("position changes"), frames = result.out.find("frames delivered");
+    ASSERT_TRUE(changes != std::string::npos && frames != std::string::npos) << result.out;
+    sscanf(&result.out[changes], "position changes %u", &woken);
+    sscanf(&result.out[frames], "frames delivered %u", &delivered);
+    EXPECT_GE(woken, 5u);
+    EXPECT_LE(woken, static_cast<unsigned>(occurrences(result.out, "PG lat=")));
+    EXPECT_LT(woken, delivered / 2);
+    EXPECT_NE(result.out.find("\ncds_event:\n  fixed_space: "), std::string::npos);
+    EXPECT_NE(result.out.find("\nAll diners terminated.\n"), std::string::npos);
+}
+
+} // namespace
