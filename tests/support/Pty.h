@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/data_stream/Data_stream.h"
+#include "support/Temporary_folder.h"
 #include <algorithm>
 #include <cstdlib>
-#include <dirent.h>
 #include <filesystem>
 #include <pty.h>
 #include <string>
@@ -25,8 +25,12 @@ public:
     }
     ~Pty() { hang_up(); }
     Pty(const Pty&) = delete;
-    Pty& operator=(const Pty&) = delete;
 
+    speed_t speed() const {
+        struct termios settings;
+        tcgetattr(master, &settings);
+        return cfgetospeed(&settings);
+    }
     void hang_up() {
         if (master >= 0) ::close(master);
         master = -1;
@@ -37,12 +41,8 @@ public:
     /// Exactly `n` bytes, or what came before the other end was closed.
     std::string receive(size_t n) const {
         std::string all;
-        char piece[256];
-        while (all.size() < n) {
-            const ssize_t got = ::read(master, piece, std::min(n - all.size(), sizeof piece));
-            if (got <= 0) break;
-            all.append(piece, static_cast<size_t>(got));
-        }
+        char byte;
+        while (all.size() < n && ::read(master, &byte, 1) == 1) all += byte;
         return all;
     }
 
@@ -50,30 +50,10 @@ public:
     std::string path;
 };
 
-/// A folder that is removed with what is in it.
-class Temp_dir {
-public:
-    Temp_dir() {
-        if (!mkdtemp(_path)) abort();
-    }
-    ~Temp_dir() { std::filesystem::remove_all(_path); }
-    Temp_dir(const Temp_dir&) = delete;
-    Temp_dir& operator=(const Temp_dir&) = delete;
-
-    std::string file(const std::string& name) const { return std::string(_path) + "/" + name; }
-
-private:
-    char _path[32] = "/tmp/kav_test_XXXXXX";
-};
-
 /// Numbers that a folder of the system lists: "/proc/self/fd" the open descriptors, "/proc/self/task" the threads.
 inline std::vector<int> numbers_in(const char* folder) {
     std::vector<int> all;
-    DIR* d = opendir(folder);
-    while (const dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') all.push_back(atoi(e->d_name));
-    }
-    closedir(d);
+    for (const auto& e : std::filesystem::directory_iterator(folder)) all.push_back(std::stoi(e.path().filename()));
     return all;
 }
 inline size_t num_descriptors() { return numbers_in("/proc/self/fd").size(); }
