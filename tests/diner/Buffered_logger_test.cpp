@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -74,9 +75,7 @@ TEST_F(Logger, Prints_a_backlog_in_pieces_of_80) {
         logger.append(text.substr(0, 130).c_str());
         logger.append(text.substr(130).c_str());
         drain(logger);
-        ASSERT_EQ(next(), text.substr(0, 80));
-        ASSERT_EQ(next(), text.substr(80, 80));
-        ASSERT_EQ(next(), text.substr(160));
+        for (size_t piece : {0, 80, 160}) ASSERT_EQ(next(), text.substr(piece, 80));
         ASSERT_EQ(next(), "");
     }
     logger.append("");
@@ -85,19 +84,16 @@ TEST_F(Logger, Prints_a_backlog_in_pieces_of_80) {
 }
 
 TEST_F(Logger, Drops_what_does_not_fit_and_says_so_by_a_flag) {
-    const struct {
-        size_t first, second, kept;
-        bool dropped;
-    } table[] = {
-        {4092, 4, 4, false}, {4092, 10, 4, true}, {4096, 0, 0, false}, {4096, 1, 0, true}, {0, 5000, 4096, true}};
-    for (const auto& row : table) {
+    const std::tuple<size_t, size_t, size_t, bool> table[] = {
+        {4092, 4, 4, false}, {4092, 10, 4, true}, {4096, 1, 0, true}, {0, 5000, 4096, true}};
+    for (const auto& [first, second, kept, dropped] : table) {
         Buffered_logger logger; // without its thread the notice comes at once
-        logger.append(std::string(row.first, 'a').c_str());
+        logger.append(std::string(first, 'a').c_str());
         EXPECT_EQ(next(), "");
-        logger.append(std::string(row.second, 'b').c_str());
-        EXPECT_EQ(next(), row.dropped ? notice : "") << row.first << " " << row.second;
+        logger.append(std::string(second, 'b').c_str());
+        EXPECT_EQ(next(), dropped ? notice : "") << first << " " << second;
         drain(logger);
-        EXPECT_EQ(all(), std::string(row.first, 'a') + std::string(row.kept, 'b')) << row.first << " " << row.second;
+        EXPECT_EQ(all(), std::string(first, 'a') + std::string(kept, 'b')) << first << " " << second;
     }
 }
 
@@ -142,17 +138,11 @@ TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks) {
     EXPECT_EQ(logger.waiting(), Buffered_logger::capacity);
 
     const size_t expected = blocked_by + 1 + Buffered_logger::most_notices * notice.size() + Buffered_logger::capacity;
-    std::string text;
-    while (text.size() < expected) {
-        const std::string s = next(20000);
-        if (s.empty()) break;
-        text += s;
-    }
+    std::string text, lines_kept, notices;
+    for (std::string s; text.size() < expected && !(s = next(20000)).empty();) text += s;
     for (auto& t : appenders) t.join();
-    std::string lines_kept;
     while (lines_kept.size() < Buffered_logger::capacity) lines_kept += line;
     lines_kept.resize(Buffered_logger::capacity);
-    std::string notices;
     for (uint32_t i = 0; i < Buffered_logger::most_notices; ++i) notices += notice;
     EXPECT_EQ(text, std::string(blocked_by, '#') + "!" + notices + lines_kept);
     EXPECT_TRUE(handled(logger, 1 + threads * lines)) << "one event for each append";

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -26,51 +27,45 @@ void bring(Test_diner<>& d, State s) {
 }
 
 TEST(Lifecycle, every_call_in_every_state) {
-    enum Call { start, stop, terminate };
+    const std::string uncreated = "Task not created ANON_DNR\r\n";
+    using D = Diner;
+    /// What start(), stop() and terminate() lead to in each state: the result, the state after the thread has gone on
+    /// and what is printed, its "@" standing for the address.
     const struct {
         State state;
-        Call call;
-        int result;
-        State then; ///< after the thread has gone on
-        const char* printed;
+        struct {
+            int result;
+            State then;
+            std::string printed;
+        } calls[3];
+        // clang-format off
     } cases[] = {
-        {Diner::state_uninit, start, -1, Diner::state_uninit, "Task not created ANON_DNR\r\n"},
-        {Diner::state_uninit, stop, -1, Diner::state_uninit, ""},
-        {Diner::state_uninit, terminate, 0, Diner::state_uninit, "terminate ADDRESS called from state 3\n"},
-        {Diner::state_stop, start, 0, Diner::state_run, ""},
-        {Diner::state_stop, stop, -1, Diner::state_stop, ""},
-        {Diner::state_stop, terminate, 0, Diner::state_gone, ""},
-        {Diner::state_run, start, -1, Diner::state_run, ""},
-        {Diner::state_run, stop, 0, Diner::state_stop, ""},
-        {Diner::state_run, terminate, 0, Diner::state_gone, ""},
-        {Diner::state_stopping, start, -1, Diner::state_stop, ""},
-        {Diner::state_stopping, stop, -1, Diner::state_stop, ""},
-        {Diner::state_stopping, terminate, 0, Diner::state_gone, ""},
-        {Diner::state_term, start, -1, Diner::state_gone, ""},
-        {Diner::state_term, stop, -1, Diner::state_gone, ""},
-        {Diner::state_term, terminate, 0, Diner::state_gone, "terminate ADDRESS called from state 4\n"},
-        {Diner::state_gone, start, -1, Diner::state_gone, ""},
-        {Diner::state_gone, stop, -1, Diner::state_gone, ""},
-        {Diner::state_gone, terminate, 0, Diner::state_gone, ""},
+        {D::state_uninit, {{-1, D::state_uninit, uncreated}, {-1, D::state_uninit, ""},
+                           {0, D::state_uninit, "terminate @ called from state 3\n"}}},
+        {D::state_stop, {{0, D::state_run, ""}, {-1, D::state_stop, ""}, {0, D::state_gone, ""}}},
+        {D::state_run, {{-1, D::state_run, ""}, {0, D::state_stop, ""}, {0, D::state_gone, ""}}},
+        {D::state_stopping, {{-1, D::state_stop, ""}, {-1, D::state_stop, ""}, {0, D::state_gone, ""}}},
+        {D::state_term, {{-1, D::state_gone, ""}, {-1, D::state_gone, ""},
+                         {0, D::state_gone, "terminate @ called from state 4\n"}}},
+        {D::state_gone, {{-1, D::state_gone, ""}, {-1, D::state_gone, ""}, {0, D::state_gone, ""}}},
     };
+    // clang-format on
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.state) + " " + std::to_string(c.call));
-        Test_diner<> d;
-        bring(d, c.state);
-        Capture err(stderr);
-        int result = 0;
-        if (c.call == start) result = d.start();
-        if (c.call == stop) result = d.stop();
-        if (c.call == terminate) d.terminate(false);
-        d.lock_gate.open();
-        std::string printed = err.text(), address(c.printed);
-        char text[20];
-        snprintf(text, sizeof text, "%lx", reinterpret_cast<unsigned long>(static_cast<Diner*>(&d)));
-        if (address.find("ADDRESS") != std::string::npos) address.replace(address.find("ADDRESS"), 7, text);
-        EXPECT_EQ(result, c.result);
-        EXPECT_EQ(printed, address);
-        EXPECT_TRUE(d.in_state(c.then)) << d.get_state();
-        EXPECT_EQ(d.terminated(), c.then == Diner::state_gone);
+        for (int call = 0; call < 3; ++call) {
+            SCOPED_TRACE(std::to_string(c.state) + " " + std::to_string(call));
+            const auto& [result, then, text] = c.calls[call];
+            Test_diner<> d;
+            bring(d, c.state);
+            Capture err(stderr);
+            EXPECT_EQ(call == 0 ? d.start() : call == 1 ? d.stop() : (d.terminate(false), 0), result);
+            d.lock_gate.open();
+            char address[20];
+            snprintf(address, sizeof address, "%lx", reinterpret_cast<unsigned long>(static_cast<Diner*>(&d)));
+            const size_t at = text.find('@');
+            EXPECT_EQ(err.text(), at == std::string::npos ? text : std::string(text).replace(at, 1, address));
+            EXPECT_TRUE(d.in_state(then)) << d.get_state();
+            EXPECT_EQ(d.terminated(), then == Diner::state_gone);
+        }
     }
 }
 
@@ -80,20 +75,14 @@ TEST(Lifecycle, hooks_waiter_and_checkpoints_follow_start_and_stop) {
     const auto at = [&d](int line) { return wait_until([&] { return d.info.checkpoint_line == line; }); };
     d.on_start = [&d] { EXPECT_FALSE(d.is_locked()) << "it may take the lock"; };
     for (int round = 1; round <= 2; ++round) {
-        ASSERT_EQ(d.start(), 0);
-        ASSERT_TRUE(at(80));
+        ASSERT_TRUE(d.start() == 0 && at(80));
         EXPECT_STREQ(d.info.checkpoint_file.load(), "glue/diner/Diner");
         d.post(1);
-        ASSERT_TRUE(d.idle());
-        ASSERT_EQ(d.stop(), 0);
-        ASSERT_TRUE(d.in_state(Diner::state_stop));
-        EXPECT_TRUE(at(110));
-        EXPECT_EQ(d.starts, round);
-        EXPECT_EQ(d.stops, round);
-        EXPECT_EQ(d.waiter.send_event(waiter_event(2000, 2, 0), false, false), 0);
+        ASSERT_TRUE(d.idle() && d.stop() == 0 && d.in_state(Diner::state_stop) && at(110));
+        EXPECT_TRUE(d.starts == round && d.stops == round && d.events == round);
+        d.waiter.send_event(waiter_event(2000, 2, 0), false, false);
         EXPECT_EQ(d.waiter.num_queued(), 0) << "posts to a stopped diner are dropped";
     }
-    EXPECT_EQ(d.events, 2);
 }
 
 TEST(Lifecycle, a_diner_parks_after_what_was_queued_before) {
@@ -110,45 +99,29 @@ TEST(Lifecycle, a_diner_parks_after_what_was_queued_before) {
     ASSERT_TRUE(busy.reached());
     EXPECT_EQ(d.stop(), 0);
     busy.open();
-    ASSERT_TRUE(d.in_state(Diner::state_stop));
-    EXPECT_EQ(d.events, 5);
+    EXPECT_TRUE(d.in_state(Diner::state_stop) && d.events == 5);
 }
-
-/// Take every event node there is; they come back at the end.
-class Exhausted_pool {
-public:
-    Exhausted_pool() {
-        while (waiter_event_node* n = Diner_info_list::get().get_blank_event()) _taken.push_back(n);
-    }
-    ~Exhausted_pool() {
-        for (waiter_event_node* n : _taken) Diner_info_list::get().return_used_event(n);
-    }
-
-private:
-    std::vector<waiter_event_node*> _taken;
-};
 
 TEST(Lifecycle, without_a_free_event_a_diner_cannot_stop_but_terminate) {
     Test_diner<> d;
     d.begin(false, true);
-    const Exhausted_pool none;
-    EXPECT_EQ(d.stop(), -1);
-    EXPECT_EQ(d.get_state(), Diner::state_run);
+    std::vector<waiter_event_node*> all;
+    while (waiter_event_node* n = Diner_info_list::get().get_blank_event()) all.push_back(n);
+    EXPECT_TRUE(d.stop() == -1 && d.get_state() == Diner::state_run);
     EXPECT_EQ(d.starts, 2) << "the stop hook is undone";
     ++d.posted;
     d.waiter.send_anonymous_event();
     EXPECT_TRUE(d.idle()) << "it runs on";
     d.terminate(true);
     EXPECT_TRUE(d.terminated());
+    for (waiter_event_node* n : all) Diner_info_list::get().return_used_event(n);
 }
 
 TEST(Lifecycle, a_diner_whose_waiter_was_disabled_still_stops_and_terminates) {
     Test_diner<> d;
     d.begin();
     d.waiter.set_enabled(false);
-    EXPECT_EQ(d.stop(), 0);
-    ASSERT_TRUE(d.in_state(Diner::state_stop));
-    ASSERT_TRUE(d.run());
+    ASSERT_TRUE(d.stop() == 0 && d.in_state(Diner::state_stop) && d.run());
     d.waiter.set_enabled(false);
     d.terminate(true);
     EXPECT_TRUE(d.terminated());
@@ -162,9 +135,7 @@ TEST(Start_race, a_second_start_before_the_first_is_taken_leaves_no_token_behind
     ASSERT_TRUE(d.lock_gate.reached()); // awake, and not yet running
     EXPECT_EQ(d.start(), 0);
     d.lock_gate.open();
-    ASSERT_TRUE(d.in_state(Diner::state_run));
-    EXPECT_EQ(d.stop(), 0);
-    ASSERT_TRUE(d.in_state(Diner::state_stop));
+    ASSERT_TRUE(d.in_state(Diner::state_run) && d.stop() == 0 && d.in_state(Diner::state_stop));
     EXPECT_EQ(d.start_tokens(), 0) << "it would revive the diner";
 }
 
@@ -194,13 +165,8 @@ TEST(Start_race, a_start_overtaken_by_another_start_gives_no_token) {
 TEST(Start_race, a_start_overtaken_by_a_whole_run_starts_a_diner_that_hears) {
     Test_diner<> d;
     d.begin(true);
-    EXPECT_EQ(start_interrupted_by(d,
-                                   [&] {
-                                       EXPECT_TRUE(d.run());
-                                       EXPECT_EQ(d.stop(), 0);
-                                       EXPECT_TRUE(d.in_state(Diner::state_stop));
-                                   }),
-              0);
+    const auto whole_run = [&] { EXPECT_TRUE(d.run() && d.stop() == 0 && d.in_state(Diner::state_stop)); };
+    EXPECT_EQ(start_interrupted_by(d, whole_run), 0);
     ASSERT_TRUE(d.in_state(Diner::state_run));
     d.post(1);
     EXPECT_TRUE(d.idle());
@@ -259,29 +225,18 @@ TEST(Stress, starts_stops_posts_and_timeouts_from_all_sides) {
             for (unsigned i = 0; i < rounds; ++i) {
                 Test_diner<>& d = diners[(i / 50 + n) % num_diners];
                 if (i % 50 == 0) diners[(i / 50 + n + num_diners - 1) % num_diners].remove_timeout(mine);
-                switch ((i + n) % 6) {
-                case 0:
-                    d.stop();
-                    break;
-                case 1:
-                    d.start();
-                    break;
-                case 2:
-                case 3:
-                    d.post(static_cast<int>(i));
-                    break;
-                case 4:
-                    d.submit_timeout(mine, static_cast<int>(i % 3));
-                    break;
-                default: {
-                    Timeout other;
-                    other.period = 1;
-                    d.submit_timeout(other, 0);
-                    d.submitted(other);
-                    d.get_state();
-                    if (i % 30 == 5) Diner_info_list::get().test_lock();
-                }
-                }
+                const unsigned deed = (i + n) % 6;
+                if (deed == 0) d.stop();
+                if (deed == 1) d.start();
+                if (deed == 2 || deed == 3) d.post(static_cast<int>(i));
+                if (deed == 4) d.submit_timeout(mine, static_cast<int>(i % 3));
+                if (deed != 5) continue;
+                Timeout other;
+                other.period = 1;
+                d.submit_timeout(other, 0);
+                d.submitted(other);
+                d.get_state();
+                if (i % 30 == 5) Diner_info_list::get().test_lock();
             }
             for (auto& d : diners) {
                 if (mine.diner == &d) d.remove_timeout(mine);
@@ -290,9 +245,7 @@ TEST(Stress, starts_stops_posts_and_timeouts_from_all_sides) {
     }
     for (auto& t : threads) t.join();
     for (auto& d : diners) {
-        if (d.get_state() != Diner::state_run) {
-            ASSERT_TRUE(wait_until([&] { return d.start() == 0 || d.get_state() == Diner::state_run; }));
-        }
+        ASSERT_TRUE(wait_until([&] { return d.start() == 0 || d.get_state() == Diner::state_run; }));
         ASSERT_TRUE(d.in_state(Diner::state_run));
         const int before = d.events;
         d.post(1);
@@ -307,80 +260,69 @@ Test_diner<> global_diner;
 Test_diner<Diner> global_diner_without_lock;
 
 template <class D>
-void exit_from_handler(D& d) {
-    d.on_event = [](waiter_event&) { exit(8); };
+void handle_one(D& d, std::function<void(waiter_event&)> handler) {
+    d.on_event = std::move(handler);
     d.begin();
     d.post(1);
     d.idle();
 }
 
+void destroy_without_terminate() {
+    struct Careless : Diner::Protection {
+        using Diner::handle_timeout;
+        void handle_event(waiter_event&) override {}
+        void handle_timeout(Timeout&) override {}
+    } d;
+    d.init(Diner_info_list::get(), nullptr, Diner::DESCRIPTOR_DEFAULT, 0, 0, false, true);
+}
+void terminate_in_handler() {
+    Test_diner<> d;
+    handle_one(d, [&d](waiter_event&) { d.terminate(false); });
+}
+void exit_in_handler() {
+    Test_diner<> parked, d;
+    parked.begin(true);
+    handle_one(d, [](waiter_event&) { exit(7); });
+}
+void exit_in_handler_of_a_global() {
+    handle_one(global_diner, [](waiter_event&) { exit(8); });
+}
+void exit_in_handler_of_a_global_without_lock() {
+    handle_one(global_diner_without_lock, [](waiter_event&) { exit(8); });
+}
+void leave_its_thread_stuck() {
+    Test_diner<> d;
+    d.begin();
+    d.lock_gate.shut();
+    d.terminate(true);
+}
+void initialise_while_running() {
+    Test_diner<> d;
+    d.begin();
+    d.begin();
+}
+void select_two_of_one_name() {
+    Diner_selector s;
+    Test_diner<> a("same", 1), b("same", 1);
+    a.begin(true, false, &s);
+    b.begin(true, false, &s);
+}
+
 TEST(Misuse, ends_the_process_with_its_message_and_status) {
-    const struct {
-        const char* what;
-        void (*body)();
-        int signal, status;
-        const char* message;
-    } cases[] = {
-        {"destroyed without terminate",
-         [] {
-             struct Careless : Diner::Protection {
-                 using Diner::handle_timeout;
-                 void handle_event(waiter_event&) override {}
-                 void handle_timeout(Timeout&) override {}
-             } d;
-             d.init(Diner_info_list::get(), nullptr, Diner::DESCRIPTOR_DEFAULT, 0, 0, false, true);
-         },
-         SIGABRT, -1, "Need to call terminate() from top level destructor\n"},
-        {"terminated by its own handler",
-         [] {
-             Test_diner<> d;
-             d.on_event = [&d](waiter_event&) { d.terminate(false); };
-             d.begin();
-             d.post(1);
-             d.idle();
-         },
-         SIGABRT, -1, "No terminate, are we locked\n"},
-        {"its thread does not come back",
-         [] {
-             Test_diner<> d;
-             d.begin();
-             d.lock_gate.shut();
-             d.terminate(true);
-         },
-         SIGABRT, -1, "No terminate, did we call delete ourself\n"},
-        {"initialised twice, while running",
-         [] {
-             Test_diner<> d;
-             d.begin();
-             d.begin();
-         },
-         0, 117, "Init called with valid task\n"},
-        {"an equal descriptor in the selector",
-         [] {
-             Diner_selector s;
-             Test_diner<> a("same", 1), b("same", 1);
-             a.begin(true, false, &s);
-             b.begin(true, false, &s);
-         },
-         0, 152, "Problem setting selector!\r\n"},
-        {"exit from a handler",
-         [] {
-             Test_diner<> parked, d;
-             parked.begin(true);
-             d.on_event = [](waiter_event&) { exit(7); };
-             d.begin();
-             d.post(1);
-             d.idle();
-         },
-         0, 7, ""},
-        {"exit from a handler of a global diner", [] { exit_from_handler(global_diner); }, 0, 8, ""},
-        {"the same without a lock", [] { exit_from_handler(global_diner_without_lock); }, 0, 8, ""},
+    const std::tuple<void (*)(), int, int, const char*> cases[] = {
+        {destroy_without_terminate, SIGABRT, -1, "Need to call terminate() from top level destructor\n"},
+        {terminate_in_handler, SIGABRT, -1, "No terminate, are we locked\n"},
+        {leave_its_thread_stuck, SIGABRT, -1, "No terminate, did we call delete ourself\n"},
+        {initialise_while_running, 0, 117, "Init called with valid task\n"},
+        {select_two_of_one_name, 0, 152, "Problem setting selector!\r\n"},
+        {exit_in_handler, 0, 7, ""},
+        {exit_in_handler_of_a_global, 0, 8, ""},
+        {exit_in_handler_of_a_global_without_lock, 0, 8, ""},
     };
-    for (const auto& c : cases) {
-        const Child_result r = run_child(c.body);
-        EXPECT_EQ(r.signal, c.signal) << c.what << r.err;
-        EXPECT_EQ(r.status, c.status) << c.what << r.err;
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.what << r.err;
+    for (const auto& [misuse, signal, status, message] : cases) {
+        const Child_result r = run_child(misuse);
+        EXPECT_TRUE(r.signal == signal && r.status == status) << r.signal << " " << r.status << message;
+        EXPECT_NE(r.err.find(message), std::string::npos) << message << r.err;
     }
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -43,24 +44,18 @@ TEST_F(Selector, keeps_its_diners_by_id_then_name) {
 
 TEST_F(Selector, runs_one_at_a_time) {
     EXPECT_EQ(selector.get_selected(), nullptr);
-    const struct {
-        int index;
-        const char* name;
-        int id, result;
-        Test_diner<>* selected;
-        int starts, stops; ///< of all three so far
-    } steps[] = {
+    // An index or a name and id; the result, who is selected then, starts and stops of all three so far.
+    const std::tuple<int, const char*, int, int, Test_diner<>*, int, int> steps[] = {
         {0, nullptr, 0, 0, &z1, 1, 0},  {0, nullptr, 0, 0, &z1, 1, 0},   {-1, "z", 1, 0, &z1, 1, 0},
         {3, nullptr, 0, -1, &z1, 1, 0}, {-1, nullptr, 0, -1, &z1, 1, 0}, {-1, "z", 2, -1, &z1, 1, 0},
         {-1, "b", 2, 0, &b2, 2, 1},     {1, nullptr, 0, 0, &a2, 3, 2},
     };
-    for (const auto& s : steps) {
-        EXPECT_EQ(s.name ? selector.select_diner(Diner::Descriptor(s.name, s.id)) : selector.select_diner(s.index),
-                  s.result);
-        EXPECT_EQ(selector.get_selected(), s.selected);
-        EXPECT_TRUE(s.selected->in_state(Diner::state_run));
-        EXPECT_EQ(z1.starts + a2.starts + b2.starts, s.starts);
-        EXPECT_EQ(z1.stops + a2.stops + b2.stops, s.stops);
+    for (const auto& [index, name, id, result, selected, starts, stops] : steps) {
+        EXPECT_EQ(name ? selector.select_diner(Diner::Descriptor(name, id)) : selector.select_diner(index), result);
+        EXPECT_EQ(selector.get_selected(), selected);
+        EXPECT_TRUE(selected->in_state(Diner::state_run));
+        EXPECT_EQ(z1.starts + a2.starts + b2.starts, starts);
+        EXPECT_EQ(z1.stops + a2.stops + b2.stops, stops);
     }
     EXPECT_TRUE(z1.in_state(Diner::state_stop) && b2.in_state(Diner::state_stop));
 }

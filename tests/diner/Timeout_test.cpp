@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -23,11 +24,8 @@ TEST(Timeout, is_made_due_now_and_copied_without_its_place_in_a_list) {
     EXPECT_EQ(assigned.remaining_ms(), 0);
     assigned = t;
     for (Timeout* c : {&copy, &assigned}) {
-        EXPECT_EQ(c->remaining_ms(), 40);
-        EXPECT_EQ(c->uid, 5);
-        EXPECT_EQ(c->period, 7);
-        EXPECT_EQ(c->diner.load(), nullptr);
-        EXPECT_FALSE(c->submitted());
+        EXPECT_TRUE(c->remaining_ms() == 40 && c->uid == 5 && c->period == 7);
+        EXPECT_TRUE(c->diner.load() == nullptr && !c->submitted());
     }
     EXPECT_TRUE(t.submitted());
     copy = Atime::from_now(60);
@@ -64,37 +62,32 @@ TEST(Timeout, may_outlive_its_diner) {
 }
 
 TEST(Timeout, misused_while_in_a_list_ends_the_process) {
-    const struct {
-        void (*misuse)(Timeout&);
-        const char *message, *place;
-    } cases[] = {
+    const std::string gone = "Tried to destruct timeout while in a list\n",
+                      gone_at = "glue/diner/Timeout:66: Timeout::~Timeout(): Assertion";
+    const std::tuple<void (*)(Timeout&), std::string, std::string> cases[] = {
         {[](Timeout& t) { t = Atime::now(); }, "Tried to change timeout time while in a list\n",
          "glue/diner/Timeout:85: Timeout& Timeout::operator=(const Atime&): Assertion"},
         {[](Timeout& t) { t = Timeout(); }, "Tried to copy over timeout while in a list\n",
          "glue/diner/Timeout:75: Timeout& Timeout::operator=(const Timeout&): Assertion"},
-        {[](Timeout& t) {
-             t.set_diner(nullptr);
-             t.~Timeout();
-         },
-         "Tried to destruct timeout while in a list\n", "glue/diner/Timeout:66: Timeout::~Timeout(): Assertion"},
+        {[](Timeout& t) { t.set_diner(nullptr), t.~Timeout(); }, gone, gone_at},
         {[](Timeout& t) {
              Test_diner<> other;
              other.submit_timeout(t); // refused, and yet bound to it
              t.~Timeout();
          },
-         "Tried to destruct timeout while in a list\n", "glue/diner/Timeout:66: Timeout::~Timeout(): Assertion"},
+         gone, gone_at},
     };
     for (const auto& c : cases) {
-        const Child_result r = run_child([&c] {
+        const Child_result r = run_child([misuse = std::get<0>(c)] {
             Test_diner<> d;
             Timeout t;
             d.submit_timeout(t, 1000);
-            c.misuse(t);
+            misuse(t);
         });
         EXPECT_EQ(r.signal, SIGABRT);
-        const size_t message = r.err.find(c.message);
+        const size_t message = r.err.find(std::get<1>(c));
         EXPECT_NE(message, std::string::npos) << r.err;
-        EXPECT_NE(r.err.find(c.place, message), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find(std::get<2>(c), message), std::string::npos) << r.err;
     }
 }
 

@@ -13,14 +13,12 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
 
-struct Post {
-    waiter_event event;
-    bool coalesce, unique;
-};
 constexpr bool coalesce = true, unique = true, no = false;
 
 const unsigned char* bytes(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
@@ -52,47 +50,37 @@ protected:
 };
 
 TEST_F(Waiter, queues_merges_or_drops_a_post) {
+    const waiter_event e{5, 7, 1}, newer{5, 7, 2}, other{5, 8, 1}, far{6, 7, 1};
+    const waiter_event extended{-5, 7, 1}, changed{-5, 7, 2}, zero{0, 7, 1};
     const struct {
         const char* what;
-        std::vector<Post> posts;
+        std::vector<std::tuple<waiter_event, bool, bool>> posts; ///< coalesce, unique
         int nodes;
         std::vector<const char*> deliveries;
+        // clang-format off
     } cases[] = {
-        {"plain posts stay apart", {{{5, 7, 1}, no, no}, {{5, 7, 2}, no, no}}, 2, {"5:7:1", "5:7:2"}},
+        {"plain posts stay apart", {{e, no, no}, {newer, no, no}}, 2, {"5:7:1", "5:7:2"}},
         {"coalesced posts share a node and its data, each is delivered",
-         {{{5, 7, 1}, coalesce, no}, {{5, 7, 2}, coalesce, no}, {{5, 7, 3}, coalesce, no}},
-         1,
-         {"5:7:1", "5:7:1", "5:7:1"}},
+         {{e, coalesce, no}, {newer, coalesce, no}, {newer, coalesce, no}}, 1, {"5:7:1", "5:7:1", "5:7:1"}},
         {"a coalesced post joins a plain one in its place",
-         {{{5, 7, 1}, no, no}, {{5, 8, 2}, no, no}, {{5, 7, 3}, coalesce, no}},
-         2,
-         {"5:7:1", "5:7:1", "5:8:2"}},
+         {{e, no, no}, {other, no, no}, {newer, coalesce, no}}, 2, {"5:7:1", "5:7:1", "5:8:1"}},
         {"only the same module and id coalesce",
-         {{{5, 7, 1}, coalesce, no}, {{5, 8, 1}, coalesce, no}, {{6, 7, 1}, coalesce, no}},
-         3,
-         {"5:7:1", "5:8:1", "6:7:1"}},
+         {{e, coalesce, no}, {other, coalesce, no}, {far, coalesce, no}}, 3, {"5:7:1", "5:8:1", "6:7:1"}},
         {"extended modules never coalesce",
-         {{{-5, 7, 1}, coalesce, no},
-          {{-5, 7, 1}, coalesce, no},
-          {{0, -1, 0}, coalesce, no},
-          {{0, -1, 0}, coalesce, no}},
-         4,
-         {"-5:7:1", "-5:7:1", "0:-1:0", "0:-1:0"}},
+         {{extended, coalesce, no}, {extended, coalesce, no}, {zero, coalesce, no}, {zero, coalesce, no}}, 4,
+         {"-5:7:1", "-5:7:1", "0:7:1", "0:7:1"}},
         {"a unique post of a queued event is dropped whatever its data",
-         {{{5, 7, 1}, no, no}, {{5, 7, 2}, no, unique}, {{5, 8, 2}, no, unique}},
-         2,
-         {"5:7:1", "5:8:2"}},
+         {{e, no, no}, {newer, no, unique}, {other, no, unique}}, 2, {"5:7:1", "5:8:1"}},
         {"events of extended modules are the same only with the same data",
-         {{{-5, 7, 1}, no, unique}, {{-5, 7, 1}, no, unique}, {{-5, 7, 2}, no, unique}, {{0, 7, 1}, no, unique}},
-         3,
+         {{extended, no, unique}, {extended, no, unique}, {changed, no, unique}, {zero, no, unique}}, 3,
          {"-5:7:1", "-5:7:2", "0:7:1"}},
-        {"unique goes before coalesce", {{{5, 7, 1}, coalesce, unique}, {{5, 7, 2}, coalesce, unique}}, 1, {"5:7:1"}},
+        {"unique goes before coalesce", {{e, coalesce, unique}, {newer, coalesce, unique}}, 1, {"5:7:1"}},
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        for (const Post& p : c.posts) EXPECT_EQ(w.send_event(p.event, p.coalesce, p.unique), 0);
-        EXPECT_EQ(w.num_queued(), c.nodes);
-        EXPECT_EQ(mm.num_free_events(), 1000 - c.nodes);
+        for (const auto& [event, merge, once] : c.posts) EXPECT_EQ(w.send_event(event, merge, once), 0);
+        EXPECT_TRUE(w.num_queued() == c.nodes && mm.num_free_events() == 1000 - c.nodes);
         for (const char* d : c.deliveries) EXPECT_EQ(take(w), d);
         EXPECT_EQ(take(w), "nothing");
     }
@@ -122,28 +110,21 @@ TEST_F(Waiter, starts_a_second_node_when_a_repeat_count_is_full) {
     EXPECT_EQ(take(w), "nothing");
 }
 
-TEST_F(Waiter, wakes_with_the_anonymous_event_only_when_nothing_is_queued) {
-    w.send_anonymous_event();
-    w.send_event({5, 7, 1}, no, no);
-    w.send_anonymous_event();
-    w.set_enabled(false);
-    w.send_anonymous_event();
-    for (const char* expected : {"5:7:1", "1:1:0", "1:1:0", "1:1:0", "nothing"}) EXPECT_EQ(take(w), expected);
-}
-
-TEST_F(Waiter, drops_posts_while_disabled_or_not_initialised) {
+TEST_F(Waiter, drops_posts_but_not_wake_ups_while_disabled_or_not_initialised) {
     waiter_descriptor never;
     EXPECT_EQ(never.send_event({5, 7, 1}, no, no), 0);
     EXPECT_EQ(take(never), "nothing");
 
+    w.send_anonymous_event();
     w.send_event({5, 7, 1}, no, no);
     w.set_enabled(false);
+    w.send_anonymous_event();
     EXPECT_EQ(w.send_event({5, 7, 2}, no, no), 0);
     w.set_enabled(true);
     w.send_event({5, 7, 3}, no, no);
     w.deinit();
     EXPECT_EQ(w.send_event({5, 7, 4}, no, no), 0);
-    for (const char* expected : {"5:7:1", "5:7:3", "nothing"}) EXPECT_EQ(take(w), expected);
+    for (const char* expected : {"5:7:1", "5:7:3", "1:1:0", "1:1:0", "nothing"}) EXPECT_EQ(take(w), expected);
     w.init(&mm);
     w.send_event({5, 7, 5}, no, no);
     EXPECT_EQ(take(w), "5:7:5");
@@ -152,36 +133,22 @@ TEST_F(Waiter, drops_posts_while_disabled_or_not_initialised) {
 TEST_F(Waiter, may_queue_half_of_what_is_free_and_still_merge_when_full) {
     waiter_descriptor second;
     second.init(&mm);
-    const struct {
-        waiter_descriptor* waiter;
-        int room, free_then;
-    } fills[] = {{&w, 334, 666}, {&second, 223, 443}};
-    for (const auto& f : fills) {
+    const std::tuple<waiter_descriptor*, int, int> fills[] = {{&w, 334, 666}, {&second, 223, 443}};
+    for (const auto& [waiter, room, free_then] : fills) {
         int fit = 0;
-        while (f.waiter->send_event({5, fit, 0}, coalesce, no) == 0) ASSERT_LE(++fit, 1000);
-        EXPECT_EQ(fit, f.room);
-        EXPECT_EQ(f.waiter->longest_queue(), f.room);
-        EXPECT_EQ(mm.num_free_events(), f.free_then);
-        EXPECT_EQ(f.waiter->send_event({-5, 7, 0}, no, no), -1);
-        EXPECT_EQ(f.waiter->send_event({5, 0, 0}, coalesce, no), 0) << "a merged post needs no node";
-        EXPECT_EQ(f.waiter->send_event({5, 0, 0}, no, unique), 0) << "a dropped post needs no node";
+        while (waiter->send_event({5, fit, 0}, coalesce, no) == 0) ASSERT_LE(++fit, 1000);
+        EXPECT_TRUE(fit == room && waiter->longest_queue() == room) << fit;
+        EXPECT_EQ(mm.num_free_events(), free_then);
+        EXPECT_EQ(waiter->send_event({-5, 7, 0}, no, no), -1);
+        EXPECT_EQ(waiter->send_event({5, 0, 0}, coalesce, no), 0) << "a merged post needs no node";
+        EXPECT_EQ(waiter->send_event({5, 0, 0}, no, unique), 0) << "a dropped post needs no node";
     }
     EXPECT_EQ(mm.least_free_events(), 443);
     second.flush_events();
     for (int i = 0; i < 101; ++i) EXPECT_EQ(take(w), "5:" + std::to_string(i ? i - 1 : 0) + ":0");
     for (int i = 0; i < 100; ++i) EXPECT_EQ(w.send_event({-5, i, 0}, no, no), 0);
     EXPECT_EQ(w.send_event({-5, 7, 0}, no, no), -1);
-    EXPECT_EQ(w.num_queued(), 334);
-    EXPECT_EQ(w.longest_queue(), 334);
-    EXPECT_EQ(mm.num_free_events(), 666);
-}
-
-TEST_F(Waiter, refuses_posts_when_the_pool_is_empty) {
-    std::vector<waiter_event_node*> nodes;
-    while (waiter_event_node* n = mm.get_blank_event()) nodes.push_back(n);
-    EXPECT_EQ(w.send_event({5, 7, 1}, no, no), -1);
-    EXPECT_EQ(take(w), "nothing");
-    for (waiter_event_node* n : nodes) mm.return_used_event(n);
+    EXPECT_TRUE(w.num_queued() == 334 && w.longest_queue() == 334 && mm.num_free_events() == 666);
 }
 
 TEST_F(Waiter, delivers_a_copy_of_the_block_and_frees_what_the_taker_held) {
@@ -275,45 +242,25 @@ TEST_F(Waiter, mirrors_each_token_as_one_qt_event) {
     QCoreApplication app(argc, nullptr);
     Mirror mirror;
     w.init(&mm, &mirror, Mirror::type);
-    const struct {
-        const char* what;
-        std::function<void()> post;
-        int woken;
-    } cases[] = {
-        {"a queued post",
-         [&] {
-             w.send_event({5, 7, 1}, no, no);
-         },
-         1},
-        {"a merged post",
-         [&] {
-             w.send_event({5, 7, 1}, coalesce, no);
-         },
-         1},
-        {"a dropped duplicate",
-         [&] {
-             w.send_event({5, 7, 1}, no, unique);
-         },
-         0},
-        {"an anonymous wake-up", [&] { w.send_anonymous_event(); }, 1},
-        {"a disabled waiter",
-         [&] {
-             w.set_enabled(false), w.send_event({5, 8, 1}, no, no);
-         },
-         0},
-        {"after deinit", [&] { w.deinit(), w.send_anonymous_event(); }, 0},
-        {"initialised again without a target",
-         [&] {
-             w.init(&mm), w.send_event({5, 9, 1}, no, no);
-         },
-         0},
-    };
-    for (const auto& c : cases) {
-        mirror.woken = 0;
-        c.post();
+    const auto wakes = [&](int n) {
         QCoreApplication::sendPostedEvents(&mirror);
-        EXPECT_EQ(mirror.woken, c.woken) << c.what;
-    }
+        return std::exchange(mirror.woken, 0) == n;
+    };
+    w.send_event({5, 7, 1}, no, no);
+    EXPECT_TRUE(wakes(1));
+    w.send_event({5, 7, 1}, coalesce, no);
+    EXPECT_TRUE(wakes(1)) << "a merged post";
+    w.send_event({5, 7, 1}, no, unique);
+    EXPECT_TRUE(wakes(0)) << "a dropped duplicate";
+    w.send_anonymous_event();
+    EXPECT_TRUE(wakes(1));
+    w.set_enabled(false);
+    w.send_event({5, 8, 1}, no, no);
+    w.deinit();
+    w.send_anonymous_event();
+    w.init(&mm); // without a target
+    w.send_event({5, 9, 1}, no, no);
+    EXPECT_TRUE(wakes(0));
 }
 
 TEST_F(Waiter, has_the_event_ready_when_its_qt_event_arrives) {
@@ -349,26 +296,29 @@ TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
     constexpr short merged = 5, plain = -6, single = 7, last = 8;
     constexpr int posts = 8000;
     std::atomic<int> newest{0};
+    const auto times = [](auto act) {
+        return std::thread([act] {
+            for (int i = 1; i <= posts; ++i) act(i);
+        });
+    };
     std::thread posters[] = {
-        std::thread([&] {
-            for (int i = 0; i < posts; ++i) post(w, {merged, i % 2, 0}, coalesce, no);
+        times([&](int i) {
+            post(w, {merged, i % 2, 0}, coalesce, no);
         }),
-        std::thread([&] {
-            for (int i = 0; i < posts; ++i) post(w, {plain, 0, event_word_t(i)}, no, no);
+        times([&](int i) {
+            post(w, {plain, 0, event_word_t(i)}, no, no);
         }),
-        std::thread([&] {
-            for (int i = 1; i <= posts; ++i) newest = i, post(w, {single, 0, 0}, no, unique);
+        times([&](int i) {
+            newest = i, post(w, {single, 0, 0}, no, unique);
         }),
-        std::thread([&] {
-            for (int i = 0; i < posts; ++i) w.send_anonymous_event();
-        }),
+        times([&](int) { w.send_anonymous_event(); }),
     };
     int count[2] = {0, 0}, anonymous = 0, seen_newest = 0, out_of_order = 0;
     event_word_t next = 0;
     bool done = false;
     const auto account = [&](const waiter_event& e) {
         if (e.module_id == merged) ++count[e.id];
-        if (e.module_id == plain && e.data != next++) ++out_of_order;
+        if (e.module_id == plain && e.data != ++next) ++out_of_order;
         if (e.module_id == single) seen_newest = newest;
         if (e.module_id == module_man::EVENT_ANONYMOUS.module_id) ++anonymous;
         if (e.module_id == last) done = true;
@@ -387,10 +337,8 @@ TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
     for (std::thread& p : posters) p.join();
     post(w, {last, 0, 0}, no, no);
     taker.join();
-    EXPECT_EQ(count[0], posts / 2);
-    EXPECT_EQ(count[1], posts / 2);
-    EXPECT_EQ(next, event_word_t(posts));
-    EXPECT_EQ(out_of_order, 0);
+    EXPECT_TRUE(count[0] == posts / 2 && count[1] == posts / 2) << count[0];
+    EXPECT_TRUE(next == event_word_t(posts) && out_of_order == 0) << next;
     EXPECT_EQ(seen_newest, posts) << "a dropped duplicate has a delivery still to come";
     EXPECT_EQ(anonymous, posts) << "one token per delivery";
 }
@@ -460,18 +408,13 @@ TEST(Waiter_list, keeps_up_to_16_waiters_in_order_and_posts_to_each) {
     waiter_list list;
     EXPECT_EQ(list.module_id(), 0);
     EXPECT_EQ(list.init(mm), 0);
-    EXPECT_EQ(list.module_id(), 1026);
-
     EXPECT_EQ(list.add(nullptr), -1);
     for (int i = 0; i < 16; ++i) EXPECT_EQ(list.add(&waiters[i]), 0);
     EXPECT_EQ(list.add(&waiters[16]), -1) << "full";
     EXPECT_EQ(list.remove(&waiters[16]), -1) << "never added";
-    EXPECT_EQ(list.remove(&waiters[3]), 0);
-    EXPECT_EQ(list.remove(&waiters[3]), -1);
-    EXPECT_EQ(list.remove(nullptr), -1);
+    EXPECT_TRUE(list.remove(&waiters[3]) == 0 && list.remove(&waiters[3]) == -1 && list.remove(nullptr) == -1);
     EXPECT_EQ(list.add(&waiters[4]), -1) << "there already";
-    EXPECT_EQ(list.size(), 15);
-    EXPECT_EQ(list.add(&waiters[16]), 0);
+    EXPECT_TRUE(list.size() == 15 && list.add(&waiters[16]) == 0);
 
     list.send({list.module_id(), 2, 3}, coalesce, no);
     list.send({list.module_id(), 2, 3}, coalesce, no);

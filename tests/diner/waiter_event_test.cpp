@@ -4,6 +4,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -21,12 +22,7 @@ waiter_event with_block(const char* text) {
 }
 
 TEST(Extended_data, is_stored_replaced_and_cleared) {
-    const struct {
-        const unsigned char* p;
-        unsigned n;
-        int result;
-        const char* block;
-    } steps[] = {
+    const std::tuple<const unsigned char*, unsigned, int, const char*> steps[] = {
         {bytes("abc"), 3, 1, "abc"},
         {bytes("0123456789"), 10, 1, "0123456789"},
         {bytes("x"), 0, 0, "none"},
@@ -37,25 +33,16 @@ TEST(Extended_data, is_stored_replaced_and_cleared) {
         {bytes("abc"), UINT_MAX, 0, "none"},
     };
     waiter_event e;
-    for (const auto& s : steps) {
-        EXPECT_EQ(e.set_extended_data(s.p, s.n), s.result) << s.n;
-        EXPECT_EQ(block_of(e), s.block);
+    for (const auto& [data, n, result, block] : steps) {
+        EXPECT_EQ(e.set_extended_data(data, n), result) << n;
+        EXPECT_EQ(block_of(e), block);
         EXPECT_EQ(e.get_extended_data() == nullptr, e.get_extended_data_len() == 0);
     }
-}
-
-TEST(Extended_data, may_be_replaced_by_a_part_of_itself) {
-    waiter_event e = with_block("receiver restarted");
-    EXPECT_EQ(e.set_extended_data(e.get_extended_data() + 9, 9), 1);
-    EXPECT_EQ(block_of(e), "restarted");
-}
-
-TEST(Extended_data, lies_behind_its_32_bit_length) {
-    const waiter_event e = with_block("abc");
-    uint32_t length;
-    std::memcpy(&length, e.extended, sizeof length);
-    EXPECT_EQ(length, 3u);
-    EXPECT_EQ(std::memcmp(e.extended + 4, "abc", 3), 0);
+    e = with_block("receiver restarted");
+    e.set_extended_data(e.get_extended_data() + 9, 9);
+    EXPECT_EQ(block_of(e), "restarted") << "by a part of itself";
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(e.extended), 13), std::string("\x09\0\0\0restarted", 13))
+        << "32-bit length";
 }
 
 TEST(Event_value, every_copy_owns_a_block_of_its_own) {
@@ -68,14 +55,10 @@ TEST(Event_value, every_copy_owns_a_block_of_its_own) {
     assigned = self;
     for (const waiter_event* e : {&copied, &assigned}) {
         EXPECT_NE(e->extended, source.extended);
-        EXPECT_EQ(e->module_id, -4);
-        EXPECT_EQ(e->id, 70000);
-        EXPECT_EQ(e->data, 9u);
-        EXPECT_EQ(e->repeat, 3);
+        EXPECT_TRUE(e->module_id == -4 && e->id == 70000 && e->data == 9u && e->repeat == 3);
     }
     source.set_extended_data(bytes("second"), 6);
-    EXPECT_EQ(block_of(copied), "first");
-    EXPECT_EQ(block_of(assigned), "first");
+    EXPECT_EQ(block_of(copied) + block_of(assigned), "firstfirst");
     EXPECT_EQ(block_of(cleared), "none");
 }
 
