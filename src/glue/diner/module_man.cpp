@@ -52,6 +52,7 @@ waiter_event_node* module_man::get_blank_event(int queued) {
     if (_num_blank == 0 || queued > _num_blank / 2) return nullptr;
     sll_node* const n = _blank;
     _blank = n->next;
+    __builtin_prefetch(_blank); // handed back by a taker, perhaps on another core
     n->next = nullptr;
     _least_free = std::min(_least_free, --_num_blank);
     return static_cast<waiter_event_node*>(n);

@@ -38,7 +38,8 @@ private:
     void collect();
 
     std::atomic<bool> _alive{false};
-    mutable Mutex _mutex; ///< guards the ids and the blank nodes
+    [[maybe_unused]] char _apart[64]; ///< takers read the flag above, posters change what is below
+    mutable Mutex _mutex;             ///< guards the ids and the blank nodes
     int32_t _last_ordinary = 1025;
     int32_t _num_extended = 0;
     sll_node* _blank = sll_node::last_mark(); ///< the blank nodes, linked by `next` as in a list

@@ -63,7 +63,10 @@ int waiter_descriptor::send_event(const waiter_event& e, bool coalesce, bool uni
 void waiter_descriptor::send_anonymous_event() {
     if (_target) {
         std::lock_guard<Mutex> lock(_mutex);
-        if (_target) return give_mirrored_token();
+        if (_target) {
+            give_mirrored_token();
+            return;
+        }
     }
     _tokens.give();
 }
@@ -114,6 +117,8 @@ void waiter_descriptor::hand_out(waiter_event* out) {
             return;
         }
         used = _front.pop();
+        // The next node was written by a poster, perhaps on another core: it travels while this one is handled.
+        __builtin_prefetch(_front.first());
         _num_front.store(_front.size(), std::memory_order_relaxed);
     }
     *out = std::move(used->event);

@@ -70,9 +70,9 @@ private:
     void hand_out(waiter_event* out);
     void fill_front();
 
-    // The queue is in two parts, each with a lock of its own, and the two groups of fields below lie on cache lines of
-    // their own: a poster and the taker that run at the same time do not touch the same memory for every event. The
-    // flags and the pool are for both and seldom change.
+    // The queue is in two parts, each with a lock of its own, and what posters, what the taker and what both use lies
+    // on cache lines of its own: a poster and the taker that run at the same time do not fight for memory with every
+    // event. The taker's part comes last because the diner's own fields follow.
     std::atomic<bool> _enabled{false};
     std::atomic<bool> _initialised{false};
     module_man* _modules = nullptr;
@@ -80,14 +80,14 @@ private:
     QEvent::Type _type = QEvent::None;
     [[maybe_unused]] char _apart[64];
 
+    mutable Mutex _mutex;               ///< guards what was posted lately and the flags above
+    c_sl_list<waiter_event_node> _back; ///< what was posted since the front was filled
+    int32_t _most_in_front = 0;         ///< the front holds no more: it only shrinks until it is filled again
+    int32_t _longest = 0;
+
+    waiter_tokens _tokens;
+
     mutable Mutex _taking;               ///< guards the front of the queue; taken before `_mutex`
     c_sl_list<waiter_event_node> _front; ///< what is handed out next
     std::atomic<int32_t> _num_front{0};  ///< its size, for posters
-    waiter_tokens _tokens;
-    [[maybe_unused]] char _apart_too[64];
-
-    mutable Mutex _mutex;               ///< guards the rest of the queue and the flags
-    c_sl_list<waiter_event_node> _back; ///< what was posted since the front was filled
-    int32_t _most_in_front = 0;         ///< the front's size when it was filled: it only shrinks
-    int32_t _longest = 0;
 };

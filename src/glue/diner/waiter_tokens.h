@@ -18,8 +18,8 @@ public:
 private:
     bool draw();
 
-    int _drawn = 0;                   ///< the taker's own
-    [[maybe_unused]] char _apart[64]; ///< keeps the two sides off each other's cache lines
-    std::atomic<int> _given{0};       ///< not drawn yet; below 0: -1 while the taker sleeps
+    std::atomic<int> _given{0}; ///< not drawn yet; -1 while the taker sleeps
     QSemaphore _wake;
+    [[maybe_unused]] char _apart[64]; ///< keeps the two sides on cache lines of their own
+    int _drawn = 0;                   ///< the taker's
 };
