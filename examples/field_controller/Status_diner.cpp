@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "Status_diner.h"
+#include "glue/diner/Buffered_logger.h"
 #include <cstdio>
 
-Status_diner::Status_diner(Machine_store& store, bool quiet)
-    : _store(store), _quiet(quiet), _position(store.position_range()) {
+Status_diner::Status_diner(Machine_store& store, Fault_history& faults, bool quiet)
+    : _store(store), _faults(faults), _quiet(quiet), _position(store.position_range()) {
     _tick.period = period_ms;
 }
 
@@ -32,6 +33,30 @@ void Status_diner::handle_event(waiter_event& event) {
     if (!_store.head.is_event(event, CDS::reg_access)) return;
     ++_wake_ups;
     _moved = true;
+    look_for_faults(_store.get());
+}
+
+/// Record a fault when it begins.
+void Status_diner::report(bool wrong, bool& known, Fault_history::Source source, Fault_history::Fault fault, int detail,
+                          const char* text) {
+    if (wrong && !known) {
+        _faults.log(source, static_cast<unsigned short>(detail), fault);
+        Buffered_logger::log(text);
+    }
+    known = wrong;
+}
+
+void Status_diner::look_for_faults(const Machine_block& now) {
+    constexpr int least_satellites = 5;
+    constexpr int fixed = 4;
+    if (now.quality.type == 0) return; // nothing received yet
+    const int used = now.satellites.used[0] + now.satellites.used[1];
+    const bool seen = now.satellites.locked[0] + now.satellites.locked[1] > 0;
+    report(!seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used, "fault: antenna open\n");
+    report(seen && used < least_satellites, _too_few, Fault_history::satellites, Fault_history::too_few, used,
+           "fault: too few satellites\n");
+    report(now.quality.type != fixed, _not_fixed, Fault_history::corrections, Fault_history::too_old, now.quality.type,
+           "fault: corrections too old\n");
 }
 
 void Status_diner::handle_timeout(Timeout&) {

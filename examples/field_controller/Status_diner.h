@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "Fault_history.h"
 #include "Machine_block.h"
 #include "glue/diner/Diner_protection.h"
 
 /// A component that knows nothing of the receiver: woken when the position in the block has changed, it prints where
-/// the machine is, at most once a second.
+/// the machine is, at most once a second, and has faults recorded as they begin.
 class Status_diner : public Diner::Protection {
 public:
-    /// `store` outlives the diner. `quiet`: count, but print nothing.
-    Status_diner(Machine_store& store, bool quiet);
+    /// `store` and `faults` outlive the diner. `quiet`: count, but print nothing.
+    Status_diner(Machine_store& store, Fault_history& faults, bool quiet);
     ~Status_diner() override;
 
     using Diner::init;
@@ -23,10 +24,16 @@ private:
     void handle_timeout(Timeout&) override;
     using Diner::handle_timeout;
 
+    void look_for_faults(const Machine_block& now);
+    void report(bool wrong, bool& known, Fault_history::Source source, Fault_history::Fault fault, int detail,
+                const char* text);
+
     Machine_store& _store;
+    Fault_history& _faults;
     const bool _quiet;
     CDS::Access_base _position;
     Timeout _tick;
     bool _moved = false; ///< since the last line
     unsigned _wake_ups = 0;
+    bool _antenna_open = false, _too_few = false, _not_fixed = false; ///< faults that last
 };

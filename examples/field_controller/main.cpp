@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: MIT
 // The library's main job on real bytes: a receiver on a serial line is read by a threaded serial stream, its diner is
 // woken, the parser cuts frames, replies and text, the printer prints them. Position and quality go into a block of
-// data that the machine's components share, and a second diner is woken when the position in it changes. Without a
-// receiver at hand a simulated one drives a machine over a field and writes into a pseudo-terminal.
+// data that the machine's components share, and a second diner is woken when the position in it changes; what it finds
+// wrong goes into the history of faults. Without a receiver at hand a simulated one drives a machine over a field and
+// writes into a pseudo-terminal.
+#include "Arguments.h"
+#include "Fault_history.h"
 #include "Receiver_diner.h"
 #include "Receiver_simulator.h"
 #include "Status_diner.h"
 #include "glue/data_stream/Posix_data_stream.h"
+#include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
 #include "util/Debug_text_dumper.h"
 #include "util/Mspace.h"
@@ -22,81 +26,21 @@
 
 namespace {
 
-struct Arguments {
-    std::string comm;     ///< device argument; empty: the simulator
-    int seconds = -1;     ///< how long to run; -1: 10 with the simulator, without end with a receiver
-    unsigned faults = 40; ///< one frame in so many is hit; 0: none
-    bool quiet = false;
-};
-
-const char usage[] =
-    "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N] [--quiet]\n"
-    "  --comm     listen to a receiver on that serial line instead of the simulator\n"
-    "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
-    "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
-    "  --quiet    print no messages, only the tables at the end\n";
-
-[[noreturn]] void wrong(const std::string& what) {
-    fprintf(stderr, "field_controller: %s (try --help)\n", what.c_str());
-    exit(2);
-}
-
-int number(const char* option, const char* text) {
-    char* end = nullptr;
-    const long n = text ? strtol(text, &end, 10) : -1;
-    if (!text || end == text || *end || n < 0 || n > 1000000)
-        wrong(std::string(option) + " needs a number of 0 or more");
-    return static_cast<int>(n);
-}
-
-Arguments parse(int argc, char** argv) {
-    Arguments a;
-    for (int i = 1; i < argc; ++i) {
-        const std::string option = argv[i];
-        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-        if (option == "--help" || option == "-h") {
-            fputs(usage, stdout);
-            exit(0);
-        } else if (option == "--quiet") {
-            a.quiet = true;
-        } else if (option == "--comm" || option == "-c") {
-            if (!value) wrong(option + " needs a device");
-            a.comm = value;
-            ++i;
-        } else if (option == "--seconds") {
-            a.seconds = number("--seconds", value);
-            ++i;
-        } else if (option == "--faults") {
-            a.faults = static_cast<unsigned>(number("--faults", value));
-            ++i;
-        } else {
-            wrong("unknown argument " + option);
-        }
-    }
-    return a;
-}
-
-/// Sleep until the time is over or Ctrl-C; the signals are blocked in all threads.
-void run_for(int seconds) {
+sigset_t stop_signals() {
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
-    if (seconds < 0) {
-        int signal;
-        sigwait(&stop, &signal);
-    } else {
-        const struct timespec limit = {seconds, 0};
-        sigtimedwait(&stop, nullptr, &limit);
-    }
+    return stop;
 }
 
-void block_stop_signals() {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+/// Sleep until the time is over (negative: no limit) or Ctrl-C; the signals are blocked in all threads. False on
+/// Ctrl-C.
+bool run_for(int ms) {
+    const sigset_t stop = stop_signals();
+    if (ms < 0) return sigwaitinfo(&stop, nullptr) < 0;
+    const struct timespec limit = {ms / 1000, ms % 1000 * 1000000L};
+    return sigtimedwait(&stop, nullptr, &limit) < 0;
 }
 
 void print_summary(const Receiver_simulator* simulator, const Receiver_diner& receiver, const Data_stream& stream) {
@@ -120,8 +64,9 @@ void print_summary(const Receiver_simulator* simulator, const Receiver_diner& re
 } // namespace
 
 int main(int argc, char** argv) {
-    Arguments arguments = parse(argc, argv);
-    block_stop_signals();
+    Arguments arguments = parse_arguments(argc, argv);
+    const sigset_t stop = stop_signals();
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
     module_man& modules = Diner_info_list::get();
 
     // The simulator's end of the line; the other end is a serial device like any other.
@@ -146,9 +91,16 @@ int main(int argc, char** argv) {
     Posix_data_stream line(master, master);
     Link_watch watch;
     Machine_store store(modules);
+    Fault_history faults(modules);
+    if (!faults.usable()) {
+        perror("field_controller: no folder for the history of faults");
+        return 1;
+    }
     {
+        Buffered_logger logger;
+        logger.init(modules);
         std::unique_ptr<Receiver_simulator> simulator;
-        Status_diner status(store, arguments.quiet);
+        Status_diner status(store, faults, arguments.quiet);
         status.init(modules);
         status.start();
         Receiver_diner receiver(stream, store, master >= 0 ? &watch : nullptr, arguments.quiet);
@@ -159,7 +111,13 @@ int main(int argc, char** argv) {
             simulator->init(modules);
             simulator->start();
         }
-        run_for(arguments.seconds);
+        // The history's manager is taken down and up again half-way, as by a power cut: nothing recorded is lost.
+        const int half_ms = arguments.seconds < 0 ? -1 : arguments.seconds * 500;
+        if (run_for(half_ms)) {
+            faults.restart();
+            Buffered_logger::log("history of faults: manager restarted\n");
+            run_for(half_ms);
+        }
         if (simulator) simulator->stop();
         status.stop(); // no line of its own among the tables
 
@@ -168,6 +126,10 @@ int main(int argc, char** argv) {
         puts("\nReceiver link");
         print_summary(simulator.get(), receiver, stream);
         printf("position changes   %7u   (the status diner was woken)\n", status.wake_ups());
+        printf("faults recorded    %7u\n", faults.recorded());
+        puts("\nFaults of the antenna and the corrections, from the history (ERR,source:fault,detail,time)");
+        faults.replay(Fault_history::antenna);
+        faults.replay(Fault_history::corrections);
         puts("\nMemory spaces (hexadecimal)");
         Debug::Text_dumper dumper(stdout);
         Mspace_manager::print_global_usage(dumper);

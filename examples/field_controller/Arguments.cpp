@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+#include "Arguments.h"
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+const char usage[] =
+    "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N] [--quiet]\n"
+    "  --comm     listen to a receiver on that serial line instead of the simulator\n"
+    "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
+    "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
+    "  --quiet    print no messages, only the tables at the end\n";
+
+[[noreturn]] void wrong(const std::string& what) {
+    fprintf(stderr, "field_controller: %s (try --help)\n", what.c_str());
+    exit(2);
+}
+
+int number(const char* option, const char* text) {
+    char* end = nullptr;
+    const long n = text ? strtol(text, &end, 10) : -1;
+    if (!text || end == text || *end || n < 0 || n > 1000000)
+        wrong(std::string(option) + " needs a number of 0 or more");
+    return static_cast<int>(n);
+}
+
+} // namespace
+
+Arguments parse_arguments(int argc, char** argv) {
+    Arguments a;
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (option == "--help" || option == "-h") {
+            fputs(usage, stdout);
+            exit(0);
+        } else if (option == "--quiet") {
+            a.quiet = true;
+        } else if (option == "--comm" || option == "-c") {
+            if (!value) wrong(option + " needs a device");
+            a.comm = value;
+            ++i;
+        } else if (option == "--seconds") {
+            a.seconds = number("--seconds", value);
+            ++i;
+        } else if (option == "--faults") {
+            a.faults = static_cast<unsigned>(number("--faults", value));
+            ++i;
+        } else {
+            wrong("unknown argument " + option);
+        }
+    }
+    return a;
+}

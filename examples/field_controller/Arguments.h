@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include <string>
+
+struct Arguments {
+    std::string comm;     ///< device argument; empty: the simulator
+    int seconds = -1;     ///< how long to run; -1: 10 with the simulator, without end with a receiver
+    unsigned faults = 40; ///< one frame in so many is hit; 0: none
+    bool quiet = false;
+};
+
+/// Read the command line; a wrong one ends the program with one line and status 2, --help with the usage and 0.
+Arguments parse_arguments(int argc, char** argv);

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+#include "Fault_history.h"
+#include "platform/pcf_host.h"
+#include "util/Debug_print.h"
+#include <cstdlib>
+#include <filesystem>
+
+namespace {
+
+constexpr unsigned store_bytes = 1 << 20;
+constexpr int replay_limit_ticks = 500; // [10 ms]
+
+} // namespace
+
+Fault_history::Fault_history(module_man& modules)
+    : _modules(modules), _folder((std::filesystem::temp_directory_path() / "field_controller-XXXXXX").string()) {
+    _mounted = mkdtemp(_folder.data()) && Pcf_host::mount(_folder.c_str(), store_bytes);
+    start();
+}
+
+Fault_history::~Fault_history() {
+    _manager.reset();
+    Pcf_host::unmount();
+    std::error_code ignored;
+    std::filesystem::remove_all(_folder, ignored);
+}
+
+void Fault_history::start() {
+    _manager = std::make_unique<Diagnostics>("FAULT");
+    _manager->init(_modules, nullptr, 0);
+    _manager->start();
+}
+
+bool Fault_history::log(Source source, unsigned short detail, Fault fault) {
+    const std::lock_guard<std::mutex> guard(_changing);
+    return _manager->log_error(source, detail, fault);
+}
+
+void Fault_history::restart() {
+    const std::lock_guard<std::mutex> guard(_changing);
+    _recorded_before = recorded();
+    _manager.reset();
+    Pcf_host::mount(_folder.c_str(), store_bytes); // as after a power cut: what was open is gone
+    start();
+}
+
+void Fault_history::replay(Source source) {
+    _printer.set_filter(source, 0, 0, 0xFFFFFFFF);
+    FILE* const before = Debug_print::debug_file;
+    Debug_print::debug_file = stdout;
+    if (_manager->request_history(&_printer)) _printer.finished.try_acquire(replay_limit_ticks);
+    Debug_print::debug_file = before;
+}

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/diagnostics/Diagnostics.h"
+#include "util/Semaphore.h"
+#include <memory>
+#include <mutex>
+#include <string>
+
+/// The machine's faults in the diagnostic history of a flash store; here a folder that goes with the program stands in
+/// for the store. The manager can be taken down and up again, as a controller does when it loses power: the history
+/// goes on.
+class Fault_history {
+public:
+    /// Where a fault comes from, and what it is.
+    enum Source : unsigned char { antenna = 0x80, corrections = 0x81, satellites = 0x82 };
+    enum Fault : unsigned short { open_circuit = 1201, too_old = 1310, too_few = 1420 };
+
+    explicit Fault_history(module_man& modules);
+    ~Fault_history();
+
+    bool usable() const { return _mounted; }
+    /// Record a fault; any thread.
+    bool log(Source source, unsigned short detail, Fault fault);
+    /// A new manager on the same store.
+    void restart();
+    /// Print the faults of one source, as they stand in the store, on the debug output.
+    void replay(Source source);
+    unsigned recorded() const { return _recorded_before + _manager->records_written(); } ///< so far
+
+private:
+    /// The library's printing sink, telling when it is done.
+    class Printer : public Debug_print_diagnostic_history {
+    public:
+        void history_finished() override { finished.release(); }
+        Semaphore finished;
+    };
+
+    void start();
+
+    module_man& _modules;
+    std::string _folder;
+    bool _mounted = false;
+    Printer _printer;     ///< outlives the manager, whose thread calls it
+    std::mutex _changing; ///< guards the manager against being replaced while it is called
+    std::unique_ptr<Diagnostics> _manager;
+    unsigned _recorded_before = 0;
+};
