@@ -136,6 +136,7 @@ TEST_F(Safe_store, A_torn_journal_is_cut_before_the_next_append) {
     store.save();
     const size_t image = read_file(path).size();
     tree.speed.set(9);
+    tree.wheel.offset.set(9);
     store.save_changes();
     const std::string whole = read_file(path);
     for (size_t length = image + 1; length < whole.size(); ++length) {
@@ -144,7 +145,7 @@ TEST_F(Safe_store, A_torn_journal_is_cut_before_the_next_append) {
         NV_safe_store own(next, path.c_str());
         EXPECT_EQ(own.load(), Safe_result::cut_short);
         EXPECT_EQ(next.speed.get(), 2.5f);
-        next.wheel.offset.set(44);
+        next.speed.set(44); // a shorter record than the torn one
         EXPECT_EQ(own.save_changes(), Safe_result::saved);
         const State state = restart();
         EXPECT_EQ(state.result, Safe_result::loaded) << length;

@@ -172,7 +172,8 @@ Safe_result Safe_file::find(std::string& found) {
     bool refused = false, hidden = false;
     for (const char* suffix : {"", ".bak"}) {
         const std::string candidate = beside(suffix);
-        if (_check(candidate.c_str())) {
+        // Twice, for a medium that stumbles: what is refused is given up.
+        if (_check(candidate.c_str()) || (exists(candidate) && _check(candidate.c_str()))) {
             found = candidate;
             return *suffix ? Safe_result::fell_back : Safe_result::loaded;
         }
