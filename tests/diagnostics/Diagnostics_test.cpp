@@ -205,10 +205,12 @@ TEST_F(History, A_replay_may_pause_at_every_record) {
         sink.ready = [&] { return pause_at == 7 ? asked++ % 2 == 0 : asked++ != pause_at; };
         ASSERT_TRUE(manager.request_history(&sink));
         int passes = 0;
-        for (; !sink.is_done() && passes < 20; ++passes) manager.pass();
+        for (; !sink.is_done() && passes < 20; ++passes) {
+            manager.pass();
+            EXPECT_EQ(pcfCloseRead(0), PCF_NOTHING) << "no file stays open";
+        }
         EXPECT_EQ(sink.got, all) << pause_at;
         EXPECT_EQ(passes, pause_at == 7 ? 6 : pause_at == 6 ? 1 : 2) << pause_at;
-        EXPECT_TRUE(PCFile_data_stream().open_read("none", 1) == PCFile_data_stream::not_mounted);
     }
 }
 
@@ -263,9 +265,9 @@ TEST_F(History, A_replay_goes_on_beside_the_writer) {
         // In order, each once, nothing newer than the request; what was overwritten meanwhile is missing.
         for (size_t i = 1; i < sink.got.size(); ++i) EXPECT_LT(sink.got[i - 1], sink.got[i]) << pace;
         ASSERT_FALSE(sink.got.empty());
-        EXPECT_LE(sink.got.back(), old + (manager.current_file() == 9 ? in_file : 0)) << pace;
+        EXPECT_LE(sink.got.back(), old) << pace;
         if (pace <= 1) {
-            EXPECT_EQ(sink.got.back() >= old, true);
+            EXPECT_EQ(sink.got.back(), old) << pace;
         }
         if (pace == 0) {
             EXPECT_EQ(sink.got, before);
@@ -339,21 +341,14 @@ TEST_F(History, Counts_and_tells_what_cannot_be_stored_and_goes_on) {
     for (const auto& row : table) {
         for (int n = 0; n < 10; ++n) std::filesystem::remove(path(n));
         Numbers expected;
-        if (row.file != 0) put(0, record_of(1));
-        if (row.file == 2) put(2, record_of(0)); // left over: the file behind the next one
+        if (row.file == 1) put(0, record_of(1));
         ASSERT_TRUE(mount(folder.path.c_str(), 100000));
         waiter_descriptor waiter;
         waiter.init(&Diner_info_list::get());
-        Manager manager(row.file == 2 ? 2 * record_bytes : 4096);
+        Manager manager(row.file == 2 ? record_bytes : 4096);
         if (row.file == 2) {
-            Debug_filter::remove_filter(_JDB::jdb_diagnostics);
-            std::filesystem::remove(path(2));
-            put(0, "");
-            ASSERT_TRUE(mount(folder.path.c_str(), 100000));
-            ASSERT_TRUE(manager.record(8));
             ASSERT_TRUE(manager.record(1));
-            put(1, record_of(0));
-            expected.push_back(8);
+            put(1, record_of(0)); // in the way
         }
         if (row.file != 0) expected.push_back(1);
         manager.set_lost_waiter(&waiter);

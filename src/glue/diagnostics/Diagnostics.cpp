@@ -98,8 +98,9 @@ bool Diagnostics::append(const unsigned char* record) {
     unsigned char bytes[closing_line_feeds + record_size];
     memset(bytes, '\n', closing_line_feeds);
     memcpy(bytes + closing_line_feeds, record, record_size);
-    if (!make_room(_maybe_torn ? sizeof bytes : record_size)) return false;
-    const unsigned skipped = _maybe_torn && _file_bytes > 0 ? 0 : closing_line_feeds;
+    const auto closing = [this] { return _maybe_torn && _file_bytes > 0 ? closing_line_feeds : 0; };
+    if (!make_room(closing() + record_size)) return false;
+    const unsigned skipped = closing_line_feeds - closing(); // a file just begun needs none
     return write(bytes + skipped, static_cast<unsigned>(sizeof bytes) - skipped);
 }
 
