@@ -273,6 +273,18 @@ TEST_F(Safe_store, A_failed_save_says_why_and_is_made_up_for_by_the_next) {
     EXPECT_NE(quiet.text().find("/settings: disk full\n"), std::string::npos);
 }
 
+TEST_F(Safe_store, A_setting_that_cannot_be_written_fails_the_save_and_loses_no_change) {
+    struct Stubborn : NV_uint8 {
+        using NV_uint8::NV_uint8;
+        using NV_uint8::serialise;
+        bool serialise(NV_iterator*) override { return false; }
+    } stubborn(&tree, 90, "stubborn");
+    tree.set_all();
+    EXPECT_EQ(store.save(), Safe_result::failed);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(tree.speed.get_flags(), NV_item::changed_for_journal_1 | NV_item::changed_for_journal_2);
+}
+
 TEST_F(Safe_store, Any_text_verifies_as_a_checksummed_file) {
     std::string loaded;
     EXPECT_EQ(load_checksummed(path.c_str(), loaded), Safe_result::started_from_defaults);

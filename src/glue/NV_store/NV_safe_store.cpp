@@ -104,34 +104,43 @@ bool NV_safe_store::restore() {
 
 // ---- save
 
-/// The bytes of a save, and the flags of all items before it; false when there is nothing to write.
-bool NV_safe_store::serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags) {
+/// The bytes of a save, checked, and the flags of all items before it: saved, nothing_to_save or failed.
+Safe_result NV_safe_store::serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags) {
     bytes.reserve(NV_file_iterator::budget);
     const std::lock_guard<const NV_root> guard(_root);
     settle_flags(_root);
     for (NV_item* i = &_root; i; i = _root.get_next_in_tree(i)) flags.push_back(i->get_flags());
     Collector it(bytes, mode);
-    return _root.serialise(&it) && !bytes.empty();
+    // A setting of the application's own type may fail, or write what cannot be read past.
+    if (!_root.serialise(&it) || whole_records(bytes, _root) != bytes.size()) {
+        mark_again(flags);
+        return Safe_result::failed;
+    }
+    return bytes.empty() ? Safe_result::nothing_to_save : Safe_result::saved;
 }
 
-/// What could not be saved is to be saved again.
+/// What could not be saved is to be saved again. Under the tree's lock.
 void NV_safe_store::mark_again(const std::vector<unsigned char>& flags) {
-    const std::lock_guard<const NV_root> guard(_root);
     size_t at = 0;
     for (NV_item* i = &_root; i && at < flags.size(); i = _root.get_next_in_tree(i))
         i->change_flags(flags[at++] & changed, 0);
 }
 
+void NV_safe_store::locked_mark_again(const std::vector<unsigned char>& flags) {
+    const std::lock_guard<const NV_root> guard(_root);
+    mark_again(flags);
+}
+
 Safe_result NV_safe_store::save() {
     std::string bytes;
     std::vector<unsigned char> flags;
-    if (!serialise(NV_iterator::mode_write, bytes, flags)) return Safe_result::nothing_to_save;
-    Safe_result result = Safe_result::failed;
-    if (whole_records(bytes, _root) == bytes.size()) result = _file.replace(bytes);
+    Safe_result result = serialise(NV_iterator::mode_write, bytes, flags);
+    if (result != Safe_result::saved) return report(result);
+    result = _file.replace(bytes);
     if (result == Safe_result::saved)
         _length = bytes.size();
     else
-        mark_again(flags);
+        locked_mark_again(flags);
     return report(result);
 }
 
@@ -139,15 +148,13 @@ Safe_result NV_safe_store::save_changes() {
     if (!ready_to_append()) return save();
     std::string bytes;
     std::vector<unsigned char> flags;
-    if (!serialise(NV_iterator::mode_journal_1, bytes, flags)) return Safe_result::nothing_to_save;
-    if (_length + bytes.size() > NV_file_iterator::budget) {
-        mark_again(flags);
-        return save();
-    }
-    Safe_result result = Safe_result::failed;
-    if (whole_records(bytes, _root) == bytes.size()) result = append(bytes);
-    if (result != Safe_result::saved) mark_again(flags);
-    return report(result);
+    Safe_result result = serialise(NV_iterator::mode_journal_1, bytes, flags);
+    if (result != Safe_result::saved) return report(result);
+    const bool room = _length + bytes.size() <= NV_file_iterator::budget;
+    if (room) result = append(bytes);
+    if (room && result == Safe_result::saved) return result;
+    locked_mark_again(flags);
+    return room ? report(result) : save();
 }
 
 /// Whether the file is there and good; one that was not loaded or saved here is looked at.

@@ -47,8 +47,9 @@ private:
     bool check(const char* path);
     bool restore();
     bool ready_to_append();
-    bool serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags);
+    Safe_result serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags);
     void mark_again(const std::vector<unsigned char>& flags);
+    void locked_mark_again(const std::vector<unsigned char>& flags);
     Safe_result append(const std::string& bytes);
     Safe_result report(Safe_result result) const;
 
