@@ -43,10 +43,7 @@ TEST(Diner, counts_bare_wake_ups_and_handles_them_only_on_request) {
     for (bool pass : {false, true}) {
         Test_diner<> d;
         d.begin(false, pass);
-        for (int i = 0; i < 3; ++i) {
-            ++d.posted;
-            d.waiter.send_anonymous_event();
-        }
+        for (int i = 0; i < 3; ++i) d.wake();
         waiter_event like_one(module_man::EVENT_ANONYMOUS);
         like_one.data = 77; // the data word does not count
         ++d.posted;
@@ -137,7 +134,10 @@ TEST_F(Passes, handle_everything_due_missed_periods_included) {
     clock.advance(350);
     EXPECT_EQ(pass(), 4) << "three periods and the one-shot";
     EXPECT_EQ(pass(), 0);
-    EXPECT_EQ(t[0].remaining_ms(), 50);
+    EXPECT_EQ(t[0].remaining_ms(), 50) << "it keeps its phase";
+    t[0].invalidate();
+    clock.advance(500);
+    EXPECT_EQ(pass(), 1);
 }
 
 TEST_F(Passes, leave_to_the_next_one_what_falls_due_meanwhile) {

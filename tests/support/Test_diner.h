@@ -4,39 +4,26 @@
 #include "glue/diner/Diner_protection.h"
 #include "support/wait_until.h"
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 
 /// A door that threads wait at while it is shut.
 class Gate {
 public:
-    void shut() { set(false); }
-    void open() { set(true); }
+    void shut() { _open = false; }
+    void open() { _open = true; }
     void pass() {
-        std::unique_lock<std::mutex> lock(_mutex);
         ++_waiting;
-        _opened.wait(lock, [this] { return _open; });
+        wait_until([this] { return _open.load(); }, std::chrono::hours(1));
         --_waiting;
     }
-    /// Wait until `n` threads stand at it.
-    bool reached(int n = 1) {
-        return wait_until([this, n] {
-            const std::lock_guard<std::mutex> lock(_mutex);
-            return !_open && _waiting == n;
-        });
+    /// Wait until a thread stands at it.
+    bool reached() {
+        return wait_until([this] { return !_open && _waiting == 1; });
     }
 
 private:
-    void set(bool open) {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _open = open;
-        _opened.notify_all();
-    }
-    std::mutex _mutex;
-    std::condition_variable _opened;
-    bool _open = true;
-    int _waiting = 0;
+    std::atomic<bool> _open{true};
+    std::atomic<int> _waiting{0};
 };
 
 /// A diner whose handlers are given by the test. Base: Diner::Protection, or Diner for one without a lock.
@@ -59,13 +46,17 @@ public:
     bool in_state(int s) {
         return wait_until([this, s] { return this->state == s; });
     }
-    /// Nothing is posted to it that it has not handled.
-    bool idle() {
-        return wait_until([this] { return this->info.event_count == static_cast<uint32_t>(posted.load()); });
-    }
     void post(int id) {
         ++posted;
         this->waiter.send_event(waiter_event(2000, id, 0), false, false);
+    }
+    void wake() {
+        ++posted;
+        this->waiter.send_anonymous_event();
+    }
+    /// Nothing is posted to it that it has not handled.
+    bool idle() {
+        return wait_until([this] { return this->info.event_count == static_cast<uint32_t>(posted.load()); });
     }
     int start_tokens() { return this->task->start_semaphore.available(); }
 
