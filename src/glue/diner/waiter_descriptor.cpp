@@ -187,6 +187,7 @@ bool waiter_descriptor::is_queued(const waiter_event& e) const {
 /// nothing is posted to a target once deinit() has returned.
 void waiter_descriptor::give_mirrored_token() {
     _tokens.give();
+    auto* const event = new QEvent(_type);
     Util::tsan::release(_target);
-    QCoreApplication::postEvent(_target, new QEvent(_type));
+    QCoreApplication::postEvent(_target, event);
 }
