@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Fault_history.h"
 #include "platform/pcf_host.h"
-#include "util/Debug_print.h"
 #include <cstdlib>
 #include <filesystem>
 
@@ -46,8 +45,5 @@ void Fault_history::restart() {
 
 void Fault_history::replay(Source source) {
     _printer.set_filter(source, 0, 0, 0xFFFFFFFF);
-    FILE* const before = Debug_print::debug_file;
-    Debug_print::debug_file = stdout;
     if (_manager->request_history(&_printer)) _printer.finished.try_acquire(replay_limit_ticks);
-    Debug_print::debug_file = before;
 }

@@ -12,6 +12,7 @@
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
+#include "util/Debug_print.h"
 #include "util/Debug_text_dumper.h"
 #include "util/Mspace.h"
 #include <csignal>
@@ -65,6 +66,7 @@ void print_summary(const Receiver_simulator* simulator, const Receiver_diner& re
 
 int main(int argc, char** argv) {
     Arguments arguments = parse_arguments(argc, argv);
+    Debug_print::debug_file = stdout; // before the first thread, as it is meant to be: all lines in one order
     const sigset_t stop = stop_signals();
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
     module_man& modules = Diner_info_list::get();
