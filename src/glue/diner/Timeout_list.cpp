@@ -20,28 +20,30 @@ void Timeout_list::remove(Timeout& t) {
 }
 
 void Timeout_list::merge_sorted(Timeout_list& o) {
-    o.sort();
+    o.sort_for(*this);
     Timeout *mine = _first, *others = o._first, *before = nullptr;
     Timeout** end = &_first;
-    while (mine || others) {
-        Timeout*& least = !others || (mine && mine->ms() <= others->ms()) ? mine : others;
+    while (mine && others) {
+        Timeout*& least = mine->ms() <= others->ms() ? mine : others;
         Timeout* t = least;
         least = t->_after;
-        t->_list = this;
         t->_before = before;
         before = *end = t;
         end = &t->_after;
     }
-    *end = nullptr;
+    Timeout* rest = mine ? mine : others;
+    if (rest) rest->_before = before;
+    *end = rest;
     _count += o._count;
     o._first = nullptr;
     o._count = 0;
 }
 
-/// By `_after` only.
-void Timeout_list::sort() {
+/// Order what is about to move to `owner`.
+void Timeout_list::sort_for(Timeout_list& owner) {
     int64_t least = INT64_MAX, greatest = INT64_MIN;
-    for (const Timeout* t = _first; t; t = t->_after) {
+    for (Timeout* t = _first; t; t = t->_after) {
+        t->_list = &owner;
         least = std::min(least, t->ms());
         greatest = std::max(greatest, t->ms());
     }
@@ -50,20 +52,22 @@ void Timeout_list::sort() {
 
 /// One round of a radix sort: by eight bits of what the expiry is above `least`, keeping the order of equal digits.
 void Timeout_list::sort_by_digit(int64_t least, int shift) {
-    constexpr size_t digits = 256;
-    Timeout* heads[digits];
-    Timeout** ends[digits];
-    for (size_t i = 0; i < digits; ++i) ends[i] = &heads[i];
-    for (Timeout* t = _first; t; t = t->_after) {
-        Timeout**& end = ends[static_cast<uint64_t>(t->ms() - least) >> shift & (digits - 1)];
-        *end = t;
-        end = &t->_after;
+    struct Run {
+        Timeout *first = nullptr, *last = nullptr;
+        void append(Timeout* from, Timeout* to) {
+            (last ? last->_after : first) = from;
+            from->_before = last;
+            last = to;
+        }
+    };
+    Run runs[256], all;
+    for (Timeout *t = _first, *next; t; t = next) {
+        next = t->_after;
+        runs[static_cast<uint64_t>(t->ms() - least) >> shift & 255].append(t, t);
     }
-    Timeout** end = &_first;
-    for (size_t i = 0; i < digits; ++i) {
-        if (ends[i] == &heads[i]) continue;
-        *end = heads[i];
-        end = ends[i];
+    for (const Run& r : runs) {
+        if (r.first) all.append(r.first, r.last);
     }
-    *end = nullptr;
+    all.last->_after = nullptr;
+    _first = all.first;
 }

@@ -17,7 +17,7 @@ public:
     void merge_sorted(Timeout_list& o);
 
 private:
-    void sort();
+    void sort_for(Timeout_list& owner);
     void sort_by_digit(int64_t least, int shift);
 
     Timeout* _first = nullptr;
