@@ -39,7 +39,7 @@ public:
     /// One line on the debug output.
     void print() const;
 
-    Atime expiry;
+    Atime expiry;                       ///< not written directly while in a list: it is the order there
     int uid = 0;                        ///< for the owner's use
     int period = 0;                     ///< [ms] > 0: periodic; above a week a stale expiry is not snapped to now
     std::atomic<Diner*> diner{nullptr}; ///< where it was last submitted
