@@ -38,9 +38,16 @@ TEST(Debug_print, every_formatting_function_cuts_at_255_characters) {
     EXPECT_EQ(printed([] { Debug_print::report("f", 1, 2, "t"); }), "Dummy Report\n");
 }
 
+TEST(Debug_print, single_characters_go_to_standard_output_wherever_the_rest_goes) {
+    Capture out(stdout);
+    EXPECT_EQ(printed([] { Debug_print::charput('c'); }), "");
+    EXPECT_EQ(out.text(), "c");
+}
+
 TEST(Debug_print, dumps_bytes) {
     const auto bytes = [](const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); };
     EXPECT_EQ(printed([&] { Debug_print::binprint(bytes("\x1F\x20~\x7F\xFF"), 5); }), "1F 20( ) 7E(~) 7F FF ");
+    EXPECT_EQ(printed([&] { Debug_print::printhex(bytes("x"), 1, 0); }), "") << "no width, no rows";
     const auto dump = [&](const std::string& data, unsigned width) {
         return printed([&] { Debug_print::printhex(bytes(data), static_cast<unsigned>(data.size()), width); });
     };

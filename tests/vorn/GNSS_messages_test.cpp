@@ -135,7 +135,8 @@ TEST(Vorn_printer, reads_zero_for_what_a_cut_frame_lacks) {
 }
 
 TEST(Vorn_printer, an_array_message_that_is_too_short_leaves_the_buffer_alone) {
-    for (const std::string frame : {"E1000", "TC000", "SS001x"}) { // the last one has two spare bytes
+    for (const std::string frame : {"E1000", "E2000", "EC000", "NN000", "SI000", "EL000", "AZ000", "TC000",
+                                    "SS001x"}) { // the last one has two spare bytes
         Capture out(stdout);
         const Printed p = print(frame, true, 10);
         EXPECT_EQ(out.text(), frame.substr(0, 2) + " message too short\n");
