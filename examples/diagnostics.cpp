@@ -1,5 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Records faults in the diagnostic history and replays those of one source.
+//
+// Prints:
+//     source 0x80, error 1201, detail 17, at ...
+//     source 0x80, error 1201, detail 18, at ...
+//     3 faults recorded
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diner/Diner_info_list.h"
 #include "platform/pcf_host.h"
