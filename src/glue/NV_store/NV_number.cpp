@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_number.h"
+#include "glue/NV_store/NV_values.h"
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/CDS_remote_values.h"
 #include "glue/cds/Data_item_text.h"
@@ -7,36 +8,6 @@
 #include <type_traits>
 
 namespace NV_store {
-namespace {
-
-// The iterator operations that belong to a type.
-bool push_value(NV_iterator& it, bool v) { return it.push_bool(v); }
-bool push_value(NV_iterator& it, char v) { return it.push_char(v); }
-bool push_value(NV_iterator& it, unsigned char v) { return it.push_uint8(v); }
-bool push_value(NV_iterator& it, unsigned short v) { return it.push_uint16(v); }
-bool push_value(NV_iterator& it, unsigned int v) { return it.push_uint32(v); }
-bool push_value(NV_iterator& it, signed char v) { return it.push_int8(v); }
-bool push_value(NV_iterator& it, short v) { return it.push_int16(v); }
-bool push_value(NV_iterator& it, int v) { return it.push_int32(v); }
-bool push_value(NV_iterator& it, float v) { return it.push_float(v); }
-bool push_value(NV_iterator& it, double v) { return it.push_double(v); }
-bool push_value(NV_iterator& it, unsigned long long v) { return it.push_uint64(v); }
-bool push_value(NV_iterator& it, long long v) { return it.push_int64(v); }
-bool pop_value(NV_iterator& it, bool& v) { return it.pop_bool(v); }
-bool pop_value(NV_iterator& it, char& v) { return it.pop_char(v); }
-bool pop_value(NV_iterator& it, unsigned char& v) { return it.pop_uint8(v); }
-bool pop_value(NV_iterator& it, unsigned short& v) { return it.pop_uint16(v); }
-bool pop_value(NV_iterator& it, unsigned int& v) { return it.pop_uint32(v); }
-bool pop_value(NV_iterator& it, signed char& v) { return it.pop_int8(v); }
-bool pop_value(NV_iterator& it, short& v) { return it.pop_int16(v); }
-bool pop_value(NV_iterator& it, int& v) { return it.pop_int32(v); }
-bool pop_value(NV_iterator& it, float& v) { return it.pop_float(v); }
-bool pop_value(NV_iterator& it, double& v) { return it.pop_double(v); }
-bool pop_value(NV_iterator& it, unsigned long long& v) { return it.pop_uint64(v); }
-bool pop_value(NV_iterator& it, long long& v) { return it.pop_int64(v); }
-
-} // namespace
-
 template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::_set(T v, notify_t how) {
     const bool changed = v != _value;
@@ -96,43 +67,15 @@ bool NV_number<T, type>::deserialise_unknown_small_array(NV_iterator* it) {
     return true;
 }
 
-template <class Number>
-static bool skip(NV_iterator* it, bool array) {
-    return array ? Number::deserialise_unknown_small_array(it) : Number::deserialise_unknown(it);
-}
-
 bool skip_unknown_value(NV_iterator* it, Data_item::class_type_t shape, Data_item::item_type_t type) {
     const bool array = shape == Data_item::class_array;
     if (!array && shape != Data_item::class_value) return false;
-    switch (type) {
-    case Data_item::item_bool:
-        return skip<NV_bool>(it, array);
-    case Data_item::item_char:
-        return skip<NV_char>(it, array);
-    case Data_item::item_uint8:
-        return skip<NV_uint8>(it, array);
-    case Data_item::item_uint16:
-        return skip<NV_uint16>(it, array);
-    case Data_item::item_uint32:
-        return skip<NV_uint32>(it, array);
-    case Data_item::item_int8:
-        return skip<NV_int8>(it, array);
-    case Data_item::item_int16:
-        return skip<NV_int16>(it, array);
-    case Data_item::item_int32:
-        return skip<NV_int32>(it, array);
-    case Data_item::item_float:
-        return skip<NV_float>(it, array);
-    case Data_item::item_double:
-        return skip<NV_double>(it, array);
     // Arrays of 64-bit integers are in no image.
-    case Data_item::item_uint64:
-        return !array && skip<NV_uint64>(it, false);
-    case Data_item::item_int64:
-        return !array && skip<NV_int64>(it, false);
-    default:
-        return false;
-    }
+    if (array && (type == Data_item::item_uint64 || type == Data_item::item_int64)) return false;
+    return with_base_type(type, false, [&](auto base) {
+        using Number = typename decltype(base)::Number;
+        return array ? Number::deserialise_unknown_small_array(it) : Number::deserialise_unknown(it);
+    });
 }
 
 // ---- text and remote format

@@ -2,6 +2,7 @@
 #include "glue/NV_store/NV_scan.h"
 #include "glue/NV_store/NV_container.h"
 #include "glue/NV_store/NV_path.h"
+#include "glue/NV_store/NV_values.h"
 #include "platform/crc32.h"
 #include <vector>
 
@@ -9,7 +10,6 @@ namespace NV_store {
 namespace {
 
 constexpr int header_size = 4, crc_size = 4;
-constexpr int deepest = 64; // [levels] that a damaged image may make us recurse
 
 bool is_container_type(unsigned char type_byte) {
     return type_byte == Data_item::item_root || type_byte == Data_item::item_struct ||
@@ -22,26 +22,7 @@ NV_iterator::NV_iterator_header header_at(const unsigned char* p) {
 
 /// [bytes] of one value of a type, 0 for a type without a fixed size.
 int element_size(Data_item::item_type_t type) {
-    switch (type) {
-    case Data_item::item_bool:
-    case Data_item::item_char:
-    case Data_item::item_uint8:
-    case Data_item::item_int8:
-        return 1;
-    case Data_item::item_uint16:
-    case Data_item::item_int16:
-        return 2;
-    case Data_item::item_uint32:
-    case Data_item::item_int32:
-    case Data_item::item_float:
-        return 4;
-    case Data_item::item_double:
-    case Data_item::item_uint64:
-    case Data_item::item_int64:
-        return 8;
-    default:
-        return 0;
-    }
+    return with_base_type(type, 0, [](auto base) { return static_cast<int>(sizeof(typename decltype(base)::Value)); });
 }
 
 /// [bytes] of the value behind a header, -1 when its type has none or `n` do not hold its count.
@@ -69,31 +50,70 @@ uint32_t word_at(const unsigned char* p) {
 
 } // namespace
 
-bool Stored_record::read(const unsigned char* bytes, int n, int depth) {
-    if (n < header_size || depth > deepest) return false;
+Record_walk::Step Record_walk::stop(const char* reason) {
+    why = reason;
+    return stuck;
+}
+
+Record_walk::Step Record_walk::next() {
+    at = end;
+    if (at == _n && depth == 0) return all_done;
+    if (_n - at < header_size) return stop(at == _n ? "the end of a container is missing" : "cut inside a header");
+    head = header_at(_bytes + at);
+    switch (head.marker) {
+    case NV_iterator::marker_start:
+        return start_container();
+    case NV_iterator::marker_end:
+        return end_container();
+    case NV_iterator::marker_value:
+        return pass_value();
+    default:
+        return stop("no record");
+    }
+}
+
+Record_walk::Step Record_walk::start_container() {
+    if (!is_container_type(head.type_byte)) return stop("a container of an unknown type");
+    if (depth == deepest) return stop("nested too deeply");
+    _open[depth++] = at;
+    end += header_size;
+    return container_started;
+}
+
+Record_walk::Step Record_walk::end_container() {
+    if (depth == 0) return stop("the end of a container that did not start");
+    const int start = _open[depth - 1];
+    const NV_iterator::NV_iterator_header own = header_at(_bytes + start);
+    if (head.id != own.id || head.type_byte != own.type_byte) return stop("the end of another container");
+    const int crc_at = at + header_size;
+    if (_n - crc_at < crc_size) return stop("cut inside a checksum");
+    stored = word_at(_bytes + crc_at);
+    computed = crc_of(_bytes + start, crc_at - start);
+    end = crc_at + crc_size;
+    --depth;
+    return container_ended;
+}
+
+Record_walk::Step Record_walk::pass_value() {
+    const int room = _n - at - header_size;
+    const int size = value_size(head.type_byte, _bytes + at + header_size, room);
+    if (size < 0) return stop(room > 0 ? "a value of an unknown type or length" : "cut inside a value");
+    if (size > room) return stop("cut inside a value");
+    end += header_size + size;
+    return value_met;
+}
+
+bool Stored_record::read(const unsigned char* bytes, int n) {
+    Record_walk walk(bytes, n);
+    do {
+        const Record_walk::Step step = walk.next();
+        if (step == Record_walk::stuck || step == Record_walk::all_done) return false;
+        if (step == Record_walk::container_ended && walk.stored != walk.computed) return false;
+    } while (walk.depth > 0);
     head = header_at(bytes);
     at = bytes;
-    if (head.marker == NV_iterator::marker_value) {
-        const int value = value_size(head.type_byte, bytes + header_size, n - header_size);
-        size = header_size + value;
-        return value >= 0 && size <= n;
-    }
-    if (!is_container() || !is_container_type(head.type_byte)) return false;
-    int end = header_size;
-    for (;;) {
-        if (n - end < header_size) return false;
-        const NV_iterator::NV_iterator_header next = header_at(bytes + end);
-        if (next.marker == NV_iterator::marker_end) {
-            if (next.id != head.id || next.type_byte != head.type_byte) return false;
-            break;
-        }
-        Stored_record child;
-        if (!child.read(bytes + end, n - end, depth + 1)) return false;
-        end += child.size;
-    }
-    end += header_size;
-    size = end + crc_size;
-    return size <= n && word_at(bytes + end) == crc_of(bytes, end);
+    size = walk.end;
+    return true;
 }
 
 size_t whole_records(const std::string& bytes, const NV_container& root) {

@@ -8,6 +8,43 @@ namespace NV_store {
 
 class NV_container;
 
+/// Goes through the records of an image or a journal from front to back, header by header, into containers and out of
+/// them, whatever the bytes are. No tree is needed.
+class KAV_API Record_walk {
+public:
+    enum Step : unsigned char {
+        container_started,
+        value_met,
+        container_ended, ///< its checksum may be right or wrong
+        all_done,        ///< the last record ended with the bytes
+        stuck            ///< the bytes from `at` on make no sense
+    };
+    static constexpr int deepest = 64; ///< [levels] of containers
+
+    /// `n` [bytes] that outlive the walk.
+    Record_walk(const unsigned char* bytes, int n) : _bytes(bytes), _n(n) {}
+    /// Not to be called again once it is done or stuck.
+    Step next();
+
+    // What the last step met.
+    NV_iterator::NV_iterator_header head = {};
+    int at = 0;                        ///< [bytes] of its header from the start
+    int depth = 0;                     ///< containers that are open after the step
+    int end = 0;                       ///< [bytes] up to which the walk has come
+    uint32_t stored = 0, computed = 0; ///< checksums of a container that ended
+    const char* why = "";              ///< it is stuck
+
+private:
+    Step stop(const char* reason);
+    Step start_container();
+    Step end_container();
+    Step pass_value();
+
+    const unsigned char* const _bytes;
+    const int _n;
+    int _open[deepest]; ///< where the open containers start
+};
+
 /// A whole record in memory: its sizes fit and, for a container, all checksums in it are right. Looks at bytes alone;
 /// no tree is needed and no setting touched.
 struct KAV_API Stored_record {
@@ -20,10 +57,7 @@ struct KAV_API Stored_record {
     int content_size() const { return is_container() ? size - 12 : size - 4; } ///< without header, end and checksum
 
     /// Read the record at `bytes`: false when what is there is none, or not whole within `n` [bytes].
-    bool read(const unsigned char* bytes, int n) { return read(bytes, n, 0); }
-
-private:
-    bool read(const unsigned char* bytes, int n, int depth);
+    bool read(const unsigned char* bytes, int n);
 };
 
 /// [bytes] of the container records of `root` that stand one after the other at the start of an image or a journal;
