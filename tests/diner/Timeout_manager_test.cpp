@@ -168,6 +168,10 @@ TEST_F(Timeouts, agree_with_a_plain_list_through_a_long_random_use) {
             if (up_to(200) == 0) {
                 m.terminate();
                 pending.clear();
+            } else if (up_to(20) == 0) {
+                const int ms = up_to(2000) - 1000;
+                clock.advance(ms);
+                m.clock_stepped(ms);
             }
             break;
         default:

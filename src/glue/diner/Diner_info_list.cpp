@@ -50,12 +50,12 @@ int Diner_info_list::num_alive() const {
 }
 
 void Diner_info_list::add(Diner_info& info) {
-    const Guard guard(_mutex);
+    const Guard guard(_mutex), members(_members);
     _infos.push(&info);
 }
 
 void Diner_info_list::remove(Diner_info& info) {
-    const Guard guard(_mutex);
+    const Guard guard(_mutex), members(_members);
     _infos.remove(&info);
 }
 
@@ -86,6 +86,14 @@ void Diner_info_list::test_lock() {
 void Diner_info_list::set_debug_level(int index, unsigned char level) {
     const Guard guard(_mutex);
     if (Diner_info* info = _infos[index]) info->set_debug_level(level);
+}
+
+void Diner_info_list::clock_stepped(int32_t seconds, int ms) {
+    const Guard members(_members); // not the other lock: the caller may hold that of a diner
+    for (Diner_info& info : _infos) {
+        info.diner.timeouts.clock_stepped(int64_t{seconds} * 1000 + ms);
+        info.diner.waiter.send_anonymous_event(); // it may have read the old expiry
+    }
 }
 
 int Diner_info_list::print_alive() const {

@@ -7,7 +7,7 @@
 #include "util/sl_list.h"
 
 /// The process's list of diners, its event pool and its source of module ids. Any thread; its lock is a leaf: never
-/// print the table from a handler that can block on the list.
+/// print the table from a handler that can block on the list. Only clock_stepped() is meant to be called from handlers.
 ///
 /// Objects built after the first get() die before it, while diners still run: terminate diners before main returns.
 class KAV_API Diner_info_list : public module_man {
@@ -29,11 +29,20 @@ public:
     /// who holds up a shut-down. Returns their number.
     int print_alive() const;
 
+    /// To be called right after the system's clock was set by `seconds` [s] and `ms` [ms], both of the same sign: the
+    /// pending timeouts of all diners move along, and every diner is woken once to look at them. From a handler too.
+    ///
+    /// Without it timeouts keep their instants. A forward step then fires them early, a periodic one once for each
+    /// period that was skipped; a backward step holds them up until the clock is there again. The same happens to what
+    /// a diner does between the step and this call, so a clock is best set where nothing comes in between.
+    void clock_stepped(int32_t seconds, int ms);
+
 private:
     Diner_info_list() = default;
     ~Diner_info_list();
     int num_alive() const;
 
-    mutable Mutex _mutex;
+    mutable Mutex _mutex; ///< guards the list; taken before the diners' own locks
+    Mutex _members;       ///< also held while the list changes: a leaf but for the timeouts and waiters of diners
     c_sl_list<Diner_info> _infos;
 };

@@ -13,6 +13,14 @@ using Guard = std::lock_guard<Mutex>;
 /// The order of the trees: that of timeouts_compare(), cheaper. Of equal ones the tree takes the lower address first.
 int by_expiry(const Timeout* a, const Timeout* b) { return (a->ms() > b->ms()) - (a->ms() < b->ms()); }
 
+/// Become the instant `ms` [ms] after the epoch, or the first or last one that there is.
+void set_ms(Atime& at, int64_t ms) {
+    ms = std::clamp(ms, int64_t{INT32_MIN} * 1000, int64_t{INT32_MAX} * 1000 + 999);
+    const int64_t seconds = (ms >= 0 ? ms : ms - 999) / 1000;
+    at.time = static_cast<int32_t>(seconds);
+    at.millitm = static_cast<uint16_t>(ms - seconds * 1000);
+}
+
 /// Result of a removal. Printed without the mutex held.
 int report(bool removed) {
     if (!removed) Debug_print::dprint("Failed to remove timeout, did client get right Diner?\n");
@@ -132,9 +140,7 @@ bool Timeout_manager::next_expiry(Atime& expiry) const {
     }
     print();
     if (ms == none_pending) return false;
-    const int64_t seconds = (ms >= 0 ? ms : ms - 999) / 1000;
-    expiry.time = static_cast<int32_t>(seconds);
-    expiry.millitm = static_cast<uint16_t>(ms - seconds * 1000);
+    set_ms(expiry, ms);
     return true;
 }
 
@@ -169,6 +175,7 @@ Timeout* Timeout_manager::expired_timeout() {
         const Guard guard(_mutex);
         t = get_timeout_locked(true, true);
         cur_expired_timeout = t;
+        _stepped = 0;
     }
     print();
     return t;
@@ -176,20 +183,21 @@ Timeout* Timeout_manager::expired_timeout() {
 
 Timeout_manager::Pass Timeout_manager::begin_pass() const {
     const Guard guard(_mutex);
-    return Pass(Atime::now(), _submissions);
+    return Pass(Atime::now(), _submissions, _steps);
 }
 
 Timeout* Timeout_manager::expired_timeout(Pass& pass) {
     Timeout* t = nullptr;
     {
         const Guard guard(_mutex);
-        if (next() <= Timeout::ms_of(pass._begin)) t = first();
+        if (pass._steps == _steps && next() <= Timeout::ms_of(pass._begin)) t = first();
         if (t && static_cast<int32_t>(t->_submission - pass._submissions) > 0) t = nullptr; // submitted since
         if (t) {
             pass._remaining_ms = t->expiry - pass._begin;
             t = hand_out(t);
         }
         cur_expired_timeout = t;
+        _stepped = 0;
     }
     print();
     return t;
@@ -203,9 +211,29 @@ bool Timeout_manager::reschedule_periodic_timeout(Timeout& t) {
                                "bool Timeout_manager::reschedule_periodic_timeout(Timeout&)");
     cur_expired_timeout = nullptr;
     if (t.period < 1 || !take_out(t)) return false;
-    t.expiry += t.period;
+    set_ms(t.expiry, t.ms() + t.period + _stepped);
     make_pending(t);
     return true;
+}
+
+void Timeout_manager::clock_stepped(int64_t ms) {
+    const Guard guard(_mutex);
+    ++_steps;
+    _stepped += ms;
+    Timeout_list all;
+    for (Timeout_list* list : {&_unsorted, &_sorted}) {
+        while (Timeout* t = list->first()) {
+            list->remove(*t);
+            all.push(*t);
+        }
+    }
+    for (Timeout* t; (t = alive.first()) && alive.remove(t) == 0;) all.push(*t);
+    _next.store(none_pending, std::memory_order_release);
+    while (Timeout* t = all.first()) {
+        all.remove(*t);
+        set_ms(t->expiry, t->ms() + ms);
+        make_pending(*t);
+    }
 }
 
 bool Timeout_manager::submitted(const Timeout& t) const {

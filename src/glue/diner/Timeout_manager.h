@@ -11,8 +11,9 @@
 /// The pending and the handed-out timeouts of one diner, each ordered by expiry, then address.
 ///
 /// Handlers run on the diner's thread under the diner's lock; other threads submit and remove without it. A private
-/// leaf mutex guards the trees; it is never held while a handler runs. Any thread may call any member, except
-/// expired_timeout() and reschedule_periodic_timeout(), which belong to the diner's thread.
+/// leaf mutex guards the trees; it is never held while a handler runs, and nothing but the debug output is called with
+/// it held. Any thread may call any member, except expired_timeout() and reschedule_periodic_timeout(), which belong to
+/// the diner's thread.
 class KAV_API Timeout_manager {
 public:
     Timeout_manager();
@@ -36,7 +37,7 @@ public:
     Timeout* expired_timeout();
     /// One pass of a diner over its timeouts: what is pending and due when it begins, missed periods included. It ends
     /// at a timeout that was submitted since, so that a handler slower than its period, or one that submits its timeout
-    /// due again, cannot keep the diner from its events.
+    /// due again, cannot keep the diner from its events, and when the clock was stepped since.
     class Pass {
     public:
         /// [ms] from the begin of the pass until the timeout handed out last falls due: not positive. (Its own expiry
@@ -45,9 +46,11 @@ public:
 
     private:
         friend class Timeout_manager;
-        Pass(const Atime& begin, uint32_t submissions) : _begin(begin), _submissions(submissions) {}
+        Pass(const Atime& begin, uint32_t submissions, uint32_t steps)
+            : _begin(begin), _submissions(submissions), _steps(steps) {}
         Atime _begin;
         uint32_t _submissions;
+        uint32_t _steps;
         int _remaining_ms = 0;
     };
     Pass begin_pass() const;
@@ -59,6 +62,12 @@ public:
     bool reschedule_periodic_timeout(Timeout& t);
     bool submitted(const Timeout& t) const; ///< pending here. O(1)
     bool holds(const Timeout& t) const;     ///< pending or handed out here. O(1)
+    /// The clock was set by `ms` [ms]: every pending timeout moves with it, at most to the last instant that there is,
+    /// and so does the next expiry of a periodic one whose handler is running. O(n log n)
+    ///
+    /// The expiries change under the mutex alone: who looks at one of a pending timeout on another thread meanwhile may
+    /// see it half changed.
+    void clock_stepped(int64_t ms);
     /// Make every timeout free and clear its diner. O(n log n)
     void terminate();
 
@@ -96,6 +105,8 @@ private:
     mutable Timeout_list _unsorted;
     mutable Timeout_list _sorted;
     uint32_t _submissions = 0; ///< so far
+    uint32_t _steps = 0;       ///< of the clock, so far
+    int64_t _stepped = 0;      ///< [ms] by how much, since cur_expired_timeout was handed out
     /// The earliest expiry [ms], readable without the mutex: the diner's loop asks for it at every event. A submission
     /// is followed by a wake-up, so a loop that has read the old value reads again.
     mutable std::atomic<int64_t> _next{none_pending};
