@@ -16,6 +16,7 @@ public:
         hesitant, ///< each fetch reads one portion, enough or not
     };
 
+    /// Portion 0: 1 to 256 bytes, by chance.
     explicit Fed_stream(std::string bytes = {}, Manner m = pushed, size_t portion = SIZE_MAX)
         : _source(std::move(bytes)), _manner(m), _portion(portion) {
         if (m == pushed) stream_lock = &_mutex;
@@ -50,7 +51,8 @@ public:
 
 private:
     uint32_t read() {
-        const auto n = static_cast<uint32_t>(std::min(_portion, _source.size() - _next));
+        const size_t portion = _portion ? _portion : 1 + _chance() % 256;
+        const auto n = static_cast<uint32_t>(std::min(portion, _source.size() - _next));
         const uint32_t stored = buffer.put(reinterpret_cast<const unsigned char*>(_source.data()) + _next, n);
         _next += stored;
         return stored;
@@ -60,6 +62,7 @@ private:
     size_t _next = 0; ///< of `_source`: not yet read
     const Manner _manner;
     const size_t _portion;
+    std::minstd_rand _chance;
     Mutex _mutex;
 };
 

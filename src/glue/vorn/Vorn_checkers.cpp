@@ -3,7 +3,9 @@
 #include "glue/vorn/GNSS_messages.h"
 #include <algorithm>
 
-bool Vorn_length_checker::check(Data_stream&, unsigned short id, int total_len) {
+bool Vorn_length_checker::check(Data_stream&, unsigned short id, int total_len) { return possible(id, total_len); }
+
+bool Vorn_length_checker::possible(unsigned short id, int total_len) const {
     const GNSS_messages::Info* known = GNSS_messages::find(id);
     if (!known) return false;
     int longest = known->max_length;

@@ -10,6 +10,8 @@
 class KAV_API Vorn_length_checker : public Vorn_parser::Checker {
 public:
     bool check(Data_stream& stream, unsigned short id, int total_len) override;
+    /// True when the catalogue has the message and it can be so long, header and checksum included [bytes].
+    bool possible(unsigned short id, int total_len) const;
 
     /// Longest frames accepted [bytes] of the messages whose length the catalogue leaves open: one element per
     /// satellite, and text.

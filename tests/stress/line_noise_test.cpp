@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: MIT
+// A line that spoils one frame in twenty, one kind of fault at a time: what the parser makes of it is what its slow
+// model makes of it, and with the checkers and the salvage the sound frames around a fault arrive. With --nightly
+// 100,000 frames from each of three seeds.
+#include "glue/vorn/GNSS_messages.h"
+#include "glue/vorn/Vorn_checkers.h"
+#include "glue/vorn/Vorn_salvage.h"
+#include "support/frame.h"
+#include "util/Debug_print.h"
+#include "vorn/parser_model.h"
+#include <gtest/gtest.h>
+
+namespace {
+
+bool nightly = false;
+
+class Chance {
+public:
+    explicit Chance(uint64_t seed) : _x(seed * 0x9E3779B97F4A7C15u + 1) {}
+    unsigned below(unsigned n) {
+        _x ^= _x >> 12, _x ^= _x << 25, _x ^= _x >> 27;
+        return static_cast<unsigned>((_x * 2685821657736338717u >> 32) % n);
+    }
+    std::string bytes(unsigned n, char from = 0, unsigned range = 256) {
+        std::string s;
+        while (n--) s += static_cast<char>(static_cast<unsigned>(from) + below(range));
+        return s;
+    }
+
+private:
+    uint64_t _x;
+};
+
+enum Mode { any_bytes, no_line_ends, many_line_ends, printable, modes };
+
+constexpr const char* identifiers[] = {"E1", "E2", "EC", "NN", "SI", "SS", "EL", "AZ", "TC"};
+
+std::string sent_frame(Chance& c, Mode mode, unsigned number) {
+    for (;;) {
+        std::string body;
+        for (int shift = 28; shift >= 0; shift -= 4) body += static_cast<char>('g' + (number >> shift) % 16);
+        for (unsigned n = c.below(53); n > 0; --n) {
+            body += mode == printable                           ? c.bytes(1, ' ', 95)
+                    : mode == many_line_ends && c.below(8) == 0 ? c.bytes(1, 0, 2)[0] ? "\r" : "\n"
+                                                                : c.bytes(1);
+        }
+        const std::string frame = Frame(identifiers[c.below(9)]).text(body).str();
+        if (mode % 2 == 0 || frame.find_first_of("\r\n") == std::string::npos) return frame;
+    }
+}
+
+std::string length_digits(std::string frame, unsigned length) {
+    char digits[4];
+    snprintf(digits, sizeof digits, "%03X", length & 0xFFF);
+    return frame.replace(2, 3, digits);
+}
+
+enum Bound {
+    harmless,
+    around,
+    inside,
+    refused
+}; ///< what may be lost: nothing, see the test; `refused` the frame itself
+
+struct Fault {
+    const char* name;
+    Bound bound;
+    bool sound; ///< the frame itself counts among those that should arrive
+    std::string (*bytes)(Chance& c, std::string frame);
+};
+
+// clang-format off
+const Fault faults[] = {
+    {"LF behind", harmless, true, [](Chance&, std::string f) { return f + "\n"; }},
+    {"CR behind", harmless, true, [](Chance&, std::string f) { return f + "\r"; }},
+    {"CR LF behind", harmless, true, [](Chance&, std::string f) { return f + "\r\n"; }},
+    {"CR LF CR LF behind", harmless, true, [](Chance&, std::string f) { return f + "\r\n\r\n"; }},
+    {"zeros before", harmless, true, [](Chance& c, std::string f) { return std::string(1 + c.below(8), 0) + f + "\r\n"; }},
+    {"frame twice", harmless, true, [](Chance&, std::string f) { return f + "\r\n" + f + "\r\n"; }},
+    {"reply before", harmless, true, [](Chance&, std::string f) { return "RE007%abc%ok\r\n" + f + "\r\n"; }},
+    {"reply without LF before", harmless, true, [](Chance&, std::string f) { return "RE007%abc%ok\r" + f + "\r\n"; }},
+    {"header of length 0", harmless, true, [](Chance&, std::string f) { return "EL000\r\n" + f + "\r\n"; }},
+    {"length without digits", harmless, true, [](Chance&, std::string f) { return "EL0G1abc\r\n" + f + "\r\n"; }},
+    {"1-64 bytes and LF before", harmless, true, [](Chance& c, std::string f) { return c.bytes(1 + c.below(64)) + "\n" + f + "\r\n"; }},
+    {"1-64 bytes before", around, true, [](Chance& c, std::string f) { return c.bytes(1 + c.below(64)) + f + "\r\n"; }},
+    {"1-64 printable before", around, true, [](Chance& c, std::string f) { return c.bytes(1 + c.below(64), ' ', 95) + f + "\r\n"; }},
+    {"200 bytes at a wrong speed", around, true, [](Chance& c, std::string f) {
+        std::string noise;
+        while (noise.size() < 200) noise += "\x00\x80\xC0\xE0\xF0\xF8\xFC\xFE\xFF\x1E\x66\x78\x86\x98\x9E\xE6"[c.below(16)];
+        return noise + f + "\r\n"; }},
+    {"what looks like a header", around, true, [](Chance& c, std::string f) {
+        return length_digits(identifiers[c.below(9)] + std::string("000"), c.below(4096)) + c.bytes(c.below(21)) + f + "\r\n"; }},
+    {"cut", around, false, [](Chance& c, std::string f) { return f.substr(0, 1 + c.below(static_cast<unsigned>(f.size()) - 1)); }},
+    {"cut, line end kept", inside, false, [](Chance& c, std::string f) { return f.substr(0, 1 + c.below(static_cast<unsigned>(f.size()) - 1)) + "\r\n"; }},
+    {"1-8 bytes lost", inside, false, [](Chance& c, std::string f) { return f.erase(c.below(static_cast<unsigned>(f.size()) - 8), 1 + c.below(8)) + "\r\n"; }},
+    {"a byte doubled", inside, false, [](Chance& c, std::string f) {
+        const unsigned i = c.below(static_cast<unsigned>(f.size()));
+        return f.insert(i, 1, f[i]) + "\r\n"; }},
+    {"twice without line end", around, true, [](Chance&, std::string f) { return f + f + "\r\n"; }},
+    {"zeros behind", refused, true, [](Chance& c, std::string f) { return f + std::string(1 + c.below(4), 0) + "\r\n"; }},
+    {"no line end", refused, true, [](Chance&, std::string f) { return f; }},
+    {"a bit flipped", inside, false, [](Chance& c, std::string f) {
+        f[c.below(static_cast<unsigned>(f.size()))] ^= static_cast<char>(1u << c.below(8));
+        return f + "\r\n"; }},
+    {"length off by 1-3", inside, false, [](Chance& c, std::string f) {
+        const unsigned off = 1 + c.below(3), length = static_cast<unsigned>(f.size()) - 5;
+        return length_digits(f, c.below(2) ? length + off : length - off) + "\r\n"; }},
+    {"length 000-FFF", inside, false, [](Chance& c, std::string f) { return length_digits(f, c.below(4096)) + "\r\n"; }},
+    {"length FFF", inside, false, [](Chance&, std::string f) { return length_digits(f, 0xFFF) + "\r\n"; }},
+    {"length FF0-FFF", inside, false, [](Chance& c, std::string f) { return length_digits(f, 0xFF0 + c.below(16)) + "\r\n"; }},
+};
+// clang-format on
+
+struct Line {
+    Line(const Fault& fault, Mode mode, unsigned n, uint64_t seed) : frames(n), sound(n, true) {
+        Chance c(seed);
+        for (unsigned i = 0; i < n; ++i) {
+            frames[i] = sent_frame(c, mode, i);
+            const bool spoiled = c.below(20) == 0;
+            bytes += spoiled ? fault.bytes(c, frames[i]) : frames[i] + "\r\n";
+            if (spoiled) ++spoilt, sound[i] = fault.sound;
+        }
+    }
+    std::string bytes;
+    std::vector<std::string> frames;
+    std::vector<bool> sound;
+    unsigned spoilt = 0;
+};
+
+/// What came of a line.
+struct Outcome {
+    std::string packets; ///< frames and replies, one behind the other
+    unsigned lost = 0, longest_run = 0, false_frames = 0;
+};
+
+Outcome outcome(const Line& line, size_t portion, bool checked) {
+    Outcome o;
+    std::vector<bool> arrived(line.frames.size());
+    const auto take = [&](const unsigned char* bytes, int len) {
+        const std::string frame(bytes, bytes + len - 1);
+        size_t number = 0;
+        for (const char digit : frame.substr(5, 8)) number = number * 16 + static_cast<unsigned char>(digit - 'g');
+        if (number < arrived.size() && line.frames[number] == frame)
+            arrived[number] = true;
+        else
+            ++o.false_frames;
+    };
+    Fed_stream stream(line.bytes, Fed_stream::pushed, portion);
+    Vorn_parser parser(&stream, false);
+    Vorn_checksum_checker checker;
+    checker.longest_array = 80;
+    if (checked) parser.set_checker(&checker);
+    parser.keep_on_reject = checked;
+    Vorn_salvage salvage;
+    unsigned char packet[8192];
+    while (!stream.dry()) {
+        stream.feed();
+        int len, n;
+        while (const int kind = parser.get_packet(packet, sizeof packet, len)) {
+            if (kind != Vorn_parser::kind_text) o.packets.append(packet, packet + len);
+            if (kind == Vorn_parser::kind_frame && Vorn_message(packet, static_cast<uint32_t>(len)).check_checksum()) {
+                salvage.forget();
+                take(packet, len);
+            } else if (checked) {
+                salvage.add(packet, len);
+                while (const unsigned char* frame = salvage.next(n)) take(frame, n);
+            }
+        }
+    }
+    for (size_t i = 0, run = 0; i < arrived.size(); ++i) {
+        run = line.sound[i] && !arrived[i] ? run + 1 : line.sound[i] ? 0 : run;
+        o.lost += line.sound[i] && !arrived[i];
+        o.longest_run = std::max(o.longest_run, static_cast<unsigned>(run));
+    }
+    return o;
+}
+
+TEST(line_noise, is_parsed_as_by_the_slow_model_however_it_is_read) {
+    for (const Fault& fault : faults) {
+        for (int mode = 0; mode < modes; ++mode) {
+            SCOPED_TRACE(std::string(fault.name) + ", bodies of kind " + std::to_string(mode));
+            const Line line(fault, static_cast<Mode>(mode), nightly ? 30000 : 400, 1);
+            const std::string whole = outcome(line, 256, false).packets;
+            for (const size_t portion : {1, 256, 0}) {
+                EXPECT_EQ(difference({line.bytes, Fed_stream::pushed, portion}), "") << portion;
+                EXPECT_EQ(outcome(line, portion, false).packets, whole) << portion;
+            }
+        }
+    }
+}
+
+TEST(line_noise, costs_few_sound_frames_with_the_checkers_and_the_salvage) {
+    // Sound frames lost per fault, worst seed: by the rules alone; with all; the longest run lost with all.
+    printf("%-28s %31s  %31s  %s\n", "", "rules alone, bodies 0 1 2 3", "all", "run");
+    unsigned total_faults = 0, total_false = 0;
+    for (const Fault& fault : faults) {
+        double alone[modes] = {}, all[modes] = {};
+        unsigned run = 0;
+        for (int mode = 0; mode < modes; ++mode) {
+            for (uint64_t seed = 1; seed <= (nightly ? 3 : 1); ++seed) {
+                const Line line(fault, static_cast<Mode>(mode), nightly ? 100000 : 10000, seed);
+                const Outcome bare = outcome(line, 256, false), checked = outcome(line, 256, true);
+                alone[mode] = std::max(alone[mode], 1.0 * bare.lost / line.spoilt);
+                all[mode] = std::max(all[mode], 1.0 * checked.lost / line.spoilt);
+                run = std::max(run, checked.longest_run);
+                total_faults += line.spoilt;
+                total_false += checked.false_frames;
+            }
+            const double many = mode == many_line_ends ? 0.03 : 0.005;
+            const double allowed[] = {0, many, mode == many_line_ends ? 0.004 : 0.001, 1 + many};
+            EXPECT_LE(all[mode], allowed[fault.bound]) << fault.name << ", bodies of kind " << mode;
+        }
+        EXPECT_LE(run, 6u) << fault.name;
+        printf("%-28s %7.3f %7.3f %7.3f %7.3f  %7.3f %7.3f %7.3f %7.3f  %3u\n", fault.name, alone[0], alone[1],
+               alone[2], alone[3], all[0], all[1], all[2], all[3], run);
+    }
+    printf("false frames: %u of %u faults\n", total_false, total_faults);
+    EXPECT_LE(total_false, total_faults * 15 / 10000);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    nightly = argc > 1 && strcmp(argv[1], "--nightly") == 0;
+    Debug_print::set_debug_file("/dev/null"); // refusals
+    return RUN_ALL_TESTS();
+}
