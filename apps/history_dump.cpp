@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Prints the error history in a folder, oldest record first: the files of a controller's flash store, or a copy of
 // them. Only reads, so it may run beside the program that has the store mounted.
+// Status 1: the outside world failed, 2: wrong arguments.
+#include "fail.h"
 #include "glue/data_stream/File_data_stream.h"
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
@@ -8,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,18 +37,6 @@ const char usage[] = "usage: history_dump FOLDER [BASE] [filters] [--csv]\n"
                      "  --csv        comma-separated form\n"
                      "  --help       this text\n"
                      "Numbers may be given in hexadecimal: 0x80.\n";
-
-/// The program's one way to fail: one line on standard error. Status 1: the outside world, 2: wrong arguments.
-[[noreturn]] KAV_PRINTF(2, 3) void fail(int status, const char* fmt, ...) {
-    fflush(stdout);
-    va_list args;
-    va_start(args, fmt);
-    fputs("history_dump: ", stderr);
-    vfprintf(stderr, fmt, args);
-    fputc('\n', stderr);
-    va_end(args);
-    exit(status);
-}
 
 /// A printing sink: its filter is the one that replays have.
 class Printer : public Diagnostic_history {

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Shows what a receiver says: attaches to a serial line, or reads a recorded file or standard input, and prints one
 // line per packet. Packets go to standard output and everything else to standard error, so that a redirected log is
-// clean.
+// clean. Status 1: the outside world failed, 2: wrong arguments.
 #include "Report.h"
+#include "fail.h"
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "glue/diner/Diner_info_list.h"
@@ -34,18 +35,6 @@ const char usage[] = "usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--sta
                      "  --csv       comma-separated form\n"
                      "  --stats     a summary on standard error at the end\n"
                      "  --help      this text\n";
-
-/// The program's one way to fail: one line on standard error. Status 1: the outside world, 2: wrong arguments.
-[[noreturn]] KAV_PRINTF(2, 3) void fail(int status, const char* fmt, ...) {
-    fflush(stdout);
-    va_list args;
-    va_start(args, fmt);
-    fputs("vorn_monitor: ", stderr);
-    vfprintf(stderr, fmt, args);
-    fputc('\n', stderr);
-    va_end(args);
-    exit(status);
-}
 
 struct Options {
     std::string device; ///< as given to -c; empty when a file is read

@@ -4,21 +4,11 @@
 #include "support/frame.h"
 #include <gtest/gtest.h>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
 
-Child_result dump(std::vector<std::string> arguments) {
-    return run_child([&] {
-        arguments.insert(arguments.begin(), "history_dump");
-        std::vector<char*> argv;
-        for (auto& a : arguments) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(HISTORY_DUMP, argv.data());
-        _exit(126);
-    });
-}
+Child_result dump(const std::vector<std::string>& arguments) { return run_program(HISTORY_DUMP, arguments); }
 
 std::string record(unsigned src, unsigned error, unsigned time) {
     return Frame("SP").u1(src).u2(287).u2(error).u4(time).u1(125).str() + "\n";

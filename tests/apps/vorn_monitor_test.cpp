@@ -30,13 +30,7 @@ void exec_monitor(std::vector<std::string> arguments) {
 
 /// Run the monitor to its end, with `input` as standard input.
 Child_result run_monitor(const std::vector<std::string>& arguments, const std::string& input = "") {
-    return run_child([&] {
-        FILE* in = tmpfile();
-        fwrite(input.data(), 1, input.size(), in);
-        rewind(in);
-        dup2(fileno(in), STDIN_FILENO);
-        exec_monitor(arguments);
-    });
+    return run_program(VORN_MONITOR, arguments, input);
 }
 
 /// A recording: messages, replies, damage, noise, and the beginning of a frame at the end.

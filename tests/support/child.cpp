@@ -64,3 +64,18 @@ Child_result run_child(const std::function<void()>& body, int limit_s) {
     if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
     return result;
 }
+
+Child_result run_program(const char* path, std::vector<std::string> arguments, const std::string& input) {
+    return run_child([&] {
+        FILE* const in = tmpfile();
+        fwrite(input.data(), 1, input.size(), in);
+        rewind(in);
+        dup2(fileno(in), STDIN_FILENO);
+        arguments.insert(arguments.begin(), path);
+        std::vector<char*> argv;
+        for (auto& a : arguments) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execv(path, argv.data());
+        _exit(126);
+    });
+}

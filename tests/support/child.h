@@ -2,6 +2,7 @@
 #pragma once
 #include <functional>
 #include <string>
+#include <vector>
 
 /// What became of a child process.
 struct Child_result {
@@ -15,3 +16,5 @@ struct Child_result {
 /// Run `body` in a forked child with piped output; a body that returns ends in exit(0). The child is killed after
 /// `limit_s`. For code that ends the process; start no threads before the call.
 Child_result run_child(const std::function<void()>& body, int limit_s = 60);
+/// Run a program with these arguments and this text as standard input.
+Child_result run_program(const char* path, std::vector<std::string> arguments, const std::string& input = "");
