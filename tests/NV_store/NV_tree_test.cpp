@@ -40,6 +40,7 @@ TEST_F(Tree, Finds_items_by_path) {
                  {"sections/2abc", &tree.sections.right},
                  {"sections/3", nullptr},
                  {"sections/-1", nullptr},
+                 {"sections/4294967296", nullptr},
                  {"sections/width", nullptr},
                  {"wheel/", nullptr},
                  {"speed/x", nullptr},
@@ -48,7 +49,11 @@ TEST_F(Tree, Finds_items_by_path) {
                  {"whee", nullptr},
                  {"sections/0/", nullptr}};
     for (const auto& row : table) EXPECT_EQ(tree.find_data_item(row.path), row.found) << row.path;
-    EXPECT_EQ(tree.find_data_item(std::string(5000, 'x').c_str()), nullptr);
+    // A last component may be longer than one that something follows.
+    const std::string long_name(300, 'x');
+    NV_uint8 cut(&tree, 98, long_name.c_str() + 44), whole(&tree, 99, long_name.c_str());
+    EXPECT_EQ(tree.find_data_item(long_name.c_str()), &whole);
+    EXPECT_EQ(tree.find_data_item((long_name + "/").c_str()), nullptr);
     EXPECT_EQ(tree.find_data_item(tree.wheel.offset.get_data_id()), &tree.wheel.offset);
     EXPECT_NE(tree.wheel.offset.get_id(), tree.wheel.offset.get_data_id());
 }

@@ -2,11 +2,11 @@
 #include "glue/NV_store/NV_container.h"
 #include "glue/NV_store/NV_path.h"
 #include "glue/NV_store/NV_root.h"
-#include "glue/cds/CDS_remote.h"
+#include "glue/cds/Item_walk.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"
+#include "util/number_text.h"
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -95,21 +95,23 @@ Data_item* NV_container::find_data_item(unsigned short data_id) {
 }
 
 NV_item* NV_container::_search(const char* path) {
-    constexpr size_t most = 256; // [characters] of a component
+    constexpr size_t most = 256; // [characters] of a component that something follows
     const char* const slash = strchr(path, '/');
     const char* const comma = slash ? nullptr : strchr(path, ',');
-    const char* const end = slash ? slash : comma ? comma : path + strlen(path);
-
-    char component[most + 1];
-    const size_t n = std::min(static_cast<size_t>(end - path), comma ? most - 1 : most);
-    memcpy(component, path, n);
-    component[n] = 0;
+    char first[most + 1];
+    const char* component = path;
+    if (const char* const end = slash ? slash : comma) {
+        const size_t n = std::min(static_cast<size_t>(end - path), comma ? most - 1 : most);
+        memcpy(first, path, n);
+        first[n] = 0;
+        component = first;
+    }
 
     NV_item* found = nullptr;
     if (!children_named()) {
-        unsigned int number;
-        if (sscanf(component, "%u", &number) != 1 || number >= static_cast<unsigned int>(num_children()))
-            return nullptr;
+        const char* end;
+        const uint32_t number = Util::to_ulong32(component, 10, &end);
+        if (end == component || number >= static_cast<uint32_t>(num_children())) return nullptr;
         found = (*this)[static_cast<int>(number)];
     } else {
         for (NV_item& child : children)
@@ -157,39 +159,19 @@ void NV_container::_print(Debug::Dumper& dumper) const {
     dumper.end(name);
 }
 
-template <class Operation>
-Data_item::Serial_ret NV_container::walk(Operation operation) {
-    for (NV_item& child : children) {
-        Serial_ret result = operation(child);
-        if (result.fail()) {
-            result.sync_next(children.next(&child));
-            return result;
-        }
-    }
-    return serial_ok();
-}
-
 Data_item::Serial_ret NV_container::serialise(CDS::Remote::Send_buffer& out, unsigned short& start_id) {
     serial_action_started(start_id);
-    return walk([&](NV_item& child) { return child.serialise(out, start_id); });
+    return walk_children(children, [&](NV_item& child) { return child.serialise(out, start_id); });
 }
 
 Data_item::Serial_ret NV_container::deserialise(CDS::Remote::Receive_buffer& in, unsigned short& start_id) {
     serial_action_started(start_id);
-    return walk([&](NV_item& child) { return child.deserialise(in, start_id); });
+    return walk_children(children, [&](NV_item& child) { return child.deserialise(in, start_id); });
 }
 
 void NV_container::serialise_structure(CDS::Remote::Send_buffer& out, int depth) {
     NV_item::serialise_structure(out, depth);
-    if (depth == 0) return;
-    const int below = depth > 0 && depth < 255 ? depth - 1 : depth;
-    const char* separator = "{";
-    for (NV_item& child : children) {
-        out.str_append(separator);
-        child.serialise_structure(out, below);
-        separator = ",";
-    }
-    out.str_append(children.size() ? "}" : "{}");
+    describe_children(children, out, depth);
 }
 
 int NV_container::_to_string(char* buffer, int size) const {

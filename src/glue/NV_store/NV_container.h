@@ -70,8 +70,6 @@ public:
     bool signal_all(NV_root* r) override;
 
 protected:
-    template <class Operation>
-    Serial_ret walk(Operation operation);
     bool load_children(NV_iterator& it);
     bool load_record(NV_iterator& it, unsigned short record_id, NV_item*& last);
     bool load_child(NV_iterator& it, NV_item& child);

@@ -32,6 +32,9 @@ class KAV_API NV_item : public QObject, public Data_item {
     Q_OBJECT
 
 public:
+    using NV_waiter_reg = NV_store::NV_waiter_reg;
+    using NV_waiter_list = NV_store::NV_waiter_list;
+
     enum Flags : unsigned char {
         changed_for_journal_1 = 1, ///< changed since the last save
         changed_for_journal_2 = 2, ///< the same for the second journal

@@ -25,8 +25,8 @@ class NV_root;
 /// has, or has with another type, are left out (a list also when it has grown).
 ///
 /// One thread at a time; the tree's lock is taken for the moments in which settings are read or written (the caller
-/// must not hold it), never while the medium is busy. Saves clear the changed flags of both journals: use no other
-/// journal beside this.
+/// must not hold it, and what a load's return to a default calls must not take it), never while the medium is busy.
+/// Saves clear the changed flags of both journals: use no other journal beside this.
 class KAV_API NV_safe_store {
 public:
     /// `root` outlives the store.

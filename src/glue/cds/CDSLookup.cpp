@@ -4,6 +4,7 @@
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/CDS_remote_values.h"
 #include "glue/cds/Data_item_text.h"
+#include "glue/cds/Item_walk.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"
 #include <algorithm>
@@ -92,6 +93,7 @@ void Lookup_item::serialise_structure(Remote::Send_buffer& out, int) {
     out.str_append(header);
 }
 
+void Lookup_item::print_declaration(int) const {}
 int Lookup_item::struct_query() const { return 0; }
 unsigned char Lookup_item::get_type_byte() const { return Data_item::get_type_byte(class_value, get_type()); }
 Lookup_struct* Lookup_item::as_struct() { return nullptr; }
@@ -236,44 +238,21 @@ void Lookup_struct::_print(Debug::Dumper& dumper) const {
     dumper.end(get_name());
 }
 
-/// Every child in order until one fails; where a later call may resume is the first sibling behind it, here or higher
-/// up.
-template <class Operation>
-Data_item::Serial_ret Lookup_struct::walk(Operation operation) {
-    for (Lookup_item& child : children) {
-        Serial_ret result = operation(child);
-        if (result.fail()) {
-            result.sync_next(children.next(&child));
-            return result;
-        }
-    }
-    return serial_ok();
-}
-
 // A struct takes part whatever the start identifier is: the item to start at may lie inside it.
 
 Data_item::Serial_ret Lookup_struct::serialise(Remote::Send_buffer& out, unsigned short& start_id) {
     serial_action_started(start_id);
-    return walk([&](Lookup_item& child) { return child.serialise(out, start_id); });
+    return walk_children(children, [&](Lookup_item& child) { return child.serialise(out, start_id); });
 }
 
 Data_item::Serial_ret Lookup_struct::deserialise(Remote::Receive_buffer& in, unsigned short& start_id) {
     serial_action_started(start_id);
-    return walk([&](Lookup_item& child) { return child.deserialise(in, start_id); });
+    return walk_children(children, [&](Lookup_item& child) { return child.deserialise(in, start_id); });
 }
 
 void Lookup_struct::serialise_structure(Remote::Send_buffer& out, int depth) {
     Lookup_item::serialise_structure(out, depth);
-    if (depth == 0) return;
-    // 255 and negative depths mean everything and are handed down as they are.
-    const int below = depth > 0 && depth < 255 ? depth - 1 : depth;
-    const char* separator = "{";
-    for (Lookup_item& child : children) {
-        out.str_append(separator);
-        child.serialise_structure(out, below);
-        separator = ",";
-    }
-    out.str_append(children.size() ? "}" : "{}");
+    describe_children(children, out, depth);
 }
 
 void Lookup_struct::print_declaration(int indent) const {

@@ -44,12 +44,9 @@ public:
     const char* get_name() const override { return name; }
     Data_item* find_data_item(const char* path) override;
     Data_item* find_data_item(unsigned short wanted) override;
-    void _print(Debug::Dumper&) const override = 0;
-    Serial_ret serialise(Remote::Send_buffer&, unsigned short& start_id) override = 0;
-    Serial_ret deserialise(Remote::Receive_buffer&, unsigned short& start_id) override = 0;
     void serialise_structure(Remote::Send_buffer&, int depth) override;
-    virtual void print_declaration(int indent) const = 0; ///< on the debug output
-    virtual int struct_query() const;                     ///< 0; for applications
+    virtual void print_declaration(int indent) const; ///< on the debug output; here nothing
+    virtual int struct_query() const;                 ///< 0; for applications
     virtual const void* data_address() const = 0;
     virtual unsigned int data_size() const = 0; ///< [bytes]
     virtual item_type_t get_type() const = 0;
@@ -93,7 +90,9 @@ protected:
 template <class T>
 class KAV_API Lookup_basic : public Lookup_item {
 public:
-    Lookup_basic(Lookup_struct& parent_struct, T* place) : Lookup_item(parent_struct), value(place) {}
+    /// A class that does not give the place here sets `value` before the item is used.
+    explicit Lookup_basic(Lookup_struct& parent_struct, T* place = nullptr)
+        : Lookup_item(parent_struct), value(place) {}
 
     void _print(Debug::Dumper&) const override;
     Serial_ret serialise(Remote::Send_buffer&, unsigned short& start_id) override;
@@ -121,7 +120,8 @@ protected:
 template <class T>
 class KAV_API Lookup_basic_array : public Lookup_basic_array_base {
 public:
-    Lookup_basic_array(Lookup_struct& parent_struct, T* place, unsigned char elements_max)
+    /// A class that does not give the place here sets `elements` before the item is used.
+    Lookup_basic_array(Lookup_struct& parent_struct, unsigned char elements_max, T* place = nullptr)
         : Lookup_basic_array_base(parent_struct, elements_max), elements(place) {}
 
     void _print(Debug::Dumper&) const override;
@@ -165,9 +165,6 @@ public:
 
 protected:
     ~Lookup_struct() = default;
-    template <class Operation>
-    Serial_ret walk(Operation operation);
-
     c_sl_list<Lookup_item> children;
     unsigned short min_id = 0; ///< smallest identifier of the subtree, valid after set_minmax()
     unsigned short max_id = 0;

@@ -168,11 +168,14 @@ public:
         return (a->offset > b->offset) - (a->offset < b->offset);
     }
 
-private:
-    int cds_event_register_body(Event_list* list, Event_node& key);
+    // The steps of the above, from a list or a range on; for whoever keeps ranges of his own.
+
+    int cds_event_register_body(Event_list* list, Event_node& key); ///< takes the key's registration over, unless -1
     int signal_body(Event_list* list, const Wakeup_node& w);
-    void wake(Event_node* n, const Wakeup_node& w);
-    void wake_descend(Event_node* n, const Wakeup_node& w);
+    void wake(Event_node* n, const Wakeup_node& w);         ///< the waiters of one range
+    void wake_descend(Event_node* n, const Wakeup_node& w); ///< and of all that is nested in it
+
+private:
     short module_of(Reg_type type) const;
 
     Event_list _events;

@@ -90,7 +90,7 @@ public:
     template <unsigned n>
     Array(Lookup_struct& parent_struct, const char* item_name, T (&place)[n], const char* item_comment = "",
           Update_listener* listener = nullptr)
-        : Lookup_basic_array<T>(parent_struct, place, static_cast<unsigned char>(n)) {
+        : Lookup_basic_array<T>(parent_struct, static_cast<unsigned char>(n), place) {
         static_assert(n >= 1 && n <= 255, "the count travels as one byte");
         this->set_name(item_name);
         this->set_comment(item_comment);

@@ -41,10 +41,9 @@ public:
     /// itself. Before the first start it waits for that. False when it was refused: the history is off, the manager is
     /// not initialised or stopped, or its queue is full.
     bool log_error(unsigned char src, unsigned short a, unsigned short b);
-    /// Replay the history into `sink`: false when one is running, `sink` is null or in use by
-    /// another manager, or the history is off. Takes the lock;
-    /// from a handler of the manager use _request_history(). A sink that wants another replay asks from an event of its
-    /// own: until its hooks have returned it is refused.
+    /// Replay the history into `sink`: false when one is running, `sink` is null or in use by another manager, or the
+    /// history is off. Takes the lock; from a handler of the manager use _request_history(). A sink that wants another
+    /// replay asks from an event of its own: until its hooks have returned it is refused.
     bool request_history(Diagnostic_history* sink);
     bool _request_history(Diagnostic_history* sink); ///< the same, lock held
 
@@ -60,14 +59,14 @@ public:
     /// so after damage, or all are there, the one with the newest record, which `newest` [s] tells.
     static int find_current(const bool (&there)[num_files], const std::function<unsigned(int)>& newest);
 
+    /// Go on with the replay, as when its timeout fires; lock held.
+    void process_history();
+
 protected:
     void diner_start() override;
     void handle_event(waiter_event& event) override;
     void handle_timeout(Timeout& t) override;
     using Diner::handle_timeout;
-
-    /// Go on with the replay; lock held.
-    void process_history();
 
 private:
     enum Progress { progress_finished, progress_paused };
