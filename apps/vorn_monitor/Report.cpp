@@ -41,10 +41,15 @@ void Report::frame(unsigned char* bytes, uint32_t n) {
     const std::string id = printable(bytes, 2);
     if (!m.check_checksum()) {
         ++_wrong;
+        _plot.mark("wrong checksum");
         line(id, "wrong checksum" + (_comma + std::to_string(n - 1)) + " bytes");
         return;
     }
     ++_frames[m.get_id()];
+    if (m.get_id() == GNSS_messages::id_PG) {
+        const GNSS_messages::Msg_PG position(m);
+        _plot.add(position.lat(), position.lon(), position.type());
+    }
     m.size = n - 1; // the line end was wanted for the check only
     if (!GNSS_messages::find(m.get_id())) {
         std::string rest = "unknown";
@@ -80,6 +85,7 @@ void Report::text(const unsigned char* bytes, uint32_t n) {
     const std::string s = printable(bytes, n);
     if (s.empty()) return; // a line end that came late
     ++_texts;
+    _plot.mark("text or noise");
     line("TEXT", s.size() <= shown ? s : s.substr(0, shown) + "... " + std::to_string(n) + " bytes");
 }
 

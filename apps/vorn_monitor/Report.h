@@ -2,6 +2,7 @@
 #pragma once
 #include "glue/data_stream/Data_stream.h"
 #include "glue/vorn/Vorn_printer.h"
+#include "track_plot/Track_plot.h"
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -18,6 +19,8 @@ public:
     bool has_reader() const { return !ferror(stdout); }
     /// To standard error. `incomplete` [bytes]: what is left in the stream.
     void summary(const Data_stream& stream, int incomplete) const;
+    /// Draw the positions met, marked where bytes were damaged on the line. False when that cannot be: errno.
+    bool write_plot(const std::string& path) const { return _plot.write(path.c_str()); }
 
 private:
     void line(const std::string& id, const std::string& rest) const;
@@ -26,6 +29,7 @@ private:
     void text(const unsigned char* bytes, uint32_t n);
 
     Vorn_printer _printer;
+    Track_plot _plot;
     const char* _comma;
     bool _csv;
     std::map<uint16_t, unsigned> _frames; ///< by identifier

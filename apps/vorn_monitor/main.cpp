@@ -27,18 +27,20 @@
 
 namespace {
 
-const char usage[] = "usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--stats]\n"
-                     "       vorn_monitor FILE [--csv] [--stats]\n"
+const char usage[] = "usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--stats] [--plot SVG]\n"
+                     "       vorn_monitor FILE [--csv] [--stats] [--plot SVG]\n"
                      "Print what a receiver says, one line per packet, until the file ends or Ctrl-C.\n"
                      "  -c, --comm  listen to a serial line; baud 300 to 460800 (9600), mode rs232 or rs485\n"
                      "  FILE        read a recorded file, - for standard input\n"
                      "  --csv       comma-separated form\n"
                      "  --stats     a summary on standard error at the end\n"
+                     "  --plot SVG  draw the track into that file at the end\n"
                      "  --help      this text\n";
 
 struct Options {
     std::string device; ///< as given to -c; empty when a file is read
     std::string file;
+    std::string plot; ///< where to draw the track; empty: nowhere
     bool csv = false;
     bool stats = false;
 
@@ -68,12 +70,11 @@ void check_device(const std::string& device) {
 }
 
 Options parse(int argc, char** argv) {
-    enum { opt_csv = 256, opt_stats };
-    static const option longs[] = {{"comm", required_argument, nullptr, 'c'},
-                                   {"csv", no_argument, nullptr, opt_csv},
-                                   {"stats", no_argument, nullptr, opt_stats},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {nullptr, 0, nullptr, 0}};
+    enum { opt_csv = 256, opt_stats, opt_plot };
+    static const option longs[] = {
+        {"comm", required_argument, nullptr, 'c'},  {"csv", no_argument, nullptr, opt_csv},
+        {"stats", no_argument, nullptr, opt_stats}, {"plot", required_argument, nullptr, opt_plot},
+        {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0}};
     Options o;
     int sources = 0;
     for (int c; (c = getopt_long(argc, argv, "c:h", longs, nullptr)) != -1;) {
@@ -89,6 +90,9 @@ Options parse(int argc, char** argv) {
         case opt_stats:
             o.stats = true;
             break;
+        case opt_plot:
+            o.plot = optarg;
+            break;
         case 'h':
             fputs(usage, stdout);
             exit(0);
@@ -99,6 +103,14 @@ Options parse(int argc, char** argv) {
     for (; optind < argc; ++optind, ++sources) o.file = argv[optind];
     if (sources != 1) fail(2, "give one device with -c, or one file (try --help)");
     return o;
+}
+
+/// What is asked for at the end.
+void conclude(const Options& o, const Report& report, const Data_stream& stream, int incomplete) {
+    if (o.stats) report.summary(stream, incomplete);
+    if (!o.plot.empty() && !report.write_plot(o.plot)) {
+        fail(1, "cannot draw %s: %s", o.plot.c_str(), errno == ENODATA ? "no position was met" : strerror(errno));
+    }
 }
 
 /// The signals that end the program arrive here and nowhere else. To be made before the first thread.
@@ -172,7 +184,7 @@ void monitor_file(const Options& o) {
     parser.set_checker(&checker);
     while (more_bytes(stream, fd, stop) && print_packets(parser, report, stop)) {
     }
-    if (o.stats) report.summary(stream, stream.bytes_avail());
+    conclude(o, report, stream, stream.bytes_avail());
 }
 
 /// Prints what the reader thread of a serial line delivers.
@@ -275,7 +287,7 @@ void monitor_device(const Options& o) {
             _exit(1); // the thread that waits for it cannot be ended
         }
     }
-    if (o.stats) report.summary(stream, stream.bytes_avail());
+    conclude(o, report, stream, stream.bytes_avail());
 }
 
 } // namespace

@@ -5,12 +5,13 @@
 
 namespace {
 
-const char usage[] =
-    "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N] [--quiet]\n"
-    "  --comm     listen to a receiver on that serial line instead of the simulator\n"
-    "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
-    "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
-    "  --quiet    print no messages, only the tables at the end\n";
+const char usage[] = "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
+                     "                        [--plot FILE] [--quiet]\n"
+                     "  --comm     listen to a receiver on that serial line instead of the simulator\n"
+                     "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
+                     "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
+                     "  --plot     draw the driven track with its faults into that file (SVG)\n"
+                     "  --quiet    print no messages, only the tables at the end\n";
 
 [[noreturn]] void wrong(const std::string& what) {
     fprintf(stderr, "field_controller: %s (try --help)\n", what.c_str());
@@ -40,6 +41,10 @@ Arguments parse_arguments(int argc, char** argv) {
         } else if (option == "--comm" || option == "-c") {
             if (!value) wrong(option + " needs a device");
             a.comm = value;
+            ++i;
+        } else if (option == "--plot") {
+            if (!value) wrong(option + " needs a file");
+            a.plot = value;
             ++i;
         } else if (option == "--seconds") {
             a.seconds = number("--seconds", value);

@@ -6,6 +6,7 @@ struct Arguments {
     std::string comm;     ///< device argument; empty: the simulator
     int seconds = -1;     ///< how long to run; -1: 10 with the simulator, without end with a receiver
     unsigned faults = 40; ///< one frame in so many is hit; 0: none
+    std::string plot;     ///< where to draw the track; empty: nowhere
     bool quiet = false;
 };
 

@@ -29,6 +29,13 @@ unsigned Status_diner::wake_ups() const {
     return n;
 }
 
+bool Status_diner::write_plot(const std::string& path) const {
+    lock(-1);
+    const bool written = _plot.write(path.c_str());
+    unlock();
+    return written;
+}
+
 void Status_diner::handle_event(waiter_event& event) {
     if (!_store.head.is_event(event, CDS::reg_access)) return;
     ++_wake_ups;
@@ -38,10 +45,11 @@ void Status_diner::handle_event(waiter_event& event) {
 
 /// Record a fault when it begins.
 void Status_diner::report(bool wrong, bool& known, Fault_history::Source source, Fault_history::Fault fault, int detail,
-                          const char* text) {
+                          const char* what) {
     if (wrong && !known) {
         _faults.log(source, static_cast<unsigned short>(detail), fault);
-        Buffered_logger::log(text);
+        Buffered_logger::log((std::string("fault: ") + what + "\n").c_str());
+        _plot.mark(what);
     }
     known = wrong;
 }
@@ -50,13 +58,14 @@ void Status_diner::look_for_faults(const Machine_block& now) {
     constexpr int least_satellites = 5;
     constexpr int fixed = 4;
     if (now.quality.type == 0) return; // nothing received yet
+    _plot.add(now.position.lat, now.position.lon, now.quality.type);
     const int used = now.satellites.used[0] + now.satellites.used[1];
     const bool seen = now.satellites.locked[0] + now.satellites.locked[1] > 0;
-    report(!seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used, "fault: antenna open\n");
+    report(!seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used, "antenna open");
     report(seen && used < least_satellites, _too_few, Fault_history::satellites, Fault_history::too_few, used,
-           "fault: too few satellites\n");
+           "too few satellites");
     report(now.quality.type != fixed, _not_fixed, Fault_history::corrections, Fault_history::too_old, now.quality.type,
-           "fault: corrections too old\n");
+           "corrections too old");
 }
 
 void Status_diner::handle_timeout(Timeout&) {

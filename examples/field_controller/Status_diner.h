@@ -3,9 +3,10 @@
 #include "Fault_history.h"
 #include "Machine_block.h"
 #include "glue/diner/Diner_protection.h"
+#include "track_plot/Track_plot.h"
 
 /// A component that knows nothing of the receiver: woken when the position in the block has changed, it prints where
-/// the machine is, at most once a second, and has faults recorded as they begin.
+/// the machine is, at most once a second, has faults recorded as they begin, and keeps the track for a picture.
 class Status_diner : public Diner::Protection {
 public:
     /// `store` and `faults` outlive the diner. `quiet`: count, but print nothing.
@@ -15,6 +16,8 @@ public:
     using Diner::init;
     void init(module_man& modules);
     unsigned wake_ups() const;
+    /// Draw the track so far; false when the file cannot be written.
+    bool write_plot(const std::string& path) const;
 
 private:
     static constexpr int period_ms = 1000;
@@ -26,12 +29,13 @@ private:
 
     void look_for_faults(const Machine_block& now);
     void report(bool wrong, bool& known, Fault_history::Source source, Fault_history::Fault fault, int detail,
-                const char* text);
+                const char* what);
 
     Machine_store& _store;
     Fault_history& _faults;
     const bool _quiet;
     CDS::Access_base _position;
+    Track_plot _plot;
     Timeout _tick;
     bool _moved = false; ///< since the last line
     unsigned _wake_ups = 0;

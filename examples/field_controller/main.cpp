@@ -132,6 +132,8 @@ int main(int argc, char** argv) {
         puts("\nFaults of the antenna and the corrections, from the history (ERR,source:fault,detail,time)");
         faults.replay(Fault_history::antenna);
         faults.replay(Fault_history::corrections);
+        if (!arguments.plot.empty() && !status.write_plot(arguments.plot))
+            fprintf(stderr, "field_controller: cannot write %s: %s\n", arguments.plot.c_str(), strerror(errno));
         puts("\nMemory spaces (hexadecimal)");
         Debug::Text_dumper dumper(stdout);
         Mspace_manager::print_global_usage(dumper);

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: MIT
+#include "Track_plot.h"
+#include "util/api.h"
+#include "util/number_text.h"
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdarg>
+
+namespace {
+
+constexpr size_t most_positions = 40000; // an hour at 10 Hz; beyond that a picture of this size shows no more
+constexpr size_t most_marks = 1000;
+constexpr double width = 900, least_height = 240, most_height = 640, margin = 40; // [pixels]
+constexpr int line_height = 20;
+constexpr double pi = 3.141592653589793;
+constexpr double earth_radius = 6371000; // [m]
+
+const char* fix_colour(int fix) {
+    constexpr const char* colours[] = {"#7f7f7f", "#8c564b", "#9467bd", "#ff7f0e",
+                                       "#2ca02c", "#1f77b4", "#17becf", "#bcbd22"};
+    return colours[static_cast<unsigned>(fix) % 8];
+}
+
+/// Numbers in the C locale, whatever the process's.
+KAV_PRINTF(2, 3) void put(FILE* out, const char* fmt, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, fmt);
+    Util::vformat(text, sizeof text, fmt, args);
+    va_end(args);
+    fputs(text, out);
+}
+
+} // namespace
+
+/// From latitude and longitude to the picture's pixels, the whole track within the margins.
+class Track_plot::Map {
+public:
+    explicit Map(const std::vector<Position>& track) : _origin(track.front()) {
+        for (const Position& p : track) {
+            _west = std::min(_west, east(p)), _east = std::max(_east, east(p));
+            _south = std::min(_south, north(p)), _north = std::max(_north, north(p));
+        }
+        const double room = width - 2 * margin;
+        const double wide = std::max(_east - _west, 1.0), high = std::max(_north - _south, 1.0);
+        scale = std::min(room / wide, (most_height - 2 * margin) / high);
+        height = std::max(least_height, high * scale + 2 * margin);
+    }
+    double x(const Position& p) const { return margin + (east(p) - _west) * scale; }
+    double y(const Position& p) const { return margin + (_north - north(p)) * scale; }
+
+    double scale;  ///< [pixels/m]
+    double height; ///< [pixels]
+
+private:
+    double east(const Position& p) const {
+        return std::remainder(p.lon - _origin.lon, 2 * pi) * cos(_origin.lat) * earth_radius;
+    }
+    double north(const Position& p) const { return (p.lat - _origin.lat) * earth_radius; }
+
+    const Position _origin;
+    double _west = 0, _east = 0, _south = 0, _north = 0; // [m]
+};
+
+void Track_plot::add(double lat, double lon, int fix) {
+    if (!std::isfinite(lat) || !std::isfinite(lon)) return;
+    ++_fixes[fix];
+    if (++_skipped < _every && !_track.empty() && _track.back().fix == fix) return;
+    _skipped = 0;
+    _track.push_back({lat, lon, fix});
+    if (_track.size() < most_positions) return;
+    for (size_t i = 0; i < most_positions / 2; ++i) _track[i] = _track[2 * i];
+    _track.resize(most_positions / 2);
+    _every *= 2;
+}
+
+void Track_plot::mark(const char* what) {
+    if (_track.empty()) return;
+    ++_happened[what];
+    if (_marks.size() < most_marks) _marks.push_back({_track.back(), what});
+}
+
+bool Track_plot::write(const char* path) const {
+    if (_track.empty()) {
+        errno = ENODATA;
+        return false;
+    }
+    FILE* out = fopen(path, "we");
+    if (!out) return false;
+    draw(out);
+    const bool written = !ferror(out);
+    return fclose(out) == 0 && written;
+}
+
+void Track_plot::draw(FILE* out) const {
+    const Map map(_track);
+    const auto lines = static_cast<double>(_fixes.size() + _happened.size());
+    const double height = map.height + line_height * (lines + 1);
+    put(out, "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" viewBox=\"0 0 %.0f %.0f\" ",
+        width, height, width, height);
+    put(out, "font-family=\"sans-serif\" font-size=\"13\">\n<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n");
+    draw_track(out, map);
+    draw_marks(out, map);
+    draw_legend(out, map);
+    put(out, "</svg>\n");
+}
+
+/// One line for each stretch of one kind of solution; it goes on to where the next one begins.
+void Track_plot::draw_track(FILE* out, const Map& map) const {
+    for (size_t i = 0; i < _track.size();) {
+        put(out, "<polyline fill=\"none\" stroke-width=\"2.5\" stroke-linejoin=\"round\" stroke=\"%s\" points=\"",
+            fix_colour(_track[i].fix));
+        const int fix = _track[i].fix;
+        for (; i < _track.size() && _track[i].fix == fix; ++i)
+            put(out, "%.1f,%.1f ", map.x(_track[i]), map.y(_track[i]));
+        if (i < _track.size()) put(out, "%.1f,%.1f", map.x(_track[i]), map.y(_track[i]));
+        put(out, "\"/>\n");
+    }
+    put(out, "<circle cx=\"%.1f\" cy=\"%.1f\" r=\"4\" fill=\"black\"><title>start</title></circle>\n",
+        map.x(_track.front()), map.y(_track.front()));
+}
+
+const char* Track_plot::mark_colour(const char* what) const {
+    constexpr const char* colours[] = {"#d62728", "#000000", "#e377c2", "#1a55ff"};
+    return colours[std::distance(_happened.begin(), _happened.find(what)) % 4];
+}
+
+void Track_plot::draw_marks(FILE* out, const Map& map) const {
+    for (const Mark& m : _marks) {
+        const double x = map.x(m.at), y = map.y(m.at);
+        put(out, "<path d=\"M%.1f,%.1f l5,9 h-10 z\" fill=\"%s\" stroke=\"white\"><title>%s</title></path>\n", x, y - 6,
+            mark_colour(m.what), m.what);
+    }
+}
+
+void Track_plot::draw_legend(FILE* out, const Map& map) const {
+    // A bar of 1, 2 or 5 times a power of ten, about an eighth of the picture.
+    const double wanted = width / 8 / map.scale, power = pow(10, floor(log10(wanted)));
+    const double bar = (wanted >= 5 * power ? 5 : wanted >= 2 * power ? 2 : 1) * power;
+    double y = map.height;
+    put(out,
+        "<path d=\"M%.0f,%.0f h%.1f\" stroke=\"black\" stroke-width=\"2\"/><text x=\"%.1f\" y=\"%.0f\">%g m</text>\n",
+        margin, y - 4, bar * map.scale, margin + bar * map.scale + 8, y, bar);
+    for (const auto& [fix, count] : _fixes) {
+        y += line_height;
+        put(out, "<path d=\"M%.0f,%.0f h24\" stroke=\"%s\" stroke-width=\"4\"/>", margin, y - 4, fix_colour(fix));
+        put(out, "<text x=\"%.0f\" y=\"%.0f\">fix %d: %u positions</text>\n", margin + 34, y, fix, count);
+    }
+    for (const auto& [what, count] : _happened) {
+        y += line_height;
+        put(out, "<path d=\"M%.0f,%.0f l5,9 h-10 z\" fill=\"%s\"/>", margin + 12, y - 9, mark_colour(what.c_str()));
+        put(out, "<text x=\"%.0f\" y=\"%.0f\">%s: %u</text>\n", margin + 34, y, what.c_str(), count);
+    }
+}

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include <cstddef>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+/// A machine's track as a picture: seen from above, coloured by the kind of solution that the receiver had, with marks
+/// where something went wrong. Metres east and north of the first position, as on a flat earth: good for a field.
+/// Not locked.
+class Track_plot {
+public:
+    /// The machine is at this latitude and longitude [rad]; `fix` is the receiver's number for the kind of solution. Of
+    /// a long track every second position is forgotten, as often as need be.
+    void add(double lat, double lon, int fix);
+    /// Something happened at the last position; before the first one it is ignored. `what` is static text without
+    /// markup; each text has a colour of its own.
+    void mark(const char* what);
+
+    size_t size() const { return _track.size(); } ///< positions kept
+    /// Write the picture (SVG). False when there is no position, or the file cannot be written: errno says why.
+    bool write(const char* path) const;
+
+private:
+    struct Position {
+        double lat, lon;
+        int fix;
+    };
+    struct Mark {
+        Position at;
+        const char* what;
+    };
+    class Map;
+
+    const char* mark_colour(const char* what) const;
+    void draw(FILE* out) const;
+    void draw_track(FILE* out, const Map& map) const;
+    void draw_marks(FILE* out, const Map& map) const;
+    void draw_legend(FILE* out, const Map& map) const;
+
+    std::vector<Position> _track;
+    std::vector<Mark> _marks;
+    size_t _every = 1; ///< of this many positions one is kept
+    size_t _skipped = 0;
+    std::map<int, unsigned> _fixes;            ///< kinds of solution met, and how often
+    std::map<std::string, unsigned> _happened; ///< what was marked, and how often
+};
