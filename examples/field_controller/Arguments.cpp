@@ -6,11 +6,13 @@
 namespace {
 
 const char usage[] = "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
-                     "                        [--plot FILE] [--quiet]\n"
+                     "                        [--plot FILE] [--settings FILE] [--quiet]\n"
                      "  --comm     listen to a receiver on that serial line instead of the simulator\n"
                      "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
                      "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
                      "  --plot     draw the driven track with its faults into that file (SVG)\n"
+                     "  --settings keep the settings in that file (default: field_controller.settings beside the\n"
+                     "             program)\n"
                      "  --quiet    print no messages, only the tables at the end\n";
 
 [[noreturn]] void wrong(const std::string& what) {
@@ -45,6 +47,10 @@ Arguments parse_arguments(int argc, char** argv) {
         } else if (option == "--plot") {
             if (!value) wrong(option + " needs a file");
             a.plot = value;
+            ++i;
+        } else if (option == "--settings") {
+            if (!value) wrong(option + " needs a file");
+            a.settings = value;
             ++i;
         } else if (option == "--seconds") {
             a.seconds = number("--seconds", value);

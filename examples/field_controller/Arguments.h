@@ -7,6 +7,7 @@ struct Arguments {
     int seconds = -1;     ///< how long to run; -1: 10 with the simulator, without end with a receiver
     unsigned faults = 40; ///< one frame in so many is hit; 0: none
     std::string plot;     ///< where to draw the track; empty: nowhere
+    std::string settings; ///< file; empty: beside the program
     bool quiet = false;
 };
 

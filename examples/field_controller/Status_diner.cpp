@@ -3,12 +3,13 @@
 #include "glue/diner/Buffered_logger.h"
 #include <cstdio>
 
-Status_diner::Status_diner(Machine_store& store, Fault_history& faults, bool quiet)
-    : _store(store), _faults(faults), _quiet(quiet), _position(store.position_range()) {
+Status_diner::Status_diner(Machine_store& store, Machine_settings& settings, Fault_history& faults, bool quiet)
+    : _store(store), _settings(settings), _faults(faults), _quiet(quiet), _position(store.position_range()) {
     _tick.period = period_ms;
 }
 
 Status_diner::~Status_diner() {
+    _settings.limits.satellites.autounreg_waiter(&waiter, false);
     {
         const std::lock_guard<Mutex> guard(_store.head);
         _position.autounreg(&waiter);
@@ -18,6 +19,8 @@ Status_diner::~Status_diner() {
 
 void Status_diner::init(module_man& modules) {
     init(modules, nullptr, Descriptor("STATUS", 3), 0, 256, false, false);
+    _settings.limits.satellites.autoreg_waiter(&waiter, false);
+    update_limit();
     const std::lock_guard<Mutex> guard(_store.head);
     _position.autoreg(&waiter);
 }
@@ -37,10 +40,20 @@ bool Status_diner::write_plot(const std::string& path) const {
 }
 
 void Status_diner::handle_event(waiter_event& event) {
+    if (_settings.limits.satellites.is_event(event)) {
+        update_limit();
+        Buffered_logger::log(
+            ("settings: the status diner learns of " + std::to_string(_least_satellites) + " satellites\n").c_str());
+    }
     if (!_store.head.is_event(event, CDS::reg_access)) return;
     ++_wake_ups;
     _moved = true;
     look_for_faults(_store.get());
+}
+
+void Status_diner::update_limit() {
+    const std::lock_guard<Machine_settings> guard(_settings);
+    _least_satellites = _settings.limits.satellites.get();
 }
 
 /// Record a fault when it begins.
@@ -55,14 +68,13 @@ void Status_diner::report(bool wrong, bool& known, Fault_history::Source source,
 }
 
 void Status_diner::look_for_faults(const Machine_block& now) {
-    constexpr int least_satellites = 5;
     constexpr int fixed = 4;
     if (now.quality.type == 0) return; // nothing received yet
     _plot.add(now.position.lat, now.position.lon, now.quality.type);
     const int used = now.satellites.used[0] + now.satellites.used[1];
     const bool seen = now.satellites.locked[0] + now.satellites.locked[1] > 0;
     report(!seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used, "antenna open");
-    report(seen && used < least_satellites, _too_few, Fault_history::satellites, Fault_history::too_few, used,
+    report(seen && used < _least_satellites, _too_few, Fault_history::satellites, Fault_history::too_few, used,
            "too few satellites");
     report(now.quality.type != fixed, _not_fixed, Fault_history::corrections, Fault_history::too_old, now.quality.type,
            "corrections too old");

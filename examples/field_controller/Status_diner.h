@@ -2,6 +2,7 @@
 #pragma once
 #include "Fault_history.h"
 #include "Machine_block.h"
+#include "Machine_settings.h"
 #include "glue/diner/Diner_protection.h"
 #include "track_plot/Track_plot.h"
 
@@ -9,8 +10,8 @@
 /// the machine is, at most once a second, has faults recorded as they begin, and keeps the track for a picture.
 class Status_diner : public Diner::Protection {
 public:
-    /// `store` and `faults` outlive the diner. `quiet`: count, but print nothing.
-    Status_diner(Machine_store& store, Fault_history& faults, bool quiet);
+    /// `store`, `settings` and `faults` outlive the diner. `quiet`: count, but print nothing.
+    Status_diner(Machine_store& store, Machine_settings& settings, Fault_history& faults, bool quiet);
     ~Status_diner() override;
 
     using Diner::init;
@@ -27,16 +28,19 @@ private:
     void handle_timeout(Timeout&) override;
     using Diner::handle_timeout;
 
+    void update_limit();
     void look_for_faults(const Machine_block& now);
     void report(bool wrong, bool& known, Fault_history::Source source, Fault_history::Fault fault, int detail,
                 const char* what);
 
     Machine_store& _store;
+    Machine_settings& _settings;
     Fault_history& _faults;
     const bool _quiet;
     CDS::Access_base _position;
     Track_plot _plot;
     Timeout _tick;
+    int _least_satellites = 0;
     bool _moved = false; ///< since the last line
     unsigned _wake_ups = 0;
     bool _antenna_open = false, _too_few = false, _not_fixed = false; ///< faults that last

@@ -6,6 +6,7 @@
 // writes into a pseudo-terminal.
 #include "Arguments.h"
 #include "Fault_history.h"
+#include "Machine_settings.h"
 #include "Receiver_diner.h"
 #include "Receiver_simulator.h"
 #include "Status_diner.h"
@@ -20,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <memory>
 #include <pty.h>
 #include <string>
@@ -42,6 +44,10 @@ bool run_for(int ms) {
     if (ms < 0) return sigwaitinfo(&stop, nullptr) < 0;
     const struct timespec limit = {ms / 1000, ms % 1000 * 1000000L};
     return sigtimedwait(&stop, nullptr, &limit) < 0;
+}
+
+std::string default_settings_file() {
+    return std::filesystem::read_symlink("/proc/self/exe").replace_filename("field_controller.settings").string();
 }
 
 void print_summary(const Receiver_simulator* simulator, const Receiver_diner& receiver, const Data_stream& stream) {
@@ -93,6 +99,8 @@ int main(int argc, char** argv) {
     Posix_data_stream line(master, master);
     Link_watch watch;
     Machine_store store(modules);
+    Machine_settings settings(modules, arguments.settings.empty() ? default_settings_file() : arguments.settings);
+    settings.load();
     Fault_history faults(modules);
     if (!faults.usable()) {
         perror("field_controller: no folder for the history of faults");
@@ -102,7 +110,7 @@ int main(int argc, char** argv) {
         Buffered_logger logger;
         logger.init(modules);
         std::unique_ptr<Receiver_simulator> simulator;
-        Status_diner status(store, faults, arguments.quiet);
+        Status_diner status(store, settings, faults, arguments.quiet);
         status.init(modules);
         status.start();
         Receiver_diner receiver(stream, store, master >= 0 ? &watch : nullptr, arguments.quiet);
@@ -116,6 +124,7 @@ int main(int argc, char** argv) {
         // The history's manager is taken down and up again half-way, as by a power cut: nothing recorded is lost.
         const int half_ms = arguments.seconds < 0 ? -1 : arguments.seconds * 500;
         if (run_for(half_ms)) {
+            settings.change_limit();
             faults.restart();
             Buffered_logger::log("history of faults: manager restarted\n");
             run_for(half_ms);
@@ -134,6 +143,8 @@ int main(int argc, char** argv) {
         faults.replay(Fault_history::corrections);
         if (!arguments.plot.empty() && !status.write_plot(arguments.plot))
             fprintf(stderr, "field_controller: cannot write %s: %s\n", arguments.plot.c_str(), strerror(errno));
+        puts("");
+        settings.save(status.wake_ups());
         puts("\nMemory spaces (hexadecimal)");
         Debug::Text_dumper dumper(stdout);
         Mspace_manager::print_global_usage(dumper);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include "support/Temporary_folder.h"
 #include "support/child.h"
 #include <gtest/gtest.h>
 #include <string>
-#include <unistd.h>
 
 namespace {
 
@@ -13,10 +13,9 @@ int occurrences(const std::string& text, const std::string& of) {
 }
 
 TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_status_line) {
-    const Child_result result = run_child([] {
-        execl(FIELD_CONTROLLER, FIELD_CONTROLLER, "--seconds", "3", "--faults", "0", nullptr);
-        _exit(126);
-    });
+    Temporary_folder folder;
+    const std::string file = folder.file("settings");
+    const Child_result result = run_program(FIELD_CONTROLLER, {"--seconds", "3", "--faults", "0", "--settings", file});
     EXPECT_EQ(result.status, 0) << result.err;
     const int lines = occurrences(result.out, "\nstatus: lat 49.200");
     EXPECT_TRUE(lines >= 1 && lines <= 4) << lines << " in three seconds";
@@ -33,6 +32,14 @@ TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_sta
     EXPECT_LT(woken, delivered / 2);
     EXPECT_NE(result.out.find("\ncds_event:\n  fixed_space: "), std::string::npos);
     EXPECT_NE(result.out.find("\nAll diners terminated.\n"), std::string::npos);
+
+    const Child_result next = run_program(FIELD_CONTROLLER, {"--seconds", "1", "--settings", file});
+    const std::string first = "settings in " + file + ": ", saved = "\n" + first + "saved\n",
+                      slot = "settings: a slot learns of ", diner = "settings: the status diner learns of ";
+    EXPECT_EQ(result.out.rfind(first + "started from defaults; run 1, 0 positions before, ", 0), 0u) << result.out;
+    EXPECT_EQ(next.out.rfind(first + "loaded; run 2, " + std::to_string(woken) + " positions before, ", 0), 0u);
+    for (const std::string& line : {slot + "6", diner + "6", saved}) EXPECT_EQ(occurrences(result.out, line), 1);
+    for (const std::string& line : {slot + "5", diner + "5", saved}) EXPECT_EQ(occurrences(next.out, line), 1);
 }
 
 } // namespace
