@@ -59,4 +59,5 @@ configure() {
     [ -f "build/$1/build.ninja" ] || cmake --preset "$1"
 }
 
-base_packages=(g++ cmake ninja-build qt6-base-dev libdeflate-dev libgtest-dev)
+base_packages=(g++ cmake ninja-build qt6-base-dev libdeflate-dev libgtest-dev pkg-config)
+packaging_packages=(dpkg-dev file)

@@ -7,13 +7,16 @@ namespace {
 
 const char usage[] = "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
                      "                        [--plot FILE] [--settings FILE] [--quiet]\n"
+                     "       field_controller --serve [--seconds N] [--faults N]\n"
                      "  --comm     listen to a receiver on that serial line instead of the simulator\n"
                      "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
                      "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
                      "  --plot     draw the driven track with its faults into that file (SVG)\n"
                      "  --settings keep the settings in that file (default: field_controller.settings beside the\n"
                      "             program)\n"
-                     "  --quiet    print no messages, only the tables at the end\n";
+                     "  --quiet    print no messages, only the tables at the end\n"
+                     "  --serve    only be the receiver: tell the serial device that another program may listen to,\n"
+                     "             until Ctrl-C\n";
 
 [[noreturn]] void wrong(const std::string& what) {
     fprintf(stderr, "field_controller: %s (try --help)\n", what.c_str());
@@ -40,6 +43,8 @@ Arguments parse_arguments(int argc, char** argv) {
             exit(0);
         } else if (option == "--quiet") {
             a.quiet = true;
+        } else if (option == "--serve") {
+            a.serve = true;
         } else if (option == "--comm" || option == "-c") {
             if (!value) wrong(option + " needs a device");
             a.comm = value;
@@ -62,5 +67,6 @@ Arguments parse_arguments(int argc, char** argv) {
             wrong("unknown argument " + option);
         }
     }
+    if (a.serve && !a.comm.empty()) wrong("--serve plays the receiver: it takes no --comm");
     return a;
 }

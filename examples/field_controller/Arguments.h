@@ -4,11 +4,12 @@
 
 struct Arguments {
     std::string comm;     ///< device argument; empty: the simulator
-    int seconds = -1;     ///< how long to run; -1: 10 with the simulator, without end with a receiver
+    int seconds = -1;     ///< how long to run; -1: 10 with the simulator, else without end
     unsigned faults = 40; ///< one frame in so many is hit; 0: none
     std::string plot;     ///< where to draw the track; empty: nowhere
     std::string settings; ///< file; empty: beside the program
     bool quiet = false;
+    bool serve = false; ///< only the simulated receiver, for another program to listen to
 };
 
 /// Read the command line; a wrong one ends the program with one line and status 2, --help with the usage and 0.

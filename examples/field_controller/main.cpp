@@ -50,6 +50,19 @@ std::string default_settings_file() {
     return std::filesystem::read_symlink("/proc/self/exe").replace_filename("field_controller.settings").string();
 }
 
+/// Nothing but the receiver, for another program to listen to on `device`. What it sends while nobody does is lost.
+int serve(int master, const char* device, const Arguments& arguments) {
+    printf("The simulated receiver speaks on %s until Ctrl-C\n", device);
+    fflush(stdout); // whoever listens may wait for this line in a pipe
+    Posix_data_stream line(master, master);
+    Link_watch watch;
+    Receiver_simulator simulator(line, watch, arguments.faults);
+    simulator.init(Diner_info_list::get());
+    simulator.start();
+    run_for(arguments.seconds < 0 ? -1 : arguments.seconds * 1000);
+    return 0;
+}
+
 void print_summary(const Receiver_simulator* simulator, const Receiver_diner& receiver, const Data_stream& stream) {
     const Receiver_diner::Counts in = receiver.counts();
     if (simulator) {
@@ -88,6 +101,7 @@ int main(int argc, char** argv) {
         }
         fcntl(master, F_SETFL, O_NONBLOCK); // a line that nobody reads must not stop the simulator
         device = std::string(path) + ":115200";
+        if (arguments.serve) return serve(master, device.c_str(), arguments);
         if (arguments.seconds < 0) arguments.seconds = 10;
     } else if (!Posix_threaded_data_stream::can_open(device.substr(0, device.find(':')).c_str())) {
         fprintf(stderr, "field_controller: cannot open %s: %s\n", device.c_str(), strerror(errno));
