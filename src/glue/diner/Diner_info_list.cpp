@@ -26,6 +26,7 @@ Diner_info_list::~Diner_info_list() {
     for (Diner_info& info : _infos) {
         if (!info.diner.on_own_thread()) continue;
         info.diner.state = Diner::state_gone;
+        info.diner.waiter.set_enabled(false); // others may go on posting to it: not from the pool, which goes now
         if (info.diner.is_locked()) info.diner.unlock();
     }
     for (Diner_info& info : _infos) info.diner.terminate(false);
