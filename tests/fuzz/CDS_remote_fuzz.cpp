@@ -2,33 +2,18 @@
 // The two readers of what another party sends. "v", a byte that picks the item to begin at, and values for a block; or
 // "s", a byte that says where to cut, and a structure description.
 #include "cds/Block_fixture.h"
+#include "fuzz/checks.h"
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/CDS_structure.h"
 #include "util/Debug_print.h"
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
 using namespace CDS::Remote;
 
 namespace {
-
-void require(bool holds, const char* what) {
-    if (holds) return;
-    fprintf(stderr, "does not hold: %s\n", what);
-    abort();
-}
-
-/// A block of exactly these bytes, so that a read behind them is seen.
-std::unique_ptr<char[]> exact(const char* bytes, size_t size) {
-    auto copy = std::make_unique<char[]>(size);
-    memcpy(copy.get(), bytes, size);
-    return copy;
-}
 
 class Collector : public Structure_visitor {
 public:
@@ -60,7 +45,7 @@ std::string written(const std::vector<Described_item>& items) {
 
 /// Reads a description; what it told is written down in `again`.
 Structure_result read(const std::string& text, std::string& again) {
-    const auto bytes = exact(text.data(), text.size());
+    const auto bytes = exact(text);
     Collector collector;
     const Structure_result result = read_structure(bytes.get(), static_cast<int>(text.size()), collector);
     int most = 0;
@@ -89,7 +74,7 @@ void fuzz_values(const std::string& values, unsigned char begin) {
     Data_item::lookup_max_id = 1; // the same identifiers each time
     Block_items items(head, block);
     std::lock_guard<Mutex> guard(head);
-    const auto bytes = exact(values.data(), values.size());
+    const auto bytes = exact(values);
     const int size = static_cast<int>(values.size());
     Receive_buffer in(bytes.get(), size);
     unsigned short start = begin % 12;

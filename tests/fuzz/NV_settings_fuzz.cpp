@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: MIT
+// Settings from outside: "i" and an image or a journal, or "t" and a text.
+#include "NV_store/Settings_fixture.h"
+#include "fuzz/checks.h"
+#include "glue/NV_store/NV_safe_store.h"
+#include "glue/NV_store/NV_scan.h"
+#include "glue/NV_store/NV_text.h"
+#include "glue/diner/Diner_info_list.h"
+
+using namespace NV_store;
+
+namespace {
+
+void fuzz_image(const std::string& bytes) {
+    const auto block = exact(bytes);
+    const auto* p = reinterpret_cast<const unsigned char*>(block.get());
+    Record_walk walk(p, static_cast<int>(bytes.size()));
+    for (Record_walk::Step step = walk.next(); step < Record_walk::all_done; step = walk.next())
+        require(walk.depth >= 0 && walk.depth <= Record_walk::deepest, "the walk is at some depth");
+    require(walk.end >= 0 && walk.end <= static_cast<int>(bytes.size()), "the walk ends in the bytes");
+
+    Settings plain(&Diner_info_list::get());
+    plain.load(bytes); // whatever comes of it
+    Settings settings(&Diner_info_list::get());
+    const size_t whole = whole_records(bytes, settings);
+    require(whole <= bytes.size(), "whole records are among the bytes");
+    int dropped = 0;
+    const std::string pruned = prune(bytes.substr(0, whole), settings, dropped);
+    require(whole_records(pruned, settings) == pruned.size(), "what is pruned is whole");
+    if (pruned.empty()) return;
+    require(settings.load(pruned), "what is pruned loads");
+    settle_flags(settings);
+    const std::string image = settings.image(NV_iterator::mode_write);
+    Settings again(&Diner_info_list::get());
+    require(again.load(image) && again.text() == settings.text(), "what was loaded is saved and loads");
+}
+
+void fuzz_text(const std::string& text) {
+    Settings settings(&Diner_info_list::get());
+    const std::string before = export_text(settings);
+    if (!import_text(settings, text).good()) {
+        require(export_text(settings) == before, "a refused text changes nothing");
+        return;
+    }
+    const std::string after = export_text(settings);
+    Settings again(&Diner_info_list::get());
+    require(import_text(again, after).good() && export_text(again) == after, "what is written is read back");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    be_quiet();
+    Data_item::lookup_max_id = 1; // the same identifiers each time
+    if (size < 1) return 0;
+    if (data[0] == 'i')
+        fuzz_image(text_of(data + 1, size - 1));
+    else
+        fuzz_text(text_of(data + 1, size - 1));
+    return 0;
+}

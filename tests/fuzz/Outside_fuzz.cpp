@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+// The other things that come from outside: "c" and a checksummed file, "h" and two files of the history of faults (the
+// next byte says where they part), "d" and what follows the path in a device argument, "f" and debug filters.
+#include "fuzz/checks.h"
+#include "glue/data_stream/File_checksummed_data_stream.h"
+#include "glue/data_stream/Posix_serial_data_stream.h"
+#include "glue/diagnostics/Diagnostics.h"
+#include "glue/diner/Diner_info_list.h"
+#include "platform/pcf_host.h"
+#include "support/Pty.h"
+#include "support/Temporary_folder.h"
+#include "support/wait_until.h"
+#include "util/Debug_base.h"
+
+namespace {
+
+Temporary_folder folder(Temporary_folder::quick_place());
+
+void fuzz_checksummed(const std::string& bytes) {
+    const std::string path = folder.file("checksummed");
+    write_file(path, bytes);
+    File_checksummed_data_stream in;
+    if (!in.open_read(path.c_str())) return;
+    std::string payload;
+    for (; in.bytes_avail(1u); in.drop(1)) payload += static_cast<char>(in[0]);
+    require(payload.size() + 15 <= bytes.size() && bytes.compare(0, payload.size(), payload) == 0,
+            "a reader sees what was written");
+}
+
+struct Sink : Diagnostic_history {
+    void output(unsigned char, unsigned short, unsigned short, unsigned int time, unsigned short ms) override {
+        require(time != 0 && ms < 1024 && ms % 4 == 0, "a record has a time");
+    }
+    bool check_ready() override { return true; }
+};
+
+void fuzz_history(const std::string& bytes, size_t part) {
+    require(Pcf_host::mount(folder.path.c_str(), 1 << 20), "the store is mounted");
+    write_file(folder.file("H0.dat"), bytes.substr(0, part));
+    write_file(folder.file("H1.dat"), bytes.substr(std::min(part, bytes.size())));
+    Sink sink;
+    {
+        Diagnostics history("H");
+        history.init(Diner_info_list::get(), nullptr, 0);
+        history.start();
+        require(history.request_history(&sink), "the replay is accepted");
+        require(wait_until([&] { return sink.is_done(); }), "the replay ends");
+    }
+    Pcf_host::unmount();
+}
+
+void fuzz_device(const std::string& rest) {
+    static Pty line;
+    Posix_serial_data_stream stream;
+    if (stream.open_from_args((line.path + ":" + rest).c_str()))
+        require(stream.get_fd() >= 0 && stream.get_baudRate() >= 300, "an open line has a speed");
+}
+
+void fuzz_filters(const std::string& text) {
+    Debug_filter::set_filters(text.c_str());
+    for (int i = Debug_filter::get_num_active_filters(); i-- > 0;)
+        require(Debug_filter::remove_filter(Debug_filter::get_active_filter(i)), "an active filter can be removed");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    be_quiet();
+    if (size < 2) return 0;
+    const std::string rest = text_of(data + 1, size - 1);
+    switch (data[0]) {
+    case 'c':
+        fuzz_checksummed(rest);
+        break;
+    case 'h':
+        fuzz_history(rest.substr(1), data[1] * size / 256);
+        break;
+    case 'd':
+        fuzz_device(rest);
+        break;
+    case 'f':
+        fuzz_filters(rest);
+        break;
+    }
+    return 0;
+}
