@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # Runs an example and compares what it prints on standard output with the lines that its source shows under "// Prints:".
 # There "..." stands for anything. Without such lines only the result of the program counts.
-#   cmake -DPROGRAM=... -DSOURCE=... -P run_example.cmake
+#   cmake "-DPROGRAM=[emulator and its arguments;]program" -DSOURCE=... -P run_example.cmake
 execute_process(COMMAND ${PROGRAM} OUTPUT_VARIABLE printed RESULT_VARIABLE result)
 if(NOT result EQUAL 0)
     message(FATAL_ERROR "${printed}\nended with ${result}")

@@ -16,6 +16,9 @@
 
 namespace {
 
+static_assert(sizeof(off_t) == 8,
+              "sums of sizes are compared with a quota of 32 bits: build with _FILE_OFFSET_BITS=64");
+
 // Names of our own are longer than any name of a file in the store can be.
 const char lock_name[] = "flash-store-lock--held-by-the-process-that-has-it-mounted";
 const char new_name[] = "flash-store-new--renamed-when-the-file-is-closed";

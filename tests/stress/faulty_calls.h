@@ -85,7 +85,9 @@ inline int really_rename(int a, const char* from, int b, const char* to) {
 } // namespace Faulty
 
 #define FAULTY_CALL extern "C" __attribute__((visibility("default")))
+// A call that has to do with file sizes has the name of its 64-bit form where the machine's word is shorter.
 #define FAULTY_REAL(name) static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
+#define FAULTY_REAL_64(name) static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name "64"))
 
 FAULTY_CALL ssize_t write(int fd, const void* data, size_t n) {
     FAULTY_REAL(write);
@@ -94,13 +96,13 @@ FAULTY_CALL ssize_t write(int fd, const void* data, size_t n) {
 }
 
 FAULTY_CALL ssize_t pwrite(int fd, const void* data, size_t n, off_t at) {
-    FAULTY_REAL(pwrite);
+    FAULTY_REAL_64(pwrite);
     if (Faulty::armed) Faulty::unsynced.insert(Faulty::inode(fd));
     return Faulty::call([=] { return real(fd, data, n, at); });
 }
 
 FAULTY_CALL int ftruncate(int fd, off_t size) noexcept {
-    FAULTY_REAL(ftruncate);
+    FAULTY_REAL_64(ftruncate);
     if (Faulty::armed) Faulty::unsynced.insert(Faulty::inode(fd));
     return Faulty::call([=] { return real(fd, size); });
 }
@@ -138,7 +140,7 @@ FAULTY_CALL int unlinkat(int folder, const char* path, int flags) noexcept {
 }
 
 FAULTY_CALL int open(const char* path, int flags, ...) {
-    FAULTY_REAL(open);
+    FAULTY_REAL_64(open);
     va_list args;
     va_start(args, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
@@ -147,7 +149,7 @@ FAULTY_CALL int open(const char* path, int flags, ...) {
 }
 
 FAULTY_CALL int openat(int folder, const char* path, int flags, ...) {
-    FAULTY_REAL(openat);
+    FAULTY_REAL_64(openat);
     va_list args;
     va_start(args, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
