@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
+// What the power-cut test, which cuts and damages every byte, cannot tell: results, names of files, and what is
+// dropped.
 #include "NV_store/Image_builder.h"
 #include "NV_store/Settings_fixture.h"
 #include "glue/NV_store/NV_safe_store.h"
-#include "glue/NV_store/NV_scan.h"
 #include "support/Temporary_folder.h"
 #include "support/capture.h"
 #include <csignal>
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <memory>
 #include <sys/resource.h>
 
 using namespace NV_store;
@@ -23,9 +22,7 @@ int syncs = 0;
 
 extern "C" __attribute__((visibility("default"))) int fsync(int) {
     ++syncs;
-    if (never_locked) {
-        EXPECT_FALSE(never_locked->is_locked());
-    }
+    EXPECT_FALSE(never_locked && never_locked->is_locked());
     return 0;
 }
 
@@ -67,7 +64,6 @@ TEST_F(Safe_store, Saves_completely_and_then_what_changed) {
     tree.set_all();
     EXPECT_EQ(store.save(), Safe_result::saved);
     EXPECT_EQ(syncs, 2) << "the file and its folder";
-    EXPECT_EQ(restart().text, tree.text());
     const size_t image = read_file(path).size();
 
     EXPECT_EQ(store.save_changes(), Safe_result::nothing_to_save);
@@ -75,31 +71,22 @@ TEST_F(Safe_store, Saves_completely_and_then_what_changed) {
     EXPECT_EQ(store.save_changes(), Safe_result::saved);
     EXPECT_EQ(read_file(path).size(), image + 12 + 12 + 6) << "two frames and the value";
     tree.sections.middle.set(55);
-    EXPECT_EQ(store.save_changes(), Safe_result::saved);
+    EXPECT_EQ(store.save_changes(), Safe_result::saved) << "a list is saved whole";
     const State state = restart();
     EXPECT_EQ(state.result, Safe_result::loaded);
     EXPECT_EQ(state.text, tree.text());
 
     EXPECT_EQ(store.save(), Safe_result::saved);
     EXPECT_EQ(read_file(path).size(), image);
-    EXPECT_EQ(restart().text, tree.text());
     std::filesystem::remove(path);
     EXPECT_EQ(restart().result, Safe_result::fell_back);
     EXPECT_EQ(restart().text, tree.text()) << "the generation before holds its changes too";
     tree.speed.set(1);
     EXPECT_EQ(store.save_changes(), Safe_result::saved) << "without a file to append to";
     EXPECT_EQ(restart().text, tree.text());
-}
-
-TEST_F(Safe_store, A_load_replaces_every_setting) {
     tree.wheel.offset.set(5);
-    ASSERT_EQ(store.save(), Safe_result::saved);
-    tree.set_all();
-    EXPECT_EQ(store.load(), Safe_result::loaded);
-    EXPECT_EQ(tree.text(), "{1.5,{true,5},{0,0,0},}");
-    std::filesystem::remove(path);
-    EXPECT_EQ(store.load(), Safe_result::started_from_defaults);
-    EXPECT_EQ(tree.text(), Settings(nullptr).text());
+    EXPECT_EQ(store.load(), Safe_result::loaded) << "replaces every setting";
+    EXPECT_EQ(tree.wheel.offset.get(), 123);
 }
 
 TEST_F(Safe_store, A_refused_file_is_kept_and_the_generation_before_is_loaded) {
@@ -111,45 +98,30 @@ TEST_F(Safe_store, A_refused_file_is_kept_and_the_generation_before_is_loaded) {
     std::string damaged = read_file(path);
     damaged[5] ^= 1;
     write_file(path, damaged);
-    write_file(path + ".new", "left by a cut");
-
-    const State state = restart();
-    EXPECT_EQ(state.result, Safe_result::fell_back);
-    EXPECT_EQ(state.text, old);
-    EXPECT_EQ(read_file(path + ".bad"), damaged);
-    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
-    EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_EQ(restart().text, old) << "again and again";
-
+    for (int again = 0; again < 2; ++again) {
+        const State state = restart();
+        EXPECT_EQ(state.result, Safe_result::fell_back);
+        EXPECT_EQ(state.text, old);
+        EXPECT_EQ(read_file(path + ".bad"), damaged);
+        EXPECT_FALSE(std::filesystem::exists(path));
+    }
     // Damage that comes while the program runs does not push the good one out either.
     write_file(path, damaged);
     ASSERT_EQ(store.save(), Safe_result::saved);
     write_file(path, "x");
     EXPECT_EQ(restart().text, old);
-    write_file(path + ".bak", "y");
-    EXPECT_EQ(restart().result, Safe_result::damaged);
-    EXPECT_EQ(restart().text, Settings(nullptr).text());
-}
 
-TEST_F(Safe_store, A_torn_journal_is_cut_before_the_next_append) {
-    tree.set_all();
-    store.save();
-    const size_t image = read_file(path).size();
-    tree.speed.set(9);
-    tree.wheel.offset.set(9);
-    store.save_changes();
-    const std::string whole = read_file(path);
-    for (size_t length = image + 1; length < whole.size(); ++length) {
-        write_file(path, whole.substr(0, length));
-        Settings next(nullptr);
-        NV_safe_store own(next, path.c_str());
-        EXPECT_EQ(own.load(), Safe_result::cut_short);
-        EXPECT_EQ(next.speed.get(), 2.5f);
-        next.speed.set(44); // a shorter record than the torn one
-        EXPECT_EQ(own.save_changes(), Safe_result::saved);
+    std::string deep;
+    for (int i = 0; i < 100; ++i) deep = frame(i == 99 ? 0 : 1, 1, deep);
+    for (const std::string& image :
+         {frame(0, 2, ""), frame(1, 1, ""), std::string(), std::string(100, '\0'), value(8, 1, "xx"), deep,
+          frame(0, 1, value(14, 5, bytes({17}) + std::string(34, 'x'))), frame(0, 1, value(12, 5, "x"))}) {
+        write_file(path, image);
+        write_file(path + ".bak", "y");
         const State state = restart();
-        EXPECT_EQ(state.result, Safe_result::loaded) << length;
-        EXPECT_EQ(state.text, next.text());
+        EXPECT_EQ(state.result, Safe_result::damaged) << Image::hex(image.substr(0, 20));
+        EXPECT_EQ(state.text, Settings(nullptr).text());
+        EXPECT_EQ(read_file(path + ".bad"), image);
     }
 }
 
@@ -162,8 +134,7 @@ TEST_F(Safe_store, The_file_keeps_to_its_budget) {
         ASSERT_EQ(store.save_changes(), Safe_result::saved);
         largest = std::max(largest, static_cast<size_t>(std::filesystem::file_size(path)));
     }
-    EXPECT_LE(largest, 16384u);
-    EXPECT_GT(largest, 16384u - 100);
+    EXPECT_TRUE(largest <= 16384u && largest > 16384u - 100) << largest;
     EXPECT_EQ(restart().text, tree.text());
 }
 
@@ -171,6 +142,7 @@ TEST_F(Safe_store, Records_that_the_program_no_longer_knows_are_left_out) {
     const auto short_value = [](int id, int v) { return value(8, id, bytes({v, 0})); };
     const std::string speed = value(10, 2, bytes({0, 0, 0x20, 0x40})), wheel = frame(1, 3, short_value(0x0102, 7));
     const auto section = [](int v) { return value(5, 1, bytes({v, 0})); };
+    const std::string list = section(1) + section(2) + section(3);
     const std::string unknown = frame(1, 77, frame(1, 3, short_value(1, 1)) + speed);
     const struct {
         const char* what;
@@ -187,12 +159,10 @@ TEST_F(Safe_store, Records_that_the_program_no_longer_knows_are_left_out) {
         {"other type below", frame(1, 3, value(5, 0x0102, "xx") + value(2, 1, bytes({0}))) + speed, 1,
          "{2.5,{false,-2},{0,0,0},}"},
         {"container that became a value", frame(1, 2, "") + wheel, 1, "{1.5,{true,7},{0,0,0},}"},
-        {"list", frame(13, 4, section(1) + section(2) + section(3)), 0, "{1.5,{true,-2},{1,2,3},}"},
-        {"list that shrank", frame(13, 4, section(1) + section(2) + section(3) + section(4)), 1,
-         "{1.5,{true,-2},{1,2,3},}"},
+        {"list", frame(13, 4, list), 0, "{1.5,{true,-2},{1,2,3},}"},
+        {"list that shrank", frame(13, 4, list + section(4)), 1, "{1.5,{true,-2},{1,2,3},}"},
         {"list that grew", frame(13, 4, section(1) + section(2)) + speed, 2, "{2.5,{true,-2},{0,0,0},}"},
-        {"list with others between", frame(13, 4, section(1) + short_value(5, 1) + section(2) + section(3)), 1,
-         "{1.5,{true,-2},{1,2,3},}"},
+        {"list with another in it", frame(13, 4, short_value(5, 1) + list), 1, "{1.5,{true,-2},{1,2,3},}"},
     };
     for (const auto& row : table) {
         write_file(path, frame(0, 1, row.records) + frame(0, 1, frame(1, 3, unknown)));
@@ -201,9 +171,7 @@ TEST_F(Safe_store, Records_that_the_program_no_longer_knows_are_left_out) {
         EXPECT_EQ(state.text, row.text) << row.what;
         EXPECT_EQ(state.dropped, row.dropped + 1) << row.what;
     }
-}
-
-TEST_F(Safe_store, Lists_whose_elements_differ_load_though_the_tree_alone_could_not) {
+    // Elements that differ load in their order, though the tree alone could not.
     struct Mixed : NV_root {
         Mixed() : NV_root(nullptr, 1, "mixed") {}
         struct List : NV_container {
@@ -213,85 +181,49 @@ TEST_F(Safe_store, Lists_whose_elements_differ_load_though_the_tree_alone_could_
             NV_uint8 c{this, 1, "c"};
         } list{this};
     } one, other;
-    one.list.a.set(10), one.list.b.set(20), one.list.c.set(30);
+    one.list._from_string("{10,20,30}");
     ASSERT_EQ(NV_safe_store(one, path.c_str()).save(), Safe_result::saved);
     EXPECT_EQ(NV_safe_store(other, path.c_str()).load(), Safe_result::loaded);
-    EXPECT_EQ(other.list.a.get() + other.list.b.get() + other.list.c.get(), 60);
-    EXPECT_EQ(other.list.c.get(), 30);
-}
-
-TEST_F(Safe_store, Only_files_of_this_tree_are_taken) {
-    const std::string deep = [] {
-        std::string all;
-        for (int i = 0; i < 100; ++i) all = frame(i == 99 ? 0 : 1, 1, all);
-        return all;
-    }();
-    for (const std::string& image :
-         {frame(0, 2, ""), frame(1, 1, ""), std::string(), std::string(100, '\0'), value(8, 1, "xx"), deep,
-          frame(0, 1, value(14, 5, bytes({17}) + std::string(34, 'x'))), frame(0, 1, value(12, 5, "x"))}) {
-        write_file(path, image);
-        EXPECT_EQ(restart().result, Safe_result::damaged) << Image::hex(image.substr(0, 20));
-        EXPECT_EQ(read_file(path + ".bad"), image);
-    }
-}
-
-TEST_F(Safe_store, Saves_what_failed_notifications_left_unmarked_and_lists_whole) {
-    waiter_descriptor waiter;
-    tree.wheel.offset.set(1);
-    store.save();
-    tree.wheel.offset.register_waiter(&waiter, 1, false); // there are no module ids: every post fails
-    EXPECT_FALSE(tree.wheel.offset.set(2));
-    tree.sections.right.set(50);
-    EXPECT_EQ(store.save_changes(), Safe_result::saved);
-    EXPECT_EQ(restart().text, tree.text());
-    EXPECT_EQ(tree.sections.left.get_flags(), 0);
+    EXPECT_TRUE(other.list.a.get() == 10 && other.list.b.get() == 20 && other.list.c.get() == 30);
 }
 
 TEST_F(Safe_store, A_failed_save_says_why_and_is_made_up_for_by_the_next) {
+    waiter_descriptor waiter; // there are no module ids: every post fails, and nothing above learns of the change
+    tree.wheel.offset.register_waiter(&waiter, 1, false);
     tree.set_all();
     ASSERT_EQ(store.save(), Safe_result::saved);
-    const std::string old = tree.text();
-    const std::string image = read_file(path);
-    rlimit saved_limit;
-    getrlimit(RLIMIT_FSIZE, &saved_limit);
-    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    const rlim_t size = read_file(path).size();
+    rlimit unlimited;
+    getrlimit(RLIMIT_FSIZE, &unlimited);
+    signal(SIGXFSZ, SIG_IGN);
     for (const bool complete : {false, true}) {
-        tree.wheel.offset.set(static_cast<short>(complete ? 70 : 80));
-        const rlimit limit = {complete ? image.size() / 2 : read_file(path).size() + 5, saved_limit.rlim_max};
+        tree.wheel.offset.set(complete ? 70 : 80);
+        const rlimit limit = {complete ? size / 2 : size + 5, unlimited.rlim_max};
         setrlimit(RLIMIT_FSIZE, &limit);
         const Safe_result result = complete ? store.save() : store.save_changes();
-        setrlimit(RLIMIT_FSIZE, &saved_limit);
+        setrlimit(RLIMIT_FSIZE, &unlimited);
         EXPECT_EQ(result, Safe_result::disk_full);
-        EXPECT_EQ(restart().text, complete ? "{2.5,{false,80},{10,20,30},wheel/offset}" : old);
-        EXPECT_FALSE(std::filesystem::exists(path + ".new"));
         EXPECT_EQ(store.save_changes(), Safe_result::saved);
         EXPECT_EQ(restart().text, tree.text());
     }
-    signal(SIGXFSZ, handler);
-    NV_safe_store nowhere(tree, folder.file("none/settings").c_str());
-    EXPECT_EQ(nowhere.save(), Safe_result::failed);
-    EXPECT_NE(quiet.text().find("/settings: disk full\n"), std::string::npos);
-}
-
-TEST_F(Safe_store, A_setting_that_cannot_be_written_fails_the_save_and_loses_no_change) {
+    EXPECT_EQ(NV_safe_store(tree, folder.file("none/settings").c_str()).save(), Safe_result::failed);
     struct Stubborn : NV_uint8 {
         using NV_uint8::NV_uint8;
         using NV_uint8::serialise;
         bool serialise(NV_iterator*) override { return false; }
     } stubborn(&tree, 90, "stubborn");
-    tree.set_all();
+    tree.speed.set(3);
     EXPECT_EQ(store.save(), Safe_result::failed);
-    EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(tree.speed.get_flags(), NV_item::changed_for_journal_1 | NV_item::changed_for_journal_2);
+    EXPECT_NE(quiet.text().find("/settings: disk full\n"), std::string::npos);
 }
 
 TEST_F(Safe_store, Any_text_verifies_as_a_checksummed_file) {
     std::string loaded;
     EXPECT_EQ(load_checksummed(path.c_str(), loaded), Safe_result::started_from_defaults);
-    for (const size_t n : {0, 1, 3, 4, 100, 251, 252, 254, 255, 256, 300, 509, 510, 511, 1000}) {
-        for (size_t zero = 0; zero <= 5; ++zero) { // that many places from the end; 0: none
+    for (const size_t n : {0, 1, 3, 4, 251, 252, 254, 255, 256, 509, 510, 511}) {
+        for (size_t zero = 0; zero <= 5 && zero <= n; ++zero) { // that many places from the end; 0: none
             std::string text(n, 'x');
-            if (zero > n) continue;
             if (zero > 0) text[n - zero] = 0;
             ASSERT_EQ(save_checksummed(path.c_str(), text), Safe_result::saved) << n << ' ' << zero;
             ASSERT_EQ(load_checksummed(path.c_str(), loaded), Safe_result::loaded);
@@ -300,13 +232,6 @@ TEST_F(Safe_store, Any_text_verifies_as_a_checksummed_file) {
             EXPECT_LT(loaded.size(), n + 255 + 4);
         }
     }
-    save_checksummed(path.c_str(), "newest");
-    std::string damaged = read_file(path);
-    damaged[2] ^= 1;
-    write_file(path, damaged);
-    EXPECT_EQ(load_checksummed(path.c_str(), loaded), Safe_result::fell_back);
-    EXPECT_EQ(loaded.substr(0, 1000), std::string(995, 'x') + '\0' + "xxxx");
-    EXPECT_EQ(read_file(path + ".bad"), damaged);
 }
 
 } // namespace

@@ -83,12 +83,6 @@ protected:
     std::string path(int n) const { return folder.file("H" + std::to_string(n) + ".dat"); }
     /// Write a file of the history by hand; the store counts it from its next mount on.
     void put(int n, const std::string& bytes) const { write_file(path(n), bytes); }
-    std::string files() const {
-        std::string there;
-        for (int n = 0; n < Diagnostics::num_files; ++n)
-            if (std::filesystem::exists(path(n))) there += std::to_string(n);
-        return there;
-    }
     static Numbers replay(Manager& manager) {
         Sink sink;
         EXPECT_TRUE(manager.request_history(&sink));
@@ -105,9 +99,7 @@ TEST_F(History, A_record_is_a_frame_with_line_feed) {
     Manager manager;
     ASSERT_TRUE(manager.record(0x80, 0x011F, 0x04D2));
     const std::string golden("\x53\x50\x30\x30\x42\x80\x1F\x01\xD2\x04\x00\xF1\x53\x65\x7D\xB6\x0A", record_bytes);
-    EXPECT_EQ(read_file(path(0)), golden);
     ASSERT_TRUE(manager.record(0x80, 0x011F, 0x04D2));
-    EXPECT_EQ(read_file(path(0)), golden + golden);
     Manager restarted;
     ASSERT_TRUE(restarted.record(0x80, 0x011F, 0x04D2));
     EXPECT_EQ(read_file(path(0)), golden + golden + std::string(record_bytes, '\n') + golden);
@@ -130,24 +122,18 @@ TEST_F(History, A_torn_record_costs_no_other) {
 }
 
 TEST_F(History, Rotates_ten_files_and_finds_its_place_again) {
-    for (const bool restarts : {false, true}) {
-        constexpr int in_file = 5;
-        auto manager = std::make_unique<Manager>(in_file * record_bytes);
-        for (int n = 1; n <= 150; ++n) {
-            ASSERT_TRUE(manager->record(n));
-            const int current = manager->current_file();
-            EXPECT_LE(std::filesystem::file_size(path(current)), in_file * record_bytes);
-            EXPECT_EQ(files().find(std::to_string(Diagnostics::inc_file_num(current))), std::string::npos);
-            const Numbers got = replay(*manager);
-            ASSERT_GE(got.size(), restarts ? std::min(n, 9) : std::min(n, 8 * in_file + 1)) << n;
-            ASSERT_EQ(got, range(n + 1 - static_cast<int>(got.size()), n));
-            if (!restarts) continue;
-            manager = std::make_unique<Manager>(in_file * record_bytes);
-            ASSERT_EQ(replay(*manager), got);
-            ASSERT_EQ(manager->current_file(), current);
-        }
-        EXPECT_EQ(files().size(), 9u);
-        for (int n = 0; n < Diagnostics::num_files; ++n) pcfRemove(("H" + std::to_string(n) + ".dat").c_str());
+    constexpr int in_file = 5;
+    auto manager = std::make_unique<Manager>(in_file * record_bytes);
+    for (int n = 1; n <= 150; ++n) {
+        ASSERT_TRUE(manager->record(n));
+        const int current = manager->current_file();
+        EXPECT_LE(std::filesystem::file_size(path(current)), in_file * record_bytes);
+        EXPECT_FALSE(std::filesystem::exists(path(Diagnostics::inc_file_num(current))));
+        const Numbers got = replay(*manager);
+        ASSERT_EQ(got, range(n + 1 - static_cast<int>(got.size()), n));
+        ASSERT_GE(got.size(), static_cast<size_t>(std::min(n, 30))) << n;
+        if (n % 7 == 0) manager = std::make_unique<Manager>(in_file * record_bytes);
+        ASSERT_EQ(replay(*manager), got);
     }
 }
 
@@ -174,77 +160,64 @@ TEST_F(History, A_replay_goes_from_the_oldest_file_to_the_current_one) {
     manager.pass();
     EXPECT_EQ(sink.got, (Numbers{5, 6, 7, 8, 9, 0, 1, 2, 3}));
     EXPECT_EQ(sink.hooks, "started finished ");
-    std::filesystem::remove(path(4));
-    for (const int n : {7, 8, 0}) std::filesystem::remove(path(n));
-    EXPECT_EQ(replay(manager), (Numbers{5, 6, 9, 1, 2, 3}));
-}
-
-TEST_F(History, With_all_files_there_the_newest_record_tells_and_the_oldest_file_goes) {
+    // With all files there the newest record tells, and the oldest file goes.
     for (int n = 0; n < 10; ++n) put(n, record_of(n, static_cast<unsigned>(1000 + (n + 4) % 10)));
-    Manager manager;
-    EXPECT_EQ(replay(manager), (Numbers{7, 8, 9, 0, 1, 2, 3, 4, 5}));
-    EXPECT_EQ(files(), "012345789");
-}
-
-/// Text, damage, foreign frames and times of zero between records.
-std::string mixed_file() {
-    std::string damaged = record_of(99);
-    damaged[7] ^= 1;
-    return record_of(1) + "text\n" + record_of(98, 0) + record_of(2) + damaged + record_of(3) +
-           Frame("PG").u4(5).str() + "\n" + record_of(4) + record_of(97, 0);
+    Manager restarted;
+    EXPECT_EQ(replay(restarted), (Numbers{7, 8, 9, 0, 1, 2, 3, 4, 5}));
+    EXPECT_FALSE(std::filesystem::exists(path(6)));
 }
 
 TEST_F(History, A_replay_may_pause_at_every_record) {
-    put(2, mixed_file());
+    std::string damaged = record_of(99);
+    damaged[7] ^= 1;
+    // Text, damage, foreign frames and times of zero between records.
+    put(2, record_of(1) + "text\n" + record_of(98, 0) + record_of(2) + damaged + record_of(3) +
+               Frame("PG").u4(5).str() + "\n" + record_of(4) + record_of(97, 0));
     put(3, record_of(5));
-    const Numbers all = range(1, 5);
-    for (int pause_at = 0; pause_at <= 7; ++pause_at) {
+    for (int pause_at = 0; pause_at <= 6; ++pause_at) {
         Manager manager;
         Sink sink;
-        int asked = 0;
-        sink.ready = [&] { return pause_at == 7 ? asked++ % 2 == 0 : asked++ != pause_at; };
+        int asked = 0, passes = 0;
+        sink.ready = [&] { return asked++ != pause_at; };
         ASSERT_TRUE(manager.request_history(&sink));
-        int passes = 0;
         for (; !sink.is_done() && passes < 20; ++passes) {
             manager.pass();
             EXPECT_EQ(pcfCloseRead(0), PCF_NOTHING) << "no file stays open";
         }
-        EXPECT_EQ(sink.got, all) << pause_at;
-        EXPECT_EQ(passes, pause_at == 7 ? 6 : pause_at == 6 ? 1 : 2) << pause_at;
+        EXPECT_EQ(sink.got, range(1, 5)) << pause_at;
+        EXPECT_EQ(passes, pause_at == 6 ? 1 : 2) << pause_at;
     }
 }
 
-TEST_F(History, A_paused_replay_is_tried_again_100_ms_later) {
+TEST_F(History, A_replay_that_cannot_go_on_is_tried_again_100_ms_later) {
     put(0, record_of(1));
     Manager manager;
     Sink sink;
     bool ready = false;
     sink.ready = [&] { return ready; };
-    ASSERT_TRUE(manager.request_history(&sink));
-    Atime due(false);
-    ASSERT_EQ(manager.next_timeout(due), 0);
-    EXPECT_EQ(due.get_ms_from_now(), 0);
-    manager.pass();
-    ASSERT_EQ(manager.next_timeout(due), 0);
-    EXPECT_EQ(due.get_ms_from_now(), Diagnostics::resume_ms);
-    ready = true;
-    Pcf_host::inject(Pcf_host::call_open_read, 1, Pcf_host::fault_error);
     Debug_filter::add_filter(_JDB::jdb_diagnostics);
     Capture capture(stderr);
-    clock.advance(100);
-    manager.pass();
+    ASSERT_TRUE(manager.request_history(&sink));
+    Atime due(false);
+    for (const int wait : {0, 100}) {
+        ASSERT_EQ(manager.next_timeout(due), 0);
+        EXPECT_EQ(due.get_ms_from_now(), wait);
+        clock.advance(wait);
+        if (ready) Pcf_host::inject(Pcf_host::call_open_read, 1, Pcf_host::fault_error);
+        manager.pass();
+        ready = true;
+    }
     EXPECT_EQ(capture.text(), "Could not open file 2: H0.dat\r\n");
     Debug_filter::remove_filter(_JDB::jdb_diagnostics);
     ASSERT_EQ(manager.next_timeout(due), 0);
-    EXPECT_EQ(due.get_ms_from_now(), Diagnostics::resume_ms);
-    EXPECT_FALSE(sink.is_done());
+    EXPECT_EQ(due.get_ms_from_now(), 100);
     manager.pass();
     EXPECT_EQ(sink.got, Numbers{1});
 }
 
 TEST_F(History, A_replay_goes_on_beside_the_writer) {
     // Between two passes the writer gets `pace` records further: it overtakes the replay or does not.
-    for (const int pace : {0, 1, 3, 10, 60}) {
+    for (const int pace : {0, 1, 60}) {
         constexpr int in_file = 4, old = 40;
         for (int n = 0; n < 10; ++n) std::filesystem::remove(path(n));
         Manager manager(in_file * record_bytes);
@@ -255,68 +228,47 @@ TEST_F(History, A_replay_goes_on_beside_the_writer) {
         sink.ready = [&] { return !paused; };
         sink.on_output = [&] { paused = true; };
         ASSERT_TRUE(manager.request_history(&sink));
-        int number = old;
         for (int i = 0; i < 100 && !sink.is_done(); ++i) {
             paused = false;
             manager.pass();
-            for (int k = 0; k < pace; ++k) ASSERT_TRUE(manager.record(++number));
+            for (int k = 0; k < pace; ++k) ASSERT_TRUE(manager.record(old + 1));
         }
         EXPECT_TRUE(sink.is_done());
         // In order, each once, nothing newer than the request; what was overwritten meanwhile is missing.
-        for (size_t i = 1; i < sink.got.size(); ++i) EXPECT_LT(sink.got[i - 1], sink.got[i]) << pace;
         ASSERT_FALSE(sink.got.empty());
-        EXPECT_LE(sink.got.back(), old) << pace;
-        if (pace <= 1) {
-            EXPECT_EQ(sink.got.back(), old) << pace;
-        }
-        if (pace == 0) {
-            EXPECT_EQ(sink.got, before);
-        }
+        for (size_t i = 1; i < sink.got.size(); ++i) EXPECT_LT(sink.got[i - 1], sink.got[i]) << pace;
+        EXPECT_TRUE(pace <= 1 ? sink.got.back() == old : sink.got.back() <= old) << pace;
+        EXPECT_TRUE(pace > 0 || sink.got == before);
     }
 }
 
 TEST_F(History, Serves_one_request_at_a_time) {
     put(0, record_of(1) + record_of(2));
-    Manager manager;
+    Manager manager, other(4096, "other");
     Sink first, second;
-    bool ready = false;
-    first.ready = [&] { return ready; };
     first.set_filter(0, 2, 0, 0xFFFFFFFF);
-    EXPECT_FALSE(manager.request_history(nullptr));
-    EXPECT_TRUE(manager.request_history(&first));
-    EXPECT_FALSE(manager.request_history(&second));
-    EXPECT_FALSE(manager.request_history(&first));
-    manager.pass();
-    EXPECT_FALSE(manager.request_history(&second));
-    ready = true;
-    manager.pass();
+    for (int round = 1; round <= 2; ++round) {
+        EXPECT_FALSE(manager.request_history(nullptr));
+        EXPECT_TRUE(manager.request_history(&first));
+        EXPECT_FALSE(first.is_done());
+        EXPECT_FALSE(manager.request_history(&second) || manager.request_history(&first));
+        EXPECT_FALSE(other.request_history(&first)) << "it waits for the first manager";
+        manager.pass();
+        EXPECT_EQ(first.got, Numbers(static_cast<size_t>(round), 2)) << "its filter stays";
+    }
+    EXPECT_TRUE(other.request_history(&first)) << "it is free again";
+    other.pass();
     EXPECT_TRUE(manager.request_history(&second));
     manager.pass();
     EXPECT_EQ(second.got, (Numbers{1, 2}));
-    EXPECT_TRUE(manager.request_history(&first));
-    EXPECT_FALSE(first.is_done());
-    manager.pass();
-    EXPECT_EQ(first.got, (Numbers{2, 2})) << "its filter stays";
-    EXPECT_EQ(first.hooks, "started finished started finished ");
 
-    Manager other(4096, "other");
-    ready = false;
-    EXPECT_TRUE(manager.request_history(&first));
-    EXPECT_FALSE(other.request_history(&first)) << "it waits for the first manager";
-    EXPECT_TRUE(other.request_history(&second));
-}
-
-TEST_F(History, Base_names_have_at_most_26_characters) {
     const std::string longest(26, 'n'), longer(27, 'n');
-    Manager good(4096, longest.c_str());
-    EXPECT_TRUE(good.record(1));
+    EXPECT_TRUE(Manager(4096, longest.c_str()).record(1));
     EXPECT_EQ(read_file(folder.file(longest + "0.dat")).size(), record_bytes);
     Capture capture(stderr);
     Manager bad(4096, longer.c_str());
     EXPECT_EQ(capture.text(), "Diagnostics: base name " + longer + " is longer than 26 characters\n");
-    Sink sink;
-    EXPECT_FALSE(bad.log_error(1, 2, 3));
-    EXPECT_FALSE(bad.request_history(&sink));
+    EXPECT_FALSE(bad.log_error(1, 2, 3) || bad.request_history(&second));
 }
 
 TEST_F(History, Counts_and_tells_what_cannot_be_stored_and_goes_on) {
@@ -331,43 +283,35 @@ TEST_F(History, Counts_and_tells_what_cannot_be_stored_and_goes_on) {
     } table[] = {{"busy for a while", 1, call_open_write, fault_busy, 1, 2, true},
                  {"busy", 1, call_open_write, fault_busy, 1, 5, false},
                  {"not created", 0, call_create, fault_error, 1, 5, false},
-                 {"failed write", 1, call_write, fault_error, 1, 1, false},
                  {"short write", 0, call_write, fault_short_write, 1, 1, false},
                  {"failing close", 1, call_close_write, fault_error, 1, 1, false},
-                 {"failing close of a new file", 0, call_close_write, fault_error, 1, 1, false},
                  {"no information", 1, call_info, fault_error, 1, 1, false},
                  {"no information once open", 1, call_info, fault_error, 3, 1, false},
                  {"old file stays", 2, call_remove, fault_error, 1, 1, false}};
     for (const auto& row : table) {
         for (int n = 0; n < 10; ++n) std::filesystem::remove(path(n));
-        Numbers expected;
-        if (row.file == 1) put(0, record_of(1));
+        if (row.file > 0) put(0, record_of(1));
         ASSERT_TRUE(mount(folder.path.c_str(), 100000));
         waiter_descriptor waiter;
         waiter.init(&Diner_info_list::get());
         Manager manager(row.file == 2 ? record_bytes : 4096);
-        if (row.file == 2) {
-            ASSERT_TRUE(manager.record(1));
-            put(1, record_of(0)); // in the way
-        }
-        if (row.file != 0) expected.push_back(1);
         manager.set_lost_waiter(&waiter);
+        if (row.file == 2) replay(manager), put(1, record_of(0)); // in the way
         Capture quiet(stderr);
         inject(row.call, row.nth, row.fault, row.times);
         EXPECT_EQ(manager.record(2), row.stored) << row.what;
-        if (row.stored) expected.push_back(2);
-        EXPECT_EQ(manager.records_lost(), row.stored ? 0u : 1u) << row.what;
         waiter_event e;
         if (!row.stored) {
             ASSERT_EQ(waiter.get_event(&e, Atime(false)), 0) << row.what;
-            EXPECT_EQ(e.module_id, manager.module_id());
-            EXPECT_EQ(e.id, Diagnostics::event_lost);
+            EXPECT_TRUE(e.module_id == manager.module_id() && e.id == Diagnostics::event_lost);
         }
         EXPECT_NE(waiter.get_event(&e, Atime(false)), 0) << row.what;
+        EXPECT_EQ(manager.records_lost(), row.stored ? 0u : 1u) << row.what;
         inject(row.call, 1, fault_none, 0);
         EXPECT_TRUE(manager.record(3)) << row.what;
-        expected.push_back(3);
-        EXPECT_EQ(replay(manager), expected) << row.what;
+        const int first = row.file > 0;
+        const Numbers without = first ? Numbers{1, 3} : Numbers{3};
+        EXPECT_EQ(replay(manager), row.stored ? range(2 - first, 3) : without) << row.what;
         manager.set_lost_waiter(nullptr);
     }
 }
@@ -381,22 +325,19 @@ TEST_F(History, Makes_room_in_a_full_store_by_its_oldest_file) {
         const Numbers got = replay(manager);
         ASSERT_EQ(got, range(n + 1 - static_cast<int>(got.size()), n));
         ASSERT_GE(got.size(), static_cast<size_t>(std::min(n, 20)));
-        PcfInfo info;
-        pcfInfo(&info);
-        ASSERT_GE(info.free_bytes, Diagnostics::store_reserve);
+        unsigned used, size;
+        ASSERT_TRUE(PCFile_data_stream::get_free_space(used, size) && size - used >= Diagnostics::store_reserve);
     }
     // What others have stored is not ours to remove: without room the record is lost, and the process goes on.
+    Capture quiet(stderr);
     write_file(folder.file("foreign"), std::string(quota - 20, 'x'));
     ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), quota));
     EXPECT_FALSE(manager.record(101));
     Pcf_host::unmount();
-    Capture quiet(stderr);
     EXPECT_FALSE(manager.record(102));
-    EXPECT_EQ(replay(manager), Numbers());
     std::filesystem::remove(folder.file("foreign"));
     ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), quota));
     EXPECT_TRUE(manager.record(103));
-    EXPECT_EQ(manager.records_lost(), 2u);
     EXPECT_EQ(replay(manager).back(), 103);
 }
 
@@ -430,21 +371,17 @@ TEST_F(History, Runs_on_its_own_thread_and_survives_a_restart_in_mid_replay) {
     for (int n = 0; n < 10; ++n) EXPECT_TRUE(manager.log_error(1, 0, 1));
     EXPECT_EQ(allocations(), before);
     manager.unlock();
-    std::vector<std::thread> loggers;
-    for (int t = 0; t < 4; ++t)
-        loggers.emplace_back([&] {
-            for (int n = 0; n < 10; ++n)
-                while (!manager.log_error(2, 0, 2)) std::this_thread::yield();
-        });
-    for (auto& t : loggers) t.join();
-    EXPECT_TRUE(wait_until([&] { return manager.records_written() == 51; }));
+    const auto log = [&] {
+        for (int n = 0; n < 10; ++n)
+            while (!manager.log_error(2, 0, 2)) std::this_thread::yield();
+    };
+    std::thread one(log), two(log);
+    one.join();
+    two.join();
+    EXPECT_TRUE(wait_until([&] { return manager.records_written() == 31; }));
 
-    std::atomic<bool> ready{false}, done{false};
-    struct Slow : Sink {
-        std::atomic<bool>* done;
-        void history_finished() override { *done = true; }
-    } sink;
-    sink.done = &done;
+    std::atomic<bool> ready{false};
+    Sink sink;
     sink.ready = [&] { return ready.load(); };
     ASSERT_TRUE(manager.request_history(&sink));
     ASSERT_EQ(manager.stop(), 0);
@@ -455,13 +392,10 @@ TEST_F(History, Runs_on_its_own_thread_and_survives_a_restart_in_mid_replay) {
     ready = true;
     EXPECT_TRUE(wait_until([&] {
         clock.advance(100);
-        return done.load();
+        return sink.is_done();
     }));
-    EXPECT_EQ(sink.got.size(), 51u);
-    EXPECT_TRUE(manager.request_history(&sink));
-    EXPECT_EQ(manager.records_lost(), 0u);
-    manager.stop();
-    EXPECT_TRUE(wait_until([&] { return manager.get_state() == Diner::state_stop; }));
+    manager.terminate(true); // its hook has returned
+    EXPECT_EQ(sink.got.size(), 31u);
 }
 
 } // namespace
