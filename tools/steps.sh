@@ -11,14 +11,15 @@ fail() {
     exit 1
 }
 
-# step TEXT COMMAND...: run quietly; one line with the time taken, or the end of the output when it fails.
+# step TEXT COMMAND...: run quietly; one line with the time taken, or the end of the output when it fails. A function as
+# command may read its output in $log, set $figure to what is to stand in the line, and must say itself that it failed.
 step() {
-    local text=$1 start=$SECONDS log
+    local text=$1 start=$SECONDS log figure=
     shift
     log=$log_dir/$(tr -cs 'a-zA-Z0-9' '-' <<<"$text" | sed 's/^-//; s/-$//').log
     printf '%-58s ' "$text"
     if "$@" >"$log" 2>&1 </dev/null; then
-        printf 'done, %d s\n' $((SECONDS - start))
+        printf 'done, %d s%s\n' $((SECONDS - start)) "${figure:+: $figure}"
     else
         printf 'FAILED after %d s; the end of %s:\n' $((SECONDS - start)) "$log"
         tail -n 40 "$log"
@@ -57,6 +58,38 @@ need() {
 # configure PRESET: only when it was not done before; the build itself notices later changes.
 configure() {
     [ -f "build/$1/build.ninja" ] || cmake --preset "$1"
+}
+
+passed=0 failed=0
+
+# run_tests PRESET: its line counts, its failures are printed; the sums are in $passed and $failed.
+run_tests() {
+    local log=$log_dir/tests-$1.log start=$SECONDS tests=0 bad=0
+    printf '%-58s ' "Testing ($1)"
+    ctest --preset "$1" -j"$(nproc)" >"$log" 2>&1 </dev/null || true
+    read -r tests bad < <(awk '/tests passed, .* tests? failed out of/ {print $NF, $4}' "$log") || true
+    if [ "${tests:-0}" -eq 0 ]; then
+        printf 'FAILED: no test ran; the end of %s:\n' "$log"
+        tail -n 40 "$log"
+        bad=1
+    elif [ "$bad" -ne 0 ]; then
+        printf 'FAILED: %d of %d, %d s\n' "$bad" "$tests" $((SECONDS - start))
+        sed -n '/\*\*\*Failed/,$p' "$log" | tail -n 120
+    else
+        printf 'done, %d s: %d tests\n' $((SECONDS - start)) "$tests"
+    fi
+    passed=$((passed + tests - bad)) failed=$((failed + bad))
+}
+
+# fuzz PROGRAM SEEDS SECONDS: a finding is a failure, and stays in the folder of the logs; what it learns is thrown away.
+fuzz() {
+    local found status=0 words=()
+    found=$(mktemp -d)
+    [ -f "$2.dict" ] && words=("-dict=$2.dict")
+    "$1" -max_total_time="$3" -max_len=9000 -artifact_prefix="$log_dir/" "${words[@]}" "$found" "$2" || status=$?
+    rm -rf "$found"
+    figure=$(awk '/DONE +cov:/ {covered = $4} /^Done/ {runs = $2} END {print runs " runs, " covered " edges covered"}' "$log")
+    return $status
 }
 
 base_packages=(g++ cmake ninja-build qt6-base-dev libdeflate-dev libgtest-dev pkg-config)

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: MIT
+// What objects of the library take of a machine's memory: themselves, what they get from the heap when they are put to
+// work, and how much of their thread's stack everyday work has touched.
+#include "glue/NV_store/NV_number.h"
+#include "glue/cds/CDS_events.h"
+#include "glue/data_stream/File_checksummed_data_stream.h"
+#include "glue/data_stream/PCFile_data_stream.h"
+#include "glue/data_stream/Posix_serial_data_stream.h"
+#include "glue/data_stream/Posix_threaded_serial_data_stream.h"
+#include "glue/data_stream/Virtual_pair_data_stream.h"
+#include "glue/diner/Buffered_logger.h"
+#include "glue/diner/Diner_info_list.h"
+#include "glue/diner/Diner_protection.h"
+#include "glue/vorn/GNSS_messages.h"
+#include "glue/vorn/Vorn_parser.h"
+#include "glue/vorn/Vorn_printer.h"
+#include "util/Debug_print.h"
+#include "util/Semaphore.h"
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <malloc.h>
+#include <memory>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+size_t heap() {
+    const struct mallinfo2 all = mallinfo2();
+    return all.uordblks + all.hblkhd;
+}
+
+struct Stack {
+    size_t reserved = 0, touched = 0; // [bytes]
+};
+
+/// Of the calling thread.
+Stack own_stack() {
+    Stack s;
+    pthread_attr_t attributes;
+    void* base = nullptr;
+    if (pthread_getattr_np(pthread_self(), &attributes) != 0) return s;
+    pthread_attr_getstack(&attributes, &base, &s.reserved);
+    pthread_attr_destroy(&attributes);
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    std::vector<unsigned char> pages(s.reserved / page);
+    if (mincore(base, pages.size() * page, pages.data()) != 0) return s;
+    for (unsigned char there : pages) s.touched += (there & 1) * page;
+    return s;
+}
+
+/// Prints a message of the receiver, which is the deepest that handlers usually go.
+class Worker : public Diner::Protection {
+public:
+    Worker() { init(Diner_info_list::get(), nullptr, Descriptor("WORKER", 1), 0, 256, false, true); }
+    ~Worker() override { terminate(true); }
+    void work() {
+        start();
+        waiter.send_event(module_man::EVENT_ANONYMOUS, false, false);
+        done.acquire();
+    }
+    Semaphore done;
+    Stack stack;
+
+private:
+    void handle_event(waiter_event&) override {
+        unsigned char bytes[35] = {};
+        Vorn_message frame(bytes, sizeof bytes);
+        frame.setup(GNSS_messages::id_PG, sizeof bytes);
+        frame.set_checksum();
+        char line[256];
+        if (Vorn_printer(true).snprint(frame, line, sizeof line) > 0) Debug_print::dprint("%s\n", line);
+        stack = own_stack();
+        done.release();
+    }
+    void handle_timeout(Timeout&) override {}
+    using Diner::handle_timeout;
+};
+
+void row(const char* what, size_t itself, size_t more = 0) { printf("| %s | %zu | %zu |\n", what, itself, more); }
+
+template <class File>
+void row_of_open(const char* what) {
+    const size_t before = heap();
+    File file;
+    file.open_write("/dev/null");
+    file._write(reinterpret_cast<const unsigned char*>("x"), 1);
+    row(what, sizeof file, heap() - before);
+}
+
+} // namespace
+
+int main() {
+    Debug_print::debug_file = fopen("/dev/null", "w");
+    Diner_info_list::get();
+    printf("| | object [bytes] | heap [bytes] |\n|---|---|---|\n");
+
+    {
+        Worker first;
+        first.work();
+    } // what all diners have in common
+    size_t before = heap();
+    auto worker = std::make_unique<Worker>();
+    worker->work();
+    row("diner, its thread running", sizeof(Diner::Protection), heap() - before - sizeof(Worker));
+    const Stack stack = worker->stack;
+    worker.reset();
+
+    Posix_threaded_serial_data_stream serial;
+    before = heap();
+    const int line = posix_openpt(O_RDWR | O_NOCTTY);
+    if (line < 0 || grantpt(line) != 0 || unlockpt(line) != 0) return 1;
+    serial.init(Diner_info_list::get());
+    if (!serial.open(ptsname(line))) return 1;
+    row("threaded serial stream, its reader running", sizeof serial, heap() - before);
+
+    row("serial stream without a thread", sizeof(Posix_serial_data_stream));
+    row("pair of streams in memory", sizeof(Virtual_pair_data_stream));
+    row_of_open<File_data_stream>("file stream, open");
+    row_of_open<File_checksummed_data_stream>("checksummed file, open");
+    row("flash file stream", sizeof(PCFile_data_stream));
+    row("event pool and status list, one for the process", sizeof(Diner_info_list));
+    row("of these each event that may wait", sizeof(waiter_event_node));
+    row("buffered logger", sizeof(Buffered_logger));
+    row("timeout", sizeof(Timeout));
+    row("parser of the receiver's messages", sizeof(Vorn_parser));
+    row("number among the settings", sizeof(NV_store::NV_int32));
+    row("registration for changes of data", sizeof(CDS::Event_node));
+    printf("\nStack of a diner's thread: %zu KiB reserved, %zu KiB touched after it has printed a message.\n",
+           stack.reserved / 1024, stack.touched / 1024);
+    fflush(stdout);
+    _exit(0); // the reader of the line never ends
+}
