@@ -2,6 +2,9 @@
 #include "util/sl_list.h"
 #include "util/Bugger.h"
 
+// The board's applications were laid out with these sizes.
+static_assert(sizeof(void*) != 4 || (sizeof(sll_node) == 4 && sizeof(sl_list) == 12));
+
 /// A function, not a constant: static objects of other files fill lists before this file is initialised.
 static sll_node* none() { return sll_node::last_mark(); }
 

@@ -64,6 +64,7 @@ TEST_F(Safe_store, Saves_completely_and_then_what_changed) {
     tree.set_all();
     EXPECT_EQ(store.save(), Safe_result::saved);
     EXPECT_EQ(syncs, 2) << "the file and its folder";
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600)) << "nobody else's";
     const size_t image = read_file(path).size();
 
     EXPECT_EQ(store.save_changes(), Safe_result::nothing_to_save);

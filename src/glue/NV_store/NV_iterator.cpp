@@ -6,6 +6,10 @@
 #include <type_traits>
 
 namespace NV_store {
+
+// The board's applications were laid out with this size.
+static_assert(sizeof(void*) != 4 || sizeof(NV_iterator::NV_checksum) == 16);
+
 namespace {
 
 /// Little-endian bytes of an integer.

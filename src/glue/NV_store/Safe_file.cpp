@@ -137,7 +137,7 @@ Safe_file::Safe_file(const char* path, Check check) : _path(path), _check(std::m
 /// Written, on the medium, and found good there.
 bool Safe_file::write_new(const std::string& bytes) const {
     const std::string fresh = beside(".new");
-    Descriptor fd(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    Descriptor fd(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (fd < 0 || !write_at(fd, bytes, 0) || fsync(fd) != 0 || !fd.close()) return false;
     std::string back;
     if (!read_whole(fresh.c_str(), back)) return false;

@@ -5,6 +5,9 @@
 #include <cstring>
 #include <utility>
 
+// The board's applications were laid out with these sizes.
+static_assert(sizeof(void*) != 4 || (sizeof(waiter_event) == 16 && sizeof(waiter_event_node) == 20));
+
 namespace {
 
 /// The block is laid out as a 32-bit length and the bytes. Three spare bytes belong to the layout: users that read the
