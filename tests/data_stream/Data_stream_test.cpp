@@ -1,23 +1,38 @@
 // SPDX-License-Identifier: MIT
-#include "glue/data_stream/Data_stream.h"
+#include "glue/data_stream/Virtual_pair_data_stream.h"
+#include "glue/diner/module_man.h"
+#include "glue/diner/waiter_descriptor.h"
 #include "glue/vorn/Binary_message.h"
-#include "support/allocations.h"
+#include "support/Manual_clock.h"
+#include "support/Pty.h"
 #include "support/capture.h"
 #include "support/child.h"
-#include "util/Debug_print.h"
-#include <algorithm>
+#include "support/wait_until.h"
 #include <csignal>
 #include <gtest/gtest.h>
-#include <string>
-#include <vector>
+#include <numeric>
+#include <random>
+#include <thread>
 
 namespace {
+
+/// Bytes `first` to `first` + n - 1 of an endless row.
+std::string row(size_t n, size_t first = 0) {
+    std::string s(n, 0);
+    std::iota(s.begin(), s.end(), static_cast<char>(first));
+    return s;
+}
+
+/// Take `n` bytes; empty when they do not come.
+std::string take(Data_stream& s, unsigned n) {
+    std::string bytes(n, 0);
+    return s.get_data(reinterpret_cast<unsigned char*>(bytes.data()), n) && s.drop(n) ? bytes : std::string();
+}
 
 /// A stream between two strings whose results can be dictated.
 class Script_stream : public Data_stream {
 public:
-    explicit Script_stream(std::string text = {}) : source(std::move(text)) {}
-
+    explicit Script_stream(size_t n = 0) : source(row(n)) {}
     using Data_stream::get_data;
     bool get_data(int n) override {
         EXPECT_TRUE(!stream_lock || stream_lock->is_locked()) << "the buffer is filled without the lock";
@@ -31,7 +46,6 @@ public:
         sink.append(reinterpret_cast<const char*>(data), n);
         return std::min(n, accepted) + failure;
     }
-
     std::string source, sink;
     size_t taken = 0;
     int fetched = 0;         ///< [bytes] last asked for
@@ -40,21 +54,12 @@ public:
     unsigned failure = 0;    ///< added to the result of a write
 };
 
-std::string numbered(size_t n) {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(1 + i % 251);
-    return s;
-}
-
 /// The four operations that fetch, each asking for the first `n` bytes.
-const struct {
-    const char* name;
-    bool (*run)(Data_stream&, unsigned n);
-} operations[] = {
-    {"bytes_avail", [](Data_stream& s, unsigned n) { return s.bytes_avail(n); }},
-    {"get_data", [](Data_stream& s, unsigned n) { return s.get_data(std::vector<unsigned char>(5000).data(), n); }},
-    {"operator[]", [](Data_stream& s, unsigned n) { return s[n - 1] != 0; }},
-    {"drop", [](Data_stream& s, unsigned n) { return s.drop(n); }},
+bool (*const operations[])(Data_stream&, unsigned n) = {
+    [](Data_stream& s, unsigned n) { return s.bytes_avail(n); },
+    [](Data_stream& s, unsigned n) { return s.get_data(std::vector<unsigned char>(5000).data(), n); },
+    [](Data_stream& s, unsigned n) { return s[n - 1] == static_cast<unsigned char>(n - 1); },
+    [](Data_stream& s, unsigned n) { return s.drop(n); },
 };
 
 TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
@@ -65,147 +70,156 @@ TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
     } cases[] = {
         {30, 100, 100, 70, true, false},
         {30, 100, 30, 0, true, false},
-        {30, 99, 100, 70, false, true}, // a fetch that promised too much
+        {30, 98, 100, 70, false, true}, // a fetch that promised too much
         {4200, 5000, 4200, 0, true, false},
         // What no buffer can hold is refused before anything is fetched and lost.
-        {10, 6000, 4201, 0, false, false},
+        {10, 6000, 4202, 0, false, false},
         {10, 6000, 0xFFFFFFFFu, 0, false, false},
     };
-    for (const auto& op : operations) {
+    for (size_t i = 0; i < std::size(operations); ++i) {
         for (const auto& c : cases) {
-            SCOPED_TRACE(std::string(op.name) + " of " + std::to_string(c.asked));
+            SCOPED_TRACE(testing::Message() << "operation " << i << " of " << c.asked);
             Mutex lock;
-            Script_stream s(numbered(c.source));
+            Script_stream s(c.source);
             s.stream_lock = &lock;
             ASSERT_TRUE(s.bytes_avail(c.buffered));
             s.fetched = 0;
             s.lies = c.lies;
-            EXPECT_EQ(op.run(s, c.asked), c.done);
+            EXPECT_EQ(operations[i](s, c.asked), c.done);
             EXPECT_EQ(s.fetched, c.fetched);
-            const bool dropped = c.done && op.name == std::string("drop");
-            EXPECT_EQ(s.bytes_avail(), static_cast<int>(s.taken - (dropped ? c.asked : 0)));
-            EXPECT_EQ(s[0xFFFFFFFFu], 0);
-            EXPECT_FALSE(lock.is_locked());
+            EXPECT_EQ(s.bytes_avail(), static_cast<int>(s.taken - (c.done && i == 3 ? c.asked : 0)));
+            EXPECT_TRUE(s[0xFFFFFFFFu] == 0 && !lock.is_locked());
         }
     }
 }
 
-TEST(Data_stream, a_window_holds_the_lock_and_shows_the_buffer_in_two_runs) {
-    const std::string text = numbered(8000);
-    Mutex lock;
-    Script_stream s(text);
-    s.stream_lock = &lock;
-    ASSERT_TRUE(s.drop(4000)); // what comes next wraps after 200 bytes
-    {
-        Data_stream::Window w(s);
-        EXPECT_TRUE(lock.is_locked());
-        EXPECT_FALSE(w.ensure(4201));
-        ASSERT_TRUE(w.ensure(1000));
-        EXPECT_EQ(w.at(999), static_cast<unsigned char>(text[4999]));
-        EXPECT_EQ(w.at(1000), 0);
-        for (uint32_t offset : {0u, 1u, 199u, 200u, 201u, 999u, 1000u}) {
-            uint32_t n, rest;
-            const unsigned char* run = w.span(offset, n);
-            std::string seen(run, run + n);
-            run = w.span(offset + n, rest);
-            EXPECT_EQ(seen.append(run, run + rest), text.substr(4000 + offset, 1000 - offset));
-        }
-        unsigned char bytes[300];
-        EXPECT_EQ(w.move(bytes, 300), 300u);
-        EXPECT_EQ(std::string(bytes, bytes + 300), text.substr(4000, 300));
-        EXPECT_EQ(w.drop(600), 600u);
-        EXPECT_EQ(w.move(bytes, 300), 100u) << "what is left";
-        w.release();
-        EXPECT_FALSE(lock.is_locked());
-        w.take();
-        EXPECT_TRUE(lock.is_locked());
-    }
-    EXPECT_FALSE(lock.is_locked());
-}
-
-TEST(Data_stream, a_formatted_write_sends_no_zero_until_the_text_is_cut_and_succeeds_unless_nothing_was_written) {
+TEST(Data_stream, writes_succeed_unless_nothing_was_written_but_those_of_messages_must_be_whole) {
     const struct {
-        unsigned length, accepted, failure;
+        unsigned n, accepted, failure;
         bool done;
-    } cases[] = {{0, ~0u, 0, false}, {255, ~0u, 0, true}, {256, ~0u, 0, true}, {300, 1, 0, true},
-                 {300, 0, 0, false}, {4, 0, -1u, true}}; // a closed stream has always answered with success
-    for (const auto& c : cases) {
-        const std::string text(c.length, 'x');
-        Script_stream s;
-        s.accepted = c.accepted;
-        s.failure = c.failure;
-        s.echo = true;
-        Capture err(stderr);
-        EXPECT_EQ(s.printf("%s", text.c_str()), c.done) << c.length;
-        EXPECT_EQ(err.text(), text.substr(0, 255));
-        EXPECT_EQ(s.sink, c.length < 256 ? text : text.substr(0, 255) + '\0') << c.length;
-    }
-}
-
-TEST(Data_stream, a_message_that_is_not_written_whole_is_reported) {
-    const struct {
-        unsigned accepted;
-        bool newline;
         const char* report;
-    } cases[] = {{~0u, false, ""}, {2, true, "Failed write len=2/5 0 1\n"}, {0, true, "Failed write len=0/5 0 0\n"}};
+    } cases[] = {{0, ~0u, 0, false, ""},
+                 {0, ~0u, -1u, true, "Failed write len=4/5 0 0\n"}, // a closed stream has always answered with success
+                 {255, ~0u, 0, true, ""},
+                 {256, ~0u, 0, true, ""},
+                 {4200, 1, 0, true, "Failed write len=1/5 0 1\n"},
+                 {300, 0, 0, false, "Failed write len=0/5 0 0\n"}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.n);
+        const std::string whole(c.n, 'x');
         unsigned char bytes[] = "PG0\0x";
-        Script_stream s;
-        s.accepted = c.accepted;
+        Script_stream from(5000), text, copy, message;
+        for (auto* s : {&text, &copy, &message}) s->accepted = c.accepted, s->failure = c.failure, s->echo = true;
+        ASSERT_TRUE(from.bytes_avail(c.n));
         Capture err(stderr);
-        EXPECT_EQ(s.write(Binary_message(bytes, 5), c.newline), !*c.report);
-        EXPECT_EQ(err.text(), c.report);
-        EXPECT_EQ(s.sink, std::string("PG0\0x", 5) + (c.newline ? "\n" : ""));
+        EXPECT_EQ(text.printf("%s", whole.c_str()), c.done);
+        EXPECT_EQ(copy.write(from), c.done);
+        EXPECT_EQ(message.write(Binary_message(bytes, 5), true), !*c.report);
+        EXPECT_EQ(err.text(), whole.substr(0, 255) + c.report);
+        EXPECT_EQ(text.sink, c.n < 256 ? whole : whole.substr(0, 255) + '\0');
+        EXPECT_EQ(copy.sink, from.source.substr(0, c.n));
+        EXPECT_EQ(from.bytes_avail(), static_cast<int>(c.n)) << "it stays there";
+        EXPECT_EQ(message.sink, std::string("PG0\0x\n", 6));
     }
-}
-
-TEST(Data_stream, copies_what_another_stream_has_buffered_and_leaves_it_there) {
-    const struct {
-        unsigned buffered, accepted, failure;
-        bool done;
-    } cases[] = {{4200, 3, 0, true}, {10, 0, 0, false}, {0, 0, 0, false}, {0, 0, -1u, true}};
-    for (const auto& c : cases) {
-        Script_stream from(numbered(5000)), to;
-        ASSERT_TRUE(from.bytes_avail(c.buffered));
-        to.accepted = c.accepted;
-        to.failure = c.failure;
-        EXPECT_EQ(to.write(from), c.done);
-        EXPECT_EQ(to.sink, from.source.substr(0, c.buffered));
-        EXPECT_EQ(from.bytes_avail(), static_cast<int>(c.buffered));
-    }
-}
-
-TEST(Data_stream, a_source_that_holds_more_than_a_buffer_is_a_programming_error) {
     const Child_result r = run_child([] {
         static unsigned char storage[4201];
-        Script_stream from(numbered(4201)), to;
+        Script_stream from(4201), to;
         from.buffer = Ring_buffer(storage, sizeof storage);
         from.get_data(4201);
-        to.write(static_cast<Data_stream&>(from));
+        to.write(from);
     });
-    EXPECT_EQ(r.signal, SIGABRT);
-    EXPECT_NE(r.err.find("glue/data_stream/Data_stream:1: bool Data_stream::write(Data_stream&): "
-                         "Assertion `avail <= BUFFER_SIZE' failed.\n"),
-              std::string::npos)
-        << r.err;
+    EXPECT_TRUE(r.signal == SIGABRT &&
+                r.err.find("glue/data_stream/Data_stream:1: bool Data_stream::write(Data_stream&"
+                           "): Assertion `avail <= BUFFER_SIZE' failed.\n") != std::string::npos);
 }
 
-TEST(Data_stream, allocates_nothing) {
-    Script_stream s(numbered(4000)), to;
-    to.sink.reserve(20000);
-    const auto round = [&] {
-        unsigned char bytes[100];
-        s.get_data(bytes, 100);
-        s.drop(100);
-        to.printf("%d %f\n", 5, 0.5);
-        to.write(Binary_message(bytes, 100), true);
-        to.write(s);
+/// A pair whose part b tells `rx` of bytes, and a tells `tx` of space. No wait lasts longer than a test may.
+class Pair : public ::testing::Test {
+protected:
+    Pair() {
+        rx.init(&modules);
+        tx.init(&modules);
+        b.reg_rx_waiter(&rx, false);
+        a.reg_tx_waiter(&tx, false);
+        for (auto* part : {&a, &b}) EXPECT_TRUE(part->set_read_timeout(20000) && part->set_write_timeout(20000));
+    }
+    /// The digits of the event ids pending at a waiter; each event must carry nothing but its sender's id.
+    static std::string events(waiter_descriptor& w, const Event_sender_data_stream& sender) {
+        std::string ids;
+        for (waiter_event e; w.get_event(&e, Atime(false)) == 0; ids += std::to_string(e.id))
+            EXPECT_TRUE(static_cast<unsigned short>(e.module_id) == sender.module_id() && e.data == 0);
+        return ids;
+    }
+    module_man modules;
+    waiter_descriptor rx, tx;
+    Virtual_pair_data_stream pair{&modules};
+    Virtual_pair_data_stream_part &a = pair.a, &b = pair.b;
+};
+
+TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_room) {
+    const struct {
+        int timeout_ms;
+        bool told; ///< a failed wait tells nobody, a deadline that has passed does
+    } timeouts[] = {{50, false}, {9, false}, {0, true}, {-100, true}};
+    for (const auto& t : timeouts) {
+        SCOPED_TRACE(t.timeout_ms);
+        const Manual_clock stands_still;
+        a.set_write_timeout(t.timeout_ms);
+        b.set_read_timeout(t.timeout_ms);
+        EXPECT_EQ(put(a, row(200)), 128u);
+        EXPECT_EQ(events(rx, b), t.told ? "1" : "");
+        EXPECT_TRUE(put(a, "x") == 0 && events(rx, b) == "");
+        EXPECT_FALSE(b.drop(130));
+        EXPECT_EQ(events(tx, a), t.told ? "3" : "");
+        EXPECT_EQ(take(b, 128), row(128));
+    }
+    a.set_default_write_timeout();
+    put(a, "0123456789");
+    EXPECT_TRUE(b.bytes_avail(4u) && b.bytes_avail() == 4) << "no more than asked for";
+    b.flush();
+    put(a, "new");
+    EXPECT_EQ(take(b, 7), "0123new");
+    std::atomic<unsigned> written{0};
+    std::thread writer([&] { written = put(a, row(200)); });
+    EXPECT_TRUE(wait_until([&] { return b.flush(), written == 200; })) << "the writer waits though there is room";
+    writer.join();
+}
+
+TEST_F(Pair, a_waiter_is_told_of_what_it_asked_for) {
+    const struct {
+        bool only_at_the_limit; ///< only when full, only when empty
+        unsigned written, read;
+        const char *rx, *tx;
+    } cases[] = {{false, 127, 126, "0", "2"}, {false, 1, 2, "0", "3"},  {false, 128, 1, "1", "2"},
+                 {false, 0, 127, "", "3"},    {true, 127, 126, "", ""}, {true, 126, 127, "", "3"}};
+    EXPECT_NE(a.module_id(), b.module_id());
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.written << " written, " << c.read << " read");
+        b.reg_rx_waiter(&rx, c.only_at_the_limit);
+        a.reg_tx_waiter(&tx, c.only_at_the_limit);
+        EXPECT_TRUE(put(a, row(c.written)) == c.written && events(rx, b) == c.rx);
+        take(b, c.read);
+        EXPECT_EQ(events(tx, a), c.tx);
+    }
+    b.reg_rx_waiter(&rx, false);
+    for (int i = 0; i < 2; ++i) put(a, "x");
+    EXPECT_EQ(rx.num_queued(), 1) << "one node for both";
+}
+
+TEST_F(Pair, two_threads_exchange_any_lengths_without_losing_a_byte) {
+    const auto in_pieces = [](const auto& one) {
+        std::mt19937 random(1);
+        for (unsigned done = 0, n; done < 40000; done += n) one(done, n = 1 + random() % 700);
     };
-    round();
-    const long before = allocations();
-    ASSERT_GT(before, 0) << "nothing is counted";
-    for (int i = 0; i < 10; ++i) round();
-    EXPECT_EQ(allocations(), before);
+    const auto send = [&](Data_stream& s) {
+        in_pieces([&](unsigned done, unsigned n) { EXPECT_EQ(put(s, row(n, done)), n); });
+    };
+    const auto receive = [&](Data_stream& s) {
+        in_pieces([&](unsigned done, unsigned n) { EXPECT_EQ(take(s, n), row(n, done)); });
+    };
+    std::thread other([&] { receive(b), send(b); });
+    send(a), receive(a);
+    other.join();
 }
 
 } // namespace

@@ -78,7 +78,6 @@ protected:
         line = Line();
         EXPECT_TRUE(port.init());
     }
-
     Port port;
     Port::Status status;
 };
@@ -87,14 +86,15 @@ TEST_F(Serial_port, init_makes_a_raw_line_and_a_second_one_keeps_what_was_saved)
     line.settings.c_cflag = HUPCL | CS7 | PARENB;
     line.settings.c_lflag = ICANON | ECHO;
     line.settings.c_cc[VMIN] = line.settings.c_cc[VTIME] = 9;
+    cfsetspeed(&line.settings, B50);
     const struct termios found = line.settings;
     Port p;
     ASSERT_TRUE(p.init());
-    EXPECT_EQ(static_cast<tcflag_t>(CREAD | CLOCAL | CS8), line.settings.c_cflag);
+    EXPECT_EQ(static_cast<tcflag_t>(CREAD | CLOCAL | CS8 | B50), line.settings.c_cflag);
     EXPECT_EQ(0u, line.settings.c_lflag & (ICANON | ECHO));
     EXPECT_TRUE(line.settings.c_cc[VMIN] == 1 && line.settings.c_cc[VTIME] == 0);
-    EXPECT_TRUE(p.set_baud_rate(115200) && p.init());
-    EXPECT_EQ(115200, p.get_baudRate()) << "the line's speed stays";
+    EXPECT_EQ(2400, p.get_baudRate()) << "a speed that is not in the table";
+    EXPECT_TRUE(p.set_baud_rate(115200) && p.init() && p.get_baudRate() == 115200);
     EXPECT_TRUE(p.restore());
     EXPECT_EQ(0, memcmp(&found, &line.settings, sizeof found));
 }
@@ -121,58 +121,56 @@ TEST_F(Serial_port, does_nothing_while_not_initialised_closed_or_refused) {
     EXPECT_EQ(0u, line.modem_written.size());
 }
 
-TEST_F(Serial_port, speeds_are_raised_to_the_next_one) {
-    const std::tuple<long, speed_t, long> cases[] = {
-        {-1, B300, 300},       {301, B600, 600},         {9600, B9600, 9600},
-        {9601, B19200, 19200}, {57601, B115200, 115200}, {1000000, B460800, 460800},
+TEST_F(Serial_port, settings_are_written_together_or_one_by_one_and_read_back) {
+    constexpr tcflag_t settings = CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS;
+    constexpr int before = TIOCM_RTS | TIOCM_CTS; // of the modem lines
+    const struct {
+        long asked, got; ///< speed; with those that are no such speed, raised to the next one
+        int bits, stop_bits, parity, handshake;
+        tcflag_t control, input;
+        speed_t code;
+        int modem; ///< with DTR asked for and RTS not
+    } cases[] = {
+        {-1, 300, 5, 1, 0, 0, CS5, 0, B300, TIOCM_CTS | TIOCM_DTR},
+        {301, 600, 6, 2, 1, 1, CS6 | CSTOPB | PARENB | PARODD | CRTSCTS, 0, B600, before},
+        // An unknown parity is odd as before, or even as before.
+        {9600, 9600, 7, 1, 3, 2, CS7 | PARENB | PARODD, IXON | IXOFF, B9600, TIOCM_CTS | TIOCM_DTR},
+        {57601, 115200, 7, 1, 2, 3, CS7 | PARENB, 0, B115200, TIOCM_CTS | TIOCM_DTR},
+        {1000000, 460800, 9, 3, 3, 0, CS8 | PARENB, 0, B460800, TIOCM_CTS | TIOCM_DTR},
     };
-    for (const auto& [asked, code, got] : cases) {
-        EXPECT_TRUE(port.set_baud_rate(asked));
-        EXPECT_TRUE(cfgetispeed(&line.settings) == code && cfgetospeed(&line.settings) == code) << asked;
-        EXPECT_EQ(got, port.get_baudRate());
-    }
-    cfsetspeed(&line.settings, B50);
-    ASSERT_TRUE(port.init());
-    EXPECT_EQ(2400, port.get_baudRate()) << "a speed that is not in the table";
-}
-
-TEST_F(Serial_port, formats_set_size_parity_and_stop_bits) {
-    const auto format = [](int bits, int stop_bits, int parity) {
-        return Port::Format{static_cast<Port::bits_t>(bits), static_cast<Port::stop_bits_t>(stop_bits),
-                            static_cast<Port::parity_t>(parity)};
-    };
-    const std::tuple<Port::Format, tcflag_t, Port::Format> cases[] = {
-        {format(5, 1, 0), CS5, format(5, 1, 0)},
-        {format(6, 2, 1), CS6 | CSTOPB | PARENB | PARODD, format(6, 2, 1)},
-        {format(7, 1, 3), CS7 | PARENB | PARODD, format(7, 1, 1)}, // unknown parity: odd as before
-        {format(7, 1, 2), CS7 | PARENB, format(7, 1, 2)},
-        {format(9, 3, 3), CS8 | PARENB, format(8, 1, 2)},
-    };
-    for (const auto& [asked, flags, expected] : cases) {
-        Port::Format back;
-        EXPECT_TRUE(port.set_format(asked) && port.get_format(back) && back == expected) << flags;
-        EXPECT_EQ(flags, line.settings.c_cflag & (CSIZE | CSTOPB | PARENB | PARODD));
-    }
-}
-
-TEST_F(Serial_port, handshakes_exclude_each_other_and_hardware_raises_rts) {
-    const std::tuple<int, int, tcflag_t, tcflag_t, int> cases[] = {
-        {Port::handshake_xon_xoff, Port::handshake_xon_xoff, 0, IXON | IXOFF, 0},
-        {Port::handshake_rts_cts, Port::handshake_rts_cts, CRTSCTS, 0, TIOCM_RTS},
-        {3, Port::handshake_none, 0, 0, 0},
-    };
-    for (const auto& [asked, back, control, input, modem] : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.asked);
+        Port::State state;
+        state.baud_rate = c.asked;
+        state.format = {Port::bits_t(c.bits), Port::stop_bits_t(c.stop_bits), Port::parity_t(c.parity)};
+        state.status.handshake = Port::handshake_t(c.handshake);
+        state.status.dtr = 7;
+        const auto is_set = [&] {
+            EXPECT_EQ(c.control, line.settings.c_cflag & settings);
+            EXPECT_EQ(c.input, line.settings.c_iflag & (IXON | IXOFF));
+            EXPECT_TRUE(cfgetospeed(&line.settings) == c.code && port.get_baudRate() == c.got);
+        };
+        line.modem = before;
+        line.settings_written = 0;
+        EXPECT_TRUE(port.set_state(state) && line.settings_written == 1 && line.modem == c.modem);
+        is_set();
+        EXPECT_TRUE(port.set_baud_rate(19200) && port.set_handshake(Port::handshake_t(2 - c.handshake % 3)));
         line.modem = 0;
-        EXPECT_TRUE(port.set_handshake(static_cast<Port::handshake_t>(asked)) && port.get_status(status));
-        EXPECT_TRUE(status.handshake == back && line.modem == modem) << asked;
-        EXPECT_TRUE((line.settings.c_cflag & CRTSCTS) == control) << asked;
-        EXPECT_TRUE((line.settings.c_iflag & (IXON | IXOFF)) == input) << asked;
+        EXPECT_TRUE(port.set_baud_rate(c.asked) && port.set_format(state.format));
+        EXPECT_TRUE(port.set_handshake(state.status.handshake) && line.modem == (c.handshake == 1 ? TIOCM_RTS : 0));
+        is_set();
+        const Port::Format known(Port::bits_t(c.bits < 9 ? c.bits : 8), Port::stop_bits_t(c.stop_bits == 2 ? 2 : 1),
+                                 Port::parity_t(c.control & PARENB ? c.control & PARODD ? 1 : 2 : 0));
+        EXPECT_TRUE(port.get_format(state.format) && state.format == known);
+        EXPECT_TRUE(port.get_status(status) && status.handshake == (c.handshake == 3 ? 0 : c.handshake));
     }
 }
 
 TEST_F(Serial_port, modem_lines_are_written_only_when_they_change) {
     line.modem = TIOCM_DTR | TIOCM_CTS;
-    EXPECT_TRUE(port.set_dtr_state(true) && port.set_rts_state(false));
+    Port::State state;
+    state.status.dtr = 1;
+    EXPECT_TRUE(port.set_dtr_state(true) && port.set_rts_state(false) && port.set_state(state));
     EXPECT_EQ(0u, line.modem_written.size());
     EXPECT_TRUE(port.set_rts_state(true) && port.set_dtr_state(false));
     EXPECT_EQ(std::vector<int>({TIOCM_DTR | TIOCM_CTS | TIOCM_RTS, TIOCM_CTS | TIOCM_RTS}), line.modem_written);
@@ -182,25 +180,6 @@ TEST_F(Serial_port, modem_lines_are_written_only_when_they_change) {
         EXPECT_EQ(std::vector<int>({one == TIOCM_DTR, one == TIOCM_RTS, one == TIOCM_CTS, one == TIOCM_DSR}),
                   std::vector<int>({status.dtr, status.rts, status.cts, status.dsr}));
     }
-}
-
-TEST_F(Serial_port, a_whole_state_is_written_once) {
-    Port::State state;
-    state.baud_rate = 4800;
-    state.format = {Port::bits_7, Port::stop_bits_2, Port::parity_even};
-    state.status.dtr = 7;
-    line.settings_written = 0;
-    line.modem = TIOCM_RTS | TIOCM_CTS;
-    EXPECT_TRUE(port.set_state(state));
-    EXPECT_EQ(1, line.settings_written);
-    EXPECT_EQ(B4800, cfgetospeed(&line.settings));
-    EXPECT_EQ(static_cast<tcflag_t>(CS7 | CSTOPB | PARENB), line.settings.c_cflag & (CSIZE | CSTOPB | PARENB));
-    EXPECT_TRUE(port.set_state(state)) << "nothing changes";
-    EXPECT_EQ(std::vector<int>({TIOCM_DTR | TIOCM_CTS}), line.modem_written) << "both lines at once, and once";
-    state.status.handshake = Port::handshake_rts_cts;
-    state.status.dtr = 0;
-    EXPECT_TRUE(port.set_state(state));
-    EXPECT_EQ(TIOCM_DTR | TIOCM_CTS | TIOCM_RTS, line.modem) << "RTS is raised, the given lines do not count";
 }
 
 TEST_F(Serial_port, device_arguments_keep_empty_fields_and_switch_the_transceiver) {
@@ -217,14 +196,11 @@ TEST_F(Serial_port, device_arguments_keep_empty_fields_and_switch_the_transceive
         {long_path, long_path.substr(0, 256), 9600, rs485, {}},
     };
     for (const auto& [arguments, path, baud, modem, written] : cases) {
-        SCOPED_TRACE(arguments);
         line = Line();
         line.modem = modem;
         Port p;
-        EXPECT_TRUE(p.open_from_args(arguments.c_str()));
-        EXPECT_EQ(path, p.opened);
-        EXPECT_EQ(baud, p.get_baudRate());
-        EXPECT_EQ(written, line.modem_written);
+        EXPECT_TRUE(p.open_from_args(arguments.c_str()) && p.opened == path && p.get_baudRate() == baud) << arguments;
+        EXPECT_EQ(written, line.modem_written) << arguments;
     }
     line.fails = true;
     EXPECT_FALSE(port.open_from_args("d::rs485") || port.open_from_args(nullptr));

@@ -93,7 +93,7 @@ bool File_checksummed_data_stream::verify(char const* path) {
     if (fstat(fileno(_read_file), &infile_stat) != 0) return false;
     uint32_t stored;
     if (!find_trailer(path, infile_stat.st_size, stored)) return false;
-    if (infile_stat.st_size - _read_crc32_seek_off <= 0)
+    if (infile_stat.st_size - read_crc32_seek_off <= 0)
         Util::assertion_failed("infile_stat.st_size - read_crc32_seek_off > 0",
                                "glue/data_stream/File_checksummed_data_stream", 1,
                                "bool File_checksummed_data_stream::open_read(const char*)");
@@ -129,14 +129,14 @@ bool File_checksummed_data_stream::find_trailer(char const* path, int64_t size, 
         Debug_print::dprint("Failure while reading CRC32 in checksummed file [%s]\n", path);
         return false;
     }
-    _read_crc32_seek_off = static_cast<int32_t>(tail_at + (head - text) - 1);
+    read_crc32_seek_off = static_cast<int32_t>(tail_at + (head - text) - 1);
     return true;
 }
 
 /// The checksum as files in the field were verified: the last chunk is not cut to the payload's end, so behind a
 /// payload above 255 bytes that is no multiple of them it runs into the trailer and the file is refused.
 bool File_checksummed_data_stream::checksum_payload(char const* path) {
-    const int32_t length = _read_crc32_seek_off;
+    const int32_t length = read_crc32_seek_off;
     rewind(_read_file);
     _crc = seed;
     for (int64_t count = 0; count < length;) {
@@ -158,7 +158,7 @@ bool File_checksummed_data_stream::get_data(int n) {
     if (!_read_file || n < 0) return false;
     const int64_t position = ftell(_read_file);
     if (position < 0) return false;
-    if (position + n <= _read_crc32_seek_off) return File_data_stream::get_data(n);
-    if (position < _read_crc32_seek_off) File_data_stream::get_data(static_cast<int>(_read_crc32_seek_off - position));
+    if (position + n <= read_crc32_seek_off) return File_data_stream::get_data(n);
+    if (position < read_crc32_seek_off) File_data_stream::get_data(static_cast<int>(read_crc32_seek_off - position));
     return false;
 }

@@ -39,12 +39,13 @@ public:
 
     uint32_t get_crc() const { return _crc; } ///< of what was written so far
 
+    /// [bytes] of payload in the file open for reading; -1 for one that holds nothing but a trailer of 15 bytes.
+    int32_t read_crc32_seek_off = 0;
+
 private:
     bool verify(char const* path);
     bool find_trailer(char const* path, int64_t size, uint32_t& stored);
     bool checksum_payload(char const* path);
 
     uint32_t _crc = seed;
-    int32_t _read_crc32_seek_off =
-        0; ///< [bytes] of the payload; -1 for a file that holds nothing but a trailer of 15 bytes
 };

@@ -31,18 +31,6 @@ enum Step {
     step_create = 236
 };
 
-/// What all streams share. Never destroyed: a stream may be a static of the application.
-struct Shared {
-    Mutex mutex;
-    waiter_list waiters;
-    PcfInfo info = {0, 0};
-};
-
-Shared& shared() {
-    static Shared& instance = *new Shared;
-    return instance;
-}
-
 void print_failure(int step) { Debug_print::dprint("PCF Datastream Failed %i\n", step); }
 
 /// Open `path` for writing, at its end or new; 0 done.
@@ -53,6 +41,11 @@ int open_for_writing(char const* path, int& step) {
 }
 
 } // namespace
+
+// Never destroyed: a stream may be a static of the application.
+Mutex& PCFile_data_stream::mutex = *new Mutex;
+waiter_list& PCFile_data_stream::waiters = *new waiter_list;
+PcfInfo PCFile_data_stream::pcf_info = {0, 0};
 
 PCFile_data_stream::PCFile_data_stream() { set_name("DSPCF(%p)", static_cast<void*>(this)); }
 
@@ -65,32 +58,29 @@ PCFile_data_stream::~PCFile_data_stream() {
 // ---- the class
 
 void PCFile_data_stream::static_init(module_man& mm) {
-    const std::lock_guard<Mutex> guard(shared().mutex);
-    shared().waiters.init(mm);
+    const std::lock_guard<Mutex> guard(mutex);
+    waiters.init(mm);
 }
 
 int PCFile_data_stream::register_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> guard(shared().mutex);
-    return shared().waiters.add(w);
+    const std::lock_guard<Mutex> guard(mutex);
+    return waiters.add(w);
 }
 
 int PCFile_data_stream::deregister_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> guard(shared().mutex);
-    return shared().waiters.remove(w);
+    const std::lock_guard<Mutex> guard(mutex);
+    return waiters.remove(w);
 }
 
 /// send_event() for callers that hold the lock.
-void PCFile_data_stream::deliver(events_t e) {
-    const waiter_list& waiters = shared().waiters;
-    waiters.send(waiter_event(waiters.module_id(), e, 0), true, false);
-}
+void PCFile_data_stream::deliver(events_t e) { waiters.send(waiter_event(waiters.module_id(), e, 0), true, false); }
 
 void PCFile_data_stream::send_event(events_t e) {
-    const std::lock_guard<Mutex> guard(shared().mutex);
+    const std::lock_guard<Mutex> guard(mutex);
     deliver(e);
 }
 
-bool PCFile_data_stream::is_event(waiter_event const& e) { return e.module_id == shared().waiters.module_id(); }
+bool PCFile_data_stream::is_event(waiter_event const& e) { return e.module_id == waiters.module_id(); }
 
 bool PCFile_data_stream::mounted() { return pcfIsMounted() != 0; }
 
@@ -103,12 +93,11 @@ bool PCFile_data_stream::exists(char const* path) {
 bool PCFile_data_stream::remove(char const* path) { return pcfRemove(path) == PCF_DONE; }
 
 bool PCFile_data_stream::get_free_space(unsigned int& used, unsigned int& size) {
-    const std::lock_guard<Mutex> guard(shared().mutex);
-    PcfInfo& info = shared().info;
+    const std::lock_guard<Mutex> guard(mutex);
     used = size = 0;
-    if (!pcfInfo(&info)) return false;
-    used = info.size - info.free_bytes;
-    size = info.size;
+    if (!pcfInfo(&pcf_info)) return false;
+    used = pcf_info.size - pcf_info.free_bytes;
+    size = pcf_info.size;
     return true;
 }
 
@@ -196,19 +185,18 @@ bool PCFile_data_stream::get_data(int n) {
 
 unsigned int PCFile_data_stream::_write(unsigned char const* data, unsigned int n) {
     constexpr unsigned int refused = static_cast<unsigned int>(-4);
-    const std::lock_guard<Mutex> guard(shared().mutex);
+    const std::lock_guard<Mutex> guard(mutex);
     if (!_write_open) return refused;
-    PcfInfo& info = shared().info;
-    if (n > info.free_bytes) {
+    if (n > pcf_info.free_bytes) {
         deliver(event_full);
         Debug_print::dprint("PCF full\n");
         close_write();
-        if (info.free_bytes > most_left_when_full) Util::flush_and_abort();
+        if (pcf_info.free_bytes > most_left_when_full) Util::flush_and_abort();
         return refused;
     }
     const int written = n <= INT_MAX ? pcfWrite(data, static_cast<int>(n), for_writing) : -1;
     if (written == static_cast<int>(n)) {
-        info.free_bytes -= n;
+        pcf_info.free_bytes -= n;
         bytes_written += n;
     } else {
         Debug_print::dprint("PCF did not write %d!=%d\n", static_cast<int>(n), written);

@@ -15,7 +15,7 @@ class waiter_event;
 /// with exit(-155).
 ///
 /// Diners may register to be told when the store is full or a write failed. The class keeps its own count of free
-/// bytes, refreshed when a file is opened for writing, and guards it and the waiters with one lock for all streams.
+/// bytes, refreshed when a file is opened for writing.
 class KAV_API PCFile_data_stream : public Data_stream {
 public:
     enum events_t { event_write_failed = 0, event_full = 1 };
@@ -27,6 +27,12 @@ public:
         not_mounted = 3, ///< or, for reading, no such file
         wrong_state = 4  ///< also: no space, reading attempts used up, close failed
     };
+
+    // What all streams of the process share.
+
+    static Mutex& mutex; ///< guards the other two
+    static waiter_list& waiters;
+    static PcfInfo pcf_info; ///< the store as it was last asked about, less what was written since
 
     PCFile_data_stream();
     ~PCFile_data_stream() override;

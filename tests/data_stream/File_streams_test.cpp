@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: MIT
+#include "glue/data_stream/File_checksummed_data_stream.h"
+#include "glue/data_stream/PCFile_data_stream.h"
+#include "glue/diner/module_man.h"
+#include "platform/crc32.h"
+#include "platform/pcf_host.h"
+#include "support/Pty.h"
+#include "support/capture.h"
+#include "support/child.h"
+#include <climits>
+#include <csignal>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+using namespace std::string_literals;
+
+namespace {
+
+/// What can still be read.
+std::string drain(Data_stream& s) {
+    while (s.bytes_avail(static_cast<unsigned>(s.bytes_avail()) + 1)) {
+    }
+    return take(s);
+}
+
+class Files : public testing::Test {
+protected:
+    /// Whether the checksummed file verifies; `text` is what it yields or complains of.
+    bool load() {
+        File_checksummed_data_stream s;
+        Capture err(stderr);
+        const bool good = s.open_read(path.c_str());
+        text = good ? drain(s) : err.text();
+        EXPECT_TRUE(!good || s.read_crc32_seek_off == static_cast<int>(text.size()));
+        return good;
+    }
+    /// Write a checksummed file in uneven pieces: the checksum does not depend on them.
+    bool save_and_load(const std::string& payload) {
+        File_checksummed_data_stream s;
+        EXPECT_TRUE(s.open_write(path.c_str()));
+        for (size_t at = 0; at < payload.size(); at += 37) put(s, payload.substr(at, 37));
+        EXPECT_TRUE(s.close_write());
+        return load();
+    }
+    Temporary_folder folder;
+    const std::string path = folder.file("a.txt"), missing = folder.file("none/a.txt");
+    std::string text;
+};
+
+TEST_F(Files, are_appended_to_and_read_by_path_or_descriptor) {
+    File_data_stream s;
+    EXPECT_FALSE(s.close_read() || s.close_write() || s.get_data(1) || File_data_stream::exists(path.c_str()));
+    EXPECT_TRUE(s.get_data(0) && put(s, "x") == UINT_MAX && s.get_length() == UINT_MAX);
+    for (const char* piece : {"hello ", "world"})
+        EXPECT_TRUE(s.open_write(path.c_str()) && put(s, piece) == strlen(piece) && s.close_write());
+    EXPECT_TRUE(s.open_read(path.c_str()) && s[6] == 'w' && s.get_length() == 11 && drain(s) == "hello world");
+    EXPECT_EQ(stream_name("DSFile", s, "," + path + ", r"), s.name);
+    EXPECT_TRUE(s.close_read() && s.open_read(::open(path.c_str(), O_RDONLY)) && drain(s) == "hello world");
+    EXPECT_TRUE(File_data_stream::exists((path + "/below").c_str())) << "not a folder: it cannot be told";
+
+    void (*const calls[])(File_data_stream&,
+                          const char*) = {[](File_data_stream& f, const char* p) { f.open_read(p); },
+                                          [](File_data_stream& f, const char*) { f.open_read(999); },
+                                          [](File_data_stream& f, const char* p) { f.open_write(p); }};
+    for (int i = 0; i < 3; ++i) {
+        const Child_result child = run_child([&] { calls[i](s, missing.c_str()); });
+        EXPECT_EQ(child.status, i < 2 ? 123 : 122) << i;
+        EXPECT_EQ(child.err, i == 1 ? "Error opening fd [999]\n" : "Error opening file [" + missing + "]\n");
+    }
+}
+
+TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
+    EXPECT_EQ(Util::crc32(Util::crc32(0, "1234", 4), "56789", 5), 0xCBF43926u) << "the common one, chained";
+    // Above 255 bytes the last chunk runs into the trailer unless they are a multiple.
+    for (size_t n = 0; n <= 600; ++n) {
+        const std::string payload(n, 'p');
+        const bool good = n <= 255 || n % 255 == 0;
+        ASSERT_EQ(save_and_load(payload), good) << n;
+        EXPECT_EQ(text, good ? payload : "Error CRC32 mismatch on checksummed file [" + path + "]\n");
+    }
+    EXPECT_TRUE(save_and_load("1\0"s + "3456") && save_and_load("1\0"s + "3"));
+    EXPECT_FALSE(save_and_load("1\0"s + "345") || save_and_load("123\0"s)) << "no zero among the last four bytes";
+
+    save_and_load("hello");
+    const std::string good = read_file(path), cut = "Empty or truncated checksummed file [",
+                      no_sum = "Failure while reading CRC32 in checksummed file [",
+                      wrong_sum = "Error CRC32 mismatch on checksummed file [";
+    EXPECT_EQ(good, "hello\n\nCRC32=BD1E346E");
+    const std::pair<std::string, std::string> damaged[] = {{good.substr(0, 15), wrong_sum},
+                                                           {good.substr(0, 14), cut},
+                                                           {good.substr(0, 13) + "zz", no_sum},
+                                                           {"S" + good.substr(1), wrong_sum},
+                                                           {good + "12345", wrong_sum},
+                                                           {good + "123456", no_sum},
+                                                           {good + "\nx", ""}};
+    for (const auto& [bytes, complaint] : damaged) {
+        write_file(path, bytes);
+        EXPECT_EQ(load(), complaint.empty()) << bytes;
+        EXPECT_EQ(text, complaint.empty() ? "hello" : complaint + path + "]\n") << bytes;
+    }
+    write_file(path, "\nCRC32=5CA1AB1E");
+    File_checksummed_data_stream s;
+    EXPECT_TRUE(s.open_read(path.c_str()) && s.read_crc32_seek_off == -1 && !s._get_data(0));
+    Capture err(stderr);
+    EXPECT_FALSE(s.open_read(missing.c_str()) || s.open_write(missing.c_str()) || s.close_write() || s.open_read(0));
+    EXPECT_TRUE(put(s, "x") == UINT_MAX && s.get_crc() == File_checksummed_data_stream::seed) << "nothing is covered";
+    ASSERT_TRUE(s.open_write("/dev/full"));
+    put(s, std::string(100000, 'x'));
+    EXPECT_TRUE(s.close_write());
+    const std::string failure = "Error opening file [" + missing + "]\n";
+    EXPECT_EQ(err.text(), failure + failure + "CRCFILE not open for write!\n") << "no trailer after a write error";
+}
+
+// ---- the flash store
+
+using F = PCFile_data_stream;
+constexpr unsigned refused = static_cast<unsigned>(-4);
+
+unsigned fill(F& s, size_t n) { return put(s, std::string(n, 'x')); }
+
+void save(const char* name, size_t n) {
+    F s;
+    EXPECT_TRUE(s.open_write(name, 1) == F::done && fill(s, n) == n && s.close_write() == F::done) << name;
+}
+
+/// Length of a file; -1 when it cannot be read.
+int length(const char* name) {
+    F s;
+    if (s.open_read(name, 1) != F::done) return -1;
+    while (s.bytes_avail(1u)) s.drop_all();
+    EXPECT_TRUE(s.close_read() == 0 && s.close_read() == F::wrong_state);
+    return static_cast<int>(s.bytes_read);
+}
+
+class Flash_stream : public testing::Test {
+protected:
+    Flash_stream() {
+        static module_man& modules = *new module_man; // one for the process, as the class keeps its waiters
+        if (F::waiters.module_id() == 0) F::static_init(modules);
+        waiter.init(&modules);
+        EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 100) && F::register_waiter(&waiter) == 0);
+    }
+    ~Flash_stream() override {
+        EXPECT_EQ(F::deregister_waiter(&waiter), 0);
+        Pcf_host::unmount();
+    }
+    /// Ids of the events that have arrived.
+    std::string events() {
+        std::string ids;
+        for (waiter_event e; waiter.get_event(&e, Atime(false)) == 0; ids += std::to_string(e.id))
+            EXPECT_TRUE(F::is_event(e));
+        return ids;
+    }
+    Temporary_folder folder;
+    waiter_descriptor waiter;
+};
+
+TEST_F(Flash_stream, tells_what_stops_it_from_opening) {
+    using namespace Pcf_host;
+    save("a", 10);
+    const struct {
+        Call call;
+        Fault fault;
+        int times;
+        const char* name;
+        int retries, result, step;
+    } table[] = {
+        {call_open_read, fault_none, 1, "none", 1, F::not_mounted, 0},
+        {call_open_read, fault_busy, 2, "a", 2, F::wrong_state, 0},
+        {call_open_read, fault_busy, 2, "a", 0, F::done, 0}, // as often as it takes
+        {call_open_read, fault_error, 1, "a", 3, PCF_FAILED, 0},
+        {call_open_write, fault_none, 1, "a", 0, F::gave_up, 221},
+        {call_open_write, fault_busy, 2, "a", 2, F::gave_up, 227},
+        {call_create, fault_error, 1, "new", 1, F::gave_up, 236},
+        {call_create, fault_error, 1, "new", 2, F::done, 0},
+        {call_info, fault_error, 1, "a", 1, F::wrong_state, 216},
+    };
+    for (const auto& row : table) {
+        inject(row.call, 1, row.fault, row.times);
+        F s;
+        Capture err(stderr);
+        const bool read = row.call == call_open_read;
+        EXPECT_EQ(read ? s.open_read(row.name, row.retries) : s.open_write(row.name, row.retries), row.result);
+        const std::string text = "PCF Datastream Failed " + std::to_string(row.step);
+        EXPECT_EQ(err.text(), row.step ? text + (row.step == 216 ? " (a 0 0)\n" : "\n") : "");
+        EXPECT_EQ(events(), row.step == 216 ? "1" : "");
+        if (row.result == F::done) read ? s.close_read() : s.close_write();
+    }
+    unmount();
+    F s;
+    Capture err(stderr);
+    EXPECT_FALSE(F::mounted() || F::exists("a") || F::copy("b", "a") || F::Iterator().get_name());
+    EXPECT_TRUE(s.open_read("a", 1) == F::not_mounted && s.open_write("a", 1) == F::not_mounted);
+    EXPECT_EQ(s.close_write(), F::wrong_state);
+    EXPECT_EQ(err.text(),
+              "PCF Datastream Failed 192 (a)\nPCF cannot iterate\nPCF Datastream Failed 207\nPCF not open\n");
+}
+
+TEST_F(Flash_stream, counts_what_is_free_and_tells_of_a_full_store_and_a_failed_write) {
+    F s;
+    Capture err(stderr);
+    EXPECT_EQ(fill(s, 1), refused) << "not open";
+    EXPECT_TRUE(s.open_write("a", 1) == F::done && s.open_write("a", 1) == F::wrong_state);
+    EXPECT_EQ(stream_name("DSPCF", s, ", a, w"), s.name);
+    EXPECT_TRUE(fill(s, 90) == 90 && F::pcf_info.free_bytes == 10 && s.bytes_written == 90);
+    EXPECT_TRUE(fill(s, 20) == refused && !s.is_open_write() && events() == "1");
+    EXPECT_EQ(s.open_write("b", 1), F::done);
+    Pcf_host::inject(Pcf_host::call_write, 1, Pcf_host::fault_short_write);
+    EXPECT_TRUE(fill(s, 4) == 2 && !s.is_open_write() && events() == "0");
+    save("b", 10);
+    EXPECT_TRUE(s.open_write("b", 1) == F::wrong_state && events() == "1");
+    EXPECT_EQ(err.text(), "PCF Datastream Failed 202\nPCF full\nPCF did not write 4!=2\nPCF failed to close\n"
+                          "PCF Datastream Failed 216 (b 100 100)\n");
+    std::string names;
+    for (F::Iterator i; const char* name = i.get_name(); i.next()) names += name;
+    EXPECT_EQ(names, "ab");
+    EXPECT_TRUE(length("a") == 90 && F::remove("a") && !F::remove("a") && !F::exists("a"));
+}
+
+TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
+    Pcf_host::mount(folder.path.c_str(), 3000);
+    save("a", 1200), save("b", 7), save("empty", 0);
+    EXPECT_TRUE(F::copy("b", "a") && length("b") == 1200 && events() == "");
+    EXPECT_TRUE(F::copy("c", "a") && length("c") == 500 && events() == "1") << "tells when it stops for lack of room";
+    EXPECT_FALSE(F::copy("c", "none") || F::copy("b", "empty") || F::exists("b"));
+    Pcf_host::inject(Pcf_host::call_open_read, 1, Pcf_host::fault_error);
+    EXPECT_FALSE(F::copy("d", "a"));
+}
+
+TEST_F(Flash_stream, ends_the_process_where_it_cannot_go_on) {
+    save("a", 89);
+    const struct {
+        bool read, write;
+        size_t written;
+        int status, signal;
+        const char* text;
+    } table[] = {{true, true, 0, 101, 0, "Destruct while files are read open!!"},
+                 {false, true, 0, 101, 0, "Destruct while files are write open!!"},
+                 // What does not fit although more than 10 bytes are free was counted wrongly.
+                 {false, true, 20, -1, SIGABRT, "PCF full\n"}};
+    for (const auto& row : table) {
+        const Child_result child = run_child([&] {
+            F s;
+            if (row.read) s.open_read("a", 1);
+            if (row.write) s.open_write("new", 1);
+            if (row.written) fill(s, row.written);
+        });
+        EXPECT_TRUE(child.status == row.status && child.signal == row.signal) << row.text;
+        EXPECT_EQ(child.err, row.text);
+    }
+}
+
+} // namespace

@@ -1,0 +1,339 @@
+// SPDX-License-Identifier: MIT
+#include "glue/data_stream/Posix_serial_data_stream.h"
+#include "glue/data_stream/Posix_threaded_serial_data_stream.h"
+#include "glue/diner/module_man.h"
+#include "support/Pty.h"
+#include "support/allocations.h"
+#include "support/capture.h"
+#include "support/child.h"
+#include "support/wait_until.h"
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
+#include <tuple>
+
+namespace {
+
+constexpr unsigned failed = static_cast<unsigned>(-1);
+
+/// Two pages; it takes bytes as long as one page is unused. Whoever is given the ends closes them.
+struct Pipe {
+    explicit Pipe(int least_number) {
+        const struct rlimit limit = {1200, 1200};
+        int ends[2];
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || pipe(ends) != 0) abort();
+        in = fcntl(ends[0], F_DUPFD, least_number);
+        out = fcntl(ends[1], F_DUPFD, least_number);
+        fcntl(out, F_SETPIPE_SZ, 8192);
+        ::close(ends[0]);
+        ::close(ends[1]);
+    }
+    int in, out;
+};
+
+TEST(Posix_stream, opens_with_flags_and_mode_and_closes_each_descriptor_once) {
+    // Both directions, write or read; whether it shall be created, blocks, appends; flags, -1: fails.
+    const std::tuple<char, bool, bool, bool, int> cases[] = {
+        {'b', false, true, false, -1},
+        {'w', false, true, true, -1},
+        {'r', false, true, false, -1},
+        {'b', true, true, false, O_RDWR},
+        {'b', false, false, true, O_RDWR | O_NONBLOCK | O_APPEND},
+        {'w', true, false, true, O_WRONLY | O_NONBLOCK | O_APPEND},
+        {'r', false, false, false, O_RDONLY | O_NONBLOCK},
+    };
+    struct Stream : Posix_data_stream {
+        using Posix_data_stream::read_fd;
+        using Posix_data_stream::write_fd;
+    } s;
+    umask(0);
+    const size_t before = num_descriptors();
+    Temporary_folder dir;
+    const std::string file = dir.file("f");
+    const char* const path = file.c_str();
+    for (const auto& [how, create, blocking, append, expected] : cases) {
+        SCOPED_TRACE(testing::Message() << how << create << blocking << append);
+        Capture err(stderr);
+        const bool ok = how == 'b'   ? s.open(path, create, blocking, append)
+                        : how == 'w' ? s.open_write(path, create, blocking, append)
+                                     : s.open_read(path, blocking);
+        std::string said = how == 'b' ? "About to Open " + file + "\n" : "";
+        if (how == 'b' || !ok) said += (ok ? "Opened " + file : "Error opening file [" + file + "]") + "\n";
+        EXPECT_EQ(said, err.text());
+        ASSERT_EQ(expected >= 0, ok);
+        if (!ok) continue;
+        const int flags = fcntl(how == 'r' ? s.read_fd() : s.write_fd(), F_GETFL);
+        EXPECT_EQ(expected, flags & (O_ACCMODE | O_NONBLOCK | O_APPEND));
+        EXPECT_EQ(stream_name("DSPosix", s, ", " + file + (how == 'b' ? ", rw" : how == 'w' ? ", w" : ", r")), s.name);
+    }
+    EXPECT_EQ(std::filesystem::perms(0666), std::filesystem::status(file).permissions());
+    EXPECT_EQ(before + 2, num_descriptors()) << "what was open is closed first";
+    EXPECT_TRUE(!s.close() && s.close_write() && s.close_read() && !s.close() && !s.close_write() && !s.close_read());
+    EXPECT_TRUE(s.open(path, false, true, false) && !s.close_read() && !s.close_write() && s.close());
+    EXPECT_EQ(stream_name("DSPosix", s, ""), s.name);
+    EXPECT_EQ(before, num_descriptors());
+}
+
+TEST(Posix_stream, keeps_what_came_before_the_end_and_bounds_whole_transfers_on_any_descriptor) {
+    for (int least_number : {3, 1100}) { // the sets of select() end at 1024
+        Pipe p(least_number), q(least_number);
+        Posix_data_stream reader(p.in), writer(-1, p.out), both(q.in, q.out);
+        const auto set_timeouts = [&](int ms) {
+            for (auto* s : {&reader, &writer, &both}) s->set_read_timeout(ms), s->set_write_timeout(ms);
+        };
+        set_timeouts(200);
+        // Each byte comes 100 ms after the last one was taken: ten take 900 ms, though no single wait reaches 200.
+        std::atomic<bool> done{false};
+        std::thread feeder([&] {
+            for (int waiting = 0; !done; std::this_thread::sleep_for(std::chrono::milliseconds(100)))
+                if (ioctl(p.in, FIONREAD, &waiting) == 0 && waiting == 0 && ::write(p.out, "x", 1) != 1) break;
+        });
+        EXPECT_FALSE(reader.bytes_avail(10u));
+        done = true;
+        feeder.join();
+        reader._get_data(1);
+        reader.drop_all();
+        EXPECT_EQ(5u, put(writer, "hello")) << "a stream without a read descriptor waits on the one it has";
+        EXPECT_TRUE(reader.bytes_avail(2u) && reader.bytes_avail() == 2) << "the next call has the whole time again";
+        set_timeouts(10);
+        const unsigned taken = put(writer, std::string(5000, 'y'));
+        unsigned waiting = 0;
+        EXPECT_TRUE(ioctl(p.in, FIONREAD, &waiting) == 0 && waiting == 3 + taken && taken < 5000) << "what had room";
+        EXPECT_EQ(0u, put(both, "x")) << "asked of the read descriptor: that of a pipe never takes bytes";
+        both.set_default_write_timeout();
+        both.set_default_read_timeout();
+        EXPECT_TRUE(put(both, "xy") == 2 && both[0] == 'x');
+        both.close_write();
+        EXPECT_FALSE(both.bytes_avail(3u)) << "the end";
+        EXPECT_TRUE(take(both) == "xy" && put(both, "x") == failed && both.bytes_read == 2 && both.bytes_written == 2);
+        both.close_read();
+        EXPECT_FALSE(both._get_data(0)) << "closed";
+
+        Capture err(stderr);
+        ::close(p.in);
+        ::close(p.out);
+        EXPECT_FALSE(reader.bytes_avail(3000u) || put(writer, "x") != 0);
+        EXPECT_EQ("select(), Posix_data_stream::get_data: Bad file descriptor\n"
+                  "select(), Posix_data_stream::_write: Bad file descriptor\n",
+                  err.text());
+    }
+}
+
+TEST(Serial_stream, carries_every_byte_value_at_the_speed_of_its_argument) {
+    Pty pty;
+    Capture err(stderr);
+    Posix_serial_data_stream s((pty.path + ":38400").c_str());
+    EXPECT_EQ(stream_name("DSPosSer", s, ", " + pty.path + ":38400"), s.name);
+    EXPECT_EQ(B38400, pty.speed());
+    pty.send(every_byte());
+    EXPECT_TRUE(s.bytes_avail(256u) && take(s) == every_byte());
+    EXPECT_TRUE(put(s, every_byte()) == 256 && pty.receive(256) == every_byte());
+    Posix_data_stream::Commander c;
+    EXPECT_TRUE(s.init_commander(c) && c.send_break(100) && s.close());
+    EXPECT_FALSE(s.initialised() || s.close() || s.init_commander(c) || c.send_break(100));
+    Temporary_folder dir;
+    const std::string file = dir.file("f");
+    EXPECT_FALSE(s.open(file.c_str(), true, true, false) || s.initialised()) << "no line, but open";
+    EXPECT_TRUE(s.get_fd() >= 0 && s.init_commander(c) && !c.send_break(0));
+    EXPECT_TRUE(s.open_write(file.c_str(), false, true, false) && s.get_fd() == -1) << "two descriptors are no line";
+}
+
+// ---- threaded
+
+using Stream = Posix_threaded_data_stream;
+using Serial = Posix_threaded_serial_data_stream;
+
+struct Waiter : waiter_descriptor {
+    explicit Waiter(module_man& mm) { init(&mm); }
+    /// The id of the next event of the first module; -1 when none came in time.
+    int next() {
+        waiter_event e;
+        return get_event(&e, Atime::from_now(20000)) == 0 && e.module_id == 1026 && e.data == 0 ? e.id : -1;
+    }
+};
+
+/// Wait until `n` bytes are there, then take all.
+std::string take(Data_stream& s, int n) {
+    wait_until([&] { return s.bytes_avail() >= n; });
+    return ::take(s);
+}
+
+TEST(Threaded_streams, have_readers_named_by_instance_in_four_characters) {
+    const size_t running = num_threads();
+    {
+        Stream first, others[9], eleventh;
+        for (const auto& [s, name] : {std::pair{&first, "PDS0\n"}, {&others[8], "PDS9\n"}, {&eleventh, "PDS1\n"}}) {
+            EXPECT_TRUE(s->start() && s->start());
+            const std::vector<int> threads = numbers_in("/proc/self/task");
+            const std::string newest = std::to_string(*std::max_element(threads.begin(), threads.end()));
+            EXPECT_TRUE(wait_until([&, n = name] { return read_file("/proc/self/task/" + newest + "/comm") == n; }));
+        }
+    }
+    EXPECT_TRUE(wait_until([&] { return num_threads() == running; })) << "joined, though nothing was ever opened";
+}
+
+class Threaded_stream : public testing::Test {
+protected:
+    Threaded_stream() {
+        s.init(mm);
+        EXPECT_TRUE(s.register_waiter(&waiter) == 0 && s.register_line_waiter(&line) == 0);
+        if (mkfifo(loop.c_str(), 0600) != 0) abort();
+    }
+    module_man mm;
+    Waiter waiter{mm}, line{mm};
+    Pty pty;
+    Temporary_folder dir;
+    const std::string file = dir.file("f"), loop = dir.file("loop"); ///< what is written to the loop comes back
+    Serial s;
+};
+
+TEST_F(Threaded_stream, wakes_each_waiter_and_never_fetches_itself) {
+    Waiter other(mm);
+    EXPECT_EQ(0, s.register_waiter(&other));
+    ASSERT_TRUE(s.open_from_args((pty.path + ":57600").c_str()) && s.get_baudRate() == 57600);
+    EXPECT_EQ(stream_name("DSPosTSer", s, ", " + pty.path), s.name);
+    pty.send(every_byte());
+    EXPECT_TRUE(waiter.next() == Stream::event_data && other.next() == Stream::event_data);
+    EXPECT_EQ(every_byte(), take(s, 256));
+    EXPECT_TRUE(put(s, every_byte()) == 256 && pty.receive(256) == every_byte());
+    EXPECT_TRUE(s._get_data(0) && !s._get_data(1) && !s.bytes_avail(1u));
+    EXPECT_EQ(0, s.deregister_waiter(&other));
+    other.flush_events();
+    pty.send("x");
+    EXPECT_TRUE(take(s, 1) == "x" && other.num_queued() == 0);
+}
+
+TEST_F(Threaded_stream, takes_no_heap_and_counts_what_the_buffer_cannot_hold) {
+    s.open(loop.c_str());
+    long before = 0;
+    for (int i = 0; i < 100; ++i) {
+        if (i == 10) before = allocations();
+        unsigned char bytes[100] = {};
+        ASSERT_EQ(100u, s._write(bytes, 100));
+        while (s.bytes_avail() < 100) ASSERT_EQ(Stream::event_data, waiter.next());
+        ASSERT_TRUE(s.get_data(bytes, 100) && s.drop(100));
+    }
+    EXPECT_EQ(before, allocations());
+    EXPECT_EQ(5000u, put(s, std::string(4200, 'a') + std::string(800, 'b')));
+    EXPECT_TRUE(wait_until([&] {
+        const std::lock_guard<Mutex> held(*s.stream_lock);
+        return s.bytes_read == 15000 && s.bytes_lost == 800;
+    }));
+    EXPECT_EQ(std::string(4200, 'a'), take(s, 4200));
+}
+
+TEST_F(Threaded_stream, tells_of_a_line_that_is_lost_and_of_one_that_is_back) {
+    ASSERT_TRUE(s.open(pty.path.c_str()));
+    const size_t running = num_threads();
+    pty.hang_up();
+    EXPECT_TRUE(line.next() == Stream::event_line_lost && put(s, "x") == failed);
+    Pty again;
+    EXPECT_TRUE(s.close() && s.open(again.path.c_str()) && line.next() == Stream::event_line_back);
+    again.send("two");
+    EXPECT_EQ("two", take(s, 3));
+    EXPECT_TRUE(wait_until([&] { return num_threads() <= running; })) << "the same reader";
+
+    // The master end of a new pair, whose slave may come and go.
+    ASSERT_TRUE(s.open("/dev/ptmx") && unlockpt(s.get_fd()) == 0);
+    const std::string other_end = ptsname(s.get_fd());
+    for (const int told_before : {-1, int{Stream::event_line_back}}) {
+        const int fd = ::open(other_end.c_str(), O_RDWR | O_NOCTTY);
+        EXPECT_TRUE(::write(fd, "a", 1) == 1 && take(s, 1) == "a");
+        ::close(fd);
+        EXPECT_TRUE(told_before == -1 || line.next() == told_before);
+        EXPECT_EQ(Stream::event_line_lost, line.next());
+    }
+    EXPECT_TRUE(s.hang_ups() == 3 && line.num_queued() == 0);
+}
+
+TEST_F(Threaded_stream, takes_files_for_what_they_are) {
+    EXPECT_TRUE(!Stream::can_open(file.c_str()) && errno == ENOENT);
+    Capture err(stderr);
+    s.set_open_failure_fatal(false);
+    EXPECT_FALSE(s.open_from_args((file + ":9600").c_str()));
+    EXPECT_EQ("Error opening file [" + file + "]\n", err.text());
+    Stream plain;
+    ASSERT_TRUE(plain.open(file.c_str(), true, false));
+    EXPECT_EQ(stream_name("DSPosT", plain, ", " + file), plain.name);
+    EXPECT_FALSE(s.open_from_args((file + ":9600").c_str()) || s.initialised());
+    EXPECT_EQ("OPEN BAD\n", take(plain, 9)) << "what is no line is told so";
+    Stream::Commander c;
+    EXPECT_TRUE(plain.hang_ups() == 0 && plain.init_commander(c) && !c.send_break(1));
+    EXPECT_TRUE(plain.close() && !plain.close() && !plain.init_commander(c));
+    EXPECT_EQ(stream_name("DSPosT", plain, ""), plain.name);
+}
+
+TEST_F(Threaded_stream, waits_for_room_to_write_until_it_is_closed) {
+    ASSERT_TRUE(s.open(pty.path.c_str()));
+    const std::string bytes(100000, 'w');
+    unsigned written = 0;
+    std::thread writer([&] { written = put(s, bytes); });
+    EXPECT_EQ(bytes, pty.receive(bytes.size()));
+    writer.join();
+    EXPECT_EQ(bytes.size(), written);
+
+    writer = std::thread([&] { written = put(s, bytes); });
+    pty.receive(1); // it has begun
+    Pty other;
+    EXPECT_TRUE(s.close() && s.open(other.path.c_str()));
+    writer.join();
+    EXPECT_TRUE(written >= 1 && written < bytes.size()) << written;
+    EXPECT_TRUE(put(s, "x") == 1 && other.receive(1) == "x") << "the rest is not for the next line";
+    EXPECT_TRUE(s.close() && put(s, "x") == failed);
+}
+
+TEST_F(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed) {
+    EXPECT_TRUE(Stream().start()); // the first thread of a process costs Qt a descriptor for good
+    const size_t descriptors = num_descriptors();
+    std::atomic<bool> stop{false};
+    // Uses the numbers that the stream gives up, and snatches bytes that its reader was told of: neither may lose bytes
+    // here nor make the stream wait there.
+    std::thread bystander([&] {
+        const int rival = ::open(loop.c_str(), O_RDONLY | O_NONBLOCK);
+        char c;
+        for (int ends[2]; !stop && pipe2(ends, O_NONBLOCK) == 0; ::close(ends[0]), ::close(ends[1])) {
+            for (int i = 0; i < 20; ++i) {
+                EXPECT_TRUE(::write(ends[1], "p", 1) == 1 && ::read(ends[0], &c, 1) == 1) << "stolen";
+                if (::read(rival, &c, 1) < 0) std::this_thread::yield();
+            }
+        }
+        ::close(rival);
+    });
+    {
+        Stream stream;
+        for (int i = 0; i < 2000; ++i) {
+            ASSERT_TRUE(stream.open(loop.c_str(), false, false) && put(stream, "s") == 1);
+            EXPECT_TRUE(i % 2 || stream.close());
+        }
+    }
+    stop = true;
+    bystander.join();
+    EXPECT_EQ(descriptors, num_descriptors());
+}
+
+TEST(Threaded_streams, end_the_process_without_a_device_but_not_at_a_hang_up) {
+    const Child_result none = run_child([] { Serial("/dev/null/none:9600:rs485"); });
+    EXPECT_EQ(255, none.status);
+    EXPECT_EQ("Error opening file [/dev/null/none]\n", none.err);
+    const auto no_ids = [] {
+        module_man mm;
+        for (short id; mm.init_module(&id, false) == 0;) {
+        }
+        Serial().init(mm);
+    };
+    EXPECT_EQ(124, run_child(no_ids).status);
+    const auto daemon = [] {
+        setsid(); // a leader without a terminal would get this one and its hang-up
+        Pty pty;
+        Stream s;
+        s.open(pty.path.c_str(), false, false);
+        pty.hang_up();
+        exit(wait_until([&] { return s.hang_ups() == 1; }) ? 7 : 1);
+    };
+    EXPECT_EQ(7, run_child(daemon).status);
+}
+
+} // namespace

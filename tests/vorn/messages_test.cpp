@@ -1,0 +1,393 @@
+// SPDX-License-Identifier: MIT
+#include "glue/vorn/Ascii_message.h"
+#include "glue/vorn/Vorn_error_decoder.h"
+#include "glue/vorn/Vorn_response.h"
+#include "support/capture.h"
+#include "support/child.h"
+#include "util/Debug_base.h"
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <gtest/gtest.h>
+#include <random>
+#include <thread>
+#include <tuple>
+
+using namespace std::string_literals;
+
+namespace {
+
+std::mt19937 random_bits(1);
+
+std::string random_bytes(size_t n) {
+    std::string bytes(n, 0);
+    for (char& c : bytes) c = static_cast<char>(random_bits());
+    return bytes;
+}
+
+/// A view of a heap block of exactly its size, so that the sanitizer sees any byte too many.
+template <class Message>
+struct Exact {
+    explicit Exact(const std::string& content)
+        : bytes(content.begin(), content.end()), view(bytes.data(), static_cast<uint32_t>(bytes.size())) {}
+    std::string text() const { return {bytes.begin(), bytes.end()}; }
+    std::vector<char> bytes; // without a zero behind
+    Message view;
+};
+using Bytes = Exact<Binary_message>;
+using Framed = Exact<Vorn_message>;
+using Reply = Exact<Vorn_response>;
+using Text = Exact<Ascii_message>;
+using B = Binary_message;
+
+/// A pair of accessors against the bytes put together one by one.
+template <class T>
+void check(T (B::*get)(uint32_t) const, void (B::*set)(uint32_t, T), unsigned width, bool big) {
+    for (int round = 0; round < 100; ++round) {
+        const std::string bytes = random_bytes(random_bits() % 12);
+        const Bytes m(bytes);
+        std::vector<uint32_t> offsets{0xFFFFFFF0, 0xFFFFFFFF, 0x80000000, 0u - m.view.size};
+        for (uint32_t o = 0; o < bytes.size() + 9; ++o) offsets.push_back(o);
+        for (const uint32_t o : offsets) {
+            const bool inside = uint64_t(o) + width <= bytes.size();
+            uint64_t value = 0;
+            for (unsigned i = 0; inside && i < width; ++i)
+                value += uint64_t(static_cast<unsigned char>(bytes[o + i])) << 8 * (big ? width - 1 - i : i);
+            ASSERT_EQ((m.view.*get)(o), static_cast<T>(value)) << o << " of " << bytes.size();
+            if (!inside) continue;
+            Bytes target(std::string(bytes.size() + 1, 'Z'));
+            target.view.size = 0; // setters do not look at it
+            (target.view.*set)(o, static_cast<T>(value));
+            ASSERT_EQ(target.text(), std::string(bytes.size() + 1, 'Z').replace(o, width, bytes, o, width)) << o;
+        }
+    }
+}
+
+#define CHECK_BOTH_ORDERS(type, width)                                                                                 \
+    check(&B::get_##type##_le, &B::set_##type##_le, width, false);                                                     \
+    check(&B::get_##type##_be, &B::set_##type##_be, width, true)
+
+TEST(Binary_message, integers_are_read_as_their_bytes_say_and_as_0_outside_and_written_back_the_same) {
+    check(&B::get_int8, &B::set_int8, 1, false);
+    check(&B::get_uint8, &B::set_uint8, 1, false);
+    CHECK_BOTH_ORDERS(int16, 2);
+    CHECK_BOTH_ORDERS(uint16, 2);
+    CHECK_BOTH_ORDERS(int24, 3); // without a sign
+    CHECK_BOTH_ORDERS(uint24, 3);
+    CHECK_BOTH_ORDERS(int32, 4);
+    CHECK_BOTH_ORDERS(uint32, 4);
+    CHECK_BOTH_ORDERS(int64, 8);
+    CHECK_BOTH_ORDERS(uint64, 8);
+}
+
+TEST(Binary_message, reals_are_little_endian_and_six_getters_report_a_field_outside) {
+    Bytes reals(std::string(13, 0));
+    reals.view.set_double(1, -118.625);
+    reals.view.set_float(9, 1.5f);
+    EXPECT_EQ(reals.text(), "\0\0\0\0\0\0\xA8\x5D\xC0\0\0\xC0\x3F"s);
+    EXPECT_TRUE(reals.view.get_double(1) == -118.625 && reals.view.get_float(9) == 1.5f);
+    const Bytes m(std::string(10, '\xFF'));
+    const std::tuple<int, uint32_t, std::function<double(uint32_t)>> rows[] = {
+        {52, 3, [&](uint32_t o) { return m.view.get_double(o); }},
+        {42, 7, [&](uint32_t o) { return m.view.get_float(o); }},
+        {75, 8, [&](uint32_t o) { return m.view.get_int24_le(o); }},
+        {124, 8, [&](uint32_t o) { return m.view.get_uint24_le(o); }},
+        {568, 8, [&](uint32_t o) { return m.view.get_int24_be(o); }},
+        {610, 8, [&](uint32_t o) { return m.view.get_uint24_be(o); }}};
+    for (const auto& [number, outside, get] : rows) {
+        Capture err(stderr);
+        EXPECT_EQ(get(outside), 0) << "the category is off";
+        Debug_filter::add_filter(_JDB::jdb_receiver);
+        EXPECT_TRUE(get(outside) == 0 && m.view.get_uint32_le(8) == 0 && get(outside - 1) != 0);
+        Debug_filter::remove_filter(_JDB::jdb_receiver);
+        EXPECT_EQ(err.text(), "Binary_message: index out of range " + std::to_string(number) + "\n");
+    }
+}
+
+TEST(Binary_message, strings_and_blocks_are_taken_and_put_whole_or_not_at_all) {
+    const Bytes m("abc\0de"s);
+    EXPECT_STREQ(m.view.get_string(0, 3), "abc");
+    for (const auto& [offset, length] : {std::pair{0u, 2u}, {1u, 5u}, {4u, 1u}, {7u, 0u}, {~0u, 2u}})
+        EXPECT_STREQ(m.view.get_string(offset, length), "") << offset << ' ' << length;
+    for (const auto& [offset, text] : {std::pair{1u, "bc"}, {4u, ""}, {6u, ""}, {7u, static_cast<char*>(nullptr)}})
+        EXPECT_STREQ(m.view.get_partial_string(offset), text) << offset;
+    char copy[4] = "??";
+    EXPECT_TRUE(m.view.get_bytes(2, 4) == m.view.data + 2 && m.view.get_bytes(1, copy, 3) && copy == "bc"s);
+    EXPECT_TRUE(m.view.get_bytes(6, 0u) && !m.view.get_bytes(7, 0u) && !m.view.get_bytes(~0u, 2));
+    EXPECT_FALSE(m.view.get_bytes(4, copy, 3) || m.view.get_data(copy, 7) || copy != "bc"s);
+
+    Bytes target("-----------");
+    target.view.set_string(0, "xy", 3);
+    target.view.set_string(4, "wxyz", 3);
+    for (const uint32_t offset : {8u, ~0u}) target.view.set_string(offset, "xy", 3);
+    EXPECT_EQ(target.text(), "xy\0\0wxy\0---"s);
+    target.view.set_bytes(0, 0, 3);
+    target.view.set_bytes(4, "\7\x8", 2);
+    target.view.set_bit_msb(7, true, 6); // counted from the least significant
+    target.view.set_bit_msb(7, true, 8);
+    EXPECT_EQ(target.text(), "\0\0\0\0\7\x8y@---"s);
+    EXPECT_TRUE(target.view.get_bit_msb(7, 6) && !target.view.get_bit_msb(7, 5) && !target.view.get_bit_msb(11, 0));
+}
+
+TEST(Binary_message, bit_fields_are_read_and_written_bit_by_bit_and_leave_their_neighbours) {
+    // Bits are counted from the first byte's top bit or bottom bit.
+    const auto bit_at = [](const std::string& bytes, size_t i, bool msb) {
+        return i / 8 < bytes.size() ? static_cast<unsigned char>(bytes[i / 8]) >> (msb ? 7 - i % 8 : i % 8) & 1u : 0u;
+    };
+    for (int round = 0; round < 4000; ++round) {
+        Bytes m(random_bytes(8));
+        const std::string before = m.text();
+        const bool msb = round % 2 != 0;
+        const uint32_t first = random_bits() % 33, n = random_bits() % (33 - first), offset = random_bits() % 8;
+        const uint32_t start = offset * 8 + first, value = random_bits();
+        const auto get = msb ? &B::get_bits_msb : &B::get_bits_lsb;
+        const auto set = msb ? &B::set_bits_msb : &B::set_bits_lsb;
+        uint32_t wanted = 0;
+        for (uint32_t i = 0; i < n; ++i) wanted |= bit_at(before, start + i, msb) << (msb ? n - 1 - i : i);
+        ASSERT_EQ((m.view.*get)(offset, first, n), wanted) << offset << ' ' << first << ' ' << n << ' ' << msb;
+        if (offset > 4) continue; // would write outside
+        (m.view.*set)(offset, first, n, value);
+        ASSERT_EQ((m.view.*get)(offset, first, n), n == 32 ? value : value & ((1u << n) - 1)) << first << ' ' << n;
+        for (uint32_t i = 0; i < 64; ++i)
+            ASSERT_TRUE(i - start < n || bit_at(m.text(), i, msb) == bit_at(before, i, msb)) << "neighbour " << i;
+    }
+    const B::Mask msb(6, 4, true), lsb(6, 4, false);
+    EXPECT_TRUE(memcmp(msb.bytes, "\x03\xC0\0", 4) == 0 && msb.shift == 6);
+    EXPECT_TRUE(memcmp(lsb.bytes, "\xC0\x03\0", 4) == 0 && lsb.shift == 6);
+    EXPECT_EQ(Bytes("\x12\x34").view.get_bits(0, msb), 0x200u) << "not shifted down";
+    EXPECT_EQ(run_child([] { B::Mask(1, 32, true); }).signal, SIGABRT);
+    EXPECT_TRUE(B::swap_byte_order(0x12345678, 17) == 0x785634 && B::swap_bit_order(0x12345678, 17) == 0x3CD4);
+}
+
+/// The checksum one byte at a time.
+unsigned char checksum(const std::string& covered) {
+    unsigned sum = 0;
+    for (const char c : covered) sum = ((sum << 2 | sum >> 6) & 0xFF) ^ static_cast<unsigned char>(c);
+    return static_cast<unsigned char>(sum << 2 | sum >> 6);
+}
+
+TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
+    EXPECT_TRUE(Framed("PG01E").view.get_msg_len() == 30 && Framed("PGfFf").view.get_msg_len() == 4095);
+    for (const char* header : {"PG0G1", "PG00`", "PG0\xB3\xB0", "PG00"}) {
+        Capture err(stderr);
+        EXPECT_EQ(Framed(header).view.get_msg_len(), 0u);
+        EXPECT_EQ(err.text(), strlen(header) < 5 ? "" : "contains non-hex digit") << header;
+    }
+    EXPECT_EQ(Framed("\xC0").view.compute_8bit_checksum(1), 0x03);
+    for (size_t n = 0; n < 90; ++n) {
+        const std::string bytes = random_bytes(90);
+        ASSERT_EQ(Framed(bytes).view.compute_8bit_checksum(static_cast<uint32_t>(n)), checksum(bytes.substr(0, n)));
+    }
+    const auto with_sum = [](const std::string& covered, const char* format) {
+        char sum[4];
+        snprintf(sum, sizeof sum, format, unsigned{checksum(covered)});
+        return covered + sum;
+    };
+    const std::string good = with_sum("PG004\x01\x02\x03", "%c"), digits = with_sum("NP005ab@", "%02X");
+    const std::tuple<const char*, std::string, bool> frames[] = {
+        {"with LF", good + "\n", true},
+        {"without a line end", good, false},
+        {"with a wrong sum", good.substr(0, 8) + "?\n", false},
+        {"cut by one byte", good.substr(0, 7) + "\n", false},
+        {"below five bytes", "PG0\n", false},
+        {"with digits for a sum", digits + "\n", true},
+        {"with lower-case digits for a sum", with_sum("NP006xyz@", "%02x") + "\r", true},
+        {"with a wrong digit for a sum", digits.substr(0, 8) + "G7\n", false},
+        {"with digits, but not at the end", digits + "\r\n", false},
+        // Without a body the last length digit stands where the checksum would be.
+        {"without a body", "PG000\n", false},
+        {"without a body, the digit happens to be the sum", "aJ000\n", true},
+    };
+    for (const auto& [what, bytes, right] : frames) {
+        const Framed f(bytes);
+        EXPECT_TRUE(f.view.check_checksum() == right && f.view.validate(f.view.get_id()) == right) << what;
+        EXPECT_FALSE(f.view.validate(static_cast<uint16_t>(f.view.get_id() + 1))) << what;
+    }
+    Framed f("PG004\x01\x02\x03?\n"), cut("PG004abc");
+    EXPECT_TRUE(f.view.set_checksum() && f.text() == good + "\n");
+    EXPECT_TRUE(!cut.view.set_checksum() && cut.text() == "PG004abc");
+}
+
+TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
+    constexpr uint16_t id_pg = 'P' | 'G' << 8;
+    for (const uint32_t body : {0u, 0xABCu, 4095u, 4096u, 65536u, 0xFFFFFFFBu, 0xFFFFFFFFu}) {
+        const bool ok = body <= 4095;
+        const std::string rest(4097, '!'), before = "ZZ???" + rest;
+        char capital[16], small[16];
+        snprintf(capital, sizeof capital, "PG%03X", body);
+        snprintf(small, sizeof small, "ZZ%03x", body);
+        Framed by_setup(before), by_reduce(before);
+        Reply by_length(before);
+        EXPECT_TRUE(by_setup.view.setup(id_pg, body + 5) == ok && by_reduce.view.reduce_size_to(body) == ok) << body;
+        EXPECT_EQ(by_length.view.set_msg_len(body), ok) << body;
+        EXPECT_EQ(by_setup.text(), ok ? capital + rest : before);
+        EXPECT_EQ(by_reduce.text(), ok ? small + rest : before);
+        EXPECT_EQ(by_length.text(), by_reduce.text());
+        EXPECT_TRUE(by_setup.view.size == before.size() && by_reduce.view.size == (ok ? body + 5 : before.size()));
+    }
+    Framed f("ZZ???abc");
+    EXPECT_TRUE(!f.view.reduce_size_to(4) && f.text() == "ZZ???abc" && f.view.reduce_size_to(3));
+}
+
+TEST(Vorn_response, gives_its_text_with_line_end_and_zero_or_stripped_of_the_request) {
+    const Reply good("RE003abc\r\n\0\0"s), error("ER003abc\r\n\0"s), old("RE003abc\r\n..");
+    EXPECT_TRUE(good.view.get_response_status() && !error.view.get_response_status());
+    EXPECT_STREQ(good.view.get_response_string(), "abc\r\n");
+    EXPECT_STREQ(error.view.get_response_string(), "") << "one byte short";
+    EXPECT_STREQ(old.view.get_response_string(), "") << "no zero";
+    EXPECT_TRUE(good.view.check_response_string("abc") && !good.view.check_response_string("abc\r\n!"));
+    const std::pair<std::string, const char*> stripped[] = {
+        {"RE00C%7%on, off \r\n\0\0"s, "on, off"},
+        {"ER010%%{4,wrong command}\r\n", "{4,wrong command}"},
+        {"RE000%a% \tb%c%", "b%c%"},
+        {"RE000%a%x\x7F\x01\r\n", "x"},
+        {"RE000%a%\xE9\xA0", "\xE9\xA0"}, // no white space in this language
+        {"RE000%a% \r\n", nullptr},
+        {"RE000%a\0%old"s, nullptr}, // left from a longer packet
+        {"RE000a", nullptr},
+    };
+    for (const auto& [bytes, expected] : stripped) {
+        Reply r(bytes);
+        int len = -1;
+        const char* text = r.view.strip_identifier(len);
+        ASSERT_EQ(text != nullptr, expected != nullptr) << bytes;
+        EXPECT_EQ(std::string(text ? text : "", static_cast<size_t>(len)), expected ? expected : "") << bytes;
+        EXPECT_EQ(static_cast<const void*>(r.view.data), text ? text : r.bytes.data());
+        EXPECT_EQ(static_cast<void*>(r.view.data + r.view.size), r.bytes.data() + r.bytes.size()) << bytes;
+    }
+}
+
+TEST(Ascii_message, fields_lie_between_commas_and_braces) {
+    const struct {
+        std::string text;
+        std::vector<std::string> fields;
+        int valid;
+        std::string first_bytes; ///< of all fields; '0' for none
+    } rows[] = {
+        {"{a,{{b},,c}\r\n", {"a", "b", "", "c"}, 2, "ab,c"},
+        {"a,", {"a", ""}, 2, "a0"}, // an empty field is one that begins with a comma
+        {",a}b", {"", "a"}, 0, ",a"},
+        {"{}", {""}, 1, "}"},
+        {"a,b\0,c"s, {"a", "b"}, 2, "ab"}, // a zero ends the text
+    };
+    for (const auto& r : rows) {
+        const Text m(r.text);
+        const int n = static_cast<int>(r.fields.size());
+        for (int k = -1; k <= n; ++k) {
+            SCOPED_TRACE(r.text + std::to_string(k));
+            const bool there = k >= 0 && k < n;
+            const char first = there ? r.first_bytes[static_cast<size_t>(k)] : '0';
+            int len;
+            const char* field = m.view.get_string(k, len);
+            EXPECT_EQ(std::string(field ? field : "", static_cast<size_t>(len)),
+                      there ? r.fields[static_cast<size_t>(k)] : "");
+            EXPECT_EQ(m.view.get_char(k), first == '0' ? '\0' : first);
+            EXPECT_TRUE(m.view.field_exists(k) == there && m.view.is_field_valid(k) == (there && first != ','));
+        }
+        EXPECT_EQ(m.view.get_num_valid_fields(), r.valid) << r.text;
+    }
+}
+
+TEST(Ascii_message, numbers_and_durations_are_read_from_their_field_alone) {
+    static const struct {
+        const char* field;
+        double real;
+        uint32_t natural;
+        int32_t integer, seconds;
+    } rows[] = {
+        {" \t-7.5e1x", -75, 4294967289u, -7, 0},
+        {"4294967295", 4294967295.0, 4294967295u, 2147483647, 0},
+        {"x1", 0, 0, 0, 0},
+        {"000000000000000000000000000000000000000000000000000000000000000123", 0, 0, 0, 0}, // 63 characters count
+        {"1d2h3m4s", 1, 1, 1, 93784},
+        {" 1h -1s!2d", 1, 1, 1, 3599},
+        {"2h3m", 2, 2, 2, 0},
+        {"2hs", 2, 2, 2, 0},
+    };
+    for (const auto& r : rows) {
+        // The neighbours are digits, and the last field ends at the end of the block.
+        for (const int k : {1, 3}) {
+            const Text m("9,"s + r.field + ",9,{" + r.field);
+            EXPECT_TRUE(m.view.get_double(k) == r.real && m.view.get_uint32(k) == r.natural) << r.field;
+            EXPECT_TRUE(m.view.get_int32(k) == r.integer && m.view.get_timeval(k) == r.seconds) << r.field;
+            EXPECT_TRUE(m.view.get_double(4) == 0 && m.view.get_uint32(4) == 0 && m.view.get_int32(-1) == 0);
+        }
+    }
+    EXPECT_EQ(Ascii_message::parse_timeval("2h3m4s", 5), 0);
+}
+
+TEST(Ascii_message, searches_copies_and_shifts_end_with_the_view) {
+    const Text m("AB,A");
+    EXPECT_EQ(m.view.strchr(m.view.text + 1, 'A'), m.view.text + 3);
+    EXPECT_EQ(m.view.strchr(m.view.text + 4, 'A'), nullptr);
+    EXPECT_TRUE(m.view.name_match("AC", 1) && m.view.name_match("AB,ABC") && !m.view.name_match("AC"));
+    EXPECT_TRUE(Text("").view.isnull() && Text("\0A"s).view.isnull() && !m.view.isnull());
+
+    // Copied with or without a header into room for four.
+    const std::tuple<std::string, bool, std::string> messages[] = {{"NP004,abc", false, "NP00"},
+                                                                   {"NP004,abc", true, "abc\0"s},
+                                                                   {"NP", true, "\0\0\0\0"s},
+                                                                   {"a\0b"s, false, "a\0\0\0"s}};
+    for (const auto& [bytes, skip, copied] : messages) {
+        Text target("wxyz");
+        target.view.set(Bytes(bytes).view, skip);
+        EXPECT_EQ(target.text(), copied);
+    }
+    const std::tuple<std::string, int, const char*> shifts[] = {
+        {"a,b,cd", 1, "b,cdcd"}, {"a,{b}", 1, "b}{b}"}, {"ab,", 1, "ab,"}, {"a,b", 2, nullptr}};
+    for (const auto& [text, k, after] : shifts) {
+        Text shifted(text);
+        EXPECT_EQ(shifted.view.shift_fields(k), after != nullptr) << text;
+        EXPECT_EQ(shifted.text(), after ? after : text);
+    }
+    // Set up in a buffer of a size that may be passed by the zero.
+    const std::tuple<uint32_t, uint32_t, std::string> rooms[] = {
+        {6, 4, "abcd\0---"s}, {5, 5, "abcd\0\0--"s}, {4, 4, "abcd\0---"s}, {0, 0, "\0-------"s}};
+    for (const auto& [room, length, after] : rooms) {
+        const Text source("abcd");
+        Ascii_message text = source.view;
+        std::string dst(8, '-');
+        text.setup(dst.data(), room);
+        EXPECT_TRUE(dst == after && text.text == dst.data() && text.size == length) << room;
+    }
+}
+
+using Decoder = Vorn_error_decoder;
+
+TEST(Vorn_error_decoder, numbers_and_texts_lead_to_each_other_from_the_first_use_by_any_thread_on) {
+    std::thread threads[4];
+    for (std::thread& t : threads) t = std::thread([] { EXPECT_EQ(Decoder::get("data transfer delay"), 41); });
+    for (std::thread& t : threads) t.join();
+    EXPECT_TRUE(Decoder::init_done);
+    Decoder::init();
+    EXPECT_TRUE(Decoder::lookup.count == 41 && !Decoder::lookup.insert({"a", 42}));
+    const std::pair<int, const char*> known[] = {{0, nullptr},
+                                                 {1, ",wrong command"},
+                                                 {16, ",wrong receiver id"},
+                                                 {40, ",device busy,invalid file length"},
+                                                 {33, ",can't lock"},
+                                                 {42, nullptr},
+                                                 {-1, nullptr}};
+    for (const auto& [code, text] : known) EXPECT_STREQ(errcode2str(code), text);
+    for (int code = 1; code <= 41; ++code) {
+        ASSERT_EQ(errcode2str(code)[0], ',') << code;
+        EXPECT_TRUE(Decoder::get(errcode2str(code) + 1) == code && Decoder::get(errcode2str(code)) == -1) << code;
+    }
+    for (const char* text : {"", "wrong", "wrong command ", "device busy"}) EXPECT_EQ(Decoder::get(text), -1) << text;
+    EXPECT_TRUE(Decoder::get(nullptr) == -1 && Decoder::extract(nullptr) == -1);
+
+    const std::pair<std::string, int> replies[] = {
+        {"ER011{4,file not found}", 37},
+        {"{4,file not found}\r\n", 37}, // a brace ends the text, also before a line end
+        {"4,file not found\r\n", -1},
+        {"{file not found,ok}", -1},
+        {"wrong command,", -1},
+        {"a," + std::string(64, 'x'), -1},
+        {"file not found}" + std::string(100, 'x'), 37},
+        {std::string(70, 'x') + ",dup loop", 24},
+    };
+    for (const auto& [reply, code] : replies) EXPECT_EQ(Decoder::extract(reply.c_str()), code) << reply;
+    EXPECT_EQ(Decoder::extract("4,file not found\r\n", 16), 37);
+}
+
+} // namespace
