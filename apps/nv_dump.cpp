@@ -130,11 +130,12 @@ private:
     void print_checksum() {
         ++containers;
         indent(_walk.depth + 1);
-        if (_walk.stored == _walk.computed) {
+        const uint32_t computed = _walk.computed();
+        if (_walk.stored == computed) {
             printf("CRC %08X good\n", _walk.stored);
         } else {
             ++bad;
-            printf("CRC %08X bad, computed %08X\n", _walk.stored, _walk.computed);
+            printf("CRC %08X bad, computed %08X\n", _walk.stored, computed);
         }
     }
 

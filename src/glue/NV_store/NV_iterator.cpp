@@ -66,12 +66,36 @@ bool NV_iterator::get_free_space(unsigned int& used, unsigned int& total) const 
     return false;
 }
 
-void NV_iterator::pass_checksum_bytes(const unsigned char* data, int n) {
+const unsigned char* NV_iterator::last_passed(int) const { return nullptr; }
+
+void NV_iterator::sum(const unsigned char* data, int n, uint32_t chunks) {
     for (NV_checksum& c : _checksums) {
         c.bytes += static_cast<uint32_t>(n);
-        ++c.chunks;
+        c.chunks += chunks;
         c.crc = static_cast<uint32_t>(Util::crc32(c.crc, data, n));
     }
+}
+
+void NV_iterator::sum_unseen() {
+    if (_unseen_chunks > 0) sum(last_passed(_unseen), _unseen, _unseen_chunks);
+    _unseen = 0;
+    _unseen_chunks = 0;
+}
+
+void NV_iterator::pass_checksum_bytes(const unsigned char* data, int n) {
+    if (!keeps_bytes) return sum(data, n, 1);
+    _unseen += n;
+    ++_unseen_chunks;
+}
+
+void NV_iterator::add_checksum_getter(NV_checksum* c) {
+    sum_unseen();
+    _checksums.push(c);
+}
+
+void NV_iterator::remove_checksum_getter(NV_checksum* c) {
+    sum_unseen();
+    _checksums.remove(c);
 }
 
 bool NV_iterator::_push_bytes(const unsigned char* data, int n) {

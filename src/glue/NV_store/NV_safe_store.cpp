@@ -17,7 +17,10 @@ namespace {
 /// Takes what a save writes; never runs out of room.
 class Collector : public NV_iterator {
 public:
-    Collector(std::string& bytes, modes_t m) : _bytes(bytes) { mode = m; }
+    Collector(std::string& bytes, modes_t m) : _bytes(bytes) {
+        mode = m;
+        keeps_bytes = true;
+    }
     bool push_bytes(unsigned char* data, int n) override {
         _bytes.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
         return true;
@@ -25,20 +28,41 @@ public:
     bool pop_bytes(unsigned char*, int) override { return false; }
     bool peek_bytes(unsigned char*, int) override { return false; }
 
+protected:
+    const unsigned char* last_passed(int n) const override {
+        return reinterpret_cast<const unsigned char*>(_bytes.data()) + _bytes.size() - n;
+    }
+
 private:
     std::string& _bytes;
+};
+
+/// Hands a load the bytes of an image.
+class Image_reader : public NV_buffer_iterator {
+public:
+    explicit Image_reader(std::string& bytes)
+        : NV_buffer_iterator(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
+                             static_cast<int>(bytes.size())) {
+        mode = mode_read;
+        keeps_bytes = true;
+    }
+    bool at_end() const { return read_position == write_position; }
+
+protected:
+    const unsigned char* last_passed(int n) const override { return buffer + read_position - n; }
 };
 
 constexpr int changed = NV_item::changed_for_journal_1 | NV_item::changed_for_journal_2;
 
 } // namespace
 
-void settle_flags(NV_item& item) {
+void settle_flags(NV_item& item, std::vector<unsigned char>* before) {
+    if (before) before->push_back(item.get_flags());
     NV_container* const container = item.as_container();
     if (!container) return;
     int set = 0, clear = 0;
     for (NV_item* i = container->get_next_child(nullptr); i; i = container->get_next_child(i)) {
-        settle_flags(*i);
+        settle_flags(*i, before);
         set |= i->get_flags() & changed;
         clear |= ~i->get_flags() & NV_item::not_loaded;
     }
@@ -49,7 +73,7 @@ void settle_flags(NV_item& item) {
 }
 
 NV_safe_store::NV_safe_store(NV_root& root, const char* path)
-    : _root(root), _file(path, [this](const char* candidate) { return check(candidate); }) {}
+    : _root(root), _file(path, [this](const char*, std::string& bytes) { return check(bytes); }) {}
 
 Safe_result NV_safe_store::report(Safe_result result) const {
     if (!is_good(result)) Debug_print::dprint("NV_safe_store %s: %s\n", _file.path().c_str(), to_text(result));
@@ -57,12 +81,9 @@ Safe_result NV_safe_store::report(Safe_result result) const {
 }
 
 /// Good is a file that begins with a whole image of this tree; behind it a torn journal is no reason to refuse it.
-bool NV_safe_store::check(const char* path) {
-    _candidate.clear();
-    std::string bytes;
-    if (!read_whole(path, bytes)) return false;
+bool NV_safe_store::check(std::string& bytes) {
     _file_size = bytes.size();
-    bytes.resize(whole_records(bytes, _root));
+    if (bytes != _saved) bytes.resize(whole_records(bytes, _root));
     _candidate = std::move(bytes);
     return !_candidate.empty();
 }
@@ -72,6 +93,7 @@ bool NV_safe_store::check(const char* path) {
 Safe_result NV_safe_store::load() {
     _length = 0;
     _dropped = 0;
+    _candidate.clear();
     std::string found;
     Safe_result result = _file.find(found);
     if (result == Safe_result::loaded) {
@@ -89,12 +111,10 @@ Safe_result NV_safe_store::load() {
 bool NV_safe_store::restore() {
     std::string bytes = prune(_candidate, _root, _dropped);
     _candidate.clear();
-    const int n = static_cast<int>(bytes.size());
-    NV_buffer_iterator it(reinterpret_cast<unsigned char*>(bytes.data()), n, n);
-    it.set_mode(NV_iterator::mode_read);
+    Image_reader it(bytes);
     const std::lock_guard<const NV_root> guard(_root);
     _root.set_default(true);
-    while (it.read_position < n) {
+    while (!it.at_end()) {
         if (_root.deserialise(&it)) continue;
         _root.set_default(true);
         return false;
@@ -104,15 +124,16 @@ bool NV_safe_store::restore() {
 
 // ---- save
 
-/// The bytes of a save, checked, and the flags of all items before it: saved, nothing_to_save or failed.
+/// The bytes of a save, and the flags of all items before it: saved, nothing_to_save or failed.
 Safe_result NV_safe_store::serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags) {
     bytes.reserve(NV_file_iterator::budget);
+    flags.reserve(NV_file_iterator::budget / 8);
     const std::lock_guard<const NV_root> guard(_root);
-    settle_flags(_root);
-    for (NV_item* i = &_root; i; i = _root.get_next_in_tree(i)) flags.push_back(i->get_flags());
+    settle_flags(_root, &flags);
     Collector it(bytes, mode);
-    // A setting of the application's own type may fail, or write what cannot be read past.
-    if (!_root.serialise(&it) || whole_records(bytes, _root) != bytes.size()) {
+    // A setting of the application's own type may fail, or write what cannot be read past. (An image is gone through
+    // when it is read back from the medium.)
+    if (!_root.serialise(&it) || (mode != NV_iterator::mode_write && whole_records(bytes, _root) != bytes.size())) {
         mark_again(flags);
         return Safe_result::failed;
     }
@@ -137,10 +158,12 @@ Safe_result NV_safe_store::save() {
     Safe_result result = serialise(NV_iterator::mode_write, bytes, flags);
     if (result != Safe_result::saved) return report(result);
     result = _file.replace(bytes);
-    if (result == Safe_result::saved)
+    if (result == Safe_result::saved) {
         _length = bytes.size();
-    else
+        _saved = std::move(bytes);
+    } else {
         locked_mark_again(flags);
+    }
     return report(result);
 }
 
@@ -161,8 +184,7 @@ Safe_result NV_safe_store::save_changes() {
 bool NV_safe_store::ready_to_append() {
     struct stat s;
     if (_length > 0 && stat(_file.path().c_str(), &s) == 0 && s.st_size >= static_cast<off_t>(_length)) return true;
-    check(_file.path().c_str());
-    _length = _candidate.size();
+    _length = _file.is_good(_file.path()) ? _candidate.size() : 0;
     _candidate.clear();
     return _length > 0;
 }

@@ -44,7 +44,7 @@ public:
     int get_dropped() const { return _dropped; } ///< records that the last load left out
 
 private:
-    bool check(const char* path);
+    bool check(std::string& bytes);
     bool restore();
     bool ready_to_append();
     Safe_result serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags);
@@ -57,13 +57,14 @@ private:
     Safe_file _file;
     size_t _length = 0;     ///< [bytes] of whole records in the file; 0: not known to be good
     std::string _candidate; ///< what the last check read, as far as it is whole
-    size_t _file_size = 0;  ///< [bytes] of the file that the last check read
+    std::string _saved;    ///< the file's content after a complete save; known to be good, it is not gone through again
+    size_t _file_size = 0; ///< [bytes] of the file that the last check read
     int _dropped = 0;
 };
 
 /// Let containers follow what is in them: one with something loaded or changed below counts as loaded or changed
-/// itself, and a list with one such element is saved whole. Notifications that failed leave this undone. Under the
-/// tree's lock.
-KAV_API void settle_flags(NV_item& item);
+/// itself, and a list with one such element is saved whole. Notifications that failed leave this undone. `before`
+/// receives the flags that the items had, containers before what is in them. Under the tree's lock.
+KAV_API void settle_flags(NV_item& item, std::vector<unsigned char>* before = nullptr);
 
 } // namespace NV_store

@@ -2,7 +2,6 @@
 #include "glue/NV_store/NV_scan.h"
 #include "glue/NV_store/NV_container.h"
 #include "glue/NV_store/NV_path.h"
-#include "glue/NV_store/NV_values.h"
 #include "platform/crc32.h"
 #include <vector>
 
@@ -20,17 +19,15 @@ NV_iterator::NV_iterator_header header_at(const unsigned char* p) {
     return {p[0], p[1], static_cast<unsigned short>(p[2] | p[3] << 8)};
 }
 
-/// [bytes] of one value of a type, 0 for a type without a fixed size.
-int element_size(Data_item::item_type_t type) {
-    return with_base_type(type, 0, [](auto base) { return static_cast<int>(sizeof(typename decltype(base)::Value)); });
-}
+/// [bytes] of one value by its type, 0 for a type without a fixed size.
+constexpr unsigned char element_sizes[32] = {0, 0, 1, 1, 1, 2, 4, 1, 2, 4, 4, 8, 0, 0, 0, 8, 8};
 
 /// [bytes] of the value behind a header, -1 when its type has none or `n` do not hold its count.
 int value_size(unsigned char type_byte, const unsigned char* p, int n) {
     Data_item::class_type_t shape;
     Data_item::item_type_t type;
     Data_item::decode_type_byte(shape, type, type_byte);
-    const int size = element_size(type);
+    const int size = element_sizes[type];
     if (shape == Data_item::class_value && size > 0) return size;
     if (n < 1) return -1;
     if (shape == Data_item::class_value && type == Data_item::item_pointer)
@@ -82,16 +79,19 @@ Record_walk::Step Record_walk::start_container() {
 
 Record_walk::Step Record_walk::end_container() {
     if (depth == 0) return stop("the end of a container that did not start");
-    const int start = _open[depth - 1];
-    const NV_iterator::NV_iterator_header own = header_at(_bytes + start);
+    const NV_iterator::NV_iterator_header own = header_at(_bytes + _open[depth - 1]);
     if (head.id != own.id || head.type_byte != own.type_byte) return stop("the end of another container");
     const int crc_at = at + header_size;
     if (_n - crc_at < crc_size) return stop("cut inside a checksum");
     stored = word_at(_bytes + crc_at);
-    computed = crc_of(_bytes + start, crc_at - start);
     end = crc_at + crc_size;
     --depth;
     return container_ended;
+}
+
+uint32_t Record_walk::computed() const {
+    const int start = _open[depth]; // of the container that ended last
+    return crc_of(_bytes + start, end - crc_size - start);
 }
 
 Record_walk::Step Record_walk::pass_value() {
@@ -108,7 +108,7 @@ bool Stored_record::read(const unsigned char* bytes, int n) {
     do {
         const Record_walk::Step step = walk.next();
         if (step == Record_walk::stuck || step == Record_walk::all_done) return false;
-        if (step == Record_walk::container_ended && walk.stored != walk.computed) return false;
+        if (step == Record_walk::container_ended && walk.stored != walk.computed()) return false;
     } while (walk.depth > 0);
     head = header_at(bytes);
     at = bytes;
@@ -116,13 +116,16 @@ bool Stored_record::read(const unsigned char* bytes, int n) {
     return true;
 }
 
+static bool is_for(const Stored_record& record, const NV_item& item) {
+    return record.head.id == item.get_id() && record.head.type_byte == item.get_type_byte();
+}
+
 size_t whole_records(const std::string& bytes, const NV_container& root) {
     const auto* const p = reinterpret_cast<const unsigned char*>(bytes.data());
     const int n = static_cast<int>(bytes.size());
     int whole = 0;
     Stored_record r;
-    while (r.read(p + whole, n - whole) && r.head.type_byte == root.get_type_byte() && r.head.id == root.get_id())
-        whole += r.size;
+    while (r.read(p + whole, n - whole) && is_for(r, root)) whole += r.size;
     return static_cast<size_t>(whole);
 }
 
@@ -138,38 +141,61 @@ std::vector<Stored_record> records_in(const Stored_record& container) {
     return all;
 }
 
-bool is_for(const Stored_record& record, const NV_item& item) {
-    return record.head.id == item.get_id() && record.head.type_byte == item.get_type_byte();
-}
-
-bool fits(NV_item& item, const Stored_record& record);
-
-/// Whether the elements of a list, all with one identifier, stand there as often as it has them.
-bool list_fits(const NV_container& list, const Stored_record& record) {
-    NV_item* child = nullptr;
-    for (const Stored_record& r : records_in(record)) {
-        child = list.get_next_child(child);
-        if (!child && !(child = list.get_next_child(nullptr))) return false;
-        if (r.head.id != list.get_next_child(nullptr)->get_id() || !fits(*child, r)) return false;
+/// Goes through a container's record and the tree at once, to see whether the record can be loaded as it stands. That
+/// is the usual case, and pruning copies.
+class Fit {
+public:
+    /// [bytes] of the whole record, which is the container's; 0 when it cannot be loaded.
+    static int size(NV_container& container, const unsigned char* bytes, int n) {
+        Record_walk walk(bytes, n);
+        Fit fit;
+        if (walk.next() != Record_walk::container_started) return 0;
+        for (fit.open(container); walk.depth > 0;) {
+            const Record_walk::Step step = walk.next();
+            if (step == Record_walk::stuck) return 0;
+            if (step == Record_walk::container_ended) {
+                if (!fit.close()) return 0;
+                continue;
+            }
+            NV_item* const item = fit.find(walk.head);
+            if (!item) return 0;
+            if (step != Record_walk::container_started) continue;
+            if (!item->as_container()) return 0;
+            fit.open(*item->as_container());
+        }
+        return walk.end;
     }
-    return !child || !list.get_next_child(child);
-}
 
-/// Whether an item can load a record as it stands. The usual case, which saves the copying.
-bool fits(NV_item& item, const Stored_record& record) {
-    if (!is_for(record, item)) return false;
-    NV_container* const container = item.as_container();
-    if (!container) return true;
-    if (container->get_type() == Data_item::item_container) return list_fits(*container, record);
-    NV_item* child = nullptr;
-    Stored_record r;
-    for (int at = 0; at < record.content_size(); at += r.size) {
-        r.read(record.content() + at, record.content_size() - at);
-        child = container->find_child(r.head.id, child);
-        if (!child || !fits(*child, r)) return false;
+private:
+    struct Level {
+        NV_container* container;
+        NV_item* last; ///< item of the record before
+        bool is_list;
+    };
+
+    void open(NV_container& c) { _levels[_depth++] = {&c, nullptr, c.get_type() == Data_item::item_container}; }
+    /// The elements of a list, all with one identifier, must stand there as often as it has them.
+    bool close() {
+        const Level& l = _levels[--_depth];
+        return !l.is_list || !l.last || !l.container->get_next_child(l.last);
     }
-    return true;
-}
+    NV_item* find(const NV_iterator::NV_iterator_header& head) {
+        Level& l = _levels[_depth - 1];
+        const NV_container& c = *l.container;
+        if (l.is_list) {
+            NV_item* const first = c.get_next_child(nullptr);
+            l.last = c.get_next_child(l.last);
+            if (!l.last) l.last = first;
+            if (!first || head.id != first->get_id()) return nullptr;
+        } else {
+            l.last = c.find_child(head.id, l.last);
+        }
+        return l.last && head.id == l.last->get_id() && head.type_byte == l.last->get_type_byte() ? l.last : nullptr;
+    }
+
+    Level _levels[Record_walk::deepest];
+    int _depth = 0;
+};
 
 class Pruner {
 public:
@@ -220,14 +246,18 @@ private:
 
 std::string prune(const std::string& bytes, NV_container& root, int& dropped) {
     Pruner pruner;
-    const size_t whole = whole_records(bytes, root);
-    Stored_record r;
-    for (size_t at = 0; at < whole; at += static_cast<size_t>(r.size)) {
-        r.read(reinterpret_cast<const unsigned char*>(bytes.data()) + at, static_cast<int>(whole - at));
-        if (fits(root, r))
-            pruner.out.append(bytes, at, static_cast<size_t>(r.size));
-        else
-            pruner.put_record(root, r);
+    const auto* const p = reinterpret_cast<const unsigned char*>(bytes.data());
+    const int n = static_cast<int>(bytes.size());
+    for (int at = 0, size; at < n; at += size) {
+        size = Fit::size(root, p + at, n - at);
+        if (size > 0) {
+            pruner.out.append(bytes, static_cast<size_t>(at), static_cast<size_t>(size));
+            continue;
+        }
+        Stored_record r;
+        if (!r.read(p + at, n - at)) break;
+        pruner.put_record(root, r);
+        size = r.size;
     }
     dropped = pruner.dropped;
     return pruner.out;

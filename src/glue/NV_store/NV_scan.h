@@ -28,11 +28,12 @@ public:
 
     // What the last step met.
     NV_iterator::NV_iterator_header head = {};
-    int at = 0;                        ///< [bytes] of its header from the start
-    int depth = 0;                     ///< containers that are open after the step
-    int end = 0;                       ///< [bytes] up to which the walk has come
-    uint32_t stored = 0, computed = 0; ///< checksums of a container that ended
-    const char* why = "";              ///< it is stuck
+    int at = 0;                ///< [bytes] of its header from the start
+    int depth = 0;             ///< containers that are open after the step
+    int end = 0;               ///< [bytes] up to which the walk has come
+    uint32_t stored = 0;       ///< checksum of a container that ended
+    uint32_t computed() const; ///< the same, worked out from its bytes
+    const char* why = "";      ///< it is stuck
 
 private:
     Step stop(const char* reason);
@@ -64,8 +65,9 @@ struct KAV_API Stored_record {
 /// 0 when it begins with something else.
 KAV_API size_t whole_records(const std::string& bytes, const NV_container& root);
 
-/// The same records without what a tree does not know: settings and containers that it no longer has or has with
-/// another type, and lists with too few elements for it. What is left loads completely. `dropped` counts the records.
+/// The same records (`bytes` holds nothing else) without what a tree does not know: settings and containers that it no
+/// longer has or has with another type, and lists with too few elements for it. What is left loads completely.
+/// `dropped` counts the records.
 KAV_API std::string prune(const std::string& bytes, NV_container& root, int& dropped);
 
 } // namespace NV_store

@@ -99,10 +99,9 @@ bool sync_folder_of(const std::string& path) {
     return fd >= 0 && fsync(fd) == 0;
 }
 
-bool read_whole(const char* path, std::string& bytes) {
-    const Descriptor fd(open(path, O_RDONLY | O_CLOEXEC));
+static bool read_whole(int fd, std::string& bytes) {
     struct stat s;
-    if (fd < 0 || fstat(fd, &s) != 0) return false;
+    if (fstat(fd, &s) != 0) return false;
     if (!S_ISREG(s.st_mode) || s.st_size > static_cast<off_t>(most)) {
         errno = EFBIG;
         return false;
@@ -110,7 +109,7 @@ bool read_whole(const char* path, std::string& bytes) {
     bytes.resize(static_cast<size_t>(s.st_size));
     size_t done = 0;
     while (done < bytes.size()) {
-        const ssize_t n = read(fd, &bytes[done], bytes.size() - done);
+        const ssize_t n = pread(fd, &bytes[done], bytes.size() - done, static_cast<off_t>(done));
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return false;
         if (n == 0) break;
@@ -118,6 +117,11 @@ bool read_whole(const char* path, std::string& bytes) {
     }
     bytes.resize(done);
     return true;
+}
+
+bool read_whole(const char* path, std::string& bytes) {
+    const Descriptor fd(open(path, O_RDONLY | O_CLOEXEC));
+    return fd >= 0 && read_whole(fd, bytes);
 }
 
 bool write_at(int fd, const std::string& bytes, size_t offset) {
@@ -137,19 +141,24 @@ Safe_file::Safe_file(const char* path, Check check) : _path(path), _check(std::m
 /// Written, on the medium, and found good there.
 bool Safe_file::write_new(const std::string& bytes) const {
     const std::string fresh = beside(".new");
-    Descriptor fd(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (fd < 0 || !write_at(fd, bytes, 0) || fsync(fd) != 0 || !fd.close()) return false;
+    Descriptor fd(open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     std::string back;
-    if (!read_whole(fresh.c_str(), back)) return false;
+    if (fd < 0 || !write_at(fd, bytes, 0) || fsync(fd) != 0 || !read_whole(fd, back) || !fd.close()) return false;
     errno = EIO;
-    return back == bytes && _check(fresh.c_str());
+    return back == bytes && _check(fresh.c_str(), back);
+}
+
+bool Safe_file::is_good(const std::string& path) const {
+    std::string bytes;
+    return read_whole(path.c_str(), bytes) && _check(path.c_str(), bytes);
 }
 
 /// The file that is about to be replaced stays as the previous generation if it is good, and is set aside if not, so
 /// that it does not push a good one out. Its own name stays in place all the time.
 bool Safe_file::keep_previous() const {
-    if (!exists(_path)) return true;
-    const std::string keep = beside(_check(_path.c_str()) ? ".bak" : ".bad"), spare = beside(".spare");
+    const bool good = is_good(_path);
+    if (!good && !exists(_path)) return true;
+    const std::string keep = beside(good ? ".bak" : ".bad"), spare = beside(".spare");
     unlink(spare.c_str());
     // Where there are no links, the name is free for a moment, in which the previous generation stands in.
     if (link(_path.c_str(), spare.c_str()) != 0) return rename_file(_path, keep) && sync_folder_of(_path);
@@ -173,7 +182,7 @@ Safe_result Safe_file::find(std::string& found) {
     for (const char* suffix : {"", ".bak"}) {
         const std::string candidate = beside(suffix);
         // Twice, for a medium that stumbles: what is refused is given up.
-        if (_check(candidate.c_str()) || (exists(candidate) && _check(candidate.c_str()))) {
+        if (is_good(candidate) || (exists(candidate) && is_good(candidate))) {
             found = candidate;
             return *suffix ? Safe_result::fell_back : Safe_result::loaded;
         }
@@ -197,10 +206,7 @@ std::string padded_text(std::string text) {
     return text;
 }
 
-static bool verifies(const char* path) {
-    // The stream tells of a missing file on the debug output; here that is no news.
-    return exists(path) && File_checksummed_data_stream().open_read(path);
-}
+static bool verifies(const char* path, const std::string&) { return File_checksummed_data_stream().open_read(path); }
 
 Safe_result save_checksummed(const char* path, const std::string& text) {
     std::string bytes = padded_text(text);

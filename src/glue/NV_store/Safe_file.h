@@ -39,8 +39,8 @@ KAV_API bool is_good(Safe_result result);
 /// place of something that is. One thread at a time; the folder belongs to one process.
 class KAV_API Safe_file {
 public:
-    /// Whether the file at a path is good. It may note what it read.
-    using Check = std::function<bool(const char* path)>;
+    /// Whether the file at a path, which holds these bytes, is good. It may take them.
+    using Check = std::function<bool(const char* path, std::string& bytes)>;
 
     Safe_file(const char* path, Check check);
 
@@ -49,6 +49,9 @@ public:
     /// The best good generation: loaded or fell_back with its path, or why there is none. Removes what an interrupted
     /// replace() left and sets aside what was refused.
     Safe_result find(std::string& found);
+
+    /// Whether the file at a path can be read and is good.
+    bool is_good(const std::string& path) const;
 
     const std::string& path() const { return _path; }
 
