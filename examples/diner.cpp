@@ -7,7 +7,7 @@
 //     stroke, 1 to go
 //     stroke, 0 to go
 //     Id      Name State Run   EventCnt ToutCnt Checkpoint
-//      0      PUMP   Run-0 Idl        2       3 Diner:80
+//      0      PUMP   Run-0 Idl        2     ... Diner:80
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
 #include "util/Semaphore.h"
