@@ -108,7 +108,7 @@ TEST(NV_text, a_refused_text_changes_nothing_and_says_why) {
         {"sections/0=0x-1", "sections/0: \"0x-1\" is no number from 0 to 65535"},
         {"sections/0=1 2", "sections/0: \"1 2\" is no number from 0 to 65535"},
         {"sections/0=", "sections/0: \"\" is no number from 0 to 65535"},
-        {"wheel/fitted=truely", "wheel/fitted: \"truely\" is neither true nor false"},
+        {"wheel/fitted=truly", "wheel/fitted: \"truly\" is neither true nor false"},
         {"active=wheel/none\a", "active: there is nothing at \"wheel/none?\""},
     };
     Settings tree(nullptr);
