@@ -11,11 +11,10 @@
 #include <unistd.h>
 
 /// Stands in for the system calls that change files, in a program that includes this once: the nth of them ends the
-/// process or fails, and what is renamed or left without having been synced is noted. Nothing is really synced, which
-/// keeps thousands of cases quick: a process that ends loses no pages.
+/// process or fails, and what is renamed or left without having been synced is noted.
 namespace Faulty {
 
-enum Kind { none, cut_before, cut_after, error_once, error_for_ever };
+enum Kind { none, cut_before, error_once, error_for_ever };
 constexpr int cut_status = 99;
 
 inline Kind kind = none;
@@ -47,9 +46,7 @@ auto call(Real real) -> decltype(real()) {
         errno = error;
         return -1;
     }
-    const auto result = real();
-    if (due && kind == cut_after) _exit(cut_status);
-    return result;
+    return real();
 }
 
 inline ino_t inode(int folder, const char* path) {
@@ -69,90 +66,55 @@ inline void changed_folder(int folder, const char* path) {
                                                                      : inode(AT_FDCWD, p.substr(0, slash + 1).c_str()));
 }
 
-inline int renamed(int from_folder, const char* from, int to_folder, const char* to,
-                   int (*real)(int, const char*, int, const char*)) {
-    if (armed && unsynced.count(inode(from_folder, from))) hasty = from;
-    if (armed) changed_folder(to_folder, to);
-    return call([=] { return real(from_folder, from, to_folder, to); });
-}
-
-inline int really_rename(int a, const char* from, int b, const char* to) {
-    static const auto real =
-        reinterpret_cast<int (*)(int, const char*, int, const char*)>(dlsym(RTLD_NEXT, "renameat"));
-    return real(a, from, b, to);
+inline void renamed(int from_folder, const char* from, int to_folder, const char* to) {
+    if (unsynced.count(inode(from_folder, from))) hasty = from;
+    changed_folder(to_folder, to);
 }
 
 } // namespace Faulty
 
-#define FAULTY_CALL extern "C" __attribute__((visibility("default")))
-// A call that has to do with file sizes has the name of its 64-bit form where the machine's word is shorter.
-#define FAULTY_REAL(name) static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
-#define FAULTY_REAL_64(name) static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name "64"))
+#define FAULTY_FUNCTION extern "C" __attribute__((visibility("default")))
+// Defines the stand-in of a call, which notes something first. What has to do with file sizes stands in for the 64-bit
+// form, whose name differs where the machine's word is shorter.
+#define FAULTY_CALL(type, name, real_name, parameters, arguments, note)                                                \
+    FAULTY_FUNCTION type name parameters {                                                                             \
+        static const auto real = reinterpret_cast<type(*) parameters>(dlsym(RTLD_NEXT, real_name));                    \
+        if (Faulty::armed) {                                                                                           \
+            note;                                                                                                      \
+        }                                                                                                              \
+        return Faulty::call([=] { return real arguments; });                                                           \
+    }
 
-FAULTY_CALL ssize_t write(int fd, const void* data, size_t n) {
-    FAULTY_REAL(write);
-    if (Faulty::armed) Faulty::unsynced.insert(Faulty::inode(fd));
-    return Faulty::call([=] { return real(fd, data, n); });
-}
+FAULTY_CALL(ssize_t, write, "write", (int fd, const void* data, size_t n), (fd, data, n),
+            Faulty::unsynced.insert(Faulty::inode(fd)))
+FAULTY_CALL(ssize_t, pwrite, "pwrite64", (int fd, const void* data, size_t n, off_t at), (fd, data, n, at),
+            Faulty::unsynced.insert(Faulty::inode(fd)))
+FAULTY_CALL(int, ftruncate, "ftruncate64", (int fd, off_t size) noexcept, (fd, size),
+            Faulty::unsynced.insert(Faulty::inode(fd)))
+FAULTY_CALL(int, fsync, "fsync", (int fd), (fd), Faulty::unsynced.erase(Faulty::inode(fd)))
+FAULTY_CALL(int, rename, "rename", (const char* from, const char* to) noexcept, (from, to),
+            Faulty::renamed(AT_FDCWD, from, AT_FDCWD, to))
+FAULTY_CALL(int, renameat, "renameat", (int a, const char* from, int b, const char* to) noexcept, (a, from, b, to),
+            Faulty::renamed(a, from, b, to))
+FAULTY_CALL(int, link, "link", (const char* from, const char* to) noexcept, (from, to),
+            Faulty::changed_folder(AT_FDCWD, to))
+FAULTY_CALL(int, unlink, "unlink", (const char* path) noexcept, (path), )
+FAULTY_CALL(int, unlinkat, "unlinkat", (int folder, const char* path, int flags) noexcept, (folder, path, flags),
+            Faulty::changed_folder(folder, path))
 
-FAULTY_CALL ssize_t pwrite(int fd, const void* data, size_t n, off_t at) {
-    FAULTY_REAL_64(pwrite);
-    if (Faulty::armed) Faulty::unsynced.insert(Faulty::inode(fd));
-    return Faulty::call([=] { return real(fd, data, n, at); });
-}
-
-FAULTY_CALL int ftruncate(int fd, off_t size) noexcept {
-    FAULTY_REAL_64(ftruncate);
-    if (Faulty::armed) Faulty::unsynced.insert(Faulty::inode(fd));
-    return Faulty::call([=] { return real(fd, size); });
-}
-
-FAULTY_CALL int fsync(int fd) {
-    return Faulty::call([=] {
-        Faulty::unsynced.erase(Faulty::inode(fd));
-        return 0;
-    });
-}
-
-FAULTY_CALL int rename(const char* from, const char* to) noexcept {
-    return Faulty::renamed(AT_FDCWD, from, AT_FDCWD, to, Faulty::really_rename);
-}
-
-FAULTY_CALL int renameat(int a, const char* from, int b, const char* to) noexcept {
-    return Faulty::renamed(a, from, b, to, Faulty::really_rename);
-}
-
-FAULTY_CALL int link(const char* from, const char* to) noexcept {
-    FAULTY_REAL(link);
-    if (Faulty::armed) Faulty::changed_folder(AT_FDCWD, to);
-    return Faulty::call([=] { return real(from, to); });
-}
-
-FAULTY_CALL int unlink(const char* path) noexcept {
-    FAULTY_REAL(unlink);
-    return Faulty::call([=] { return real(path); });
-}
-
-FAULTY_CALL int unlinkat(int folder, const char* path, int flags) noexcept {
-    FAULTY_REAL(unlinkat);
-    if (Faulty::armed) Faulty::changed_folder(folder, path);
-    return Faulty::call([=] { return real(folder, path, flags); });
-}
-
-FAULTY_CALL int open(const char* path, int flags, ...) {
-    FAULTY_REAL_64(open);
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
-    va_end(args);
-    return Faulty::call([=] { return real(path, flags, mode); });
-}
-
-FAULTY_CALL int openat(int folder, const char* path, int flags, ...) {
-    FAULTY_REAL_64(openat);
+FAULTY_FUNCTION int openat(int folder, const char* path, int flags, ...) {
+    static const auto real = reinterpret_cast<decltype(&::openat)>(dlsym(RTLD_NEXT, "openat64"));
     va_list args;
     va_start(args, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
     va_end(args);
     return Faulty::call([=] { return real(folder, path, flags, mode); });
+}
+
+FAULTY_FUNCTION int open(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    return openat(AT_FDCWD, path, flags, mode);
 }
