@@ -6,9 +6,7 @@
 #include "support/Manual_clock.h"
 #include "support/Pty.h"
 #include "support/capture.h"
-#include "support/child.h"
 #include "support/wait_until.h"
-#include <csignal>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <random>
@@ -121,16 +119,6 @@ TEST(Data_stream, writes_succeed_unless_nothing_was_written_but_those_of_message
         EXPECT_EQ(from.bytes_avail(), static_cast<int>(c.n)) << "it stays there";
         EXPECT_EQ(message.sink, std::string("PG0\0x\n", 6));
     }
-    const Child_result r = run_child([] {
-        static unsigned char storage[4201];
-        Script_stream from(4201), to;
-        from.buffer = Ring_buffer(storage, sizeof storage);
-        from.get_data(4201);
-        to.write(from);
-    });
-    EXPECT_TRUE(r.signal == SIGABRT &&
-                r.err.find("glue/data_stream/Data_stream:1: bool Data_stream::write(Data_stream&"
-                           "): Assertion `avail <= BUFFER_SIZE' failed.\n") != std::string::npos);
 }
 
 /// A pair whose part b tells `rx` of bytes, and a tells `tx` of space. No wait lasts longer than a test may.

@@ -94,51 +94,6 @@ TEST(Vorn_parser, cuts_packets_by_its_rules) {
     }
 }
 
-/// Mostly frames and replies, now and then damaged in one of the ways of a serial line.
-std::string traffic(std::mt19937& random) {
-    static const char* const ids[] = {"PG", "EL", "~~", "||", "RE", "ER", "00"};
-    const auto chance = [&](unsigned one_in) { return random() % one_in == 0; };
-    const auto bytes_up_to = [&](unsigned at_most) {
-        std::string bytes(random() % (at_most + 1), 0);
-        for (char& c : bytes) c = static_cast<char>(random());
-        return bytes;
-    };
-    std::string all;
-    for (int i = 0; i < 25; ++i) {
-        std::string body = chance(50) ? bytes_up_to(4095) : bytes_up_to(60);
-        char header[6];
-        snprintf(header, sizeof header, chance(2) ? "%s%03X" : "%s%03x", ids[random() % 7],
-                 static_cast<unsigned>(chance(20) ? random() % 4096 : body.size() + chance(20)));
-        std::string unit = header + body;
-        if (chance(10)) unit[random() % unit.size()] ^= static_cast<char>(1 << random() % 8);
-        if (chance(20)) unit.resize(random() % unit.size());
-        static const char* const ends[] = {"\r\n", "\r\n", "\r\n", "\n", "\r", "", "\r\n\r\n"};
-        all += unit + ends[random() % 7] + std::string(chance(10) ? random() % 4 : 0, '\0');
-        if (chance(20)) all += bytes_up_to(200);
-        if (chance(100)) all += noise(4180 + random() % 30);
-    }
-    return all;
-}
-
-TEST(Vorn_parser, agrees_with_the_model_on_damaged_traffic_at_every_read_size) {
-    const Capture refusals(stderr);
-    std::mt19937 random(4190);
-    for (int round = 0; round < 60; ++round) {
-        Session session;
-        session.bytes = traffic(random);
-        constexpr int rooms[] = {8192, 4103, 30, 9, 1};
-        constexpr size_t portions[] = {1, 5, 256, SIZE_MAX};
-        session.manner = static_cast<Fed_stream::Manner>(round % 3);
-        session.portion = portions[random() % 4];
-        session.buf_size = rooms[random() % 2 ? 0 : random() % 5];
-        session.expect_line_end = random() % 4 != 0;
-        session.keep_on_reject = random() % 2;
-        session.with_checker = random() % 2;
-        session.meddler = random() % 2 ? 1 + random() % 1000 : 0;
-        EXPECT_EQ(difference(session), "") << "round " << round;
-    }
-}
-
 TEST(Vorn_parser, a_refusal_is_reported_with_what_is_buffered) {
     Fed_stream stream("XX00Ac\r\nPG001c\r\n");
     snprintf(stream.name, sizeof stream.name, "line 1");
@@ -252,26 +207,6 @@ TEST(Vorn_checkers, accept_the_lengths_of_the_catalogue_and_right_checksums) {
             EXPECT_EQ(by_checksum.check(stream, id, total), accepted) << bytes;
             EXPECT_EQ(stream.left(), bytes) << "a checker only looks";
         }
-    }
-}
-
-TEST(Vorn_checkers, with_them_a_damaged_frame_costs_itself_alone) {
-    const std::string sound = Frame("EL").text("abcdefghijklmnopqrstuvwxyz").str();
-    Vorn_length_checker by_length;
-    Vorn_checksum_checker by_checksum;
-    // Lies that end just where another frame does, so that the frames up to there pass for a body: of 120 frames, of 4.
-    const std::tuple<Vorn_parser::Checker*, const char*, int> runs[] = {
-        {nullptr, "FE9", 0}, {&by_length, "FE9", 980}, {&by_length, "081", 980 - 20 * 3}, {&by_checksum, "081", 980}};
-    for (const auto& [checker, lie, expected] : runs) {
-        std::string line;
-        for (int i = 0; i < 1000; ++i) line += std::string(sound).replace(2, 3, i % 50 == 25 ? lie : "01B") + "\r\n";
-        const Capture refusals(stderr);
-        Fed_stream stream(line, Fed_stream::pulled);
-        Vorn_parser parser(&stream, false);
-        parser.set_checker(checker);
-        int delivered = 0;
-        for (const auto& [kind, bytes] : take_all(parser)) delivered += bytes == sound + '\r';
-        EXPECT_TRUE(checker ? delivered == expected : delivered < 500) << delivered;
     }
 }
 
