@@ -64,6 +64,7 @@ struct Store {
     off_t read_at = 0;
     Read_ahead ahead;
     Write_slot writing;
+    std::vector<std::string> listed; ///< the names when they were last counted, or at the mount
     Injection injections[Pcf_host::num_calls];
 
     bool mounted() const { return dir >= 0; }
@@ -213,6 +214,7 @@ bool Pcf_host::mount(const char* directory, unsigned int quota) {
     s.lock = lock;
     s.quota = quota;
     s.used = total_size(dir);
+    s.listed = list(dir);
     for (Injection& i : s.injections) i = Injection();
     return true;
 }
@@ -349,15 +351,16 @@ int pcfInfo(PcfInfo* info) {
 unsigned int pcfGetNumFiles() {
     Store& s = store();
     const std::lock_guard<std::mutex> guard(s.mutex);
-    return s.mounted() ? static_cast<unsigned int>(list(s.dir).size()) : 0;
+    s.listed = s.mounted() ? list(s.dir) : std::vector<std::string>();
+    return static_cast<unsigned int>(s.listed.size());
 }
 
 int pcfGetFileName(unsigned int index, char* name) {
     Store& s = store();
     const std::lock_guard<std::mutex> guard(s.mutex);
-    if (!s.mounted()) return 0;
-    const std::vector<std::string> names = list(s.dir);
-    if (index >= names.size()) return 0;
-    strcpy(name, names[index].c_str());
+    if (!s.mounted() || index >= s.listed.size()) return 0;
+    const std::string& found = s.listed[index];
+    if (size_of(s.dir, found.c_str()) < 0) return 0; // removed since
+    strcpy(name, found.c_str());
     return 1;
 }

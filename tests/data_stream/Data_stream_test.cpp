@@ -71,7 +71,7 @@ TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
         {30, 98, 100, 70, false, true}, // a fetch that promised too much
         {4200, 5000, 4200, 0, true, false},
         // What no buffer can hold is refused before anything is fetched and lost.
-        {10, 6000, 4202, 0, false, false},
+        {10, 6000, 4201, 0, false, false},
         {10, 6000, 0xFFFFFFFFu, 0, false, false},
     };
     for (size_t i = 0; i < std::size(operations); ++i) {

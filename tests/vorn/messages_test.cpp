@@ -4,6 +4,7 @@
 #include "glue/vorn/Vorn_response.h"
 #include "support/capture.h"
 #include "support/child.h"
+#include "support/frame.h"
 #include "util/Debug_base.h"
 #include <csignal>
 #include <cstring>
@@ -159,13 +160,6 @@ TEST(Binary_message, bit_fields_are_read_and_written_bit_by_bit_and_leave_their_
     EXPECT_TRUE(B::swap_byte_order(0x12345678, 17) == 0x785634 && B::swap_bit_order(0x12345678, 17) == 0x3CD4);
 }
 
-/// The checksum one byte at a time.
-unsigned char checksum(const std::string& covered) {
-    unsigned sum = 0;
-    for (const char c : covered) sum = ((sum << 2 | sum >> 6) & 0xFF) ^ static_cast<unsigned char>(c);
-    return static_cast<unsigned char>(sum << 2 | sum >> 6);
-}
-
 TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
     EXPECT_TRUE(Framed("PG01E").view.get_msg_len() == 30 && Framed("PGfFf").view.get_msg_len() == 4095);
     for (const char* header : {"PG0G1", "PG00`", "PG0\xB3\xB0", "PG00"}) {
@@ -175,15 +169,16 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
     }
     EXPECT_EQ(Framed("\xC0").view.compute_8bit_checksum(1), 0x03);
     for (size_t n = 0; n < 90; ++n) {
-        const std::string bytes = random_bytes(90);
-        ASSERT_EQ(Framed(bytes).view.compute_8bit_checksum(static_cast<uint32_t>(n)), checksum(bytes.substr(0, n)));
+        const std::string f = Frame("PG").text(random_bytes(n)).str();
+        ASSERT_EQ(Framed(f).view.compute_8bit_checksum(static_cast<uint32_t>(f.size() - 1)), f.back() & 0xFF) << n;
     }
-    const auto with_sum = [](const std::string& covered, const char* format) {
+    const auto with_digits = [](const std::string& covered, const char* format) {
+        const Framed f(covered);
         char sum[4];
-        snprintf(sum, sizeof sum, format, unsigned{checksum(covered)});
+        snprintf(sum, sizeof sum, format, unsigned{f.view.compute_8bit_checksum(f.view.size)});
         return covered + sum;
     };
-    const std::string good = with_sum("PG004\x01\x02\x03", "%c"), digits = with_sum("NP005ab@", "%02X");
+    const std::string good = Frame("PG").text("\x01\x02\x03").str(), digits = with_digits("NP005ab@", "%02X");
     const std::tuple<const char*, std::string, bool> frames[] = {
         {"with LF", good + "\n", true},
         {"without a line end", good, false},
@@ -191,7 +186,7 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
         {"cut by one byte", good.substr(0, 7) + "\n", false},
         {"below five bytes", "PG0\n", false},
         {"with digits for a sum", digits + "\n", true},
-        {"with lower-case digits for a sum", with_sum("NP006xyz@", "%02x") + "\r", true},
+        {"with lower-case digits for a sum", with_digits("NP006xyz@", "%02x") + "\r", true},
         {"with a wrong digit for a sum", digits.substr(0, 8) + "G7\n", false},
         {"with digits, but not at the end", digits + "\r\n", false},
         // Without a body the last length digit stands where the checksum would be.
