@@ -7,6 +7,7 @@
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/vorn/Vorn_parser.h"
+#include "progress.h"
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -182,8 +183,10 @@ private:
 };
 
 void print_history(const History& history, Printer& printer) {
+    Progress progress(Diagnostics::num_files);
     int n = history.first();
     for (int i = 0; i < Diagnostics::num_files; ++i, n = Diagnostics::inc_file_num(n)) {
+        progress.at(static_cast<uint64_t>(i));
         if (!history.there(n)) continue;
         history.read(n, [&](const Msg_SP& r) {
             if (r.time() != 0) printer._output(r.src(), r.a(), r.b(), r.time(), r.ms());

@@ -10,6 +10,7 @@
 #include "glue/diner/Diner_protection.h"
 #include "glue/vorn/GNSS_messages.h"
 #include "glue/vorn/Vorn_checkers.h"
+#include "progress.h"
 #include "util/number_text.h"
 #include <atomic>
 #include <cerrno>
@@ -182,7 +183,14 @@ void monitor_file(const Options& o) {
     Vorn_parser parser(&stream, false);
     Monitor_checker checker;
     parser.set_checker(&checker);
-    while (more_bytes(stream, fd, stop) && print_packets(parser, report, stop)) {
+    {
+        Progress progress(S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0);
+        uint64_t bytes = 0;
+        for (uint32_t before = 0; more_bytes(stream, fd, stop) && print_packets(parser, report, stop);) {
+            bytes += stream.bytes_read - before; // a difference, since the stream's count begins anew after 4 GB
+            before = stream.bytes_read;
+            progress.at(bytes);
+        }
     }
     conclude(o, report, stream, stream.bytes_avail());
 }

@@ -60,6 +60,22 @@ TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
     }
 }
 
+TEST(vorn_monitor, shows_on_a_terminal_how_far_it_is_unless_the_packets_are_shown_there) {
+    const Temporary_folder folder;
+    const std::string recording = folder.file("recording");
+    write_file(recording, Frame("GT").u4(360000).u2(2300).str() + "\r\n");
+    for (const bool packets_there : {false, true}) {
+        const Pty terminal;
+        run_child([&] {
+            const int fd = open(terminal.path.c_str(), O_RDWR | O_NOCTTY);
+            dup2(fd, STDERR_FILENO);
+            if (packets_there) dup2(fd, STDOUT_FILENO);
+            execl(VORN_MONITOR, "vorn_monitor", recording.c_str(), nullptr);
+        });
+        EXPECT_EQ(terminal.receive(100), packets_there ? "GT ms=360000 week=2300\n" : "100 %\r\033[K");
+    }
+}
+
 /// A receiver's end of a serial line, reached through a link that a later receiver can take over.
 struct Receiver {
     explicit Receiver(const std::string& link) {
