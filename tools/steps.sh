@@ -11,17 +11,42 @@ fail() {
     exit 1
 }
 
+# begin TEXT LOG: the line of a step that starts at $start. A terminal shows there the seconds that go by and the last count
+# that the log holds, such as that of compiled files.
+begin() {
+    printf '%-58s ' "$1"
+    ticker=
+    [ -t 1 ] || return 0
+    while kill -0 $$ 2>/dev/null && sleep 1; do
+        printf '\r%-58s %d s %s\033[K' "$1" $((SECONDS - start)) \
+            "$(tail -n 20 "$2" | grep -oE '^ *\[?[0-9]+/[0-9]+' | tail -n 1 | tr -d ' [')"
+    done &
+    ticker=$!
+    ticking="\\r$(printf '%-58s ' "$1")\\033[K"
+}
+
+# end FORMAT ARGUMENTS...: what came of it.
+end() {
+    if [ -n "$ticker" ]; then
+        kill "$ticker"
+        wait "$ticker" 2>/dev/null || true
+        printf '%b' "$ticking"
+    fi
+    # shellcheck disable=SC2059
+    printf "$@"
+}
+
 # step TEXT COMMAND...: run quietly; one line with the time taken, or the end of the output when it fails. A function as
 # command may read its output in $log, set $figure to what is to stand in the line, and must say itself that it failed.
 step() {
-    local text=$1 start=$SECONDS log figure=
+    local text=$1 start=$SECONDS log figure= ticker ticking
     shift
     log=$log_dir/$(tr -cs 'a-zA-Z0-9' '-' <<<"$text" | sed 's/^-//; s/-$//').log
-    printf '%-58s ' "$text"
+    begin "$text" "$log"
     if "$@" >"$log" 2>&1 </dev/null; then
-        printf 'done, %d s%s\n' $((SECONDS - start)) "${figure:+: $figure}"
+        end 'done, %d s%s\n' $((SECONDS - start)) "${figure:+: $figure}"
     else
-        printf 'FAILED after %d s; the end of %s:\n' $((SECONDS - start)) "$log"
+        end 'FAILED after %d s; the end of %s:\n' $((SECONDS - start)) "$log"
         tail -n 40 "$log"
         fail "$text: failed"
     fi
@@ -64,19 +89,19 @@ passed=0 failed=0
 
 # run_tests PRESET: its line counts, its failures are printed; the sums are in $passed and $failed.
 run_tests() {
-    local log=$log_dir/tests-$1.log start=$SECONDS tests=0 bad=0
-    printf '%-58s ' "Testing ($1)"
+    local log=$log_dir/tests-$1.log start=$SECONDS tests=0 bad=0 ticker ticking
+    begin "Testing ($1)" "$log"
     ctest --preset "$1" -j"$(nproc)" >"$log" 2>&1 </dev/null || true
     read -r tests bad < <(awk '/tests passed, .* tests? failed out of/ {print $NF, $4}' "$log") || true
     if [ "${tests:-0}" -eq 0 ]; then
-        printf 'FAILED: no test ran; the end of %s:\n' "$log"
+        end 'FAILED: no test ran; the end of %s:\n' "$log"
         tail -n 40 "$log"
         bad=1
     elif [ "$bad" -ne 0 ]; then
-        printf 'FAILED: %d of %d, %d s\n' "$bad" "$tests" $((SECONDS - start))
+        end 'FAILED: %d of %d, %d s\n' "$bad" "$tests" $((SECONDS - start))
         sed -n '/\*\*\*Failed/,$p' "$log" | tail -n 120
     else
-        printf 'done, %d s: %d tests\n' $((SECONDS - start)) "$tests"
+        end 'done, %d s: %d tests\n' $((SECONDS - start)) "$tests"
     fi
     passed=$((passed + tests - bad)) failed=$((failed + bad))
 }
