@@ -10,17 +10,6 @@ namespace {
 /// What every formatting function cuts its text to, with the closing zero.
 constexpr int line_size = 256;
 
-class Dummy_reporter : public Debug_print::Error_reporter_base {
-public:
-    /// Static objects that die later may still report: they must not find a dead reporter.
-    ~Dummy_reporter() override {
-        if (Debug_print::reporter == this) Debug_print::reporter = nullptr;
-    }
-    void report(const char*, unsigned, unsigned char, const char*) override { Debug_print::dprint("Dummy Report\n"); }
-};
-
-Dummy_reporter dummy_reporter;
-
 /// The output, also for static initialisers that run before this file's.
 FILE* output() { return Debug_print::debug_file ? Debug_print::debug_file : stderr; }
 
@@ -35,10 +24,19 @@ bool printable(unsigned char c) { return c >= 0x20 && c <= 0x7E; }
 
 } // namespace
 
+Debug_print::Dummy_reporter Debug_print::dummy_reporter;
 FILE* Debug_print::debug_file = stderr;
 Debug_print::Error_reporter_base* Debug_print::reporter = &dummy_reporter;
 
 Debug_print::Error_reporter_base::~Error_reporter_base() = default;
+
+Debug_print::Dummy_reporter::~Dummy_reporter() {
+    if (reporter == this) reporter = nullptr;
+}
+
+void Debug_print::Dummy_reporter::report(const char*, unsigned, unsigned char, const char*) {
+    dprint("Dummy Report\n");
+}
 
 void Debug_print::printd(const char* s, int) { fputs(s, output()); }
 void Debug_print::printd(IOPortIndex, const char* s, int len) { printd(s, len); }

@@ -23,9 +23,18 @@ public:
         virtual void report(const char* file, unsigned line, unsigned char severity, const char* text) = 0;
     };
 
+    /// The reporter until the application sets its own: prints "Dummy Report\n" whatever the report.
+    class KAV_API Dummy_reporter : public Error_reporter_base {
+    public:
+        /// Static objects that die later may still report: they must not find a dead reporter.
+        ~Dummy_reporter() override;
+        void report(const char* file, unsigned line, unsigned char severity, const char* text) override;
+    };
+    static Dummy_reporter dummy_reporter;
+
     /// The output stream; standard error at start. Null counts as standard error.
     static FILE* debug_file;
-    /// Where report() goes; at start an object that prints "Dummy Report\n". Not owned.
+    /// Where report() goes; `dummy_reporter` at start. Not owned.
     static Error_reporter_base* reporter;
 
     /// Write a text as it stands. `len` is ignored (callers pass -1); the text ends at its zero.
