@@ -21,11 +21,8 @@ void set_ms(Atime& at, int64_t ms) {
     at.millitm = static_cast<uint16_t>(ms - seconds * 1000);
 }
 
-/// Result of a removal. Printed without the mutex held.
-int report(bool removed) {
-    if (!removed) Debug_print::dprint("Failed to remove timeout, did client get right Diner?\n");
-    return removed ? 0 : -1;
-}
+/// Without the mutex held.
+void tell_failure() { Debug_print::dprint("Failed to remove timeout, did client get right Diner?\n"); }
 
 } // namespace
 
@@ -51,7 +48,7 @@ int Timeout_manager::submit_timeout(Timeout& t, const Atime* when, Diner* owner)
     {
         const Guard guard(_mutex);
         if (owner) t.diner = owner;
-        removed = internal_remove(t);
+        removed = set_free(t);
         if (removed) {
             if (when) t.expiry = *when;
             if (t.period > 0) {
@@ -63,9 +60,9 @@ int Timeout_manager::submit_timeout(Timeout& t, const Atime* when, Diner* owner)
             make_pending(t);
         }
     }
-    const int result = report(removed);
+    if (!removed) tell_failure();
     print();
-    return result;
+    return removed ? 0 : -1;
 }
 
 int Timeout_manager::remove_timeout(Timeout& t, bool unbind) {
@@ -73,14 +70,24 @@ int Timeout_manager::remove_timeout(Timeout& t, bool unbind) {
     {
         const Guard guard(_mutex);
         if (unbind) t.diner = nullptr;
-        removed = internal_remove(t);
+        removed = set_free(t);
     }
-    const int result = report(removed);
+    if (!removed) tell_failure();
     print();
-    return result;
+    return removed ? 0 : -1;
 }
 
 bool Timeout_manager::internal_remove(Timeout& t) {
+    bool removed;
+    {
+        const Guard guard(_mutex);
+        removed = set_free(t);
+    }
+    if (!removed) tell_failure();
+    return removed;
+}
+
+bool Timeout_manager::set_free(Timeout& t) {
     if (&t == cur_expired_timeout) cur_expired_timeout = nullptr;
     const Timeout_manager* holder = t._holder.load(std::memory_order_relaxed);
     if (!holder) return true;

@@ -73,6 +73,8 @@ public:
 
     /// The earliest pending timeout; with `only_expired` only when due; with `take` moved to the handed-out ones.
     Timeout* get_timeout(bool only_expired, bool take);
+    /// Make `t` free; false, with a message, when it is in another manager's trees.
+    bool internal_remove(Timeout& t);
     static int timeouts_compare(const Timeout* a, const Timeout* b);
     /// Both lists on the debug output when category 50 is on. Holds the mutex meanwhile: a debug output that blocks
     /// holds up whoever submits.
@@ -83,7 +85,7 @@ private:
     static constexpr int64_t none_pending = INT64_MAX, unknown = INT64_MIN;
 
     // All of these: mutex held.
-    bool internal_remove(Timeout& t);
+    bool set_free(Timeout& t);
     bool take_out(Timeout& t);
     void make_pending(Timeout& t);
     void enter_tree(Timeout& t) const;
