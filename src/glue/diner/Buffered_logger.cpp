@@ -34,10 +34,10 @@ void Buffered_logger::append(char const* text) {
     waiter.send_anonymous_event();
 }
 
-/// Have the logger's thread print that text was dropped, since a ring is full when the output is slow and the appender
-/// must not wait for it. False when that thread is not running. Ring locked.
+/// Have the logger's thread print that text was dropped, since the ring is full when the output is slow and the
+/// appender must not wait for it. False when that thread is not printing. Ring locked.
 bool Buffered_logger::leave_notice() {
-    if (state.load(std::memory_order_acquire) != state_run) return false;
+    if (!_printing.load(std::memory_order_relaxed)) return false;
     _notices = std::min(_notices + 1, most_notices);
     return true;
 }
@@ -65,6 +65,7 @@ Buffered_logger::Piece Buffered_logger::take(char* text) {
     _ring.drop(n);
     const Piece taken = {n, _ring.used(), _notices};
     _notices = 0;
+    _printing.store(n > 0 || taken.notices > 0, std::memory_order_relaxed);
     return taken;
 }
 
@@ -75,8 +76,10 @@ void Buffered_logger::handle_event(waiter_event&) {
         taken = take(text);
         // Printed without the lock: appenders do not wait for it.
         for (uint32_t i = 0; i < taken.notices; ++i) print_notice();
-        if (taken.length == 0) return;
+        if (taken.length == 0) break;
         text[taken.length] = 0;
         Debug_print::printd(text, static_cast<int>(taken.length));
     } while (taken.left > 0);
+    // A notice left just before this is printed for the event of its append.
+    _printing.store(false, std::memory_order_relaxed);
 }

@@ -4,6 +4,7 @@
 #include "util/Mutex.h"
 #include "util/Ring_buffer.h"
 #include "util/api.h"
+#include <atomic>
 
 /// Prints log text on behalf of other threads, so that they never wait for the debug output: they append to a ring
 /// under a short lock, and the logger's own thread prints it in pieces of at most 80 bytes. What does not fit is
@@ -22,8 +23,9 @@ public:
     /// Give it its thread, make it the one that log() writes to, and start it.
     void init(module_man& mm);
 
-    /// Queue a text; any thread. It never waits for the output: while the logger runs, it also prints the notice of
-    /// dropped text. Text of different threads is kept whole only as far as it fits. Allocates nothing.
+    /// Queue a text; any thread. It never waits for an output that holds up the logger: while the logger prints, it
+    /// also prints the notice of dropped text; else append() does. Text of different threads is kept whole only as far
+    /// as it fits. Allocates nothing.
     void append(char const* text);
     uint32_t waiting() const; ///< [bytes] that wait to be printed; any thread
     /// append() on the logger initialised last; nothing while there is none. A logger is not destroyed while others
@@ -53,6 +55,7 @@ private:
 
     mutable Mutex _mutex; ///< guards the ring and the notices
     Ring_buffer _ring;
-    uint32_t _notices = 0; ///< to be printed by the logger's thread
+    uint32_t _notices = 0;              ///< to be printed by the logger's thread
+    std::atomic<bool> _printing{false}; ///< that thread is about to print, or held up by the output
     unsigned char _storage[capacity];
 };
