@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "support/capture.h"
+#include <csignal>
 #include <functional>
 #include <string>
 #include <vector>
@@ -9,12 +11,12 @@ struct Child_result {
     int status = -1;        ///< exit status 0..255, -1 when a signal ended it
     int signal = 0;         ///< the signal that ended it, 0 when it exited
     bool timed_out = false; ///< it was killed because it did not end in time
-    std::string out;        ///< what it wrote on standard output (a pipe)
-    std::string err;        ///< what it wrote on standard error (a pipe)
+    std::string out;        ///< what reached its standard output, a file
+    std::string err;        ///< what reached its standard error, a file
 };
 
-/// Run `body` in a forked child with piped output; a body that returns ends in exit(0). The child is killed after
-/// `limit_s`. For code that ends the process; start no threads before the call.
-Child_result run_child(const std::function<void()>& body, int limit_s = 60);
+/// Run `body` in a forked child; a body that returns ends in exit(0). The child is killed after `limit_s`. For code
+/// that ends the process; start no threads before the call.
+Child_result run_child(const std::function<void()>& body, unsigned limit_s = 60);
 /// Run a program with these arguments and this text as standard input.
 Child_result run_program(const char* path, std::vector<std::string> arguments, const std::string& input = "");
