@@ -258,7 +258,7 @@ bool NV_container::deserialise(NV_iterator* it) {
         return false;
     }
     const NV_iterator::NV_iterator_header own = header(NV_iterator::marker_start);
-    if (start.id != own.id || start.type_byte != own.type_byte || start.marker != own.marker) {
+    if (!(start == own)) {
         Debug_print::dprint("Bad NV settings %d!=%d %d!=%d %d!=%d for %d:%s\n", static_cast<int>(start.id),
                             static_cast<int>(own.id), static_cast<int>(start.type_byte),
                             static_cast<int>(own.type_byte), static_cast<int>(start.marker), 1, type, name);

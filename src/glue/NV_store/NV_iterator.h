@@ -28,6 +28,10 @@ public:
         unsigned char type_byte; ///< shape and base type, as Data_item::get_type_byte()
         unsigned char marker;    ///< one of Marker
         unsigned short id;       ///< settings identifier
+
+        bool operator==(const NV_iterator_header& o) const {
+            return type_byte == o.type_byte && marker == o.marker && id == o.id;
+        }
     };
 
     /// A running CRC-32 over the bytes that pass while it is in an iterator's list.

@@ -41,9 +41,7 @@ bool NV_number<T, type>::serialise(NV_iterator* it) {
 template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::deserialise(NV_iterator* it) {
     NV_iterator::NV_iterator_header stored;
-    if (!it->pop_header(stored)) return false;
-    const NV_iterator::NV_iterator_header own = header(NV_iterator::marker_value);
-    if (stored.id != own.id || stored.type_byte != own.type_byte || stored.marker != own.marker) return false;
+    if (!it->pop_header(stored) || !(stored == header(NV_iterator::marker_value))) return false;
     pop_value(*it, _value); // a cut value leaves the old one; the frame's CRC tells
     loaded();
     return true;

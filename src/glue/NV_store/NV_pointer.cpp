@@ -47,9 +47,7 @@ bool NV_pointer::serialise(NV_iterator* it) {
 
 bool NV_pointer::deserialise(NV_iterator* it) {
     NV_iterator::NV_iterator_header stored;
-    if (!it->pop_header(stored)) return false;
-    const NV_iterator::NV_iterator_header own = header(NV_iterator::marker_value);
-    if (stored.id != own.id || stored.type_byte != own.type_byte || stored.marker != own.marker) return false;
+    if (!it->pop_header(stored) || !(stored == header(NV_iterator::marker_value))) return false;
     NV_path path;
     if (path.deserialise(it)) {
         NV_item* const target = path.size() && get_root() ? get_root()->follow_path(path) : nullptr;
