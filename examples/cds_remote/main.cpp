@@ -50,6 +50,8 @@ static void run_machine(const char* device, pid_t visitor) {
     line.init(Diner_info_list::get());
     Watcher watcher(items);
     Publisher publisher(line, items);
+    // A diner that is ended before its thread has begun drops what is queued.
+    while (watcher.get_state() != Diner::state_run) Atime::delay(10);
     line.open(device, false, false);
     siginfo_t ended;
     waitid(P_PID, static_cast<id_t>(visitor), &ended, WEXITED | WNOWAIT);
