@@ -155,6 +155,7 @@ TEST(NV_containers, Are_stored_as_frames_with_a_checksum) {
     const std::string image = tree.image(NV_iterator::mode_write);
     EXPECT_EQ(hex(image), hex(frame(0, 1, value(10, 2, bytes({0, 0, 0x20, 0x40})) + wheel + sections + active)));
     EXPECT_TRUE(other.load(image));
+    EXPECT_EQ(other.get_flags() | other.wheel.get_flags() | other.active.get_flags(), 0);
     EXPECT_EQ(other.text(), tree.text());
     tree.wheel.offset.set(1);
     EXPECT_EQ(hex(tree.image(NV_iterator::mode_journal_2)),

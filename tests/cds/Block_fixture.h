@@ -36,7 +36,7 @@ struct Block_items {
     Block_items(CDS::Head& h, Block& b) : head(h), block(b) { root.finish(); }
 
     std::vector<std::string> told;
-    Told engine_told{"engine", told}, speed_told{"speed", told}, label_told{"label", told};
+    Told engine_told{"engine", told}, speed_told{"speed", told}, label_told{"label", told}, on_told{"on", told};
     CDS::Head& head;
     Block& block;
     CDS::Root root{head, "machine", block, "the whole"};
@@ -47,7 +47,7 @@ struct Block_items {
     CDS::Array<unsigned short> levels{root, "levels", block.levels};
     CDS::Array<char> label{root, "label", block.label, "", &label_told};
     CDS::Value<long> counter{root, "counter", block.counter};
-    CDS::Value<bool> on{root, "on", block.on};
+    CDS::Value<bool> on{root, "on", block.on, "", &on_told};
 };
 
 /// A waiter without a thread; events are taken by the test.

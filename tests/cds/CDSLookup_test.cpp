@@ -90,8 +90,10 @@ TEST_F(Lookup, Describes_the_structure_to_a_depth) {
 }
 
 TEST_F(Lookup, Reading_signals_just_what_changed_and_takes_no_more_elements_than_there_are) {
-    CDS::Access_base whole(&head, 0, sizeof(Block)), speed(&head, offsetof(Block, engine.speed), 2);
+    CDS::Access_base whole(&head, 0, sizeof(Block)), speed(&head, offsetof(Block, engine.speed), 2),
+        last_level(&head, offsetof(Block, levels) + 6, 2);
     ASSERT_TRUE(whole.reg(&inbox.waiter, 1) == 0 && speed.reg(&inbox.waiter, 2) == 0);
+    ASSERT_EQ(last_level.reg(&inbox.waiter, 3), 0);
     std::string bytes = values();
     EXPECT_EQ(read(items.root, bytes), 0);
     EXPECT_EQ(inbox.targets(), Targets{});
@@ -105,12 +107,12 @@ TEST_F(Lookup, Reading_signals_just_what_changed_and_takes_no_more_elements_than
         std::string bytes;
         unsigned short expected[4];
         int left;
-    } table[] = {{std::string("\x02\x09\x00\x08\x00", 5), {9, 8, 3, 4}, 0},
+    } table[] = {{std::string("\x02\x09\x00\x02\x00", 5), {9, 2, 3, 4}, 0},
                  {std::string("\x05\x09\x00\x08\x00\x07\x00\x06\x00\x05\x00", 11), {9, 8, 7, 6}, 2}};
     for (const auto& row : table) {
         EXPECT_EQ(read(items.levels, row.bytes), row.left);
         EXPECT_EQ(memcmp(block.levels, row.expected, sizeof block.levels), 0);
-        EXPECT_EQ(inbox.targets(), Targets{1}) << "one event for the whole array";
+        EXPECT_EQ(inbox.targets(), (Targets{1, 3})) << "one event for the whole array";
     }
     EXPECT_TRUE(items.told.empty()) << "a remote write wakes diners, not listeners";
 
@@ -163,6 +165,7 @@ TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
         if (differs(engine.speed)) expected.push_back("speed1");
         if (differs(engine.speed) || differs(engine.mode) || differs(engine.load)) expected.push_back("engine1");
         if (differs(block.label)) expected.push_back("label1");
+        if (differs(block.on)) expected.push_back("on1");
         items.told.clear();
         head.event_signal(&block, &old, 0, sizeof old, nullptr);
         ASSERT_EQ(items.told, expected) << round;

@@ -71,8 +71,8 @@ TEST_F(Events, Copies_decide_who_is_woken) {
     const struct {
         int differing, offset, length;
         Targets woken;
-    } table[] = {{6, 0, 8, {0, 6}}, {2, 0, 8, {0, 2}}, {0, 0, 8, {0}},
-                 {8, 0, 8, {}},     {3, 2, 4, {0, 2}}, {4, 2, 4, {0}}};
+    } table[] = {{6, 0, 8, {0, 6}}, {2, 0, 8, {0, 2}}, {0, 0, 8, {0}}, {8, 0, 8, {}},
+                 {3, 2, 4, {0, 2}}, {4, 2, 4, {0}},    {4, 0, 2, {}}};
     for (const auto& row : table) {
         unsigned char now[9] = {}, before[9] = {};
         before[row.differing] = 1;
