@@ -12,7 +12,7 @@ template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::_set(T v, notify_t how) {
     const bool changed = v != _value;
     _value = v;
-    return notify_updated(changed, how);
+    return !changed || notify_updated(true, how);
 }
 
 template <class T, Data_item::item_type_t type>

@@ -109,7 +109,7 @@ Safe_result NV_safe_store::load() {
 
 /// Bring the records of the last check into the tree.
 bool NV_safe_store::restore() {
-    std::string bytes = prune(_candidate, _root, _dropped);
+    std::string bytes = prune(std::move(_candidate), _root, _dropped);
     _candidate.clear();
     Image_reader it(bytes);
     const std::lock_guard<const NV_root> guard(_root);

@@ -244,23 +244,28 @@ private:
 
 } // namespace
 
-std::string prune(const std::string& bytes, NV_container& root, int& dropped) {
-    Pruner pruner;
+std::string prune(std::string bytes, NV_container& root, int& dropped) {
     const auto* const p = reinterpret_cast<const unsigned char*>(bytes.data());
     const int n = static_cast<int>(bytes.size());
-    for (int at = 0, size; at < n; at += size) {
-        size = Fit::size(root, p + at, n - at);
-        if (size > 0) {
-            pruner.out.append(bytes, static_cast<size_t>(at), static_cast<size_t>(size));
-            continue;
+    Pruner pruner;
+    int kept = 0; // [bytes] up to which all is as it was
+    Stored_record r;
+    for (int at = 0; at < n; at += r.size) {
+        r.size = Fit::size(root, p + at, n - at);
+        if (r.size > 0) {
+            if (kept == at)
+                kept += r.size;
+            else
+                pruner.out.append(bytes, static_cast<size_t>(at), static_cast<size_t>(r.size));
+        } else if (r.read(p + at, n - at)) {
+            pruner.put_record(root, r);
+        } else {
+            break;
         }
-        Stored_record r;
-        if (!r.read(p + at, n - at)) break;
-        pruner.put_record(root, r);
-        size = r.size;
     }
     dropped = pruner.dropped;
-    return pruner.out;
+    bytes.resize(static_cast<size_t>(kept));
+    return bytes += pruner.out;
 }
 
 } // namespace NV_store

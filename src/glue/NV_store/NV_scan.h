@@ -68,6 +68,6 @@ KAV_API size_t whole_records(const std::string& bytes, const NV_container& root)
 /// The same records (`bytes` holds nothing else) without what a tree does not know: settings and containers that it no
 /// longer has or has with another type, and lists with too few elements for it. What is left loads completely.
 /// `dropped` counts the records.
-KAV_API std::string prune(const std::string& bytes, NV_container& root, int& dropped);
+KAV_API std::string prune(std::string bytes, NV_container& root, int& dropped);
 
 } // namespace NV_store
