@@ -86,13 +86,10 @@ TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
                       no_sum = "Failure while reading CRC32 in checksummed file [",
                       wrong_sum = "Error CRC32 mismatch on checksummed file [";
     EXPECT_EQ(good, "hello\n\nCRC32=BD1E346E");
-    const std::pair<std::string, std::string> damaged[] = {{good.substr(0, 15), wrong_sum},
-                                                           {good.substr(0, 14), cut},
-                                                           {good.substr(0, 13) + "zz", no_sum},
-                                                           {"S" + good.substr(1), wrong_sum},
-                                                           {good + "12345", wrong_sum},
-                                                           {good + "123456", no_sum},
-                                                           {good + "\nx", ""}};
+    const std::pair<std::string, std::string> damaged[] = {
+        {good.substr(0, 15), wrong_sum},   {good.substr(0, 14), cut},   {good.substr(0, 13) + "zz", no_sum},
+        {"S" + good.substr(1), wrong_sum}, {good + "12345", wrong_sum}, {"hello\n\nCRC32=1BD1E346E", wrong_sum},
+        {good + "123456", no_sum},         {good + "\nx", ""}};
     for (const auto& [bytes, complaint] : damaged) {
         write_file(path, bytes);
         EXPECT_EQ(load(), complaint.empty()) << bytes;
