@@ -42,6 +42,20 @@ TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording_and_counts_them)
               "TEXT,.noise.[2J\nTEXT,TF0B..\nZZ,unknown 01 ab\nEL,45,-5\n");
 }
 
+TEST(vorn_monitor, draws_the_positions_that_it_met) {
+    const Temporary_folder folder;
+    const std::string plot = folder.file("track.svg");
+    const Child_result none = run_program(VORN_MONITOR, {"-", "--plot", plot}, "PG01E half");
+    EXPECT_EQ(none.err, "vorn_monitor: cannot draw " + plot + ": no position was met\n");
+    std::string input;
+    for (const double lat : {0.9, 0.900001, 0.900002})
+        input += Frame("PG").f8(lat).f8(0.1).f8(100).f4(1).u1(lat > 0.900001 ? 5 : 4).str() + "\n";
+    EXPECT_EQ(run_program(VORN_MONITOR, {"-", "--plot", plot}, input).status, 0);
+    const std::string drawn = read_file(plot);
+    for (const char* part : {"points=\"40.0,600.0 40.0,320.0 40.0,40.0", "fix 4: 2 positions", "fix 5: 1 positions"})
+        EXPECT_NE(drawn.find(part), std::string::npos) << drawn;
+}
+
 TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
     const std::tuple<Arguments, int, std::string> rows[] = {
         {{}, 2, "give one device with -c, or one file (try --help)"},
