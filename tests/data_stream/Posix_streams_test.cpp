@@ -146,15 +146,26 @@ std::string take(Data_stream& s, int n) {
     return ::take(s);
 }
 
+/// What the system tells in `file` of the thread that was started last.
+std::string newest_thread(const char* file) {
+    const std::vector<int> threads = numbers_in("/proc/self/task");
+    return read_file("/proc/self/task/" + std::to_string(*std::max_element(threads.begin(), threads.end())) + "/" +
+                     file);
+}
+
+/// How often it went to sleep of itself: a thread that looks again and again without a pause never does.
+long pauses() {
+    const std::string status = newest_thread("status"), key = "\nvoluntary_ctxt_switches:";
+    return std::stol(status.substr(status.find(key) + key.size()));
+}
+
 TEST(Threaded_streams, have_readers_named_by_instance_in_four_characters) {
     const size_t running = num_threads();
     {
         Stream first, others[9], eleventh;
         for (const auto& [s, name] : {std::pair{&first, "PDS0\n"}, {&others[8], "PDS9\n"}, {&eleventh, "PDS1\n"}}) {
             EXPECT_TRUE(s->start() && s->start());
-            const std::vector<int> threads = numbers_in("/proc/self/task");
-            const std::string newest = std::to_string(*std::max_element(threads.begin(), threads.end()));
-            EXPECT_TRUE(wait_until([&, n = name] { return read_file("/proc/self/task/" + newest + "/comm") == n; }));
+            EXPECT_TRUE(wait_until([&, n = name] { return newest_thread("comm") == n; })) << name;
         }
     }
     EXPECT_TRUE(wait_until([&] { return num_threads() == running; })) << "joined, though nothing was ever opened";
@@ -232,6 +243,7 @@ TEST_F(Threaded_stream, takes_files_for_what_they_are) {
     EXPECT_FALSE(s.open_from_args((file + ":9600").c_str()) || s.initialised());
     EXPECT_EQ("OPEN BAD\n", take(plain, 9)) << "what is no line is told so";
     Stream::Commander c;
+    EXPECT_TRUE(wait_until([before = pauses()] { return pauses() >= before + 2; })) << "looks for more all the time";
     EXPECT_TRUE(plain.hang_ups() == 0 && plain.init_commander(c) && !c.send_break(1));
     EXPECT_TRUE(plain.close() && !plain.close() && !plain.init_commander(c));
     EXPECT_EQ(stream_name("DSPosT", plain, ""), plain.name);
