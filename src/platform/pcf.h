@@ -62,8 +62,8 @@ KAV_PCF_API int pcfInfo(struct PcfInfo* info);
 
 KAV_PCF_API unsigned int pcfGetNumFiles(void);
 /*
- * The name of a file by index, sorted, as the files were last counted: removing one moves no other. Non-zero when it
- * is there. `name` has room for 256 bytes.
+ * The name of a file by index, sorted, as the files were when index 0 was last asked for, or counted: removing one
+ * moves no other. Non-zero when it is there. `name` has room for 256 bytes.
  */
 KAV_PCF_API int pcfGetFileName(unsigned int index, char* name);
 

@@ -358,7 +358,9 @@ unsigned int pcfGetNumFiles() {
 int pcfGetFileName(unsigned int index, char* name) {
     Store& s = store();
     const std::lock_guard<std::mutex> guard(s.mutex);
-    if (!s.mounted() || index >= s.listed.size()) return 0;
+    if (!s.mounted()) return 0;
+    if (index == 0 || s.listed.empty()) s.listed = list(s.dir); // who begins at the front need not have counted
+    if (index >= s.listed.size()) return 0;
     const std::string& found = s.listed[index];
     if (size_of(s.dir, found.c_str()) < 0) return 0; // removed since
     strcpy(name, found.c_str());
