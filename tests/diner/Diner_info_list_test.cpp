@@ -54,9 +54,7 @@ TEST(Diner_info, prints_its_row_and_what_a_derived_record_appends) {
         {"a", 2, false, 2, 123456789, 12345678, "glue/diner/Diner", 265, true,
          "        a  Stop-0 Tmt 123456789 12345678 glue/diner/Diner:265\n"},
         {"a", 3, false, 0, 4294967295u, 0, "plain", 1, false, "        a Uninit-0 Idl       -1       0 plain:1\n"},
-        {"a", 4, false, 0, 0, 0, "x/", 1, false, "        a  Term-0 Idl        0       0 :1\n"},
         {"a", 5, false, 0, 0, 0, "x/y", 1, true, "        a Unknown-0 Idl        0       0 x/y:1\n"},
-        {"a", -1, false, 0, 0, 0, "y", 1, false, "        a Unknown-0 Idl        0       0 y:1\n"},
     };
     for (const auto& c : cases) {
         Row_diner d(c.name, c.state, c.pending);
