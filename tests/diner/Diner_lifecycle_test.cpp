@@ -97,7 +97,8 @@ TEST(Lifecycle, a_diner_parks_after_what_was_queued_before_and_without_a_free_ev
 
 TEST(Start_race, a_second_start_before_the_first_is_taken_leaves_no_token_behind) {
     Test_diner<> d;
-    d.begin(true);
+    d.begin();
+    ASSERT_TRUE(d.stop() == 0 && d.in_state(D::state_stop)); // by its thread, which takes the lock again once it wakes
     d.lock_gate.shut();
     EXPECT_EQ(d.start(), 0);
     ASSERT_TRUE(d.lock_gate.reached()); // awake, and not yet running
