@@ -351,14 +351,9 @@ TEST(Vorn_error_decoder, numbers_and_texts_lead_to_each_other_from_the_first_use
     EXPECT_TRUE(Decoder::init_done);
     Decoder::init();
     EXPECT_TRUE(Decoder::lookup.count == 41 && !Decoder::lookup.insert({"a", 42}));
-    const std::pair<int, const char*> known[] = {{0, nullptr},
-                                                 {1, ",wrong command"},
-                                                 {16, ",wrong receiver id"},
-                                                 {40, ",device busy,invalid file length"},
-                                                 {33, ",can't lock"},
-                                                 {42, nullptr},
-                                                 {-1, nullptr}};
-    for (const auto& [code, text] : known) EXPECT_STREQ(errcode2str(code), text);
+    EXPECT_TRUE(!errcode2str(0) && !errcode2str(42) && !errcode2str(-1));
+    EXPECT_STREQ(errcode2str(16), ",wrong receiver id");
+    EXPECT_STREQ(errcode2str(40), ",device busy,invalid file length");
     for (int code = 1; code <= 41; ++code) {
         ASSERT_EQ(errcode2str(code)[0], ',') << code;
         EXPECT_TRUE(Decoder::get(errcode2str(code) + 1) == code && Decoder::get(errcode2str(code)) == -1) << code;
