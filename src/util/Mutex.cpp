@@ -2,6 +2,7 @@
 #include "util/Mutex.h"
 #include "util/Debug_base.h"
 #include "util/Debug_print.h"
+#include "util/Lock_order.h"
 #include "util/assertion.h"
 #include "util/tsan.h"
 
@@ -19,15 +20,29 @@ static inline void pause_briefly() {
 #endif
 }
 
+#ifdef KAV_CHECK_LOCK_ORDER
+static constexpr bool checks_order = true;
+#else
+static constexpr bool checks_order = false;
+#endif
+
 // The sanitizer knows the lock by the address of its owner field.
 Mutex::Mutex() { Util::tsan::mutex_create(&_owner); }
-Mutex::~Mutex() { Util::tsan::mutex_destroy(&_owner); }
+Mutex::~Mutex() {
+    Util::tsan::mutex_destroy(&_owner);
+    if (checks_order) Util::Lock_order::get().destroyed(this);
+}
 
 void Mutex::lock() {
+    if (checks_order) check_order();
     Util::tsan::mutex_pre_lock(&_owner);
     if (!_mutex.tryLock()) lock_slowly();
     taken();
     Util::tsan::mutex_post_lock(&_owner);
+}
+
+void Mutex::check_order() const {
+    if (!Util::Lock_order::get().wait(this)) Util::flush_and_abort();
 }
 
 void Mutex::lock_slowly() {
@@ -44,9 +59,13 @@ void Mutex::lock_slowly() {
     if (failures > 0) Debug_print::bprint("Deadlock avoided %p %d\n", static_cast<void*>(this), failures);
 }
 
-void Mutex::taken() { _owner.store(QThread::currentThreadId(), std::memory_order_relaxed); }
+void Mutex::taken() {
+    _owner.store(QThread::currentThreadId(), std::memory_order_relaxed);
+    if (checks_order) Util::Lock_order::get().taken(this);
+}
 
 bool Mutex::try_lock(int ms) {
+    if (checks_order && ms > 0) check_order(); // who waits is in the way of others, if only for a time
     Util::tsan::mutex_pre_try_lock(&_owner);
     const bool got = ms > 0 ? _mutex.tryLock(ms) : _mutex.tryLock();
     if (got) taken();
@@ -55,6 +74,7 @@ bool Mutex::try_lock(int ms) {
 }
 
 void Mutex::unlock() {
+    if (checks_order) Util::Lock_order::get().released(this);
     Util::tsan::mutex_pre_unlock(&_owner);
     _owner.store(nullptr, std::memory_order_relaxed);
     _mutex.unlock();

@@ -9,7 +9,8 @@
 /// Works with std::lock_guard and std::unique_lock.
 ///
 /// Order of locks, outer to inner: selector, diner, stream / data store head / settings root, flash bookkeeping,
-/// waiter, event pool. Never call out while holding one of the leaves: logger ring, timeout manager, info list.
+/// waiter, event pool. Never call out while holding one of the leaves: logger ring, timeout manager, info list. Builds
+/// with KAV_CHECK_LOCK_ORDER abort at the first wait that contradicts another one, see Lock_order.
 class KAV_API Mutex {
 public:
     enum Status { status_free = 0, status_mine = 1, status_other = 2, status_any = 4 };
@@ -42,6 +43,7 @@ public:
 
 private:
     void lock_slowly();
+    void check_order() const;
     void taken();
 
     mutable QMutex _mutex;

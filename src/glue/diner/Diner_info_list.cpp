@@ -20,15 +20,8 @@ Diner_info_list& Diner_info_list::get() {
 }
 
 Diner_info_list::~Diner_info_list() {
+    leave_own_diner();
     std::unique_lock<Mutex> guard(_mutex);
-    // A handler that called exit() stands below us on this very stack. Its thread goes with the process, and it has no
-    // more use for its lock, which others (a diner that shares it, its own destructor) may need.
-    for (Diner_info& info : _infos) {
-        if (!info.diner.on_own_thread()) continue;
-        info.diner.state = Diner::state_gone;
-        info.diner.waiter.set_enabled(false); // others may go on posting to it: not from the pool, which goes now
-        if (info.diner.is_locked()) info.diner.unlock();
-    }
     for (Diner_info& info : _infos) info.diner.terminate(false);
     for (int pass = 1;; ++pass) {
         const unsigned alive = static_cast<unsigned>(num_alive());
@@ -41,6 +34,18 @@ Diner_info_list::~Diner_info_list() {
         guard.lock();
     }
     while (_infos.pop()) {
+    }
+}
+
+/// A handler that called exit() stands below us on this very stack. Its thread goes with the process, and it has no
+/// more use for its lock, which others (a diner that shares it, its own destructor, a test of all locks) may need.
+void Diner_info_list::leave_own_diner() {
+    const Guard members(_members); // not the other lock, as long as the diner's is held
+    for (Diner_info& info : _infos) {
+        if (!info.diner.on_own_thread()) continue;
+        info.diner.state = Diner::state_gone;
+        info.diner.waiter.set_enabled(false); // others may go on posting to it: not from the pool, which goes now
+        if (info.diner.is_locked()) info.diner.unlock();
     }
 }
 

@@ -40,6 +40,7 @@ public:
 private:
     Diner_info_list() = default;
     ~Diner_info_list();
+    void leave_own_diner();
     int num_alive() const;
 
     mutable Mutex _mutex; ///< guards the list; taken before the diners' own locks
