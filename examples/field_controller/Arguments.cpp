@@ -6,11 +6,12 @@
 namespace {
 
 const char usage[] = "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
-                     "                        [--plot FILE] [--settings FILE] [--quiet]\n"
-                     "       field_controller --serve [--seconds N] [--faults N]\n"
+                     "                        [--speed N] [--plot FILE] [--settings FILE] [--quiet]\n"
+                     "       field_controller --serve [--seconds N] [--faults N] [--speed N]\n"
                      "  --comm     listen to a receiver on that serial line instead of the simulator\n"
                      "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
                      "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
+                     "  --speed    the simulated machine drives N times as fast, up to 100 (default 1)\n"
                      "  --plot     draw the driven track with its faults into that file (SVG)\n"
                      "  --settings keep the settings in that file (default: field_controller.settings beside the\n"
                      "             program)\n"
@@ -62,6 +63,10 @@ Arguments parse_arguments(int argc, char** argv) {
             ++i;
         } else if (option == "--faults") {
             a.faults = static_cast<unsigned>(number("--faults", value));
+            ++i;
+        } else if (option == "--speed") {
+            a.speed = number("--speed", value);
+            if (a.speed < 1 || a.speed > 100) wrong("--speed needs a number from 1 to 100");
             ++i;
         } else {
             wrong("unknown argument " + option);

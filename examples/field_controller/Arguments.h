@@ -8,6 +8,7 @@ struct Arguments {
     unsigned faults = 40; ///< one frame in so many is hit; 0: none
     std::string plot;     ///< where to draw the track; empty: nowhere
     std::string settings; ///< file; empty: beside the program
+    int speed = 1;        ///< of the simulated machine, in times of real time
     bool quiet = false;
     bool serve = false; ///< only the simulated receiver, for another program to listen to
 };

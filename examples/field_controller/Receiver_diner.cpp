@@ -6,10 +6,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 Receiver_diner::Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Link_watch* watch,
                                bool quiet)
-    : _stream(stream), _store(store), _watch(watch), _quiet(quiet), _parser(&stream, true), _printer(true) {}
+    : _stream(stream), _store(store), _watch(watch), _quiet(quiet), _parser(&stream, true), _printer(true) {
+    if (_watch) _watch->looked_at(0); // from now on the writer waits for us
+}
 
 Receiver_diner::~Receiver_diner() {
     _stream.deregister_waiter(&waiter);
@@ -35,6 +38,7 @@ void Receiver_diner::print(const char* text) const {
 
 void Receiver_diner::handle_event(waiter_event&) {
     if (_watch) _counts.longest_us = std::max(_counts.longest_us, _watch->handled());
+    const uint32_t there = bytes_read();
     unsigned char packet[4200];
     int length;
     while (const int kind = _parser.get_packet(packet, sizeof packet - 1, length)) {
@@ -47,6 +51,12 @@ void Receiver_diner::handle_event(waiter_event&) {
             ++_counts.text_lines;
         }
     }
+    if (_watch) _watch->looked_at(there);
+}
+
+uint32_t Receiver_diner::bytes_read() const {
+    const std::lock_guard<Mutex> guard(*_stream.stream_lock);
+    return _stream.bytes_read;
 }
 
 void Receiver_diner::handle_reply(char* text) {
@@ -75,6 +85,7 @@ void Receiver_diner::handle_frame(unsigned char* bytes, int length) {
 
 void Receiver_diner::publish(const Vorn_message& frame) {
     if (frame.get_id() == GNSS_messages::id_PG) {
+        ++_counts.positions;
         const GNSS_messages::Msg_PG pg(frame);
         _store.put(&Machine_block::position, {pg.lat(), pg.lon(), pg.hgt()});
         _store.put(&Machine_block::quality, {pg.type(), pg.sigma()});

@@ -14,6 +14,7 @@ class Receiver_diner : public Diner::Protection {
 public:
     struct Counts {
         unsigned delivered = 0; ///< frames whose checksum is right
+        unsigned positions = 0; ///< of them
         unsigned rejected = 0;  ///< frames whose checksum is wrong
         unsigned refused = 0;   ///< what began like a frame, of an impossible kind or length
         unsigned replies = 0;
@@ -45,6 +46,7 @@ private:
     void handle_timeout(Timeout&) override {}
     using Diner::handle_timeout;
 
+    uint32_t bytes_read() const;
     void handle_reply(char* text);
     void handle_frame(unsigned char* bytes, int length);
     void publish(const Vorn_message& frame);

@@ -46,10 +46,10 @@ std::string reply(const char* id, const std::string& text) {
 
 } // namespace
 
-Receiver_simulator::Receiver_simulator(Data_stream& line, Link_watch& watch, unsigned frames_per_fault)
+Receiver_simulator::Receiver_simulator(Data_stream& line, Link_watch& watch, unsigned frames_per_fault, int speed)
     : _line(line), _watch(watch), _faults(2026), _origin{49.2 * pi / 180, 8.6 * pi / 180, 112.5} {
     _faults.set_rate(frames_per_fault);
-    _tick.period = period_ms;
+    _tick.period = period_ms / speed;
 }
 
 void Receiver_simulator::init(module_man& modules) {
@@ -76,6 +76,14 @@ void Receiver_simulator::send(std::string frame, unsigned& counter) {
     ++counter;
     _counts.damaged += damaged;
     _counts.bytes += n;
+}
+
+void Receiver_simulator::handle_timeout(Timeout&) {
+    if (_watch.behind(_counts.bytes)) {
+        ++_counts.held_back;
+    } else {
+        send_epoch();
+    }
 }
 
 void Receiver_simulator::send_epoch() {

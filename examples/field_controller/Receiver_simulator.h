@@ -13,16 +13,18 @@
 class Receiver_simulator : public Diner::Protection {
 public:
     struct Counts {
-        unsigned frames = 0;  ///< written, spoilt ones included
-        unsigned replies = 0; ///< RE and ER
-        unsigned damaged = 0; ///< of the frames and replies, those that the line spoilt
-        unsigned faults = 0;  ///< line faults in all, noise between frames included
-        unsigned unsent = 0;  ///< frames that the line did not take because nobody read it
-        unsigned long bytes = 0;
+        unsigned frames = 0;    ///< written, spoilt ones included
+        unsigned replies = 0;   ///< RE and ER
+        unsigned damaged = 0;   ///< of the frames and replies, those that the line spoilt
+        unsigned faults = 0;    ///< line faults in all, noise between frames included
+        unsigned unsent = 0;    ///< frames that the line did not take because nobody read it
+        unsigned held_back = 0; ///< times that an epoch waited for the reader: a busy machine at speed
+        uint32_t bytes = 0;     ///< modulo 2^32
     };
 
-    /// `line` and `watch` outlive the simulator. `frames_per_fault` 0: a perfect line.
-    Receiver_simulator(Data_stream& line, Link_watch& watch, unsigned frames_per_fault);
+    /// `line` and `watch` outlive the simulator. `frames_per_fault` 0: a perfect line. `speed` 1..100: so many times as
+    /// fast as real time.
+    Receiver_simulator(Data_stream& line, Link_watch& watch, unsigned frames_per_fault, int speed);
     ~Receiver_simulator() override { terminate(true); }
 
     using Diner::init;
@@ -32,9 +34,9 @@ public:
 private:
     static constexpr int period_ms = 100;
 
-    void diner_start() override { submit_timeout(_tick, period_ms); }
+    void diner_start() override { submit_timeout(_tick, _tick.period); }
     void handle_event(waiter_event&) override {}
-    void handle_timeout(Timeout&) override { send_epoch(); }
+    void handle_timeout(Timeout&) override;
     using Diner::handle_timeout;
 
     void send_epoch();

@@ -3,8 +3,14 @@
 #include "glue/diner/Buffered_logger.h"
 #include <cstdio>
 
-Status_diner::Status_diner(Machine_store& store, Machine_settings& settings, Fault_history& faults, bool quiet)
-    : _store(store), _settings(settings), _faults(faults), _quiet(quiet), _position(store.position_range()) {
+Status_diner::Status_diner(Machine_store& store, Machine_settings& settings, Fault_history& faults, bool quiet,
+                           bool keep_track)
+    : _store(store)
+    , _settings(settings)
+    , _faults(faults)
+    , _quiet(quiet)
+    , _keep_track(keep_track)
+    , _position(store.position_range()) {
     _tick.period = period_ms;
 }
 
@@ -70,7 +76,7 @@ void Status_diner::report(bool wrong, bool& known, Fault_history::Source source,
 void Status_diner::look_for_faults(const Machine_block& now) {
     constexpr int fixed = 4;
     if (now.quality.type == 0) return; // nothing received yet
-    _plot.add(now.position.lat, now.position.lon, now.quality.type);
+    if (_keep_track) _plot.add(now.position.lat, now.position.lon, now.quality.type);
     const int used = now.satellites.used[0] + now.satellites.used[1];
     const bool seen = now.satellites.locked[0] + now.satellites.locked[1] > 0;
     report(!seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used, "antenna open");

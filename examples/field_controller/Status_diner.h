@@ -7,11 +7,12 @@
 #include "track_plot/Track_plot.h"
 
 /// A component that knows nothing of the receiver: woken when the position in the block has changed, it prints where
-/// the machine is, at most once a second, has faults recorded as they begin, and keeps the track for a picture.
+/// the machine is, at most once a second, has faults recorded as they begin, and can keep the track.
 class Status_diner : public Diner::Protection {
 public:
-    /// `store`, `settings` and `faults` outlive the diner. `quiet`: count, but print nothing.
-    Status_diner(Machine_store& store, Machine_settings& settings, Fault_history& faults, bool quiet);
+    /// `store`, `settings` and `faults` outlive the diner. `quiet`: count, but print nothing. `keep_track`: for a
+    /// picture.
+    Status_diner(Machine_store& store, Machine_settings& settings, Fault_history& faults, bool quiet, bool keep_track);
     ~Status_diner() override;
 
     using Diner::init;
@@ -36,7 +37,7 @@ private:
     Machine_store& _store;
     Machine_settings& _settings;
     Fault_history& _faults;
-    const bool _quiet;
+    const bool _quiet, _keep_track;
     CDS::Access_base _position;
     Track_plot _plot;
     Timeout _tick;

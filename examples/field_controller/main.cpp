@@ -56,11 +56,28 @@ int serve(int master, const char* device, const Arguments& arguments) {
     fflush(stdout); // whoever listens may wait for this line in a pipe
     Posix_data_stream line(master, master);
     Link_watch watch;
-    Receiver_simulator simulator(line, watch, arguments.faults);
+    Receiver_simulator simulator(line, watch, arguments.faults, arguments.speed);
     simulator.init(Diner_info_list::get());
     simulator.start();
     run_for(arguments.seconds < 0 ? -1 : arguments.seconds * 1000);
     return 0;
+}
+
+uint32_t bytes_read(const Data_stream& stream) {
+    const std::lock_guard<Mutex> guard(*stream.stream_lock);
+    return stream.bytes_read;
+}
+
+/// Stop a diner and wait until it has handled what it was posted.
+void park(Diner& diner) {
+    diner.stop();
+    while (diner.get_state() != Diner::state_stop) Atime::delay(1);
+}
+
+/// Stop the simulator and wait until all that it wrote has come through the line, at most a second.
+void finish_line(Receiver_simulator& simulator, const Data_stream& stream) {
+    park(simulator);
+    for (int i = 0; i < 100 && bytes_read(stream) < simulator.counts().bytes; ++i) Atime::delay(10);
 }
 
 void print_summary(const Receiver_simulator* simulator, const Receiver_diner& receiver, const Data_stream& stream) {
@@ -70,9 +87,13 @@ void print_summary(const Receiver_simulator* simulator, const Receiver_diner& re
         printf("frames sent        %7u   (%u line faults, %u frames or replies spoilt)\n", out.frames, out.faults,
                out.damaged);
         printf("replies sent       %7u\n", out.replies);
+        printf("bytes sent         %7u\n", out.bytes);
+        if (out.held_back) printf("epochs held back   %7u   (for the reader)\n", out.held_back);
         if (out.unsent) printf("frames not sent    %7u   (the line was full)\n", out.unsent);
     }
+    printf("bytes received     %7u\n", bytes_read(stream));
     printf("frames delivered   %7u\n", in.delivered);
+    printf("positions          %7u\n", in.positions);
     printf("frames rejected    %7u   (%u wrong checksum, %u impossible header)\n", in.rejected + in.refused,
            in.rejected, in.refused);
     printf("text lines         %7u   (noise, cut frames)\n", in.text_lines);
@@ -124,14 +145,14 @@ int main(int argc, char** argv) {
         Buffered_logger logger;
         logger.init(modules);
         std::unique_ptr<Receiver_simulator> simulator;
-        Status_diner status(store, settings, faults, arguments.quiet);
+        Status_diner status(store, settings, faults, arguments.quiet, !arguments.plot.empty());
         status.init(modules);
         status.start();
         Receiver_diner receiver(stream, store, master >= 0 ? &watch : nullptr, arguments.quiet);
         receiver.init(modules);
         receiver.start();
         if (master >= 0) {
-            simulator = std::make_unique<Receiver_simulator>(line, watch, arguments.faults);
+            simulator = std::make_unique<Receiver_simulator>(line, watch, arguments.faults, arguments.speed);
             simulator->init(modules);
             simulator->start();
         }
@@ -143,8 +164,9 @@ int main(int argc, char** argv) {
             Buffered_logger::log("history of faults: manager restarted\n");
             run_for(half_ms);
         }
-        if (simulator) simulator->stop();
-        status.stop(); // no line of its own among the tables
+        if (simulator) finish_line(*simulator, stream);
+        park(receiver);
+        park(status); // no line of its own among the tables
 
         puts("\nDiners");
         Diner_info_list::get().print(false, false);
