@@ -197,6 +197,8 @@ TEST(NV_containers, A_load_says_what_is_wrong) {
         early = frame(1, 99, value(9, 1, Image::little_endian(i, 4)));
     const auto skipped = [&](const std::string& records) { return frame(1, 5, records + first_5); };
     const std::string start = header(1, 1, 99), inner = value(4, 1, "x"), end = header(1, 2, 99);
+    std::string abyss; // no stack would hold a recursion
+    while (abyss.size() < 4000000) abyss += start;
     const struct {
         const char* what;
         std::string image;
@@ -227,6 +229,7 @@ TEST(NV_containers, A_load_says_what_is_wrong) {
         {"nested", skipped(start + header(13, 1, 4) + header(13, 2, 4) + end), "", 5, 99},
         {"other end", skipped(start + inner + header(1, 2, 98)), unknown, 99, 99},
         {"end of other type", skipped(start + inner + header(13, 2, 99)), unknown, 99, 99},
+        {"nested without end", skipped(abyss), unknown, 99, 99},
         {"other start", skipped(header(1, 9, 99) + inner + end), unknown, 99, 99},
     };
     for (const auto& row : table) {

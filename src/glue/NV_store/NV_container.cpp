@@ -2,6 +2,7 @@
 #include "glue/NV_store/NV_container.h"
 #include "glue/NV_store/NV_path.h"
 #include "glue/NV_store/NV_root.h"
+#include "glue/NV_store/NV_scan.h"
 #include "glue/cds/Item_walk.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"
@@ -319,15 +320,23 @@ bool NV_container::finish_load(NV_iterator& it, Checksum_scope& checksum) {
 }
 
 bool NV_container::deserialise_unknown(NV_iterator* it) {
-    NV_iterator::NV_iterator_header start, record;
-    if (!it->pop_header(start) || start.marker != NV_iterator::marker_start) return false;
-    for (;;) {
+    // No recursion: damaged bytes nest as deeply as they like. Deeper than a tree ever is counts as damage.
+    NV_iterator::NV_iterator_header open[Record_walk::deepest], record;
+    if (!it->pop_header(open[0]) || open[0].marker != NV_iterator::marker_start) return false;
+    for (int depth = 1; depth > 0;) {
         if (!it->peek_header(record)) return false;
-        if (record.marker == NV_iterator::marker_end) break;
-        if (!deserialise_unknown_handoff(it)) return false;
+        if (record.marker == NV_iterator::marker_end) {
+            // The checksum behind stays and is met as the next header: files of old rely on it.
+            const NV_iterator::NV_iterator_header& start = open[--depth];
+            if (record.id != start.id || record.type_byte != start.type_byte || !it->pop_header(record)) return false;
+        } else if (is_container_type(record.type_byte)) {
+            if (depth == Record_walk::deepest || !it->pop_header(open[depth])) return false;
+            if (open[depth++].marker != NV_iterator::marker_start) return false;
+        } else if (!deserialise_unknown_handoff(it)) {
+            return false;
+        }
     }
-    if (record.id != start.id || record.type_byte != start.type_byte) return false;
-    return it->pop_header(record);
+    return true;
 }
 
 } // namespace NV_store

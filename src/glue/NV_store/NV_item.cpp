@@ -97,14 +97,17 @@ bool NV_item::wanted(const NV_iterator& it, bool& valid) const {
     }
 }
 
+bool NV_item::is_container_type(unsigned char type_byte) {
+    return type_byte == item_root || type_byte == item_struct || type_byte == item_container;
+}
+
 bool NV_item::deserialise_unknown_handoff(NV_iterator* it) {
     NV_iterator::NV_iterator_header next;
     if (!it->peek_header(next)) return false;
     class_type_t shape;
     item_type_t type;
     decode_type_byte(shape, type, next.type_byte);
-    if (shape == class_value && (type == item_root || type == item_struct || type == item_container))
-        return NV_container::deserialise_unknown(it);
+    if (is_container_type(next.type_byte)) return NV_container::deserialise_unknown(it);
     return skip_unknown_value(it, shape, type);
 }
 

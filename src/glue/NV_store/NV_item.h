@@ -107,6 +107,7 @@ public:
 
     /// Read past a record that no item of the tree wants.
     static bool deserialise_unknown_handoff(NV_iterator* it);
+    static bool is_container_type(unsigned char type_byte); ///< of a stored record
 
 Q_SIGNALS:
     void value_changed(NV_item* item);

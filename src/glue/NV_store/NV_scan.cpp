@@ -10,11 +10,6 @@ namespace {
 
 constexpr int header_size = 4, crc_size = 4;
 
-bool is_container_type(unsigned char type_byte) {
-    return type_byte == Data_item::item_root || type_byte == Data_item::item_struct ||
-           type_byte == Data_item::item_container;
-}
-
 NV_iterator::NV_iterator_header header_at(const unsigned char* p) {
     return {p[0], p[1], static_cast<unsigned short>(p[2] | p[3] << 8)};
 }
@@ -70,7 +65,7 @@ Record_walk::Step Record_walk::next() {
 }
 
 Record_walk::Step Record_walk::start_container() {
-    if (!is_container_type(head.type_byte)) return stop("a container of an unknown type");
+    if (!NV_item::is_container_type(head.type_byte)) return stop("a container of an unknown type");
     if (depth == deepest) return stop("nested too deeply");
     _open[depth++] = at;
     end += header_size;
