@@ -9,11 +9,7 @@
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int cycles = 1001;
-#else
 constexpr int cycles = 10001;
-#endif
 
 /// The number that follows `key` in what the system tells of a thread of this process.
 long told_of(int thread, const char* file, const std::string& key) {

