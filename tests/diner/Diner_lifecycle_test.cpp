@@ -185,6 +185,10 @@ void destroy_without_terminate() {
     Mutex mutex;
     Idle d(mutex);
     d.init(Diner_info_list::get(), nullptr, Diner::DESCRIPTOR_DEFAULT, 0, 0, false, true);
+    d.start();
+    wait_until([&d] { return d.get_state() == D::state_run; });
+    d.stop(); // parked its thread calls nothing of the subclass that goes
+    wait_until([&d] { return d.get_state() == D::state_stop; });
 }
 void terminate_in_handler() {
     Test_diner<> d;
