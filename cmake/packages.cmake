@@ -26,6 +26,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${exactly_ours}, ${qt_dev}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${exactly_ours}")
 if(CMAKE_CROSSCOMPILING)
     # The tool that finds what libraries need looks at the machine that it runs on.
+    set(architecture_of_arm armhf)
     set(architecture_of_armv7l armhf)
     set(architecture_of_aarch64 arm64)
     set(architecture_of_i686 i386)
