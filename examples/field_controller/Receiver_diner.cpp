@@ -11,6 +11,7 @@
 Receiver_diner::Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Link_watch* watch,
                                bool quiet)
     : _stream(stream), _store(store), _watch(watch), _quiet(quiet), _parser(&stream, true), _printer(true) {
+    _parser.set_checker(&_checker);
     if (_watch) _watch->looked_at(0); // from now on the writer waits for us
 }
 
