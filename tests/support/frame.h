@@ -12,13 +12,19 @@ class Frame {
 public:
     explicit Frame(const char* id) : _id(id) {}
 
-    Frame& u1(unsigned v) { return add(static_cast<uint8_t>(v)); }
+    template <class... T>
+    Frame& u1(T... v) {
+        return (add(static_cast<uint8_t>(v)), ...);
+    }
     Frame& i1(int v) { return add(static_cast<int8_t>(v)); }
     Frame& u2(unsigned v) { return add(static_cast<uint16_t>(v)); }
     Frame& i2(int v) { return add(static_cast<int16_t>(v)); }
     Frame& u4(uint32_t v) { return add(v); }
     Frame& i4(int32_t v) { return add(v); }
-    Frame& f4(float v) { return add(v); }
+    template <class... T>
+    Frame& f4(T... v) {
+        return (add(static_cast<float>(v)), ...);
+    }
     Frame& f8(double v) { return add(v); }
     Frame& text(const std::string& s) {
         _body += s;

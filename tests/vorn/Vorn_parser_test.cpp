@@ -30,12 +30,10 @@ Packets take_all(Vorn_parser& parser, int buf_size = 8192) {
 /// Accepts all but one identifier.
 class Refuse : public Vorn_parser::Checker {
 public:
-    bool check(Data_stream& s, unsigned short id, int total) override {
-        asked.push_back({total, std::string{static_cast<char>(id & 0xFF), static_cast<char>(id >> 8)}});
+    bool check(Data_stream& s, unsigned short id, int) override {
         EXPECT_EQ(s[0], id & 0xFF); // the stream's own operations are free to use
-        return asked.back().second != "XX";
+        return id != ('X' | 'X' << 8);
     }
-    Packets asked; ///< totals and identifiers
 };
 
 enum Option { usual = 0, no_line_end = 1, keep = 2, refuse = 4 };
@@ -60,7 +58,7 @@ const struct {
     {"not those beside them", "/~001c\r~\177000\r0/000\r", {{3, "/~001c\r"}, {3, "~\177000\r"}, {3, "0/000\r"}}},
     {"a blank line is a text", "\nPG001c\r", {{3, "\n"}, {1, "PG001c\r"}}},
     {"text with its run of line ends", bad + "noise\r\n\n\rPG001c\r", {{3, bad + "noise\r\n\n\r"}, {1, "PG001c\r"}}},
-    {"a refused header: a byte is lost", "XX001c\r\nPG001c\r", {{3, "X001c\r\n"}, {1, "PG001c\r"}}, "", refuse},
+    {"a refused header: a byte is lost", "XX00A0123456789\r\nPG001c\r", {{3, "X00A0123456789\r\n"}, {1, "PG001c\r"}}, "", refuse},
     {"or kept", "XX001c\r\nPG001c\r", {{3, "XX001c\r\n"}, {1, "PG001c\r"}}, "", keep | refuse},
     {"without a line end a byte is lost, the frame inside is found", "PE0001c\r", {{1, "E0001c\r"}}},
     {"the CR of a reply may be any byte", "RE002ok#\n", {{2, "RE002ok#\n\0\0"s}}},
@@ -79,11 +77,12 @@ const struct {
 };
 // clang-format on
 
-TEST(Vorn_parser, cuts_packets_by_its_rules) {
-    const Capture refusals(stderr);
+TEST(Vorn_parser, cuts_packets_by_its_rules_and_reports_a_refusal_with_what_is_buffered) {
+    Capture refusals(stderr);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Fed_stream stream(c.input, Fed_stream::pulled);
+        strcpy(stream.name, "line 1");
         Vorn_parser parser(&stream, false);
         Refuse refuse_xx;
         if (c.options & refuse) parser.set_checker(&refuse_xx);
@@ -92,75 +91,47 @@ TEST(Vorn_parser, cuts_packets_by_its_rules) {
         EXPECT_EQ(take_all(parser, c.buf_size), c.packets);
         EXPECT_EQ(stream.left(), c.left);
     }
+    EXPECT_EQ(refusals.text(), "Unexpected msg XX(15) in line 1[24]\nUnexpected msg XX(6) in line 1[15]\n");
 }
 
-TEST(Vorn_parser, a_refusal_is_reported_with_what_is_buffered) {
-    Fed_stream stream("XX00Ac\r\nXX001c\r\n");
-    snprintf(stream.name, sizeof stream.name, "line 1");
-    stream.feed();
+TEST(Vorn_parser, takes_packets_in_each_form_without_a_heap_and_does_not_look_twice) {
+    Fed_stream stream("\n\nPG001c\rRE002ok\r\nPG003abc\r" + bad + "2345" + "6789", Fed_stream::pushed, 32);
+    Fed_stream other("a\nPG001c\r"), third("PG001c\r"), hesitant("a\r\nbc\n", Fed_stream::hesitant, 1);
+    for (Fed_stream* s : {&stream, &other, &third}) s->feed();
     Vorn_parser parser(&stream, false);
-    Refuse checker;
-    parser.set_checker(&checker);
-    Capture debug(stderr);
-    unsigned char buf[64];
-    EXPECT_EQ(parser.get_packet(buf, sizeof buf), -7);
-    EXPECT_EQ(debug.text(), "Unexpected msg XX(15) in line 1[16]\n");
-    EXPECT_EQ(checker.asked, (Packets{{15, "XX"}}));
-    parser.set_checker(nullptr);
-    EXPECT_EQ(take_all(parser), (Packets{{1, "XX001c\r"}}));
-}
-
-TEST(Vorn_parser, takes_packets_in_each_form_without_a_heap_and_starts_afresh_in_step) {
-    const std::string input = "\n\nPG001c\rRE002ok\r\nPG003abc\r";
-    Fed_stream stream(input + bad + "hunting on"), other("PG001c\r");
-    stream.feed();
-    other.feed();
-    Vorn_parser parser(&stream, false), none(nullptr, true);
     unsigned char buf[64];
     Vorn_message msg(buf, sizeof buf);
-    int len = 7;
-    none.init();
-    EXPECT_TRUE(none.get_packet(msg, len) == 0 && len == 0 && !none.is_newline(0));
+    int len;
+    const auto get = [&] { return parser.get_packet(buf, sizeof buf); };
     const long before = allocations();
-    EXPECT_EQ(parser.get_packet(buf, sizeof buf), -2);
-    EXPECT_EQ(parser.get_packet(buf, sizeof buf), 7);
-    EXPECT_EQ(parser.get_packet(buf, sizeof buf), 0) << "the reply is consumed";
-    for (const int room : {0, -1}) EXPECT_TRUE(parser.get_packet(nullptr, room, len) == 1 && len == 0) << room;
+    EXPECT_TRUE(get() == -2 && get() == 7 && get() == 0) << "the reply is consumed";
+    EXPECT_TRUE(parser.get_packet(nullptr, 0, len) == 1 && len == 0) << "what has no room stays";
     EXPECT_TRUE(parser.get_packet(msg, len) == 1 && len == 9 && msg.size == sizeof buf);
-    EXPECT_TRUE(parser.get_packet(msg, len) == 0 && parser.synced == 0);
+    EXPECT_TRUE(get() == 0 && parser.synced == 0);
     EXPECT_TRUE(before > 0 && allocations() == before);
     EXPECT_EQ(std::string(buf, buf + 9), "PG003abc\r");
-    parser.init(&other);
-    EXPECT_TRUE(parser.synced == 1 && other.left().empty() && !stream.left().empty());
 
-    const std::tuple<int, bool, int> looks[] = {{0, false, 1}, {1, true, 1},  {2, true, 1},  {4, false, 2},
-                                                {3, false, 0}, {6, false, 2}, {7, false, 1}, {-1, false, 0}};
-    Fed_stream hesitant("a\r\nbc\n", Fed_stream::hesitant, 1);
+    stream.buffer.data[stream.buffer.head + 1] = '\n'; // behind its back, where only a second look would find it
+    stream.feed();
+    EXPECT_EQ(get(), 0);
+    parser.stream = &other;
+    EXPECT_EQ(get(), -2) << "what was seen in one stream is nothing to another";
+    parser.synced = 0;
+    parser.init(&third);
+    EXPECT_TRUE(parser.synced == 1 && third.left().empty() && !other.left().empty());
     parser.stream = &hesitant;
-    for (const auto& [i, newline, fetches] : looks) {
+    for (const auto& [i, newline, fetches] :
+         {std::tuple{0, false, 1}, {1, true, 1}, {2, true, 1}, {4, false, 2}, {7, false, 1}}) {
         hesitant.fetches = 0;
         EXPECT_TRUE(parser.is_newline(i) == newline && hesitant.fetches == fetches) << "asks for i bytes at " << i;
     }
 }
 
-TEST(Vorn_parser, a_hunt_does_not_look_twice_and_is_not_misled_by_another_stream) {
-    Fed_stream stream(bad + "2345" + "6789", Fed_stream::pushed, 5), other("a\nbcdefghi\n");
-    Vorn_parser parser(&stream, false);
-    stream.feed();
-    other.feed();
-    EXPECT_EQ(take_all(parser), Packets{});
-    stream.buffer.data[stream.buffer.head + 1] = '\n'; // behind its back, where only a second look would find it
-    stream.feed();
-    EXPECT_EQ(take_all(parser), Packets{});
-    unsigned char buf[64];
-    parser.stream = &other;
-    EXPECT_EQ(parser.get_packet(buf, sizeof buf), -2) << "what was seen in one stream is nothing to another";
-}
-
 TEST(Vorn_parser, takes_every_frame_that_another_thread_brings) {
     constexpr int frames = 3000;
+    const auto frame = [](int i) { return "PG006" + std::to_string(100000 + i) + "\r"; };
     std::string sent;
-    for (int i = 0; i < frames; ++i) sent += "PG006" + std::to_string(100000 + i) + "\r\n";
+    for (int i = 0; i < frames; ++i) sent += frame(i) + "\n";
     Fed_stream stream(sent, Fed_stream::pushed, 37);
     Vorn_parser parser(&stream, false);
     Refuse checker;
@@ -170,25 +141,28 @@ TEST(Vorn_parser, takes_every_frame_that_another_thread_brings) {
     });
     for (int got = 0; got < frames;) {
         for (const auto& [kind, bytes] : take_all(parser)) // the LF of a frame may come later than its CR
-            EXPECT_EQ(bytes, kind == 1 ? "PG006" + std::to_string(100000 + got++) + "\r" : "\n");
+            EXPECT_EQ(bytes, kind == 1 ? frame(got++) : "\n");
     }
     line.join();
 }
 
 TEST(Vorn_checkers, accept_the_lengths_of_the_catalogue_and_right_checksums) {
-    const std::tuple<const char*, int, int> lengths[] = {{"PG", 35, 35}, {"||", 6, 6},   {"EL", 6, 160},
-                                                         {"SS", 7, 160}, {"NP", 5, 300}, {"gp", 0, 0}};
-    Fed_stream empty;
+    const auto accepts = [](Vorn_parser::Checker& checker, const std::string& bytes, int total) {
+        Fed_stream stream(bytes, Fed_stream::pulled);
+        const auto id = static_cast<unsigned short>(bytes[0] | bytes[1] << 8);
+        const bool accepted = checker.check(stream, id, total);
+        EXPECT_EQ(stream.left(), bytes) << "a checker only looks";
+        return accepted;
+    };
     Vorn_length_checker by_length;
-    for (const auto& [wire, shortest, longest] : lengths) {
-        const auto id = static_cast<unsigned short>(wire[0] | wire[1] << 8);
+    for (const auto& [id, shortest, longest] :
+         {std::tuple{"PG", 35, 35}, {"||", 6, 6}, {"EL", 6, 160}, {"SS", 7, 160}, {"NP", 5, 300}, {"gp", 0, 0}}) {
         for (int total = 5; total <= 4100; ++total)
-            ASSERT_EQ(by_length.check(empty, id, total), shortest <= total && total <= longest) << wire << total;
+            ASSERT_EQ(accepts(by_length, id, total), shortest <= total && total <= longest) << id << total;
     }
     const std::string sound = Frame("EL").text("0123456789").str(), wrong = std::string(sound).replace(9, 1, "!");
-    std::string text = "EL00A0123456@";
-    char sum[3];
-    snprintf(sum, sizeof sum, "%02X", Vorn_message(&text[0], 13).compute_8bit_checksum(13));
+    std::string text = "EL00A0123456@", sum = "##";
+    snprintf(sum.data(), 3, "%02X", Vorn_message(&text[0], 13).compute_8bit_checksum(13));
     const std::pair<std::string, bool> frames[] = {{sound, true},
                                                    {sound + wrong, true},
                                                    {wrong, false},
@@ -197,16 +171,8 @@ TEST(Vorn_checkers, accept_the_lengths_of_the_catalogue_and_right_checksums) {
                                                    {"RE005hello", true},
                                                    {wrong.substr(0, wrong.size() - 1), true}}; // incomplete
     Vorn_checksum_checker by_checksum;
-    for (const auto& [bytes, accepted] : frames) {
-        for (const auto manner : {Fed_stream::pushed, Fed_stream::pulled}) {
-            Fed_stream stream(bytes, manner);
-            stream.feed();
-            const auto id = static_cast<unsigned short>(bytes[0] | bytes[1] << 8);
-            const int total = std::stoi(bytes.substr(2, 3), nullptr, 16) + 5;
-            EXPECT_EQ(by_checksum.check(stream, id, total), accepted) << bytes;
-            EXPECT_EQ(stream.left(), bytes) << "a checker only looks";
-        }
-    }
+    for (const auto& [bytes, accepted] : frames)
+        EXPECT_EQ(accepts(by_checksum, bytes, std::stoi(bytes.substr(2, 3), nullptr, 16) + 5), accepted) << bytes;
 }
 
 } // namespace

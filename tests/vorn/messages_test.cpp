@@ -47,9 +47,7 @@ void check(T (B::*get)(uint32_t) const, void (B::*set)(uint32_t, T), unsigned wi
     for (int round = 0; round < 100; ++round) {
         const std::string bytes = random_bytes(random_bits() % 12);
         const Bytes m(bytes);
-        std::vector<uint32_t> offsets{0xFFFFFFF0, 0xFFFFFFFF, 0x80000000, 0u - m.view.size};
-        for (uint32_t o = 0; o < bytes.size() + 9; ++o) offsets.push_back(o);
-        for (const uint32_t o : offsets) {
+        for (uint32_t o = 0xFFFFFFF0; o != bytes.size() + 9; ++o) { // from the highest ones over 0
             const bool inside = uint64_t(o) + width <= bytes.size();
             uint64_t value = 0;
             for (unsigned i = 0; inside && i < width; ++i)
@@ -107,9 +105,9 @@ TEST(Binary_message, reals_are_little_endian_and_six_getters_report_a_field_outs
 
 TEST(Binary_message, strings_and_blocks_are_taken_and_put_whole_or_not_at_all) {
     const Bytes m("abc\0de"s);
-    EXPECT_STREQ(m.view.get_string(0, 3), "abc");
-    for (const auto& [offset, length] : {std::pair{0u, 2u}, {1u, 5u}, {4u, 1u}, {7u, 0u}, {~0u, 2u}})
-        EXPECT_STREQ(m.view.get_string(offset, length), "") << offset << ' ' << length;
+    for (const auto& [offset, length, text] :
+         {std::tuple{0u, 3u, "abc"}, {0u, 2u, ""}, {1u, 5u, ""}, {4u, 1u, ""}, {7u, 0u, ""}, {~0u, 2u, ""}})
+        EXPECT_STREQ(m.view.get_string(offset, length), text) << offset << ' ' << length;
     for (const auto& [offset, text] : {std::pair{1u, "bc"}, {4u, ""}, {6u, ""}, {7u, static_cast<char*>(nullptr)}})
         EXPECT_STREQ(m.view.get_partial_string(offset), text) << offset;
     char copy[4] = "??";
@@ -117,40 +115,37 @@ TEST(Binary_message, strings_and_blocks_are_taken_and_put_whole_or_not_at_all) {
     EXPECT_TRUE(m.view.get_bytes(6, 0u) && !m.view.get_bytes(7, 0u) && !m.view.get_bytes(~0u, 2));
     EXPECT_FALSE(m.view.get_bytes(4, copy, 3) || m.view.get_data(copy, 7) || copy != "bc"s);
 
-    Bytes target("-----------");
+    Bytes target("---------------");
     target.view.set_string(0, "xy", 3);
     target.view.set_string(4, "wxyz", 3);
-    for (const uint32_t offset : {8u, ~0u}) target.view.set_string(offset, "xy", 3);
-    EXPECT_EQ(target.text(), "xy\0\0wxy\0---"s);
-    target.view.set_bytes(0, 0, 3);
-    target.view.set_bytes(4, "\7\x8", 2);
-    target.view.set_bit_msb(7, true, 6); // counted from the least significant
-    target.view.set_bit_msb(7, true, 8);
-    EXPECT_EQ(target.text(), "\0\0\0\0\7\x8y@---"s);
-    EXPECT_TRUE(target.view.get_bit_msb(7, 6) && !target.view.get_bit_msb(7, 5) && !target.view.get_bit_msb(11, 0));
+    for (const uint32_t offset : {12u, ~0u}) target.view.set_string(offset, "xy", 3);
+    target.view.set_bytes(8, 0, 2);
+    target.view.set_bytes(10, "\7\x8", 2);
+    target.view.set_bit_msb(12, true, 6); // counted from the least significant
+    target.view.set_bit_msb(12, true, 8);
+    EXPECT_EQ(target.text(), "xy\0\0wxy\0\0\0\7\x8m--"s);
+    EXPECT_TRUE(target.view.get_bit_msb(12, 6) && !target.view.get_bit_msb(12, 4) && !target.view.get_bit_msb(15, 0));
 }
 
 TEST(Binary_message, bit_fields_are_read_and_written_bit_by_bit_and_leave_their_neighbours) {
-    // Bits are counted from the first byte's top bit or bottom bit.
-    const auto bit_at = [](const std::string& bytes, size_t i, bool msb) {
-        return i / 8 < bytes.size() ? static_cast<unsigned char>(bytes[i / 8]) >> (msb ? 7 - i % 8 : i % 8) & 1u : 0u;
-    };
     for (int round = 0; round < 4000; ++round) {
         Bytes m(random_bytes(8));
-        const std::string before = m.text();
-        const bool msb = round % 2 != 0;
+        std::string wanted = m.text();
+        const bool msb = round % 2 != 0; // bits are counted from the first byte's top bit, else from its bottom bit
         const uint32_t first = random_bits() % 33, n = random_bits() % (33 - first), offset = random_bits() % 8;
-        const uint32_t start = offset * 8 + first, value = random_bits();
-        const auto get = msb ? &B::get_bits_msb : &B::get_bits_lsb;
-        const auto set = msb ? &B::set_bits_msb : &B::set_bits_lsb;
-        uint32_t wanted = 0;
-        for (uint32_t i = 0; i < n; ++i) wanted |= bit_at(before, start + i, msb) << (msb ? n - 1 - i : i);
-        ASSERT_EQ((m.view.*get)(offset, first, n), wanted) << offset << ' ' << first << ' ' << n << ' ' << msb;
+        const uint32_t value = random_bits();
+        uint32_t field = 0;
+        for (uint32_t i = 0; i < n; ++i) {
+            const uint32_t at = offset * 8 + first + i, power = msb ? n - 1 - i : i;
+            if (at >= 64) continue; // outside are zeros
+            const auto bit = static_cast<unsigned char>(msb ? 0x80 >> at % 8 : 1 << at % 8);
+            field |= uint32_t{(wanted[at / 8] & bit) != 0} << power;
+            wanted[at / 8] = static_cast<char>((wanted[at / 8] & ~bit) | (value >> power & 1 ? bit : 0));
+        }
+        ASSERT_EQ((m.view.*(msb ? &B::get_bits_msb : &B::get_bits_lsb))(offset, first, n), field) << first << ' ' << n;
         if (offset > 4) continue; // would write outside
-        (m.view.*set)(offset, first, n, value);
-        ASSERT_EQ((m.view.*get)(offset, first, n), n == 32 ? value : value & ((1u << n) - 1)) << first << ' ' << n;
-        for (uint32_t i = 0; i < 64; ++i)
-            ASSERT_TRUE(i - start < n || bit_at(m.text(), i, msb) == bit_at(before, i, msb)) << "neighbour " << i;
+        (m.view.*(msb ? &B::set_bits_msb : &B::set_bits_lsb))(offset, first, n, value);
+        ASSERT_EQ(m.text(), wanted) << offset << ' ' << first << ' ' << n << ' ' << msb;
     }
     const B::Mask msb(6, 4, true), lsb(6, 4, false);
     EXPECT_TRUE(memcmp(msb.bytes, "\x03\xC0\0", 4) == 0 && msb.shift == 6);
@@ -167,36 +162,30 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
         EXPECT_EQ(Framed(header).view.get_msg_len(), 0u);
         EXPECT_EQ(err.text(), strlen(header) < 5 ? "" : "contains non-hex digit") << header;
     }
-    EXPECT_EQ(Framed("\xC0").view.compute_8bit_checksum(1), 0x03);
     for (size_t n = 0; n < 90; ++n) {
         const std::string f = Frame("PG").text(random_bytes(n)).str();
         ASSERT_EQ(Framed(f).view.compute_8bit_checksum(static_cast<uint32_t>(f.size() - 1)), f.back() & 0xFF) << n;
     }
-    const auto with_digits = [](const std::string& covered, const char* format) {
-        const Framed f(covered);
-        char sum[4];
-        snprintf(sum, sizeof sum, format, unsigned{f.view.compute_8bit_checksum(f.view.size)});
-        return covered + sum;
-    };
-    const std::string good = Frame("PG").text("\x01\x02\x03").str(), digits = with_digits("NP005ab@", "%02X");
+    const std::string good = Frame("PG").text("\x01\x02\x03").str();
     const std::tuple<const char*, std::string, bool> frames[] = {
         {"with LF", good + "\n", true},
         {"without a line end", good, false},
         {"with a wrong sum", good.substr(0, 8) + "?\n", false},
         {"cut by one byte", good.substr(0, 7) + "\n", false},
         {"below five bytes", "PG0\n", false},
-        {"with digits for a sum", digits + "\n", true},
-        {"with lower-case digits for a sum", with_digits("NP006xyz@", "%02x") + "\r", true},
-        {"with a wrong digit for a sum", digits.substr(0, 8) + "G7\n", false},
-        {"with digits, but not at the end", digits + "\r\n", false},
+        {"with digits for a sum", "NP005ab@D3\n", true},
+        {"with lower-case digits for a sum", "NP006xyz@3e\r", true},
+        {"with a wrong digit for a sum", "NP005ab@G7\n", false},
+        {"with digits, but not at the end", "NP005ab@D3\r\n", false},
         // Without a body the last length digit stands where the checksum would be.
         {"without a body", "PG000\n", false},
         {"without a body, the digit happens to be the sum", "aJ000\n", true},
     };
     for (const auto& [what, bytes, right] : frames) {
         const Framed f(bytes);
-        EXPECT_TRUE(f.view.check_checksum() == right && f.view.validate(f.view.get_id()) == right) << what;
-        EXPECT_FALSE(f.view.validate(static_cast<uint16_t>(f.view.get_id() + 1))) << what;
+        EXPECT_TRUE(f.view.check_checksum() == right && f.view.validate(f.view.get_id()) == right &&
+                    !f.view.validate(static_cast<uint16_t>(f.view.get_id() + 1)))
+            << what;
     }
     Framed f("PG004\x01\x02\x03?\n"), cut("PG004abc");
     EXPECT_TRUE(f.view.set_checksum() && f.text() == good + "\n");
@@ -204,19 +193,16 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
 }
 
 TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
-    constexpr uint16_t id_pg = 'P' | 'G' << 8;
+    const std::string rest(4097, '!'), before = "ZZ???" + rest;
     for (const uint32_t body : {0u, 0xABCu, 4095u, 4096u, 65536u, 0xFFFFFFFBu, 0xFFFFFFFFu}) {
         const bool ok = body <= 4095;
-        const std::string rest(4097, '!'), before = "ZZ???" + rest;
-        char capital[16], small[16];
-        snprintf(capital, sizeof capital, "PG%03X", body);
-        snprintf(small, sizeof small, "ZZ%03x", body);
         Framed by_setup(before), by_reduce(before);
         Reply by_length(before);
-        EXPECT_TRUE(by_setup.view.setup(id_pg, body + 5) == ok && by_reduce.view.reduce_size_to(body) == ok) << body;
-        EXPECT_EQ(by_length.view.set_msg_len(body), ok) << body;
-        EXPECT_EQ(by_setup.text(), ok ? capital + rest : before);
-        EXPECT_EQ(by_reduce.text(), ok ? small + rest : before);
+        EXPECT_TRUE(by_setup.view.setup('P' | 'G' << 8, body + 5) == ok && by_reduce.view.reduce_size_to(body) == ok &&
+                    by_length.view.set_msg_len(body) == ok)
+            << body;
+        EXPECT_EQ(by_setup.text(), ok ? text_of("PG%03X", body) + rest : before);
+        EXPECT_EQ(by_reduce.text(), ok ? text_of("ZZ%03x", body) + rest : before);
         EXPECT_EQ(by_length.text(), by_reduce.text());
         EXPECT_TRUE(by_setup.view.size == before.size() && by_reduce.view.size == (ok ? body + 5 : before.size()));
     }
@@ -225,84 +211,79 @@ TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
 }
 
 TEST(Vorn_response, gives_its_text_with_line_end_and_zero_or_stripped_of_the_request) {
-    const Reply good("RE003abc\r\n\0\0"s), error("ER003abc\r\n\0"s), old("RE003abc\r\n..");
-    EXPECT_TRUE(good.view.get_response_status() && !error.view.get_response_status());
-    EXPECT_STREQ(good.view.get_response_string(), "abc\r\n");
-    EXPECT_STREQ(error.view.get_response_string(), "") << "one byte short";
-    EXPECT_STREQ(old.view.get_response_string(), "") << "no zero";
-    EXPECT_TRUE(good.view.check_response_string("abc") && !good.view.check_response_string("abc\r\n!"));
-    const std::pair<std::string, const char*> stripped[] = {
-        {"RE00C%7%on, off \r\n\0\0"s, "on, off"},
-        {"ER010%%{4,wrong command}\r\n", "{4,wrong command}"},
-        {"RE000%a% \tb%c%", "b%c%"},
-        {"RE000%a%x\x7F\x01\r\n", "x"},
-        {"RE000%a%\xE9\xA0", "\xE9\xA0"}, // no white space in this language
-        {"RE000%a% \r\n", nullptr},
-        {"RE000%a\0%old"s, nullptr}, // left from a longer packet
-        {"RE000a", nullptr},
+    const struct {
+        std::string bytes;
+        bool good;
+        const char *text, *stripped;
+    } rows[] = {
+        {"RE003abc\r\n\0\0"s, true, "abc\r\n", nullptr},
+        {"ER003abc\r\n\0"s, false, "", nullptr}, // one byte short
+        {"RE003abc\r\n.."s, true, "", nullptr},  // no zero
+        {"RE00B%7%on, off \r\n\0\0"s, true, "%7%on, off \r\n", "on, off"},
+        {"ER010%%{4,wrong command}\r\n", false, "", "{4,wrong command}"},
+        {"RE000%a% \tb%c%", true, "", "b%c%"},
+        {"RE000%a%x\x7F\x01\r\n", true, "", "x"},
+        {"RE000%a%\xE9\xA0", true, "", "\xE9\xA0"}, // no white space in this language
+        {"RE000%a% \r\n", true, "", nullptr},
+        {"RE000%a\0%old"s, true, "", nullptr}, // left from a longer packet
     };
-    for (const auto& [bytes, expected] : stripped) {
-        Reply r(bytes);
+    for (const auto& row : rows) {
+        Reply r(row.bytes);
+        EXPECT_EQ(r.view.get_response_status(), row.good) << row.bytes;
+        EXPECT_STREQ(r.view.get_response_string(), row.text) << row.bytes;
         int len = -1;
         const char* text = r.view.strip_identifier(len);
-        ASSERT_EQ(text != nullptr, expected != nullptr) << bytes;
-        EXPECT_EQ(std::string(text ? text : "", static_cast<size_t>(len)), expected ? expected : "") << bytes;
+        ASSERT_EQ(text != nullptr, row.stripped != nullptr) << row.bytes;
+        EXPECT_EQ(std::string(text ? text : "", static_cast<size_t>(len)), row.stripped ? row.stripped : "");
         EXPECT_EQ(static_cast<const void*>(r.view.data), text ? text : r.bytes.data());
-        EXPECT_EQ(static_cast<void*>(r.view.data + r.view.size), r.bytes.data() + r.bytes.size()) << bytes;
+        EXPECT_EQ(static_cast<void*>(r.view.data + r.view.size), r.bytes.data() + r.bytes.size()) << row.bytes;
     }
+    const Reply abc(rows[0].bytes);
+    EXPECT_TRUE(abc.view.check_response_string("abc") && !abc.view.check_response_string("abc\r\n!"));
 }
 
 TEST(Ascii_message, fields_lie_between_commas_and_braces) {
-    const struct {
-        std::string text, fields; ///< with their ends between bars
-        int valid;
-        std::string first_bytes; ///< of all fields; '0' for none
-    } rows[] = {
-        {"{a,{{b},,c}\r\n", "a|b||c|", 2, "ab,c"},
-        {"a,", "a||", 2, "a0"}, // an empty field is one that begins with a comma
-        {",a}b", "|a|", 0, ",a"},
-        {"{}", "|", 1, "}"},
-        {"a,b\0,c"s, "a|b|", 2, "ab"}, // a zero ends the text
+    const std::tuple<std::string, std::string, int> rows[] = {
+        // With each field its first byte and its end as a bar.
+        {"{a,{{b},,c}\r\n", "a:a|b:b|,:|c:c|", 2},
+        {"a,", "a:a||", 2}, // an empty field is one that begins with a comma
+        {",a}b", ",:|a:a|", 0},
+        {"{}", "}:|", 1},
+        {"a,b\0,c"s, "a:a|b:b|", 2}, // a zero ends the text
     };
-    for (const auto& r : rows) {
-        const Text m(r.text);
-        std::string fields, first_bytes;
+    for (const auto& [text, fields, valid] : rows) {
+        const Text m(text);
+        std::string found;
         for (int len, k = 0; const char *field = m.view.get_string(k, len); ++k) {
-            fields += std::string(field, static_cast<size_t>(len)) + "|";
-            first_bytes += m.view.get_char(k) ? m.view.get_char(k) : '0';
-            EXPECT_TRUE(m.view.field_exists(k) && m.view.is_field_valid(k) == (m.view.get_char(k) != ',')) << r.text;
+            const char first = m.view.get_char(k);
+            found += (first ? first + ":"s : "") + std::string(field, static_cast<size_t>(len)) + "|";
+            EXPECT_TRUE(m.view.field_exists(k) && m.view.is_field_valid(k) == (first != ',')) << text;
         }
-        EXPECT_TRUE(fields == r.fields && first_bytes == r.first_bytes) << fields << first_bytes;
-        EXPECT_EQ(m.view.get_num_valid_fields(), r.valid) << r.text;
+        EXPECT_TRUE(found == fields && m.view.get_num_valid_fields() == valid) << found;
         for (const int k : {-1, 4})
             EXPECT_FALSE(m.view.field_exists(k) || m.view.is_field_valid(k) || m.view.get_char(k));
     }
 }
 
 TEST(Ascii_message, numbers_and_durations_are_read_from_their_field_alone) {
-    static const struct {
-        const char* field;
-        double real;
-        uint32_t natural;
-        int32_t integer, seconds;
-    } rows[] = {
+    const std::tuple<std::string, double, uint32_t, int32_t, int32_t> rows[] = {
         {" \t-7.5e1x", -75, 4294967289u, -7, 0},
         {"4294967295", 4294967295.0, 4294967295u, 2147483647, 0},
         {"x1", 0, 0, 0, 0},
-        {"000000000000000000000000000000000000000000000000000000000000000123", 0, 0, 0, 0}, // 63 characters count
+        {std::string(63, '0') + "123", 0, 0, 0, 0}, // so many characters count
         {"1d2h3m4s", 1, 1, 1, 93784},
         {" 1h -1s!2d", 1, 1, 1, 3599},
         {"2h3m", 2, 2, 2, 0},
         {"2hs", 2, 2, 2, 0},
     };
-    for (const auto& r : rows) {
-        // The neighbours are digits, and the last field ends at the end of the block.
-        for (const int k : {1, 3}) {
-            const Text m("9,"s + r.field + ",9,{" + r.field);
-            EXPECT_TRUE(m.view.get_double(k) == r.real && m.view.get_uint32(k) == r.natural) << r.field;
-            EXPECT_TRUE(m.view.get_int32(k) == r.integer && m.view.get_timeval(k) == r.seconds) << r.field;
-            EXPECT_TRUE(m.view.get_double(4) == 0 && m.view.get_uint32(4) == 0 && m.view.get_int32(-1) == 0);
-        }
+    for (const auto& [field, real, natural, integer, seconds] : rows) {
+        const Text m("9," + field + ",9,{" +
+                     field); // the neighbours are digits, and the last field ends with the block
+        for (const int k : {1, 3})
+            EXPECT_TRUE(m.view.get_double(k) == real && m.view.get_uint32(k) == natural &&
+                        m.view.get_int32(k) == integer && m.view.get_timeval(k) == seconds)
+                << field;
+        EXPECT_TRUE(m.view.get_double(4) == 0 && m.view.get_uint32(4) == 0 && m.view.get_int32(-1) == 0);
     }
     EXPECT_EQ(Ascii_message::parse_timeval("2h3m4s", 5), 0);
 }
@@ -315,30 +296,26 @@ TEST(Ascii_message, searches_copies_and_shifts_end_with_the_view) {
     EXPECT_TRUE(Text("").view.isnull() && Text("\0A"s).view.isnull() && !m.view.isnull());
 
     // Copied with or without a header into room for four.
-    const std::tuple<std::string, bool, std::string> messages[] = {{"NP004,abc", false, "NP00"},
-                                                                   {"NP004,abc", true, "abc\0"s},
-                                                                   {"NP", true, "\0\0\0\0"s},
-                                                                   {"a\0b"s, false, "a\0\0\0"s}};
-    for (const auto& [bytes, skip, copied] : messages) {
+    const auto copied = [](const std::string& bytes, bool skip) {
         Text target("wxyz");
         target.view.set(Bytes(bytes).view, skip);
-        EXPECT_EQ(target.text(), copied);
-    }
+        return target.text();
+    };
+    EXPECT_TRUE(copied("NP004,abc", false) == "NP00" && copied("a\0b"s, false) == "a\0\0\0"s);
+    EXPECT_TRUE(copied("NP004,abc", true) == "abc\0"s && copied("NP", true) == "\0\0\0\0"s);
     for (const auto& [text, after] :
          {std::pair{"a,b,cd"s, "b,cdcd"s}, {"a,{b}", "b}{b}"}, {"ab,", "ab,"}, {"ab", "ab"}}) {
         Text shifted(text);
-        EXPECT_EQ(shifted.view.shift_fields(1), text != "ab");
-        EXPECT_EQ(shifted.text(), after);
+        EXPECT_TRUE(shifted.view.shift_fields(1) == (text != "ab") && shifted.text() == after) << shifted.text();
     }
     // Set up in a buffer of a size that may be passed by the zero.
-    const std::tuple<uint32_t, uint32_t, std::string> rooms[] = {
-        {6, 4, "abcd\0---"s}, {5, 5, "abcd\0\0--"s}, {4, 4, "abcd\0---"s}, {0, 0, "\0-------"s}};
-    for (const auto& [room, length, after] : rooms) {
+    for (const auto& [room, after] :
+         {std::pair{6u, "abcd\0---"s}, {5u, "abcd\0\0--"s}, {4u, "abcd\0---"s}, {0u, "\0-------"s}}) {
         const Text source("abcd");
         Ascii_message text = source.view;
         std::string dst(8, '-');
         text.setup(dst.data(), room);
-        EXPECT_TRUE(dst == after && text.text == dst.data() && text.size == length) << room;
+        EXPECT_TRUE(dst == after && text.text == dst.data() && text.size == (room == 6 ? 4 : room)) << room;
     }
 }
 
@@ -348,25 +325,21 @@ TEST(Vorn_error_decoder, numbers_and_texts_lead_to_each_other_from_the_first_use
     std::thread threads[4];
     for (std::thread& t : threads) t = std::thread([] { EXPECT_EQ(Decoder::get("data transfer delay"), 41); });
     for (std::thread& t : threads) t.join();
-    EXPECT_TRUE(Decoder::init_done);
     Decoder::init();
-    EXPECT_TRUE(Decoder::lookup.count == 41 && !Decoder::lookup.insert({"a", 42}));
+    EXPECT_TRUE(Decoder::init_done && Decoder::lookup.count == 41 && !Decoder::lookup.insert({"a", 42}));
     EXPECT_TRUE(!errcode2str(0) && !errcode2str(42) && !errcode2str(-1));
-    EXPECT_STREQ(errcode2str(16), ",wrong receiver id");
-    EXPECT_STREQ(errcode2str(40), ",device busy,invalid file length");
+    EXPECT_EQ(errcode2str(16) + ""s + errcode2str(40), ",wrong receiver id,device busy,invalid file length");
     for (int code = 1; code <= 41; ++code) {
-        ASSERT_EQ(errcode2str(code)[0], ',') << code;
-        EXPECT_TRUE(Decoder::get(errcode2str(code) + 1) == code && Decoder::get(errcode2str(code)) == -1) << code;
+        const char* const text = errcode2str(code);
+        EXPECT_TRUE(*text == ',' && Decoder::get(text + 1) == code && Decoder::get(text) == -1) << code;
     }
     for (const char* text : {"", "wrong", "wrong command ", "device busy"}) EXPECT_EQ(Decoder::get(text), -1) << text;
-    EXPECT_TRUE(Decoder::get(nullptr) == -1 && Decoder::extract(nullptr) == -1);
 
     const std::pair<std::string, int> replies[] = {
         {"ER011{4,file not found}", 37},
         {"{4,file not found}\r\n", 37}, // a brace ends the text, also before a line end
         {"4,file not found\r\n", -1},
         {"{file not found,ok}", -1},
-        {"wrong command,", -1},
         {"a," + std::string(64, 'x'), -1},
         {"file not found}" + std::string(100, 'x'), 37},
         {std::string(70, 'x') + ",dup loop", 24},

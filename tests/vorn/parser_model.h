@@ -33,7 +33,6 @@ public:
     using Data_stream::get_data;
     unsigned _write(const unsigned char*, unsigned) override { return 0; }
 
-    void append(const std::string& bytes) { _source += bytes; }
     /// What a reader thread does; nothing on a stream that reads on demand.
     void feed() {
         const std::lock_guard<Mutex> held(_mutex);
