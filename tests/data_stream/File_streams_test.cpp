@@ -59,14 +59,14 @@ TEST_F(Files, are_appended_to_and_read_by_path_or_descriptor) {
     EXPECT_TRUE(s.close_read() && s.open_read(::open(path.c_str(), O_RDONLY)) && drain(s) == "hello world");
     EXPECT_TRUE(File_data_stream::exists((path + "/below").c_str())) << "not a folder: it cannot be told";
 
-    void (*const calls[])(File_data_stream&,
-                          const char*) = {[](File_data_stream& f, const char* p) { f.open_read(p); },
-                                          [](File_data_stream& f, const char*) { f.open_read(999); },
-                                          [](File_data_stream& f, const char* p) { f.open_write(p); }};
-    for (int i = 0; i < 3; ++i) {
-        const Child_result child = run_child([&] { calls[i](s, missing.c_str()); });
-        EXPECT_EQ(child.status, i < 2 ? 123 : 122) << i;
-        EXPECT_EQ(child.err, i == 1 ? "Error opening fd [999]\n" : "Error opening file [" + missing + "]\n");
+    const std::string failure = "Error opening file [" + missing + "]\n";
+    const std::tuple<std::function<bool()>, int, std::string> ends[] = {
+        {[&] { return s.open_read(missing.c_str()); }, 123, failure},
+        {[&] { return s.open_read(999); }, 123, "Error opening fd [999]\n"},
+        {[&] { return s.open_write(missing.c_str()); }, 122, failure}};
+    for (const auto& [open, status, complaint] : ends) {
+        const Child_result child = run_child(open);
+        EXPECT_TRUE(child.status == status && child.err == complaint) << child.err;
     }
 }
 
@@ -83,18 +83,20 @@ TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
     EXPECT_FALSE(save_and_load("1\0"s + "345") || save_and_load("123\0"s)) << "no zero among the last four bytes";
 
     save_and_load("hello");
-    const std::string good = read_file(path), cut = "Empty or truncated checksummed file [",
-                      no_sum = "Failure while reading CRC32 in checksummed file [",
-                      wrong_sum = "Error CRC32 mismatch on checksummed file [";
+    const std::string good = read_file(path), where = " checksummed file [" + path + "]\n",
+                      cut = "Empty or truncated" + where, no_sum = "Failure while reading CRC32 in" + where,
+                      wrong_sum = "Error CRC32 mismatch on" + where;
     EXPECT_EQ(good, "hello\n\nCRC32=BD1E346E");
-    const std::pair<std::string, std::string> damaged[] = {
-        {good.substr(0, 15), wrong_sum},   {good.substr(0, 14), cut},   {good.substr(0, 13) + "zz", no_sum},
-        {"S" + good.substr(1), wrong_sum}, {good + "12345", wrong_sum}, {"hello\n\nCRC32=1BD1E346E", wrong_sum},
-        {good + "123456", no_sum},         {good + "\nx", ""}};
-    for (const auto& [bytes, complaint] : damaged) {
+    for (const auto& [bytes, yielded] : {std::pair{good.substr(0, 15), wrong_sum},
+                                         {good.substr(0, 14), cut},
+                                         {good.substr(0, 13) + "zz", no_sum},
+                                         {"S" + good.substr(1), wrong_sum},
+                                         {good + "12345", wrong_sum},
+                                         {"hello\n\nCRC32=1BD1E346E", wrong_sum},
+                                         {good + "123456", no_sum},
+                                         {good + "\nx", "hello"}}) {
         write_file(path, bytes);
-        EXPECT_EQ(load(), complaint.empty()) << bytes;
-        EXPECT_EQ(text, complaint.empty() ? "hello" : complaint + path + "]\n") << bytes;
+        EXPECT_TRUE(load() == (yielded == "hello") && text == yielded) << bytes << text;
     }
     write_file(path, "\nCRC32=5CA1AB1E");
     File_checksummed_data_stream s;
@@ -127,13 +129,12 @@ void save(const char* name, size_t n) {
     EXPECT_TRUE(s.open_write(name, 1) == F::done && fill(s, n) == n && s.close_write() == F::done) << name;
 }
 
-/// Length of a file; -1 when it cannot be read.
-int length(const char* name) {
+unsigned length(const char* name) {
     F s;
-    if (s.open_read(name, 1) != F::done) return -1;
+    EXPECT_EQ(s.open_read(name, 1), F::done);
     while (s.bytes_avail(1u)) s.drop_all();
     EXPECT_TRUE(s.close_read() == 0 && s.close_read() == F::wrong_state);
-    return static_cast<int>(s.bytes_read);
+    return static_cast<unsigned>(s.bytes_read);
 }
 
 class Flash_stream : public testing::Test {
@@ -215,7 +216,7 @@ TEST_F(Flash_stream, counts_what_is_free_and_tells_of_a_full_store_and_a_failed_
     EXPECT_TRUE(s.open_write("b", 1) == F::wrong_state && events() == "1");
     EXPECT_EQ(err.text(), "PCF Datastream Failed 202\nPCF full\nPCF did not write 4!=2\nPCF failed to close\n"
                           "PCF Datastream Failed 216 (b 100 100)\n");
-    EXPECT_EQ(length("a"), 90);
+    EXPECT_EQ(length("a"), 90u);
     std::string names;
     for (F::Iterator i; const char* name = i.get_name(); i.next()) { // removing a file moves no other
         names += name;
@@ -236,18 +237,22 @@ TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
 
 TEST_F(Flash_stream, ends_the_process_where_it_cannot_go_on) {
     save("a", 89);
-    // What is open when the stream is destroyed; a write of 20 bytes into 11 that are free was counted wrongly.
-    for (const char* open : {"rw", "w", "w20"}) {
+    const struct {
+        bool reads;
+        unsigned written; ///< [bytes] into 11 that are free: more than these were counted wrongly
+        int status, signal;
+        const char* text;
+    } rows[] = {{true, 0, 101, 0, "Destruct while files are read open!!"},
+                {false, 0, 101, 0, "Destruct while files are write open!!"},
+                {false, 20, -1, SIGABRT, "PCF full\n"}};
+    for (const auto& row : rows) {
         const Child_result child = run_child([&] {
             F s;
-            if (*open == 'r') s.open_read("a", 1);
+            if (row.reads) s.open_read("a", 1);
             s.open_write("new", 1);
-            if (open[1] == '2') fill(s, 20);
+            fill(s, row.written);
         });
-        EXPECT_TRUE(open[1] == '2' ? child.signal == SIGABRT : child.status == 101) << open;
-        EXPECT_EQ(child.err, *open == 'r'     ? "Destruct while files are read open!!"
-                             : open[1] == '2' ? "PCF full\n"
-                                              : "Destruct while files are write open!!");
+        EXPECT_TRUE(child.status == row.status && child.signal == row.signal && child.err == row.text) << child.err;
     }
 }
 
