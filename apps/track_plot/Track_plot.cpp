@@ -64,7 +64,8 @@ private:
 };
 
 void Track_plot::add(double lat, double lon, int fix) {
-    if (!std::isfinite(lat) || !std::isfinite(lon)) return;
+    // What is on no globe would stretch the picture beyond what a number can hold; so does one that is not finite.
+    if (!(std::abs(lat) <= pi / 2 && std::abs(lon) <= 2 * pi)) return;
     ++_fixes[fix];
     if (++_skipped < _every && !_track.empty() && _track.back().fix == fix) return;
     _skipped = 0;

@@ -11,8 +11,8 @@
 /// Not locked.
 class Track_plot {
 public:
-    /// The machine is at this latitude and longitude [rad]; `fix` is the receiver's number for the kind of solution. Of
-    /// a long track every second position is forgotten, as often as need be.
+    /// The machine is at this latitude and longitude [rad]; `fix` is the receiver's number for the kind of solution.
+    /// Positions that lie on no globe are ignored; of a long track every second one is forgotten, as often as need be.
     void add(double lat, double lon, int fix);
     /// Something happened at the last position; before the first one it is ignored. `what` is static text without
     /// markup; each text has a colour of its own.

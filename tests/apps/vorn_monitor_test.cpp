@@ -42,14 +42,14 @@ TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording_and_counts_them)
               "TEXT,.noise.[2J\nTEXT,TF0B..\nZZ,unknown 01 ab\nEL,45,-5\n");
 }
 
-TEST(vorn_monitor, draws_the_positions_that_it_met) {
+TEST(vorn_monitor, draws_the_positions_that_it_met_save_absurd_ones) {
     const Temporary_folder folder;
     const std::string plot = folder.file("track.svg");
     const Child_result none = run_program(VORN_MONITOR, {"-", "--plot", plot}, "PG01E half");
     EXPECT_EQ(none.err, "vorn_monitor: cannot draw " + plot + ": no position was met\n");
     std::string input;
-    for (const double lat : {0.9, 0.900001, 0.900002})
-        input += Frame("PG").f8(lat).f8(0.1).f8(100).f4(1).u1(lat > 0.900001 ? 5 : 4).str() + "\n";
+    for (const auto& [lat, lon] : {std::pair{0.9, 0.1}, {1e300, 0.1}, {0.9, -1e300}, {0.900001, 0.1}, {0.900002, 0.1}})
+        input += Frame("PG").f8(lat).f8(lon).f8(100).f4(1).u1(lat > 0.900001 ? 5 : 4).str() + "\n";
     EXPECT_EQ(run_program(VORN_MONITOR, {"-", "--plot", plot}, input).status, 0);
     const std::string drawn = read_file(plot);
     for (const char* part : {"points=\"40.0,600.0 40.0,320.0 40.0,40.0", "fix 4: 2 positions", "fix 5: 1 positions"})
@@ -57,6 +57,7 @@ TEST(vorn_monitor, draws_the_positions_that_it_met) {
 }
 
 TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
+    const Pty no_transceiver;
     const std::tuple<Arguments, int, std::string> rows[] = {
         {{}, 2, "give one device with -c, or one file (try --help)"},
         {{"--frob"}, 2, "unrecognized option '--frob'"},
@@ -64,6 +65,7 @@ TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
         {{"-c", "/dev/null:299"}, 2, "wrong speed 299 (300 to 460800)"},
         {{"-c", "/dev/null:9600:rs422"}, 2, "wrong mode rs422 (rs232 or rs485)"},
         {{"-c", "/dev/null"}, 1, "cannot open /dev/null: it is no serial line"},
+        {{"-c", no_transceiver.path + "::rs485"}, 1, "cannot set up " + no_transceiver.path + "::rs485"},
         {{"/none"}, 1, "cannot open /none: No such file or directory"},
         {{"/"}, 1, "cannot read /: it is a directory"},
     };
@@ -97,7 +99,6 @@ struct Receiver {
         if (symlink(pty.path.c_str(), (link + "~").c_str()) != 0 || rename((link + "~").c_str(), link.c_str()) != 0)
             abort();
     }
-    void send(unsigned ms) { pty.send(Frame("GT").u4(ms).u2(2300).str() + "\r\n"); }
     Pty pty;
 };
 
@@ -109,24 +110,23 @@ struct Live_monitor {
         pid = fork();
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            dup2(ends[1], STDOUT_FILENO);
-            dup2(ends[1], STDERR_FILENO);
+            for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) dup2(ends[1], stream);
             execl(VORN_MONITOR, "vorn_monitor", "-c", device.c_str(), "--stats", nullptr);
         }
         close(ends[1]);
         output = ends[0];
     }
-    /// Read on until `text` was said; false after 20 s. `again` is done in between.
-    bool says(
-        const std::string& text, const std::function<void()>& again = [] {}) {
-        for (int i = 0; i < 400 && said.find(text) == std::string::npos; ++i) {
-            again();
+    /// Read on until `text` was said, 20 s at most; meanwhile `r`, if any, sends the time 1 again and again.
+    bool says(const std::string& text, const Receiver* r = nullptr) {
+        const size_t from = said.size();
+        for (int i = 0; i < 400 && said.find(text, from) == std::string::npos; ++i) {
+            if (r) r->pty.send(Frame("GT").u4(1).u2(2300).str() + "\r\n");
             pollfd p = {output, POLLIN, 0};
             char piece[4096];
             const ssize_t n = poll(&p, 1, 50) > 0 ? read(output, piece, sizeof piece) : 0;
             said.append(piece, static_cast<size_t>(std::max<ssize_t>(n, 0)));
         }
-        return said.find(text) != std::string::npos;
+        return said.find(text, from) != std::string::npos;
     }
     bool ends_well() const {
         int status = -1;
@@ -139,26 +139,22 @@ struct Live_monitor {
 
 TEST(vorn_monitor, waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_nobody_reads_its_output) {
     const Temporary_folder folder;
-    const std::string link = folder.file("line");
+    const std::string link = folder.file("line"), packet = "GT ms=1 week=2300\n";
     auto receiver = std::make_unique<Receiver>(link);
     Live_monitor monitor(link + ":115200");
-    ASSERT_TRUE(monitor.says("GT ms=1 week=2300\n", [&] { receiver->send(1); })) << monitor.said;
+    ASSERT_TRUE(monitor.says(packet, receiver.get())) << monitor.said;
     receiver.reset();
     ASSERT_TRUE(monitor.says("vorn_monitor: " + link + " hung up, waiting for it\n")) << monitor.said;
     receiver = std::make_unique<Receiver>(link);
     ASSERT_TRUE(monitor.says("vorn_monitor: " + link + " is back\n")) << monitor.said;
-    ASSERT_TRUE(monitor.says("GT ms=2 week=2300\n", [&] { receiver->send(2); })) << monitor.said;
+    ASSERT_TRUE(monitor.says(packet, receiver.get())) << monitor.said;
     kill(monitor.pid, SIGINT);
     EXPECT_TRUE(monitor.says("bytes left over") && monitor.ends_well()) << monitor.said;
 
-    const Child_result no_transceiver = run_program(VORN_MONITOR, {"-c", link + "::rs485"});
-    EXPECT_EQ(no_transceiver.status, 1);
-    EXPECT_EQ(no_transceiver.err, "vorn_monitor: cannot set up " + link + "::rs485\n");
-
     Live_monitor unread(link);
-    ASSERT_TRUE(unread.says("GT ms=3", [&] { receiver->send(3); }));
+    ASSERT_TRUE(unread.says(packet, receiver.get()));
     close(unread.output);
-    receiver->send(4);
+    receiver->pty.send(Frame("GT").u4(1).u2(2300).str() + "\r\n");
     EXPECT_TRUE(unread.ends_well());
 }
 
