@@ -114,7 +114,8 @@ int main() {
     const int line = posix_openpt(O_RDWR | O_NOCTTY);
     if (line < 0 || grantpt(line) != 0 || unlockpt(line) != 0) return 1;
     serial.init(Diner_info_list::get());
-    if (!serial.open(ptsname(line))) return 1;
+    if (!serial.open(ptsname(line)) || write(line, "x", 1) != 1) return 1;
+    while (serial.bytes_avail() == 0) usleep(1000); // the reader has got by then what it needs
     row("threaded serial stream, its reader running", sizeof serial, heap() - before);
 
     row("serial stream without a thread", sizeof(Posix_serial_data_stream));
