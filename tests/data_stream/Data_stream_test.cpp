@@ -52,14 +52,6 @@ public:
     unsigned failure = 0;    ///< added to the result of a write
 };
 
-/// The four operations that fetch, each asking for the first `n` bytes.
-bool (*const operations[])(Data_stream&, unsigned n) = {
-    [](Data_stream& s, unsigned n) { return s.bytes_avail(n); },
-    [](Data_stream& s, unsigned n) { return s.get_data(std::vector<unsigned char>(5000).data(), n); },
-    [](Data_stream& s, unsigned n) { return s[n - 1] == static_cast<unsigned char>(n - 1); },
-    [](Data_stream& s, unsigned n) { return s.drop(n); },
-};
-
 TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
     const struct {
         unsigned buffered, source, asked;
@@ -74,18 +66,21 @@ TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
         {10, 6000, 4201, 0, false, false},
         {10, 6000, 0xFFFFFFFFu, 0, false, false},
     };
-    for (size_t i = 0; i < std::size(operations); ++i) {
+    for (const std::string operation : {"bytes_avail", "get_data", "[]", "drop"}) {
         for (const auto& c : cases) {
-            SCOPED_TRACE(testing::Message() << "operation " << i << " of " << c.asked);
+            SCOPED_TRACE(testing::Message() << operation << " of " << c.asked);
             Mutex lock;
             Script_stream s(c.source);
             s.stream_lock = &lock;
             ASSERT_TRUE(s.bytes_avail(c.buffered));
             s.fetched = 0;
             s.lies = c.lies;
-            EXPECT_EQ(operations[i](s, c.asked), c.done);
-            EXPECT_EQ(s.fetched, c.fetched);
-            EXPECT_EQ(s.bytes_avail(), static_cast<int>(s.taken - (c.done && i == 3 ? c.asked : 0)));
+            const bool done = operation == "bytes_avail" ? s.bytes_avail(c.asked)
+                              : operation == "get_data"  ? s.get_data(std::vector<unsigned char>(5000).data(), c.asked)
+                              : operation == "[]"        ? s[c.asked - 1] == static_cast<unsigned char>(c.asked - 1)
+                                                         : s.drop(c.asked);
+            EXPECT_TRUE(done == c.done && s.fetched == c.fetched) << s.fetched;
+            EXPECT_EQ(s.bytes_avail(), static_cast<int>(s.taken - (done && operation == "drop" ? c.asked : 0)));
             EXPECT_TRUE(s[0xFFFFFFFFu] == 0 && !lock.is_locked());
         }
     }
@@ -145,21 +140,15 @@ protected:
 };
 
 TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_room) {
-    const struct {
-        int timeout_ms;
-        bool told; ///< a failed wait tells nobody, a deadline that has passed does
-    } timeouts[] = {{50, false}, {9, false}, {0, true}, {-100, true}};
-    for (const auto& t : timeouts) {
-        SCOPED_TRACE(t.timeout_ms);
+    // A failed wait tells nobody, a deadline that has passed does.
+    for (const auto& [timeout_ms, told] : {std::pair{50, false}, {9, false}, {0, true}, {-100, true}}) {
+        SCOPED_TRACE(timeout_ms);
         const Manual_clock stands_still;
-        a.set_write_timeout(t.timeout_ms);
-        b.set_read_timeout(t.timeout_ms);
-        EXPECT_EQ(put(a, row(200)), 128u);
-        EXPECT_EQ(events(rx, b), t.told ? "1" : "");
+        a.set_write_timeout(timeout_ms);
+        b.set_read_timeout(timeout_ms);
+        EXPECT_TRUE(put(a, row(200)) == 128 && events(rx, b) == (told ? "1" : ""));
         EXPECT_TRUE(put(a, "x") == 0 && events(rx, b) == "");
-        EXPECT_FALSE(b.drop(130));
-        EXPECT_EQ(events(tx, a), t.told ? "3" : "");
-        EXPECT_EQ(take(b, 128), row(128));
+        EXPECT_TRUE(!b.drop(130) && events(tx, a) == (told ? "3" : "") && take(b, 128) == row(128));
     }
     a.set_default_write_timeout();
     put(a, "0123456789");
@@ -174,20 +163,21 @@ TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_ro
 }
 
 TEST_F(Pair, a_waiter_is_told_of_what_it_asked_for) {
-    const struct {
-        bool only_at_the_limit; ///< only when full, only when empty
-        unsigned written, read;
-        const char *rx, *tx;
-    } cases[] = {{false, 127, 126, "0", "2"}, {false, 1, 2, "0", "3"},  {false, 128, 1, "1", "2"},
-                 {false, 0, 127, "", "3"},    {true, 127, 126, "", ""}, {true, 126, 127, "", "3"}};
     EXPECT_NE(a.module_id(), b.module_id());
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.written << " written, " << c.read << " read");
-        b.reg_rx_waiter(&rx, c.only_at_the_limit);
-        a.reg_tx_waiter(&tx, c.only_at_the_limit);
-        EXPECT_TRUE(put(a, row(c.written)) == c.written && events(rx, b) == c.rx);
-        take(b, c.read);
-        EXPECT_EQ(events(tx, a), c.tx);
+    // At the limit only: when full, when empty.
+    for (const auto& [only_at_the_limit, written, read, told_rx, told_tx] : {
+             std::tuple{false, 127u, 126u, "0", "2"},
+             {false, 1u, 2u, "0", "3"},
+             {false, 128u, 1u, "1", "2"},
+             {false, 0u, 127u, "", "3"},
+             {true, 127u, 126u, "", ""},
+             {true, 126u, 127u, "", "3"},
+         }) {
+        b.reg_rx_waiter(&rx, only_at_the_limit);
+        a.reg_tx_waiter(&tx, only_at_the_limit);
+        EXPECT_TRUE(put(a, row(written)) == written && events(rx, b) == told_rx) << written;
+        take(b, read);
+        EXPECT_EQ(events(tx, a), told_tx) << read;
     }
     b.reg_rx_waiter(&rx, false);
     for (int i = 0; i < 2; ++i) put(a, "x");

@@ -50,7 +50,6 @@ TEST(Posix_stream, opens_with_flags_and_mode_and_closes_each_descriptor_once) {
     EXPECT_EQ(stream_name("DSPosix", s, ", " + file + ", rw"), s.name);
     EXPECT_TRUE(s.open(path, false, false, true) && s.write_flags() == (O_RDWR | O_NONBLOCK | O_APPEND));
     EXPECT_TRUE(s.open_write(path, true, false, true) && s.write_flags() == (O_WRONLY | O_NONBLOCK | O_APPEND));
-    EXPECT_EQ(stream_name("DSPosix", s, ", " + file + ", w"), s.name);
     EXPECT_TRUE(s.open_write(path, false, true, false) && s.write_flags() == O_WRONLY);
     EXPECT_TRUE(s.open_read(path, false) && s.read_flags() == O_NONBLOCK);
     EXPECT_EQ(begin + error + error + error + opened + opened, err.text());
@@ -140,18 +139,16 @@ std::string take(Data_stream& s, int n) {
     return ::take(s);
 }
 
-/// What the system tells in `file` of the thread that was started last.
-std::string newest_thread(const char* file) {
+/// What the system tells in `file` of the thread that was started last, behind `key`.
+std::string newest_thread(const char* file, const std::string& key = "") {
     const std::vector<int> threads = numbers_in("/proc/self/task");
-    return read_file("/proc/self/task/" + std::to_string(*std::max_element(threads.begin(), threads.end())) + "/" +
-                     file);
+    const int newest = *std::max_element(threads.begin(), threads.end());
+    const std::string text = read_file("/proc/self/task/" + std::to_string(newest) + "/" + file);
+    return text.substr(text.find(key) + key.size());
 }
 
 /// How often it went to sleep of itself: a thread that looks again and again without a pause never does.
-long pauses() {
-    const std::string status = newest_thread("status"), key = "\nvoluntary_ctxt_switches:";
-    return std::stol(status.substr(status.find(key) + key.size()));
-}
+long pauses() { return std::stol(newest_thread("status", "\nvoluntary_ctxt_switches:")); }
 
 TEST(Threaded_streams, have_readers_named_by_instance_in_four_characters) {
     const size_t running = num_threads();
@@ -231,7 +228,6 @@ TEST_F(Threaded_stream, takes_files_for_what_they_are) {
     EXPECT_TRUE(wait_until([before = pauses()] { return pauses() >= before + 2; })) << "looks for more all the time";
     EXPECT_TRUE(plain.hang_ups() == 0 && plain.init_commander(c) && !c.send_break(1));
     EXPECT_TRUE(plain.close() && !plain.close() && !plain.init_commander(c));
-    EXPECT_EQ(stream_name("DSPosT", plain, ""), plain.name);
 }
 
 TEST_F(Threaded_stream, waits_for_room_to_write_until_it_is_closed) {
