@@ -7,7 +7,6 @@
 #include "util/atime.h"
 #include <mutex>
 #include <string>
-#include <vector>
 
 /// A data block with a bit of everything and the items that describe it.
 struct Engine {
@@ -26,16 +25,16 @@ struct Block {
 };
 
 struct Told : CDS::Update_listener {
-    explicit Told(const char* who, std::vector<std::string>& log) : name(who), calls(log) {}
-    void updated(int why) override { calls.push_back(name + std::to_string(why)); }
-    std::string name;
-    std::vector<std::string>& calls;
+    Told(const char* who, std::string& log) : name(who), calls(log) {}
+    void updated(int why) override { calls += name + std::to_string(why) + " "; }
+    const std::string name;
+    std::string& calls;
 };
 
 struct Block_items {
     Block_items(CDS::Head& h, Block& b) : head(h), block(b) { root.finish(); }
 
-    std::vector<std::string> told;
+    std::string told;
     Told engine_told{"engine", told}, speed_told{"speed", told}, label_told{"label", told}, on_told{"on", told};
     CDS::Head& head;
     Block& block;
@@ -54,11 +53,11 @@ struct Block_items {
 class Inbox {
 public:
     explicit Inbox(module_man& mm) { waiter.init(&mm); }
-    /// The data words of what has arrived, in order.
-    std::vector<long> targets() {
-        std::vector<long> all;
+    /// The data words of what has arrived, one behind the other.
+    std::string targets() {
+        std::string all;
         waiter_event e;
-        while (waiter.get_event(&e, Atime(false)) == 0) all.push_back(static_cast<long>(e.data));
+        while (waiter.get_event(&e, Atime(false)) == 0) all += std::to_string(static_cast<long>(e.data));
         return all;
     }
     waiter_descriptor waiter;

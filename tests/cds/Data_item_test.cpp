@@ -3,17 +3,16 @@
 #include "glue/cds/Data_item.h"
 #include "glue/cds/Data_item_text.h"
 #include "support/child.h"
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <vector>
+#include <string>
 
 namespace {
 
-class Item : public Data_item {
-public:
-    Item() = default;
-    explicit Item(unsigned short fixed) : Data_item(fixed) {}
+struct Item : Data_item {
+    using Data_item::Data_item;
     const char* get_name() const override { return "item"; }
     Data_item* find_data_item(const char*) override { return nullptr; }
     Data_item* find_data_item(unsigned short) override { return nullptr; }
@@ -36,21 +35,17 @@ TEST(Data_item, Identifiers_are_exhausted_once_and_a_structure_description_is_a_
 }
 
 template <class T>
-std::string text_of(T value) {
+std::string written(T value) {
     char text[32];
     EXPECT_LT(Data_item_stringify<T>(&value).to_string(text, sizeof text), 32);
     return text;
 }
 
 TEST(Text, Follows_the_type) {
-    EXPECT_EQ(text_of(static_cast<char>(200)), "200");
-    EXPECT_EQ(text_of(true), "true");
-    EXPECT_EQ(text_of(0.1f), "0.1");
-    EXPECT_EQ(text_of(-1LL), "-1");
-    EXPECT_EQ(text_of(~0ULL), "18446744073709551615");
-    EXPECT_EQ(text_of<signed char>(-128), "-128");
-    EXPECT_EQ(text_of(-2147483647L), "-2147483647");
-    EXPECT_EQ(text_of(4294967295UL), "4294967295");
+    EXPECT_EQ(written(static_cast<char>(200)) + " " + written(true) + " " + written(0.1f), "200 true 0.1");
+    EXPECT_EQ(written(-1LL) + " " + written(~0ULL), "-1 18446744073709551615");
+    EXPECT_EQ(written<signed char>(-128) + " " + written(-2147483647L) + " " + written(4294967295UL),
+              "-128 -2147483647 4294967295");
     char cut[3] = {'x', 'x', 'x'};
     const int number = 12345;
     EXPECT_EQ(Data_item_stringify<int>(&number).to_string(cut, 3), 5);
@@ -58,55 +53,53 @@ TEST(Text, Follows_the_type) {
     EXPECT_EQ(Data_item_stringify<int>(&number).to_string(cut, 0), 0);
 }
 
-/// A text, what becomes of the target, and how many characters are read (-1: null).
+/// The value after a text was read, and how many characters were (-1: null).
 template <class T>
-struct Reading {
-    const char* text;
-    T value;
-    int consumed;
-};
-
-template <class T>
-void expect_readings(T before, const std::vector<Reading<T>>& table) {
-    for (const Reading<T>& r : table) {
-        T value = before;
-        const char* const end = Data_item_destringify<T>(&value).from_string(r.text);
-        EXPECT_EQ(value, r.value) << r.text;
-        EXPECT_EQ(end ? end - r.text : -1, r.consumed) << r.text;
-    }
+std::string read(const char* text, T before = 5) {
+    const char* const end = Data_item_destringify<T>(&before).from_string(text);
+    return written(before) + " " + std::to_string(end ? end - text : -1);
 }
 
 TEST(Text, Is_read_as_the_type_takes_it) {
-    expect_readings<unsigned short>(5, {{"70000", 4464, 5},
-                                        {"0x10", 16, 4},
-                                        {"017", 15, 3},
-                                        {"zz", 0, -1},
-                                        {" 12abc", 12, 3},
-                                        {"4294967297", 65535, 10}});
-    expect_readings<int>(5, {{"3000000000", 2147483647, 10}, {"-3000000000", -2147483647 - 1, 11}});
-    expect_readings<unsigned int>(5, {{"-1", 4294967295u, 2}, {"99999999999", 4294967295u, 11}});
-    expect_readings<signed char>(5, {{"200", -56, 3}});
-    expect_readings<char>(5, {{"65", 'A', 2}});
-    expect_readings<long long>(5, {{"-9000000000", -9000000000LL, 11}});
-    expect_readings<unsigned long long>(5, {{"0xFFFFFFFFFF", 0xFFFFFFFFFFULL, 12}});
-    expect_readings<double>(5, {{"2.5e3x", 2500, 5}, {"x", 0, -1}});
-    expect_readings<float>(5, {{"0.1", 0.1f, 3}});
-    expect_readings<bool>(false, {{"yes", true, 1}, {"True", true, 1}, {"2", true, 1}, {"?", false, -1}});
-    expect_readings<bool>(true, {{"no", false, 1}, {"F", false, 1}, {"0", false, 1}, {"?", true, -1}, {"", true, -1}});
+    const std::pair<std::string, const char*> table[] = {
+        {read<unsigned short>("70000"), "4464 5"},
+        {read<unsigned short>("0x10"), "16 4"},
+        {read<unsigned short>("017"), "15 3"},
+        {read<unsigned short>("zz"), "0 -1"},
+        {read<unsigned short>(" 12abc"), "12 3"},
+        {read<unsigned short>("4294967297"), "65535 10"},
+        {read<int>("3000000000"), "2147483647 10"},
+        {read<int>("-3000000000"), "-2147483648 11"},
+        {read<unsigned int>("-1"), "4294967295 2"},
+        {read<unsigned int>("99999999999"), "4294967295 11"},
+        {read<signed char>("200"), "-56 3"},
+        {read<char>("65"), "65 2"},
+        {read<long long>("-9000000000"), "-9000000000 11"},
+        {read<unsigned long long>("0xFFFFFFFFFF"), "1099511627775 12"},
+        {read<double>("2.5e3x"), "2500 5"},
+        {read<double>("x"), "0 -1"},
+        {read<float>("0.1"), "0.1 3"},
+    };
+    for (const auto& [got, expected] : table) EXPECT_EQ(got, expected);
+    for (const char* text : {"yes", "True", "2"}) EXPECT_EQ(read<bool>(text, false), "true 1") << text;
+    for (const char* text : {"no", "F", "0"}) EXPECT_EQ(read<bool>(text, true), "false 1") << text;
+    for (const bool before : {false, true})
+        for (const char* text : {"?", ""}) EXPECT_EQ(read(text, before), before ? "true -1" : "false -1");
 }
 
 TEST(Text, A_char_array_is_read_from_brackets_and_filled_with_zeros) {
-    struct {
+    const struct {
         const char* text;
         bool good;
-        const char* array; ///< 4 characters, '.' for zero
-    } const table[] = {{"[ab]", true, "ab.."}, {"[abcd]", true, "abcd"}, {"[abcde]", false, "abcd"},
-                       {"ab", false, "xxxx"},  {"[ab]c", false, "ab.."}, {"[ab", false, "ab.."}};
+        const char* array; ///< '.' for zero
+    } table[] = {{"[ab]", true, "ab.."}, {"[abcd]", true, "abcd"}, {"[abcde]", false, "abcd"},
+                 {"ab", false, "xxxx"},  {"[ab]c", false, "ab.."}, {"[ab", false, "ab.."}};
     for (const auto& r : table) {
-        char array[4] = {'x', 'x', 'x', 'x'};
-        const char* const end = Data_item_array_destringify<char>(array, 4).from_string(r.text);
+        std::string array = "xxxx";
+        const char* const end = Data_item_array_destringify<char>(array.data(), 4).from_string(r.text);
         EXPECT_EQ(end, r.good ? r.text + strlen(r.text) : nullptr) << r.text;
-        for (int i = 0; i < 4; ++i) EXPECT_EQ(array[i] ? array[i] : '.', r.array[i]) << r.text << " " << i;
+        std::replace(array.begin(), array.end(), '\0', '.');
+        EXPECT_EQ(array, r.array) << r.text;
     }
 }
 
