@@ -55,21 +55,17 @@ TEST(NV_text, reads_back_what_it_wrote) {
     from.active.set(&from.sections.middle);
     EXPECT_EQ(import_text(to, export_text(from)).values, 7);
     EXPECT_EQ(to.text(), from.text());
-    EXPECT_EQ(to.active.get(), &to.sections.middle);
-
     std::mt19937_64 random(7);
     Odd a, b;
     for (int i = 0; i < 3000; ++i) {
         const unsigned long long bits = random();
-        float f, back;
+        float f;
         memcpy(&f, &bits, sizeof f);
         a.f.set(f);
         a.d.set(i % 2 ? static_cast<double>(bits) / 3e9 : static_cast<double>(f));
-        a.i64.set(static_cast<long long>(bits));
-        const std::string text = export_text(a);
-        const std::string error = import_text(b, text).error;
+        const std::string text = export_text(a), error = import_text(b, text).error;
+        const float back = b.f.get();
         ASSERT_EQ(error + export_text(b), text);
-        back = b.f.get();
         ASSERT_TRUE(f != f || (memcmp(&back, &f, sizeof f) == 0 && a.d.get() == b.d.get())) << text;
     }
 }
@@ -81,16 +77,12 @@ TEST(NV_text, takes_what_a_hand_may_have_written) {
     const Import_result r =
         import_text(tree, "# a comment\r\n\r\n  wheel/offset =\t-0 \r\nwheel/fitted=no\n\nspeed=1e1\n"
                           "sections/1=0xfF\nactive=");
-    EXPECT_EQ(r.error, "");
-    EXPECT_EQ(r.values, 5);
-    EXPECT_EQ(tree.text(), "{10,{false,0},{0,255,0},}");
-    EXPECT_EQ(told, 1);
+    EXPECT_EQ(r.error + tree.text(), "{10,{false,0},{0,255,0},}");
+    EXPECT_TRUE(r.values == 5 && told == 1);
 }
 
 TEST(NV_text, a_refused_text_changes_nothing_and_says_why) {
-    const struct {
-        const char *line, *error;
-    } table[] = {
+    const std::pair<const char*, const char*> table[] = {
         {"wheel/offset", "no '=' in \"wheel/offset\""},
         {"wheel/size=1", "wheel/size: there is no such setting"},
         {"sections/3=1", "sections/3: there is no such setting"},
@@ -103,15 +95,12 @@ TEST(NV_text, a_refused_text_changes_nothing_and_says_why) {
         {"active=wheel/none\a", "active: there is nothing at \"wheel/none?\""},
     };
     Settings tree(nullptr);
-    for (const auto& row : table) {
-        const Import_result r = import_text(tree, std::string("speed=5\nsections/2=9\n\n") + row.line);
-        EXPECT_EQ(r.error, std::string("line 4: ") + row.error);
-        EXPECT_EQ(r.values, 0);
+    for (const auto& [line, error] : table) {
+        const Import_result r = import_text(tree, std::string("speed=5\nsections/2=9\n\n") + line);
+        EXPECT_EQ(std::to_string(r.values) + " " + r.error, std::string("0 line 4: ") + error);
     }
-    for (const char* value : {"1e39", "0.5f", "infinity", "nan(1)", "1,5", "+1", "0x1p3"}) {
-        EXPECT_EQ(import_text(tree, std::string("speed=") + value).error,
-                  "line 1: speed: \"" + std::string(value) + "\" is no number that fits");
-    }
+    for (const std::string value : {"1e39", "0.5f", "infinity", "nan(1)", "1,5", "+1", "0x1p3"})
+        EXPECT_EQ(import_text(tree, "speed=" + value).error, "line 1: speed: \"" + value + "\" is no number that fits");
     EXPECT_LT(import_text(tree, "speed=" + std::string(1000, '9')).error.size(), 120u);
     EXPECT_EQ(tree.text(), Settings(nullptr).text());
     Odd odd;
