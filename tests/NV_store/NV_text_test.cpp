@@ -89,7 +89,7 @@ TEST(NV_text, a_refused_text_changes_nothing_and_says_why) {
         {"wheel=1", "wheel: is no setting but a container"},
         {"speed=2", "speed: was set in line 1 already"},
         {"wheel/offset=32768", "wheel/offset: \"32768\" is no number from -32768 to 32767"},
-        {"sections/0=0x-1", "sections/0: \"0x-1\" is no number from 0 to 65535"},
+        {"wheel/offset=0x-1", "wheel/offset: \"0x-1\" is no number from -32768 to 32767"},
         {"sections/0=1 2", "sections/0: \"1 2\" is no number from 0 to 65535"},
         {"wheel/fitted=truly", "wheel/fitted: \"truly\" is neither true nor false"},
         {"active=wheel/none\a", "active: there is nothing at \"wheel/none?\""},
