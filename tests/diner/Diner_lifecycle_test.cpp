@@ -181,27 +181,6 @@ void destroy_without_terminate() {
     d.stop(); // parked its thread calls nothing of the subclass that goes
     wait_until([&d] { return d.get_state() == D::state_stop; });
 }
-void terminate_in_handler() {
-    Test_diner<> d;
-    handle_one(d, [&d] { d.terminate(false); });
-}
-void leave_its_thread_stuck() {
-    Test_diner<> d;
-    d.begin();
-    d.lock_gate.shut();
-    d.terminate(true);
-}
-void initialise_while_running() {
-    Test_diner<> d;
-    d.begin();
-    d.begin();
-}
-void select_two_of_one_name() {
-    Diner_selector s;
-    Test_diner<> a("same", 1), b("same", 1);
-    a.begin(true, false, &s);
-    b.begin(true, false, &s);
-}
 void get_no_thread() {
     // Only an ordinary user has a limit. The plain system call touches this thread alone.
     if (getuid() == 0 && syscall(SYS_setuid, 65534) != 0) _exit(2);
@@ -213,13 +192,16 @@ void get_no_thread() {
 }
 
 TEST(Misuse, ends_the_process_with_its_message_and_status) {
-    const std::tuple<void (*)(), int, const char*> cases[] = {
+    Test_diner<> d, a("same", 1), b("same", 1); // their threads start in the child
+    Diner_selector selector;
+    const std::tuple<std::function<void()>, int, const char*> cases[] = {
         // status -1: aborted
         {destroy_without_terminate, -1, "Need to call terminate() from top level destructor\n"},
-        {terminate_in_handler, -1, "No terminate, are we locked\n"},
-        {leave_its_thread_stuck, -1, "No terminate, did we call delete ourself\n"},
-        {initialise_while_running, 117, "Init called with valid task\n"},
-        {select_two_of_one_name, 152, "Problem setting selector!\r\n"},
+        {[&] { handle_one(d, [&d] { d.terminate(false); }); }, -1, "No terminate, are we locked\n"},
+        {[&] { d.begin(), d.lock_gate.shut(), d.terminate(true); }, -1, "No terminate, did we call delete ourself\n"},
+        {[&] { d.begin(), d.begin(); }, 117, "Init called with valid task\n"},
+        {[&] { a.begin(true, false, &selector), b.begin(true, false, &selector); }, 152,
+         "Problem setting selector!\r\n"},
         {[] { handle_one(global_diner, [] { exit(8); }); }, 8, ""},
         {[] { handle_one(global_diner_without_lock, [] { exit(8); }); }, 8, ""},
         {get_no_thread, 9, "Task is null  idle\r\nTask not created idle\r\n"},

@@ -53,23 +53,20 @@ TEST(Debug_print, detail_is_one_line_of_at_most_255_characters) {
         void* thread = nullptr;
         ASSERT_EQ(sscanf(line.c_str(), "[%u.%3u|ThreadID:%p] ", &seconds, &ms, &thread), 3) << line;
         ASSERT_TRUE(seconds > 0 && ms < 1000 && thread == reinterpret_cast<void*>(pthread_self()));
-        const std::string whole = line.substr(0, line.find("] ") + 2) + file + ":12: '" + text;
-        // One line end of the message goes, if it came so far.
-        const std::string kept = whole.substr(0, 253);
-        ASSERT_EQ(line, (kept.back() == '\n' ? kept.substr(0, kept.size() - 1) : kept) + "'\n") << length;
+        std::string kept = (line.substr(0, line.find("] ") + 2) + file + ":12: '" + text).substr(0, 253);
+        if (kept.back() == '\n') kept.pop_back(); // one line end of the message goes, if it came so far
+        ASSERT_EQ(line, kept + "'\n") << length;
     }
 }
 
 TEST(Debug_print, last_words_reach_whom_they_are_for) {
     Child_result r = run_child([] { Debug_print::die("glue/x", 7); });
-    EXPECT_EQ(r.status, 3358 & 0xFF);
-    EXPECT_EQ(r.err, "DIE file=glue/x line=7\n");
+    EXPECT_TRUE(r.status == (3358 & 0xFF) && r.err == "DIE file=glue/x line=7\n") << r.err;
     r = run_child([] { Bugger::report_bug("tree bent"); });
-    EXPECT_EQ(r.signal, SIGABRT);
-    EXPECT_EQ(r.out, "BUG: tree bent\r\n");
-    const char* const failed =
+    EXPECT_TRUE(r.signal == SIGABRT && r.out == "BUG: tree bent\r\n") << r.out;
+    const char* const where =
         "util/Bugger:42: static void Bugger::report_bug(const char*): Assertion `false' failed.\n";
-    EXPECT_NE(r.err.find(failed), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(where), std::string::npos) << r.err;
 }
 
 std::string active() {

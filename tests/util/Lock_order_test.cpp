@@ -33,9 +33,7 @@ std::string rest_of(const char* script) {
 }
 
 TEST(Lock_order, is_wrong_where_a_wait_closes_a_circle) {
-    const struct {
-        const char *script, *rest;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"abBAabBA", ""},     {"abBAbaAB", "aAB"},     {"abABbaAB", "aAB"},
         {"abBAbcCBacCA", ""}, {"abBAbcCBcaAC", "aAC"}, {"abAcBCcaAC", "aAC"},
         {"abBAxbaAB", ""},    {"aaAbBA", ""},          {"abBAcbBCcaACbaAB", "aAB"},

@@ -115,17 +115,15 @@ TEST(Tree, orders_equal_keys_by_their_whole_address_but_climbs_by_key_alone) {
 TEST(Tree, removes_by_the_predecessor_refuses_strangers_and_flushes_without_comparing) {
     Tree tree(seven), other({5, 40, 35, 75});
     for (Item& stranger : other.items) EXPECT_TRUE(tree.remove(&stranger) == -1 && stranger.in_tree());
-    EXPECT_EQ(tree.integrity(), 0);
     tree.remove(&tree.items[0]);
-    EXPECT_EQ(tree.header.greater, &tree.items[4]);
+    EXPECT_TRUE(tree.header.greater == &tree.items[4] && tree.integrity() == 0);
     for (Item& i : tree.items) i.key = -i.key; // spoilt: nothing can be found any more
     tree.flush();
     EXPECT_TRUE(tree.count() == 0 && !tree.first());
     for (Item& i : tree.items) ASSERT_EQ(tree.insert(&i), 0);
     Item copy(tree.items[1]);
-    EXPECT_FALSE(copy.in_tree());
     tree.items[1] = copy;
-    EXPECT_EQ(tree.integrity(), 0) << "links are not copied";
+    EXPECT_TRUE(!copy.in_tree() && tree.integrity() == 0) << "links are not copied";
 }
 
 TEST(Tree, is_dumped) {
@@ -145,26 +143,25 @@ TEST(Ring_buffer, behaves_as_a_bounded_queue) {
         const auto storage = std::make_unique<unsigned char[]>(capacity); // the sanitizer sees a step beyond it
         Ring_buffer ring(storage.get(), capacity);
         std::string model;
+        const auto up_to = [&] { return static_cast<uint32_t>(random() % (capacity + 3)); };
         for (int step = 0; step < 4000; ++step) {
-            const auto n = static_cast<uint32_t>(random() % (capacity + 3)), used = ring.used();
-            if (random() % 2) {
-                std::string piece(n, 0);
-                for (char& c : piece) c = static_cast<char>(random());
-                piece.resize(ring.put(reinterpret_cast<const unsigned char*>(piece.data()), n));
-                ASSERT_EQ(piece.size(), std::min(n, capacity - used));
-                model += piece;
-            } else {
-                ASSERT_EQ(ring.drop(n), std::min(n, used));
-                model.erase(0, n);
-            }
+            const uint32_t n = up_to(), room = capacity - ring.used();
+            std::string piece(n, 0);
+            for (char& c : piece) c = static_cast<char>(random());
+            piece.resize(ring.put(reinterpret_cast<const unsigned char*>(piece.data()), n));
+            ASSERT_EQ(piece.size(), std::min(n, room));
+            model += piece;
             ASSERT_TRUE(ring.used() == model.size() && ring.full() == (model.size() == capacity)) << step;
             ASSERT_TRUE(ring.full() == (ring.tail == ~0u) && ring.empty() == model.empty()) << step;
-            const uint32_t offset = random() % (capacity + 2), wanted = random() % (capacity + 2);
-            std::string got(wanted, 0);
-            got.resize(ring.peek(offset, reinterpret_cast<unsigned char*>(&got[0]), wanted));
-            ASSERT_EQ(got, offset < model.size() ? model.substr(offset, wanted) : "") << step;
+            const uint32_t offset = up_to(), dropped = up_to();
+            std::string got(up_to(), 0);
+            const std::string expected = offset < model.size() ? model.substr(offset, got.size()) : "";
+            got.resize(ring.peek(offset, reinterpret_cast<unsigned char*>(&got[0]), uint32_t(got.size())));
+            ASSERT_EQ(got, expected) << step;
             const bool stored = offset < model.size(); // beyond: the start of the storage
             ASSERT_EQ(ring.at(offset), storage.get() + (stored ? (ring.head + offset) % capacity : 0)) << step;
+            ASSERT_EQ(ring.drop(dropped), std::min<size_t>(dropped, model.size())) << step;
+            model.erase(0, dropped);
         }
     }
 }
@@ -186,49 +183,35 @@ TEST(sl_list, is_a_queue_with_removal_from_anywhere) {
     };
     for (Element& x : e) EXPECT_EQ(list.push(&x), 1);
     for (const auto& [which, left] : {std::pair(2, "013"), {3, "01"}, {0, "1"}, {1, ""}}) { // middle, tail, head, only
-        EXPECT_TRUE(list.remove(&e[which]) == 1 && list.remove(&e[which]) == 0 && order() == left) << which;
+        for (int removed : {1, 0}) EXPECT_TRUE(list.remove(&e[which]) == removed && order() == left) << which;
         list.push(&e[which]);
         EXPECT_EQ(order(), left + std::to_string(which)) << "the tail moved back";
         list.remove(&e[which]);
     }
 }
 
-template <class T>
-void compare_without_an_order() {
-    T t;
-    Item a, b;
-    t.insert(&a);
-    t.insert(&b);
-}
-void insert_after_init() { // which unlinks nothing
-    Tree t({1});
-    t.init();
-    t.insert(&t.items[0]);
-}
-void change_a_linked_element() {
-    Tree t({1});
-    t.get_mutable(&t.items[0]);
-}
-void push_the_last_of_a_list() { // its link leads nowhere
+TEST(Misuse, of_a_container_ends_the_process_with_a_message) {
+    Tree tree({1});
+    Item *linked = &tree.items[0], a, b;
+    avl_bstree plain;
+    c_bstree<avl_bstree, Item> typed; // neither of them knows an order
     List list, other;
     Element last;
-    list.push(&last);
-    other.push(&last);
-}
-TEST(Misuse, of_a_container_ends_the_process_with_a_message) {
-    const std::tuple<void (*)(), int, const char*> cases[] = {
+    list.push(&last); // its link leads nowhere
+    const std::tuple<std::function<void()>, int, const char*> cases[] = {
         // status -1: aborted
-        {insert_after_init, -1, "BUG: avl_bstree::insert, already in a tree.\r\n"},
-        {compare_without_an_order<avl_bstree>, -1, "BUG: avl_bstree::create not called\r\n"},
-        {compare_without_an_order<c_bstree<avl_bstree, Item>>, 102, "c_bstree::create not called"},
-        {change_a_linked_element, 102, "c_bstree::get_mutable(): already in T::"},
-        {push_the_last_of_a_list, -1, "BUG: sl_list::push, already in a list.\n\r\n"},
+        {[&] { tree.init(), tree.insert(linked); }, -1, "BUG: avl_bstree::insert, already in a tree.\r\n"},
+        {[&] { plain.insert(&a), plain.insert(&b); }, -1, "BUG: avl_bstree::create not called\r\n"},
+        {[&] { typed.insert(&a), typed.insert(&b); }, 102, "c_bstree::create not called"},
+        {[&] { tree.get_mutable(linked); }, 102, "c_bstree::get_mutable(): already in T::"},
+        {[&] { other.push(&last); }, -1, "BUG: sl_list::push, already in a list.\n\r\n"},
     };
     for (const auto& [misuse, status, message] : cases) {
         const Child_result child = run_child(misuse);
         EXPECT_EQ(child.status, status);
         EXPECT_EQ(status < 0 ? child.out : child.err, message);
     }
+    list.remove(&last);
 }
 
 } // namespace
