@@ -58,14 +58,9 @@ TEST_F(Files, are_appended_to_and_read_by_path_or_descriptor) {
     EXPECT_TRUE(s.close_read() && s.open_read(::open(path.c_str(), O_RDONLY)) && drain(s) == "hello world");
     EXPECT_TRUE(File_data_stream::exists((path + "/below").c_str())) << "not a folder: it cannot be told";
 
-    const std::tuple<std::function<bool()>, int, std::string> ends[] = {
-        {[&] { return s.open_read(missing.c_str()); }, 123, failure},
-        {[&] { return s.open_read(999); }, 123, "Error opening fd [999]\n"},
-        {[&] { return s.open_write(missing.c_str()); }, 122, failure}};
-    for (const auto& [open, status, complaint] : ends) {
-        const Child_result child = run_child(open);
-        EXPECT_TRUE(child.status == status && child.err == complaint) << child.err;
-    }
+    EXPECT_EQ(run_child([&] { s.open_read(missing.c_str()); }).end(), "123 " + failure);
+    EXPECT_EQ(run_child([&] { s.open_read(999); }).end(), "123 Error opening fd [999]\n");
+    EXPECT_EQ(run_child([&] { s.open_write(missing.c_str()); }).end(), "122 " + failure);
 }
 
 TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
@@ -229,23 +224,18 @@ TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
 
 TEST_F(Flash_stream, ends_the_process_where_it_cannot_go_on) {
     save("a", 89);
-    const struct {
-        bool reads;
-        unsigned written; ///< [bytes] into 11 that are free: more than these were counted wrongly
-        int status, signal;
-        const char* text;
-    } rows[] = {{true, 0, 101, 0, "Destruct while files are read open!!"},
-                {false, 0, 101, 0, "Destruct while files are write open!!"},
-                {false, 20, -1, SIGABRT, "PCF full\n"}};
-    for (const auto& row : rows) {
-        const Child_result child = run_child([&] {
+    const auto end_with_open = [](bool reads, unsigned written) {
+        const auto body = [&] {
             F s;
-            if (row.reads) s.open_read("a", 1);
+            if (reads) s.open_read("a", 1);
             s.open_write("new", 1);
-            fill(s, row.written);
-        });
-        EXPECT_TRUE(child.status == row.status && child.signal == row.signal && child.err == row.text) << child.err;
-    }
+            fill(s, written);
+        };
+        return run_child(body).end();
+    };
+    EXPECT_EQ(end_with_open(true, 0), "101 Destruct while files are read open!!");
+    EXPECT_EQ(end_with_open(false, 0), "101 Destruct while files are write open!!");
+    EXPECT_EQ(end_with_open(false, 20), "signal 6 PCF full\n") << "into 11 bytes: what is free was counted wrongly";
 }
 
 } // namespace

@@ -233,18 +233,13 @@ TEST_F(Threaded_stream, takes_files_for_what_they_are) {
 TEST_F(Threaded_stream, waits_for_room_to_write_until_it_is_closed) {
     ASSERT_TRUE(s.open(pty.path.c_str()));
     const std::string bytes(100000, 'w');
-    unsigned written = 0;
-    std::thread writer([&] { written = put(s, bytes); });
-    EXPECT_EQ(bytes, pty.receive(bytes.size()));
-    writer.join();
-    EXPECT_EQ(bytes.size(), written);
-
-    writer = std::thread([&] { written = put(s, bytes); });
-    pty.receive(1); // it has begun
+    unsigned whole = 0, cut = 0;
+    std::thread writer([&] { whole = put(s, bytes), cut = put(s, bytes); });
+    EXPECT_EQ(bytes + "w", pty.receive(bytes.size() + 1)) << "the second has begun";
     Pty other;
     EXPECT_TRUE(s.close() && s.open(other.path.c_str()));
     writer.join();
-    EXPECT_TRUE(written >= 1 && written < bytes.size()) << written;
+    EXPECT_TRUE(whole == bytes.size() && cut >= 1 && cut < bytes.size()) << cut;
     EXPECT_TRUE(put(s, "x") == 1 && other.receive(1) == "x") << "the rest is not for the next line";
     EXPECT_TRUE(s.close() && put(s, "x") == failed);
 }
@@ -279,9 +274,8 @@ TEST_F(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed) {
 }
 
 TEST(Threaded_streams, end_the_process_without_a_device_but_not_at_a_hang_up) {
-    const Child_result none = run_child([] { Serial("/dev/null/none:9600:rs485"); });
-    EXPECT_EQ(255, none.status);
-    EXPECT_EQ("Error opening file [/dev/null/none]\n", none.err);
+    EXPECT_EQ(run_child([] { Serial("/dev/null/none:9600:rs485"); }).end(),
+              "255 Error opening file [/dev/null/none]\n");
     const auto no_ids = [] {
         module_man mm;
         for (short id; mm.init_module(&id, false) == 0;) {

@@ -13,6 +13,11 @@ struct Child_result {
     bool timed_out = false; ///< it was killed because it did not end in time
     std::string out;        ///< what reached its standard output, a file
     std::string err;        ///< what reached its standard error, a file
+
+    /// How it ended, in one text: status or signal, and its standard error.
+    std::string end() const {
+        return (signal ? "signal " + std::to_string(signal) : std::to_string(status)) + " " + err;
+    }
 };
 
 /// Run `body` in a forked child; a body that returns ends in exit(0). The child is killed after `limit_s`. For code
