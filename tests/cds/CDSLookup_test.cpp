@@ -73,10 +73,8 @@ TEST_F(Lookup, Finds_items_by_path_and_by_identifier) {
     EXPECT_EQ(i.root.find_item("engine.speed.x", '.'), nullptr);
     EXPECT_EQ(err.text(), "Base find item, why? speed,3,x,.\n");
 
-    EXPECT_EQ(i.root.find_data_item(1), &i.root);
-    EXPECT_EQ(i.root.find_data_item(9), &i.on);
-    EXPECT_EQ(i.engine.find_item(5), &i.load);
-    EXPECT_EQ(i.engine.find_item(9), nullptr);
+    EXPECT_TRUE(i.root.find_data_item(1) == &i.root && i.root.find_data_item(9) == &i.on);
+    EXPECT_TRUE(i.engine.find_item(5) == &i.load && i.engine.find_item(9) == nullptr);
 }
 
 TEST_F(Lookup, Describes_the_structure_to_a_depth) {
@@ -195,8 +193,7 @@ void expect_travels(int type, T value, const char* bytes, size_t width = sizeof(
     CDS::Value<T> one(root, "one", block.one);
     CDS::Array<T> two(root, "two", block.two);
     root.finish();
-    EXPECT_EQ(one.get_type_byte(), type);
-    EXPECT_EQ(two.get_type_byte(), 0x20 + type);
+    EXPECT_TRUE(one.get_type_byte() == type && two.get_type_byte() == 0x20 + type) << type;
 
     const std::string encoded(bytes, width);
     char page[64];
