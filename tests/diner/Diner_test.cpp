@@ -5,6 +5,7 @@
 #include "support/child.h"
 #include <gtest/gtest.h>
 #include <numeric>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -67,10 +68,11 @@ TEST(Diner, prints_and_flushes_what_its_debug_level_asks_for) {
 class Passes : public testing::Test {
 protected:
     /// Timeouts handled by the next pass.
-    int pass() {
-        const int before = d.timeouts_handled;
-        d.handle_timeout();
-        return d.timeouts_handled - before;
+    int pass() { return pass(d); }
+    static int pass(Test_diner<Diner>& x) {
+        x.timeouts_handled = 0;
+        x.handle_timeout();
+        return x.timeouts_handled;
     }
     Manual_clock clock;
     Timeout t[3];
@@ -113,6 +115,86 @@ TEST_F(Passes, end_the_process_for_a_timeout_that_was_re_timed_behind_their_back
     });
     EXPECT_NE(r.err.find("Timeout_diner::handle_timeout - not expired yet -10000\n"), std::string::npos) << r.err;
     EXPECT_EQ(r.out, "BUG: Timeout_diner::handle_timeout - not expired yet\r\n");
+}
+
+constexpr int32_t hour = 3600, fifty_years = 1577880000; // [s]
+
+/// Two diners that are told of steps of the clock: one with a timeout every 100 ms, both with one in 250 ms.
+class Clock_step : public Passes {
+protected:
+    Clock_step() {
+        d.begin(true);
+        other.begin(true);
+        t[0].period = 100;
+    }
+    void submit() {
+        d.submit_timeout(t[0], 100);
+        d.submit_timeout(t[1], 250);
+        other.submit_timeout(t[2], 250);
+    }
+    void step(int32_t s, int ms = 0) {
+        clock.advance(int64_t{s} * 1000 + ms);
+        Diner_info_list::get().clock_stepped(s, ms);
+    }
+    std::string handled() {
+        const int mine = pass();
+        return text_of("%d %d ", mine, pass(other));
+    }
+    Test_diner<Diner> other;
+};
+
+TEST_F(Clock_step, moves_what_is_pending_along) {
+    for (const auto& [s, ms] :
+         {std::pair(hour, 0), {fifty_years, 0}, {-hour, 0}, {-fifty_years, 0}, {0, 240}, {-1, -999}}) {
+        SCOPED_TRACE(std::to_string(s) + " " + std::to_string(ms));
+        clock.set(s > hour ? 0 : fifty_years);
+        submit();
+        step(s, ms);
+        EXPECT_EQ(handled(), "0 0 ");
+        clock.advance(350);
+        EXPECT_EQ(handled(), "4 1 ");
+        EXPECT_EQ(t[0].remaining_ms(), 50) << "it keeps its phase";
+    }
+    submit();
+    clock.advance(hour * 1000); // untold
+    EXPECT_EQ(handled(), "36001 1 ");
+}
+
+TEST_F(Clock_step, in_a_handler_ends_the_pass_and_the_next_one_goes_on) {
+    for (const int32_t s : {hour, -hour}) {
+        submit();
+        d.on_timeout = [&](Timeout& x) {
+            if (&x == &t[0]) step(s);
+        };
+        clock.advance(300); // all are due, the periodic one three times
+        EXPECT_EQ(handled(), "1 1 ");
+        EXPECT_EQ(t[0].remaining_ms(), -100) << "two periods are left";
+        d.on_timeout = nullptr;
+        EXPECT_EQ(handled(), "3 0 ");
+    }
+}
+
+TEST_F(Clock_step, stops_at_the_last_instant_and_at_the_first) {
+    submit();
+    for (const int32_t s : {INT32_MAX, INT32_MIN, INT32_MIN, hour}) Diner_info_list::get().clock_stepped(s, 0);
+    for (int i : {0, 1}) EXPECT_TRUE(t[i].expiry.time == INT32_MIN + hour && d.remove_timeout(t[i]) == 0);
+}
+
+/// While the list waits for the lock of a diner, that diner's handler tells of a step.
+TEST(Clock_steps, are_told_by_handlers_under_their_lock_and_wake_every_diner) {
+    Test_diner<> a("a"), b("b");
+    b.begin(false, true);
+    a.begin();
+    a.on_event = [](waiter_event&) {
+        EXPECT_TRUE(wait_until([] { return lseek(STDERR_FILENO, 0, SEEK_END) > 0; }));
+        Diner_info_list::get().clock_stepped(hour, 0);
+    };
+    Capture err(stderr);
+    a.post(1);
+    ASSERT_TRUE(wait_until([&a] { return a.info.activity == Diner_info::activity_event; }));
+    Diner_info_list::get().test_lock();
+    EXPECT_TRUE(wait_until([&b] { return b.events == 1; }));
+    EXPECT_EQ(err.text().find("Deadlock"), std::string::npos);
 }
 
 TEST(Diner, sleeps_until_its_earliest_timeout_behind_events_and_drops_the_rest_when_it_stops) {

@@ -59,17 +59,16 @@ int post(waiter_descriptor& w, const std::string& posts) {
 }
 
 TEST(Waiter_event, owns_its_block) {
-    const std::tuple<const unsigned char*, unsigned, int, const char*> steps[] = {
-        {bytes("0123456789"), 10, 1, "-5:7:1:0123456789"},
-        {bytes("x"), 0, 0, "-5:7:1"},
-        {bytes("abc"), 2, 1, "-5:7:1:ab"},
-        {nullptr, 5, 0, "-5:7:1"},
-        {bytes("abc"), UINT_MAX - 6, 0, "-5:7:1"},
-        {bytes("abc"), 3, 1, "-5:7:1:abc"}};
+    const std::tuple<const char*, unsigned, const char*> steps[] = {{"0123456789", 10, "1 -5:7:1:0123456789"},
+                                                                    {"x", 0, "0 -5:7:1"},
+                                                                    {"abc", 2, "1 -5:7:1:ab"},
+                                                                    {nullptr, 5, "0 -5:7:1"},
+                                                                    {"abc", UINT_MAX - 6, "0 -5:7:1"},
+                                                                    {"abc", 3, "1 -5:7:1:abc"}};
     waiter_event e = with_block("first"), copy = e, assigned;
-    for (const auto& [data, n, result, text] : steps) {
-        EXPECT_EQ(e.set_extended_data(data, n), result);
-        EXPECT_EQ(name(e), text);
+    for (const auto& [data, n, outcome] : steps) {
+        const int result = e.set_extended_data(bytes(data), n);
+        EXPECT_EQ(std::to_string(result) + " " + name(e), outcome);
     }
     EXPECT_EQ(std::string(reinterpret_cast<char*>(e.extended), 7), std::string("\3\0\0\0abc", 7)) << "32-bit length";
     assigned = copy;
@@ -194,14 +193,10 @@ TEST_F(Waiter, waits_until_the_deadline_rounded_up_to_10_ms) {
 }
 
 /// A Qt object woken by mirrored posts.
-class Mirror : public QObject {
-public:
+struct Mirror : QObject {
     static constexpr QEvent::Type type = QEvent::Type(QEvent::User + 7);
     int woken = 0;
-    bool event(QEvent* e) override {
-        woken += e->type() == type;
-        return true;
-    }
+    bool event(QEvent* e) override { return woken += e->type() == type; }
 };
 
 TEST_F(Waiter, meets_the_qt_application) {
@@ -262,10 +257,10 @@ TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
 }
 
 TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out) {
+    waiter_tokens tokens;
     for (int round = 0; round < 300; ++round) {
-        waiter_tokens tokens;
         // Around the end of the taker's millisecond, a little later each time.
-        const auto at = std::chrono::steady_clock::now() + std::chrono::microseconds(1000 + round);
+        const auto at = std::chrono::steady_clock::now() + std::chrono::microseconds(980 + round % 150);
         std::thread giver([&] {
             while (std::chrono::steady_clock::now() < at) {
             }

@@ -64,8 +64,7 @@ TEST(Debug_print, last_words_reach_whom_they_are_for) {
     EXPECT_TRUE(r.status == (3358 & 0xFF) && r.err == "DIE file=glue/x line=7\n") << r.err;
     r = run_child([] { Bugger::report_bug("tree bent"); });
     EXPECT_TRUE(r.signal == SIGABRT && r.out == "BUG: tree bent\r\n") << r.out;
-    const char* const where =
-        "util/Bugger:42: static void Bugger::report_bug(const char*): Assertion `false' failed.\n";
+    const char* where = "util/Bugger:42: static void Bugger::report_bug(const char*): Assertion `false' failed.\n";
     EXPECT_NE(r.err.find(where), std::string::npos) << r.err;
 }
 

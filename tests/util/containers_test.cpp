@@ -128,13 +128,12 @@ TEST(Tree, removes_by_the_predecessor_refuses_strangers_and_flushes_without_comp
 
 TEST(Tree, is_dumped) {
     Tree tree({20, 10});
-    Capture out(stdout), err(stderr);
-    tree.dump_tree();
     const void *none = nullptr, *root = static_cast<avl_bsnode*>(tree[1]), *less = static_cast<avl_bsnode*>(tree[0]);
-    EXPECT_EQ(err.text(), text_of("depth 0, less: (0,%p), greater: (1,%p)\nless: greater: "
-                                  "depth 1, less: (-1,%p), greater: (0,%p)\nless: leaf node at depth 2\ngreater: ",
-                                  none, root, less, none));
-    EXPECT_EQ(out.text(), "top: ");
+    const Child_result r = run_child([&] { tree.dump_tree(); });
+    EXPECT_EQ(r.err, text_of("depth 0, less: (0,%p), greater: (1,%p)\nless: greater: "
+                             "depth 1, less: (-1,%p), greater: (0,%p)\nless: leaf node at depth 2\ngreater: ",
+                             none, root, less, none));
+    EXPECT_EQ(r.out, "top: ");
 }
 
 TEST(Ring_buffer, behaves_as_a_bounded_queue) {
