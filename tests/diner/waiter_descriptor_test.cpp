@@ -260,13 +260,15 @@ TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out)
     waiter_tokens tokens;
     for (int round = 0; round < 300; ++round) {
         // Around the end of the taker's millisecond, a little later each time.
-        const auto at = std::chrono::steady_clock::now() + std::chrono::microseconds(980 + round % 150);
+        const auto at = std::chrono::steady_clock::now() + std::chrono::microseconds(980 + round);
+        std::atomic<bool> given{false};
         std::thread giver([&] {
             while (std::chrono::steady_clock::now() < at) {
             }
+            given = true;
             tokens.give();
         });
-        const bool in_time = tokens.take(1);
+        const bool in_time = tokens.take(1) && given; // what an earlier round left over comes too early
         giver.join();
         EXPECT_NE(tokens.take(0), in_time) << "what came too late is there for the next";
     }

