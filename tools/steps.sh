@@ -99,7 +99,8 @@ run_tests() {
         bad=1
     elif [ "$bad" -ne 0 ]; then
         end 'FAILED: %d of %d, %d s\n' "$bad" "$tests" $((SECONDS - start))
-        sed -n '/\*\*\*Failed/,$p' "$log" | tail -n 120
+        awk '/^ *(Start +[0-9]+:|[0-9]+\/[0-9]+ Test)/ {show = /\*\*\*/} /^The following tests FAILED/ {show = 1} show' "$log" |
+            head -n 300
     else
         end 'done, %d s: %d tests\n' $((SECONDS - start)) "$tests"
     fi

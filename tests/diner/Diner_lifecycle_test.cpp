@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <tuple>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -225,13 +226,14 @@ TEST_F(Selector, refuses_an_equal_descriptor_and_a_second_registration_and_may_g
 Test_diner<> global_diner;
 Test_diner<Diner> global_diner_without_lock;
 
-/// `handler` runs on the diner's thread.
+/// `handler` runs on the diner's thread and ends the process.
 template <class D>
-void handle_one(D& d, std::function<void()> handler) {
+void handle_last(D& d, std::function<void()> handler) {
     d.on_event = [=](waiter_event&) { handler(); };
     d.begin();
     d.post(1);
-    d.idle();
+    alarm(60); // when it does not
+    pause();   // an exit destroys `d` under whoever looks at it
 }
 
 void destroy_without_terminate() {
@@ -259,19 +261,19 @@ TEST(Misuse, ends_the_process_with_its_message_and_status) {
     const std::tuple<std::function<void()>, int, const char*> cases[] = {
         // status -1: aborted
         {destroy_without_terminate, -1, "Need to call terminate() from top level destructor\n"},
-        {[&] { handle_one(d, [&d] { d.terminate(false); }); }, -1, "No terminate, are we locked\n"},
+        {[&] { handle_last(d, [&d] { d.terminate(false); }); }, -1, "No terminate, are we locked\n"},
         {[&] { d.begin(), d.lock_gate.shut(), d.terminate(true); }, -1, "No terminate, did we call delete ourself\n"},
         {[&] { d.begin(), d.begin(); }, 117, "Init called with valid task\n"},
         {[&] { a.begin(true, false, &selector), b.begin(true, false, &selector); }, 152,
          "Problem setting selector!\r\n"},
-        {[] { handle_one(global_diner, [] { exit(8); }); }, 8, ""},
-        {[] { handle_one(global_diner_without_lock, [] { exit(8); }); }, 8, ""},
+        {[] { handle_last(global_diner, [] { exit(8); }); }, 8, ""},
+        {[] { handle_last(global_diner_without_lock, [] { exit(8); }); }, 8, ""},
         {get_no_thread, 9, "Task is null  idle\r\nTask not created idle\r\n"},
     };
     for (const auto& [misuse, status, message] : cases) {
         const Child_result r = run_child(misuse);
         EXPECT_TRUE(r.status == status && r.signal == (status < 0 ? SIGABRT : 0))
-            << r.signal << " " << r.status << message;
+            << r.signal << " " << r.status << message << r.err;
         EXPECT_NE(r.err.find(message), std::string::npos) << message << r.err;
     }
 }
