@@ -20,7 +20,8 @@
 /// checksum and are not looked for. A checksum of 8 bits is right by chance once in 256 times: a few faults of a line
 /// in ten thousand give a frame that nobody sent.
 ///
-/// For one thread. No allocation. Cost: a look at each byte, and a checksum where a header could stand.
+/// For one thread. No allocation. Cost: a look at each byte, and a checksum where a header could stand; what may be the
+/// start of a frame is looked at again with each packet, as far back as the longest possible frame.
 class KAV_API Vorn_salvage {
 public:
     /// Append a packet to what is kept [bytes]; copied. Of more than `capacity` bytes the last ones are taken.
