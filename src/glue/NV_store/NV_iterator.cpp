@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_iterator.h"
 #include "platform/crc32.h"
-#include "platform/ieee754.h"
-#include <cstring>
-#include <type_traits>
+#include "util/bytes.h"
 
 namespace NV_store {
 
@@ -12,27 +10,10 @@ static_assert(sizeof(void*) != 4 || sizeof(NV_iterator::NV_checksum) == 16);
 
 namespace {
 
-/// Little-endian bytes of an integer.
-template <class T>
-void to_bytes(T value, unsigned char* bytes) {
-    auto rest = static_cast<std::make_unsigned_t<T>>(value);
-    for (unsigned i = 0; i < sizeof(T); ++i) {
-        bytes[i] = static_cast<unsigned char>(rest & 0xFF);
-        rest = static_cast<std::make_unsigned_t<T>>(static_cast<uint64_t>(rest) >> 8);
-    }
-}
-
-template <class T>
-T from_bytes(const unsigned char* bytes) {
-    uint64_t value = 0;
-    for (unsigned i = sizeof(T); i > 0; --i) value = value << 8 | bytes[i - 1];
-    return static_cast<T>(value);
-}
-
 template <class T>
 bool push(NV_iterator& it, T value) {
     unsigned char bytes[sizeof(T)];
-    to_bytes(value, bytes);
+    Util::to_little_endian(value, bytes);
     return it._push_bytes(bytes, sizeof bytes);
 }
 
@@ -40,14 +21,14 @@ template <class T>
 bool pop(NV_iterator& it, T& value) {
     unsigned char bytes[sizeof(T)];
     if (!it._pop_bytes(bytes, sizeof bytes)) return false;
-    value = from_bytes<T>(bytes);
+    value = Util::from_little_endian<T>(bytes);
     return true;
 }
 
 constexpr int header_size = 4;
 
 void decode(const unsigned char* bytes, NV_iterator::NV_iterator_header& h) {
-    h = {bytes[0], bytes[1], from_bytes<unsigned short>(bytes + 2)};
+    h = {bytes[0], bytes[1], Util::from_little_endian<unsigned short>(bytes + 2)};
 }
 
 uint32_t checksum_seed() {
@@ -113,7 +94,7 @@ bool NV_iterator::_pop_bytes(unsigned char* data, int n) {
 
 bool NV_iterator::push_header(const NV_iterator_header& h) {
     unsigned char bytes[header_size] = {h.type_byte, h.marker};
-    to_bytes(h.id, bytes + 2);
+    Util::to_little_endian(h.id, bytes + 2);
     return _push_bytes(bytes, header_size);
 }
 
@@ -141,18 +122,8 @@ bool NV_iterator::push_int32(int v) { return push(*this, v); }
 bool NV_iterator::push_uint32(unsigned int v) { return push(*this, v); }
 bool NV_iterator::push_int64(long long v) { return push(*this, v); }
 bool NV_iterator::push_uint64(unsigned long long v) { return push(*this, v); }
-
-bool NV_iterator::push_float(float v) {
-    unsigned char bytes[4];
-    float_to_bytes_ieee754(v, bytes);
-    return _push_bytes(bytes, sizeof bytes);
-}
-
-bool NV_iterator::push_double(double v) {
-    unsigned char bytes[8];
-    double_to_bytes_ieee754(v, bytes);
-    return _push_bytes(bytes, sizeof bytes);
-}
+bool NV_iterator::push_float(float v) { return push(*this, v); }
+bool NV_iterator::push_double(double v) { return push(*this, v); }
 
 bool NV_iterator::pop_bool(bool& v) {
     unsigned char byte;
@@ -170,19 +141,7 @@ bool NV_iterator::pop_int32(int& v) { return pop(*this, v); }
 bool NV_iterator::pop_uint32(unsigned int& v) { return pop(*this, v); }
 bool NV_iterator::pop_int64(long long& v) { return pop(*this, v); }
 bool NV_iterator::pop_uint64(unsigned long long& v) { return pop(*this, v); }
-
-bool NV_iterator::pop_float(float& v) {
-    unsigned char bytes[4];
-    if (!_pop_bytes(bytes, sizeof bytes)) return false;
-    v = bytes_to_float_ieee754(bytes);
-    return true;
-}
-
-bool NV_iterator::pop_double(double& v) {
-    unsigned char bytes[8];
-    if (!_pop_bytes(bytes, sizeof bytes)) return false;
-    v = bytes_to_double_ieee754(bytes);
-    return true;
-}
+bool NV_iterator::pop_float(float& v) { return pop(*this, v); }
+bool NV_iterator::pop_double(double& v) { return pop(*this, v); }
 
 } // namespace NV_store

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDS_remote.h"
-#include "glue/vorn/Binary_message.h"
 #include "util/Debug_print.h"
+#include "util/bytes.h"
 #include "util/number_text.h"
 #include <algorithm>
 #include <cstdint>
@@ -23,32 +23,33 @@ bool read_number(const char*& text, uint32_t& value) {
     return true;
 }
 
+unsigned char* bytes_of(char* p) { return reinterpret_cast<unsigned char*>(p); }
+
 /// Encode in place. What straddles an end of the slice is encoded aside and cut there, byte for byte.
 template <class T>
-int append_with(Send_buffer& out, void (Binary_message::*set)(uint32_t, T), T value) {
+int append(Send_buffer& out, T value) {
     constexpr int width = sizeof(T);
     if (out.skip == 0 && out.room >= width) {
-        (Binary_message(out.position, width).*set)(0, value);
+        Util::to_little_endian(value, bytes_of(out.position));
         out.position += width;
         out.room -= width;
     } else if (out.skip >= width && out.room > 0) {
         out.skip -= width;
     } else {
         char bytes[width];
-        (Binary_message(bytes, width).*set)(0, value);
+        Util::to_little_endian(value, bytes_of(bytes));
         out.buf_append(bytes, width);
     }
     return width;
 }
 
-template <class T, class Value>
-bool pop_with(Receive_buffer& in, T (Binary_message::*get)(uint32_t) const, Value& value) {
-    static_assert(sizeof(T) == sizeof(Value));
-    if (in.remaining < static_cast<int>(sizeof(T))) return false;
-    // The view only reads.
-    value = static_cast<Value>((Binary_message(const_cast<char*>(in.position), sizeof(T)).*get)(0));
-    in.position += sizeof(T);
-    in.remaining -= static_cast<int>(sizeof(T));
+template <class T>
+bool pop(Receive_buffer& in, T& value) {
+    constexpr int width = sizeof(T);
+    if (in.remaining < width) return false;
+    value = Util::from_little_endian<T>(reinterpret_cast<const unsigned char*>(in.position));
+    in.position += width;
+    in.remaining -= width;
     return true;
 }
 
@@ -82,17 +83,15 @@ int Send_buffer::str_append(const char* text) { return buf_append(text, static_c
 int Send_buffer::append_BOOL(bool v) { return append_UINT8(v ? 1 : 0); }
 int Send_buffer::append_CHAR(char v) { return append_UINT8(static_cast<unsigned char>(v)); }
 int Send_buffer::append_INT8(signed char v) { return append_UINT8(static_cast<unsigned char>(v)); }
-int Send_buffer::append_UINT8(unsigned char v) { return append_with(*this, &Binary_message::set_uint8, v); }
-int Send_buffer::append_INT16(short v) { return append_with(*this, &Binary_message::set_int16_le, v); }
-int Send_buffer::append_UINT16(unsigned short v) { return append_with(*this, &Binary_message::set_uint16_le, v); }
-int Send_buffer::append_INT32(int v) { return append_with(*this, &Binary_message::set_int32_le, v); }
-int Send_buffer::append_UINT32(unsigned int v) { return append_with(*this, &Binary_message::set_uint32_le, v); }
-int Send_buffer::append_INT64(long long v) { return append_with<int64_t>(*this, &Binary_message::set_int64_le, v); }
-int Send_buffer::append_UINT64(unsigned long long v) {
-    return append_with<uint64_t>(*this, &Binary_message::set_uint64_le, v);
-}
-int Send_buffer::append_FLOAT(float v) { return append_with(*this, &Binary_message::set_float, v); }
-int Send_buffer::append_DOUBLE(double v) { return append_with(*this, &Binary_message::set_double, v); }
+int Send_buffer::append_UINT8(unsigned char v) { return append(*this, v); }
+int Send_buffer::append_INT16(short v) { return append(*this, v); }
+int Send_buffer::append_UINT16(unsigned short v) { return append(*this, v); }
+int Send_buffer::append_INT32(int v) { return append(*this, v); }
+int Send_buffer::append_UINT32(unsigned int v) { return append(*this, v); }
+int Send_buffer::append_INT64(long long v) { return append(*this, v); }
+int Send_buffer::append_UINT64(unsigned long long v) { return append(*this, v); }
+int Send_buffer::append_FLOAT(float v) { return append(*this, v); }
+int Send_buffer::append_DOUBLE(double v) { return append(*this, v); }
 
 bool Receive_buffer::pop_BOOL(bool& v) {
     unsigned char byte;
@@ -102,15 +101,15 @@ bool Receive_buffer::pop_BOOL(bool& v) {
 }
 bool Receive_buffer::pop_CHAR(char& v) { return pop_UINT8(reinterpret_cast<unsigned char&>(v)); }
 bool Receive_buffer::pop_INT8(signed char& v) { return pop_UINT8(reinterpret_cast<unsigned char&>(v)); }
-bool Receive_buffer::pop_UINT8(unsigned char& v) { return pop_with(*this, &Binary_message::get_uint8, v); }
-bool Receive_buffer::pop_INT16(short& v) { return pop_with(*this, &Binary_message::get_int16_le, v); }
-bool Receive_buffer::pop_UINT16(unsigned short& v) { return pop_with(*this, &Binary_message::get_uint16_le, v); }
-bool Receive_buffer::pop_INT32(int& v) { return pop_with(*this, &Binary_message::get_int32_le, v); }
-bool Receive_buffer::pop_UINT32(unsigned int& v) { return pop_with(*this, &Binary_message::get_uint32_le, v); }
-bool Receive_buffer::pop_INT64(long long& v) { return pop_with(*this, &Binary_message::get_int64_le, v); }
-bool Receive_buffer::pop_UINT64(unsigned long long& v) { return pop_with(*this, &Binary_message::get_uint64_le, v); }
-bool Receive_buffer::pop_FLOAT(float& v) { return pop_with(*this, &Binary_message::get_float, v); }
-bool Receive_buffer::pop_DOUBLE(double& v) { return pop_with(*this, &Binary_message::get_double, v); }
+bool Receive_buffer::pop_UINT8(unsigned char& v) { return pop(*this, v); }
+bool Receive_buffer::pop_INT16(short& v) { return pop(*this, v); }
+bool Receive_buffer::pop_UINT16(unsigned short& v) { return pop(*this, v); }
+bool Receive_buffer::pop_INT32(int& v) { return pop(*this, v); }
+bool Receive_buffer::pop_UINT32(unsigned int& v) { return pop(*this, v); }
+bool Receive_buffer::pop_INT64(long long& v) { return pop(*this, v); }
+bool Receive_buffer::pop_UINT64(unsigned long long& v) { return pop(*this, v); }
+bool Receive_buffer::pop_FLOAT(float& v) { return pop(*this, v); }
+bool Receive_buffer::pop_DOUBLE(double& v) { return pop(*this, v); }
 
 bool Receive_buffer::struct_start() const { return remaining > 0 && *position == '{'; }
 bool Receive_buffer::struct_finish() const { return remaining > 0 && *position == '}'; }

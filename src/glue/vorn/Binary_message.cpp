@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "glue/vorn/Binary_message.h"
-#include "platform/ieee754.h"
 #include "util/Debug_base.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"
+#include "util/bytes.h"
 #include <algorithm>
 #include <cstring>
 
@@ -13,9 +13,7 @@ enum Order { little, big };
 
 template <class T, Order order, unsigned width>
 T load(const unsigned char* p) {
-    uint64_t value = 0;
-    for (unsigned i = 0; i < width; ++i) value = value << 8 | p[order == big ? i : width - 1 - i];
-    return static_cast<T>(value);
+    return order == big ? Util::from_big_endian<T, width>(p) : Util::from_little_endian<T, width>(p);
 }
 
 template <class T, Order order, unsigned width = sizeof(T)>
@@ -37,11 +35,10 @@ T get24(const Binary_message& m, uint32_t offset, int number) {
 
 template <Order order, class T, unsigned width = sizeof(T)>
 void put(Binary_message& m, uint32_t offset, T value) {
-    unsigned char* p = m.data + offset;
-    uint64_t rest = static_cast<uint64_t>(value);
-    for (unsigned i = 0; i < width; ++i, rest >>= 8) {
-        p[order == little ? i : width - 1 - i] = static_cast<unsigned char>(rest);
-    }
+    if (order == big)
+        Util::to_big_endian<T, width>(value, m.data + offset);
+    else
+        Util::to_little_endian<T, width>(value, m.data + offset);
 }
 
 } // namespace
@@ -71,10 +68,10 @@ int32_t Binary_message::get_int24_be(uint32_t offset) const { return get24<int32
 uint32_t Binary_message::get_uint24_be(uint32_t offset) const { return get24<uint32_t, big>(*this, offset, 610); }
 
 double Binary_message::get_double(uint32_t offset) const {
-    return check(*this, offset, 8, 52) ? bytes_to_double_ieee754(data + offset) : 0.0;
+    return check(*this, offset, 8, 52) ? Util::from_little_endian<double>(data + offset) : 0.0;
 }
 float Binary_message::get_float(uint32_t offset) const {
-    return check(*this, offset, 4, 42) ? bytes_to_float_ieee754(data + offset) : 0.0f;
+    return check(*this, offset, 4, 42) ? Util::from_little_endian<float>(data + offset) : 0.0f;
 }
 
 void Binary_message::set_int8(uint32_t offset, int8_t value) { put<little>(*this, offset, value); }
@@ -98,8 +95,8 @@ void Binary_message::set_uint32_be(uint32_t offset, uint32_t value) { put<big>(*
 void Binary_message::set_int64_be(uint32_t offset, int64_t value) { put<big>(*this, offset, value); }
 void Binary_message::set_uint64_be(uint32_t offset, uint64_t value) { put<big>(*this, offset, value); }
 
-void Binary_message::set_double(uint32_t offset, double value) { double_to_bytes_ieee754(value, data + offset); }
-void Binary_message::set_float(uint32_t offset, float value) { float_to_bytes_ieee754(value, data + offset); }
+void Binary_message::set_double(uint32_t offset, double value) { put<little>(*this, offset, value); }
+void Binary_message::set_float(uint32_t offset, float value) { put<little>(*this, offset, value); }
 
 const char* Binary_message::get_string(uint32_t offset, uint32_t maxlen) const {
     if (uint64_t(offset) + maxlen >= size) return "";
