@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "glue/diner/Diner_info_list.h"
+#include "glue/jin/JIN_inbox.h"
+#include "glue/jin/JIN_memory_bus.h"
+#include "support/Manual_clock.h"
+#include <cstdio>
+#include <string>
+
+/// "FECA 03>FF 6: D2 04 1F"
+inline std::string text_of_message(const JIN_message& m) {
+    char text[32];
+    snprintf(text, sizeof text, "%04X %02X>%02X %d:", m.pgn, m.source, m.destination, m.priority);
+    std::string all = text;
+    for (uint32_t i = 0; i < m.size; ++i) {
+        snprintf(text, sizeof text, " %02X", m.data[i]);
+        all += text;
+    }
+    return all;
+}
+
+/// What came in, one message after the other.
+inline std::string take_all(JIN_inbox& inbox) {
+    JIN_grow_message m;
+    std::string all;
+    while (inbox.receive(m)) all += (all.empty() ? "" : ", ") + text_of_message(m);
+    return all;
+}
+
+/// A message whose bytes are given as text.
+inline JIN_grow_message message(uint32_t pgn, const std::string& bytes, uint8_t to = JIN::global, uint8_t from = 254) {
+    JIN_grow_message m(pgn);
+    m.append(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    m.destination = to;
+    m.source = from;
+    return m;
+}
+
+inline JIN_grow_message claim_of(JIN_name name, uint8_t from) {
+    JIN_grow_message m(JIN::pgn_address_claimed);
+    m.resize(JIN_name::num_bytes);
+    name.to_bytes(m.data);
+    m.source = from;
+    return m;
+}
+
+/// A waiter, and the events that reached it.
+class Listener {
+public:
+    Listener() { waiter.init(&Diner_info_list::get()); }
+    /// Their ids, as "1 2".
+    std::string events() {
+        waiter_event e;
+        std::string all;
+        while (waiter.get_event(&e, Atime(false)) == 0) all += (all.empty() ? "" : " ") + std::to_string(e.id);
+        return all;
+    }
+    waiter_descriptor waiter;
+};
+
+/// A node with what it is told. Its inbox takes all.
+class Test_node {
+public:
+    Test_node(JIN_memory_bus& bus, JIN_name name, uint8_t preferred, JIN_inbox::Reach reach = JIN_inbox::for_this_node)
+        : stack(bus, Diner_info_list::get(), name, preferred), inbox(stack, nullptr, {}, 1 << 16, reach) {
+        stack.register_waiter(&told.waiter);
+    }
+    /// -1: none
+    int address() const {
+        uint8_t a;
+        return stack.address(a) ? a : -1;
+    }
+    std::string received() { return take_all(inbox); }
+    std::string events() { return told.events(); }
+    int send(const JIN_message& m) { return stack.send(m); }
+
+    Listener told;
+    JIN_memory_bus::Node stack;
+    JIN_inbox inbox;
+};
