@@ -5,6 +5,7 @@
 #include "util/Lock_order.h"
 #include "util/assertion.h"
 #include "util/tsan.h"
+#include <QThread>
 
 static constexpr int round_ms = 500;
 /// The failed round with this number is the last: the thread would wait for ever.

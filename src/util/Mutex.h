@@ -2,8 +2,8 @@
 #pragma once
 #include "util/api.h"
 #include <QMutex>
-#include <QThread>
 #include <atomic>
+#include <qnamespace.h>
 
 /// The library's lock: a non-recursive QMutex that knows its owner and reports a suspected deadlock.
 /// Works with std::lock_guard and std::unique_lock.

@@ -2,6 +2,7 @@
 #pragma once
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
+#include "platform/Task.h"
 #include "support/wait_until.h"
 #include <atomic>
 #include <functional>

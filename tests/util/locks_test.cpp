@@ -5,6 +5,7 @@
 #include "util/Lock_order.h"
 #include "util/Mutex.h"
 #include "util/Semaphore.h"
+#include <QThread>
 #include <climits>
 #include <gtest/gtest.h>
 #include <mutex>

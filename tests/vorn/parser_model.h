@@ -3,6 +3,7 @@
 #include "glue/vorn/Vorn_parser.h"
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <random>
 #include <string>
 #include <vector>

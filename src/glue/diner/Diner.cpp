@@ -2,6 +2,7 @@
 #include "glue/diner/Diner.h"
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_selector.h"
+#include "platform/Task.h"
 #include "util/Bugger.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"

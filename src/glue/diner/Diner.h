@@ -4,13 +4,13 @@
 #include "glue/diner/Timeout_manager.h"
 #include "glue/diner/module_man.h"
 #include "glue/diner/waiter_descriptor.h"
-#include "platform/Task.h"
 #include "util/Mutex.h"
 #include "util/api.h"
 #include "util/avl_bstree.h"
 #include <atomic>
 
 class Diner_selector;
+class Task;
 template <class D>
 class Diner_protection;
 

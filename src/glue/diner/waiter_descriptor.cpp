@@ -3,6 +3,7 @@
 #include "util/Debug_print.h"
 #include "util/tsan.h"
 #include <QCoreApplication>
+#include <QEvent>
 #include <algorithm>
 #include <climits>
 #include <mutex>
@@ -16,9 +17,9 @@ waiter_descriptor::~waiter_descriptor() {
     _enabled = false;
 }
 
-int waiter_descriptor::init(module_man* mm) { return init(mm, nullptr, QEvent::None); }
+int waiter_descriptor::init(module_man* mm) { return init(mm, nullptr, 0); }
 
-int waiter_descriptor::init(module_man* mm, QObject* target, QEvent::Type type) {
+int waiter_descriptor::init(module_man* mm, QObject* target, int type) {
     std::lock_guard<Mutex> lock(_mutex);
     _modules = mm;
     _target = target;
@@ -31,7 +32,7 @@ int waiter_descriptor::init(module_man* mm, QObject* target, QEvent::Type type) 
 void waiter_descriptor::deinit() {
     std::lock_guard<Mutex> lock(_mutex);
     _target = nullptr;
-    _type = QEvent::None;
+    _type = 0;
     _initialised = false;
 }
 
@@ -187,7 +188,7 @@ bool waiter_descriptor::is_queued(const waiter_event& e) const {
 /// nothing is posted to a target once deinit() has returned.
 void waiter_descriptor::give_mirrored_token() {
     _tokens.give();
-    auto* const event = new QEvent(_type);
+    auto* const event = new QEvent(static_cast<QEvent::Type>(_type));
     Util::tsan::release(_target);
     QCoreApplication::postEvent(_target, event);
 }

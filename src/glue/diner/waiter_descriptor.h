@@ -6,7 +6,6 @@
 #include "util/Mutex.h"
 #include "util/api.h"
 #include "util/atime.h"
-#include <QEvent>
 #include <atomic>
 #include <cstdint>
 
@@ -28,9 +27,9 @@ public:
 
     /// Accept posts from now on; nodes come from `mm`, which outlives this waiter. 0.
     int init(module_man* mm);
-    /// The same; every token is mirrored as a new QEvent of `type` posted to `target`, so that a Qt loop wakes as well.
-    /// The target outlives the waiter or deinit() is called first.
-    int init(module_man* mm, QObject* target, QEvent::Type type);
+    /// The same; every token is mirrored as a new QEvent of `type`, a QEvent::Type, posted to `target`, so that a Qt
+    /// loop wakes as well. The target outlives the waiter or deinit() is called first.
+    int init(module_man* mm, QObject* target, int type);
     /// Drop posts from now on and forget the Qt target.
     void deinit();
     /// Posts to a disabled waiter are dropped and succeed.
@@ -77,7 +76,7 @@ private:
     std::atomic<bool> _initialised{false};
     module_man* _modules = nullptr;
     std::atomic<QObject*> _target{nullptr};
-    QEvent::Type _type = QEvent::None;
+    int _type = 0; ///< of those events: a QEvent::Type, whose header is large
     [[maybe_unused]] char _apart[64];
 
     mutable Mutex _mutex;               ///< guards what was posted lately and the flags above
