@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diagnostics/Diagnostics.h"
+#include "glue/diagnostics/Diagnostics_bus.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/diner/module_man.h"
 #include "glue/vorn/Vorn_parser.h"
@@ -32,8 +33,8 @@ Debug_print_diagnostic_history& echo() {
 
 } // namespace
 
-Diagnostics::Diagnostics(const char* base_name, unsigned max_file_bytes)
-    : _enabled(strlen(base_name) <= longest_base_name), _max_file_bytes(max_file_bytes) {
+Diagnostics::Diagnostics(const char* base_name, unsigned max_file_bytes, unsigned max_codes)
+    : _codes(max_codes), _enabled(strlen(base_name) <= longest_base_name), _max_file_bytes(max_file_bytes) {
     snprintf(_base_name, sizeof _base_name, "%s", base_name);
     if (!_enabled)
         Debug_print::bprint("Diagnostics: base name %s is longer than %d characters\n", base_name, longest_base_name);
@@ -48,8 +49,9 @@ int Diagnostics::init(module_man& mm, Diner_selector* s, int thread_priority) {
     return init(mm, s, Descriptor("DIAG", 0), thread_priority, 256, false, false);
 }
 
-/// A stop has dropped the timeout of a replay that was going on.
+/// A stop has dropped the timeouts: of a replay that was going on, and those of the codes.
 void Diagnostics::diner_start() {
+    submit_timeout(_pass, Atime::now());
     if (_enabled) waiter.send_event(waiter_event(_module_id, event_resume, 0), false, true);
 }
 
@@ -68,20 +70,19 @@ bool Diagnostics::log_error(unsigned char src, unsigned short a, unsigned short 
 }
 
 void Diagnostics::handle_event(waiter_event& event) {
+    if (_bus && _bus->handle(event)) return pass();
     if (event.module_id != _module_id) return;
+    const auto words = static_cast<unsigned>(event.data);
     if (event.id != event_resume)
-        store(event);
+        store(static_cast<unsigned char>(event.id), static_cast<unsigned short>(words),
+              static_cast<unsigned short>(words >> 16), Atime::now());
     else if (_current && !submitted(_current->timeout))
         submit_timeout(_current->timeout, Atime::now());
 }
 
-void Diagnostics::store(const waiter_event& event) {
-    const Atime now = Atime::now();
-    const auto words = static_cast<unsigned>(event.data);
+void Diagnostics::store(unsigned char src, unsigned short a, unsigned short b, const Atime& when) {
     unsigned char record[record_size];
-    Diagnostics_messages::build_SP(record, static_cast<unsigned char>(event.id), static_cast<unsigned short>(words),
-                                   static_cast<unsigned short>(words >> 16), static_cast<unsigned>(now.time),
-                                   now.millitm);
+    Diagnostics_messages::build_SP(record, src, a, b, static_cast<unsigned>(when.time), when.millitm);
     record[Msg_SP::size_total] = '\n';
 
     if (PCFile_data_stream::mounted() && append(record)) {
@@ -229,7 +230,12 @@ bool Diagnostics::_request_history(Diagnostic_history* sink) {
 }
 
 void Diagnostics::handle_timeout(Timeout& t) {
-    if (_current && &t == &_current->timeout) process_history();
+    if (_current && &t == &_current->timeout) return process_history();
+    if (&t == &_save) {
+        save();
+    } else if (&t == &_pass || (_bus && _bus->handle(t))) {
+        pass();
+    }
 }
 
 void Diagnostics::resume_later() { submit_timeout(_current->timeout, resume_ms); }

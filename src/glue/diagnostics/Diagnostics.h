@@ -1,14 +1,28 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/NV_store/Safe_file.h"
 #include "glue/data_stream/PCFile_data_stream.h"
 #include "glue/diagnostics/Diagnostic_history.h"
+#include "glue/diagnostics/Request_answers.h"
+#include "glue/diagnostics/Trouble_codes.h"
 #include "glue/diner/Diner_protection.h"
 #include "util/api.h"
 #include <atomic>
 #include <functional>
+#include <memory>
+#include <string>
 
+class Diagnostics_bus;
+class JIN_stack;
 class Vorn_parser;
 
+/// The trouble-code manager: knows which faults are there and which were, tells the machine's bus, keeps them over a
+/// power cut, and keeps their history.
+///
+///     set_active() -> Trouble_codes -> history files
+///                                   -> file of codes, 5 s later
+///                                   -> DM1 and answers, Diagnostics_bus -> JIN_stack
+///
 /// Keeps the history of error events in ten rotating files of the flash store, "BASE0.dat" to "BASE9.dat", and replays
 /// it.
 ///
@@ -29,8 +43,9 @@ public:
     enum Event { event_lost = 1 };
 
     /// `base_name` is copied; with more than 26 characters the history is off and says so. `max_file_bytes` [bytes]
-    /// bounds a file.
-    explicit Diagnostics(const char* base_name, unsigned max_file_bytes = 4096);
+    /// bounds a file. `max_codes` is the room for trouble codes, about 100 bytes each.
+    explicit Diagnostics(const char* base_name, unsigned max_file_bytes = 4096,
+                         unsigned max_codes = Trouble_code_table::default_capacity);
     ~Diagnostics() override;
 
     using Diner::init;
@@ -41,6 +56,42 @@ public:
     /// itself. Before the first start it waits for that. False when it was refused: the history is off, the manager is
     /// not initialised or stopped, or its queue is full.
     bool log_error(unsigned char src, unsigned short a, unsigned short b);
+    // ---- trouble codes. Any thread, no handler is waited for, no allocation; before the first start too.
+
+    /// The condition of a code is there, or gone. Each change is recorded in the history: the second word is the SPN's
+    /// bits 0 to 15; of the first word the low byte is the code's third byte on the bus, the high byte the count, with
+    /// bit 7 set when the code went inactive. Results as in Trouble_codes.
+    bool set_active(uint32_t spn, unsigned fmi, Lamp lamp = {});
+    bool set_inactive(uint32_t spn, unsigned fmi);
+    /// What DM11 and DM3 ask for. An active code whose condition is set comes back within a second.
+    void clear_active();
+    void clear_previous();
+    /// For looking at them.
+    const Trouble_codes& codes() const { return _codes; }
+
+    /// Keep the codes in this file: they are saved 5 s after a change, and loaded now, all as previously active with
+    /// their counts. Once, before start(). Of a damaged file the generation before it is taken; when there is no good
+    /// one, the table stays empty and a code says so until it is cleared: SPN 524286, FMI 2, a number of the makers'.
+    NV_store::Safe_result keep_codes_in(const char* path);
+    /// Save now, as before the machine is switched off. Takes the manager's lock, blocks as long as the medium takes.
+    NV_store::Safe_result save_codes();
+    static constexpr int save_ms = 5000;        ///< [ms] from a change to its saving
+    static constexpr int save_retry_ms = 60000; ///< [ms] after a save that failed
+    static constexpr uint32_t spn_memory_lost = 524286;
+    static constexpr unsigned fmi_memory_lost = 2;
+
+    // ---- bus
+
+    /// Speak on this bus, which outlives the manager. Once, after init(), before start().
+    void attach(JIN_stack& stack, Trouble_code_messages::Mode mode = Trouble_code_messages::Mode::iso);
+    /// Also answer requests for another PGN; see Request_answers. The handler runs on the manager's thread with its
+    /// lock held. These three take the lock; handlers do not call them.
+    bool set_answer(uint32_t pgn, Request_answers::Kind kind, Request_answers::Handler handler);
+    void remove_answer(uint32_t pgn);
+    /// Whether requests for PGNs that nobody has named here are refused, as they are at first. One part of a program
+    /// that listens to requests should do so.
+    void set_refuses_others(bool on);
+
     /// Replay the history into `sink`: false when one is running, `sink` is null or in use by another manager, or the
     /// history is off. Takes the lock; from a handler of the manager use _request_history(). A sink that wants another
     /// replay asks from an event of its own: until its hooks have returned it is refused.
@@ -52,7 +103,7 @@ public:
     void set_lost_waiter(waiter_descriptor* w) { _lost_waiter = w; }
     short module_id() const { return _module_id; }
     unsigned records_written() const { return _written; }
-    unsigned records_lost() const { return _lost; }
+    unsigned records_lost() const { return _lost + _codes.changes_lost(); }
     int current_file() const { return _write_file; } ///< number of the file being written
     static int inc_file_num(int n) { return (n + 1) % num_files; }
     /// The file being written: the one that is there while the one behind it is not. None there: 0. When several look
@@ -78,7 +129,11 @@ private:
     bool exists(int n) const { return PCFile_data_stream::exists(file_name(n).text); }
     void find_current_file();
     unsigned newest_record(int n, unsigned& bytes);
-    void store(const waiter_event& event);
+    void store(unsigned char src, unsigned short a, unsigned short b, const Atime& when);
+    void wake();
+    void pass();
+    void store_changes();
+    NV_store::Safe_result save();
     bool append(const unsigned char* record);
     bool write(const unsigned char* bytes, unsigned n);
     bool make_room(unsigned n);
@@ -88,6 +143,15 @@ private:
     Progress process_history(Vorn_parser& parser);
     void resume_later();
     void finish_replay();
+
+    Trouble_codes _codes;
+    Request_answers _answers;
+    std::unique_ptr<Diagnostics_bus> _bus;
+    std::string _codes_file;         ///< empty: they are not kept
+    bool _unsaved = false;           ///< changes were not saved yet
+    bool _save_failed = false;       ///< the last save did, and that was said
+    std::atomic<bool> _awake{false}; ///< the pass below is submitted, or about to run
+    Timeout _pass, _save;
 
     char _base_name[longest_base_name + 1];
     bool _enabled;
