@@ -162,8 +162,39 @@ TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
     const Block elsewhere = block, old{};
     items.told.clear();
     EXPECT_FALSE(items.root.signal_update(&elsewhere, &old, sizeof old)) << "not the live block";
+    EXPECT_FALSE(items.label.signal_update(&block, &old, offsetof(Block, label))) << "up to it";
     head.event_signal(&block, &old, 0, -1, nullptr); // no bytes
     EXPECT_TRUE(items.told.empty());
+    // A copy may begin before the item and inside it.
+    EXPECT_TRUE(items.label.signal_update(&block, &old, offsetof(Block, label) + 1));
+    EXPECT_TRUE(items.engine.signal_update(&block.engine.load, &old.engine.load, sizeof(float)));
+    EXPECT_EQ(items.told, "label1 engine1 ");
+}
+
+TEST_F(Lookup, Change_scan_goes_by_the_addresses_that_items_have_now) {
+    struct Movable : CDS::Lookup_basic<short> {
+        explicit Movable(CDS::Lookup_struct& p) : Lookup_basic(p) { p.add_item(*this); }
+        const void* data_address() const override { return ++asked, value; }
+        unsigned int data_size() const override { return ++asked, static_cast<unsigned>(sizeof *value); }
+        void move(short& place) { value = &place; }
+        mutable int asked = 0;
+    };
+    struct {
+        short first, middle[2], last;
+    } now{1, {2, 3}, 4}, old{1, {2, 0}, 4};
+    CDS::Root root(head, "root", now);
+    CDS::Value<short> first(root, "first", now.first);
+    Movable movable(root);
+    CDS::Value<short> last(root, "last", now.last);
+    root.finish();
+    EXPECT_EQ(movable.asked, 0) << "it has no place yet";
+    movable.move(now.middle[0]);
+    root.finish();
+    movable.move(now.middle[1]);
+    Told told("movable", items.told);
+    movable.update_listener = &told;
+    EXPECT_TRUE(root.signal_update(&now, &old, sizeof now));
+    EXPECT_EQ(items.told, "movable1 ");
 }
 
 TEST(Compare, Finds_the_first_difference) {

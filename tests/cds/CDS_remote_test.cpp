@@ -52,6 +52,8 @@ TEST(Receive_buffer, Reads_headers_and_nothing_when_it_is_short) {
     EXPECT_EQ(in.remaining, 1);
     EXPECT_FALSE(in.pop_one()); // the zero behind it
     EXPECT_FALSE(in.field_sep() || in.struct_start() || in.struct_finish() || in.pop_one());
+    EXPECT_TRUE(Receive_buffer("{", 0).struct_start() && Receive_buffer("}", 0).struct_finish());
+    EXPECT_TRUE(Receive_buffer(",", 0).field_sep()) << "the byte alone decides";
     for (const char* bad : {"25-1a:x", "25:", ":1a:x", "zz:1:x", ""}) {
         Receive_buffer broken(bad, static_cast<int>(strlen(bad)));
         EXPECT_FALSE(broken.pop_item(type, id, name_length) || broken.position != bad) << bad;

@@ -34,6 +34,11 @@ TEST(Data_item, Identifiers_are_exhausted_once_and_a_structure_description_is_a_
     EXPECT_EQ(child.err, "Lookup IDs are exhausted, time to move to 24 bit IDs\nWHY CALL ME\n");
 }
 
+TEST(Serial_ret, An_identifier_is_a_result) {
+    const Data_item::Serial_ret stopped = static_cast<unsigned short>(12);
+    EXPECT_TRUE(stopped.fail() && stopped.stop() == 12 && !stopped.next_set());
+}
+
 template <class T>
 std::string written(T value) {
     char text[32];

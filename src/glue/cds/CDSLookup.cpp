@@ -130,7 +130,7 @@ void Lookup_item::notify_cds(const void* address, unsigned int size) { root()->n
 bool Lookup_item::signal_update(const void* new_copy, const void* old_copy, unsigned int size) {
     // The scan moves by addresses, so bytes that are not this item's own would be compared at wild places.
     const auto at = reinterpret_cast<uintptr_t>(new_copy), own = reinterpret_cast<uintptr_t>(data_address());
-    if (at < own || at - own >= data_size()) return false;
+    if (at < own ? own - at >= size : at - own >= data_size()) return false;
     Compare compare(new_copy, old_copy, size);
     return _signal_update(compare);
 }
@@ -290,6 +290,7 @@ void Lookup_struct::index_children() {
     _by_end.reserve(static_cast<size_t>(children.size()));
     const unsigned char* end = nullptr;
     for (Lookup_item& child : children) {
+        if (!child.fixed_extent) return _by_end.clear();
         const auto start = static_cast<const unsigned char*>(child.data_address());
         if (std::less<>()(start, end)) return _by_end.clear();
         end = start + child.data_size();

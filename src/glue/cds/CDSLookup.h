@@ -73,8 +73,8 @@ public:
     /// Signal a change of these bytes through the root's head, without old contents. The caller holds the head's lock.
     void notify_cds(const void* address, unsigned int size);
     /// Tell the listeners of everything that differs between the live bytes and a copy of them from before; true when
-    /// something did. `new_copy` is the live block at an item's bytes; elsewhere nothing is scanned and the result is
-    /// false.
+    /// something did. `new_copy` is in the live block; when none of its bytes are this item's, nothing is scanned and
+    /// the result is false.
     bool signal_update(const void* new_copy, const void* old_copy, unsigned int size);
 
 protected:
@@ -84,6 +84,11 @@ protected:
     const char* name = "";
     const char* comment = "";
     Lookup_struct* parent;
+
+    friend class Lookup_struct;
+    /// data_address() and data_size() have said the same since the item joined its parent, and always will: a change
+    /// scan then passes it over without asking. For concrete classes, whose constructors set it.
+    bool fixed_extent = false;
 };
 
 /// One value of type T inside the block.
@@ -178,7 +183,8 @@ private:
     void index_children();
 
     /// For the change scan, which so finds the children that changed without asking the others. Made by set_minmax();
-    /// empty while there are children that do not stand in block order, or that were added later.
+    /// empty while there are children whose extent is not fixed, that do not stand in block order, or that were added
+    /// later.
     std::vector<Extent> _by_end;
 };
 

@@ -76,6 +76,7 @@ public:
         this->set_comment(item_comment);
         this->set_type_name(type_name_of<T>());
         this->update_listener = listener;
+        this->fixed_extent = true;
         parent_struct.add_item(*this);
     }
     const void* data_address() const override { return this->value; }
@@ -96,6 +97,7 @@ public:
         this->set_comment(item_comment);
         this->set_type_name(type_name_of<T>());
         this->update_listener = listener;
+        this->fixed_extent = true;
         parent_struct.add_item(*this);
     }
     const void* data_address() const override { return this->elements; }

@@ -111,9 +111,9 @@ bool Receive_buffer::pop_UINT64(unsigned long long& v) { return pop(*this, v); }
 bool Receive_buffer::pop_FLOAT(float& v) { return pop(*this, v); }
 bool Receive_buffer::pop_DOUBLE(double& v) { return pop(*this, v); }
 
-bool Receive_buffer::struct_start() const { return remaining > 0 && *position == '{'; }
-bool Receive_buffer::struct_finish() const { return remaining > 0 && *position == '}'; }
-bool Receive_buffer::field_sep() const { return remaining > 0 && *position == ','; }
+bool Receive_buffer::struct_start() const { return *position == '{'; }
+bool Receive_buffer::struct_finish() const { return *position == '}'; }
+bool Receive_buffer::field_sep() const { return *position == ','; }
 
 bool Receive_buffer::pop_one() {
     if (remaining < 1) return false;

@@ -40,7 +40,7 @@ public:
 /// Reads values and descriptions.
 class KAV_API Receive_buffer {
 public:
-    /// Text handed in for pop_item() and pop_one() ends with a zero behind `length`.
+    /// Text, unlike values, ends with a zero behind `length`.
     Receive_buffer(const char* data, int length) : position(data), remaining(length) {}
 
     /// Decode the next value; false when too few bytes remain, nothing changed then.
@@ -57,7 +57,7 @@ public:
     bool pop_FLOAT(float&);
     bool pop_DOUBLE(double&);
 
-    /// Whether '{', '}' or ',' is next; they consume nothing.
+    /// Whether '{', '}' or ',' is at `position`, whatever `remaining` says; they consume nothing.
     bool struct_start() const;
     bool struct_finish() const;
     bool field_sep() const;

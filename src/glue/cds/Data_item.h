@@ -57,7 +57,7 @@ public:
     class Serial_ret {
     public:
         Serial_ret() = default;
-        explicit Serial_ret(unsigned short failed_id) : _failed(failed_id) {}
+        Serial_ret(unsigned short failed_id) : _failed(failed_id) {} ///< not explicit: an identifier is a result
 
         bool ok() const { return _failed == 0; }
         bool fail() const { return _failed != 0; }
