@@ -246,7 +246,8 @@ void Diagnostics::process_history() {
     while (_current->_start_file != _current->_end_file) {
         if (exists(_current->_start_file)) {
             Progress progress;
-            if (!read_file(_current->_start_file, progress) || progress == progress_paused) return resume_later();
+            if (!read_file(_current->_start_file, progress)) return resume_later();
+            if (progress == progress_paused) return;
         }
         _current->_start_file = inc_file_num(_current->_start_file);
         _current->_records_done = 0;
@@ -271,6 +272,7 @@ bool Diagnostics::read_file(int n, Progress& progress) {
 }
 
 Diagnostics::Progress Diagnostics::process_history(Vorn_parser& parser) {
+    if (!_current) return progress_finished;
     unsigned char packet[300];
     int number = 0; // of valid records so far
     while (const int length = parser.get_packet(packet, sizeof packet)) {
@@ -287,7 +289,9 @@ Diagnostics::Progress Diagnostics::process_history(Vorn_parser& parser) {
                                 static_cast<unsigned>(record.ms()));
         if (record.time() == 0) continue;
         _current->_output(record.src(), record.a(), record.b(), record.time(), record.ms());
-        if (!_current->check_ready()) return progress_paused;
+        if (_current->check_ready()) continue;
+        resume_later();
+        return progress_paused;
     }
     return progress_finished;
 }

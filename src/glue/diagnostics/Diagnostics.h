@@ -110,8 +110,13 @@ public:
     /// so after damage, or all are there, the one with the newest record, which `newest` [s] tells.
     static int find_current(const bool (&there)[num_files], const std::function<unsigned(int)>& newest);
 
+    enum Progress { progress_finished, progress_paused };
     /// Go on with the replay, as when its timeout fires; lock held.
     void process_history();
+    /// Hand the records of one file to the sink, but for those that it has had already; lock held. Paused when the sink
+    /// can take no more for now: its timeout is submitted, and the file is to be read again from its start. Without a
+    /// replay nothing is read and the file is finished.
+    Progress process_history(Vorn_parser& parser);
 
 protected:
     void diner_start() override;
@@ -120,7 +125,6 @@ protected:
     using Diner::handle_timeout;
 
 private:
-    enum Progress { progress_finished, progress_paused };
     struct File_name {
         char text[32];
     };
@@ -140,7 +144,6 @@ private:
     bool rotate();
     bool remove(int n);
     bool read_file(int n, Progress& progress);
-    Progress process_history(Vorn_parser& parser);
     void resume_later();
     void finish_replay();
 
