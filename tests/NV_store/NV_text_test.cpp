@@ -13,9 +13,10 @@ namespace {
 template <class T>
 using Limits = std::numeric_limits<T>;
 
-struct Own_type : NV_int32 {
-    using NV_int32::NV_int32;
-    item_type_t get_type() const override { return item_reserved; }
+/// Says that it is what it is not.
+struct Own_type : NV_int8 {
+    using NV_int8::NV_int8;
+    item_type_t get_type() const override { return item_double; }
 };
 
 /// Every type, and names that a path cannot hold.
@@ -31,28 +32,27 @@ struct Odd : NV_root {
     NV_float f{this, 8, "f", 0.1f};
     NV_double d{this, 9, "twin", -Limits<double>::infinity()};
     NV_bool b{this, 10, "twin", true};
-    NV_pointer to_twin{this, 11, "to twin"}, to_root{this, 12, "line\n"};
+    NV_pointer to_twin{this, 11, "to twin"}, none{this, 12, "line\n"};
     Own_type own{this, 13, "own"};
 };
 
 TEST(NV_text, names_each_setting_by_a_path_of_its_own) {
     Settings tree(nullptr);
     tree.set_all();
-    tree.active.set(&tree.sections.right);
+    tree.active.set(&tree.sections.left);
     EXPECT_EQ(export_text(tree), "speed=2.5\nwheel/fitted=false\nwheel/offset=7\nsections/0=10\nsections/1=20\n"
-                                 "sections/2=30\nactive=sections/2\n");
+                                 "sections/2=30\nactive=sections/0\n");
     Odd odd;
     odd.to_twin.set(&odd.b);
-    odd.to_root.set(&odd);
     EXPECT_EQ(export_text(odd), "c=228\n[1]=255\n[2]=4294967295\n[3]=-128\n[4]=-2147483648\n"
                                 "[5]=18446744073709551615\na b=-9223372036854775808\nf=0.1\n[8]=-inf\n[9]=true\n"
-                                "to twin=[9]\n[11]=/\n# own has no text form\n");
+                                "to twin=[9]\n[11]=\n# own has no text form\n");
 }
 
 TEST(NV_text, reads_back_what_it_wrote) {
     Settings from(nullptr), to(nullptr);
     from.set_all();
-    from.active.set(&from.sections.middle);
+    from.active.set(&from.sections);
     EXPECT_EQ(import_text(to, export_text(from)).values, 7);
     EXPECT_EQ(to.text(), from.text());
     std::mt19937_64 random(7);
@@ -93,6 +93,8 @@ TEST(NV_text, a_refused_text_changes_nothing_and_says_why) {
         {"sections/0=1 2", "sections/0: \"1 2\" is no number from 0 to 65535"},
         {"wheel/fitted=truly", "wheel/fitted: \"truly\" is neither true nor false"},
         {"active=wheel/none\a", "active: there is nothing at \"wheel/none?\""},
+        {"active=sections/1", "active: cannot point at \"sections/1\""},
+        {"active=/", "active: cannot point at \"/\""},
     };
     Settings tree(nullptr);
     for (const auto& [line, error] : table) {

@@ -4,10 +4,14 @@
 #include "glue/cds/CDS_remote.h"
 #include "support/capture.h"
 #include "support/child.h"
+#include "support/wait_until.h"
+#include <algorithm>
 #include <cstring>
+#include <deque>
 #include <gtest/gtest.h>
 #include <memory>
 #include <thread>
+#include <utility>
 
 using namespace NV_store;
 
@@ -69,19 +73,70 @@ TEST_F(Tree, Duplicate_identifiers_and_wild_positions_end_the_process) {
     EXPECT_NE(index.err.find("Assertion `ret != __null' failed"), std::string::npos);
 }
 
-TEST_F(Tree, Items_leave_their_parent_when_they_die) {
-    {
-        NV_uint8 extra(&tree.wheel, 99, "extra");
-        tree.active.set(&extra);
+TEST_F(Tree, Items_may_outlive_what_they_are_in) {
+    int order[] = {0, 1, 2, 3, 4};
+    do {
+        auto* const root = new NV_root(nullptr, 1, "root");
+        auto* const outer = new NV_container(root, root, 1, "outer");
+        auto* const inner = new NV_container(outer, nullptr, 1, "inner");
+        auto* const value = new NV_uint8(inner, 1, "value");
+        auto* const pointer = new NV_pointer(inner, 2, "pointer");
+        ASSERT_TRUE(pointer->set(outer));
+        NV_item* all[] = {root, outer, inner, value, pointer};
+        for (const int next : order) {
+            delete std::exchange(all[next], nullptr);
+            const bool outer_in = all[0] && all[1], inner_in = outer_in && all[2];
+            EXPECT_TRUE(!all[1] || outer->get_root() == (outer_in ? root : nullptr));
+            EXPECT_TRUE(!all[2] || inner->get_root() == (inner_in ? root : nullptr));
+            EXPECT_TRUE(!all[3] ||
+                        (value->get_root() == (inner_in ? root : nullptr) && value->set(next ^ value->get())));
+            EXPECT_TRUE(!all[4] || pointer->get() == (inner_in ? outer : nullptr));
+        }
+    } while (std::next_permutation(std::begin(order), std::end(order)));
+}
+
+TEST_F(Tree, A_branch_moves_with_everything_below) {
+    Settings other(&modules);
+    NV_container branch(40, "branch"), below(&branch, nullptr, 3, "below");
+    NV_uint8 value(&below, 1, "value");
+    NV_pointer pointer(&below, 2, "pointer");
+    value.set(1);
+    tree.wheel.add_child(&branch);
+    EXPECT_TRUE(branch.get_parent() == &tree.wheel && tree.find_data_item("wheel/branch/below/value") == &value);
+    EXPECT_NE(tree.image(NV_iterator::mode_journal_1), "") << "what was changed before it came is to be saved";
+    EXPECT_TRUE(tree.active.set(&value) && pointer.set(&tree.speed));
+    tree.remove_child(&branch); // no child of this one
+    EXPECT_TRUE(branch.get_parent() == &tree.wheel && tree.active.get() == &value);
+    tree.wheel.remove_child(&branch);
+    EXPECT_TRUE(!branch.get_parent() && !below.get_root() && !tree.active.get() && !pointer.get());
+    other.add_child(&branch);
+    EXPECT_TRUE(value.get_root() == &other && value.get_module_id(reg_item) == other.get_module_id(reg_item));
+    value.set(2);
+    EXPECT_NE(other.image(NV_iterator::mode_journal_1), "");
+    EXPECT_EQ(NV_container(nullptr, &tree, 50, "").get_module_id(reg_item), 0) << "the parent knows it";
+}
+
+TEST_F(Tree, A_pointer_takes_only_what_a_stored_path_finds_again) {
+    std::deque<NV_container> levels;
+    for (int i = 0; i < 17; ++i)
+        levels.emplace_back(i == 0 ? static_cast<NV_container*>(&tree) : &levels.back(), nullptr, 90, "level");
+    Settings other(nullptr);
+    const std::pair<NV_item*, bool> table[] = {
+        {&tree.wheel.offset, true}, {&levels[15], true}, {&tree.sections.left, true}, {&tree.sections.middle, false},
+        {&levels[16], false},       {&tree, false},      {&other.speed, false}};
+    for (const auto& [target, taken] : table) {
+        tree.active.set(nullptr);
+        EXPECT_EQ(tree.active.set(target), taken) << target->get_name();
+        const std::string image = tree.image(NV_iterator::mode_write);
+        tree.active.set(nullptr);
+        EXPECT_TRUE(tree.load(image) && tree.active.get() == (taken ? target : nullptr)) << target->get_name();
     }
-    EXPECT_EQ(tree.wheel.num_children(), 2);
-    EXPECT_EQ(tree.active.get(), nullptr) << "no pointer leads to what is gone";
-    EXPECT_FALSE(tree.active.set(std::make_unique<Settings>(nullptr).get())) << "of another tree";
-    auto container = std::make_unique<NV_container>(&tree, &tree, 50, "short-lived");
-    NV_uint8 survivor(container.get(), 1, "survivor");
-    container.reset();
-    EXPECT_TRUE(survivor.get_parent() == nullptr && survivor.set(5));
-    EXPECT_EQ(tree.find_data_item("short-lived"), nullptr);
+    EXPECT_EQ(tree.active._from_string("sections/2"), nullptr);
+    const unsigned char id[2] = {static_cast<unsigned char>(tree.get_data_id()),
+                                 static_cast<unsigned char>(tree.get_data_id() >> 8)};
+    CDS::Remote::Receive_buffer in(reinterpret_cast<const char*>(id), 2);
+    unsigned short start = 0;
+    EXPECT_TRUE(tree.active.deserialise(in, start).fail());
 }
 
 TEST_F(Tree, Text_form_is_read_back_and_cut_to_its_buffer) {
@@ -93,6 +148,7 @@ TEST_F(Tree, Text_form_is_read_back_and_cut_to_its_buffer) {
         {"{1,{true,2},{1,2},}", "refused"},
         {"{1 {true,2},{1,2,3},}", "refused"},
         {"{1,{?,2},{1,2,3},}", "refused"},
+        {"{1,{1xyz,2},{1,2,3},}", "refused"}, // only a word has a rest
         {"{1,{true,2},{1,2,3},nowhere}", "refused"},
         {"1", "refused"},
         {"{1,{true,2},{1,2,3},", "refused"}};
@@ -156,9 +212,16 @@ TEST_F(Tree, Containers_above_learn_of_a_change_and_some_only_of_forced_ones) {
     tree.wheel.offset.register_waiter(&waiter, 3, false);
     const std::pair<notify_t, const char*> table[] = {
         {notify_none, ""}, {notify_parents, ""}, {notify_waiters, "3"}, {notify_all, "31"}};
+    bool signalled = false;
+    for (NV_item* i : std::initializer_list<NV_item*>{&tree.active, &tree.wheel.offset})
+        QObject::connect(i, &NV_item::value_changed, [&] { signalled = true; });
     for (const auto& [how, who] : table) {
-        tree.wheel.offset._set(static_cast<short>(how + 5), how);
-        EXPECT_EQ(told(), who) << how;
+        EXPECT_TRUE(tree.wheel.offset._set(static_cast<short>(how + 5), how));
+        EXPECT_TRUE(tree.active._set(how % 2 ? nullptr : &tree.speed, how));
+        EXPECT_EQ(told(), who + std::string(how == notify_all ? "1" : "")) << how;
+        EXPECT_EQ(std::exchange(signalled, false), how != notify_none);
+        for (const NV_item* i : std::initializer_list<NV_item*>{&tree.active, &tree.wheel.offset})
+            EXPECT_EQ(i->get_flags(), how == notify_none ? NV_item::not_loaded : 3) << how;
     }
     EXPECT_TRUE(tree.signal_all(&tree));
     EXPECT_EQ(told(), "321") << "children before their container";
@@ -186,8 +249,20 @@ TEST_F(Tree, Registrations_take_the_lock_unless_the_caller_holds_it) {
             tree.wheel.unregister_waiter(&waiter, 5, false);
         }
     });
-    for (int i = 0; i < 200; ++i) tree.signal_all(&tree);
+    for (int i = 0; i < 200; ++i) {
+        tree.signal_all(&tree);
+        tree.wheel.offset.set(static_cast<short>(i));
+    }
     other.join();
+    EXPECT_TRUE(tree.wheel.unregister_waiter(&waiter, 1, false));
+
+    // Where nobody is registered, a long save stops no setter.
+    std::atomic<bool> set{false};
+    tree.lock();
+    std::thread setter([&] { set = tree.wheel.offset.set(-9); });
+    EXPECT_TRUE(wait_until([&] { return set.load(); }));
+    tree.unlock();
+    setter.join();
 }
 
 TEST_F(Tree, Remote_format_shows_names_as_the_parent_does_and_values_are_read_back) {

@@ -2,7 +2,6 @@
 #include "glue/NV_store/NV_container.h"
 #include "glue/NV_store/NV_path.h"
 #include "glue/NV_store/NV_root.h"
-#include "glue/NV_store/NV_scan.h"
 #include "glue/cds/Item_walk.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"
@@ -10,18 +9,17 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace NV_store {
 
 NV_container::NV_container(NV_container* parent_container, NV_root* tree, unsigned short settings_id, const char* text)
-    : NV_item(parent_container, settings_id, text), root(tree) {}
+    : NV_item(parent_container, settings_id, text), root(!tree && parent ? parent->get_root() : tree) {}
 
 NV_container::NV_container(unsigned short settings_id, const char* text)
     : NV_container(nullptr, nullptr, settings_id, text) {}
 
-NV_container::~NV_container() {
-    while (NV_item* child = children.pop()) child->parent = nullptr;
-}
+NV_container::~NV_container() { release_children(); }
 
 // ---- children
 
@@ -35,9 +33,29 @@ void NV_container::add_child(NV_item* child) {
         }
     }
     children.push(child);
+    child->parent = this;
+    // A container under construction is none yet and takes its root itself.
+    if (NV_container* container = child->as_container()) container->_set_root(root);
+    const int changed = child->flags & (changed_for_journal_1 | changed_for_journal_2);
+    for (NV_container* above = this; above; above = above->parent)
+        above->change_flags(changed, ~child->flags & not_loaded);
 }
 
-void NV_container::remove_child(NV_item* child) { children.remove(child); }
+void NV_container::remove_child(NV_item* child) {
+    if (children.remove(child) == 0) return;
+    child->parent = nullptr;
+    if (root) child->leave_tree(*root);
+}
+
+void NV_container::release_children() {
+    while (NV_item* child = children.first()) remove_child(child);
+}
+
+void NV_container::leave_tree(NV_root& tree) {
+    for (NV_item& child : children) child.leave_tree(tree);
+    NV_item::leave_tree(tree);
+    root = nullptr;
+}
 
 NV_item* NV_container::get_next_child(const NV_item* child) const {
     return child ? children.next(child) : children.first();
@@ -81,6 +99,7 @@ NV_item* NV_container::operator[](int index) const {
 }
 
 void NV_container::_set_root(NV_root* tree) {
+    if (root && root != tree) leave_tree(*root);
     root = tree;
     for (NV_item& child : children)
         if (NV_container* container = child.as_container()) container->_set_root(tree);
@@ -320,22 +339,23 @@ bool NV_container::finish_load(NV_iterator& it, Checksum_scope& checksum) {
 }
 
 bool NV_container::deserialise_unknown(NV_iterator* it) {
-    // No recursion: damaged bytes nest as deeply as they like. Deeper than a tree ever is counts as damage.
-    NV_iterator::NV_iterator_header open[Record_walk::deepest], record;
-    if (!it->pop_header(open[0]) || open[0].marker != NV_iterator::marker_start) return false;
-    for (int depth = 1; depth > 0;) {
+    // No recursion: damaged bytes nest as deeply as they like.
+    std::vector<NV_iterator::NV_iterator_header> open;
+    NV_iterator::NV_iterator_header record;
+    do {
         if (!it->peek_header(record)) return false;
-        if (record.marker == NV_iterator::marker_end) {
+        if (!open.empty() && record.marker == NV_iterator::marker_end) {
             // The checksum behind stays and is met as the next header: files of old rely on it.
-            const NV_iterator::NV_iterator_header& start = open[--depth];
+            const NV_iterator::NV_iterator_header start = open.back();
             if (record.id != start.id || record.type_byte != start.type_byte || !it->pop_header(record)) return false;
-        } else if (is_container_type(record.type_byte)) {
-            if (depth == Record_walk::deepest || !it->pop_header(open[depth])) return false;
-            if (open[depth++].marker != NV_iterator::marker_start) return false;
+            open.pop_back();
+        } else if (open.empty() || is_container_type(record.type_byte)) {
+            if (!it->pop_header(record) || record.marker != NV_iterator::marker_start) return false;
+            open.push_back(record);
         } else if (!deserialise_unknown_handoff(it)) {
             return false;
         }
-    }
+    } while (!open.empty());
     return true;
 }
 

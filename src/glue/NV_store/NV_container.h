@@ -21,13 +21,20 @@ class NV_path;
 /// released, never take a container out of it: older images hold its record, which a load cannot skip.
 class KAV_API NV_container : public NV_item {
 public:
+    /// Null for `root`: the parent's. A root that is given without a parent must not die before another one (or none)
+    /// is set: it does not know of this container.
     NV_container(NV_container* parent, NV_root* root, unsigned short id, const char* name);
     NV_container(unsigned short id, const char* name); ///< without a parent
-    ~NV_container() override;                          ///< children that are left have no parent afterwards
+    ~NV_container() override;                          ///< children that are left are removed
 
-    /// Append a child. A second child with the same settings identifier ends the process with exit(-119), except in a
-    /// container of type item_container, which holds like elements.
+    /// Append a child, which is in no container; it joins this tree with everything below it, and what is loaded or
+    /// changed there counts as such in the containers above. A second child with the same settings identifier ends the
+    /// process with exit(-119), except in a container of type item_container, which holds like elements.
+    ///
+    /// Like remove_child(): under the tree's lock when several threads use the tree. O(items below)
     void add_child(NV_item* child);
+    /// Take a child out: it has no parent then, and neither it nor anything below has a root. Pointers between them
+    /// and the tree lead nowhere afterwards, without a notification. Nothing for an item that is no child of this.
     void remove_child(NV_item* child);
     NV_item* get_next_child(const NV_item* child) const; ///< null: the first one; null at the end
     /// The item behind `item` in pre-order, a container before its children; null at the end of this container.
@@ -41,9 +48,11 @@ public:
     virtual bool children_named() const { return true; }
     /// The item at a path of settings identifiers, null when there is none.
     NV_item* follow_path(const NV_path& path);
-    /// The path from here to `item`; false when it is not below here or too deep.
+    /// The path from here to `item`; false when it is not below here or too deep. In a list with repeated identifiers
+    /// it leads to the first item that has the identifier.
     bool build_path(NV_path* path, const NV_item* item) const;
-    /// Hand the root on to everything below.
+    /// Join another tree, or none, with everything below. For a container without a parent; add_child() does it for
+    /// the others.
     void _set_root(NV_root* root);
 
     item_type_t get_type() const override { return item_struct; }
@@ -74,6 +83,8 @@ protected:
     bool load_record(NV_iterator& it, unsigned short record_id, NV_item*& last);
     bool load_child(NV_iterator& it, NV_item& child);
     bool finish_load(NV_iterator& it, Checksum_scope& checksum);
+    void leave_tree(NV_root& tree) override;
+    void release_children();
 
     NV_root* root;
     c_sl_list<NV_item> children;

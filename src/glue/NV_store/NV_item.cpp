@@ -41,9 +41,10 @@ NV_item::NV_item(NV_container* parent_container, unsigned short settings_id, con
 }
 
 NV_item::~NV_item() {
-    if (NV_root* root = get_root()) root->forget_target(this);
     if (parent) parent->remove_child(this);
 }
+
+void NV_item::leave_tree(NV_root& tree) { tree.forget_target(this); }
 
 Data_item* NV_item::find_data_item(const char* path) { return _search(path); }
 Data_item* NV_item::find_data_item(unsigned short data_id) { return data_id == get_data_id() ? this : nullptr; }
@@ -67,10 +68,7 @@ void NV_item::serialise_structure(CDS::Remote::Send_buffer& out, int) {
     out.str_append(text);
 }
 
-short NV_item::get_module_id(Reg_type r) const {
-    const NV_root* const root = get_root();
-    return root ? root->get_module_id(r) : static_cast<short>(0);
-}
+short NV_item::get_module_id(Reg_type r) const { return parent ? parent->get_module_id(r) : static_cast<short>(0); }
 
 void NV_item::lock() const {
     if (NV_root* root = get_root()) root->lock();
@@ -171,7 +169,7 @@ bool NV_item::notify_updated(bool changed, bool mark, bool force, notify_t how, 
         if (mark) flags = static_cast<unsigned char>(flags | changed_for_journal_1);
     }
     bool sent = true;
-    if (how & notify_waiters) {
+    if ((how & notify_waiters) && !waiters.empty()) {
         const Tree_guard guard(*this);
         sent = waiters.notify_updated(root, force);
     }

@@ -9,6 +9,7 @@
 namespace NV_store {
 
 class NV_container;
+class NV_pointer;
 class NV_root;
 
 /// Who is told of a change.
@@ -26,8 +27,11 @@ enum notify_t {
 /// this process and the remote format.
 ///
 /// One lock guards a tree, the root's. The caller holds it around set, get, save and load when several threads use the
-/// tree; registrations take it unless the caller holds it already. The Qt signal and the update listener are called
-/// without it being taken here.
+/// tree; registrations take it unless the caller holds it already, and so does a notification for an item (and for each
+/// container above it) that has registrations: where nobody is registered, a change takes no lock. The Qt signal and
+/// the update listener are called without it being taken here.
+///
+/// An item may outlive its parent and its tree: it is without them then, and its value stays.
 class KAV_API NV_item : public QObject, public Data_item {
     Q_OBJECT
 
@@ -41,7 +45,8 @@ public:
         not_loaded = 4             ///< neither loaded nor set: left out of a complete image
     };
 
-    /// `name` is not copied; it holds neither '/' nor ','. A parent takes the new item as its last child.
+    /// `name` is not copied; it holds neither '/' nor ','. A parent takes the new item as its last child and does not
+    /// own it.
     NV_item(NV_container* parent, unsigned short id, const char* name);
     ~NV_item() override; ///< leaves its parent
 
@@ -71,6 +76,11 @@ public:
     virtual NV_item* _search(const char* path);
     virtual NV_root* get_root() const;
     virtual NV_container* as_container() { return nullptr; }
+    virtual NV_pointer* as_pointer() { return nullptr; }
+    /// The base type of the NV_number that this is, item_root for all other classes: what a cast may rely on. An
+    /// application's own class may give any type in get_type().
+    virtual item_type_t get_number_type() const { return item_root; }
+    virtual short get_module_id(Reg_type r) const; ///< the parent's, 0 without one
 
     unsigned short get_id() const { return id; }                 ///< settings identifier
     unsigned short get_data_id() const { return Data_item::id; } ///< process-wide identifier
@@ -81,7 +91,6 @@ public:
     NV_container* get_parent() const { return parent; }
     /// The name as the parent shows it: the position in an indexed container, else the name. Cut to `size` [bytes].
     void get_path_name(char* buffer, int size) const;
-    short get_module_id(Reg_type r) const;
 
     void lock() const; ///< the tree's lock; nothing without a root
     void unlock() const;
@@ -120,6 +129,8 @@ protected:
     bool wanted(const NV_iterator& it, bool& valid) const;
     void saved() { flags = static_cast<unsigned char>(flags & ~(changed_for_journal_1 | changed_for_journal_2)); }
     void loaded() { flags = static_cast<unsigned char>(flags & ~not_loaded); }
+    /// Go out of a tree, with everything below: no pointer leads across the cut afterwards.
+    virtual void leave_tree(NV_root& tree);
 
     unsigned char flags = not_loaded;
     const char* name;

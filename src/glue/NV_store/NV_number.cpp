@@ -4,20 +4,23 @@
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/CDS_remote_values.h"
 #include "glue/cds/Data_item_text.h"
-#include <cctype>
+#include <cstring>
 #include <type_traits>
 
 namespace NV_store {
+
+static constexpr const char* letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+
 template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::_set(T v, notify_t how) {
     const bool changed = v != _value;
     _value = v;
-    return !changed || notify_updated(true, how);
+    return !changed || how == notify_none || notify_updated(true, how);
 }
 
 template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::set(const NV_item& other) {
-    if (other.get_type_byte() != get_type_byte()) return false;
+    if (other.get_number_type() != type || other.get_type_byte() != get_type_byte()) return false;
     return set(static_cast<const NV_number&>(other).get());
 }
 
@@ -93,10 +96,8 @@ const char* NV_number<T, type>::_from_string(const char* text) {
     T value{};
     const char* end = Data_item_destringify<T>(&value).from_string(text);
     if (!end) return nullptr;
-    if constexpr (std::is_same_v<T, bool>) {
-        // The adaptor takes one letter of "true"; a container reads on behind the word.
-        while (isalpha(static_cast<unsigned char>(*end))) ++end;
-    }
+    // The adaptor takes one letter of "true"; a container reads on behind the word.
+    if (std::is_same_v<T, bool> && strchr("FNTYfnty", *text)) end += strspn(end, letters);
     set(value);
     return end;
 }

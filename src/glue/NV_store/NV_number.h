@@ -15,11 +15,13 @@ public:
     T get() const { return _value; } ///< 64-bit values on the board: under lock() when another thread may set them
     /// True when everybody concerned was told, or the value is the same.
     bool set(T v) { return _set(v, notify_all); }
-    bool set(const NV_item& other); ///< take over another's value; false when its type differs
+    bool set(const NV_item& other); ///< take over another's value; false when its class or type differs
+    /// With notify_none the value alone is stored: nothing counts as changed or loaded, and nobody is told.
     bool _set(T v, notify_t how);
     T get_default() const { return _default; }
 
     item_type_t get_type() const override { return type; }
+    item_type_t get_number_type() const final { return type; }
     void _print(Debug::Dumper& dumper) const override;
     Serial_ret serialise(CDS::Remote::Send_buffer& out, unsigned short& start_id) override;
     Serial_ret deserialise(CDS::Remote::Receive_buffer& in, unsigned short& start_id) override;

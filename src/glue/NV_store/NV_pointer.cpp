@@ -21,11 +21,23 @@ void NV_pointer::point_at(NV_item* target) {
     if (_listed_at) _listed_at->add_pointer(this);
 }
 
+void NV_pointer::leave_tree(NV_root& tree) {
+    point_at(nullptr);
+    NV_item::leave_tree(tree);
+}
+
+bool NV_pointer::can_point_at(const NV_item* target) const {
+    if (!target) return true;
+    NV_root* const root = get_root();
+    NV_path path;
+    return root && target != root && root->build_path(&path, target) && root->follow_path(path) == target;
+}
+
 bool NV_pointer::_set(NV_item* target, notify_t how) {
-    if (target && (!get_root() || target->get_root() != get_root())) return false;
+    if (!can_point_at(target)) return false;
     const bool changed = target != _target;
     if (changed) point_at(target);
-    return notify_updated(changed, how);
+    return how == notify_none || notify_updated(changed, how);
 }
 
 bool NV_pointer::set_default(bool) {
@@ -39,7 +51,7 @@ bool NV_pointer::serialise(NV_iterator* it) {
     bool valid;
     if (!wanted(*it, valid)) return valid;
     NV_path path;
-    if (_target && get_root()) get_root()->build_path(&path, _target);
+    if (_target) get_root()->build_path(&path, _target); // set() takes only what has one
     if (!it->push_header(header(NV_iterator::marker_value)) || !path.serialise(it)) return false;
     saved();
     return true;
@@ -96,6 +108,7 @@ const char* NV_pointer::_from_string(const char* text) {
         target = get_root() ? get_root()->_search(path) : nullptr;
         if (!target) return nullptr;
     }
+    if (!can_point_at(target)) return nullptr;
     _set(target, notify_all);
     return text + n;
 }
@@ -110,9 +123,11 @@ Data_item::Serial_ret NV_pointer::deserialise(CDS::Remote::Receive_buffer& in, u
     if (!serial_action_started(start_id)) return serial_ok();
     unsigned short data_id;
     if (!in.pop_UINT16(data_id)) return serial_fail();
-    Data_item* const found = data_id && get_root() ? get_root()->find_data_item(data_id) : nullptr;
-    if (data_id && !found) return serial_fail();
-    _set(static_cast<NV_item*>(found), notify_all);
+    NV_root* const root = get_root();
+    NV_item* target = data_id ? root : nullptr;
+    while (target && target->get_data_id() != data_id) target = root->get_next_in_tree(target);
+    if ((data_id && !target) || !can_point_at(target)) return serial_fail();
+    _set(target, notify_all);
     return serial_ok();
 }
 

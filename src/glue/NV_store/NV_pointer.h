@@ -8,17 +8,22 @@ namespace NV_store {
 
 /// A setting that refers to another item of the same tree, or to none. Stored as the path from the root; as text the
 /// names joined by '/'; in the remote format the target's Data_item identifier, 0 for none. A target that is destroyed
-/// leaves none.
+/// or leaves the tree leaves none, without a notification.
 class KAV_API NV_pointer : public NV_item, public avl_bsnode {
 public:
     NV_pointer(NV_container* parent, unsigned short id, const char* name);
     ~NV_pointer() override;
 
     NV_item* get() const { return _target; } ///< null: none
-    /// True when the change was told to everybody; false as well for an item of another tree, which is not taken.
+    /// Whether a stored path finds the item: not the root itself, nothing of another tree or more than 16 levels below
+    /// the root, and of the elements of a list that share an identifier only the first. Null: yes. O(depth, siblings)
+    bool can_point_at(const NV_item* target) const;
+    /// True when the change was told to everybody; false as well, and nothing is changed, for an item that it cannot
+    /// point at.
     bool set(NV_item* target) { return _set(target, notify_all); }
-    bool _set(NV_item* target, notify_t how);
+    bool _set(NV_item* target, notify_t how); ///< with notify_none nothing counts as changed, and nobody is told
 
+    NV_pointer* as_pointer() override { return this; }
     item_type_t get_type() const override { return item_pointer; }
     void _print(Debug::Dumper& dumper) const override;
     Serial_ret serialise(CDS::Remote::Send_buffer& out, unsigned short& start_id) override;
@@ -32,6 +37,7 @@ public:
 private:
     friend class NV_root;
     void point_at(NV_item* target);
+    void leave_tree(NV_root& tree) override;
 
     NV_item* _target = nullptr;
     NV_root* _listed_at = nullptr; ///< whose pointer tree holds this

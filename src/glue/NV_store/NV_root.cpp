@@ -13,11 +13,9 @@ NV_root::NV_root(module_man* modules, unsigned short settings_id, const char* te
 }
 
 NV_root::~NV_root() {
-    while (NV_pointer* p = _pointers.first()) {
-        _pointers.remove(p);
-        p->_listed_at = nullptr;
-    }
-    root = nullptr; // children that are left have no tree any more
+    release_children(); // while there is a list of pointers that they can leave
+    while (NV_pointer* p = _pointers.first()) p->point_at(nullptr);
+    root = nullptr;
 }
 
 void NV_root::add_pointer(NV_pointer* p) { _pointers.insert(p); }

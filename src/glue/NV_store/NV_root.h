@@ -16,10 +16,10 @@ class KAV_API NV_root : public NV_container {
 public:
     /// `modules` outlives the tree; null: no events can be sent, and every registration makes notifications fail.
     NV_root(module_man* modules, unsigned short id, const char* name);
-    ~NV_root() override;
+    ~NV_root() override; ///< items that are left have no tree afterwards, and pointers lead nowhere
 
     item_type_t get_type() const override { return item_root; }
-    short get_module_id(Reg_type r) const { return r < num_reg_types ? _modules[r] : static_cast<short>(0); }
+    short get_module_id(Reg_type r) const override { return r < num_reg_types ? _modules[r] : static_cast<short>(0); }
 
     void lock() const { _mutex.lock(); }
     void unlock() const { _mutex.unlock(); }

@@ -37,7 +37,7 @@ bool is_unique(const NV_item& item) {
 
 std::string path_of(const NV_item& item) {
     const NV_container* const parent = item.get_parent();
-    if (!parent) return "/";
+    if (!parent) return "/"; // no line has it, but one from a hand may
     std::string path = parent->get_parent() ? path_of(*parent) + '/' : "";
     if (parent->children_named() && is_plain(item.get_name()) && is_unique(item)) return path + item.get_name();
     const std::string position = std::to_string(parent->get_my_index(&item));
@@ -45,6 +45,11 @@ std::string path_of(const NV_item& item) {
 }
 
 // ---- values
+
+/// The base type of a number that also says so; else item_root, which has no text form.
+Data_item::item_type_t text_type(const NV_item& item) {
+    return item.get_type() == item.get_number_type() ? item.get_type() : Data_item::item_root;
+}
 
 /// Read a value that takes the whole text; false when it does not, or is out of range.
 template <class T>
@@ -133,8 +138,8 @@ public:
 private:
     std::string take_value(NV_item& item, std::string_view text) {
         if (item.as_container()) return "is no setting but a container";
-        if (item.get_type() == Data_item::item_pointer) return take_target(static_cast<NV_pointer&>(item), text);
-        return with_base_type(item.get_type(), std::string("has a type without a text form"), [&](auto base) {
+        if (NV_pointer* pointer = item.as_pointer()) return take_target(*pointer, text);
+        return with_base_type(text_type(item), std::string("has a type without a text form"), [&](auto base) {
             typename decltype(base)::Value value{};
             if (!read_value(text, value)) return '"' + shown(text) + "\" " + range_of<decltype(value)>();
             auto& number = static_cast<typename decltype(base)::Number&>(item);
@@ -149,6 +154,7 @@ private:
             const auto found = _items.find(text);
             if (found == _items.end()) return "there is nothing at \"" + shown(text) + '"';
             target = found->second;
+            if (!pointer.can_point_at(target)) return "cannot point at \"" + shown(text) + '"';
         }
         _setters.emplace_back([&pointer, target] { pointer.set(target); });
         return "";
@@ -167,12 +173,12 @@ std::string export_text(NV_root& root) {
     for (NV_item* i = &root; i; i = root.get_next_in_tree(i)) {
         if (i->as_container()) continue;
         const std::string path = path_of(*i);
-        if (i->get_type() == Data_item::item_pointer) {
-            const NV_item* const target = static_cast<NV_pointer*>(i)->get();
+        if (const NV_pointer* pointer = i->as_pointer()) {
+            const NV_item* const target = pointer->get();
             text += path + '=' + (target ? path_of(*target) : "") + '\n';
             continue;
         }
-        text += with_base_type(i->get_type(), "# " + path + " has no text form\n", [&](auto base) {
+        text += with_base_type(text_type(*i), "# " + path + " has no text form\n", [&](auto base) {
             return path + '=' + value_text(static_cast<typename decltype(base)::Number*>(i)->get()) + '\n';
         });
     }

@@ -35,7 +35,10 @@ NV_waiter_list::~NV_waiter_list() {
     while (NV_waiter_reg* r = _regs.pop()) delete r;
 }
 
-void NV_waiter_list::add(const NV_waiter_reg& r) { _regs.push(new NV_waiter_reg(r)); }
+void NV_waiter_list::add(const NV_waiter_reg& r) {
+    _regs.push(new NV_waiter_reg(r));
+    _count.fetch_add(1, std::memory_order_acq_rel);
+}
 
 bool NV_waiter_list::exists(const NV_waiter_reg& r) const {
     for (const NV_waiter_reg& own : _regs)
@@ -47,6 +50,7 @@ bool NV_waiter_list::remove(const NV_waiter_reg& r) {
     for (NV_waiter_reg& own : _regs) {
         if (!(own == r)) continue;
         _regs.remove(&own);
+        _count.fetch_sub(1, std::memory_order_acq_rel);
         delete &own;
         return true;
     }

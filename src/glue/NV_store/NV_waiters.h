@@ -3,6 +3,7 @@
 #include "glue/diner/waiter_event.h"
 #include "util/api.h"
 #include "util/sl_list.h"
+#include <atomic>
 
 class waiter_descriptor;
 
@@ -56,6 +57,9 @@ public:
     NV_waiter_list(const NV_waiter_list&) = delete;
     NV_waiter_list& operator=(const NV_waiter_list&) = delete;
 
+    /// Nobody is registered; any thread, without the lock. What the caller wrote before is seen by whoever registers
+    /// afterwards, so that of a change and a registration at the same time one learns of the other.
+    bool empty() const { return _count.fetch_add(0, std::memory_order_acq_rel) == 0; }
     void add(const NV_waiter_reg& r);
     bool exists(const NV_waiter_reg& r) const;
     bool remove(const NV_waiter_reg& r); ///< the first that is equal; false when there is none
@@ -64,6 +68,7 @@ public:
 
 private:
     c_sl_list<NV_waiter_reg> _regs;
+    mutable std::atomic<int> _count{0}; ///< of _regs, for empty()
 };
 
 } // namespace NV_store
