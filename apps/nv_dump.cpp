@@ -6,6 +6,7 @@
 #include "glue/NV_store/NV_path.h"
 #include "glue/NV_store/NV_scan.h"
 #include "glue/NV_store/NV_values.h"
+#include <algorithm>
 #include <cstring>
 #include <getopt.h>
 #include <string>
@@ -109,7 +110,7 @@ public:
 
 private:
     unsigned char* data() { return reinterpret_cast<unsigned char*>(_bytes.data()); }
-    static void indent(int depth) { printf("%*s", 2 * depth, ""); }
+    static void indent(int depth) { printf("%*s", 2 * std::min(depth, 64), ""); } // damage nests as deeply as it likes
     Data_item::item_type_t type(Data_item::class_type_t* shape = nullptr) const {
         Data_item::class_type_t unused;
         Data_item::item_type_t type;
@@ -130,12 +131,11 @@ private:
     void print_checksum() {
         ++containers;
         indent(_walk.depth + 1);
-        const uint32_t computed = _walk.computed();
-        if (_walk.stored == computed) {
+        if (_walk.stored == _walk.computed) {
             printf("CRC %08X good\n", _walk.stored);
         } else {
             ++bad;
-            printf("CRC %08X bad, computed %08X\n", _walk.stored, computed);
+            printf("CRC %08X bad, computed %08X\n", _walk.stored, _walk.computed);
         }
     }
 

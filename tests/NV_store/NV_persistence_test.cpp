@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "NV_store/Image_builder.h"
 #include "NV_store/Settings_fixture.h"
+#include "glue/NV_store/NV_scan.h"
 #include "support/capture.h"
 #include "support/frame.h"
+#include <deque>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -104,8 +106,12 @@ TEST(NV_values, Take_over_only_values_of_their_type_and_return_to_their_default)
     }
     NV_int16 item(nullptr, 1, "item", 4), like(nullptr, 2, "like", 8);
     NV_uint16 unlike(nullptr, 3, "unlike", 8);
+    struct : NV_uint8 {
+        using NV_uint8::NV_uint8;
+        item_type_t get_type() const override { return item_int16; } // but it has one byte
+    } liar{nullptr, 4, "liar"};
     EXPECT_TRUE(item.set(like) && item.get() == 8);
-    EXPECT_FALSE(item.set(unlike));
+    EXPECT_FALSE(item.set(unlike) || item.set(liar));
     EXPECT_TRUE(item.set_default(false));
     EXPECT_TRUE(item.get() == 4 && item.get_flags() == changed);
 }
@@ -194,6 +200,8 @@ TEST(NV_containers, A_load_says_what_is_wrong) {
         early = frame(1, 99, value(9, 1, Image::little_endian(i, 4)));
     const auto skipped = [&](const std::string& records) { return frame(1, 5, records + first_5); };
     const std::string start = header(1, 1, 99), inner = value(4, 1, "x"), end = header(1, 2, 99);
+    std::string starts, ends;
+    for (int depth = 0; depth < 100; ++depth) starts += start, ends += end;
     std::string abyss; // no stack would hold a recursion
     while (abyss.size() < 4000000) abyss += start;
     const struct {
@@ -226,6 +234,7 @@ TEST(NV_containers, A_load_says_what_is_wrong) {
         {"nested", skipped(start + header(13, 1, 4) + header(13, 2, 4) + end), "", 5, 99},
         {"other end", skipped(start + inner + header(1, 2, 98)), unknown, 99, 99},
         {"end of other type", skipped(start + inner + header(13, 2, 99)), unknown, 99, 99},
+        {"nested deeply", skipped(starts + ends), "", 5, 99},
         {"nested without end", skipped(abyss), unknown, 99, 99},
         {"other start", skipped(header(1, 9, 99) + inner + end), unknown, 99, 99},
     };
@@ -240,6 +249,20 @@ TEST(NV_containers, A_load_says_what_is_wrong) {
         EXPECT_TRUE(pair.first.get() == row.first && pair.second.get() == row.second) << row.what;
         EXPECT_EQ(pair.first.get_flags(), row.first == 1 ? changed : 0) << "a load is no change, a reset is one";
     }
+}
+
+TEST(NV_containers, May_nest_as_deeply_as_they_like) {
+    NV_root root(nullptr, 1, "root");
+    std::deque<NV_container> levels;
+    for (int i = 0; i < 100; ++i)
+        levels.emplace_back(i == 0 ? static_cast<NV_container*>(&root) : &levels.back(), &root, 1, "level");
+    NV_uint8 deepest(&levels.back(), 1, "deepest");
+    deepest.set(7);
+    const std::string image = saved(root, NV_iterator::mode_write, 4096);
+    deepest.set(8);
+    int dropped = 0;
+    EXPECT_TRUE(whole_records(image, root) == image.size() && prune(image, root, dropped) == image && dropped == 0);
+    EXPECT_TRUE(load(root, image).result && deepest.get() == 7);
 }
 
 TEST(NV_containers, Unknown_records_are_skipped_by_type) {

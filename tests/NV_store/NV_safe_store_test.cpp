@@ -103,10 +103,8 @@ TEST_F(Safe_store, A_refused_file_is_kept_and_the_generation_before_is_loaded) {
     write_file(path, "x");
     EXPECT_EQ(restart(), old);
 
-    std::string deep;
-    for (int i = 0; i < 100; ++i) deep = frame(i == 99 ? 0 : 1, 1, deep);
     for (const std::string& image :
-         {frame(0, 2, ""), frame(1, 1, ""), std::string(), std::string(100, '\0'), value(8, 1, "xx"), deep,
+         {frame(0, 2, ""), frame(1, 1, ""), std::string(), std::string(100, '\0'), value(8, 1, "xx"),
           frame(0, 1, value(14, 5, bytes({17}) + std::string(34, 'x'))), frame(0, 1, value(12, 5, "x"))}) {
         write_file(path, image);
         write_file(path + ".bak", "y");
@@ -134,6 +132,8 @@ TEST_F(Safe_store, Records_that_the_program_no_longer_knows_are_left_out) {
     const auto section = [](int v) { return value(5, 1, bytes({v, 0})); };
     const std::string list = section(1) + section(2) + section(3);
     const std::string unknown = frame(1, 77, frame(1, 3, short_value(1, 1)) + speed);
+    std::string deep;
+    for (int i = 0; i < 100; ++i) deep = frame(1, 77, deep);
     const struct {
         const char* what;
         std::string records, expected; ///< the settings, and how many records were dropped
@@ -150,6 +150,7 @@ TEST_F(Safe_store, Records_that_the_program_no_longer_knows_are_left_out) {
         {"list", frame(13, 4, list), "{1.5,{true,-2},{1,2,3},} 0"},
         {"list that shrank", frame(13, 4, list + section(4)), "{1.5,{true,-2},{1,2,3},} 1"},
         {"list that grew", frame(13, 4, section(1) + section(2)) + speed, "{2.5,{true,-2},{0,0,0},} 2"},
+        {"deeper than any tree", deep + speed, "{2.5,{true,-2},{0,0,0},} 1"},
         {"list with another in it", frame(13, 4, short_value(5, 1) + list), "{1.5,{true,-2},{1,2,3},} 1"},
     };
     for (const auto& row : table) {

@@ -42,7 +42,7 @@ TEST(nv_dump, says_in_one_line_what_is_wrong) {
                  {header(12, 9, 1) + "x", "stops at byte 0: a value of an unknown type or length"},
                  {header(14, 9, 1) + bytes({17}), "stops at byte 0: a value of an unknown type or length"},
                  {header(2, 1, 1), "stops at byte 0: a container of an unknown type"},
-                 {deep, "stops at byte 256: nested too deeply"}};
+                 {deep, "stops at byte 260: the end of a container is missing"}};
     for (const auto& row : table) {
         const Child_result r = run_program(NV_DUMP, {"-"}, row.bytes);
         EXPECT_EQ(r.err, std::string("nv_dump: -: ") + row.line + "\n");

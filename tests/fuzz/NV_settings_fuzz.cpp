@@ -6,6 +6,8 @@
 #include "glue/NV_store/NV_scan.h"
 #include "glue/NV_store/NV_text.h"
 #include "glue/diner/Diner_info_list.h"
+#include "platform/crc32.h"
+#include <vector>
 
 using namespace NV_store;
 
@@ -15,8 +17,17 @@ void fuzz_image(const std::string& bytes) {
     const auto block = exact(bytes);
     const auto* p = reinterpret_cast<const unsigned char*>(block.get());
     Record_walk walk(p, static_cast<int>(bytes.size()));
-    for (Record_walk::Step step = walk.next(); step < Record_walk::all_done; step = walk.next())
-        require(walk.depth >= 0 && walk.depth <= Record_walk::deepest, "the walk is at some depth");
+    std::vector<int> open;
+    for (Record_walk::Step step = walk.next(); step < Record_walk::all_done; step = walk.next()) {
+        if (step == Record_walk::container_started) open.push_back(walk.at);
+        if (step == Record_walk::container_ended) {
+            const int start = open.back();
+            const unsigned long sum = Util::crc32(NV_iterator::NV_checksum().crc, p + start, walk.end - 4 - start);
+            require(walk.computed == sum, "a container has the checksum of its bytes");
+            open.pop_back();
+        }
+        require(walk.depth == static_cast<int>(open.size()), "the walk is at some depth");
+    }
     require(walk.end >= 0 && walk.end <= static_cast<int>(bytes.size()), "the walk ends in the bytes");
 
     Settings plain(&Diner_info_list::get());

@@ -35,6 +35,35 @@ uint32_t crc_of(const unsigned char* p, int n) {
     return static_cast<uint32_t>(Util::crc32(NV_iterator::NV_checksum().crc, p, n));
 }
 
+/// The product of two polynomials modulo the CRC's, in its order of bits: that of x^0 is the highest.
+constexpr uint32_t product(uint32_t a, uint32_t b) {
+    uint32_t sum = 0;
+    for (; a; a <<= 1) {
+        if (a >> 31) sum ^= b;
+        b = b & 1 ? b >> 1 ^ 0xEDB88320 : b >> 1;
+    }
+    return sum;
+}
+
+/// x^8, x^16, x^32 and so on: what 1, 2, 4, ... bytes that follow make of a CRC.
+struct Shifts {
+    constexpr Shifts() : by() {
+        by[0] = 0x00800000;
+        for (int i = 1; i < 31; ++i) by[i] = product(by[i - 1], by[i - 1]);
+    }
+    uint32_t by[31];
+};
+constexpr Shifts shifts;
+
+/// The CRC of `n` bytes begun as those of a record are, from the common one before (`first`) and behind them (`last`):
+/// so containers in containers are all summed in one pass.
+uint32_t crc_between(uint32_t first, uint32_t last, int n) {
+    uint32_t difference = first ^ NV_iterator::NV_checksum().crc;
+    for (int i = 0; n >> i; ++i)
+        if (n >> i & 1) difference = product(shifts.by[i], difference);
+    return last ^ difference;
+}
+
 uint32_t word_at(const unsigned char* p) {
     return p[0] | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
            static_cast<uint32_t>(p[3]) << 24;
@@ -66,27 +95,32 @@ Record_walk::Step Record_walk::next() {
 
 Record_walk::Step Record_walk::start_container() {
     if (!NV_item::is_container_type(head.type_byte)) return stop("a container of an unknown type");
-    if (depth == deepest) return stop("nested too deeply");
-    _open[depth++] = at;
+    _open.push_back({at, sum_up_to(at)});
+    ++depth;
     end += header_size;
     return container_started;
 }
 
+/// The CRC of all bytes up to a place that is not before the last one.
+uint32_t Record_walk::sum_up_to(int place) {
+    _sum = static_cast<uint32_t>(Util::crc32(_sum, _bytes + _summed, place - _summed));
+    _summed = place;
+    return _sum;
+}
+
 Record_walk::Step Record_walk::end_container() {
     if (depth == 0) return stop("the end of a container that did not start");
-    const NV_iterator::NV_iterator_header own = header_at(_bytes + _open[depth - 1]);
+    const Container ended = _open.back();
+    const NV_iterator::NV_iterator_header own = header_at(_bytes + ended.start);
     if (head.id != own.id || head.type_byte != own.type_byte) return stop("the end of another container");
     const int crc_at = at + header_size;
     if (_n - crc_at < crc_size) return stop("cut inside a checksum");
     stored = word_at(_bytes + crc_at);
+    computed = crc_between(ended.before, sum_up_to(crc_at), crc_at - ended.start);
     end = crc_at + crc_size;
+    _open.pop_back();
     --depth;
     return container_ended;
-}
-
-uint32_t Record_walk::computed() const {
-    const int start = _open[depth]; // of the container that ended last
-    return crc_of(_bytes + start, end - crc_size - start);
 }
 
 Record_walk::Step Record_walk::pass_value() {
@@ -103,7 +137,7 @@ bool Stored_record::read(const unsigned char* bytes, int n) {
     do {
         const Record_walk::Step step = walk.next();
         if (step == Record_walk::stuck || step == Record_walk::all_done) return false;
-        if (step == Record_walk::container_ended && walk.stored != walk.computed()) return false;
+        if (step == Record_walk::container_ended && walk.stored != walk.computed) return false;
     } while (walk.depth > 0);
     head = header_at(bytes);
     at = bytes;
@@ -168,14 +202,15 @@ private:
         bool is_list;
     };
 
-    void open(NV_container& c) { _levels[_depth++] = {&c, nullptr, c.get_type() == Data_item::item_container}; }
+    void open(NV_container& c) { _levels.push_back({&c, nullptr, c.get_type() == Data_item::item_container}); }
     /// The elements of a list, all with one identifier, must stand there as often as it has them.
     bool close() {
-        const Level& l = _levels[--_depth];
+        const Level l = _levels.back();
+        _levels.pop_back();
         return !l.is_list || !l.last || !l.container->get_next_child(l.last);
     }
     NV_item* find(const NV_iterator::NV_iterator_header& head) {
-        Level& l = _levels[_depth - 1];
+        Level& l = _levels.back();
         const NV_container& c = *l.container;
         if (l.is_list) {
             NV_item* const first = c.get_next_child(nullptr);
@@ -188,14 +223,14 @@ private:
         return l.last && head.id == l.last->get_id() && head.type_byte == l.last->get_type_byte() ? l.last : nullptr;
     }
 
-    Level _levels[Record_walk::deepest];
-    int _depth = 0;
+    std::vector<Level> _levels;
 };
 
 class Pruner {
 public:
     void put_record(NV_item& item, const Stored_record& record) {
-        if (NV_container* container = item.as_container())
+        NV_container* const container = item.as_container();
+        if (container && record.is_container())
             put_container(*container, record);
         else
             put(record.at, record.size);

@@ -3,13 +3,14 @@
 #include "glue/NV_store/NV_iterator.h"
 #include "util/api.h"
 #include <string>
+#include <vector>
 
 namespace NV_store {
 
 class NV_container;
 
 /// Goes through the records of an image or a journal from front to back, header by header, into containers and out of
-/// them, whatever the bytes are. No tree is needed.
+/// them, whatever the bytes are and however deeply they nest. No tree is needed. O(bytes), checksums included
 class KAV_API Record_walk {
 public:
     enum Step : unsigned char {
@@ -19,7 +20,6 @@ public:
         all_done,        ///< the last record ended with the bytes
         stuck            ///< the bytes from `at` on make no sense
     };
-    static constexpr int deepest = 64; ///< [levels] of containers
 
     /// `n` [bytes] that outlive the walk.
     Record_walk(const unsigned char* bytes, int n) : _bytes(bytes), _n(n) {}
@@ -28,22 +28,29 @@ public:
 
     // What the last step met.
     NV_iterator::NV_iterator_header head = {};
-    int at = 0;                ///< [bytes] of its header from the start
-    int depth = 0;             ///< containers that are open after the step
-    int end = 0;               ///< [bytes] up to which the walk has come
-    uint32_t stored = 0;       ///< checksum of a container that ended
-    uint32_t computed() const; ///< the same, worked out from its bytes
-    const char* why = "";      ///< it is stuck
+    int at = 0;            ///< [bytes] of its header from the start
+    int depth = 0;         ///< containers that are open after the step
+    int end = 0;           ///< [bytes] up to which the walk has come
+    uint32_t stored = 0;   ///< checksum of a container that ended
+    uint32_t computed = 0; ///< the same, worked out from its bytes
+    const char* why = "";  ///< it is stuck
 
 private:
     Step stop(const char* reason);
     Step start_container();
     Step end_container();
     Step pass_value();
+    uint32_t sum_up_to(int place);
 
+    struct Container {
+        int start;       ///< [bytes]
+        uint32_t before; ///< CRC of all bytes up to there
+    };
     const unsigned char* const _bytes;
     const int _n;
-    int _open[deepest]; ///< where the open containers start
+    std::vector<Container> _open;
+    int _summed = 0;   ///< [bytes]
+    uint32_t _sum = 0; ///< CRC of so many bytes
 };
 
 /// A whole record in memory: its sizes fit and, for a container, all checksums in it are right. Looks at bytes alone;
