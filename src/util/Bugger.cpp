@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "util/Bugger.h"
 #include "util/assertion.h"
-#include <cstdio>
+#include "util/try_output.h"
 
 void Bugger::report_bug(const char* text) {
-    printf("BUG: %s\r\n", text);
+    Util::try_printf(stdout, "BUG: %s\r\n", text);
     Util::assertion_failed("false", "util/Bugger", 42, "static void Bugger::report_bug(const char*)");
 }

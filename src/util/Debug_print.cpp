@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "util/Debug_print.h"
+#include "util/try_output.h"
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -73,6 +74,15 @@ void Debug_print::bprint(const char* fmt, ...) {
     fflush(output());
 }
 
+void Debug_print::try_print(const char* fmt, ...) {
+    char text[line_size];
+    va_list args;
+    va_start(args, fmt);
+    const int length = vsnprintf(text, sizeof text, fmt, args);
+    va_end(args);
+    if (length >= 0) Util::try_printf(output(), "%s", text);
+}
+
 void Debug_print::charput(char c) {
     putchar(c);
     fflush(output());
@@ -139,7 +149,7 @@ void Debug_print::dprint_detail(const char* file, unsigned line, const char* fmt
 void Debug_print::die(const char* file, int line) {
     char digits[12];
     snprintf(digits, sizeof digits, "%d", line);
-    bprint("DIE file=%s line=%s\n", file, digits);
+    try_print("DIE file=%s line=%s\n", file, digits);
     exit(3358);
 }
 

@@ -48,6 +48,9 @@ public:
     static void cprint(bool flush, const char* fmt, ...) KAV_PRINTF(2, 3);
     /// Formatted output, always flushed.
     static void bprint(const char* fmt, ...) KAV_PRINTF(1, 2);
+    /// bprint for a thread that must not wait: dropped when the output is stalled (see util/try_output.h). What
+    /// precedes the end of the process is printed by it, so that the end comes.
+    static void try_print(const char* fmt, ...) KAV_PRINTF(1, 2);
     /// dprint with a started argument list.
     static void vdprint(const char* fmt, va_list args) KAV_PRINTF(1, 0);
 

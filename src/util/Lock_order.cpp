@@ -33,9 +33,9 @@ Lock_order& Lock_order::get() {
 }
 
 void Lock_order::Step::tell(const char* when) const {
-    Debug_print::bprint("  %s thread %s waits for %p and holds %p\n", when, thread, wanted, held);
+    Debug_print::try_print("  %s thread %s waits for %p and holds %p\n", when, thread, wanted, held);
     char** const names = backtrace_symbols(calls, num_calls);
-    for (int i = 1; names && i < num_calls; ++i) Debug_print::bprint("    %s\n", names[i]); // without this class
+    for (int i = 1; names && i < num_calls; ++i) Debug_print::try_print("    %s\n", names[i]); // without this class
     free(names);
 }
 
@@ -51,7 +51,7 @@ bool Lock_order::wait(const void* lock) {
             pthread_getname_np(pthread_self(), now.thread, sizeof now.thread);
         }
         if (length > 0) {
-            Debug_print::bprint("Locks are taken in contradictory orders:\n");
+            Debug_print::try_print("Locks are taken in contradictory orders:\n");
             now.tell("now");
             for (int i = 0; i < length; ++i) _way[i]->tell("before");
             return false;

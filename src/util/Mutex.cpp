@@ -53,11 +53,11 @@ void Mutex::lock_slowly() {
     }
     int failures = 0;
     for (; !_mutex.tryLock(round_ms); ++failures) {
-        Debug_print::bprint("Deadlock assumed %p %d (owner %p, this_thread %p)\n", static_cast<void*>(this), failures,
-                            static_cast<void*>(owner()), static_cast<void*>(QThread::currentThreadId()));
+        Debug_print::try_print("Deadlock assumed %p %d (owner %p, this_thread %p)\n", static_cast<void*>(this),
+                               failures, static_cast<void*>(owner()), static_cast<void*>(QThread::currentThreadId()));
         if (failures == last_round) Util::flush_and_abort();
     }
-    if (failures > 0) Debug_print::bprint("Deadlock avoided %p %d\n", static_cast<void*>(this), failures);
+    if (failures > 0) Debug_print::try_print("Deadlock avoided %p %d\n", static_cast<void*>(this), failures);
 }
 
 void Mutex::taken() {
@@ -96,8 +96,8 @@ void Mutex::check(int wanted) const {
     const Status found = status();
     if (found == wanted) return;
     if (!Debug_filter::enabled(_JDB::jdb_mutex_quiet)) {
-        Debug_print::bprint("Bad mutex status: %d, wanted: %d %p %p", static_cast<int>(found), wanted,
-                            static_cast<const void*>(this), static_cast<void*>(owner()));
+        Debug_print::try_print("Bad mutex status: %d, wanted: %d %p %p", static_cast<int>(found), wanted,
+                               static_cast<const void*>(this), static_cast<void*>(owner()));
     }
     if (!Debug_filter::enabled(_JDB::jdb_mutex_lenient)) Util::flush_and_abort();
 }

@@ -5,7 +5,8 @@
 namespace Util {
 
 /// Ends the process with abort(), after writing out what still stands in the buffers of standard output and of the
-/// debug output, so that the last message is not lost in a pipe. Any thread.
+/// debug output, so that the last message is not lost in a pipe. It never waits for a stream: what another thread
+/// holds, or a full pipe does not take, is left (see try_output.h). Any thread.
 [[noreturn]] KAV_API void flush_and_abort();
 
 /// Prints "PROGRAM: FILE:LINE: FUNCTION: Assertion `TEXT' failed." on standard error, as the C library's assert does,

@@ -23,5 +23,7 @@ struct Child_result {
 /// Run `body` in a forked child; a body that returns ends in exit(0). The child is killed after `limit_s`. For code
 /// that ends the process; start no threads before the call.
 Child_result run_child(const std::function<void()>& body, unsigned limit_s = 60);
+/// The streams are held for ever, as by a thread that writes to a stalled console. For a child.
+void hold(std::vector<FILE*> streams = {stdout, stderr});
 /// Run a program with these arguments and this text as standard input.
 Child_result run_program(const char* path, std::vector<std::string> arguments, const std::string& input = "");

@@ -2,6 +2,9 @@
 #include "support/child.h"
 #include "util/Bugger.h"
 #include "util/Debug_base.h"
+#include "util/Mutex.h"
+#include "util/assertion.h"
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -66,6 +69,46 @@ TEST(Debug_print, last_words_reach_whom_they_are_for) {
     EXPECT_TRUE(r.signal == SIGABRT && r.out == "BUG: tree bent\r\n") << r.out;
     const char* where = "util/Bugger:42: static void Bugger::report_bug(const char*): Assertion `false' failed.\n";
     EXPECT_NE(r.err.find(where), std::string::npos) << r.err;
+}
+
+/// Standard output and error are a pipe of one page, the text that waits for it fills five.
+void use_pipe(bool full, bool read) {
+    int ends[2];
+    if (pipe(ends) != 0 || fcntl(ends[1], F_SETPIPE_SZ, 4096) < 0) _exit(9);
+    for (int fd : {STDOUT_FILENO, STDERR_FILENO}) dup2(ends[1], fd);
+    const std::string text(5 * 4096, 'x');
+    if (full && write(ends[1], text.data(), 4096) != 4096) _exit(9);
+    if (!read) close(ends[0]);
+    static char buffer[1 << 16];
+    setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
+    fputs(text.c_str(), stdout);
+}
+
+TEST(Debug_print, a_stalled_output_does_not_keep_the_process_from_its_end) {
+    Mutex mutex;
+    const std::function<void()> ends[] = {
+        [] { Util::flush_and_abort(); },
+        [] { Bugger::report_bug("b"); },
+        [] { Util::assertion_failed("a", "f", 1, "g"); },
+        [&] { mutex.check(Mutex::status_mine); },
+        [] { Debug_print::debug_file = stdout, Debug_print::try_print("t"), Util::flush_and_abort(); },
+    };
+    const std::pair<const char*, void (*)()> stalls[] = {{"held", [] { hold(); }},
+                                                         {"full", [] { use_pipe(true, true); }},
+                                                         {"too small", [] { use_pipe(false, true); }},
+                                                         {"broken", [] { use_pipe(false, false); }}};
+    for (const auto& [name, stall] : stalls) {
+        for (const auto& end : ends) {
+            const Child_result r = run_child([stall = stall, &end] { stall(), end(); }, 20);
+            EXPECT_EQ(r.signal, SIGABRT) << name << " " << &end - ends << " " << r.status;
+        }
+    }
+    const auto die = [] { // the C library itself waits for the standard streams
+        Debug_print::set_debug_file("/dev/null");
+        hold({Debug_print::debug_file});
+        Debug_print::die("f", 1);
+    };
+    EXPECT_EQ(run_child(die, 20).status, 3358 & 0xFF);
 }
 
 std::string active() {

@@ -9,6 +9,7 @@
 #include <climits>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <sys/wait.h>
 #include <vector>
 
 namespace {
@@ -59,11 +60,16 @@ TEST(Mutex, a_deadlock_ends_the_process_after_21_rounds) {
     Mutex mutex;
     void *const m = &mutex, *const me = QThread::currentThreadId();
     const auto start = std::chrono::steady_clock::now();
+    const pid_t stalled = fork(); // cannot tell of it, which must not keep it waiting
+    if (stalled == 0) alarm(60), hold(), mutex.lock(), mutex.lock();
     const Child_result r = run_child([&mutex] { mutex.lock(), mutex.lock(); });
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10400));
     std::string all;
     for (int i = 0; i <= 20; ++i) all += text_of("Deadlock assumed %p %d (owner %p, this_thread %p)\n", m, i, me, me);
     EXPECT_TRUE(r.err == all && r.signal == SIGABRT) << r.err;
+    int status = 0;
+    waitpid(stalled, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
 }
 
 TEST(Semaphore, waits_in_ticks_of_10_ms_and_limited_to_one_token_never_loses_the_last) {
