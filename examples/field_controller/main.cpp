@@ -71,7 +71,7 @@ uint32_t bytes_read(const Data_stream& stream) {
 /// Stop a diner and wait until it has handled what it was posted.
 void park(Diner& diner) {
     diner.stop();
-    while (diner.get_state() != Diner::state_stop) Atime::delay(1);
+    diner.wait_stopped();
 }
 
 /// Stop the simulator and wait until all that it wrote has come through the line, at most a second.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "support/Test_diner.h"
 #include "support/child.h"
+#include <algorithm>
 #include <chrono>
 #include <gtest/gtest.h>
 
@@ -91,6 +92,27 @@ TEST(Diner_info_list, shows_and_reaches_the_diners_in_the_order_of_their_start) 
     b.unlock();
     tester.join();
     EXPECT_EQ(err.text(), tested);
+}
+
+TEST(Diner_info_list, forgets_a_diner_that_is_ended_during_its_init) {
+    const Capture tested(stderr);
+    Test_diner<> other;
+    other.begin(true);
+    {
+        Test_diner<> d;
+        other.lock(-1);
+        std::thread tester([] { Diner_info_list::get().test_lock(); }); // holds the list from its first letter on
+        EXPECT_TRUE(wait_until([] { return size_of_stderr() > 0; }));
+        std::thread starter([&d] { d.begin(true); });
+        EXPECT_TRUE(d.in_state(Diner::state_stop));
+        d.terminate(true);
+        other.unlock();
+        starter.join();
+        tester.join();
+        EXPECT_TRUE(d.terminated());
+    }
+    const std::string table = debug_text([] { Diner_info_list::get().print(true, false); });
+    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 3) << table;
 }
 
 /// A process returns from main with a diner that runs, one that is parked and one that is stuck in its handler.

@@ -6,6 +6,7 @@
 #include "util/Bugger.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"
+#include <QThread>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,8 +21,8 @@ constexpr int at_start = 233, at_start_locked = 235, at_start_hook = 237, at_sta
               at_started = 265;
 
 constexpr int terminate_lock_ticks = 200; ///< [10 ms]
-constexpr int terminate_poll_ms = 10;
-constexpr int terminate_polls = 501;
+constexpr int end_poll_ms = 10;
+constexpr int end_polls = 501;
 
 const waiter_event kill_event(0, -1, 0);
 
@@ -43,17 +44,25 @@ bool Diner::Descriptor::operator==(const Descriptor& o) const { return id == o.i
 
 const Diner::Descriptor Diner::DESCRIPTOR_DEFAULT;
 
+/// The end of a diner's thread from within a handler: exit() destroys what belongs to its thread before it comes to
+/// static objects, diners among them.
+struct Diner::Thread_end {
+    ~Thread_end() {
+        if (diner) diner->left_by_exit();
+    }
+    Diner* diner = nullptr;
+};
+
 Diner::Diner() : info(*this) {}
 
 Diner::~Diner() {
-    set_selector(nullptr);
     const int s = state.load(std::memory_order_acquire);
-    if (s == state_uninit) return;
-    if (task && s != state_term && s != state_gone) {
-        Debug_print::bprint("Need to call terminate() from top level destructor\n");
+    if (task && s <= state_stop) {
+        Debug_print::try_print("Need to call terminate() from top level destructor\n");
         Util::flush_and_abort();
     }
-    if (!task || s == state_term) Diner_info_list::get().remove(info);
+    set_selector(nullptr);
+    if (info.listed) Diner_info_list::get().remove(info);
     if (on_own_thread()) return; // a handler has called exit(): the thread ends with the process
     delete task;
 }
@@ -67,33 +76,36 @@ int Diner::next_timeout(Atime& expiry) { return timeouts.next_expiry(expiry) ? 0
 
 int Diner::init(module_man& mm, Diner_selector* wanted_selector, const Descriptor& name, int wanted_priority,
                 int stack_kib, bool shared, bool pass_anonymous_events) {
+    // The list and the selector lock before the diners that they call, so they are entered without the diner's lock;
+    // and exit() ends the diners of the process, this one perhaps among them: never with the lock held.
+    _entering = true;
     set_selector(nullptr);
     lock(-1);
-    // exit() ends the diners of the process, this one perhaps among them: never with the lock held.
-    if (waiter.init(&mm) < 0) {
-        unlock();
-        exit(-103);
+    const bool can_wait = waiter.init(&mm) >= 0;
+    if (can_wait) {
+        descriptor = name;
+        pass_anonymous = pass_anonymous_events;
+        priority = wanted_priority;
+        extra = stack_kib;
+        _shared = shared;
     }
-    if (task) {
-        unlock();
-        Debug_print::bprint("Init called with valid task\n");
-        exit(-139);
-    }
-    descriptor = name;
-    pass_anonymous = pass_anonymous_events;
-    priority = wanted_priority;
-    extra = stack_kib;
-    _shared = shared;
-    state.store(state_stop, std::memory_order_release);
-    make_thread();
     unlock();
-    // The list and the selector lock before the diners that they call, so they are entered without the diner's lock;
-    // the selector last, because a diner that can be selected must be able to start.
-    Diner_info_list::get().add(info);
+    if (!can_wait) exit(-103);
     if (set_selector(wanted_selector) == -1) {
-        Debug_print::bprint("Problem setting selector!\r\n");
+        Debug_print::try_print("Problem setting selector!\r\n");
         exit(-104);
     }
+    if (task) {
+        Debug_print::try_print("Init called with valid task\n");
+        exit(-139);
+    }
+    // In the list before there is a thread, which takes it out again when it leaves.
+    state.store(state_stop, std::memory_order_release);
+    Diner_info_list::get().add(info);
+    lock(-1);
+    if (state.load(std::memory_order_acquire) == state_stop) make_thread(); // unless it was terminated already
+    unlock();
+    _entering = false;
     return 0;
 }
 
@@ -113,16 +125,27 @@ void* Diner::runner(void* diner) {
 }
 
 void Diner::run() {
+    thread_local Thread_end end;
+    end.diner = this;
     waiter_event event;
     Atime deadline(false);
     while (park()) run_until_kill(event, deadline);
+    end.diner = nullptr;
+}
+
+/// A handler has called exit() and stands below us on this very stack. Its thread goes with the process, and it has no
+/// more use for its lock, which others (a diner that shares it, its own destructor, a test of all locks) may need.
+void Diner::left_by_exit() {
+    state.store(state_gone, std::memory_order_release);
+    waiter.set_enabled(false); // others may go on posting to it: not from the pool, which may go before they do
+    if (is_locked()) unlock();
 }
 
 /// Enter a state, unless termination is requested. A diner without a lock has only this to not lose the request.
 bool Diner::enter(State next) {
     int s = state.load(std::memory_order_acquire);
     do {
-        if (s == state_term) return false;
+        if (s >= state_term) return false;
     } while (!state.compare_exchange_weak(s, next, std::memory_order_acq_rel));
     return true;
 }
@@ -136,9 +159,11 @@ bool Diner::park() {
         return false;
     }
     if (!_start_pending.exchange(false)) {
-        unlock();
-        task->start_semaphore.acquire();
-        lock(-1);
+        do {
+            unlock();
+            task->start_semaphore.acquire();
+            lock(-1);
+        } while (!_starting && state.load(std::memory_order_acquire) == state_stop); // taken back meanwhile
     }
     info.checkpoint(source, at_release);
     if (!enter(state_run)) {
@@ -147,19 +172,22 @@ bool Diner::park() {
     }
     // A second start() may have given another token before it could see that the first was taken; left there, it would
     // revive the diner after its next stop.
+    _starting = false;
     task->start_semaphore.try_acquire();
     return true;
 }
 
 /// The end of the thread, lock held. The list is a lock that calls into diners, so it is entered without ours; nobody
 /// takes the state away from "terminating" meanwhile. The unlock is the last access: who sees the last state under the
-/// lock may destroy the diner.
+/// lock may destroy the diner. The list waits for those that are no longer in it, but not there yet.
 void Diner::leave() {
     unlock();
-    Diner_info_list::get().remove(info);
+    Diner_info_list& list = Diner_info_list::get();
+    list.begin_leaving(info);
     lock(-1);
     state.store(state_gone, std::memory_order_release);
     unlock();
+    list.end_leaving();
 }
 
 /// Handle events and timeouts, from and to "lock held" around each, until the kill event; returns without the lock.
@@ -201,7 +229,7 @@ void Diner::handle_timeout() {
     Timeout_manager::Pass pass = timeouts.begin_pass();
     while (Timeout* t = timeouts.expired_timeout(pass)) {
         if (pass.remaining_ms() >= 1) {
-            Debug_print::dprint("Timeout_diner::handle_timeout - not expired yet %d\n", -pass.remaining_ms());
+            Debug_print::try_print("Timeout_diner::handle_timeout - not expired yet %d\n", -pass.remaining_ms());
             Bugger::report_bug("Timeout_diner::handle_timeout - not expired yet");
         }
         if (debug_test(11, 51)) {
@@ -248,6 +276,7 @@ int Diner::release_parked() {
     switch (state.load(std::memory_order_acquire)) {
     case state_stop:
         waiter.set_enabled(true); // a stop() in between has disabled it
+        _starting = true;
         task->start_semaphore.release();
         return 0;
     case state_run:
@@ -258,6 +287,18 @@ int Diner::release_parked() {
     }
 }
 
+/// Take back a start() that the thread has not followed yet; false when there is none.
+bool Diner::withdraw_start() {
+    lock(-1);
+    const bool found = state.load(std::memory_order_acquire) == state_stop && _starting.exchange(false);
+    if (found) {
+        waiter.set_enabled(false);
+        diner_stop();
+    }
+    unlock();
+    return found;
+}
+
 int Diner::stop() {
     lock(-1);
     _start_pending = false;
@@ -266,11 +307,10 @@ int Diner::stop() {
         return -1;
     }
     diner_stop();
-    const int result = post_kill();
+    const int result = waiter.send_last(kill_event);
     if (result != 0) {
         diner_start();
     } else {
-        waiter.set_enabled(false);
         int expected = state_run; // without a lock the thread may have parked already
         state.compare_exchange_strong(expected, state_stopping);
     }
@@ -278,17 +318,20 @@ int Diner::stop() {
     return result;
 }
 
-int Diner::send_kill() { return waiter.send_event(kill_event, true, false); }
-
-/// send_kill() to a waiter that the application may have disabled: the kill must not be dropped.
-int Diner::post_kill() {
-    waiter.set_enabled(true);
-    return send_kill();
+bool Diner::wait_stopped() const {
+    for (int polls = 1;; ++polls) {
+        const int s = state.load(std::memory_order_acquire);
+        if (s == state_stop) return true;
+        if (s != state_stopping || polls == end_polls) return false;
+        Atime::delay(end_poll_ms);
+    }
 }
+
+int Diner::send_kill() { return waiter.send_event(kill_event, true, false); }
 
 void Diner::terminate(bool wait) {
     if (!lock(terminate_lock_ticks)) {
-        Debug_print::bprint("No terminate, are we locked\n");
+        Debug_print::try_print("No terminate, are we locked\n");
         Util::flush_and_abort();
     }
     _start_pending = false;
@@ -297,19 +340,22 @@ void Diner::terminate(bool wait) {
     while (s <= state_stop && !state.compare_exchange_weak(s, task ? state_term : state_gone)) {
     }
     if (s > state_stop) {
-        if (s != state_gone) {
+        const bool by_other = s == state_term && _ender != QThread::currentThreadId();
+        if (s != state_gone && !by_other) {
             fprintf(stderr, "terminate %lx called from state %d\n", reinterpret_cast<unsigned long>(this), s);
         }
         unlock();
+        if (wait && by_other) wait_terminate();
         if (wait && s == state_gone) join();
         return;
     }
+    _ender = QThread::currentThreadId();
     if (s == state_run) {
-        if (post_kill() != 0) {
+        if (waiter.send_last(kill_event) != 0) {
+            waiter.set_enabled(false);
             _killed.store(true, std::memory_order_release);
             waiter.send_anonymous_event();
         }
-        waiter.set_enabled(false);
         diner_stop();
     } else {
         if (task) task->start_semaphore.release();
@@ -321,11 +367,11 @@ void Diner::terminate(bool wait) {
 
 void Diner::wait_terminate() {
     for (int polls = 1; get_state() != state_gone; ++polls) {
-        if (polls == terminate_polls) {
-            Debug_print::bprint("No terminate, did we call delete ourself\n");
+        if (polls == end_polls) {
+            Debug_print::try_print("No terminate, did we call delete ourself\n");
             Util::flush_and_abort();
         }
-        Atime::delay(terminate_poll_ms);
+        Atime::delay(end_poll_ms);
     }
     join();
 }
@@ -382,14 +428,4 @@ void Diner::remove_from_lists(Timeout& t) {
     if (!held) unlock();
 }
 
-int Diner::set_selector(Diner_selector* s) {
-    Diner_selector* old = selector;
-    if (old) old->deregister_diner(this);
-    const int result = s ? s->register_diner(this) : 0;
-    if (result == 0) {
-        selector = s;
-    } else {
-        selector = old && old->register_diner(this) == 0 ? old : nullptr;
-    }
-    return result;
-}
+int Diner::set_selector(Diner_selector* s) { return Diner_selector::move(*this, s); }

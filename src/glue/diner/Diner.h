@@ -21,7 +21,8 @@ class Diner_protection;
 /// the two handlers, and calls terminate(true) in its own destructor: the thread must be gone before the subclass is.
 ///
 /// Other threads may call start, stop, terminate, the timeout calls and post to `waiter`. A handler must not start,
-/// stop or terminate its own diner (or one that shares its lock): it already holds the lock.
+/// stop or terminate its own diner (or one that shares its lock): it already holds the lock. It may call exit(): its
+/// thread counts as gone from then on.
 class KAV_API Diner : public avl_bsnode {
 public:
     using Protection = Diner_protection<Diner>;
@@ -62,9 +63,10 @@ public:
 
     /// True when the caller holds the diner's lock. Without a lock: true.
     virtual bool is_locked() const;
-    /// Hook run by start() without the lock, and by a failed stop() with it: it must not lock.
+    /// Hook run by start() without the lock, and by a failed stop() with it: it must not lock. What it posts to the own
+    /// waiter is handled once the diner runs.
     virtual void diner_start();
-    /// Hook run by stop() and terminate() with the lock held.
+    /// Hook run by stop() and terminate(), and by a selector that takes a start back, with the lock held.
     virtual void diner_stop();
     /// The handler of one event; on the diner's thread, lock held. The event is the loop's own and may be changed.
     virtual void handle_event(waiter_event& event) = 0;
@@ -77,10 +79,11 @@ public:
     /// Take the diner's lock. `timeout` [10 ms], negative: without limit. True when taken. Without a lock: true.
     virtual bool lock(int timeout) const;
     virtual void unlock() const;
-    /// Give the diner its thread, parked, and enter it in the status list and the selector (may be null). `mm` and
+    /// Enter the diner in the selector (may be null) and the status list and give it its thread, parked. `mm` and
     /// `selector` outlive the diner. `priority` 1..99; `stack_kib` [KiB] and `shared` go to the thread object; without
     /// `pass_anonymous` bare wake-ups are counted but not handled. 0. Ends the process with exit(-103), exit(-104) (the
-    /// selector has an equal descriptor) or exit(-139) (called twice).
+    /// selector has an equal descriptor; the diner is in no list and has no thread then) or exit(-139) (called twice).
+    /// The selector cannot select it before it can start.
     virtual int init(module_man& mm, Diner_selector* selector, const Descriptor& descriptor, int priority,
                      int stack_kib, bool shared, bool pass_anonymous);
     /// Aborts when the diner was initialised and terminate() was not called.
@@ -89,11 +92,17 @@ public:
     /// Let a parked diner run: 0. -1 when it is not parked.
     int start();
     /// Ask a running diner to park; pending timeouts are dropped. 0; -1 when it is not running or the event pool is
-    /// exhausted (it runs on then). It parks after the events queued before.
+    /// exhausted (it runs on then). It parks after the events queued before. The waiter, which may be disabled or
+    /// deinitialised, is disabled in the same step: nothing is queued behind.
     int stop();
+    /// Wait, after stop(), until the diner is parked and start() can succeed: true. Polls every 10 ms; false after
+    /// about 5 s, and at once when nobody has stopped it: it runs, has ended or has no thread. Takes no lock. Not on
+    /// the diner's own thread.
+    bool wait_stopped() const;
     /// End the diner's thread for good; with `wait` until it has left. Aborts when the lock cannot be had within 2 s.
-    /// From another state than run, stopping or stop it returns at once, printing the state unless the thread has left
-    /// already: after terminate(false) call wait_terminate().
+    /// Several threads may end the same diner, and each waits that wants to; the object goes when all have returned.
+    /// A diner that was never initialised, or that this thread itself has asked before, prints its state and returns at
+    /// once: after terminate(false) call wait_terminate().
     void terminate(bool wait);
     /// Poll every 10 ms until the thread has left; aborts after about 5 s. Not on the diner's own thread.
     void wait_terminate();
@@ -115,7 +124,9 @@ public:
     /// remove_timeout() without the wake-up, under the lock; for the timeout's destructor.
     void remove_from_lists(Timeout& t);
 
-    /// Move to another selector (null: none). 0, or the selector's error; the diner is then back in the old one.
+    /// Move to another selector (null: none): 0. The selector's error when it refuses: nothing has changed then. A
+    /// diner that is selected where it leaves is stopped, as it is when another one is selected. Not by two threads at
+    /// once, nor in a handler.
     int set_selector(Diner_selector* s);
     Diner_selector* get_selector() const { return selector; }
     /// For the next thread made.
@@ -138,7 +149,7 @@ protected:
     friend class Diner_selector;
     Descriptor descriptor;
     Task* task = nullptr;
-    Diner_selector* selector = nullptr;
+    std::atomic<Diner_selector*> selector{nullptr};
     int priority = 0;
     int extra = 0;
     bool _shared = false;
@@ -159,11 +170,16 @@ private:
     void leave();
     void dispatch(waiter_event& event);
     int release_parked();
-    int post_kill();
+    bool withdraw_start();
     void join();
+    void left_by_exit();
     bool debug_test(unsigned a, unsigned b) const;
 
-    std::atomic<bool> _killed{false}; ///< termination that does not depend on room in the event pool
+    struct Thread_end;
+    std::atomic<bool> _killed{false};        ///< termination that does not depend on room in the event pool
+    std::atomic<bool> _starting{false};      ///< start() has given its token, the thread does not run yet
+    std::atomic<bool> _entering{false};      ///< in init(), and cannot start yet
+    std::atomic<Qt::HANDLE> _ender{nullptr}; ///< the thread that asked for the termination
 };
 
 /// D (Diner or a subclass) with a lock: what `lock`, `unlock` and `is_locked` of the two classes below share.

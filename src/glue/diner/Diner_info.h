@@ -38,6 +38,7 @@ public:
     std::atomic<int> checkpoint_line{0};
     std::atomic<uint32_t> event_count{0};   ///< events taken, swallowed ones included
     std::atomic<uint32_t> timeout_count{0}; ///< passes of timeout handling
+    std::atomic<bool> listed{false};        ///< in the status list, which sets it
     std::atomic<unsigned char> activity{activity_idle};
     std::atomic<unsigned char> debug_level{0};
 };

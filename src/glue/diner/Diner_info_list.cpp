@@ -2,6 +2,7 @@
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner.h"
 #include "util/Debug_print.h"
+#include "util/try_output.h"
 #include <cstdio>
 #include <mutex>
 
@@ -20,33 +21,23 @@ Diner_info_list& Diner_info_list::get() {
 }
 
 Diner_info_list::~Diner_info_list() {
-    leave_own_diner();
     std::unique_lock<Mutex> guard(_mutex);
-    for (Diner_info& info : _infos) info.diner.terminate(false);
+    for (Diner_info& info : _infos) {
+        if (info.diner.state < Diner::state_term) info.diner.terminate(false); // who was asked already is only late
+    }
     for (int pass = 1;; ++pass) {
-        const unsigned alive = static_cast<unsigned>(num_alive());
+        const auto leaving = static_cast<unsigned>(_num_leaving.load(std::memory_order_acquire));
+        const unsigned alive = static_cast<unsigned>(num_alive()) + leaving;
         if (alive == 0) break;
         if (pass > quiet_passes) {
-            fprintf(stderr, "%u out of %u diners still alive\n", alive, static_cast<unsigned>(_infos.size()));
+            Util::try_printf(stderr, "%u out of %u diners still alive\n", alive,
+                             static_cast<unsigned>(_infos.size()) + leaving);
         }
         guard.unlock();
         Atime::delay(pass_ms);
         guard.lock();
     }
-    while (_infos.pop()) {
-    }
-}
-
-/// A handler that called exit() stands below us on this very stack. Its thread goes with the process, and it has no
-/// more use for its lock, which others (a diner that shares it, its own destructor, a test of all locks) may need.
-void Diner_info_list::leave_own_diner() {
-    const Guard members(_members); // not the other lock, as long as the diner's is held
-    for (Diner_info& info : _infos) {
-        if (!info.diner.on_own_thread()) continue;
-        info.diner.state = Diner::state_gone;
-        info.diner.waiter.set_enabled(false); // others may go on posting to it: not from the pool, which goes now
-        if (info.diner.is_locked()) info.diner.unlock();
-    }
+    while (Diner_info* info = _infos.pop()) info->listed = false;
 }
 
 int Diner_info_list::num_alive() const {
@@ -58,12 +49,23 @@ int Diner_info_list::num_alive() const {
 void Diner_info_list::add(Diner_info& info) {
     const Guard guard(_mutex), members(_members);
     _infos.push(&info);
+    info.listed = true;
 }
 
 void Diner_info_list::remove(Diner_info& info) {
     const Guard guard(_mutex), members(_members);
     _infos.remove(&info);
+    info.listed = false;
 }
+
+void Diner_info_list::begin_leaving(Diner_info& info) {
+    const Guard guard(_mutex), members(_members);
+    _num_leaving.fetch_add(1, std::memory_order_relaxed);
+    _infos.remove(&info);
+    info.listed = false;
+}
+
+void Diner_info_list::end_leaving() { _num_leaving.fetch_sub(1, std::memory_order_release); }
 
 void Diner_info_list::print(bool to_debug, bool full_path) const {
     static const char heading[] = "\nId      Name State Run   EventCnt ToutCnt Checkpoint";

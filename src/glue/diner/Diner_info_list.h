@@ -5,16 +5,19 @@
 #include "util/Mutex.h"
 #include "util/api.h"
 #include "util/sl_list.h"
+#include <atomic>
 
 /// The process's list of diners, its event pool and its source of module ids. Any thread; its lock is a leaf: never
 /// print the table from a handler that can block on the list. Only clock_stepped() is meant to be called from handlers.
 ///
 /// Objects built after the first get() die before it, while diners still run: terminate diners before main returns.
+/// Diners built before it may be left to it.
 class KAV_API Diner_info_list : public module_man {
 public:
     /// The one instance, made on first use. Its end asks every diner to terminate and waits for them in passes of 100
-    /// ms, without limit; from the 16th pass on it prints "%u out of %u diners still alive\n" on standard error. A
-    /// diner whose own thread ends the process counts as gone.
+    /// ms, without limit; from the 16th pass on it prints "%u out of %u diners still alive\n" on standard error. When
+    /// it is over, no diner's thread touches its diner any more. A diner whose own thread ends the process counts as
+    /// gone.
     static Diner_info_list& get();
 
     void add(Diner_info& info);
@@ -40,10 +43,13 @@ public:
 private:
     Diner_info_list() = default;
     ~Diner_info_list();
-    void leave_own_diner();
-    int num_alive() const;
+    friend class Diner;
+    void begin_leaving(Diner_info& info); ///< remove(), but its diner still counts as alive ...
+    void end_leaving();                   ///< ... until this. Nothing of the list is used behind it.
+    int num_alive() const;                ///< of those in the list
 
     mutable Mutex _mutex; ///< guards the list; taken before the diners' own locks
     Mutex _members;       ///< also held while the list changes: a leaf but for the timeouts and waiters of diners
     c_sl_list<Diner_info> _infos;
+    std::atomic<int> _num_leaving{0}; ///< diners that are in the list no more and whose threads still use them
 };

@@ -21,15 +21,51 @@ int Diner_selector::descriptor_compare(const Diner* a, const Diner* b) {
 
 int Diner_selector::register_diner(Diner* d) {
     const Guard guard(_mutex);
-    if (_diners.find(d, bst_equal)) return -1;
-    return _diners.insert(d);
+    return d->in_tree() ? -1 : enter(*d);
 }
 
 int Diner_selector::deregister_diner(const Diner* d) {
     const Guard guard(_mutex);
-    if (!d->in_tree() || _diners.remove(d) != 0) return -1;
-    if (_selected == d) _selected = nullptr;
+    if (d->selector != this) return -1;
+    leave(const_cast<Diner&>(*d));
     return 0;
+}
+
+int Diner_selector::move(Diner& d, Diner_selector* to) {
+    Diner_selector* const from = d.selector;
+    if (from == to) return 0;
+    // Both at once: the diner is always in one of them, and stays selected where it stays.
+    std::unique_lock<Mutex> here, there;
+    if (from) here = std::unique_lock<Mutex>(from->_mutex, std::defer_lock);
+    if (to) there = std::unique_lock<Mutex>(to->_mutex, std::defer_lock);
+    if (from && to) {
+        std::lock(here, there);
+    } else {
+        (from ? here : there).lock();
+    }
+    if (to && to->_diners.find(&d, bst_equal)) return -1;
+    if (from) from->leave(d);
+    return to ? to->enter(d) : 0;
+}
+
+/// Lock held, as in the following ones; in no selector.
+int Diner_selector::enter(Diner& d) {
+    if (_diners.find(&d, bst_equal) || _diners.insert(&d) != 0) return -1;
+    d.selector = this;
+    return 0;
+}
+
+void Diner_selector::leave(Diner& d) {
+    _diners.remove(&d);
+    d.selector = nullptr;
+    if (_selected != &d) return;
+    _selected = nullptr;
+    halt(d);
+}
+
+/// A diner that was started, but has not run yet, is in the same state as one that was not.
+void Diner_selector::halt(Diner& d) {
+    if (d.stop() != 0) d.withdraw_start();
 }
 
 int Diner_selector::select_diner(int index) {
@@ -44,9 +80,9 @@ int Diner_selector::select_diner(const Diner::Descriptor& d) {
 }
 
 int Diner_selector::select(Diner* d) {
-    if (!d) return -1;
+    if (!d || d->_entering) return -1;
     if (d == _selected) return 0;
-    if (_selected) _selected->stop();
+    if (_selected) halt(*_selected);
     _selected = d;
     d->start();
     return 0;

@@ -6,7 +6,10 @@
 #include "util/avl_bstree.h"
 
 /// A set of diners of which one is selected to run: alternative implementations of one role. Selecting stops the diner
-/// selected before (which parks after the event it is handling, so both may run for a moment) and starts the new one.
+/// selected before (which parks after the event it is handling, so both may run for a moment; when it does not run yet,
+/// its start is taken back) and starts the new one. A selected diner that leaves the selector is stopped in the same
+/// way, so that never more than one of those that were selected goes on running.
+///
 /// The selector outlives its diners, which join through Diner::init() or Diner::set_selector(). Any thread but a
 /// handler of one of its diners.
 class KAV_API Diner_selector {
@@ -16,10 +19,13 @@ public:
     Diner_selector(const Diner_selector&) = delete;
     Diner_selector& operator=(const Diner_selector&) = delete;
 
-    int register_diner(Diner* d);         ///< 0; -1 when a diner with an equal descriptor is there
+    int register_diner(Diner* d);         ///< 0; -1 when it is in a selector, or one with an equal descriptor is here
     int deregister_diner(const Diner* d); ///< 0; -1 when not there. The selected diner leaves no selection behind.
-    /// Select by position in the order of the set, or by descriptor: 0, or -1 when there is none (nothing changes
-    /// then). Whether the diners really start and stop is not looked at. Selecting the selected one does nothing.
+    /// Diner::set_selector().
+    static int move(Diner& d, Diner_selector* to);
+    /// Select by position in the order of the set, or by descriptor: 0, or -1 when there is none, or it has just come
+    /// in from Diner::init() and cannot start yet (nothing changes then). Whether the diners really start and stop is
+    /// not looked at. Selecting the selected one does nothing.
     int select_diner(int index);
     int select_diner(const Diner::Descriptor& d);
     Diner* get_selected() const;        ///< null when none
@@ -39,6 +45,9 @@ private:
         using Diner::handle_timeout;
     };
     int select(Diner* d);
+    int enter(Diner& d);
+    void leave(Diner& d);
+    static void halt(Diner& d);
 
     mutable Mutex _mutex;
     Dummy_diner _dummy;

@@ -61,6 +61,20 @@ int waiter_descriptor::send_event(const waiter_event& e, bool coalesce, bool uni
     return 0;
 }
 
+int waiter_descriptor::send_last(const waiter_event& e) {
+    {
+        std::lock_guard<Mutex> lock(_mutex);
+        if (enqueue(e) != 0) return -1;
+        _enabled = false;
+        if (_target) {
+            give_mirrored_token();
+            return 0;
+        }
+    }
+    _tokens.give();
+    return 0;
+}
+
 void waiter_descriptor::send_anonymous_event() {
     if (_target) {
         std::lock_guard<Mutex> lock(_mutex);

@@ -42,6 +42,9 @@ public:
     /// merged post is still one delivery. A block under an ordinary module id is a programming error that asks the Qt
     /// application to exit with -147.
     int send_event(const waiter_event& e, bool coalesce, bool unique);
+    /// Post an event although the waiter may be disabled or deinitialised, and disable it in the same step, so that
+    /// nothing is queued behind: 0. Without room -1, and nothing has changed. After init().
+    int send_last(const waiter_event& e);
     /// Wake the taker without an event. Uses no node, works on a disabled waiter.
     void send_anonymous_event();
 
