@@ -151,6 +151,10 @@ void Util::tree_misuse(const char* text) {
     exit(-154);
 }
 
+static const avl_bstree plain;
+
+avl_bstree::Order avl_bstree::own_order() const { return compares_like(plain) ? compare : nullptr; }
+
 avl_bstree::avl_bstree() : compare(nullptr) { init(); }
 
 // The elements stay linked: they may be gone already, and so is the order that a derived tree gave.

@@ -2,6 +2,7 @@
 #pragma once
 #include "util/api.h"
 #include <cstdint>
+#include <cstring>
 
 /// Links of an element of an intrusive tree. Elements derive from avl_bsnode; no virtual functions.
 /// A copy is in no tree; assigning to an element leaves its links alone.
@@ -95,15 +96,15 @@ public:
     void init();
 
     /// 0; -1 when the element is already in this place. An element that is in a tree is a bug report. O(log n)
-    int insert(avl_bsnode* n) { return insert(n, compare); }
+    int insert(avl_bsnode* n) { return insert(n, own_order()); }
     /// 0; -1 when the element is not in this tree, which then stays as it was. O(log n)
-    int remove(avl_bsnode const* n) { return remove(n, compare); }
+    int remove(avl_bsnode const* n) { return remove(n, own_order()); }
     /// The element that meets `cond` relative to `key` (or to what `searcher` seeks), else null. `index` receives the
     /// position of the last element visited, -1 for an empty tree. With equal keys bst_less and bst_less_equal go by
     /// nearby(), which may give an equal one. O(log n)
     avl_bsnode* find(avl_bsnode const* key, bstree_cond_t cond, int* index = nullptr,
                      Searcher* searcher = nullptr) const {
-        return find(key, cond, index, searcher, compare);
+        return find(key, cond, index, searcher, own_order());
     }
     /// The neighbour of an element of the tree that meets `cond`; null when there is none, the element is in no tree or
     /// cond is bst_this. A subtree's outermost element is taken without a comparison. O(log n)
@@ -121,11 +122,24 @@ public:
     void dump_node(avl_bsnode const* n, int depth) const;
 
 protected:
-    /// The operations with the order given by the caller, so that a typed tree pays one indirect call a comparison;
-    /// null: ask mycompare().
+    /// The operations with the order given by the caller, so that a comparison costs one indirect call; null: ask
+    /// mycompare(). It must be the order that mycompare() has, because nearby() and integrity() ask that.
     int insert(avl_bsnode* n, Order order);
     int remove(avl_bsnode const* n, Order order);
     avl_bsnode* find(avl_bsnode const* key, bstree_cond_t cond, int* index, Searcher* searcher, Order order) const;
+    /// Whether the class of this object has overridden neither mycompare() nor default_compare() of that of `o`: by
+    /// the tables of virtual functions, in which these two follow the two destructors. False for an `o` that is not
+    /// constructed yet.
+    bool compares_like(const avl_bstree& o) const {
+        void* const* mine;
+        void* const* others;
+        memcpy(&mine, static_cast<const void*>(this), sizeof mine);
+        memcpy(&others, static_cast<const void*>(&o), sizeof others);
+        return mine == others || (others && mine[2] == others[2] && mine[3] == others[3]);
+    }
+
+private:
+    Order own_order() const;
 
 public:
     Order compare; ///< null unless set by create(cmp)
@@ -161,10 +175,10 @@ public:
     /// T's order; ends the process with exit(-154) when create() was not called.
     int default_compare(avl_bsnode const* a, avl_bsnode const* b) const override;
 
-    int insert(T* e) { return Tree::insert(e, _typed); }
-    int remove(T const* e) { return Tree::remove(e, _typed); }
+    int insert(T* e) { return Tree::insert(e, own_order()); }
+    int remove(T const* e) { return Tree::remove(e, own_order()); }
     T* find(T const* key, bstree_cond_t cond, int* index = nullptr, typename Tree::Searcher* searcher = nullptr) const {
-        return as_t(Tree::find(key, cond, index, searcher, _typed));
+        return as_t(Tree::find(key, cond, index, searcher, own_order()));
     }
     T* nearby(T const* e, bstree_cond_t cond) const { return as_t(Tree::nearby(e, cond)); }
     T* operator[](int i) const { return as_t(Tree::operator[](i)); }
@@ -194,9 +208,18 @@ public:
 
 private:
     static T* as_t(avl_bsnode* n) { return static_cast<T*>(n); }
+    /// What mycompare() comes to when nothing is overridden, else null.
+    typename Tree::Order own_order() const {
+        if (!Tree::compares_like(_plain)) return nullptr;
+        return Tree::compare ? Tree::compare : _typed;
+    }
 
     typename Tree::Order _typed = nullptr;
+    static const c_bstree _plain; ///< empty; of this class and no derived one
 };
+
+template <class Tree, class T>
+const c_bstree<Tree, T> c_bstree<Tree, T>::_plain;
 
 namespace Util {
 /// Prints `text` on the debug output and ends the process with exit(-154), which a parent sees as 102.

@@ -112,6 +112,62 @@ TEST(Tree, orders_equal_keys_by_their_whole_address_but_climbs_by_key_alone) {
     }
 }
 
+using Order = avl_bstree::Order;
+using Typed = c_bstree<avl_bstree, Item>;
+const Item* item(__bsnode const* n) { return static_cast<const Item*>(static_cast<avl_bsnode const*>(n)); }
+int upwards(__bsnode const* a, __bsnode const* b) { return by_key(item(a), item(b)); }
+int downwards(__bsnode const* a, __bsnode const* b) { return upwards(b, a); }
+
+template <class Base>
+struct Own_default : Base {
+    int default_compare(avl_bsnode const* a, avl_bsnode const* b) const override { return downwards(a, b); }
+};
+template <class Base>
+struct Own_compare : Base {
+    int mycompare(avl_bsnode const* a, avl_bsnode const* b) const override { return downwards(a, b); }
+};
+
+/// Insert, look and remove in an order that is downwards, whatever else was given.
+template <class Any>
+void check_downwards(Any& tree, const char* what) {
+    SCOPED_TRACE(what);
+    Item items[50];
+    for (int i = 0; i < 50; ++i) {
+        items[i].key = i * 37 % 50;
+        EXPECT_EQ(tree.insert(&items[i]), 0);
+    }
+    EXPECT_EQ(tree.integrity(), 0);
+    for (Item& i : items) {
+        int index = -1;
+        EXPECT_TRUE(tree.find(&i, bst_this, &index) == &i && index == 49 - i.key && tree[index] == &i);
+        EXPECT_TRUE(tree.find(&i, bst_less) == tree[index - 1] && tree.nearby(&i, bst_greater) == tree[index + 1]);
+    }
+    for (int i = 0; i < 50; i += 2) EXPECT_EQ(tree.remove(&items[i]), 0);
+    EXPECT_EQ(tree.integrity(), 0);
+    tree.flush();
+}
+
+TEST(Tree, goes_by_one_order_wherever_that_is_given) {
+    Own_default<avl_bstree> plain_default;
+    Own_compare<avl_bstree> plain_compare;
+    plain_compare.create(upwards); // mycompare() comes before it
+    Own_default<Typed> typed_default;
+    Own_compare<Typed> typed_compare;
+    Typed base, last;
+    for (Typed* t : {static_cast<Typed*>(&typed_default), static_cast<Typed*>(&typed_compare), &base})
+        t->create<by_key>();
+    base.avl_bstree::create(downwards); // comes before the typed one
+    last.avl_bstree::create(upwards);
+    last.create(downwards); // of two creates the last counts
+    check_downwards(plain_default, "default_compare()");
+    check_downwards(plain_compare, "mycompare()");
+    check_downwards(typed_default, "typed, default_compare()");
+    check_downwards(typed_compare, "typed, mycompare()");
+    check_downwards(base, "typed, the base's order");
+    check_downwards(last, "typed");
+    check_downwards(static_cast<avl_bstree&>(last), "typed, by its base");
+}
+
 TEST(Tree, removes_by_the_predecessor_refuses_strangers_and_flushes_without_comparing) {
     Tree tree(seven), other({5, 40, 35, 75});
     for (Item& stranger : other.items) EXPECT_TRUE(tree.remove(&stranger) == -1 && stranger.in_tree());
