@@ -30,9 +30,10 @@ Mspace::Mspace(void* base, unsigned int size, char const* name)
 }
 
 Mspace::~Mspace() {
-    if (_heap) destroy_mspace(_heap);
+    void* const heap = _heap;
     _heap = nullptr;
     _size = 0;
+    if (heap) destroy_mspace(heap);
 }
 
 void* Mspace::malloc(unsigned int n) const {
@@ -49,8 +50,9 @@ void Mspace::free(void* p) const {
 void* Mspace::realloc(void* p, unsigned int n) const { return _heap ? mspace_realloc(_heap, p, n) : nullptr; }
 
 void Mspace::print_usage(Debug::Dumper& dumper) const {
-    if (!_heap || !dumper.start(_name)) return;
-    const struct mallinfo info = mspace_mallinfo(_heap);
+    if (!_heap) return;
+    const struct mallinfo info = mspace_mallinfo(_heap); // before the dumper, which may allocate here
+    if (!dumper.start(_name)) return;
     const std::initializer_list<std::pair<const char*, size_t>> fields = {
         {"fixed_space", info.arena},    {"free_chunks", info.ordblks}, {"max_alloc", info.usmblks},
         {"total_alloc", info.uordblks}, {"total_free", info.fordblks}, {"releasable", info.keepcost}};

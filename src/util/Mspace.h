@@ -9,7 +9,8 @@ class Mspace_manager;
 /// A named heap in a fixed region that the caller supplies, so that one part of an application cannot use up another's
 /// memory. The region never grows. Any thread may allocate and free.
 ///
-/// A space lives as long as the process: its manager keeps listing it.
+/// The manager keeps listing it, so its memory lasts as long as the process. One that was destroyed has no heap any
+/// more.
 class KAV_API Mspace : public sll_node {
 public:
     /// Make the heap in `size` [bytes] at `base` and enter it in the process's list. About 1 KB goes to the allocator;
@@ -32,9 +33,10 @@ public:
     void* get_base() const { return _base; }
 
 private:
-    void* _heap;
+    // Volatile, so that the compiler keeps the last stores of the destructor: the manager goes on asking.
+    void* volatile _heap;
     void* _base;
-    unsigned int _size; ///< [bytes]
+    volatile unsigned int _size; ///< [bytes]
     char const* _name;
     Mspace_manager* _manager;
 };

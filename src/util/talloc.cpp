@@ -26,7 +26,10 @@ void* talloc(unsigned short, int size) { return malloc(static_cast<size_t>(size)
 void tdealloc(void* p) { free(p); }
 
 int tallocation_init() {
-    for (int i = 0; i < pools; ++i) all_pools()[i].usage = 0;
+    for (int i = 0; i < pools; ++i) {
+        const std::lock_guard<Mutex> guard(all_pools()[i].mutex);
+        all_pools()[i].usage = 0;
+    }
     return 0;
 }
 

@@ -3,9 +3,11 @@
 #include "util/Debug_base.h"
 #include "util/Debug_text_dumper.h"
 #include "util/Mspace.h"
+#include "util/talloc.h"
 #include <cstring>
 #include <gtest/gtest.h>
 #include <regex>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -43,6 +45,34 @@ TEST(Mspace_manager, prints_the_usage_of_every_space_with_a_heap_and_lists_each_
     EXPECT_TRUE(std::regex_search(text, usage)) << text;
     EXPECT_TRUE(text.find("cds_event:") < text.size() && text.find("tiny") > text.size()) << text;
     EXPECT_EQ(run_child([] { Mspace_manager::get().add(const_cast<Mspace*>(&space)); }).signal, SIGABRT);
+}
+
+TEST(Mspace, counts_nothing_that_its_report_allocates_and_is_reported_no_more_when_it_has_ended) {
+    struct Allocating : Debug::Text_dumper {
+        using Text_dumper::Text_dumper;
+        bool start(const char* name) override { return space.malloc(200), Text_dumper::start(name); }
+    };
+    alignas(16) static unsigned char own[4096];
+    alignas(Mspace) static unsigned char object[sizeof(Mspace)];
+    auto* const ended = new (object) Mspace(own, sizeof own, "ended");
+    ended->~Mspace();
+    Capture out(stdout);
+    Allocating allocating(stdout);
+    Debug::Text_dumper plain(stdout);
+    space.print_usage(plain);
+    space.print_usage(allocating);
+    Mspace_manager::print_global_usage(plain);
+    const std::string text = out.text(), first = text.substr(0, text.find("test_space:", 1));
+    EXPECT_EQ(text.find(first, 1), first.size()) << text;
+    EXPECT_EQ(text.find("ended"), std::string::npos) << text;
+}
+
+TEST(Talloc, counts_its_six_pools_under_their_locks) {
+    std::thread reader([] {
+        for (unsigned short pool = 0; pool <= 6; ++pool) EXPECT_EQ(tallocation_usage(pool), pool < 6 ? 0 : -1);
+    });
+    EXPECT_EQ(tallocation_init(), 0);
+    reader.join();
 }
 
 } // namespace
