@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "util/Semaphore.h"
 #include "util/tsan.h"
+#include <algorithm>
 #include <limits>
 
 Semaphore::Semaphore(int count, bool at_most_one) : _semaphore(count), _at_most_one(at_most_one) {}
@@ -24,8 +25,11 @@ void Semaphore::acquire() {
 
 bool Semaphore::try_acquire(int ticks) {
     constexpr int most_ticks = std::numeric_limits<int>::max() / 10;
-    const bool taken =
-        ticks > 0 ? _semaphore.tryAcquire(1, (ticks < most_ticks ? ticks : most_ticks) * 10) : _semaphore.tryAcquire(1);
+    if (ticks < 0) {
+        acquire();
+        return true;
+    }
+    const bool taken = _semaphore.tryAcquire(1, std::min(ticks, most_ticks) * 10);
     if (taken) Util::tsan::acquire(this);
     return taken;
 }

@@ -15,8 +15,8 @@ public:
     void release();
     /// Wait without limit for a token.
     void acquire();
-    /// Wait at most `ticks` [10 ms] for a token (0 and less: not at all); true when taken. Callers divide milliseconds
-    /// by 10, so waits are cut to whole 10 ms.
+    /// Wait at most `ticks` [10 ms] for a token (0: not at all, negative: without limit); true when taken. Callers
+    /// divide milliseconds by 10, so waits are cut to whole 10 ms.
     bool try_acquire(int ticks = 0);
     int available() const;
 

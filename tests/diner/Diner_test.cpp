@@ -3,6 +3,7 @@
 #include "support/Test_diner.h"
 #include "support/allocations.h"
 #include "support/child.h"
+#include <climits>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <unistd.h>
@@ -195,6 +196,22 @@ TEST(Clock_steps, are_told_by_handlers_under_their_lock_and_wake_every_diner) {
     Diner_info_list::get().test_lock();
     EXPECT_TRUE(wait_until([&b] { return b.events == 1; }));
     EXPECT_EQ(err.text().find("Deadlock"), std::string::npos);
+}
+
+TEST(Diner, lock_waits_as_long_as_it_can_when_that_is_not_long_enough) {
+    Test_diner<> d;
+    for (int ticks : {INT_MAX / 10, INT_MAX / 10 + 1, INT_MAX}) {
+        d.lock(-1);
+        std::atomic<int> result{-1};
+        std::thread other([&] {
+            result = d.lock(ticks);
+            if (result == 1) d.unlock();
+        });
+        EXPECT_FALSE(wait_until([&] { return result != -1; }, std::chrono::milliseconds(30))) << ticks;
+        d.unlock();
+        other.join();
+        EXPECT_EQ(result, 1);
+    }
 }
 
 TEST(Diner, sleeps_until_its_earliest_timeout_behind_events_and_drops_the_rest_when_it_stops) {

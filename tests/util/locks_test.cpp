@@ -77,8 +77,13 @@ TEST(Semaphore, waits_in_ticks_of_10_ms_and_limited_to_one_token_never_loses_the
     tokens.release();
     EXPECT_TRUE(tokens.try_acquire(INT_MAX) && tokens.try_acquire());
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(tokens.try_acquire(INT_MIN) || tokens.try_acquire(4));
+    EXPECT_FALSE(tokens.try_acquire(0) || tokens.try_acquire(4));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(39));
+    for (int endless : {-1, INT_MIN}) {
+        std::thread other([&] { tokens.release(); });
+        EXPECT_TRUE(tokens.try_acquire(endless));
+        other.join();
+    }
     for (int round = 0; round < 2000; ++round) { // two releases at the same moment
         std::atomic<bool> ready{false};
         std::thread other([&] { ready = true, limited.release(); });

@@ -8,6 +8,7 @@
 #include "util/api.h"
 #include "util/avl_bstree.h"
 #include <atomic>
+#include <climits>
 
 class Diner_selector;
 class Task;
@@ -188,7 +189,7 @@ class Diner_lock_base : public D {
 public:
     bool is_locked() const override { return _lock->is_locked(); }
     bool lock(int timeout) const override {
-        if (timeout >= 0) return _lock->try_lock(timeout * 10);
+        if (timeout >= 0) return _lock->try_lock(timeout < INT_MAX / 10 ? timeout * 10 : INT_MAX);
         _lock->lock();
         return true;
     }
