@@ -256,6 +256,31 @@ TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
     EXPECT_TRUE(all()) << merged << " " << plain << " " << seen_newest;
 }
 
+TEST_F(Waiter, keeps_nothing_that_was_posted_before_it_was_disabled_and_flushed) {
+    static std::atomic<int> readings;
+    readings = 0;
+    Util::set_wall_clock([](struct timespec& now) { now = {1000 - ++readings, 0}; }); // it is being set back
+    std::atomic<int> posts{0};
+    std::atomic<bool> enough{false};
+    std::thread poster([&] {
+        for (; !enough; ++posts) w.send_event({5, 7, 1}, posts % 2, no);
+    });
+    bool left = false;
+    for (int round = 0; round < 3000 && !left; ++round) {
+        w.set_enabled(true);
+        const int before = posts;
+        while (posts < before + round % 3) std::this_thread::yield();
+        w.set_enabled(false);
+        w.flush_events();
+        left = w.num_queued() > 0;
+    }
+    enough = true;
+    poster.join();
+    Util::set_wall_clock(nullptr);
+    EXPECT_FALSE(left) << "a post whose token is still to come";
+    EXPECT_TRUE(take(w) == "nothing" && readings == 0) << readings;
+}
+
 TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out) {
     waiter_tokens tokens;
     for (int round = 0; round < 300; ++round) {

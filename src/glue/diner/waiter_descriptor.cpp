@@ -44,6 +44,7 @@ void waiter_descriptor::set_enabled(bool on) {
 int waiter_descriptor::send_event(const waiter_event& e, bool coalesce, bool unique) {
     if (!accepting()) return 0;
     const bool merging = coalesce && e.module_id > 0;
+    bool asleep;
     {
         std::unique_lock<Mutex> taking(_taking, std::defer_lock);
         if (merging || unique) taking.lock(); // only these look at what is queued already
@@ -55,9 +56,11 @@ int waiter_descriptor::send_event(const waiter_event& e, bool coalesce, bool uni
             give_mirrored_token();
             return 0;
         }
+        // Under the lock: who has disabled the waiter and then takes all tokens has all that is queued.
+        asleep = _tokens.count();
     }
-    // Given with the locks free, so that the taker does not wake only to wait for them.
-    _tokens.give();
+    // With the locks free, so that the taker does not wake only to wait for them.
+    if (asleep) _tokens.wake();
     return 0;
 }
 
@@ -100,8 +103,7 @@ int waiter_descriptor::get_event(waiter_event* out, const Atime& deadline) {
 
 void waiter_descriptor::flush_events() {
     waiter_event discarded;
-    while (get_event(&discarded, Atime::now()) == 0) {
-    }
+    while (_tokens.take(0)) hand_out(&discarded);
 }
 
 int waiter_descriptor::num_queued() const {

@@ -53,7 +53,8 @@ public:
     /// The same until `deadline`, rounded up to whole 10 ms: 0, or -1 when it passed with nothing pending. A deadline
     /// that lies in the past takes what is pending without waiting.
     int get_event(waiter_event* out, const Atime& deadline);
-    /// Discard what is pending.
+    /// Discard what is pending; waits for nothing. After set_enabled(false) and this, in this order, nothing comes that
+    /// was posted before.
     void flush_events();
 
     int num_queued() const;    ///< [nodes] queued now

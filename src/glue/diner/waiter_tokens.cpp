@@ -2,8 +2,7 @@
 #include "glue/diner/waiter_tokens.h"
 #include "util/tsan.h"
 
-void waiter_tokens::give() {
-    if (_given.fetch_add(1, std::memory_order_release) >= 0) return;
+void waiter_tokens::wake() {
     Util::tsan::release(&_wake);
     _wake.release(1);
 }

@@ -11,7 +11,13 @@
 /// draws all that is there at once, so that the two sides seldom touch the same memory.
 class KAV_API waiter_tokens {
 public:
-    void give();       ///< any thread
+    void give() { ///< any thread
+        if (count()) wake();
+    }
+    /// The two steps of give(), for who holds a lock that the taker wants. True: the taker sleeps, and wake() must
+    /// follow; the token counts already.
+    bool count() { return _given.fetch_add(1, std::memory_order_release) < 0; }
+    void wake();
     void take();       ///< waits without limit; the taker only
     bool take(int ms); ///< waits at most `ms` [ms] (0 and less: not at all); true when taken; the taker only
 
