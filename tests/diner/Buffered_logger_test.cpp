@@ -92,29 +92,39 @@ TEST_F(Logger, Is_a_diner_that_log_writes_to_while_it_lives) {
     EXPECT_EQ(next(), "");
 }
 
-TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks) {
-    Buffered_logger logger;
-    logger.init(Diner_info_list::get());
-    block_output();
-    Buffered_logger::log("!");
-    // Its thread has taken the text, and hangs: one event is begun and none handled.
-    ASSERT_TRUE(wait_until([&] { return logger.waiting() == 0; }));
+/// Its thread hangs in the output with the last text that it has taken; then threads append too much.
+TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks_and_tells_of_each_that_was_cut) {
     const std::string line = "a line of forty characters with its end\n";
-    constexpr int threads = 4, lines = 1000;
-    std::vector<std::thread> appenders;
-    for (int i = 0; i < threads; ++i)
-        appenders.emplace_back([&] {
-            for (int n = 0; n < lines; ++n) logger.append(line.c_str());
-        });
-    for (auto& t : appenders) t.join();
-    EXPECT_EQ(logger.waiting(), Buffered_logger::capacity);
-    std::string expected = blocked_by + "!", kept;
-    for (uint32_t i = 0; i < Buffered_logger::most_notices; ++i) expected += notice;
-    while (kept.size() < Buffered_logger::capacity) kept += line;
-    expected += kept.substr(0, Buffered_logger::capacity);
-    EXPECT_EQ(all(expected.size()), expected);
-    EXPECT_TRUE(handled(logger, 1 + threads * lines)) << "one event for each append";
-    EXPECT_EQ(next(), "");
+    constexpr int fit = Buffered_logger::capacity / 40, threads = 4;
+    for (const auto& [cut, more, killed] : {std::tuple(256, "", true), {3898, " x 3642", false}}) {
+        block_output();
+        std::string expected = blocked_by + "!", kept;
+        Buffered_logger logger;
+        logger.init(Diner_info_list::get());
+        Buffered_logger::log("!");
+        // One event is begun and none handled.
+        ASSERT_TRUE(wait_until([&] { return logger.waiting() == 0; }));
+        std::vector<std::thread> appenders;
+        std::atomic<int> lines{fit + cut};
+        for (int i = 0; i < threads; ++i)
+            appenders.emplace_back([&] {
+                while (--lines >= 0) logger.append(line.c_str());
+            });
+        for (auto& t : appenders) t.join();
+        EXPECT_EQ(logger.waiting(), Buffered_logger::capacity);
+        for (int i = 0; i < 256; ++i) expected += notice;
+        if (*more) expected += notice + more;
+        while (kept.size() < Buffered_logger::capacity) kept += line;
+        kept.resize(Buffered_logger::capacity);
+        if (killed) logger.send_kill(); // it comes before all of these wake-ups
+        EXPECT_EQ(all(expected.size()), expected);
+        EXPECT_TRUE(!killed || wait_until([&] { return logger.start() == 0; })) << "it has parked";
+        EXPECT_EQ(all(kept.size()), kept);
+        // One event for each append; the kill is none.
+        EXPECT_TRUE(handled(logger, 1 + fit + cut)) << logger.info.event_count;
+        EXPECT_EQ(next(), "");
+        blocked_by.clear();
+    }
 }
 
 } // namespace

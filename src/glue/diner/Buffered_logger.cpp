@@ -2,12 +2,12 @@
 #include "glue/diner/Buffered_logger.h"
 #include "util/Debug_print.h"
 #include <algorithm>
-#include <atomic>
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
-static std::atomic<Buffered_logger*> self{nullptr};
+std::atomic<Buffered_logger*> Buffered_logger::self{nullptr};
 
 Buffered_logger::Buffered_logger() : _ring(_storage, capacity) {}
 
@@ -30,20 +30,22 @@ void Buffered_logger::append(char const* text) {
         const std::lock_guard<Mutex> guard(_mutex);
         if (_ring.put(reinterpret_cast<const unsigned char*>(text), n) < n) print_here = !leave_notice();
     }
-    if (print_here) print_notice();
+    if (print_here) print_notices(1);
     waiter.send_anonymous_event();
 }
 
 /// Have the logger's thread print that text was dropped, since the ring is full when the output is slow and the
 /// appender must not wait for it. False when that thread is not printing. Ring locked.
 bool Buffered_logger::leave_notice() {
-    if (!_printing.load(std::memory_order_relaxed)) return false;
-    _notices = std::min(_notices + 1, most_notices);
-    return true;
+    if (_printing && _notices < UINT_MAX) ++_notices;
+    return _printing;
 }
 
-/// The number is a flag: how much was dropped is not told.
-void Buffered_logger::print_notice() { Debug_print::bprint("**%i CHARS DROPPED**", 1); }
+/// The 1 is a flag: how much was dropped is not told.
+void Buffered_logger::print_notices(uint32_t n) {
+    for (uint32_t i = 0; i < std::min(n, most_notices); ++i) Debug_print::bprint("**%i CHARS DROPPED**", 1);
+    if (n > most_notices) Debug_print::bprint("**%i CHARS DROPPED** x %u", 1, static_cast<unsigned>(n - most_notices));
+}
 
 uint32_t Buffered_logger::waiting() const {
     const std::lock_guard<Mutex> guard(_mutex);
@@ -65,8 +67,15 @@ Buffered_logger::Piece Buffered_logger::take(char* text) {
     _ring.drop(n);
     const Piece taken = {n, _ring.used(), _notices};
     _notices = 0;
-    _printing.store(n > 0 || taken.notices > 0, std::memory_order_relaxed);
+    _printing = true;
     return taken;
+}
+
+/// The notices left since the last piece. When there are none nobody leaves any from now on.
+uint32_t Buffered_logger::end_printing() {
+    const std::lock_guard<Mutex> guard(_mutex);
+    _printing = _notices > 0;
+    return std::exchange(_notices, 0);
 }
 
 void Buffered_logger::handle_event(waiter_event&) {
@@ -75,11 +84,10 @@ void Buffered_logger::handle_event(waiter_event&) {
     do {
         taken = take(text);
         // Printed without the lock: appenders do not wait for it.
-        for (uint32_t i = 0; i < taken.notices; ++i) print_notice();
+        print_notices(taken.notices);
         if (taken.length == 0) break;
         text[taken.length] = 0;
         Debug_print::printd(text, static_cast<int>(taken.length));
     } while (taken.left > 0);
-    // A notice left just before this is printed for the event of its append.
-    _printing.store(false, std::memory_order_relaxed);
+    while (const uint32_t notices = end_printing()) print_notices(notices);
 }

@@ -8,16 +8,21 @@
 
 /// Prints log text on behalf of other threads, so that they never wait for the debug output: they append to a ring
 /// under a short lock, and the logger's own thread prints it in pieces of at most 80 bytes. What does not fit is
-/// dropped, and each append that lost text is answered by "**1 CHARS DROPPED**".
+/// dropped, and each append that lost text is answered by "**1 CHARS DROPPED**"; where very many lost some while the
+/// output was held up, the last of them together by "**1 CHARS DROPPED** x 3642".
 class KAV_API Buffered_logger : public Diner {
 public:
     static constexpr uint32_t capacity = 4096; ///< [bytes] of text that may wait
     static constexpr uint32_t piece = 80;      ///< [bytes] printed at a time
-    /// Notices of dropped text that may wait for the output; what is dropped beyond is covered by those.
+    /// Notices of dropped text that waited for the output and are printed one by one; more become one with their
+    /// number.
     static constexpr uint32_t most_notices = 256;
 
+    /// The one that log() writes to; null until init() and when it is gone.
+    static std::atomic<Buffered_logger*> self;
+
     Buffered_logger();
-    ~Buffered_logger() override;
+    ~Buffered_logger() override; ///< ends its thread; text that still waits is not printed
 
     using Diner::init;
     /// Give it its thread, make it the one that log() writes to, and start it.
@@ -51,11 +56,12 @@ private:
     };
     Piece take(char* text);
     bool leave_notice();
-    static void print_notice();
+    uint32_t end_printing();
+    static void print_notices(uint32_t n);
 
-    mutable Mutex _mutex; ///< guards the ring and the notices
+    mutable Mutex _mutex; ///< guards all of these
     Ring_buffer _ring;
-    uint32_t _notices = 0;              ///< to be printed by the logger's thread
-    std::atomic<bool> _printing{false}; ///< that thread is about to print, or held up by the output
+    uint32_t _notices = 0;  ///< to be printed by the logger's thread
+    bool _printing = false; ///< that thread prints, or is held up by the output, and will look for notices after it
     unsigned char _storage[capacity];
 };
