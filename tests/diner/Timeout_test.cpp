@@ -26,7 +26,7 @@ protected:
 };
 
 TEST_F(Timeouts, are_copied_without_their_place_in_a_list) {
-    Timeout assigned(Atime::from_now(20));
+    Timeout assigned = Atime::from_now(20);
     EXPECT_TRUE(t[1].remaining_ms() == 0 && assigned.remaining_ms() == 20);
     t[0].uid = 5;
     t[0].period = 7;
@@ -52,6 +52,91 @@ TEST_F(Timeouts, are_withdrawn_by_their_destructor_whether_pending_or_handed_out
         short_lived.submit_timeout(t[0], 1000);
     }
     t[0] = Atime::from_now(10); // would abort in a list
+}
+
+TEST_F(Timeouts, show_in_their_node_that_they_are_in_a_list) {
+    c_bstree<avl_bstree, Timeout> other;
+    other.create<Timeout_manager::timeouts_compare>();
+    const auto refused = [&other](Timeout& x) {
+        return x.in_tree() && other.remove(&x) == -1 &&
+               run_child([&] { other.insert(&x); }).out == "BUG: avl_bstree::insert, already in a tree.\r\n";
+    };
+    std::vector<Timeout> many(100);
+    for (size_t i = 0; i < many.size(); ++i) submit(many[i], 1000 + static_cast<int>(i));
+    EXPECT_TRUE(refused(many[0]) && !other.next(&many[0]) && !other.nearby(&many[0], bst_less)) << "just submitted";
+    manager.next_timeout();
+    for (Timeout* x : {&many[0], &many[99]}) EXPECT_TRUE(refused(*x)) << "put in order";
+    for (Timeout& x : t) submit(x, 0);
+    auto pass = manager.begin_pass();
+    EXPECT_TRUE(manager.expired_timeout(pass) == &t[0] && refused(t[0])) << "handed out";
+    submit(t[0], 0);
+    EXPECT_TRUE(manager.expired_timeout(pass) == &t[1] && refused(t[0])) << "left to the next pass";
+    EXPECT_TRUE(!manager.expired_timeout(pass) && manager.next_timeout() == &t[0] && refused(t[0]));
+    manager.remove_timeout(t[0]);
+    EXPECT_TRUE(!t[0].in_tree() && other.insert(&t[0]) == 0 && other.remove(&t[0]) == 0);
+    manager.terminate();
+    for (Timeout& x : many) ASSERT_FALSE(x.in_tree());
+}
+
+/// A and B are due, C is free. What the handlers do shows in the order of this pass and of the next.
+TEST_F(Timeouts, of_a_pass_are_all_that_are_due_but_those_that_ran_and_were_submitted_again) {
+    Timeout x[3];
+    const auto due_in = [&](char name, int ms) { diner.submit_timeout(x[name - 'A'], ms); };
+    const std::tuple<const char*, std::function<void(char)>, int, const char*> cases[] = {
+        {"another that is due",
+         [&](char a) {
+             if (a == 'A') due_in('C', -15);
+         },
+         0, "ACB||"},
+        {"another that is not",
+         [&](char a) {
+             if (a == 'A') due_in('C', 1);
+         },
+         0, "AB||"},
+        {"itself, as it was",
+         [&](char a) {
+             if (a == 'A') diner.submit_timeout(x[0]);
+         },
+         0, "AB|A|A"},
+        {"itself, withdrawn before", [&](char a) { diner.remove_timeout(x[a - 'A']), due_in(a, -30); }, 0, "AB|AB|AB"},
+        {"one that ran",
+         [&](char a) {
+             if (a == 'B') due_in('A', -30);
+         },
+         0, "AB|A|"},
+        {"one that ran and is pending again", [&](char a) { due_in(a == 'A' ? 'B' : 'A', -5); }, 1000, "AB|AB|AB"},
+        {"none, but periods were missed", [](char) {}, 8, "AABAB||"},
+    };
+    for (const auto& [what, act, period, passes] : cases) {
+        std::string seen;
+        diner.on_timeout = [&, &do_act = act](Timeout& y) {
+            seen += static_cast<char>('A' + (&y - x));
+            do_act(seen.back());
+        };
+        for (char name : {'A', 'B'}) {
+            x[name - 'A'].period = period;
+            due_in(name, name == 'A' ? 10 : 20);
+        }
+        clock.advance(30);
+        for (int pass = 0; pass < 3; ++pass) {
+            if (pass) seen += '|';
+            diner.handle_timeout();
+        }
+        EXPECT_EQ(seen, passes) << what;
+        for (Timeout& y : x) diner.remove_timeout(y);
+    }
+}
+
+TEST_F(Timeouts, made_anew_for_the_past_in_every_step_end_a_pass_too) {
+    std::vector<std::unique_ptr<Timeout>> made;
+    diner.on_timeout = [&](Timeout&) {
+        made.push_back(std::make_unique<Timeout>());
+        diner.submit_timeout(*made.back(), -1000);
+    };
+    diner.submit_timeout(t[0], 0);
+    diner.handle_timeout();
+    EXPECT_EQ(made.size(), 10001u);
+    for (auto& x : made) diner.remove_timeout(*x);
 }
 
 TEST_F(Timeouts, resubmitted_a_period_or_more_late_become_due_now) {
@@ -87,6 +172,9 @@ TEST_F(Timeouts, of_another_manager_are_refused_with_a_message) {
                   EXPECT_FALSE(other.internal_remove(t[0]));
               }),
               line + line + line);
+    Debug_filter::add_filter(_JDB::jdb_timeout);
+    EXPECT_EQ(debug_text([&] { other.submit_timeout(t[0], nullptr); }), line) << "no lists";
+    Debug_filter::remove_filter(_JDB::jdb_timeout);
     EXPECT_TRUE(manager.submitted(t[0]) && !other.submitted(t[0]) && t[0].remaining_ms() == 10);
 }
 
@@ -173,6 +261,28 @@ TEST_F(Timeouts, agree_with_an_ordered_set_through_a_long_random_use) {
             ASSERT_EQ(due, first && first->remaining_ms() <= 0 ? first : nullptr) << step;
             if (due) pending.erase(pending.begin());
             if (due && m.reschedule_periodic_timeout(*due)) pending.emplace(due->ms(), due);
+        }
+        const Atime begin = Atime::now();
+        std::set<Timeout*> ran, ran_and_submitted;
+        for (auto pass = m.begin_pass(); step % 4 == 0;) {
+            auto expected = pending.begin();
+            while (expected != pending.end() && ran_and_submitted.count(expected->second)) ++expected;
+            const bool none = expected == pending.end() || expected->first > Timeout::ms_of(begin);
+            Timeout* const due = m.expired_timeout(pass);
+            ASSERT_EQ(due, none ? nullptr : expected->second) << step;
+            if (!due) break;
+            pending.erase(expected);
+            ran.insert(due);
+            Timeout& other = up_to(3) ? *due : all[random() % all.size()];
+            if (up_to(2)) {
+                const Atime when = begin + (up_to(20) - 15);
+                pending.erase({other.ms(), &other});
+                m.submit_timeout(other, &when);
+                pending.emplace(other.ms(), &other);
+                if (ran.count(&other)) ran_and_submitted.insert(&other);
+            }
+            ASSERT_TRUE(up_to(10) || m.next_timeout() == (pending.empty() ? nullptr : pending.begin()->second)) << step;
+            if (m.reschedule_periodic_timeout(*due)) pending.emplace(due->ms(), due);
         }
         Atime expiry(false);
         ASSERT_EQ(m.next_expiry(expiry), !pending.empty()) << step;

@@ -14,15 +14,16 @@ class Timeout_manager;
 /// withdraws it, from any thread: the destructor takes the diner's lock and so waits for a handler that is using it.
 ///
 /// A timeout is free (in no list), pending, or handed out: a one-shot timeout that fired stays handed out until it is
-/// removed, submitted again or its diner stops.
+/// removed, submitted again or its diner stops. Its node shows it: in_tree() while it is pending or handed out, so that
+/// another tree refuses it then.
 ///
 /// The diner outlives it, or it is removed before the diner goes: submitted() and the destructor ask the diner. While
 /// it is in a list, threads other than the diner's read and write its fields under the diner's lock.
 class KAV_API Timeout : public avl_bsnode {
 public:
-    Timeout();                           ///< due now, one-shot
-    explicit Timeout(const Atime& when); ///< due at `when`, one-shot
-    Timeout(const Timeout& o);           ///< expiry, uid and period of the other; free
+    Timeout();                  ///< due now, one-shot
+    Timeout(const Atime& when); ///< due at `when`, one-shot
+    Timeout(const Timeout& o);  ///< expiry, uid and period of the other; free
     /// Re-time. Aborts while in a list.
     Timeout& operator=(const Atime& when);
     /// Expiry, uid and period of the other. Aborts while in a list.
@@ -52,7 +53,8 @@ private:
     /// The manager that has it. Unlike the tree links it also stands while the manager moves the timeout from one place
     /// to another, and clearing it is the manager's last access: the owner's thread may look at it without a lock.
     std::atomic<Timeout_manager*> _holder{nullptr};
-    uint32_t _submission = 0; ///< the manager's count of submissions when it was submitted
+    uint32_t _pass = 0;      ///< the one that it was handed out in last
+    bool _submitted = false; ///< since it was handed out last; not: rescheduled
     bool _handed_out = false;
     Timeout_list* _list = nullptr; ///< the one it is in; null while it is in a tree
     Timeout *_before = nullptr, *_after = nullptr;

@@ -3,7 +3,11 @@
 #include "glue/diner/Timeout.h"
 #include <algorithm>
 
+/// The parent of what is in a list. It has none itself, as the header of a tree: who climbs ends there.
+static __bsnode mark;
+
 void Timeout_list::push(Timeout& t) {
+    t.parent = &mark;
     t._list = this;
     t._before = nullptr;
     t._after = _first;
@@ -16,6 +20,7 @@ void Timeout_list::remove(Timeout& t) {
     (t._before ? t._before->_after : _first) = t._after;
     if (t._after) t._after->_before = t._before;
     t._list = nullptr;
+    t.parent = nullptr;
     --_count;
 }
 

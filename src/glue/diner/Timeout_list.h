@@ -5,7 +5,8 @@
 class Timeout;
 
 /// Pending timeouts of a manager outside of its trees: a list by their own links, which costs nothing to enter and to
-/// leave. No lock, no ownership; a timeout is in one list at most.
+/// leave. No lock, no ownership; a timeout is in one list or tree at most: those of a list have a parent too, which is
+/// no tree's.
 class Timeout_list {
 public:
     int count() const { return _count; }

@@ -21,6 +21,8 @@ void set_ms(Atime& at, int64_t ms) {
     at.millitm = static_cast<uint16_t>(ms - seconds * 1000);
 }
 
+std::atomic<uint32_t> passes{0}; // begun so far, by all managers: a timeout may move from one to another
+
 /// Without the mutex held.
 void tell_failure() { Debug_print::dprint("Failed to remove timeout, did client get right Diner?\n"); }
 
@@ -55,14 +57,17 @@ int Timeout_manager::submit_timeout(Timeout& t, const Atime* when, Diner* owner)
                 const Atime now = Atime::now();
                 if (now - t.expiry >= t.period) t.expiry = now;
             }
-            t._submission = ++_submissions;
+            t._submitted = true;
             t._holder.store(this, std::memory_order_relaxed);
             make_pending(t);
         }
     }
-    if (!removed) tell_failure();
+    if (!removed) {
+        tell_failure();
+        return -1;
+    }
     print();
-    return removed ? 0 : -1;
+    return 0;
 }
 
 int Timeout_manager::remove_timeout(Timeout& t, bool unbind) {
@@ -124,16 +129,30 @@ void Timeout_manager::sort_in() const {
     while (Timeout* t = _unsorted.first()) enter_tree(*t);
 }
 
-/// The earliest pending timeout. Those of the same expiry go into the tree together: it knows their order.
+/// The earliest pending timeout that is not held back. Those of the same expiry go into the tree together: it knows
+/// their order.
 Timeout* Timeout_manager::first() const {
     sort_in();
     for (Timeout* t; (t = _sorted.first()) && (!alive.first() || t->ms() <= alive.first()->ms());) enter_tree(*t);
     return alive.first();
 }
 
+void Timeout_manager::release_held() const {
+    while (Timeout* t = _held.first()) {
+        _held.remove(*t);
+        _unsorted.push(*t);
+    }
+}
+
+/// The earliest pending timeout, as all but a pass see it.
+Timeout* Timeout_manager::earliest() const {
+    release_held();
+    return first();
+}
+
 int64_t Timeout_manager::next() const {
     if (_next.load(std::memory_order_relaxed) == unknown) {
-        const Timeout* t = first();
+        const Timeout* t = earliest();
         _next.store(t ? t->ms() : none_pending, std::memory_order_release);
     }
     return _next.load(std::memory_order_relaxed);
@@ -164,7 +183,7 @@ Timeout* Timeout_manager::get_timeout(bool only_expired, bool take) {
 
 Timeout* Timeout_manager::get_timeout_locked(bool only_expired, bool take) {
     if (only_expired && next() > Timeout::ms_of(Atime::now())) return nullptr;
-    Timeout* t = first();
+    Timeout* t = earliest();
     return t && take ? hand_out(t) : t;
 }
 
@@ -172,6 +191,7 @@ Timeout* Timeout_manager::get_timeout_locked(bool only_expired, bool take) {
 Timeout* Timeout_manager::hand_out(Timeout* t) {
     if (!take_out(*t)) return nullptr;
     t->_handed_out = true;
+    t->_submitted = false;
     dead.insert(t);
     return t;
 }
@@ -188,20 +208,37 @@ Timeout* Timeout_manager::expired_timeout() {
     return t;
 }
 
-Timeout_manager::Pass Timeout_manager::begin_pass() const {
+Timeout_manager::Pass Timeout_manager::begin_pass() {
     const Guard guard(_mutex);
-    return Pass(Atime::now(), _submissions, _steps);
+    release_held();
+    Pass pass;
+    pass._begin.set_now();
+    pass._number = passes.fetch_add(1, std::memory_order_relaxed) + 1;
+    pass._steps = _steps;
+    pass._left = _unsorted.count() + _sorted.count() + alive.count() + Pass::most_new;
+    return pass;
+}
+
+/// The earliest pending timeout that is not held back, if it was due when the pass began.
+Timeout* Timeout_manager::first_due(const Pass& pass) {
+    const int64_t least = _next.load(std::memory_order_relaxed), begin = Timeout::ms_of(pass._begin);
+    if (pass._steps != _steps || pass._left <= 0 || least > begin) return nullptr;
+    Timeout* t = first();
+    return t && (least != unknown || t->ms() <= begin) ? t : nullptr;
 }
 
 Timeout* Timeout_manager::expired_timeout(Pass& pass) {
-    Timeout* t = nullptr;
+    Timeout* t;
     {
         const Guard guard(_mutex);
-        if (pass._steps == _steps && next() <= Timeout::ms_of(pass._begin)) t = first();
-        if (t && static_cast<int32_t>(t->_submission - pass._submissions) > 0) t = nullptr; // submitted since
+        while ((t = first_due(pass)) && t->_submitted && t->_pass == pass._number && take_out(*t)) _held.push(*t);
         if (t) {
             pass._remaining_ms = t->expiry - pass._begin;
+            pass._left -= t->_submitted;
+            t->_pass = pass._number;
             t = hand_out(t);
+        } else {
+            next();
         }
         cur_expired_timeout = t;
         _stepped = 0;
@@ -228,7 +265,7 @@ void Timeout_manager::clock_stepped(int64_t ms) {
     ++_steps;
     _stepped += ms;
     Timeout_list all;
-    for (Timeout_list* list : {&_unsorted, &_sorted}) {
+    for (Timeout_list* list : {&_unsorted, &_sorted, &_held}) {
         while (Timeout* t = list->first()) {
             list->remove(*t);
             all.push(*t);
@@ -260,7 +297,7 @@ void Timeout_manager::terminate() {
 }
 
 void Timeout_manager::empty(bool unbind) {
-    for (Timeout_list* list : {&_unsorted, &_sorted}) {
+    for (Timeout_list* list : {&_unsorted, &_sorted, &_held}) {
         while (Timeout* t = list->first()) {
             list->remove(*t);
             release(*t, unbind);
@@ -282,6 +319,7 @@ void Timeout_manager::release(Timeout& t, bool unbind) {
 void Timeout_manager::print() const {
     if (!Debug_filter::enabled(_JDB::jdb_timeout)) return;
     const Guard guard(_mutex);
+    release_held();
     while (Timeout* t = _unsorted.first()) enter_tree(*t);
     while (Timeout* t = _sorted.first()) enter_tree(*t);
     Debug_print::dprint("Alive timeouts:\r\n");

@@ -35,9 +35,12 @@ public:
     bool next_expiry(Atime& expiry) const;
     /// The earliest pending timeout if it is due, now handed out; null otherwise. O(log n)
     Timeout* expired_timeout();
-    /// One pass of a diner over its timeouts: what is pending and due when it begins, missed periods included. It ends
-    /// at a timeout that was submitted since, so that a handler slower than its period, or one that submits its timeout
-    /// due again, cannot keep the diner from its events, and when the clock was stepped since.
+    /// One pass of a diner over its timeouts, in order: whatever is due when it begins, missed periods included, and
+    /// what is submitted meanwhile for an instant that was due then. Only a timeout that ran in this pass and was
+    /// submitted again, which rescheduling by its period is not, is left to the next one. So a pass ends after as many
+    /// steps as there are timeouts and missed periods, whatever handlers submit and however slow they are, and the
+    /// diner comes to its events. (Handlers that keep making new timeouts for an instant long past end it too: beyond
+    /// those that were pending it takes `most_new`.) It also ends when the clock was stepped since.
     class Pass {
     public:
         /// [ms] from the begin of the pass until the timeout handed out last falls due: not positive. (Its own expiry
@@ -46,14 +49,14 @@ public:
 
     private:
         friend class Timeout_manager;
-        Pass(const Atime& begin, uint32_t submissions, uint32_t steps)
-            : _begin(begin), _submissions(submissions), _steps(steps) {}
-        Atime _begin;
-        uint32_t _submissions;
-        uint32_t _steps;
+        static constexpr int most_new = 10000;
+        Atime _begin{false};
+        uint32_t _number = 0; ///< of all passes of the process
+        uint32_t _steps = 0;
+        int _left = 0; ///< that were submitted and may still be handed out
         int _remaining_ms = 0;
     };
-    Pass begin_pass() const;
+    Pass begin_pass();
     /// expired_timeout() within a pass; null at its end.
     Timeout* expired_timeout(Pass& pass);
     /// After the handler: a periodic timeout becomes pending again one period after its last expiry, so it keeps its
@@ -91,7 +94,10 @@ private:
     void enter_tree(Timeout& t) const;
     void sort_in() const;
     Timeout* first() const;
+    void release_held() const;
+    Timeout* earliest() const;
     int64_t next() const;
+    Timeout* first_due(const Pass& pass);
     Timeout* get_timeout_locked(bool only_expired, bool take);
     Timeout* hand_out(Timeout* t);
     void release(Timeout& t, bool unbind);
@@ -106,9 +112,9 @@ private:
     Tree dead;
     mutable Timeout_list _unsorted;
     mutable Timeout_list _sorted;
-    uint32_t _submissions = 0; ///< so far
-    uint32_t _steps = 0;       ///< of the clock, so far
-    int64_t _stepped = 0;      ///< [ms] by how much, since cur_expired_timeout was handed out
+    mutable Timeout_list _held; ///< due, but for the next pass; while there are any, `_next` is unknown
+    uint32_t _steps = 0;        ///< of the clock, so far
+    int64_t _stepped = 0;       ///< [ms] by how much, since cur_expired_timeout was handed out
     /// The earliest expiry [ms], readable without the mutex: the diner's loop asks for it at every event. A submission
     /// is followed by a wake-up, so a loop that has read the old value reads again.
     mutable std::atomic<int64_t> _next{none_pending};
