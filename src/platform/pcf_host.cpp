@@ -3,8 +3,8 @@
 #include "util/Mutex.h"
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -127,18 +127,28 @@ bool cut_back(int dir, const char* name, off_t size) {
     return good;
 }
 
+/// The name is all between the first blank and the last LF: it may hold, and begin with, any number of either.
+bool parse_note(const std::string& text, off_t& size, std::string& name) {
+    const size_t blank = text.find(' ');
+    if (blank == std::string::npos || text.back() != '\n') return false;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + blank, size);
+    name = text.substr(blank + 1, text.size() - blank - 2);
+    return error == std::errc() && end == text.data() + blank && size >= 0 && valid_name(name.c_str());
+}
+
 /// Undo what a crash left half done.
 bool recover(int dir) {
     unlinkat(dir, new_name, 0);
     unlinkat(dir, note_draft, 0);
     const int fd = openat(dir, note_name, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return errno == ENOENT;
-    char text[128] = {};
-    const ssize_t n = read(fd, text, sizeof text - 1);
+    char text[128];
+    const ssize_t n = read(fd, text, sizeof text);
     close(fd);
-    long long size = 0;
-    char name[PCF_NAME_SIZE] = {};
-    if (n > 0 && sscanf(text, "%lld %39[^\n]", &size, name) == 2 && valid_name(name) && !cut_back(dir, name, size))
+    if (n < 0) return false;
+    off_t size = 0;
+    std::string name;
+    if (parse_note(std::string(text, static_cast<size_t>(n)), size, name) && !cut_back(dir, name.c_str(), size))
         return false;
     return drop_note(dir);
 }

@@ -164,6 +164,7 @@ TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_ro
 
 TEST_F(Pair, a_waiter_is_told_of_what_it_asked_for) {
     EXPECT_NE(a.module_id(), b.module_id());
+    EXPECT_TRUE(static_cast<void*>(&a) == &pair && &a + 1 == &b) << "the lock comes behind them";
     // At the limit only: when full, when empty.
     for (const auto& [only_at_the_limit, written, read, told_rx, told_tx] : {
              std::tuple{false, 127u, 126u, "0", "2"},

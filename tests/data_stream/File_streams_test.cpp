@@ -104,6 +104,29 @@ TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
     EXPECT_EQ(read_file(path).find("CRC32"), std::string::npos) << "no trailer after a write error";
 }
 
+TEST_F(Files, with_a_checksum_may_be_opened_again_each_way_at_any_time) {
+    const std::string other = folder.file("other");
+    save_and_load("a record");
+    std::filesystem::rename(path, other);
+    File_checksummed_data_stream s;
+    ASSERT_TRUE(s.open_write(path.c_str()) && put(s, "the old text") == 12 && s.open_write(path.c_str()));
+    EXPECT_EQ(put(s, "hello"), 5u);
+    EXPECT_TRUE(s.open_read(other.c_str()) && drain(s) == "a record") << "verified beside the writing";
+    const uint32_t* const checksum = reinterpret_cast<uint32_t*>(&s.read_crc32_seek_off) - 1;
+    EXPECT_EQ(*checksum, s.get_crc()) << "the fields' order";
+    EXPECT_TRUE(put(s, " world") == 6 && s.close_write());
+    EXPECT_EQ(load(), "hello world");
+
+    Capture err(stderr);
+    const std::string idle = stream_name("CRCFILE", s, ""), huge = folder.file("huge");
+    EXPECT_TRUE(!s.open_read(missing.c_str()) && s.name == idle && !s.close_read());
+    EXPECT_TRUE(s.open_write(path.c_str()) && !s.open_write(missing.c_str()) && s.name == idle);
+    write_file(huge, "x");
+    std::filesystem::resize_file(huge, uintmax_t{3} << 30);
+    EXPECT_FALSE(s.open_read(huge.c_str()));
+    EXPECT_EQ(err.text(), failure + failure + "CRC32 seek failed in checksummed file [" + huge + "]: File too large\n");
+}
+
 // ---- the flash store
 
 using F = PCFile_data_stream;
@@ -218,8 +241,21 @@ TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
     EXPECT_TRUE(F::copy("b", "a") && length("b") == 1200 && events() == "");
     EXPECT_TRUE(F::copy("c", "a") && length("c") == 500 && events() == "1") << "tells when it stops for lack of room";
     EXPECT_FALSE(F::copy("c", "none") || F::copy("b", "empty") || F::exists("b"));
-    Pcf_host::inject(Pcf_host::call_open_read, 1, Pcf_host::fault_error);
-    EXPECT_FALSE(F::copy("d", "a"));
+    for (const auto& [call, nth] : {std::pair{Pcf_host::call_open_read, 1}, {Pcf_host::call_read, 2}}) {
+        Pcf_host::inject(call, nth, Pcf_host::fault_error);
+        EXPECT_FALSE(F::copy("d", "b")) << "cut at call " << nth;
+    }
+}
+
+TEST(Flash_streams, know_no_event_of_theirs_without_a_module_id) {
+    const auto body = [] {
+        F::waiters = waiter_list();
+        module_man modules;
+        for (short id; modules.init_module(&id, false) == 0;) {
+        }
+        exit(F::static_init(modules) || F::is_event(waiter_event(0, F::event_full, 0)) ? 1 : 7);
+    };
+    EXPECT_EQ(run_child(body).end(), "7 PCF Datastream has no module id\n");
 }
 
 TEST_F(Flash_stream, ends_the_process_where_it_cannot_go_on) {

@@ -22,7 +22,8 @@ struct Line {
     int modem = 0;
     int settings_written = 0;
     std::vector<int> modem_written;
-    bool fails = false; ///< tcsetattr and ioctl
+    bool fails = false;    ///< tcsetattr and ioctl
+    bool is_fixed = false; ///< tcsetattr alone
 } line;
 
 int refuse() { return errno = EIO, -1; }
@@ -35,7 +36,7 @@ extern "C" {
 KAV_API int tcgetattr(int fd, struct termios* t) noexcept { return fd == line_fd ? (*t = line.settings, 0) : refuse(); }
 
 KAV_API int tcsetattr(int fd, int when, const struct termios* t) noexcept {
-    if (fd != line_fd || line.fails || when != TCSANOW) return refuse();
+    if (fd != line_fd || line.fails || line.is_fixed || when != TCSANOW) return refuse();
     line.settings = *t;
     return ++line.settings_written, 0;
 }
@@ -97,6 +98,16 @@ TEST_F(Serial_port, does_nothing_while_closed_or_refused) {
     for (Port* p : {&whole, &port})
         EXPECT_FALSE(p->restore() || p->set_baud_rate(9600) || p->set_format({}) || p->get_status(status) ||
                      p->set_handshake(status.handshake) || p->set_state({}) || p->set_rts_state(true));
+}
+
+TEST_F(Serial_port, moves_the_modem_lines_of_a_handshake_though_the_line_refuses_its_settings) {
+    line.is_fixed = true;
+    EXPECT_TRUE(!port.set_handshake(Port::handshake_rts_cts) && line.modem == TIOCM_RTS);
+    Port::State state;
+    state.status.dtr = 1;
+    EXPECT_TRUE(!whole.set_state(state) && line.modem == TIOCM_DTR);
+    state.status.handshake = Port::handshake_rts_cts;
+    EXPECT_TRUE(!whole.set_state(state) && line.modem == (TIOCM_DTR | TIOCM_RTS));
 }
 
 TEST_F(Serial_port, settings_are_written_together_or_one_by_one_and_read_back) {

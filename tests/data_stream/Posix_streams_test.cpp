@@ -2,12 +2,15 @@
 #include "glue/data_stream/Posix_serial_data_stream.h"
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "glue/diner/module_man.h"
+#include "glue/vorn/Vorn_parser.h"
 #include "support/Pty.h"
 #include "support/capture.h"
 #include "support/child.h"
 #include "support/wait_until.h"
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <regex>
+#include <set>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -274,6 +277,37 @@ TEST_F(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed) {
     EXPECT_EQ(descriptors, num_descriptors());
 }
 
+TEST_F(Threaded_stream, has_its_name_and_counts_whole_for_whoever_asks_while_it_is_opened_and_closed) {
+    struct : Vorn_parser::Checker {
+        bool check(Data_stream&, unsigned short, int) override { return false; }
+    } nothing; // each refusal is reported with the stream's name
+    Stream stream;
+    std::atomic<bool> done{false};
+    Capture err(stderr);
+    std::thread listener([&] {
+        Vorn_parser parser(&stream, false);
+        parser.set_checker(&nothing);
+        unsigned char packet[100];
+        while (!done) {
+            parser.get_packet(packet, sizeof packet);
+            EXPECT_TRUE(stream.counts().written % 7 == 0);
+        }
+    });
+    for (int i = 0; i <= 1000; ++i) {
+        ASSERT_TRUE(stream.open(loop.c_str(), false, false) && put(stream, "PG001x\n") == 7);
+        EXPECT_TRUE(i % 2 == 0 || stream.close());
+    }
+    EXPECT_TRUE(wait_until([&] { return stream.counts().read >= 7 && stream.bytes_avail() == 0; }));
+    done = true;
+    listener.join();
+    EXPECT_EQ(stream.counts().written, 7007u);
+    const std::string text = err.text();
+    const std::regex form(" in (.*)\\[");
+    std::set<std::string> names = {stream_name("DSPosT", stream, ""), stream_name("DSPosT", stream, ", " + loop)};
+    for (std::sregex_iterator it(text.begin(), text.end(), form), end; it != end; ++it) names.insert((*it)[1]);
+    EXPECT_EQ(names.size(), 2u) << "a torn one among " << *names.begin() << " to " << *names.rbegin();
+}
+
 TEST(Threaded_streams, end_the_process_without_a_device_but_not_at_a_hang_up) {
     EXPECT_EQ(run_child([] { Serial("/dev/null/none:9600:rs485"); }).end(),
               "255 Error opening file [/dev/null/none]\n");
@@ -284,6 +318,15 @@ TEST(Threaded_streams, end_the_process_without_a_device_but_not_at_a_hang_up) {
         Serial().init(mm);
     };
     EXPECT_EQ(124, run_child(no_ids).status);
+    const auto no_reader = [] { // the one descriptor that is left goes to the device
+        const int spare = dup(0);
+        const struct rlimit limit = {static_cast<rlim_t>(spare) + 1, static_cast<rlim_t>(spare) + 1};
+        ::close(spare);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        Stream s;
+        exit(s.open("/dev/null", false, false) || put(s, "x") != failed || s.close() ? 1 : 7);
+    };
+    EXPECT_EQ(7, run_child(no_reader).status);
     const auto daemon = [] {
         setsid(); // a leader without a terminal would get this one and its hang-up
         Pty pty;

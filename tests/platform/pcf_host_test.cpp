@@ -72,6 +72,17 @@ TEST_F(Flash, A_reader_sees_what_is_appended_and_nothing_that_is_taken_back) {
     EXPECT_EQ(load("a", 4000), std::string(5008, 'z'));
 }
 
+TEST_F(Flash, A_crash_takes_back_what_was_not_closed_and_nothing_of_a_file_with_a_name_alike) {
+    const std::string names[] = {"a", "a\nb", " a", "a ", "\n", " ", "1 a", "a\n", "\ta"};
+    for (const std::string& name : names) ASSERT_TRUE(save(name.c_str(), name));
+    for (const std::string& name : names) {
+        ASSERT_EQ(pcfOpenWrite(name.c_str(), -1), PCF_DONE);
+        pcfWrite("torn", 4, -1);
+        ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 1000));
+        for (const std::string& each : names) EXPECT_EQ(load(each.c_str()), each) << "after " << name;
+    }
+}
+
 TEST_F(Flash, One_process_at_a_time_has_it_mounted) {
     const std::string command = "flock -n -x '" + folder.path + "'/flash-store-lock* true";
     EXPECT_NE(system(command.c_str()), 0);

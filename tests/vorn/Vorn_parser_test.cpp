@@ -146,6 +146,23 @@ TEST(Vorn_parser, takes_every_frame_that_another_thread_brings) {
     line.join();
 }
 
+TEST(Vorn_parser, takes_no_frame_that_its_checker_saw_in_part_only) {
+    const std::string sound = Frame("EL").text("0123456789").str(), wrong = std::string(sound).replace(9, 1, "!");
+    Fed_stream stream(wrong + "\r\n" + sound + "\r", Fed_stream::pushed, 12);
+    struct : Vorn_checksum_checker {
+        bool check(Data_stream& s, unsigned short id, int total) override {
+            const bool accepted = Vorn_checksum_checker::check(s, id, total);
+            static_cast<Fed_stream&>(s).feed(); // the line goes on
+            return accepted;
+        }
+    } checker;
+    Vorn_parser parser(&stream, false);
+    parser.set_checker(&checker);
+    stream.feed();
+    const Capture refusal(stderr);
+    EXPECT_EQ(take_all(parser), (Packets{{3, wrong.substr(1) + "\r\n"}, {1, sound + "\r"}}));
+}
+
 TEST(Vorn_checkers, accept_the_lengths_of_the_catalogue_and_right_checksums) {
     const auto accepts = [](Vorn_parser::Checker& checker, const std::string& bytes, int total) {
         Fed_stream stream(bytes, Fed_stream::pulled);

@@ -114,11 +114,24 @@ void Data_stream::log_data(unsigned char*, int) {}
 
 void Data_stream::flush_log_data() {}
 
+void Data_stream::get_name(char (&copy)[name_size]) const {
+    const auto held = hold(stream_lock);
+    std::copy(name, name + name_size, copy);
+}
+
+Data_stream::Counts Data_stream::counts() const {
+    const auto held = hold(stream_lock);
+    return {bytes_lost, bytes_read, bytes_written};
+}
+
 void Data_stream::set_name(char const* fmt, ...) {
+    char text[name_size] = {};
     va_list args;
     va_start(args, fmt);
-    vsnprintf(name, sizeof name, fmt, args);
+    vsnprintf(text, sizeof text, fmt, args);
     va_end(args);
+    const auto held = hold(stream_lock);
+    std::copy(text, text + name_size, name);
 }
 
 uint32_t Data_stream::Window::move(unsigned char* dest, uint32_t n) { return drop(_stream.buffer.peek(0, dest, n)); }

@@ -11,8 +11,9 @@ class Binary_message;
 /// A source and sink of bytes with a receive buffer. Consumers peek at buffered bytes, copy them out and drop them once
 /// used; a subclass supplies two operations: fetch more bytes, and write.
 ///
-/// One thread reads and one writes. A subclass whose buffer another thread fills sets `stream_lock`; then every buffer
-/// operation runs under it. None of these operations allocates.
+/// One thread reads and one writes. A subclass whose buffer another thread fills sets `stream_lock`; then the buffer,
+/// the counters and the name change under it alone, and every operation here takes it by itself. Without a lock all
+/// three belong to the thread that uses the stream. None of these operations allocates.
 class KAV_API Data_stream {
 public:
     static constexpr uint32_t BUFFER_SIZE = 4200; ///< [bytes]
@@ -76,7 +77,15 @@ public:
     void log_data(unsigned char* data, int n);
     void flush_log_data();
 
+    /// The name in place: for the thread that opens and closes, and for streams without a lock. Others copy it.
     char const* get_name() const { return name; }
+    void get_name(char (&copy)[name_size]) const; ///< as it is now; any thread
+
+    /// The counters of a moment [bytes]; any thread.
+    struct Counts {
+        uint32_t lost, read, written;
+    };
+    Counts counts() const;
 
     /// A look into the receive buffer under one lock: for parsers, which would otherwise lock for each byte. While it
     /// stands no other operation of the stream may be called by this thread; release() it before calling out.
@@ -123,6 +132,9 @@ public:
         bool _held = false;
     };
 
+    // The counters change under `stream_lock`, where there is one: hold it to look at them from another thread, or ask
+    // counts().
+
     uint32_t bytes_lost = 0;    ///< received, but the buffer was full; for the streams that count
     uint32_t bytes_read = 0;    ///< for the streams that count
     uint32_t bytes_written = 0; ///< for the streams that count
@@ -132,12 +144,13 @@ private:
     unsigned char _storage[BUFFER_SIZE];
 
 public:
-    bool echo = false;            ///< copy what printf writes to the debug output
-    Mutex* stream_lock = nullptr; ///< guards the buffer when another thread fills it; not owned
-    char name[name_size];         ///< for debugging: what the stream is connected to
+    bool echo = false; ///< copy what printf writes to the debug output
+    /// Guards buffer, counters and name when another thread fills the buffer; not owned. Set before the stream is used.
+    Mutex* stream_lock = nullptr;
+    char name[name_size]; ///< for debugging: what the stream is connected to. Changes under `stream_lock`, as counters
 
 protected:
-    /// Format `name`, cut to its room.
+    /// Format `name`, cut to its room; called without `stream_lock`.
     void set_name(char const* fmt, ...) KAV_PRINTF(2, 3);
 
 private:

@@ -28,9 +28,13 @@ bool parse_hex(char const* text, uint32_t& value) {
 
 } // namespace
 
-File_checksummed_data_stream::File_checksummed_data_stream() { set_name("CRCFILE(%p)", static_cast<void*>(this)); }
+File_checksummed_data_stream::File_checksummed_data_stream() { set_idle_name(); }
+
+void File_checksummed_data_stream::set_idle_name() { set_name("CRCFILE(%p)", static_cast<void*>(this)); }
 
 bool File_checksummed_data_stream::open_write(char const* path) {
+    // First, so that nothing buffered goes into a file that was cut to nothing already: it may be the same one.
+    if (File_data_stream::close_write()) set_idle_name();
     set_write_file(fopen(path, "w"));
     if (!_write_file) {
         Debug_print::dprint("Error opening file [%s]\n", path);
@@ -61,19 +65,20 @@ bool File_checksummed_data_stream::close_write() {
             Debug_print::dprint("CRCFILE failed to write CRC32!\n");
     }
     File_data_stream::close_write();
-    set_name("CRCFILE(%p)", static_cast<void*>(this));
+    set_idle_name();
     return true;
 }
 
 bool File_checksummed_data_stream::close_read() {
     const bool was_open = File_data_stream::close_read();
-    set_name("CRCFILE(%p)", static_cast<void*>(this));
+    set_idle_name();
     return was_open;
 }
 
 bool File_checksummed_data_stream::open_read(int) { return false; }
 
 bool File_checksummed_data_stream::open_read(char const* path) {
+    if (_read_file) close_read();
     set_read_file(fopen(path, "rb"));
     if (!_read_file) {
         Debug_print::dprint("Error opening file [%s]\n", path);
@@ -97,8 +102,9 @@ bool File_checksummed_data_stream::verify(char const* path) {
         Util::assertion_failed("infile_stat.st_size - read_crc32_seek_off > 0",
                                "glue/data_stream/File_checksummed_data_stream", 1,
                                "bool File_checksummed_data_stream::open_read(const char*)");
-    if (!checksum_payload(path)) return false;
-    if (stored != _crc) {
+    uint32_t crc = seed;
+    if (!checksum_payload(path, crc)) return false;
+    if (stored != crc) {
         Debug_print::dprint("Error CRC32 mismatch on checksummed file [%s]\n", path);
         return false;
     }
@@ -113,13 +119,17 @@ bool File_checksummed_data_stream::find_trailer(char const* path, int64_t size, 
     }
     const int tail = size < head_size + slack ? head_size : head_size + slack;
     int64_t tail_at = -1;
-    if (size <= INT32_MAX && fseek(_read_file, -tail, SEEK_END) == 0) tail_at = ftell(_read_file);
+    if (size > INT32_MAX)
+        errno = EFBIG;
+    else if (fseek(_read_file, -tail, SEEK_END) == 0)
+        tail_at = ftell(_read_file);
     if (tail_at < 0) {
         Debug_print::dprint("CRC32 seek failed in checksummed file [%s]: %s\n", path, strerror(errno));
         return false;
     }
     char text[head_size + 16] = {};
     if (fread(text, static_cast<size_t>(tail), 1, _read_file) != 1) {
+        if (!ferror(_read_file)) errno = ENODATA; // somebody cuts it
         Debug_print::dprint("Short read while seeking CRC32 in checksummed file [%s]: %s\n", path, strerror(errno));
         return false;
     }
@@ -135,10 +145,9 @@ bool File_checksummed_data_stream::find_trailer(char const* path, int64_t size, 
 
 /// The checksum as files in the field were verified: the last chunk is not cut to the payload's end, so behind a
 /// payload above 255 bytes that is no multiple of them it runs into the trailer and the file is refused.
-bool File_checksummed_data_stream::checksum_payload(char const* path) {
+bool File_checksummed_data_stream::checksum_payload(char const* path, uint32_t& crc) const {
     const int32_t length = read_crc32_seek_off;
     rewind(_read_file);
-    _crc = seed;
     for (int64_t count = 0; count < length;) {
         unsigned char bytes[chunk];
         const int wanted = count + chunk <= length ? chunk : std::min<int32_t>(length, chunk);
@@ -148,7 +157,7 @@ bool File_checksummed_data_stream::checksum_payload(char const* path) {
             Debug_print::dprint("CRC32 calc read failed file [%s]: %s\n", path, strerror(errno));
             return false;
         }
-        _crc = static_cast<uint32_t>(Util::crc32(_crc, bytes, static_cast<int>(got)));
+        crc = static_cast<uint32_t>(Util::crc32(crc, bytes, static_cast<int>(got)));
         count += static_cast<int64_t>(got);
     }
     return true;

@@ -26,7 +26,8 @@ public:
     /// Verify and open: false, with one line on the debug output, when the file is missing, cut or damaged.
     bool open_read(char const* path);
     bool open_read(int fd); ///< always false: a descriptor cannot be verified
-    /// Begin a new file, in place of an old one: false, with one line, when that fails.
+    /// Begin a new file, in place of an old one: false, with one line, when that fails. What was open for writing is
+    /// closed first, without a trailer.
     bool open_write(char const* path);
     bool close_read();
     /// Append the trailer and close. After a write error there is no trailer, so that the file will not verify; a
@@ -39,13 +40,16 @@ public:
 
     uint32_t get_crc() const { return _crc; } ///< of what was written so far
 
+private:
+    uint32_t _crc = seed;
+
+public:
     /// [bytes] of payload in the file open for reading; -1 for one that holds nothing but a trailer of 15 bytes.
     int32_t read_crc32_seek_off = 0;
 
 private:
     bool verify(char const* path);
     bool find_trailer(char const* path, int64_t size, uint32_t& stored);
-    bool checksum_payload(char const* path);
-
-    uint32_t _crc = seed;
+    bool checksum_payload(char const* path, uint32_t& crc) const;
+    void set_idle_name();
 };

@@ -36,6 +36,7 @@ void File_data_stream::set_write_file(FILE* file) {
 }
 
 bool File_data_stream::open_read(char const* path) {
+    set_read_file(nullptr);
     set_read_file(fopen(path, "rb"));
     if (!_read_file) {
         Debug_print::dprint("Error opening file [%s]\n", path);
@@ -46,6 +47,7 @@ bool File_data_stream::open_read(char const* path) {
 }
 
 bool File_data_stream::open_read(int fd) {
+    set_read_file(nullptr);
     set_read_file(fdopen(fd, "rb"));
     if (!_read_file) {
         Debug_print::dprint("Error opening fd [%i]\n", fd);
@@ -56,6 +58,7 @@ bool File_data_stream::open_read(int fd) {
 }
 
 bool File_data_stream::open_write(char const* path) {
+    set_write_file(nullptr); // first, so that what is flushed comes before what the new opening writes
     set_write_file(fopen(path, "a"));
     if (!_write_file) {
         Debug_print::dprint("Error opening file [%s]\n", path);

@@ -57,9 +57,11 @@ PCFile_data_stream::~PCFile_data_stream() {
 
 // ---- the class
 
-void PCFile_data_stream::static_init(module_man& mm) {
+bool PCFile_data_stream::static_init(module_man& mm) {
     const std::lock_guard<Mutex> guard(mutex);
-    waiters.init(mm);
+    if (waiters.init(mm) == 0) return true;
+    Debug_print::dprint("PCF Datastream has no module id\n");
+    return false;
 }
 
 int PCFile_data_stream::register_waiter(waiter_descriptor* w) {
@@ -80,7 +82,9 @@ void PCFile_data_stream::send_event(events_t e) {
     deliver(e);
 }
 
-bool PCFile_data_stream::is_event(waiter_event const& e) { return e.module_id == waiters.module_id(); }
+bool PCFile_data_stream::is_event(waiter_event const& e) {
+    return e.module_id != 0 && e.module_id == waiters.module_id();
+}
 
 bool PCFile_data_stream::mounted() { return pcfIsMounted() != 0; }
 
@@ -210,7 +214,7 @@ unsigned int PCFile_data_stream::_write(unsigned char const* data, unsigned int 
 
 namespace {
 
-/// Read up to a chunk at `offset`: the count, -1 when the file cannot be opened.
+/// Read up to a chunk at `offset`: the count, 0 at the end of the file; -1 when it cannot be opened or read.
 int read_piece(char const* from, unsigned int offset, unsigned char* bytes) {
     PcfResult opened = PCF_BUSY;
     for (int attempt = 0; attempt < copy_attempts && opened == PCF_BUSY; ++attempt) {
@@ -221,7 +225,7 @@ int read_piece(char const* from, unsigned int offset, unsigned char* bytes) {
     PcfResult result = PCF_NOTHING;
     const int count = pcfRead(bytes, copy_chunk, &result, for_reading);
     pcfCloseRead(for_reading);
-    return result == PCF_DONE ? count : 0;
+    return result == PCF_DONE ? count : -1;
 }
 
 /// Append a chunk; false when it could not all be written.

@@ -37,21 +37,22 @@ public:
     PCFile_data_stream();
     ~PCFile_data_stream() override;
 
-    /// Obtain the module id of the events; once, before waiters are used.
-    static void static_init(module_man& mm);
+    /// Obtain the module id of the events; once, before waiters are used. False, with one line on the debug output,
+    /// when there is none left: events carry 0 then, and is_event() knows none of them.
+    static bool static_init(module_man& mm);
     static int register_waiter(waiter_descriptor* w);   ///< 0; -1 when full, null or already there
     static int deregister_waiter(waiter_descriptor* w); ///< 0; -1 when not there
     /// Tell every registered waiter.
     static void send_event(events_t e);
-    static bool is_event(waiter_event const& e); ///< one of this class's
+    static bool is_event(waiter_event const& e); ///< one of this class's; none is before static_init()
 
     static bool mounted();
     static bool exists(char const* path);
     static bool remove(char const* path);
     /// [bytes] used and in all; false, and both 0, when the store does not tell.
     static bool get_free_space(unsigned int& used, unsigned int& size);
-    /// Copy a file over another, in pieces; false when nothing could be copied. Without room for the rest it stops,
-    /// tells the waiters, and returns true.
+    /// Copy a file over another, in pieces; false when nothing could be copied, and when a read or write failed: what
+    /// was copied until then stays. Without room for the rest it stops, tells the waiters, and returns true.
     static bool copy(char const* to, char const* from);
 
     /// Open with up to `retries` attempts 100 ms apart while the store is busy. 0 means for ever for reading and not at

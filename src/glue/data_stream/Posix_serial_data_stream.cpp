@@ -12,7 +12,10 @@ Posix_serial_data_stream::~Posix_serial_data_stream() = default;
 
 bool Posix_serial_data_stream::open(char const* path, bool create, bool blocking, bool append) {
     close();
-    if (!Posix_data_stream::open(path, create, blocking, append)) return false;
+    if (!Posix_data_stream::open(path, create, blocking, append)) {
+        set_name("DSPosSer(%p)", static_cast<void*>(this));
+        return false;
+    }
     set_name("DSPosSer(%p, %s)", static_cast<void*>(this), path);
     return init();
 }

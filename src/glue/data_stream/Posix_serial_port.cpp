@@ -163,7 +163,8 @@ bool Posix_serial_port::get_format(Format& f) const {
 bool Posix_serial_port::set_handshake(handshake_t h) {
     if (!usable()) return false;
     put_handshake(*_current, h);
-    return write_settings() && switch_rts(h);
+    const bool written = write_settings(); // RTS is raised whatever became of it
+    return switch_rts(h) && written;
 }
 
 bool Posix_serial_port::get_status(Status& s) {
@@ -189,9 +190,10 @@ bool Posix_serial_port::set_state(State const& s) {
     put_baud_rate(*_current, s.baud_rate);
     put_format(*_current, s.format);
     put_handshake(*_current, s.status.handshake);
-    if (!write_settings()) return false;
-    if (s.status.handshake == handshake_rts_cts) return switch_rts(s.status.handshake);
-    return write_lines(TIOCM_DTR | TIOCM_RTS, (s.status.dtr ? TIOCM_DTR : 0) | (s.status.rts ? TIOCM_RTS : 0), true);
+    const bool written = write_settings(); // the modem lines follow whatever became of it
+    if (s.status.handshake == handshake_rts_cts) return switch_rts(s.status.handshake) && written;
+    const int lines = (s.status.dtr ? TIOCM_DTR : 0) | (s.status.rts ? TIOCM_RTS : 0);
+    return write_lines(TIOCM_DTR | TIOCM_RTS, lines, true) && written;
 }
 
 bool Posix_serial_port::set_rts_state(bool on) { return usable() && write_lines(TIOCM_RTS, on ? TIOCM_RTS : 0, true); }

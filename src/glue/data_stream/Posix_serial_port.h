@@ -89,11 +89,12 @@ public:
     /// An unknown number of bits becomes 8. An unknown parity is odd or even as before.
     bool set_format(Format const& f);
     bool get_format(Format& f) const;
-    /// Hardware handshake also raises RTS.
+    /// Hardware handshake also raises RTS, even when the line does not take the setting, which is told by false.
     bool set_handshake(handshake_t h);
     /// False when the modem lines cannot be read; they are 0 then, the handshake is right.
     bool get_status(Status& s);
-    /// Speed, format and handshake at once; then DTR and RTS as given, or RTS raised for hardware handshake.
+    /// Speed, format and handshake at once; then, whatever became of them, DTR and RTS as given, or RTS raised for
+    /// hardware handshake. True when both were done.
     bool set_state(State const& s);
 
     bool set_rts_state(bool on);

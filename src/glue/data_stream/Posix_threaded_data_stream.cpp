@@ -70,6 +70,10 @@ bool Posix_threaded_data_stream::open(char const* path, bool create, bool append
         if (_open_failure_fatal) exit(-1);
         return false;
     }
+    if (!start()) {
+        ::close(fd);
+        return false;
+    }
     // Opened blocking, to wait for the carrier where the line asks for it. From here on nothing may block with a lock
     // held, not even when another process snatches the bytes that poll() announced.
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
@@ -81,7 +85,6 @@ bool Posix_threaded_data_stream::open(char const* path, bool create, bool append
         line_back();
     }
     set_name("DSPosT(%p, %s)", static_cast<void*>(this), path);
-    if (!start()) return false;
     wake_reader();
     return true;
 }
@@ -150,7 +153,10 @@ unsigned int Posix_threaded_data_stream::_write(unsigned char const* data, unsig
             if (epoch == _epoch) room.fd = descriptor(); // the rest is not for a line that was opened meanwhile
             if (room.fd >= 0) put = ::write(room.fd, data + done, n - done);
             is_full = room.fd >= 0 && put < 0 && errno == EAGAIN;
-            if (put > 0) bytes_written += static_cast<uint32_t>(put);
+        }
+        if (put > 0) {
+            const std::lock_guard<Mutex> held(_mutex);
+            bytes_written += static_cast<uint32_t>(put);
         }
         if (is_full) {
             poll(&room, 1, room_wait_ms);

@@ -12,15 +12,15 @@
 ///
 ///     device -> reader thread -> [ receive buffer, 4200 bytes ] -> the diner that was woken
 ///
-/// Diners register once the module id is there (init), take what is buffered when woken, and never wait for bytes. What
-/// does not fit into the buffer is lost and counted in `bytes_lost`. `bytes_read` and `bytes_lost` change under
-/// `stream_lock`.
+/// Diners register once the module id is there (init) and before the stream is opened: what comes earlier wakes nobody
+/// and waits for the bytes behind it. They take what is buffered when woken, and never wait for bytes. What does not
+/// fit into the buffer is lost and counted in `bytes_lost`.
 ///
 /// When the other side hangs up, the reader looks every 250 ms whether bytes come again. A waiter that asked for it is
 /// told; close() and open() get a device that was plugged in again.
 ///
 /// Threads: any thread registers waiters; one reads, one writes, one opens and closes, and these may be different ones.
-/// A write while the stream is closed fails.
+/// A write while the stream is closed fails. Nobody writes, opens or closes with `stream_lock` held.
 class KAV_API Posix_threaded_data_stream : public Data_stream {
 public:
     /// Event ids of the stream's module.
@@ -43,8 +43,8 @@ public:
 
     /// Open for reading and writing and start the reader. What was open is closed first. A failure is told on standard
     /// error and ends the process with exit(-1), unless set_open_failure_fatal(false). False when that was called, or
-    /// when there is no reader thread to be had. A terminal does not become the controlling one: its hang-up would
-    /// kill the process.
+    /// when there is no reader thread to be had; the stream is closed then. A terminal does not become the controlling
+    /// one: its hang-up would kill the process.
     bool open(char const* path, bool create, bool append);
     /// Whether open() shall end the process when it fails: true at first, for applications that are nothing without the
     /// device. False for those that wait until it is plugged in.

@@ -6,9 +6,10 @@
 
 /// A serial line with a reader thread: the usual way to listen to a receiver.
 ///
-///     Posix_threaded_serial_data_stream line("/dev/ttyS1:115200:rs485");
+///     Posix_threaded_serial_data_stream line;
 ///     line.init(modules);
-///     line.register_waiter(&diner.waiter);
+///     line.register_waiter(&diner.waiter); // before it is opened: what comes first is told, too
+///     line.open_from_args("/dev/ttyS1:115200:rs485");
 class KAV_API Posix_threaded_serial_data_stream : public Posix_threaded_data_stream, public Posix_serial_port {
 public:
     Posix_threaded_serial_data_stream();
@@ -26,5 +27,5 @@ public:
     bool open(char const* path);
     bool open_default(char const* path) override; ///< open(); a failure writes "OPEN BAD\n" to what was opened
     bool close();                                 ///< true when something was open
-    int get_fd() const override;
+    int get_fd() const override;                  ///< it does not block: a read or write that cannot go on fails
 };

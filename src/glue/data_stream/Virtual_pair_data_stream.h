@@ -13,6 +13,9 @@
 /// A read waits until the bytes asked for have arrived or the read time-out is over; what it took until then is in the
 /// receive buffer. A write waits for room until the write time-out is over. Waits are cut to whole 10 ms, so a time-out
 /// below 10 ms does not wait.
+///
+/// The reader's waiter is told at the end of a write: a reader that only comes when woken lets a write of more than 128
+/// bytes wait for its whole time-out. Write less at a time, or let the writer be woken for space.
 class KAV_API Virtual_pair_data_stream_part : public Event_sender_data_stream {
 public:
     static constexpr uint32_t ring_size = 128;     ///< [bytes]
@@ -51,10 +54,9 @@ public:
     /// `mm` as for Event_sender_data_stream; each end obtains a module id.
     explicit Virtual_pair_data_stream(module_man* mm);
 
-private:
-    Mutex _shared;
-
-public:
     Virtual_pair_data_stream_part a;
     Virtual_pair_data_stream_part b;
+
+private:
+    Mutex _shared; ///< the parts only keep a reference until they are used
 };

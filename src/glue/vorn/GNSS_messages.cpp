@@ -75,6 +75,11 @@ const Info* find(uint16_t id) {
     return nullptr;
 }
 
+bool has_checksum(uint16_t id) {
+    const Info* const info = find(id);
+    return !info || info->form != Form::text;
+}
+
 const Info* catalogue(int& n) {
     n = sizeof entries / sizeof *entries;
     return entries;

@@ -61,6 +61,8 @@ struct Info {
 
 /// The catalogue's entry of an identifier, null when it has none. Constant time.
 KAV_API const Info* find(uint16_t id);
+/// False for the texts of the catalogue: whether one is damaged cannot be told, and check_checksum() means nothing.
+KAV_API bool has_checksum(uint16_t id);
 /// All entries; their number goes to `n`.
 KAV_API const Info* catalogue(int& n);
 

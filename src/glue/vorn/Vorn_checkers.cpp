@@ -16,7 +16,7 @@ bool Vorn_length_checker::possible(unsigned short id, int total_len) const {
 
 bool Vorn_checksum_checker::check(Data_stream& stream, unsigned short id, int total_len) {
     if (!Vorn_length_checker::check(stream, id, total_len)) return false;
-    if (GNSS_messages::find(id)->form == GNSS_messages::Form::text) return true;
+    if (!GNSS_messages::has_checksum(id)) return true;
     const auto n = static_cast<unsigned>(total_len);
     unsigned char frame[Vorn_message::header_size + Vorn_message::max_body + 1];
     if (!stream.get_data(frame, n)) return true;

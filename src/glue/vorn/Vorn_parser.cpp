@@ -106,10 +106,12 @@ int Vorn_parser::in_step(Data_stream::Window& window, Output& out) {
     const int length = Vorn_frame::hex_number(header + 2, 3);
     if (length < 0) return reject(window);
     const int total = length + static_cast<int>(header_size);
-    if (!accepted(window, header, total)) return reject(window);
-
     const uint32_t need = static_cast<uint32_t>(total) + (expect_line_end ? 1 : 0);
+    const bool was_whole = window.used() >= need;
+    if (!accepted(window, header, total)) return reject(window);
     if (!window.ensure(need)) return kind_none;
+    // The rest has come since the checker was asked: of what lies there now it saw a part.
+    if (!was_whole && !accepted(window, header, total)) return reject(window);
     if (!expect_line_end) return take_frame(window, need, out);
     if (is_reply(header)) return take_reply(window, need, out);
     if (is_line_end(window.at(need - 1))) return take_frame(window, need, out);
@@ -125,8 +127,9 @@ bool Vorn_parser::accepted(Data_stream::Window& window, const unsigned char* id,
     window.release();
     const bool ok = checker->check(*stream, static_cast<unsigned short>(id[0] | id[1] << 8), total);
     if (!ok) {
-        Debug_print::dprint("Unexpected msg %c%c(%d) in %s[%d]\n", id[0], id[1], total, stream->name,
-                            stream->bytes_avail());
+        char name[Data_stream::name_size];
+        stream->get_name(name);
+        Debug_print::dprint("Unexpected msg %c%c(%d) in %s[%d]\n", id[0], id[1], total, name, stream->bytes_avail());
     }
     window.take();
     return ok;

@@ -38,8 +38,9 @@ public:
     public:
         /// True to accept. `id`: first character in the low byte; `total_len`: length of the frame with header and
         /// checksum, without line end [bytes]. The frame stands at the front of `stream`, often in part only, and the
-        /// same header is asked about at each call until the frame is complete. The stream is not locked. May look, but
-        /// must not consume.
+        /// same header is asked about at each call until the frame is complete, and once more when its rest came
+        /// meanwhile: no frame is taken that was not there whole when it was asked about. The stream is not locked. May
+        /// look, but must not consume.
         virtual bool check(Data_stream& stream, unsigned short id, int total_len) = 0;
 
     protected:

@@ -48,7 +48,7 @@ Vorn_salvage::Verdict Vorn_salvage::judge(int position, int& len) const {
     const int body = Vorn_frame::hex_number(p + 2, 3);
     len = header + body + 1;
     if (body < 0 || !lengths.possible(id, len - 1)) return no_frame;
-    if (GNSS_messages::find(id)->form == GNSS_messages::Form::text) return no_frame;
+    if (!GNSS_messages::has_checksum(id)) return no_frame;
     if (left < len) return incomplete;
     // The checksum asks for the line end, too.
     return Vorn_message(const_cast<unsigned char*>(p), static_cast<uint32_t>(len)).check_checksum() ? sound : no_frame;
