@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Prints the error history in a folder, oldest record first: the files of a controller's flash store, or a copy of
 // them. Only reads, so it may run beside the program that has the store mounted.
-// Status 1: the outside world failed, 2: wrong arguments.
+// Status 1: the outside world failed, or there is not one record; 2: wrong arguments.
 #include "fail.h"
 #include "glue/data_stream/File_data_stream.h"
 #include "glue/diagnostics/Diagnostics.h"
@@ -29,14 +29,15 @@ using Diagnostics_messages::Msg_SP;
 
 const char usage[] = "usage: history_dump FOLDER [BASE] [filters] [--csv]\n"
                      "Print the error history in a folder, BASE0.dat to BASE9.dat, oldest record first. BASE may be\n"
-                     "left out when the folder holds one history.\n"
+                     "left out when the folder holds one history. Bytes that are no record are passed over and\n"
+                     "counted on standard error.\n"
                      "  --source N   only records of this source address, 1 to 255\n"
                      "  --error N    only records with this error number, 1 to 65535\n"
                      "  --from TIME  only records of this time or later: seconds since 1970, or in UTC 2023-11-14\n"
                      "               or 2023-11-14T22:13:20\n"
                      "  --to TIME    only records before this time\n"
                      "  --csv        comma-separated form\n"
-                     "  --help       this text\n"
+                     "  -h, --help   this text\n"
                      "Numbers may be given in hexadecimal: 0x80.\n";
 
 /// A printing sink: its filter is the one that replays have.
@@ -84,17 +85,17 @@ bool read_time(const char* text, unsigned& value) {
 }
 
 Options read_arguments(int argc, char** argv) {
-    enum { source = 1, error, from, to, csv, help };
+    enum { source = 1, error, from, to, csv };
     const option known[] = {{"source", required_argument, nullptr, source},
                             {"error", required_argument, nullptr, error},
                             {"from", required_argument, nullptr, from},
                             {"to", required_argument, nullptr, to},
                             {"csv", no_argument, nullptr, csv},
-                            {"help", no_argument, nullptr, help},
+                            {"help", no_argument, nullptr, 'h'},
                             {nullptr, 0, nullptr, 0}};
     Options o;
     opterr = 0;
-    for (int c; (c = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
+    for (int c; (c = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
         bool good = true;
         switch (c) {
         case source:
@@ -112,9 +113,8 @@ Options read_arguments(int argc, char** argv) {
         case csv:
             o.csv = true;
             break;
-        case help:
-            fputs(usage, stdout);
-            exit(0);
+        case 'h':
+            show_usage(usage, 1);
         case ':':
             fail(2, "%s needs a value (try --help)", argv[optind - 1]);
         default:
@@ -150,20 +150,28 @@ public:
 
     bool there(int n) const { return access(path(n).c_str(), F_OK) == 0; }
 
-    /// Hand over the records of a file, in their order.
-    void read(int n, const std::function<void(const Msg_SP&)>& take) const {
+    /// Hand over the records of a file, in their order; returns the number of bytes that are no record, line ends and
+    /// zeros left out.
+    unsigned read(int n, const std::function<void(const Msg_SP&)>& take) const {
         const int fd = open(path(n).c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0 && errno == ENOENT) return; // removed by the program that writes the history
+        if (fd < 0 && errno == ENOENT) return 0; // removed by the program that writes the history
         if (fd < 0) fail(1, "cannot read %s: %s", path(n).c_str(), strerror(errno));
-        File_data_stream stream;
+        File stream;
         stream.open_read(fd);
         Vorn_parser parser(&stream, false);
         unsigned char packet[300];
-        int length;
-        while (parser.get_packet(packet, sizeof packet, length)) {
-            const Vorn_message frame(packet, static_cast<unsigned>(length));
-            if (frame.validate(Diagnostics_messages::id_SP)) take(Msg_SP(frame));
+        for (int length;;) {
+            if (parser.get_packet(packet, sizeof packet, length)) {
+                const Vorn_message frame(packet, static_cast<unsigned>(length));
+                if (!frame.validate(Diagnostics_messages::id_SP)) continue;
+                take(Msg_SP(frame));
+                stream.strange -= File::count(packet, static_cast<unsigned>(length));
+            } else if (!stream.drop(1)) {
+                break; // all is gone; until then, what nothing more will complete made room for a record behind it
+            }
         }
+        if (stream.failed()) fail(1, "cannot read %s: %s", path(n).c_str(), strerror(errno));
+        return stream.strange;
     }
     unsigned newest(int n) const {
         unsigned time = 0;
@@ -177,26 +185,51 @@ public:
         return Diagnostics::inc_file_num(Diagnostics::find_current(present, [this](int n) { return newest(n); }));
     }
 
-private:
     std::string path(int n) const { return _stem + std::to_string(n) + ".dat"; }
+
+private:
+    /// Counts the bytes that it reads, without line ends and zeros.
+    struct File : File_data_stream {
+        using Data_stream::get_data;
+        bool get_data(int n) override {
+            const uint32_t before = buffer.used();
+            const bool all = File_data_stream::get_data(n);
+            for (uint32_t i = before; i < buffer.used(); ++i) strange += count(buffer.at(i), 1);
+            return all;
+        }
+        bool failed() const { return ferror(_read_file) != 0; }
+        static unsigned count(const unsigned char* bytes, unsigned n) {
+            return static_cast<unsigned>(
+                std::count_if(bytes, bytes + n, [](unsigned char c) { return c != '\r' && c != '\n' && c != 0; }));
+        }
+        unsigned strange = 0;
+    };
+
     std::string _stem;
 };
 
 void print_history(const History& history, Printer& printer) {
     Progress progress(Diagnostics::num_files);
     int n = history.first();
+    bool any = false, garbage = false;
     for (int i = 0; i < Diagnostics::num_files; ++i, n = Diagnostics::inc_file_num(n)) {
         progress.at(static_cast<uint64_t>(i));
         if (!history.there(n)) continue;
-        history.read(n, [&](const Msg_SP& r) {
+        const unsigned strange = history.read(n, [&](const Msg_SP& r) {
+            any = true;
             if (r.time() != 0) printer._output(r.src(), r.a(), r.b(), r.time(), r.ms());
         });
+        if (strange == 0) continue;
+        garbage = true;
+        fprintf(stderr, "history_dump: %s: %u bytes are no record\n", history.path(n).c_str(), strange);
     }
+    if (garbage && !any) fail(1, "no record at all");
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    keep_standard_streams();
     Options o = read_arguments(argc, argv);
     const std::set<std::string> bases = find_bases(o.folder);
     if (bases.empty()) fail(1, "no history in %s", o.folder.c_str());
@@ -213,6 +246,6 @@ int main(int argc, char** argv) {
     printer.set_filter(static_cast<unsigned char>(o.source), static_cast<unsigned short>(o.error), o.from, o.to);
     if (o.csv) puts("time,source,error,word");
     print_history(History(o.folder + "/" + o.base), printer);
-    if (fflush(stdout) != 0 || ferror(stdout)) fail(1, "cannot write: %s", strerror(errno));
+    finish_output(1);
     return 0;
 }

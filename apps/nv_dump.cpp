@@ -28,8 +28,7 @@ std::string read_arguments(int argc, char** argv) {
     opterr = 0;
     for (int c; (c = getopt_long(argc, argv, "h", known, nullptr)) != -1;) {
         if (c != 'h') fail(2, "unknown option %s (try --help)", argv[optind - 1]);
-        fputs(usage, stdout);
-        exit(0);
+        show_usage(usage, 2);
     }
     if (argc - optind != 1) fail(2, "give one file (try --help)");
     return argv[optind];
@@ -46,6 +45,7 @@ std::string read_all(const std::string& path) {
     }
     if (ferror(file)) fail(2, "cannot read %s: %s", path.c_str(), strerror(errno));
     if (file != stdin) fclose(file);
+    if (bytes.empty()) fail(1, "%s: it is empty", path.c_str());
     return bytes;
 }
 
@@ -146,10 +146,11 @@ private:
 } // namespace
 
 int main(int argc, char** argv) {
+    keep_standard_streams();
     const std::string path = read_arguments(argc, argv);
     Dump dump(read_all(path));
     const char* const stuck = dump.print();
-    if (fflush(stdout) != 0 || ferror(stdout)) fail(2, "cannot write: %s", strerror(errno));
+    finish_output(2);
     if (stuck) fail(1, "%s: stops at byte %d: %s", path.c_str(), dump.position(), stuck);
     if (dump.bad) fail(1, "%s: %d of %d checksums are wrong", path.c_str(), dump.bad, dump.containers);
     return 0;

@@ -5,6 +5,7 @@
 #include "glue/vorn/Vorn_parser.h"
 #include "glue/vorn/Vorn_response.h"
 #include "util/number_text.h"
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -23,7 +24,11 @@ std::string printable(const void* text, size_t n) {
 } // namespace
 
 void Report::packet(int kind, unsigned char* bytes, int len) {
-    const auto n = static_cast<uint32_t>(len);
+    print(kind, bytes, static_cast<uint32_t>(len));
+    if (_output_error == 0 && ferror(stdout)) _output_error = errno ? errno : EIO;
+}
+
+void Report::print(int kind, unsigned char* bytes, uint32_t n) {
     switch (kind) {
     case Vorn_parser::kind_frame:
         return frame(bytes, n);
@@ -39,6 +44,11 @@ void Report::line(const std::string& id, const std::string& rest) const { puts((
 void Report::frame(unsigned char* bytes, uint32_t n) {
     Vorn_message m(bytes, n);
     const std::string id = printable(bytes, 2);
+    if (!GNSS_messages::has_checksum(m.get_id())) {
+        ++_frames[m.get_id()];
+        line(id, printable(bytes + Vorn_message::header_size, n - Vorn_message::header_size));
+        return;
+    }
     if (!m.check_checksum()) {
         ++_wrong;
         _plot.mark("wrong checksum");
@@ -101,7 +111,8 @@ void Report::summary(const Data_stream& stream, int incomplete) const {
     fprintf(stderr, "wrong checksums %10u\n", _wrong);
     fprintf(stderr, "replies         %10u  (%u errors)\n", _replies, _errors);
     fprintf(stderr, "text lines      %10u\n", _texts);
-    fprintf(stderr, "bytes           %10u\n", unsigned(stream.bytes_read));
-    fprintf(stderr, "bytes lost      %10u\n", unsigned(stream.bytes_lost));
+    const Data_stream::Counts counts = stream.counts();
+    fprintf(stderr, "bytes           %10u\n", counts.read);
+    fprintf(stderr, "bytes lost      %10u\n", counts.lost);
     fprintf(stderr, "bytes left over %10d\n", incomplete);
 }

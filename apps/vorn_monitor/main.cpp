@@ -36,7 +36,7 @@ const char usage[] = "usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--sta
                      "  --csv       comma-separated form\n"
                      "  --stats     a summary on standard error at the end\n"
                      "  --plot SVG  draw the track into that file at the end\n"
-                     "  --help      this text\n";
+                     "  -h, --help  this text\n";
 
 struct Options {
     std::string device; ///< as given to -c; empty when a file is read
@@ -95,8 +95,7 @@ Options parse(int argc, char** argv) {
             o.plot = optarg;
             break;
         case 'h':
-            fputs(usage, stdout);
-            exit(0);
+            show_usage(usage, 1);
         default:
             exit(2); // getopt has said why
         }
@@ -106,21 +105,22 @@ Options parse(int argc, char** argv) {
     return o;
 }
 
-/// What is asked for at the end.
+/// What is asked for at the end. A reader of the output that has gone has seen enough; any other failure of the output
+/// is one of the program.
 void conclude(const Options& o, const Report& report, const Data_stream& stream, int incomplete) {
     if (o.stats) report.summary(stream, incomplete);
     if (!o.plot.empty() && !report.write_plot(o.plot)) {
         fail(1, "cannot draw %s: %s", o.plot.c_str(), errno == ENODATA ? "no position was met" : strerror(errno));
     }
+    const int reason = report.output_error();
+    if (reason != 0 && reason != EPIPE) fail(1, "cannot write: %s", strerror(reason));
 }
 
 /// The signals that end the program arrive here and nowhere else. To be made before the first thread.
 class Stop_signals {
 public:
     Stop_signals() {
-        sigset_t set;
-        sigemptyset(&set);
-        for (const int s : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, s);
+        const sigset_t set = stop_signals();
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
         fd = signalfd(-1, &set, SFD_CLOEXEC);
         signal(SIGPIPE, SIG_IGN); // noticed by the failing output
@@ -165,7 +165,7 @@ bool print_packets(Vorn_parser& parser, Report& report, const Stop_signals& stop
     int len;
     while (const int kind = parser.get_packet(packet, sizeof packet, len)) {
         report.packet(kind, packet, len);
-        if (stop.came(0) || !report.has_reader()) return false;
+        if (stop.came(0) || report.output_error()) return false;
     }
     return true;
 }
@@ -192,7 +192,10 @@ void monitor_file(const Options& o) {
             progress.at(bytes);
         }
     }
+    char c; // a regular file that ended answers 0, one that failed fails again
+    const int reason = S_ISREG(status.st_mode) && read(fd, &c, 1) < 0 ? errno : 0;
     conclude(o, report, stream, stream.bytes_avail());
+    if (reason != 0) fail(1, "cannot read %s: %s", o.file.c_str(), strerror(reason));
 }
 
 /// Prints what the reader thread of a serial line delivers.
@@ -240,7 +243,7 @@ private:
             const int kind = _parser.get_packet(packet, sizeof packet, len);
             if (kind == Vorn_parser::kind_none) break;
             _report.packet(kind, packet, len);
-            if (_report.has_reader()) continue;
+            if (_report.output_error() == 0) continue;
             _finished = true;
             kill(getpid(), SIGTERM);
         }
@@ -301,6 +304,7 @@ void monitor_device(const Options& o) {
 } // namespace
 
 int main(int argc, char** argv) {
+    keep_standard_streams();
     const Options options = parse(argc, argv);
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     if (options.device.empty()) {

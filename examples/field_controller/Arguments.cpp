@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Arguments.h"
+#include "fail.h"
 #include <cstdio>
 #include <cstdlib>
 
@@ -40,8 +41,7 @@ Arguments parse_arguments(int argc, char** argv) {
         const std::string option = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
         if (option == "--help" || option == "-h") {
-            fputs(usage, stdout);
-            exit(0);
+            show_usage(usage, 1);
         } else if (option == "--quiet") {
             a.quiet = true;
         } else if (option == "--serve") {

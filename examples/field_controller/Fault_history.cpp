@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Fault_history.h"
 #include "platform/pcf_host.h"
-#include <cstdlib>
-#include <filesystem>
 
 namespace {
 
@@ -11,17 +9,14 @@ constexpr int replay_limit_ticks = 500; // [10 ms]
 
 } // namespace
 
-Fault_history::Fault_history(module_man& modules)
-    : _modules(modules), _folder((std::filesystem::temp_directory_path() / "field_controller-XXXXXX").string()) {
-    _mounted = mkdtemp(_folder.data()) && Pcf_host::mount(_folder.c_str(), store_bytes);
+Fault_history::Fault_history(module_man& modules, const std::string& folder)
+    : _modules(modules), _folder(folder), _mounted(Pcf_host::mount(_folder.c_str(), store_bytes)) {
     start();
 }
 
 Fault_history::~Fault_history() {
     _manager.reset();
     Pcf_host::unmount();
-    std::error_code ignored;
-    std::filesystem::remove_all(_folder, ignored);
 }
 
 void Fault_history::start() {

@@ -6,8 +6,8 @@
 #include <mutex>
 #include <string>
 
-/// The machine's faults in the diagnostic history of a flash store; here a folder that goes with the program stands in
-/// for the store. The manager can be taken down and up again, as a controller does when it loses power: the history
+/// The machine's faults in the diagnostic history of a flash store; here a folder stands in for
+/// the store. The manager can be taken down and up again, as a controller does when it loses power: the history
 /// goes on.
 class Fault_history {
 public:
@@ -15,7 +15,8 @@ public:
     enum Source : unsigned char { antenna = 0x80, corrections = 0x81, satellites = 0x82 };
     enum Fault : unsigned short { open_circuit = 1201, too_old = 1310, too_few = 1420 };
 
-    explicit Fault_history(module_man& modules);
+    /// `folder` exists.
+    Fault_history(module_man& modules, const std::string& folder);
     ~Fault_history();
 
     bool usable() const { return _mounted; }
@@ -38,7 +39,7 @@ private:
     void start();
 
     module_man& _modules;
-    std::string _folder;
+    const std::string _folder;
     bool _mounted = false;
     Printer _printer;     ///< outlives the manager, whose thread calls it
     std::mutex _changing; ///< guards the manager against being replaced while it is called

@@ -25,10 +25,12 @@ void Machine_settings::change_limit() {
     limits.satellites.set(limits.satellites.get() == 5 ? 6 : 5);
 }
 
-void Machine_settings::save(unsigned positions_now) {
+bool Machine_settings::save(unsigned positions_now) {
     {
         const Lock guard(*this);
         positions.set(positions.get() + positions_now);
     }
-    printf("settings in %s: %s\n", _file.c_str(), to_text(_store.save()));
+    const NV_store::Safe_result result = _store.save();
+    printf("settings in %s: %s\n", _file.c_str(), to_text(result));
+    return result == NV_store::Safe_result::saved;
 }

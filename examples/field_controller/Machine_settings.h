@@ -19,8 +19,8 @@ public:
     void load();
     /// Somebody turns a knob: those who asked for it are told.
     void change_limit();
-    /// Add what this run did and save; says in one line whether that worked.
-    void save(unsigned positions_now);
+    /// Add what this run did and save; says in one line whether that worked, and is false when not.
+    bool save(unsigned positions_now);
 
     Fault_limits limits{this};
     NV_store::NV_uint32 runs{this, 2, "runs"};           ///< with this one

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 Receiver_diner::Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Link_watch* watch,
                                bool quiet)
@@ -33,13 +32,17 @@ Receiver_diner::Counts Receiver_diner::counts() const {
     return c;
 }
 
-void Receiver_diner::print(const char* text) const {
-    if (!_quiet) puts(text);
+/// Of what came over the line, noise that looks like a text included: nothing in it moves the terminal's cursor.
+void Receiver_diner::print(char* text) const {
+    if (_quiet) return;
+    for (char* c = text; *c; ++c)
+        if (*c < ' ' || *c > '~') *c = '.';
+    puts(text);
 }
 
 void Receiver_diner::handle_event(waiter_event&) {
     if (_watch) _counts.longest_us = std::max(_counts.longest_us, _watch->handled());
-    const uint32_t there = bytes_read();
+    const uint32_t there = _stream.counts().read;
     unsigned char packet[4200];
     int length;
     while (const int kind = _parser.get_packet(packet, sizeof packet - 1, length)) {
@@ -53,11 +56,6 @@ void Receiver_diner::handle_event(waiter_event&) {
         }
     }
     if (_watch) _watch->looked_at(there);
-}
-
-uint32_t Receiver_diner::bytes_read() const {
-    const std::lock_guard<Mutex> guard(*_stream.stream_lock);
-    return _stream.bytes_read;
 }
 
 void Receiver_diner::handle_reply(char* text) {
@@ -74,7 +72,9 @@ void Receiver_diner::handle_reply(char* text) {
 
 void Receiver_diner::handle_frame(unsigned char* bytes, int length) {
     Vorn_message frame(bytes, static_cast<unsigned>(length));
-    if (!frame.check_checksum()) {
+    if (!GNSS_messages::has_checksum(frame.get_id())) {
+        --frame.size; // the line end is no part of a text
+    } else if (!frame.check_checksum()) {
         ++_counts.rejected;
         return;
     }

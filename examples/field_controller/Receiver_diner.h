@@ -13,7 +13,7 @@
 class Receiver_diner : public Diner::Protection {
 public:
     struct Counts {
-        unsigned delivered = 0; ///< frames whose checksum is right
+        unsigned delivered = 0; ///< frames whose checksum is right, and texts, which have none
         unsigned positions = 0; ///< of them
         unsigned rejected = 0;  ///< frames whose checksum is wrong
         unsigned refused = 0;   ///< what began like a frame, of an impossible kind or length
@@ -46,11 +46,10 @@ private:
     void handle_timeout(Timeout&) override {}
     using Diner::handle_timeout;
 
-    uint32_t bytes_read() const;
     void handle_reply(char* text);
     void handle_frame(unsigned char* bytes, int length);
     void publish(const Vorn_message& frame);
-    void print(const char* text) const;
+    void print(char* text) const;
 
     Posix_threaded_serial_data_stream& _stream;
     Machine_store& _store;

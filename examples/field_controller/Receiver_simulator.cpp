@@ -38,7 +38,8 @@ std::string satellite_array(const char* id, Value value) {
     return f.finished();
 }
 
-std::string reply(const char* id, const std::string& text) {
+/// A reply or another text: without a checksum.
+std::string text_frame(const char* id, const std::string& text) {
     char header[8];
     snprintf(header, sizeof header, "%s%03X", id, static_cast<unsigned>(text.size()));
     return header + text + "\r\n";
@@ -98,6 +99,7 @@ void Receiver_simulator::send_epoch() {
         send_almanac(_epoch / 10);
     }
     if (_epoch % 20 == 5) send_reply();
+    if (_epoch % 20 == 15) send_text();
 
     Frame end("||", 1);
     send(end.finished(), _counts.frames);
@@ -231,6 +233,8 @@ void Receiver_simulator::send_almanac(unsigned turn) {
 
 void Receiver_simulator::send_reply() {
     const bool good = _epoch % 40 == 5;
-    send(good ? reply("RE", "%ver%{field simulator,1.0}") : reply("ER", "%set%{4,value out of range}"),
+    send(good ? text_frame("RE", "%ver%{field simulator,1.0}") : text_frame("ER", "%set%{4,value out of range}"),
          _counts.replies);
 }
+
+void Receiver_simulator::send_text() { send(text_frame("NP", "field simulator, all is well"), _counts.frames); }

@@ -45,6 +45,7 @@ private:
     void send_satellites();
     void send_almanac(unsigned sv);
     void send_reply();
+    void send_text();
     void send(std::string frame, unsigned& counter);
 
     Data_stream& _line;

@@ -9,7 +9,9 @@
 #include "Machine_settings.h"
 #include "Receiver_diner.h"
 #include "Receiver_simulator.h"
+#include "Scratch_folder.h"
 #include "Status_diner.h"
+#include "fail.h"
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
@@ -29,14 +31,6 @@
 
 namespace {
 
-sigset_t stop_signals() {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    return stop;
-}
-
 /// Sleep until the time is over (negative: no limit) or Ctrl-C; the signals are blocked in all threads. False on
 /// Ctrl-C.
 bool run_for(int ms) {
@@ -50,22 +44,34 @@ std::string default_settings_file() {
     return std::filesystem::read_symlink("/proc/self/exe").replace_filename("field_controller.settings").string();
 }
 
-/// Nothing but the receiver, for another program to listen to on `device`. What it sends while nobody does is lost.
-int serve(int master, const char* device, const Arguments& arguments) {
-    printf("The simulated receiver speaks on %s until Ctrl-C\n", device);
-    fflush(stdout); // whoever listens may wait for this line in a pipe
-    Posix_data_stream line(master, master);
+/// The simulator's end of a line whose other end is a serial device like any other.
+struct Simulated_line {
+    Simulated_line() {
+        char path[64];
+        if (openpty(&master, &slave, path, nullptr, nullptr) != 0) fail(1, "no pseudo-terminal: %s", strerror(errno));
+        fcntl(master, F_SETFL, O_NONBLOCK); // a line that nobody reads must not stop the simulator
+        device = std::string(path) + ":115200";
+    }
+    ~Simulated_line() {
+        close(master);
+        close(slave);
+    }
+    int master, slave;
+    std::string device;
+};
+
+/// Nothing but the receiver, for another program to listen to. What it sends while nobody does is lost.
+int serve(const Arguments& arguments) {
+    const Simulated_line pty;
+    printf("The simulated receiver speaks on %s until Ctrl-C\n", pty.device.c_str());
+    finish_output(1); // whoever listens may wait for this line in a pipe
+    Posix_data_stream line(-1, dup(pty.master));
     Link_watch watch;
     Receiver_simulator simulator(line, watch, arguments.faults, arguments.speed);
     simulator.init(Diner_info_list::get());
     simulator.start();
     run_for(arguments.seconds < 0 ? -1 : arguments.seconds * 1000);
     return 0;
-}
-
-uint32_t bytes_read(const Data_stream& stream) {
-    const std::lock_guard<Mutex> guard(*stream.stream_lock);
-    return stream.bytes_read;
 }
 
 /// Stop a diner and wait until it has handled what it was posted.
@@ -77,7 +83,7 @@ void park(Diner& diner) {
 /// Stop the simulator and wait until all that it wrote has come through the line, at most a second.
 void finish_line(Receiver_simulator& simulator, const Data_stream& stream) {
     park(simulator);
-    for (int i = 0; i < 100 && bytes_read(stream) < simulator.counts().bytes; ++i) Atime::delay(10);
+    for (int i = 0; i < 100 && stream.counts().read < simulator.counts().bytes; ++i) Atime::delay(10);
 }
 
 void print_summary(const Receiver_simulator* simulator, const Receiver_diner& receiver, const Data_stream& stream) {
@@ -91,103 +97,132 @@ void print_summary(const Receiver_simulator* simulator, const Receiver_diner& re
         if (out.held_back) printf("epochs held back   %7u   (for the reader)\n", out.held_back);
         if (out.unsent) printf("frames not sent    %7u   (the line was full)\n", out.unsent);
     }
-    printf("bytes received     %7u\n", bytes_read(stream));
+    const Data_stream::Counts line = stream.counts();
+    printf("bytes received     %7u\n", line.read);
     printf("frames delivered   %7u\n", in.delivered);
     printf("positions          %7u\n", in.positions);
     printf("frames rejected    %7u   (%u wrong checksum, %u impossible header)\n", in.rejected + in.refused,
            in.rejected, in.refused);
     printf("text lines         %7u   (noise, cut frames)\n", in.text_lines);
     printf("replies            %7u\n", in.replies);
-    printf("bytes lost         %7u   (stream buffer full)\n", stream.bytes_lost);
+    printf("bytes lost         %7u   (stream buffer full)\n", line.lost);
     if (simulator) printf("longest time from byte to handler %.2f ms\n", static_cast<double>(in.longest_us) / 1000);
+}
+
+/// The run itself. Half-way somebody turns a knob, and the history's manager is taken down and up again, as by a power
+/// cut: nothing recorded is lost.
+void drive(int seconds, Machine_settings& settings, Fault_history& faults) {
+    const int half_ms = seconds < 0 ? -1 : seconds * 500;
+    if (!run_for(half_ms)) return;
+    settings.change_limit();
+    faults.restart();
+    Buffered_logger::log("history of faults: manager restarted\n");
+    run_for(half_ms);
+}
+
+void print_tables(const Receiver_simulator* simulator, const Receiver_diner& receiver, const Data_stream& stream,
+                  const Status_diner& status, Fault_history& faults) {
+    puts("\nDiners");
+    Diner_info_list::get().print(false, false);
+    puts("\nReceiver link");
+    print_summary(simulator, receiver, stream);
+    printf("position changes   %7u   (the status diner was woken)\n", status.wake_ups());
+    printf("faults recorded    %7u   (too few satellites counts, too, but is not listed below)\n", faults.recorded());
+    puts("\nFaults of the antenna and the corrections, from the history (ERR,source:fault,detail,time)");
+    faults.replay(Fault_history::antenna);
+    faults.replay(Fault_history::corrections);
+}
+
+/// What a run leaves behind must have got where it belongs; false, with one line each, when it did not.
+bool keep_results(const Arguments& arguments, const Status_diner& status, Machine_settings& settings) {
+    bool kept = true;
+    if (!arguments.plot.empty() && !status.write_plot(arguments.plot)) {
+        fprintf(stderr, "field_controller: cannot write %s: %s\n", arguments.plot.c_str(), strerror(errno));
+        kept = false;
+    }
+    puts("");
+    if (!settings.save(status.wake_ups())) {
+        fputs("field_controller: the settings are not saved\n", stderr);
+        kept = false;
+    }
+    return kept;
+}
+
+/// The machine at work, with the simulated receiver at the other end of the line unless that is null. False when not
+/// everything went well.
+bool run(const Arguments& arguments, Simulated_line* pty, const std::string& folder) {
+    module_man& modules = Diner_info_list::get();
+    Posix_threaded_serial_data_stream stream;
+    stream.init(modules);
+    stream.set_open_failure_fatal(false); // an exit would wait for the diners
+    Posix_data_stream line(-1, pty ? dup(pty->master) : -1);
+    Link_watch watch;
+    Machine_store store(modules);
+    Machine_settings settings(modules, arguments.settings.empty() ? default_settings_file() : arguments.settings);
+    settings.load();
+    Fault_history faults(modules, folder);
+    if (!faults.usable()) {
+        perror("field_controller: no folder for the history of faults");
+        return false;
+    }
+    Buffered_logger logger;
+    logger.init(modules);
+    std::unique_ptr<Receiver_simulator> simulator;
+    Status_diner status(store, settings, faults, arguments.quiet, !arguments.plot.empty());
+    status.init(modules);
+    status.start();
+    Receiver_diner receiver(stream, store, pty ? &watch : nullptr, arguments.quiet);
+    receiver.init(modules);
+    receiver.start();
+    // Now that somebody is woken by what comes.
+    const std::string device = pty ? pty->device : arguments.comm;
+    if (!stream.open_from_args(device.c_str())) {
+        fprintf(stderr, "field_controller: cannot set up %s\n", device.c_str());
+        return false;
+    }
+    if (pty) {
+        simulator = std::make_unique<Receiver_simulator>(line, watch, arguments.faults, arguments.speed);
+        simulator->init(modules);
+        simulator->start();
+    }
+    drive(arguments.seconds, settings, faults);
+    if (simulator) finish_line(*simulator, stream);
+    park(receiver);
+    park(status); // no line of its own among the tables
+
+    print_tables(simulator.get(), receiver, stream, status, faults);
+    const bool kept = keep_results(arguments, status, settings);
+    puts("\nMemory spaces (hexadecimal)");
+    Debug::Text_dumper dumper(stdout);
+    Mspace_manager::print_global_usage(dumper);
+    return kept;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    keep_standard_streams();
     Arguments arguments = parse_arguments(argc, argv);
     Debug_print::debug_file = stdout; // before the first thread, as it is meant to be: all lines in one order
     const sigset_t stop = stop_signals();
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-    module_man& modules = Diner_info_list::get();
+    if (arguments.serve) return serve(arguments);
+    if (!arguments.comm.empty() &&
+        !Posix_threaded_data_stream::can_open(arguments.comm.substr(0, arguments.comm.find(':')).c_str()))
+        fail(1, "cannot open %s: %s", arguments.comm.c_str(), strerror(errno));
 
-    // The simulator's end of the line; the other end is a serial device like any other.
-    int master = -1, slave = -1;
-    std::string device = arguments.comm;
-    if (device.empty()) {
-        char path[64];
-        if (openpty(&master, &slave, path, nullptr, nullptr) != 0) {
-            perror("field_controller: no pseudo-terminal");
-            return 1;
-        }
-        fcntl(master, F_SETFL, O_NONBLOCK); // a line that nobody reads must not stop the simulator
-        device = std::string(path) + ":115200";
-        if (arguments.serve) return serve(master, device.c_str(), arguments);
+    const Scratch_folder folder("field_controller");
+    if (folder.path.empty()) fail(1, "no folder for the history of faults: %s", strerror(errno));
+    std::unique_ptr<Simulated_line> pty;
+    if (arguments.comm.empty()) {
+        pty = std::make_unique<Simulated_line>();
         if (arguments.seconds < 0) arguments.seconds = 10;
-    } else if (!Posix_threaded_data_stream::can_open(device.substr(0, device.find(':')).c_str())) {
-        fprintf(stderr, "field_controller: cannot open %s: %s\n", device.c_str(), strerror(errno));
-        return 1;
     }
-
-    Posix_threaded_serial_data_stream stream(device.c_str());
-    stream.init(modules);
-    Posix_data_stream line(master, master);
-    Link_watch watch;
-    Machine_store store(modules);
-    Machine_settings settings(modules, arguments.settings.empty() ? default_settings_file() : arguments.settings);
-    settings.load();
-    Fault_history faults(modules);
-    if (!faults.usable()) {
-        perror("field_controller: no folder for the history of faults");
-        return 1;
-    }
-    {
-        Buffered_logger logger;
-        logger.init(modules);
-        std::unique_ptr<Receiver_simulator> simulator;
-        Status_diner status(store, settings, faults, arguments.quiet, !arguments.plot.empty());
-        status.init(modules);
-        status.start();
-        Receiver_diner receiver(stream, store, master >= 0 ? &watch : nullptr, arguments.quiet);
-        receiver.init(modules);
-        receiver.start();
-        if (master >= 0) {
-            simulator = std::make_unique<Receiver_simulator>(line, watch, arguments.faults, arguments.speed);
-            simulator->init(modules);
-            simulator->start();
-        }
-        // The history's manager is taken down and up again half-way, as by a power cut: nothing recorded is lost.
-        const int half_ms = arguments.seconds < 0 ? -1 : arguments.seconds * 500;
-        if (run_for(half_ms)) {
-            settings.change_limit();
-            faults.restart();
-            Buffered_logger::log("history of faults: manager restarted\n");
-            run_for(half_ms);
-        }
-        if (simulator) finish_line(*simulator, stream);
-        park(receiver);
-        park(status); // no line of its own among the tables
-
-        puts("\nDiners");
-        Diner_info_list::get().print(false, false);
-        puts("\nReceiver link");
-        print_summary(simulator.get(), receiver, stream);
-        printf("position changes   %7u   (the status diner was woken)\n", status.wake_ups());
-        printf("faults recorded    %7u\n", faults.recorded());
-        puts("\nFaults of the antenna and the corrections, from the history (ERR,source:fault,detail,time)");
-        faults.replay(Fault_history::antenna);
-        faults.replay(Fault_history::corrections);
-        if (!arguments.plot.empty() && !status.write_plot(arguments.plot))
-            fprintf(stderr, "field_controller: cannot write %s: %s\n", arguments.plot.c_str(), strerror(errno));
-        puts("");
-        settings.save(status.wake_ups());
-        puts("\nMemory spaces (hexadecimal)");
-        Debug::Text_dumper dumper(stdout);
-        Mspace_manager::print_global_usage(dumper);
-    }
-    stream.close();
-    line.close();
-    if (slave >= 0) ::close(slave);
+    bool good = run(arguments, pty.get(), folder.path);
     puts("\nAll diners terminated.");
-    return 0;
+    if (const char* reason = output_error()) {
+        fprintf(stderr, "field_controller: cannot write: %s\n", reason);
+        good = false;
+    }
+    return good ? 0 : 1;
 }

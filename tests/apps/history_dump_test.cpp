@@ -19,11 +19,14 @@ TEST(history_dump, prints_the_records_from_the_oldest_to_the_newest_that_pass_th
     write_file(folder.file("H9.dat"), "RE003%x\r\n" + record(128, 5, 1700000003) + record(7, 7, 0));
     write_file(folder.file("H0.dat"), record(2, 65535, 4000000000));
     write_file(folder.file("H1.dat"), record(3, 1, 5).substr(0, 9) + std::string(17, '\n') + record(4, 6, 86400));
-    EXPECT_EQ(run_program(HISTORY_DUMP, {folder.path, "--to", "2023-11-15"}).out,
-              "2023-11-14 22:13:20.500 source 128 error 1234 word 287\n"
-              "2023-11-14 22:13:21.500 source 1 error 5 word 287\n"
-              "2023-11-14 22:13:23.500 source 128 error 5 word 287\n"
-              "1970-01-02 00:00:00.500 source 4 error 6 word 287\n");
+    const Child_result before = run_program(HISTORY_DUMP, {folder.path, "--to", "2023-11-15"});
+    EXPECT_EQ(before.out, "2023-11-14 22:13:20.500 source 128 error 1234 word 287\n"
+                          "2023-11-14 22:13:21.500 source 1 error 5 word 287\n"
+                          "2023-11-14 22:13:23.500 source 128 error 5 word 287\n"
+                          "1970-01-02 00:00:00.500 source 4 error 6 word 287\n");
+    const std::string line = "history_dump: " + folder.path, no_record = " bytes are no record\n";
+    EXPECT_EQ(before.end(), "0 " + line + "/H8.dat: 15" + no_record + line + "/H9.dat: 7" + no_record + line +
+                                "/H1.dat: 9" + no_record);
     const std::string a = "1700000000.500,128,1234,287\n", b = "1700000001.500,1,5,287\n",
                       c = "1700000003.500,128,5,287\n", d = "4000000000.500,2,65535,287\n", e = "86400.500,4,6,287\n";
     const std::pair<Arguments, std::string> table[] = {{{"H"}, a + b + c + d + e},
@@ -44,6 +47,17 @@ TEST(history_dump, answers_what_is_wrong_with_one_line_and_a_status) {
     std::filesystem::create_directory(two);
     write_file(two + "/A0.dat", "");
     write_file(two + "/B3.dat", "");
+    for (const char* garbage : {"SPFFFgarbage", "\x01 line\nGT", "RE003%x\r\n"}) {
+        const std::string file = folder.file("garbage0.dat");
+        write_file(file, garbage);
+        Child_result r = run_program(HISTORY_DUMP, {folder.path});
+        EXPECT_TRUE(r.status == 1 && r.err.find("garbage0.dat: ") != std::string::npos) << garbage << r.err;
+        std::filesystem::remove(file);
+    }
+    EXPECT_EQ(run_program(HISTORY_DUMP, {"-h"}).out.rfind("usage: ", 0), 0u);
+    for (const std::string& command : {std::string(" -h"), " " + two + " A --csv"})
+        EXPECT_EQ(run_shell(HISTORY_DUMP + command + " >/dev/full").end(),
+                  "1 history_dump: cannot write: No space left on device\n");
     const std::pair<Arguments, std::string> rows[] = {
         {{}, "2 give a folder and at most a base name (try --help)"},
         {{two, "--colour"}, "2 unknown option --colour (try --help)"},

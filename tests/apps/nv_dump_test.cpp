@@ -35,7 +35,8 @@ TEST(nv_dump, says_in_one_line_what_is_wrong) {
     const struct {
         std::string bytes;
         const char* line;
-    } table[] = {{bad, "2 of 2 checksums are wrong"},
+    } table[] = {{"", "it is empty"},
+                 {bad, "2 of 2 checksums are wrong"},
                  {image.substr(0, image.size() - 5) + "abcde", "stops at byte 53: the end of another container"},
                  {"garbage", "stops at byte 0: no record"},
                  {wheel + header(1, 2, 3), "stops at byte 23: the end of a container that did not start"},
@@ -54,6 +55,8 @@ TEST(nv_dump, says_in_one_line_what_is_wrong) {
         EXPECT_EQ(r.status, 1) << n;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     }
+    for (const char* output : {">&-", ">/dev/full"})
+        EXPECT_EQ(run_shell(NV_DUMP " --help " + std::string(output)).status, 2) << output;
     for (const std::vector<std::string>& wrong :
          std::vector<std::vector<std::string>>{{}, {"a", "b"}, {"-x"}, {"/none"}})
         EXPECT_EQ(run_program(NV_DUMP, wrong).status, 2);

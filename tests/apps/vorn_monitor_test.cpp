@@ -19,16 +19,19 @@ TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording_and_counts_them)
                       input = gt + "\r\n" + Frame("RE").text("%1%on").bare() + "\r\n" +
                               Frame("ER").text("%2%{4,wrong command}").bare() + "\r\n" +
                               std::string(gt).replace(6, 1, "?") + "\n\x01noise\x1b[2J\r\nGTF0B..\n" +
-                              Frame("ZZ").u1(1).u1(0xAB).str() + "\r" + Frame("EL").i1(45).i1(-5).str() +
-                              "\nPG01E half";
+                              Frame("NP").text("all\x1b is well").bare() + "\r\n" + Frame("ZZ").u1(1).u1(0xAB).str() +
+                              "\r" + Frame("EL").i1(45).i1(-5).str() + "\nPG01E half";
     const Child_result labelled = run_program(VORN_MONITOR, {"-", "--stats"}, input);
-    EXPECT_EQ(labelled.out, "GT ms=360000 week=2300\nRE %1%on\nER error 1 (wrong command): %2%{4,wrong command}\n"
-                            "GT wrong checksum 12 bytes\nTEXT .noise.[2J\nTEXT TF0B..\nZZ unknown 01 ab\nEL 45 -5\n");
+    EXPECT_EQ(
+        labelled.out,
+        "GT ms=360000 week=2300\nRE %1%on\nER error 1 (wrong command): %2%{4,wrong command}\n"
+        "GT wrong checksum 12 bytes\nTEXT .noise.[2J\nTEXT TF0B..\nNP all. is well\nZZ unknown 01 ab\nEL 45 -5\n");
     const size_t counts = labelled.err.find("frames");
     EXPECT_EQ(labelled.err.substr(0, 25), "Unexpected msg GT(3856) i");
     EXPECT_EQ(labelled.err.substr(counts == std::string::npos ? 0 : counts),
-              "frames                   3\n"
+              "frames                   4\n"
               "  EL                     1  elevations\n"
+              "  NP                     1  text\n"
               "  GT                     1  time and week\n"
               "  ZZ                     1  unknown\n"
               "wrong checksums          1\n"
@@ -38,7 +41,7 @@ TEST(vorn_monitor, prints_a_line_for_each_packet_of_a_recording_and_counts_them)
                   std::to_string(input.size()) + "\nbytes lost               0\nbytes left over         10\n");
     EXPECT_EQ(run_program(VORN_MONITOR, {"--csv", "-"}, input).out,
               "GT,360000,2300\nRE,%1%on\nER,1,wrong command,%2%{4,wrong command}\nGT,wrong checksum,12 bytes\n"
-              "TEXT,.noise.[2J\nTEXT,TF0B..\nZZ,unknown 01 ab\nEL,45,-5\n");
+              "TEXT,.noise.[2J\nTEXT,TF0B..\nNP,all. is well\nZZ,unknown 01 ab\nEL,45,-5\n");
 }
 
 TEST(vorn_monitor, draws_the_positions_that_it_met_save_absurd_ones) {
@@ -67,12 +70,27 @@ TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
         {{"-c", no_transceiver.path + "::rs485"}, "1 cannot set up " + no_transceiver.path + "::rs485"},
         {{"/none"}, "1 cannot open /none: No such file or directory"},
         {{"/"}, "1 cannot read /: it is a directory"},
+        {{"/proc/self/mem"}, "1 cannot read /proc/self/mem: Input/output error"},
     };
     for (const auto& [arguments, end] : rows) {
         Child_result r = run_program(VORN_MONITOR, arguments);
         r.err.erase(0, r.err.find(": ") + 2); // the program's name
         EXPECT_EQ(r.end() + r.out, end + "\n");
     }
+}
+
+TEST(vorn_monitor, fails_when_its_output_does_and_keeps_it_from_what_it_opens) {
+    const std::string packet = Frame("GT").u4(1).u2(2300).str() + "\r\n", cannot = "1 vorn_monitor: cannot write: ";
+    const Temporary_folder folder;
+    write_file(folder.file("recording"), packet);
+    const Pty line;
+    line.send(packet + packet);
+    const std::string full = " >/dev/full", closed = " >&-", refused = "Bad file descriptor\n";
+    EXPECT_EQ(run_shell(VORN_MONITOR " --help" + full).end(), cannot + "No space left on device\n");
+    EXPECT_EQ(run_shell(VORN_MONITOR " " + folder.file("recording") + full).end(),
+              cannot + "No space left on device\n");
+    EXPECT_EQ(run_shell(VORN_MONITOR " " + folder.file("recording") + closed).end(), cannot + refused);
+    EXPECT_EQ(run_shell(VORN_MONITOR " -c " + line.path + closed).end(), cannot + refused);
 }
 
 TEST(vorn_monitor, shows_on_a_terminal_how_far_it_is_unless_the_packets_are_shown_there) {

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "support/Temporary_folder.h"
 #include "support/child.h"
+#include "support/wait_until.h"
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/wait.h>
 
 namespace {
 
@@ -20,6 +23,8 @@ TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_sta
     const int lines = occurrences(result.out, "\nstatus: lat 49.200");
     EXPECT_TRUE(lines >= 1 && lines <= 4) << lines << " in three seconds";
     EXPECT_GE(occurrences(result.out, ", satellites 8 GPS and 4 GLONASS\n"), 1);
+    EXPECT_GE(occurrences(result.out, "field simulator, all is well\n"), 1) << "a text, which has no checksum";
+    EXPECT_EQ(occurrences(result.out, "\nframes rejected          0 "), 1) << result.out;
 
     // Positions come ten times a second and differ; nothing else wakes the status diner.
     unsigned woken = 0, delivered = 0;
@@ -40,6 +45,45 @@ TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_sta
     EXPECT_EQ(next.out.rfind(first + "loaded; run 2, " + std::to_string(woken) + " positions before, ", 0), 0u);
     for (const std::string& line : {slot + "6", diner + "6", saved}) EXPECT_EQ(occurrences(result.out, line), 1);
     for (const std::string& line : {slot + "5", diner + "5", saved}) EXPECT_EQ(occurrences(next.out, line), 1);
+}
+
+TEST(field_controller, fails_when_something_that_a_run_leaves_behind_got_lost) {
+    Temporary_folder folder;
+    const std::string run = FIELD_CONTROLLER " --seconds 0 --quiet --settings ", settings = folder.file("settings");
+    const std::pair<std::string, const char*> rows[] = {
+        {folder.file("none/settings"), "field_controller: the settings are not saved\n"},
+        {settings + " --plot " + folder.file("none/plot"), "/none/plot: No"},
+        {settings + " >/dev/full", "field_controller: cannot write: No space left on device\n"},
+        {settings + " >&-", "field_controller: cannot write: Bad file descriptor\n"},
+        {settings + " --comm /dev/null", "field_controller: cannot set up /dev/null\n"},
+    };
+    for (const auto& [rest, line] : rows) {
+        const Child_result r = run_shell(run + rest);
+        EXPECT_TRUE(r.status == 1 && r.err.find(line) != std::string::npos) << r.end();
+    }
+    EXPECT_EQ(run_shell(run + settings).end(), "0 ");
+}
+
+TEST(field_controller, leaves_no_folder_behind_when_it_is_killed_and_ends_in_order_when_the_terminal_goes) {
+    for (const auto& [signal, end] : {std::pair{SIGKILL, SIGKILL}, {SIGHUP, 0}}) {
+        Temporary_folder folder, temporary;
+        const std::string settings = folder.file("settings");
+        const pid_t pid = fork();
+        if (pid == 0) {
+            setenv("TMPDIR", temporary.path.c_str(), 1);
+            std::signal(SIGHUP, SIG_DFL);
+            dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+            execl(FIELD_CONTROLLER, FIELD_CONTROLLER, "--settings", settings.c_str(), "--seconds", "60", nullptr);
+            _exit(126);
+        }
+        const auto is_empty = [&] { return std::filesystem::is_empty(temporary.path); };
+        EXPECT_TRUE(wait_until([&] { return !is_empty(); }));
+        kill(pid, signal);
+        int status = -1;
+        EXPECT_TRUE(waitpid(pid, &status, 0) == pid && status == end) << status;
+        EXPECT_TRUE(wait_until(is_empty)) << signal;
+        EXPECT_EQ(std::filesystem::exists(settings), signal == SIGHUP) << "saved";
+    }
 }
 
 } // namespace

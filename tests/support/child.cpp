@@ -53,3 +53,5 @@ Child_result run_program(const char* path, std::vector<std::string> arguments, c
         _exit(126);
     });
 }
+
+Child_result run_shell(const std::string& command) { return run_program("/bin/sh", {"-c", command}); }

@@ -27,3 +27,5 @@ Child_result run_child(const std::function<void()>& body, unsigned limit_s = 60)
 void hold(std::vector<FILE*> streams = {stdout, stderr});
 /// Run a program with these arguments and this text as standard input.
 Child_result run_program(const char* path, std::vector<std::string> arguments, const std::string& input = "");
+/// Run a command of the shell, for instance with its output redirected: ">/dev/full" is a full disk, ">&-" closed.
+Child_result run_shell(const std::string& command);
