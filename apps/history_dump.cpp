@@ -173,9 +173,9 @@ public:
         if (stream.failed()) fail(1, "cannot read %s: %s", path(n).c_str(), strerror(errno));
         return stream.strange;
     }
-    unsigned newest(int n) const {
-        unsigned time = 0;
-        read(n, [&](const Msg_SP& record) { time = std::max(time, record.time()); });
+    uint64_t newest(int n) const { // [ms]
+        uint64_t time = 0;
+        read(n, [&](const Msg_SP& record) { time = std::max(time, record.time_ms()); });
         return time;
     }
     /// The number of the file with the oldest records, whether it is there or not.

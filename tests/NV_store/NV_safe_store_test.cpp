@@ -7,9 +7,15 @@
 #include "glue/NV_store/NV_text.h"
 #include "support/Temporary_folder.h"
 #include "support/capture.h"
+#include <cerrno>
 #include <csignal>
+#include <cstdarg>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 using namespace NV_store;
 using Image::bytes;
@@ -18,13 +24,29 @@ using Image::value;
 
 namespace {
 NV_root* never_locked = nullptr; ///< while the medium is busy
-int syncs = 0;
+int syncs = 0, failing_sync = 0;
+int open_error = 0, read_error = 0; ///< errno of every opening of a file for reading, and of every reading
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) int fsync(int) {
-    ++syncs;
     EXPECT_FALSE(never_locked && never_locked->is_locked());
-    return 0;
+    errno = EIO;
+    return ++syncs == failing_sync ? -1 : 0;
+}
+
+extern "C" __attribute__((visibility("default"))) int open(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    errno = open_error;
+    return open_error && !(flags & (O_CREAT | O_DIRECTORY)) ? -1 : openat(AT_FDCWD, path, flags, mode);
+}
+
+extern "C" __attribute__((visibility("default"))) ssize_t pread(int fd, void* to, size_t n, off_t at) {
+    static const auto real = reinterpret_cast<decltype(&::pread)>(dlsym(RTLD_NEXT, "pread64"));
+    errno = read_error;
+    return read_error ? -1 : real(fd, to, n, at);
 }
 
 namespace {
@@ -43,7 +65,21 @@ protected:
         const Safe_result result = again.load();
         return state(result, fresh.text(), again.get_dropped());
     }
-    void TearDown() override { never_locked = nullptr; }
+    /// Names, kinds, rights and contents in the folder.
+    std::map<std::string, std::string> all_files() const {
+        std::map<std::string, std::string> all;
+        for (const auto& e : std::filesystem::directory_iterator(folder.path)) {
+            struct stat s;
+            lstat(e.path().c_str(), &s);
+            all[e.path().filename()] = std::to_string(s.st_ino) + " " + std::to_string(s.st_mode) + " " +
+                                       (S_ISREG(s.st_mode) ? read_file(e.path()) : "");
+        }
+        return all;
+    }
+    void TearDown() override {
+        never_locked = nullptr;
+        open_error = read_error = failing_sync = 0;
+    }
 
     Temporary_folder folder;
     const std::string path = folder.file("settings");
@@ -93,8 +129,11 @@ TEST_F(Safe_store, A_refused_file_is_kept_and_the_generation_before_is_loaded) {
     damaged[5] ^= 1;
     write_file(path, damaged);
     for (int again = 0; again < 2; ++again) {
+        Capture told(stderr);
         EXPECT_EQ(restart(), old);
         EXPECT_EQ(read_file(path + ".bad"), damaged);
+        EXPECT_EQ(told.text(), "NV_safe_store " + path + ": fell back to the generation before" +
+                                   (again ? "" : ": kept as settings.bad") + "\n");
         EXPECT_FALSE(std::filesystem::exists(path));
     }
     // Damage that comes while the program runs does not push the good one out either.
@@ -102,14 +141,124 @@ TEST_F(Safe_store, A_refused_file_is_kept_and_the_generation_before_is_loaded) {
     ASSERT_EQ(store.save(), Safe_result::saved);
     write_file(path, "x");
     EXPECT_EQ(restart(), old);
+    EXPECT_EQ(read_file(path + ".bad") + read_file(path + ".bad2") + read_file(path + ".bad3"),
+              damaged + damaged + "x");
 
+    int at = 4;
     for (const std::string& image :
          {frame(0, 2, ""), frame(1, 1, ""), std::string(), std::string(100, '\0'), value(8, 1, "xx"),
           frame(0, 1, value(14, 5, bytes({17}) + std::string(34, 'x'))), frame(0, 1, value(12, 5, "x"))}) {
         write_file(path, image);
         write_file(path + ".bak", "y");
         EXPECT_EQ(restart(), state(Safe_result::damaged, Settings(nullptr).text())) << Image::hex(image.substr(0, 20));
-        EXPECT_EQ(read_file(path + ".bad"), image);
+        EXPECT_EQ(read_file(path + (at < 10 ? ".bad" + std::to_string(at) : ".bad9")), image) << "the last is replaced";
+        ++at;
+    }
+    EXPECT_EQ(read_file(path + ".bad"), damaged);
+}
+
+TEST_F(Safe_store, What_cannot_be_read_or_is_no_file_is_left_alone) {
+    namespace fs = std::filesystem;
+    tree.set_all();
+    store.save();
+    const std::string good = read_file(path);
+    const struct {
+        const char* reason;
+        std::function<void(const std::string&)> make;
+        int open, read; ///< errors
+    } table[] = {
+        {"Is a directory", [](const std::string& p) { fs::create_directory(p); }, 0, 0},
+        {"Not a regular file", [](const std::string& p) { mkfifo(p.c_str(), 0600); }, 0, 0},
+        {"Not a regular file", [](const std::string& p) { fs::create_symlink("/dev/full", p); }, 0, 0},
+        {"Too many levels of symbolic links", [](const std::string& p) { fs::create_symlink(p, p); }, 0, 0},
+        {"File too large", [](const std::string& p) { write_file(p, std::string((1 << 20) + 1, 'x')); }, 0, 0},
+        {"Too many open files", nullptr, EMFILE, 0},
+        {"Too many open files in system", nullptr, ENFILE, 0},
+        {"Permission denied", nullptr, EACCES, 0},
+        {"Input/output error", nullptr, EIO, 0},
+        {"Input/output error", nullptr, 0, EIO},
+    };
+    for (const char* generation : {"", ".bak"}) {
+        for (const auto& row : table) {
+            const std::string place = path + generation;
+            for (const char* old : {"", ".bak"}) fs::remove_all(path + old);
+            row.make ? row.make(place) : write_file(place, good);
+            const auto before = all_files();
+            const std::string line = "NV_safe_store " + path + ": unreadable, left as it is: " + generation +
+                                     (generation[0] ? ": " : "") + row.reason + "\n";
+            Settings fresh(nullptr);
+            NV_safe_store again(fresh, path.c_str());
+            Capture told(stderr);
+            open_error = row.open, read_error = row.read;
+            alarm(20); // for a FIFO that blocks
+            EXPECT_EQ(again.load(), Safe_result::unreadable) << line;
+            EXPECT_EQ(fresh.text(), Settings(nullptr).text());
+            open_error = read_error = 0;
+            fresh.speed.set(77);
+            EXPECT_EQ(again.save(), Safe_result::unreadable) << "it has not been read";
+            EXPECT_EQ(again.save_changes(), Safe_result::unreadable);
+            open_error = row.open, read_error = row.read;
+            if (!generation[0]) {
+                EXPECT_EQ(NV_safe_store(tree, path.c_str()).save(), Safe_result::unreadable) << "nor by others";
+            }
+            open_error = read_error = 0;
+            alarm(0);
+            EXPECT_EQ(told.text(), line + line + line + (generation[0] ? "" : line));
+            EXPECT_EQ(all_files(), before) << line;
+            if (row.make) fs::remove_all(place);
+            EXPECT_TRUE(row.make || again.load() == (generation[0] ? Safe_result::fell_back : Safe_result::loaded));
+            EXPECT_EQ(again.save(), Safe_result::saved) << line;
+        }
+    }
+}
+
+TEST_F(Safe_store, The_file_keeps_its_place_and_its_rights) {
+    namespace fs = std::filesystem;
+    fs::create_directory(folder.file("data"));
+    const std::string real = folder.file("data/real");
+    fs::create_symlink("data/link", path);
+    fs::create_symlink(real, folder.file("data/link"));
+    tree.set_all();
+    ASSERT_EQ(store.save(), Safe_result::saved) << "the file is not there yet";
+    EXPECT_EQ(fs::status(real).permissions(), fs::perms(0600));
+    const bool root = chown(real.c_str(), 1234, 1235) == 0;
+    chmod(real.c_str(), 0640);
+    ASSERT_EQ(store.save(), Safe_result::saved);
+    tree.speed.set(3);
+    ASSERT_EQ(store.save_changes(), Safe_result::saved);
+    struct stat s;
+    ASSERT_EQ(stat(real.c_str(), &s), 0);
+    EXPECT_EQ(s.st_mode & 07777, 0640u);
+    EXPECT_TRUE(!root || (s.st_uid == 1234 && s.st_gid == 1235));
+    write_file(real, "x");
+    EXPECT_EQ(restart(), state(Safe_result::fell_back, "{2.5,{false,7},{10,20,30},wheel/offset}"));
+    EXPECT_EQ(read_file(real + ".bad"), "x");
+    ASSERT_EQ(store.save(), Safe_result::saved);
+    EXPECT_EQ(restart(), all_loaded());
+    EXPECT_EQ(fs::status(real).permissions(), fs::perms(0640)) << "those of the generation before";
+    EXPECT_TRUE(fs::is_symlink(path) && fs::exists(real + ".bak"));
+    EXPECT_EQ(all_files().size(), 2u) << "all else is in the other folder";
+}
+
+TEST_F(Safe_store, Changes_go_behind_what_is_there_not_where_it_ended_before) {
+    tree.speed.set(3);
+    for (const bool by_another : {false, true}) {
+        ASSERT_EQ(store.save(), Safe_result::saved);
+        tree.set_all();
+        if (by_another) {
+            Settings longer(nullptr);
+            longer.set_all();
+            ASSERT_EQ(NV_safe_store(longer, path.c_str()).save(), Safe_result::saved);
+        } else {
+            failing_sync = syncs + 2; // the folder's: the new file is in place already
+            ASSERT_EQ(store.save(), Safe_result::failed);
+            failing_sync = 0;
+        }
+        tree.wheel.offset.set(99);
+        ASSERT_EQ(store.save_changes(), Safe_result::saved);
+        EXPECT_EQ(restart(), all_loaded()) << by_another;
+        tree.set_default(true);
+        tree.speed.set(4);
     }
 }
 
@@ -202,7 +351,7 @@ TEST_F(Safe_store, A_failed_save_says_why_and_is_made_up_for_by_the_next) {
     tree.speed.set(3);
     EXPECT_EQ(store.save(), Safe_result::failed);
     EXPECT_EQ(tree.speed.get_flags(), NV_item::changed_for_journal_1 | NV_item::changed_for_journal_2);
-    EXPECT_NE(quiet.text().find("/settings: disk full\n"), std::string::npos);
+    EXPECT_NE(quiet.text().find("/settings: disk full: File too large\n"), std::string::npos);
 }
 
 TEST_F(Safe_store, Any_text_verifies_as_a_checksummed_file) {

@@ -409,6 +409,16 @@ TEST_F(Kept, Codes_outlive_a_restart_and_a_damaged_file) {
     run(60000);
     EXPECT_EQ(start(), Safe_result::loaded);
     EXPECT_EQ(codes(), "5/5 x1 previous, ");
+
+    // What is no file of ours is left alone.
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    Capture told(stderr);
+    EXPECT_EQ(start(), Safe_result::unreadable);
+    EXPECT_EQ(manager->save_codes(), Safe_result::unreadable);
+    const std::string line = "unreadable, left as it is: Is a directory\n", head = "Trouble codes " + path + ": ";
+    EXPECT_EQ(told.text(), head + line + head + "not saved, " + line);
+    EXPECT_TRUE(std::filesystem::is_directory(path));
 }
 
 /// What the replay hands out: source, then SPN and FMI as the bus has them, count, and whether it went.

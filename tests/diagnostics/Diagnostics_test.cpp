@@ -177,11 +177,12 @@ TEST_F(History, The_file_that_none_follows_is_the_current_one) {
         const char* there; // '1' or the newest record of the file as a letter
         int expected;
     } table[] = {{"..........", 0}, {"x.........", 0}, {"xxxx......", 3}, {".........x", 9}, {"xx.....xxx", 1},
-                 {"xxxx.xxxxx", 3}, {"abcdefghij", 9}, {"fghijabcde", 4}, {"b.a.......", 0}, {"a.b..c....", 5}};
+                 {"xxxx.xxxxx", 3}, {"abcdefghij", 9}, {"fghijabcde", 4}, {"b.a.......", 0}, {"a.b..c....", 5},
+                 {"aabbbaaaaa", 4}, {"baaaaaaaab", 0}, {"bbaaaaaaab", 1}};
     for (const auto& row : table) {
         bool there[Diagnostics::num_files];
         for (int n = 0; n < Diagnostics::num_files; ++n) there[n] = row.there[n] != '.';
-        const auto newest = [&](int n) { return static_cast<unsigned>(row.there[n]); };
+        const auto newest = [&](int n) { return static_cast<uint64_t>(row.there[n]); };
         EXPECT_EQ(Diagnostics::find_current(there, newest), row.expected) << row.there;
     }
 }
@@ -195,11 +196,16 @@ TEST_F(History, A_replay_goes_from_the_oldest_file_to_the_current_one) {
     manager.pass();
     EXPECT_EQ(sink.got, (Numbers{5, 6, 7, 8, 9, 0, 1, 2, 3}));
     EXPECT_EQ(sink.hooks, "started finished ");
-    // With all files there the newest record tells, and the oldest file goes.
-    for (int n = 0; n < 10; ++n) put(n, record_of(n, static_cast<unsigned>(1000 + (n + 4) % 10)));
-    Manager restarted;
-    EXPECT_EQ(replay(restarted), (Numbers{7, 8, 9, 0, 1, 2, 3, 4, 5}));
-    EXPECT_FALSE(std::filesystem::exists(path(6)));
+    // With all files there the newest record tells, to its millisecond, and the oldest file goes.
+    for (const bool in_one_second : {false, true}) {
+        for (unsigned n = 0; n < 10; ++n) {
+            const unsigned age = (n + 4) % 10;
+            put(static_cast<int>(n), record_of(static_cast<int>(n), in_one_second ? now : now + age, age));
+        }
+        Manager restarted;
+        EXPECT_EQ(replay(restarted), (Numbers{7, 8, 9, 0, 1, 2, 3, 4, 5})) << in_one_second;
+        EXPECT_FALSE(std::filesystem::exists(path(6)));
+    }
 }
 
 TEST_F(History, A_replay_may_pause_at_every_record) {

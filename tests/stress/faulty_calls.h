@@ -11,10 +11,11 @@
 #include <unistd.h>
 
 /// Stands in for the system calls that change files, in a program that includes this once: the nth of them ends the
-/// process or fails, and what is renamed or left without having been synced is noted.
+/// process or fails, and what is renamed or left without having been synced is noted. Where the medium has no links
+/// they fail besides.
 namespace Faulty {
 
-enum Kind { none, cut_before, error_once, error_for_ever };
+enum Kind { none, cut_before, cut_without_links, error_once, error_for_ever };
 constexpr int cut_status = 99;
 
 inline Kind kind = none;
@@ -41,7 +42,7 @@ auto call(Real real) -> decltype(real()) {
     if (!armed) return real();
     ++calls;
     const bool due = calls == nth;
-    if (due && kind == cut_before) _exit(cut_status);
+    if (due && (kind == cut_before || kind == cut_without_links)) _exit(cut_status);
     if ((due && kind == error_once) || (calls >= nth && kind == error_for_ever)) {
         errno = error;
         return -1;
@@ -96,7 +97,8 @@ FAULTY_CALL(int, rename, "rename", (const char* from, const char* to) noexcept, 
             Faulty::renamed(AT_FDCWD, from, AT_FDCWD, to))
 FAULTY_CALL(int, renameat, "renameat", (int a, const char* from, int b, const char* to) noexcept, (a, from, b, to),
             Faulty::renamed(a, from, b, to))
-FAULTY_CALL(int, link, "link", (const char* from, const char* to) noexcept, (from, to),
+FAULTY_CALL(int, link, "link", (const char* from, const char* to) noexcept,
+            (Faulty::armed && Faulty::kind == Faulty::cut_without_links ? "/dev/null" : from, to),
             Faulty::changed_folder(AT_FDCWD, to))
 FAULTY_CALL(int, unlink, "unlink", (const char* path) noexcept, (path), )
 FAULTY_CALL(int, unlinkat, "unlinkat", (int folder, const char* path, int flags) noexcept, (folder, path, flags),

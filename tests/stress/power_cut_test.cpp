@@ -9,7 +9,7 @@
 #include "glue/data_stream/File_checksummed_data_stream.h"
 #include "platform/pcf_host.h"
 #include "stress/faulty_calls.h"
-#include "support/Temporary_folder.h"
+#include "support/nightly.h"
 #include "util/Debug_print.h"
 #include <csignal>
 #include <deque>
@@ -225,6 +225,9 @@ public:
             return _p.save(folder.path, 2);
         });
         check(ending != crashed, what + ": crash");
+        for (const char* file : {"/settings", "/text"})
+            check(!stored[1].count(folder.path + file) || std::filesystem::exists(folder.path + file),
+                  what + ": no" + file);
         // Every few cases recovery is cut as well.
         if (cases % 8 == 0) {
             in_child([&] {
@@ -281,6 +284,7 @@ void cut_everywhere(Protocol& p) {
         Faulty::Kind kind;
         int error;
     } table[] = {{"cut before call ", Faulty::cut_before, 0},
+                 {"without links, cut before call ", Faulty::cut_without_links, 0},
                  {"I/O error in call ", Faulty::error_once, EIO},
                  {"I/O errors from call ", Faulty::error_for_ever, EIO},
                  {"full in call ", Faulty::error_once, ENOSPC},
@@ -293,7 +297,7 @@ void cut_everywhere(Protocol& p) {
             if (n > 1) continue;
             // How many calls a save makes, counted in an undisturbed one.
             restore(judge.folder.path, judge.stored[1]);
-            Faulty::arm(Faulty::none, 0);
+            Faulty::arm(row.kind == Faulty::cut_without_links ? row.kind : Faulty::none, 0);
             judge.check(p.save(judge.folder.path, 2), "undisturbed save");
             calls = Faulty::calls;
             judge.check(Faulty::hasty.empty(), "renamed before its content was synced: " + Faulty::hasty);
@@ -514,8 +518,7 @@ TEST(Power_cut, In_place_saves_lose_what_they_are_known_to_lose) {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    for (int i = 1; i < argc; ++i)
-        if (std::string(argv[i]) == "--nightly") rounds = 10;
+    if (nightly()) rounds = 10;
     Debug_print::set_debug_file("/dev/null"); // thousands of refusals
     return RUN_ALL_TESTS();
 }

@@ -4,12 +4,8 @@
 #include "glue/NV_store/NV_file_iterator.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/NV_store/NV_scan.h"
-#include "util/Debug_print.h"
-#include <cerrno>
-#include <fcntl.h>
 #include <mutex>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <optional>
 
 namespace NV_store {
 namespace {
@@ -52,6 +48,22 @@ protected:
     const unsigned char* last_passed(int n) const override { return buffer + read_position - n; }
 };
 
+/// Others may wait for a slow medium longer than for any lock, and that is no deadlock.
+class Turn {
+public:
+    explicit Turn(Mutex& m) : _mutex(m) {
+        if (m.is_locked()) m.lock(); // a setting calls back into the save: tells so, and ends the process
+        while (!m.try_lock(1000)) {
+        }
+    }
+    ~Turn() { _mutex.unlock(); }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+private:
+    Mutex& _mutex;
+};
+
 constexpr int changed = NV_item::changed_for_journal_1 | NV_item::changed_for_journal_2;
 
 } // namespace
@@ -73,12 +85,7 @@ void settle_flags(NV_item& item, std::vector<unsigned char>* before) {
 }
 
 NV_safe_store::NV_safe_store(NV_root& root, const char* path)
-    : _root(root), _file(path, [this](const char*, std::string& bytes) { return check(bytes); }) {}
-
-Safe_result NV_safe_store::report(Safe_result result) const {
-    if (!is_good(result)) Debug_print::dprint("NV_safe_store %s: %s\n", _file.path().c_str(), to_text(result));
-    return result;
-}
+    : _root(root), _file(path, [this](std::string& bytes) { return check(bytes); }) {}
 
 /// Good is a file that begins with a whole image of this tree; behind it a torn journal is no reason to refuse it.
 bool NV_safe_store::check(std::string& bytes) {
@@ -91,6 +98,7 @@ bool NV_safe_store::check(std::string& bytes) {
 // ---- load
 
 Safe_result NV_safe_store::load() {
+    const Turn turn(_turn);
     _length = 0;
     _dropped = 0;
     _candidate.clear();
@@ -102,7 +110,7 @@ Safe_result NV_safe_store::load() {
     }
     if (!restore()) { // a setting of the application's own type refused what fits its type
         _length = 0;
-        result = Safe_result::damaged;
+        return report(Safe_result::damaged, "a setting refused its value");
     }
     return report(result);
 }
@@ -153,10 +161,16 @@ void NV_safe_store::locked_mark_again(const std::vector<unsigned char>& flags) {
 }
 
 Safe_result NV_safe_store::save() {
+    const Turn turn(_turn);
+    return locked_save();
+}
+
+/// In one's turn.
+Safe_result NV_safe_store::locked_save() {
     std::string bytes;
     std::vector<unsigned char> flags;
     Safe_result result = serialise(NV_iterator::mode_write, bytes, flags);
-    if (result != Safe_result::saved) return report(result);
+    if (result != Safe_result::saved) return report(result, "a setting cannot be saved");
     result = _file.replace(bytes);
     if (result == Safe_result::saved) {
         _length = bytes.size();
@@ -168,43 +182,28 @@ Safe_result NV_safe_store::save() {
 }
 
 Safe_result NV_safe_store::save_changes() {
-    if (!ready_to_append()) return save();
+    const Turn turn(_turn);
+    if (!ready_to_append()) return locked_save();
     std::string bytes;
     std::vector<unsigned char> flags;
     Safe_result result = serialise(NV_iterator::mode_journal_1, bytes, flags);
-    if (result != Safe_result::saved) return report(result);
-    const bool room = _length + bytes.size() <= NV_file_iterator::budget;
-    if (room) result = append(bytes);
-    if (room && result == Safe_result::saved) return result;
+    if (result != Safe_result::saved) return report(result, "a setting cannot be saved");
+    std::optional<Safe_result> appended;
+    if (_length + bytes.size() <= NV_file_iterator::budget) appended = _file.append(bytes, _length);
+    if (appended == Safe_result::saved) {
+        _length += bytes.size();
+        return Safe_result::saved;
+    }
     locked_mark_again(flags);
-    return room ? report(result) : save();
+    return appended ? report(*appended) : locked_save();
 }
 
-/// Whether the file is there and good; one that was not loaded or saved here is looked at.
+/// Whether the file is there and good; one that is not as it was loaded or saved here is looked at.
 bool NV_safe_store::ready_to_append() {
-    struct stat s;
-    if (_length > 0 && stat(_file.path().c_str(), &s) == 0 && s.st_size >= static_cast<off_t>(_length)) return true;
-    _length = _file.is_good(_file.path()) ? _candidate.size() : 0;
+    if (_length > 0 && _file.is_as_left()) return true;
+    _length = _file.has_newest() ? _candidate.size() : 0;
     _candidate.clear();
     return _length > 0;
-}
-
-/// What a cut left behind the last whole record goes first, else a load would end there.
-Safe_result NV_safe_store::append(const std::string& bytes) {
-    const int fd = open(_file.path().c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return failure_result(errno);
-    const auto end = static_cast<off_t>(_length);
-    struct stat s;
-    bool good = fstat(fd, &s) == 0;
-    if (good && s.st_size > end) good = ftruncate(fd, end) == 0 && fsync(fd) == 0;
-    good = good && write_at(fd, bytes, _length) && fsync(fd) == 0;
-    const int reason = errno;
-    if (!good && ftruncate(fd, end) == 0) fsync(fd);
-    const bool closed = close(fd) == 0;
-    if (!good) return failure_result(reason);
-    if (!closed) return failure_result(errno);
-    _length += bytes.size();
-    return Safe_result::saved;
 }
 
 } // namespace NV_store

@@ -2,6 +2,7 @@
 #pragma once
 #include "glue/NV_store/NV_iterator.h"
 #include "glue/NV_store/Safe_file.h"
+#include "util/Mutex.h"
 #include "util/api.h"
 #include <string>
 #include <vector>
@@ -24,9 +25,10 @@ class NV_root;
 /// is checked whole, byte by byte, before the first setting is touched. Records of settings that the program no longer
 /// has, or has with another type, are left out (a list also when it has grown).
 ///
-/// One thread at a time; the tree's lock is taken for the moments in which settings are read or written (the caller
-/// must not hold it, and what a load's return to a default calls must not take it), never while the medium is busy.
-/// Saves clear the changed flags of both journals: use no other journal beside this.
+/// Any thread; calls take turns, and wait for each other as long as the medium takes. The tree's lock is taken for the
+/// moments in which settings are read or written (the caller must not hold it, and what a load's return to a default
+/// calls must not take it), never while the medium is busy. Saves clear the changed flags of both journals: use no
+/// other journal beside this.
 class KAV_API NV_safe_store {
 public:
     /// `root` outlives the store.
@@ -50,10 +52,14 @@ private:
     Safe_result serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags);
     void mark_again(const std::vector<unsigned char>& flags);
     void locked_mark_again(const std::vector<unsigned char>& flags);
-    Safe_result append(const std::string& bytes);
-    Safe_result report(Safe_result result) const;
+    Safe_result locked_save();
+    Safe_result report(Safe_result result) const { return report(result, _file.reason()); }
+    Safe_result report(Safe_result result, const std::string& reason) const {
+        return _file.report("NV_safe_store", result, reason);
+    }
 
     NV_root& _root;
+    Mutex _turn; ///< of the thread that loads or saves
     Safe_file _file;
     size_t _length = 0;     ///< [bytes] of whole records in the file; 0: not known to be good
     std::string _candidate; ///< what the last check read, as far as it is whole

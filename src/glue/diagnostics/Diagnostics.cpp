@@ -151,7 +151,7 @@ bool Diagnostics::remove(int n) {
     return true;
 }
 
-int Diagnostics::find_current(const bool (&there)[num_files], const std::function<unsigned(int)>& newest) {
+int Diagnostics::find_current(const bool (&there)[num_files], const std::function<uint64_t(int)>& newest) {
     int candidates[num_files], count = 0;
     for (int n = 0; n < num_files; ++n)
         if (there[n] && !there[inc_file_num(n)]) candidates[count++] = n;
@@ -161,10 +161,10 @@ int Diagnostics::find_current(const bool (&there)[num_files], const std::functio
         for (; count < num_files; ++count) candidates[count] = count;
     }
     int found = candidates[0];
-    unsigned newest_time = newest(found);
+    uint64_t newest_time = newest(found);
     for (int i = 1; i < count; ++i) {
-        const unsigned time = newest(candidates[i]);
-        if (time <= newest_time) continue;
+        const uint64_t time = newest(candidates[i]);
+        if (time < newest_time || (time == newest_time && candidates[i] != inc_file_num(found))) continue;
         newest_time = time;
         found = candidates[i];
     }
@@ -183,19 +183,19 @@ void Diagnostics::find_current_file() {
     _file_known = true;
 }
 
-/// [s] the time of the newest record of a file, 0 without one, and the file's length. A file that cannot be read counts
-/// as full, so that it grows no more.
-unsigned Diagnostics::newest_record(int n, unsigned& bytes) {
+/// [ms] the time of the newest record of a file, 0 without one, and the file's length. A file that cannot be read
+/// counts as full, so that it grows no more.
+uint64_t Diagnostics::newest_record(int n, unsigned& bytes) {
     bytes = _max_file_bytes;
     PCFile_data_stream stream;
     if (stream.open_read(file_name(n).text, open_attempts) != PCFile_data_stream::done) return 0;
     Vorn_parser parser(&stream, false);
-    unsigned newest = 0;
+    uint64_t newest = 0;
     unsigned char packet[300];
     int length;
     while (parser.get_packet(packet, sizeof packet, length)) {
         const Vorn_message frame(packet, static_cast<unsigned>(length));
-        if (frame.validate(Diagnostics_messages::id_SP)) newest = std::max(newest, Msg_SP(frame).time());
+        if (frame.validate(Diagnostics_messages::id_SP)) newest = std::max(newest, Msg_SP(frame).time_ms());
     }
     do stream.drop_all();
     while (stream.bytes_avail(1));

@@ -8,9 +8,10 @@
 #include "glue/diner/Diner_protection.h"
 #include "util/api.h"
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
+#include <optional>
 
 class Diagnostics_bus;
 class JIN_stack;
@@ -107,8 +108,9 @@ public:
     int current_file() const { return _write_file; } ///< number of the file being written
     static int inc_file_num(int n) { return (n + 1) % num_files; }
     /// The file being written: the one that is there while the one behind it is not. None there: 0. When several look
-    /// so after damage, or all are there, the one with the newest record, which `newest` [s] tells.
-    static int find_current(const bool (&there)[num_files], const std::function<unsigned(int)>& newest);
+    /// so after damage, or all are there, the one with the newest record, whose time `newest` [ms] tells; of two that
+    /// follow each other and have the same, the second.
+    static int find_current(const bool (&there)[num_files], const std::function<uint64_t(int)>& newest);
 
     enum Progress { progress_finished, progress_paused };
     /// Go on with the replay, as when its timeout fires; lock held.
@@ -132,12 +134,13 @@ private:
     File_name file_name(int n) const;
     bool exists(int n) const { return PCFile_data_stream::exists(file_name(n).text); }
     void find_current_file();
-    unsigned newest_record(int n, unsigned& bytes);
+    uint64_t newest_record(int n, unsigned& bytes);
     void store(unsigned char src, unsigned short a, unsigned short b, const Atime& when);
     void wake();
     void pass();
     void store_changes();
     NV_store::Safe_result save();
+    void tell(const char* what, NV_store::Safe_result result) const;
     bool append(const unsigned char* record);
     bool write(const unsigned char* bytes, unsigned n);
     bool make_room(unsigned n);
@@ -150,10 +153,10 @@ private:
     Trouble_codes _codes;
     Request_answers _answers;
     std::unique_ptr<Diagnostics_bus> _bus;
-    std::string _codes_file;         ///< empty: they are not kept
-    bool _unsaved = false;           ///< changes were not saved yet
-    bool _save_failed = false;       ///< the last save did, and that was said
-    std::atomic<bool> _awake{false}; ///< the pass below is submitted, or about to run
+    std::optional<NV_store::Safe_text> _codes_file; ///< none: they are not kept
+    bool _unsaved = false;                          ///< changes were not saved yet
+    bool _save_failed = false;                      ///< the last save did, and that was said
+    std::atomic<bool> _awake{false};                ///< the pass below is submitted, or about to run
     Timeout _pass, _save;
 
     char _base_name[longest_base_name + 1];

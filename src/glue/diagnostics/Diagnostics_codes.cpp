@@ -49,7 +49,7 @@ void Diagnostics::pass() {
     else
         _codes.return_cleared();
     if (_codes.take_unsaved()) _unsaved = true;
-    if (_unsaved && !_codes_file.empty() && !submitted(_save)) submit_timeout(_save, save_ms);
+    if (_unsaved && _codes_file && !submitted(_save)) submit_timeout(_save, save_ms);
     store_changes();
 }
 
@@ -68,14 +68,19 @@ void Diagnostics::store_changes() {
 // ---- kept over a power cut
 
 Safe_result Diagnostics::keep_codes_in(const char* path) {
-    _codes_file = path;
     std::string text;
-    const Safe_result result = NV_store::load_checksummed(path, text);
+    const Safe_result result = _codes_file.emplace(path).load(text);
     _codes.load(text);
-    if (!NV_store::is_good(result)) Debug_print::dprint("Trouble codes %s: %s\n", path, NV_store::to_text(result));
+    if (!NV_store::is_good(result)) tell("", result);
     if (result == Safe_result::damaged || result == Safe_result::unreadable)
         _codes.set_active(spn_memory_lost, fmi_memory_lost, {}, true);
     return result;
+}
+
+void Diagnostics::tell(const char* what, Safe_result result) const {
+    const std::string& reason = _codes_file->reason();
+    Debug_print::dprint("Trouble codes %s: %s%s%s%s\n", _codes_file->path().c_str(), what, NV_store::to_text(result),
+                        reason.empty() ? "" : ": ", reason.c_str());
 }
 
 Safe_result Diagnostics::save_codes() {
@@ -87,16 +92,15 @@ Safe_result Diagnostics::save_codes() {
 }
 
 Safe_result Diagnostics::save() {
-    if (_codes_file.empty() || !_unsaved) return Safe_result::nothing_to_save;
+    if (!_codes_file || !_unsaved) return Safe_result::nothing_to_save;
     _codes.take_unsaved(); // what changed until now is in the text
-    const Safe_result result = NV_store::save_checksummed(_codes_file.c_str(), _codes.text());
+    const Safe_result result = _codes_file->save(_codes.text());
     _unsaved = result != Safe_result::saved;
     if (!_unsaved) {
         remove_timeout(_save);
     } else {
         submit_timeout(_save, save_retry_ms);
-        if (!_save_failed)
-            Debug_print::dprint("Trouble codes %s: not saved, %s\n", _codes_file.c_str(), NV_store::to_text(result));
+        if (!_save_failed) tell("not saved, ", result);
     }
     _save_failed = _unsaved;
     return result;

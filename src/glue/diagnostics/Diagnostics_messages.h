@@ -2,6 +2,7 @@
 #pragma once
 #include "glue/vorn/Vorn_message.h"
 #include "util/api.h"
+#include <cstdint>
 
 namespace Diagnostics_messages {
 
@@ -22,6 +23,7 @@ public:
     unsigned short b() const { return get_uint16_le(8); }
     unsigned int time() const { return get_uint32_le(10); } ///< [s] since the epoch; 0: skipped
     unsigned short ms() const { return static_cast<unsigned short>(get_uint8(14) * 4); } ///< [ms] in steps of 4
+    uint64_t time_ms() const { return time() * uint64_t{1000} + ms(); }                  ///< [ms] since the epoch
 };
 
 /// Write a record into `bytes`, which holds Msg_SP::size_total. `ms` [ms] is below 1000.
