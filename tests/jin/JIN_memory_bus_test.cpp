@@ -1,46 +1,169 @@
 // SPDX-License-Identifier: MIT
 #include "jin/Test_bus.h"
+#include "support/allocations.h"
+#include "support/wait_until.h"
 #include <gtest/gtest.h>
 
 namespace {
 
 class Memory_bus : public testing::Test {
 protected:
+    /// 403 ms, in which both get their addresses.
+    void begin() {
+        pass(403);
+        a.received(), b.received(), a.events(), b.events();
+    }
     void pass(int ms) {
         clock.advance(ms);
         bus.process();
     }
     Manual_clock clock;
     JIN_memory_bus bus;
+    Test_node a{bus, JIN_name(1), 10}, b{bus, JIN_name(2), 20};
 };
 
 TEST_F(Memory_bus, a_node_claims_its_address_and_talks) {
-    Test_node a(bus, JIN_name(1), 10), b(bus, JIN_name(2), 20);
     EXPECT_EQ(a.send(message(0xFF00, "x")), JIN_stack::busy);
-    pass(153);
     EXPECT_EQ(a.address(), -1);
-    pass(250);
+    pass(403);
     EXPECT_EQ(a.address(), 10);
-    EXPECT_EQ(a.events(), "2 1");
+    EXPECT_EQ(a.events(), "2 1") << "claimed, and room for what was busy";
+    EXPECT_EQ(b.events(), "2");
     a.received(), b.received();
     EXPECT_EQ(a.send(message(0xFF00, "x")), JIN_stack::taken);
     EXPECT_EQ(a.send(message(0xEF00, "y", 20)), JIN_stack::taken);
-    EXPECT_EQ(b.received(), "FF00 0A>FF 6: 78, EF00 0A>14 6: 79");
+    EXPECT_EQ(a.send(message(0xFF00, "z", 30)), JIN_stack::taken) << "one frame of such a PGN has no destination";
+    EXPECT_EQ(a.send(message(0xEF00, "", 30)), JIN_stack::taken);
+    EXPECT_EQ(b.received(), "FF00 0A>FF 6: 78, EF00 0A>14 6: 79, FF00 0A>FF 6: 7A");
     EXPECT_EQ(a.received(), "");
+    EXPECT_EQ(a.send(message(0xEF01, "")), JIN_stack::refused);
+    Test_node listener(bus, JIN_name(), 30);
+    EXPECT_EQ(listener.send(message(0xFF00, "x")), JIN_stack::refused);
+    pass(1000);
+    EXPECT_EQ(listener.address(), -1);
 }
 
-TEST_F(Memory_bus, a_long_message_takes_its_time) {
-    Test_node a(bus, JIN_name(1), 10), b(bus, JIN_name(2), 20);
-    pass(500);
-    b.received(), a.events();
-    const JIN_grow_message dm = message(0xFECA, std::string(1002, 'a'));
-    EXPECT_EQ(a.send(dm), JIN_stack::taken);
-    EXPECT_EQ(a.send(dm), JIN_stack::busy);
-    pass(7199);
-    EXPECT_EQ(b.received() + a.events(), "");
+TEST_F(Memory_bus, long_messages_take_their_time_one_of_each_kind) {
+    struct {
+        uint8_t to;
+        int size, ms;
+    } const rows[] = {{255, 9, 100}, {255, 1002, 7200}, {255, 1785, 12750}, {20, 9, 2}, {20, 1785, 255}};
+    begin();
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.size);
+        const JIN_grow_message m = message(0xFECA, std::string(static_cast<size_t>(r.size), 'a'), r.to, 10);
+        EXPECT_EQ(a.send(m), JIN_stack::taken);
+        EXPECT_EQ(a.send(m), JIN_stack::busy);
+        EXPECT_EQ(a.send(message(0xFF00, "")), JIN_stack::taken);
+        pass(r.ms - 1);
+        EXPECT_EQ(b.received() + a.events(), "FF00 0A>FF 6:");
+        pass(1);
+        EXPECT_EQ(b.received(), text_of_message(m));
+        EXPECT_EQ(a.events(), "1");
+    }
+    EXPECT_EQ(a.send(message(0xFECA, std::string(9, 'a'))), JIN_stack::taken);
+    EXPECT_EQ(a.send(message(0xFECA, std::string(9, 'b'), 20)), JIN_stack::taken) << "the two kinds do not wait";
+    EXPECT_EQ(a.send(message(0xFECA, std::string(9, 'c'), 20)), JIN_stack::busy);
+    pass(100);
+    EXPECT_EQ(b.received().size(), 13u * 2 + 9 * 3 * 2 + 2) << "in the order of their ends";
+    // To nobody: given up, counted, told.
+    a.events();
+    EXPECT_EQ(a.send(message(0xFECA, std::string(9, 'a'), 30)), JIN_stack::taken);
+    pass(1249);
+    EXPECT_EQ(a.node.transfers_failed(), 0u);
     pass(1);
-    EXPECT_EQ(b.received().size(), 13u + 3 * 1002);
+    EXPECT_EQ(a.node.transfers_failed(), 1u);
+    EXPECT_EQ(a.events(), "8");
+}
+
+TEST_F(Memory_bus, goes_and_comes_back) {
+    begin();
+    EXPECT_EQ(a.send(message(0xFECA, std::string(100, 'a'))), JIN_stack::taken);
+    bus.set_there(false);
+    EXPECT_EQ(a.send(message(0xFF00, "x")), JIN_stack::busy);
+    EXPECT_FALSE(a.node.bus_is_there());
+    pass(10000);
+    EXPECT_EQ(a.events(), "8 3 5") << "transfer failed, address lost, bus gone";
+    EXPECT_EQ(b.received(), "");
+    bus.set_there(true);
+    pass(403);
+    EXPECT_EQ(a.events(), "6 2 1");
+    EXPECT_TRUE(a.address() == 10 && a.node.bus_is_there());
+}
+
+TEST_F(Memory_bus, is_busy_and_loses_on_demand) {
+    begin();
+    a.stack().set_busy(true);
+    EXPECT_EQ(a.send(message(0xFF00, "x")), JIN_stack::busy);
+    pass(10000);
+    EXPECT_EQ(a.events(), "");
+    a.stack().set_busy(false);
     EXPECT_EQ(a.events(), "1");
+    bus.set_loss(100, 7);
+    int short_ones = 0, long_ones = 0;
+    for (int i = 0; i < 1000; ++i) {
+        a.send(message(0xFF00, "x"));
+        short_ones += b.received() != "";
+        a.send(message(0xFF00, std::string(60, 'x')));
+        pass(450);
+        long_ones += b.received() != "";
+    }
+    EXPECT_NEAR(short_ones, 900, 40);
+    EXPECT_NEAR(long_ones, 387, 60) << "0.9 to the power of 9";
+}
+
+TEST_F(Memory_bus, a_clock_that_is_set_back_delays_nothing) {
+    begin();
+    a.send(message(0xFECA, std::string(9, 'a')));
+    pass(50);
+    clock.advance(-1000000);
+    EXPECT_EQ(bus.process(), 50);
+    pass(50);
+    EXPECT_NE(b.received(), "");
+}
+
+TEST_F(Memory_bus, each_client_gets_what_it_wants) {
+    begin();
+    Listener told;
+    JIN_inbox dm(b.stack(), &told.waiter, {0xFECA, 0xFECB}), one(b.stack(), nullptr, {0xFECA}),
+        tight(b.stack(), nullptr, {0xFECA}, 2 * (JIN_inbox::overhead + 1)), none(b.stack(), nullptr, {0xFECA}, 0),
+        all(b.stack(), nullptr, {}, 1000, JIN_inbox::everything);
+    for (const char* bytes : {"1", "2", "3"}) a.send(message(0xFECA, bytes));
+    a.send(message(0xFECB, "4"));
+    a.send(message(0xEF00, "5", 99));
+    EXPECT_EQ(told.events(), "0") << "one event for all that arrived";
+    EXPECT_EQ(take_all(dm), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32, FECA 0A>FF 6: 33, FECB 0A>FF 6: 34");
+    EXPECT_EQ(take_all(one), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32, FECA 0A>FF 6: 33");
+    EXPECT_EQ(take_all(tight), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32");
+    EXPECT_EQ(take_all(all).substr(54), "FECB 0A>FF 6: 34, EF00 0A>63 6: 35");
+    EXPECT_TRUE(dm.lost() == 0 && tight.lost() == 1 && none.lost() == 3);
+    // A queue that wraps, with messages of every length.
+    JIN_inbox ring(b.stack(), nullptr, {0xFEDA}, 2000);
+    JIN_grow_message got(0, JIN::max_length);
+    for (uint32_t n = 0; n <= JIN::max_length; ++n) {
+        const JIN_grow_message m = message(0xFEDA, std::string(n, static_cast<char>(n)), 255, 77);
+        bus.inject(m);
+        ASSERT_TRUE(ring.receive(got));
+        ASSERT_EQ(text_of_message(got), text_of_message(m));
+    }
+    EXPECT_FALSE(ring.receive(got));
+    const long before = allocations();
+    for (int i = 0; i < 100; ++i) {
+        bus.inject(got);
+        ring.receive(got);
+    }
+    EXPECT_EQ(allocations(), before);
+}
+
+/// In real time, driven by the bus's own thread.
+TEST(Memory_bus_thread, drives_the_bus) {
+    JIN_memory_bus bus;
+    ASSERT_TRUE(bus.start());
+    Test_node a(bus, JIN_name(1), 10), b(bus, JIN_name(2), 20);
+    EXPECT_TRUE(wait_until([&] { return a.address() == 10 && b.address() == 20; }));
+    EXPECT_EQ(a.send(message(0xFECA, "a long message")), JIN_stack::taken);
+    std::string all;
+    EXPECT_TRUE(wait_until([&] { return (all += b.received()).find("FECA") != std::string::npos; }));
 }
 
 } // namespace

@@ -58,23 +58,35 @@ public:
     waiter_descriptor waiter;
 };
 
-/// A node with what it is told. Its inbox takes all.
-class Test_node {
+/// What a node is told and receives. Its inbox takes all PGNs.
+class Node_view {
 public:
-    Test_node(JIN_memory_bus& bus, JIN_name name, uint8_t preferred, JIN_inbox::Reach reach = JIN_inbox::for_this_node)
-        : stack(bus, Diner_info_list::get(), name, preferred), inbox(stack, nullptr, {}, 1 << 16, reach) {
-        stack.register_waiter(&told.waiter);
+    explicit Node_view(JIN_stack& s, JIN_inbox::Reach reach = JIN_inbox::for_this_node)
+        : node(s), inbox(s, nullptr, {}, 1 << 16, reach) {
+        node.register_waiter(&told.waiter);
     }
+    ~Node_view() { node.deregister_waiter(&told.waiter); }
+
     /// -1: none
     int address() const {
         uint8_t a;
-        return stack.address(a) ? a : -1;
+        return node.address(a) ? a : -1;
     }
     std::string received() { return take_all(inbox); }
     std::string events() { return told.events(); }
-    int send(const JIN_message& m) { return stack.send(m); }
+    int send(const JIN_message& m) { return node.send(m); }
 
+    JIN_stack& node;
     Listener told;
-    JIN_memory_bus::Node stack;
     JIN_inbox inbox;
+};
+
+/// A node of a bus in memory.
+struct Test_node : private JIN_memory_bus::Node, public Node_view {
+    Test_node(JIN_memory_bus& bus, JIN_name name, uint8_t preferred, JIN_inbox::Reach reach = JIN_inbox::for_this_node)
+        : JIN_memory_bus::Node(bus, Diner_info_list::get(), name, preferred)
+        , Node_view(static_cast<JIN_memory_bus::Node&>(*this), reach) {}
+    JIN_memory_bus::Node& stack() { return *this; }
+    using Node_view::address;
+    using Node_view::send;
 };

@@ -4,10 +4,11 @@
 
 JIN_address_claim::Port::~Port() = default;
 
-JIN_address_claim::JIN_address_claim(Port& port, JIN_name name, uint8_t preferred)
+JIN_address_claim::JIN_address_claim(Port& port, JIN_name name, uint8_t preferred, int margin)
     : _port(port)
     , _name(name)
     , _preferred(preferred > JIN::highest_unicast ? JIN::no_address : preferred)
+    , _contention(contention_ms + margin)
     , _wanted(_preferred)
     , _random(static_cast<uint32_t>(name.value ^ name.value >> 32)) {}
 
@@ -64,7 +65,7 @@ void JIN_address_claim::ask(int64_t now) {
     if (_state == no_address) std::fill_n(_holders, num_holders, 0);
     _state = waiting;
     if (must_wait) {
-        _due = now + contention_ms;
+        _due = now + _contention;
     } else {
         take_another(_wanted, now);
     }
@@ -121,7 +122,7 @@ void JIN_address_claim::send(int64_t now) {
     }
     _to_send = false;
     if (_state == claiming) {
-        if (_claimed_at == never) _claimed_at = now + contention_ms;
+        if (_claimed_at == never) _claimed_at = now + _contention;
         _due = _claimed_at;
     } else {
         _due = _state == no_address ? now + ask_again_ms : never;
@@ -141,7 +142,7 @@ void JIN_address_claim::answer(int64_t now) {
 
 void JIN_address_claim::heard(const JIN_message& m, int64_t now) {
     if (m.pgn == JIN::pgn_address_claimed) return heard_claim(m, now);
-    if (_state == claimed && m.source == _wanted) violated(now, true);
+    if (_state == claimed && m.source == _wanted) return violated(now, true);
     const bool has_address = _state == claiming || _state == claimed;
     if (m.destination != JIN::global && !(has_address && m.destination == _wanted)) return;
     uint32_t asked_for;

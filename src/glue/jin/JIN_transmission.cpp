@@ -6,7 +6,10 @@ namespace JIN {
 
 Transmission_base::Transmission_base(Diner& diner, JIN_stack& s) : stack(s), _diner(diner) {}
 
-Transmission_base::~Transmission_base() = default;
+Transmission_base::~Transmission_base() {
+    _diner.remove_timeout(_period);
+    _diner.remove_timeout(_retry);
+}
 
 void Transmission_base::set_period(int ms) {
     _diner.remove_timeout(_period);

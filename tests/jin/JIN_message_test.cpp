@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: MIT
+#include "glue/jin/JIN_name.h"
+#include "jin/Test_bus.h"
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(Name, fields_lie_where_the_bus_has_them) {
+    const unsigned char bytes[] = {0x40, 0x42, 0x4F, 0x9A, 0x2E, 0x81, 0x32, 0xA3};
+    JIN_name n;
+    n.set_arbitrary_address(true).set_industry_group(2).set_device_class_instance(3).set_device_class(25);
+    n.set_function(129).set_function_instance(5).set_ecu_instance(6);
+    n.set_manufacturer_code(1234).set_identity_number(1000000);
+    EXPECT_EQ(n.value, 0xA332812E9A4F4240u);
+    unsigned char written[8];
+    n.to_bytes(written);
+    EXPECT_EQ(memcmp(written, bytes, 8), 0);
+    const JIN_name r = JIN_name::from_bytes(bytes);
+    EXPECT_EQ(r, n);
+    EXPECT_TRUE(r.arbitrary_address() && r.industry_group() == 2 && r.device_class_instance() == 3);
+    EXPECT_TRUE(r.device_class() == 25 && r.function() == 129 && r.function_instance() == 5 && r.ecu_instance() == 6);
+    EXPECT_TRUE(r.manufacturer_code() == 1234 && r.identity_number() == 1000000);
+    // What does not fit changes no neighbour, and each field can be changed again.
+    EXPECT_EQ(n.set_ecu_instance(8 + 6).set_identity_number(0x200000 + 1000000).value, r.value);
+    EXPECT_EQ(n.set_function(0).value, 0xA332002E9A4F4240u);
+    EXPECT_TRUE(n.wins_against(r) && !r.wins_against(n) && !r.wins_against(r));
+}
+
+TEST(Message, only_what_applications_may_send_is_sendable) {
+    static unsigned char bytes[1786];
+    struct {
+        uint32_t pgn, size;
+        uint8_t to, priority;
+        bool sendable;
+    } const rows[] = {
+        {0xFECA, 0, 255, 6, true},   {0xFECA, 1785, 255, 0, true}, {0xFECA, 1786, 255, 6, false},
+        {0xFECA, 20, 253, 7, true},  {0xFECA, 8, 254, 6, false},   {0xFECA, 8, 255, 8, false},
+        {0xEF00, 8, 0, 6, true},     {0xEF01, 8, 0, 6, false},     {0x3FFFF, 8, 255, 6, true},
+        {0x40000, 8, 255, 6, false}, {0xEA00, 3, 255, 6, true},    {0xEE00, 8, 255, 6, false},
+        {0xEB00, 8, 255, 6, false},  {0xEC00, 8, 255, 6, false},
+    };
+    for (const auto& r : rows)
+        EXPECT_EQ(JIN_message(r.pgn, bytes, r.size, r.to, r.priority).is_sendable(), r.sendable)
+            << std::hex << r.pgn << ' ' << r.size;
+}
+
+TEST(Message, request_names_a_pgn) {
+    struct {
+        uint32_t pgn;
+        const char* bytes;
+        uint32_t size, asked_for;
+    } const rows[] = {
+        {0xEA00, "\xCA\xFE", 3, 0xFECA},      {0xEA00, "\xCA\xFE\x02", 8, 0x2FECA}, {0xEA00, "\xCA\xFE\0", 2, 0},
+        {0xEA00, "\xCA\xFE\0\0\0\0\0", 9, 0}, {0xE800, "\xCA\xFE", 3, 0},
+    };
+    for (const auto& r : rows) {
+        unsigned char bytes[9] = {};
+        memcpy(bytes, r.bytes, strlen(r.bytes));
+        uint32_t asked_for = 0;
+        EXPECT_EQ(JIN_message(r.pgn, bytes, r.size).get_requested_pgn(asked_for), r.asked_for != 0);
+        EXPECT_EQ(asked_for, r.asked_for);
+    }
+}
+
+TEST(Grow_message, grows_to_its_limit_and_keeps_what_it_has) {
+    JIN_grow_message m(0xFECA, 4);
+    EXPECT_TRUE(m.append_uint8(1) && m.append_uint16_le(0x0302) && m.append_uint32_le(0x07060504) && m.append("", 0));
+    m.source = 3;
+    JIN_grow_message copy(m), other;
+    EXPECT_TRUE(m.resize(9));
+    EXPECT_EQ(text_of_message(m), "FECA 03>FF 6: 01 02 03 04 05 06 07 FF FF");
+    EXPECT_EQ(text_of_message(copy), "FECA 03>FF 6: 01 02 03 04 05 06 07");
+    other = m;
+    m.set_uint8(0, 9);
+    EXPECT_EQ(text_of_message(other), "FECA 03>FF 6: 01 02 03 04 05 06 07 FF FF");
+    const std::string many(1785, 'x');
+    EXPECT_FALSE(m.append(many.data(), 1785) || m.resize(1786) || m.append(many.data(), 0xFFFFFFFE));
+    EXPECT_EQ(m.size, 9u);
+    EXPECT_TRUE(m.append(many.data(), 1776));
+    EXPECT_FALSE(m.append_uint8(0));
+    const unsigned char* const place = m.data;
+    m.clear();
+    EXPECT_TRUE(m.append(many.data(), 1785) && m.data == place) << "the room stays";
+}
+
+} // namespace

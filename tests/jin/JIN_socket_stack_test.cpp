@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: MIT
+// What a machine without a bus says. The system's calls are stood in for; tests/kernel has the real ones.
+#include "glue/jin/JIN_socket_stack.h"
+#include "jin/Test_bus.h"
+#include "support/capture.h"
+#include "support/wait_until.h"
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <linux/can.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+std::atomic<int> socket_error{0}, bind_error{0}, attempts{0};
+std::atomic<unsigned> interface_index{1};
+int failed(int error) {
+    errno = error;
+    return -1;
+}
+} // namespace
+
+// A descriptor that nothing arrives at stands for a socket of the bus.
+extern "C" KAV_API int socket(int domain, int type, int protocol) noexcept {
+    if (domain != AF_CAN) return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+    ++attempts;
+    if (socket_error) return failed(socket_error);
+    return static_cast<int>(syscall(SYS_socket, AF_UNIX, type, 0));
+}
+extern "C" KAV_API int bind(int, const struct sockaddr*, socklen_t) noexcept {
+    return bind_error ? failed(bind_error) : 0;
+}
+extern "C" KAV_API unsigned if_nametoindex(const char*) noexcept { return interface_index; }
+
+namespace {
+
+TEST(Socket_stack, says_once_what_is_wrong_and_what_to_do) {
+    using Stack = JIN_socket_stack;
+    struct {
+        int at_socket, at_bind;
+        unsigned index;
+        Stack::Trouble trouble;
+        const char* text;
+    } const rows[] = {
+        {EAFNOSUPPORT, 0, 0, Stack::no_kernel_support, "the kernel has no CAN: modprobe can-j1939"},
+        {EPROTONOSUPPORT, 0, 1, Stack::no_kernel_support, "the kernel has no J1939: modprobe can-j1939"},
+        {EPERM, 0, 1, Stack::not_permitted, "no right to open CAN sockets: let the service use AF_CAN"},
+        {EACCES, 0, 1, Stack::not_permitted, "no right to open CAN sockets: let the service use AF_CAN"},
+        {0, ENODEV, 0, Stack::no_interface,
+         "there is no such interface: plug it in, or choose one that 'ip link' shows"},
+        {0, ENODEV, 1, Stack::no_can_interface, "is no CAN interface: choose one that 'ip -d link' shows as can"},
+        {0, ENETDOWN, 1, Stack::interface_down, "the interface is down: ip link set can7 up type can bitrate 250000"},
+        {EMFILE, 0, 1, Stack::other_trouble, "Too many open files: see dmesg"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.text);
+        socket_error = r.at_socket, bind_error = r.at_bind, interface_index = r.index;
+        const std::string printed = debug_text([&] {
+            Stack stack(Diner_info_list::get(), "can7", JIN_name(1), 10);
+            Node_view view(stack);
+            attempts = 0;
+            ASSERT_TRUE(stack.start());
+            EXPECT_TRUE(wait_until([&] { return attempts >= 2; })) << "it tries again";
+            EXPECT_EQ(stack.trouble(), r.trouble);
+            EXPECT_EQ(view.send(message(0xFF00, "x")), JIN_stack::busy);
+            EXPECT_EQ(view.events(), "5") << "told once";
+            EXPECT_FALSE(stack.bus_is_there());
+            socket_error = bind_error = 0, interface_index = 1;
+            EXPECT_TRUE(wait_until([&] { return stack.bus_is_there(); }));
+            EXPECT_TRUE(wait_until([&] { return view.events() == "6"; }));
+            EXPECT_EQ(stack.trouble(), Stack::none);
+        });
+        EXPECT_EQ(printed, std::string("JIN can7: ") + r.text + "\nJIN can7: the bus is there\n");
+    }
+}
+
+} // namespace
