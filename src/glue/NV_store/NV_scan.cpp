@@ -39,8 +39,9 @@ uint32_t crc_of(const unsigned char* p, int n) {
 constexpr uint32_t product(uint32_t a, uint32_t b) {
     uint32_t sum = 0;
     for (; a; a <<= 1) {
-        if (a >> 31) sum ^= b;
-        b = b & 1 ? b >> 1 ^ 0xEDB88320 : b >> 1;
+        // Masks: which way it goes is a coin toss.
+        sum ^= b & (0 - (a >> 31));
+        b = b >> 1 ^ (0xEDB88320 & (0 - (b & 1)));
     }
     return sum;
 }
