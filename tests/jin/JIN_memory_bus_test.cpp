@@ -2,7 +2,10 @@
 #include "jin/Test_bus.h"
 #include "support/allocations.h"
 #include "support/wait_until.h"
+#include <atomic>
 #include <gtest/gtest.h>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -155,15 +158,33 @@ TEST_F(Memory_bus, each_client_gets_what_it_wants) {
     EXPECT_EQ(allocations(), before);
 }
 
-/// In real time, driven by the bus's own thread.
-TEST(Memory_bus_thread, drives_the_bus) {
+/// In real time, driven by the bus's own thread; clients come and go while others talk.
+TEST(Memory_bus_thread, drives_the_bus_for_clients_of_several_threads) {
     JIN_memory_bus bus;
     ASSERT_TRUE(bus.start());
     Test_node a(bus, JIN_name(1), 10), b(bus, JIN_name(2), 20);
     EXPECT_TRUE(wait_until([&] { return a.address() == 10 && b.address() == 20; }));
-    EXPECT_EQ(a.send(message(0xFECA, "a long message")), JIN_stack::taken);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> clients;
+    for (Test_node* n : {&a, &a, &b}) {
+        clients.emplace_back([n, &stop] {
+            while (!stop) {
+                Node_view client(n->stack());
+                for (int i = 0; i < 10; ++i) client.send(message(0xFF00, std::to_string(i)));
+                client.send(message(0xFECA, "a long message"));
+                client.received(), client.events();
+            }
+        });
+    }
     std::string all;
-    EXPECT_TRUE(wait_until([&] { return (all += b.received()).find("FECA") != std::string::npos; }));
+    EXPECT_TRUE(wait_until([&] { return (all += b.received()).find("FECA 0A>FF") != std::string::npos; }));
+    EXPECT_TRUE(wait_until([&] { return (all += a.received()).find("FECA 14>FF") != std::string::npos; }));
+    bus.set_there(false);
+    EXPECT_TRUE(wait_until([&] { return a.address() < 0; }));
+    bus.set_there(true);
+    EXPECT_TRUE(wait_until([&] { return a.address() == 10; }));
+    stop = true;
+    for (std::thread& c : clients) c.join();
 }
 
 } // namespace

@@ -51,6 +51,7 @@ struct Socket_node : private JIN_socket_stack, public Node_view {
     }
     JIN_socket_stack& stack() { return *this; }
     using Node_view::address;
+    using Node_view::received;
     using Node_view::send;
     bool has_address(int a) {
         return wait_until([&] { return address() == a; });
@@ -151,6 +152,10 @@ TEST_F(Jin, two_that_want_one_address) {
     EXPECT_TRUE(a->has_address(0x91));
     ASSERT_TRUE(a->sends(message(0xFF00, "c")));
     c.hears("FF00 91>FF 6: 63");
+    EXPECT_EQ(c.stack().receptions_failed(), 0u);
+    const uint32_t failed = c.stack().receptions_failed();
+    Guest::sh("cansend vcan0 18EC8055#1064000F0F00EF00"); // begins a long message and falls silent
+    EXPECT_TRUE(wait_until([&] { return c.stack().receptions_failed() > failed; }));
 }
 
 TEST_F(Jin, the_tools_of_others) {
@@ -211,6 +216,31 @@ TEST_F(Jin, the_interface_goes_and_comes_back) {
         ASSERT_TRUE(a.sends(message(0xFF00, "again")));
         b.hears("FF00 80>FF 6: 61 67 61 69 6E");
     }
+}
+
+/// What the next test starts as another process: says whatever it hears back to who said it.
+TEST(Peer_process, DISABLED_echoes) {
+    Socket_node node(weak, 0x20);
+    for (JIN_grow_message m;; usleep(1000)) {
+        if (!node.inbox.receive(m) || m.pgn != 0xEF00) continue;
+        m.destination = m.source;
+        node.sends(m);
+    }
+}
+
+TEST_F(Jin, another_process) {
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe"), many(1002, 'd');
+    Socket_node a(strong, 0x20); // which the other wants, too
+    ASSERT_TRUE(a.has_address(0x20));
+    Peer other(self + " --gtest_also_run_disabled_tests --gtest_filter=Peer_process.*");
+    JIN_name name;
+    EXPECT_TRUE(wait_until([&] { return a.stack().name_of(0xD0, name) && name == weak; }));
+    EXPECT_TRUE(wait_until([&] { // it answers when the claim has stood for a while
+        a.send(message(0xEF00, "few", 0xD0));
+        return a.received().find(text_of_message(message(0xEF00, "few", 0x20, 0xD0))) != std::string::npos;
+    }));
+    ASSERT_TRUE(a.sends(message(0xEF00, many, 0xD0)));
+    a.hears(text_of_message(message(0xEF00, many, 0x20, 0xD0)));
 }
 
 /// Ten seconds with more frames than 250 kbit/s can carry, of a PGN that nobody here wants.

@@ -26,7 +26,8 @@ public:
     /// What comes in, beside the choice of PGNs.
     enum Reach {
         for_this_node, ///< what is for all, or for the address that is claimed
-        everything     ///< also what other nodes say to each other
+        /// Also what other nodes say to each other; of that JIN_socket_stack has only what fits into one frame.
+        everything
     };
 
     /// `waiter` gets event_arrived; null: nobody. An empty list of `pgns` stands for all, and so does one of more than

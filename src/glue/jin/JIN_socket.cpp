@@ -46,6 +46,7 @@ int JIN_socket::open(unsigned interface_index, JIN_name name) {
     _priority = JIN::default_priority;
     set(_fd, SOL_SOCKET, SO_BROADCAST, 1);
     set(_fd, SOL_SOCKET, SO_RCVBUF, 1 << 18);
+    set(_fd, SOL_SOCKET, SO_SNDBUF, 1 << 13); // a few messages: what waits longer is busy, and built anew
     return bind(J1939_NO_ADDR);
 }
 
@@ -80,10 +81,10 @@ void JIN_socket::filter_all_out() { filter(nullptr, 0, JIN::global); }
 
 void JIN_socket::set_promiscuous(bool on) { set(_fd, SOL_CAN_J1939, SO_J1939_PROMISC, static_cast<int>(on)); }
 
-void JIN_socket::want_reports() {
-    set(_fd, SOL_SOCKET, SO_TIMESTAMPING,
-        static_cast<unsigned>(SOF_TIMESTAMPING_SOFTWARE | SOF_TIMESTAMPING_OPT_CMSG | SOF_TIMESTAMPING_OPT_ID |
-                              SOF_TIMESTAMPING_OPT_TSONLY | SOF_TIMESTAMPING_TX_ACK | SOF_TIMESTAMPING_RX_SOFTWARE));
+void JIN_socket::want_reports(bool sent) {
+    constexpr unsigned both =
+        SOF_TIMESTAMPING_SOFTWARE | SOF_TIMESTAMPING_OPT_CMSG | SOF_TIMESTAMPING_OPT_ID | SOF_TIMESTAMPING_OPT_TSONLY;
+    set(_fd, SOL_SOCKET, SO_TIMESTAMPING, both | (sent ? SOF_TIMESTAMPING_TX_ACK : SOF_TIMESTAMPING_RX_SOFTWARE));
     set(_fd, SOL_CAN_J1939, SO_J1939_ERRQUEUE, 1);
 }
 

@@ -26,8 +26,8 @@ public:
     void filter(const uint32_t* pgns, int n, uint8_t own);
     void filter_all_out();
     void set_promiscuous(bool on);
-    /// Reports of transfers come on the error queue from now on.
-    void want_reports();
+    /// Reports come on the error queue from now on: of long messages that are received, and of those that are `sent`.
+    void want_reports(bool sent);
 
     int send(const JIN_message& m);
     /// Receive into `m`, whose size is the room and then the length. EMSGSIZE: it was longer and is lost.

@@ -20,7 +20,10 @@ constexpr int reader_priority = 51;
 
 /// [ms] The kernel counts the contention time too, from when the claim comes back to it, and complains in its log about
 /// what is sent before.
-constexpr int kernel_lag_ms = 20;
+constexpr int kernel_lag_ms = 50;
+
+/// [ms] What a transfer leaves behind may arrive so much later than the report of its end.
+constexpr int echo_ms = 1000;
 
 /// Messages read before the other sockets and the timers are looked at.
 constexpr int at_a_time = 64;
@@ -90,13 +93,13 @@ JIN_stack::Result JIN_socket_stack::send(const JIN_message& m) {
     if (!m.is_sendable() || !name().is_set()) return refused;
     uint8_t own;
     if (!_there || !_claim.address(own)) return say_busy();
-    if (m.size > 8) return send_with(m.destination == JIN::global ? _for_all : _for_one, m);
+    if (m.size > 8) return send_with(m.destination == JIN::global ? _for_all : _for_one, m, own);
     JIN_message sent = m;
     if (!JIN::is_addressable(m.pgn)) sent.destination = JIN::global;
     return result_of(_main.send(sent));
 }
 
-JIN_stack::Result JIN_socket_stack::send_with(Carrier& c, const JIN_message& m) {
+JIN_stack::Result JIN_socket_stack::send_with(Carrier& c, const JIN_message& m, uint8_t own) {
     if (c.under_way) return say_busy();
     const Result r = result_of(c.socket.send(m));
     if (r != taken) return r;
@@ -104,6 +107,8 @@ JIN_stack::Result JIN_socket_stack::send_with(Carrier& c, const JIN_message& m) 
     c.given_up_at = now_ms() + longest_ms;
     c.pgn = m.pgn;
     c.size = m.size;
+    c.source = own;
+    c.echo_until = INT64_MAX;
     wake_reader();
     return taken;
 }
@@ -211,7 +216,7 @@ int JIN_socket_stack::open() {
         // The kernel's own checks come first: without its modules no interface would help.
         if (s->is_open() && index == 0) error = ENXIO;
         if (error) return error;
-        s->want_reports();
+        s->want_reports(s != &_main);
         if (s != &_main) s->filter_all_out();
     }
     return 0;
@@ -225,7 +230,7 @@ void JIN_socket_stack::bus_gone(int error) {
     _there = false;
     for (Carrier* c : {&_for_all, &_for_one}) {
         if (c->under_way) transfer_failed();
-        c->under_way = false;
+        end(*c);
     }
     _claim.quit();
     if (was_there || _error == 0) tell(event_bus_gone);
@@ -255,17 +260,23 @@ void JIN_socket_stack::receive_some() {
             received(m, now_ms());
         }
     }
-    while (_main.next_report() != JIN_socket::nothing) _receptions_failed.fetch_add(1, std::memory_order_relaxed);
+    for (JIN_socket::Report r; (r = _main.next_report()) != JIN_socket::nothing;) {
+        if (r == JIN_socket::reception_given_up) _receptions_failed.fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
-/// What goes out in packets to all comes back from the kernel when it has ended.
-bool JIN_socket_stack::is_echo(const JIN_message& m) const {
-    return m.size > 8 && m.pgn == _for_all.pgn && m.size == _for_all.size;
+bool JIN_socket_stack::is_echo(const JIN_message& m, int64_t now) const {
+    if (m.size <= 8) return false;
+    for (const Carrier* c : {&_for_all, &_for_one}) {
+        if (m.pgn == c->pgn && m.size == c->size && m.source == c->source && now < c->echo_until) return true;
+    }
+    return false;
 }
 
 void JIN_socket_stack::received(const JIN_message& m, int64_t now) {
+    if (is_echo(m, now)) return;
     uint8_t own = JIN::global;
-    if (_claim.address(own) && m.source == own && is_echo(m)) return;
+    _claim.address(own);
     deliver(m, m.destination == JIN::global || m.destination == own);
     _claim.heard(m, now);
 }
@@ -291,8 +302,13 @@ void JIN_socket_stack::look_after(Carrier& c) {
     const int error = c.socket.take_error();
     if (ends_the_bus(error)) return bus_gone(error == ENODEV ? ENXIO : error);
     if (!has_ended) return;
-    c.under_way = false;
+    end(c);
     tell_room();
+}
+
+void JIN_socket_stack::end(Carrier& c) {
+    c.under_way = false;
+    c.echo_until = now_ms() + echo_ms;
 }
 
 /// Lock held. What the stack itself hears comes through whatever the inboxes want.

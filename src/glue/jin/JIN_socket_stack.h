@@ -60,7 +60,10 @@ private:
         JIN_socket socket;
         bool under_way = false;
         int64_t given_up_at = 0;
-        uint32_t pgn = 0, size = 0; ///< of the message carried last
+        // Of the message carried last: what goes out in packets comes back from the kernel when it has ended.
+        uint32_t pgn = 0, size = 0;
+        uint8_t source = JIN::no_address;
+        int64_t echo_until = 0;
     };
 
     static void* run(void* stack);
@@ -72,10 +75,11 @@ private:
     int64_t due() const;
     void receive_some();
     void received(const JIN_message& m, int64_t now);
-    bool is_echo(const JIN_message& m) const;
+    bool is_echo(const JIN_message& m, int64_t now) const;
+    void end(Carrier& c);
     void look_after(Carrier& c);
     void failed(int error);
-    Result send_with(Carrier& c, const JIN_message& m);
+    Result send_with(Carrier& c, const JIN_message& m, uint8_t own);
     Result result_of(int error);
     void set_filter();
     void wishes_changed() override;

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+// Three nodes among neighbours that say anything. Each step is a byte that says what happens, and what it needs:
+//   c SOURCE NAME    a claim, with the low byte of a NAME of the kind that the nodes have
+//   m PGN SOURCE DESTINATION LENGTH BYTES    any message; 3 bytes of PGN, little-endian
+//   t TIME           passes [10 ms]
+//   s NODE LENGTH    a node sends
+//   l LOSS           of frames from now on [per mille]
+//   b                the bus goes, or comes back
+#include "fuzz/checks.h"
+#include "jin/Test_bus.h"
+#include <algorithm>
+
+namespace {
+
+class Input {
+public:
+    Input(const uint8_t* data, size_t size) : _at(data), _end(data + size) {}
+    bool is_empty() const { return _at == _end; }
+    uint8_t next() { return is_empty() ? 0 : *_at++; }
+    std::string next(size_t n) {
+        n = std::min(n, static_cast<size_t>(_end - _at));
+        _at += n;
+        return text_of(_at - n, n);
+    }
+
+private:
+    const uint8_t *_at, *_end;
+};
+
+constexpr uint64_t arbitrary = uint64_t{1} << 63;
+constexpr uint8_t preferred = 0x80;
+
+class World {
+public:
+    void step(Input& in) {
+        ++_steps;
+        switch (in.next()) {
+        case 'c': {
+            const uint8_t source = in.next();
+            bus.inject(claim_of(JIN_name(arbitrary | in.next()), source));
+            break;
+        }
+        case 'm': {
+            const uint32_t pgn = in.next() | in.next() << 8u | in.next() << 16u;
+            const uint8_t source = in.next(), destination = in.next();
+            const size_t length = size_t{in.next()} * 8;
+            bus.inject(message(pgn, in.next(length), destination, source));
+            break;
+        }
+        case 't':
+            pass(in.next() * 10);
+            break;
+        case 's': {
+            Test_node& n = nodes[in.next() % 3];
+            n.send(message(0xEF00, std::string(in.next() * 8u, 'x'), 255));
+            break;
+        }
+        case 'l':
+            bus.set_loss(in.next() * 4u);
+            break;
+        case 'b':
+            bus.set_there(_there = !_there);
+            break;
+        }
+        for (Test_node& n : nodes) n.received();
+        require(bus.num_frames() < 400 * _steps + 1000, "no frame sets off an endless exchange");
+    }
+
+    /// When the neighbours are quiet, nobody shares an address.
+    void settle() {
+        bus.set_there(true);
+        bus.set_loss(0);
+        for (int i = 0; i < 3; ++i) {
+            pass(20000);
+            for (Test_node& n : nodes) n.send(message(0xFF00, "x"));
+        }
+        pass(2000);
+        for (const Test_node& n : nodes) {
+            const int a = n.address();
+            for (const Test_node& o : nodes) require(&o == &n || a < 0 || a != o.address(), "an address has one owner");
+        }
+    }
+
+private:
+    void pass(int ms) {
+        clock.advance(ms);
+        bus.process();
+    }
+
+    Manual_clock clock;
+    JIN_memory_bus bus;
+    Test_node nodes[3] = {{bus, JIN_name(arbitrary | 100), preferred},
+                          {bus, JIN_name(arbitrary | 50), preferred},
+                          {bus, JIN_name(200), preferred + 1}};
+    uint64_t _steps = 0;
+    bool _there = true;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    be_quiet();
+    World world;
+    Input in(data, size);
+    while (!in.is_empty()) world.step(in);
+    world.settle();
+    return 0;
+}
