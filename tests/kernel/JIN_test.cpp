@@ -152,7 +152,6 @@ TEST_F(Jin, two_that_want_one_address) {
     EXPECT_TRUE(a->has_address(0x91));
     ASSERT_TRUE(a->sends(message(0xFF00, "c")));
     c.hears("FF00 91>FF 6: 63");
-    EXPECT_EQ(c.stack().receptions_failed(), 0u);
     const uint32_t failed = c.stack().receptions_failed();
     Guest::sh("cansend vcan0 18EC8055#1064000F0F00EF00"); // begins a long message and falls silent
     EXPECT_TRUE(wait_until([&] { return c.stack().receptions_failed() > failed; }));
