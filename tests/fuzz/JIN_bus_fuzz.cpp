@@ -9,6 +9,7 @@
 #include "fuzz/checks.h"
 #include "jin/Test_bus.h"
 #include <algorithm>
+#include <memory>
 
 namespace {
 
@@ -88,10 +89,12 @@ private:
     }
 
     Manual_clock clock;
+    module_man modules; // of this world alone: there are 31,742 ids
     JIN_memory_bus bus;
-    Test_node nodes[3] = {{bus, JIN_name(arbitrary | 100), preferred},
-                          {bus, JIN_name(arbitrary | 50), preferred},
-                          {bus, JIN_name(200), preferred + 1}};
+    static constexpr JIN_inbox::Reach reach = JIN_inbox::everything;
+    Test_node nodes[3] = {{bus, JIN_name(arbitrary | 100), preferred, reach, modules},
+                          {bus, JIN_name(arbitrary | 50), preferred, reach, modules},
+                          {bus, JIN_name(200), preferred + 1, reach, modules}};
     uint64_t _steps = 0;
     bool _there = true;
 };
@@ -100,9 +103,9 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     be_quiet();
-    World world;
+    const auto world = std::make_unique<World>();
     Input in(data, size);
-    while (!in.is_empty()) world.step(in);
-    world.settle();
+    while (!in.is_empty()) world->step(in);
+    world->settle();
     return 0;
 }

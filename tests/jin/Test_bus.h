@@ -83,8 +83,9 @@ public:
 
 /// A node of a bus in memory.
 struct Test_node : private JIN_memory_bus::Node, public Node_view {
-    Test_node(JIN_memory_bus& bus, JIN_name name, uint8_t preferred, JIN_inbox::Reach reach = JIN_inbox::for_this_node)
-        : JIN_memory_bus::Node(bus, Diner_info_list::get(), name, preferred)
+    Test_node(JIN_memory_bus& bus, JIN_name name, uint8_t preferred, JIN_inbox::Reach reach = JIN_inbox::for_this_node,
+              module_man& modules = Diner_info_list::get())
+        : JIN_memory_bus::Node(bus, modules, name, preferred)
         , Node_view(static_cast<JIN_memory_bus::Node&>(*this), reach) {}
     JIN_memory_bus::Node& stack() { return *this; }
     using Node_view::address;
