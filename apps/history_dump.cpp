@@ -2,11 +2,12 @@
 // Prints the error history in a folder, oldest record first: the files of a controller's flash store, or a copy of
 // them. Only reads, so it may run beside the program that has the store mounted.
 // Status 1: the outside world failed, or there is not one record; 2: wrong arguments.
-#include "fail.h"
 #include "glue/data_stream/File_data_stream.h"
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
+#include "glue/diagnostics/Trouble_code.h"
 #include "glue/vorn/Vorn_parser.h"
+#include "program.h"
 #include "progress.h"
 #include <algorithm>
 #include <cerrno>
@@ -27,33 +28,57 @@ namespace {
 
 using Diagnostics_messages::Msg_SP;
 
-const char usage[] = "usage: history_dump FOLDER [BASE] [filters] [--csv]\n"
-                     "Print the error history in a folder, BASE0.dat to BASE9.dat, oldest record first. BASE may be\n"
-                     "left out when the folder holds one history. Bytes that are no record are passed over and\n"
-                     "counted on standard error.\n"
-                     "  --source N   only records of this source address, 1 to 255\n"
-                     "  --error N    only records with this error number, 1 to 65535\n"
-                     "  --from TIME  only records of this time or later: seconds since 1970, or in UTC 2023-11-14\n"
-                     "               or 2023-11-14T22:13:20\n"
-                     "  --to TIME    only records before this time\n"
-                     "  --csv        comma-separated form\n"
-                     "  -h, --help   this text\n"
-                     "Numbers may be given in hexadecimal: 0x80.\n";
+const char usage[] =
+    "usage: history_dump FOLDER [BASE] [filters] [--csv]\n"
+    "Print the error history in a folder, BASE0.dat to BASE9.dat, oldest record first. BASE may be\n"
+    "left out when the folder holds one history. Bytes that are no record are passed over and\n"
+    "counted on standard error.\n"
+    "  --source N   only records of this source address, 1 to 255\n"
+    "  --error N    only records with this error number, 1 to 65535\n"
+    "  --from TIME  only records of this time or later: seconds since 1970, or in UTC 2023-11-14\n"
+    "               or 2023-11-14T22:13:20\n"
+    "  --to TIME    only records before this time\n"
+    "  --csv        comma-separated form\n"
+    "  -h, --help   this text\n"
+    "Numbers may be given in hexadecimal: 0x80. The error number of a trouble code is the low 16 bits\n"
+    "of its SPN; records that can be one show SPN, FMI and count.\n";
+
+/// A trouble code that became active or inactive, as the manager records it.
+struct Code_change {
+    /// False when the two words are something else: the count of a code is 1 to 126.
+    bool read(unsigned a, unsigned b) {
+        code = Trouble_code::from_key(Trouble_code::key((a >> 5 & 7) << 16 | b, a & 31), a >> 8 & 0x7F);
+        active = (a & 0x8000) == 0;
+        return code.valid() && code.count >= 1 && code.count <= Trouble_code::max_count;
+    }
+    Trouble_code code;
+    bool active = false;
+};
 
 /// A printing sink: its filter is the one that replays have.
 class Printer : public Diagnostic_history {
 public:
     void output(unsigned char src, unsigned short a, unsigned short b, unsigned int seconds,
                 unsigned short ms) override {
+        char more[64] = ",,,";
+        Code_change c;
         if (csv) {
-            printf("%u.%03u,%u,%u,%u\n", seconds, unsigned{ms}, unsigned{src}, unsigned{b}, unsigned{a});
+            if (c.read(a, b))
+                snprintf(more, sizeof more, "%u,%u,%u,%s", c.code.spn, unsigned{c.code.fmi}, unsigned{c.code.count},
+                         c.active ? "active" : "inactive");
+            printf("%u.%03u,%u,%u,%u,%s\n", seconds, unsigned{ms}, unsigned{src}, unsigned{b}, unsigned{a}, more);
             return;
         }
+        more[0] = '\0';
+        if (c.read(a, b))
+            snprintf(more, sizeof more, ", SPN %u FMI %u %s, count %u", c.code.spn, unsigned{c.code.fmi},
+                     c.active ? "active" : "inactive", unsigned{c.code.count});
         const time_t t = seconds;
         struct tm utc;
         char text[32];
         strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", gmtime_r(&t, &utc));
-        printf("%s.%03u source %u error %u word %u\n", text, unsigned{ms}, unsigned{src}, unsigned{b}, unsigned{a});
+        printf("%s.%03u source %u error %u word %u%s\n", text, unsigned{ms}, unsigned{src}, unsigned{b}, unsigned{a},
+               more);
     }
     bool csv = false;
 };
@@ -244,7 +269,7 @@ int main(int argc, char** argv) {
     Printer printer;
     printer.csv = o.csv;
     printer.set_filter(static_cast<unsigned char>(o.source), static_cast<unsigned short>(o.error), o.from, o.to);
-    if (o.csv) puts("time,source,error,word");
+    if (o.csv) puts("time,source,error,word,spn,fmi,count,change");
     print_history(History(o.folder + "/" + o.base), printer);
     finish_output(1);
     return 0;
