@@ -58,8 +58,15 @@ public:
     Isobus_diagnostics isobus{manager};
 };
 
+/// One for all inputs, since a diner's thread costs more than an input.
+Bus& the_bus() {
+    static Bus bus;
+    return bus;
+}
+
 class Listener {
 public:
+    Listener() { _bus.step(100000); } // what was said before is over
     void frame(uint32_t identifier, const unsigned char* bytes, unsigned n, int64_t ms) {
         _now.time = static_cast<int32_t>(ms / 1000);
         _assembler.frame(identifier, bytes, n, ms);
@@ -79,7 +86,7 @@ private:
         }
     }
 
-    Bus _bus;
+    Bus& _bus = the_bus();
     Trouble_code_monitor _monitor;
     Atime _now{false};
     JIN_assembler _assembler{[this](const JIN_message& m) { take(m); }};
