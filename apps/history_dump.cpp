@@ -7,7 +7,7 @@
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/diagnostics/Trouble_code.h"
 #include "glue/vorn/Vorn_parser.h"
-#include "program.h"
+#include "fail.h"
 #include "progress.h"
 #include <algorithm>
 #include <cerrno>

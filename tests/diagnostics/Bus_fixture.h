@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include "glue/diagnostics/Diagnostics.h"
+#include "diagnostics/Driven_manager.h"
 #include "glue/diagnostics/Trouble_code_messages.h"
-#include "glue/diner/Diner_info_list.h"
 #include "glue/jin/JIN_inbox.h"
 #include "glue/jin/JIN_memory_bus.h"
 #include "support/Manual_clock.h"
@@ -10,27 +9,6 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
-
-/// Driven by the test instead of its thread, which stays parked.
-class Driven_manager : public Diagnostics {
-public:
-    explicit Driven_manager(JIN_stack* stack, Trouble_code_messages::Mode mode = Trouble_code_messages::Mode::iso,
-                            unsigned max_codes = 500)
-        : Diagnostics("H", 4096, max_codes) {
-        init(Diner_info_list::get(), nullptr, 0);
-        if (stack) attach(*stack, mode);
-        diner_start();
-    }
-    ~Driven_manager() override { terminate(true); }
-    /// What its thread would do now.
-    void turn() {
-        lock(-1);
-        waiter_event e;
-        while (waiter.get_event(&e, Atime(false)) == 0) handle_event(e);
-        handle_timeout();
-        unlock();
-    }
-};
 
 /// A bus with the manager's node at address 128 and a terminal at 38, which writes down what it gets.
 class Bus_fixture : public testing::Test {

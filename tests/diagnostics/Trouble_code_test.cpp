@@ -127,16 +127,12 @@ TEST(Trouble_code_messages, Lists_of_codes) {
     }
 }
 
-TEST(Trouble_code_messages, Lamps) {
+TEST(Trouble_code_messages, The_most_urgent_lamp_shows) {
     Lamps lamps;
     for (const auto flash : {Lamp::slow, Lamp::solid, Lamp::fast, Lamp::slow}) lamps.add({Lamp::red_stop, flash});
-    lamps.add({Lamp::protect, Lamp::solid});
     lamps.add({Lamp::none, Lamp::fast});
-    EXPECT_TRUE(lamps.on(Lamp::red_stop) && lamps.on(Lamp::protect));
-    EXPECT_FALSE(lamps.on(Lamp::malfunction) || lamps.on(Lamp::amber_warning) || lamps.on(Lamp::none));
-    EXPECT_EQ(lamps.flash(Lamp::red_stop), Lamp::fast);
-    EXPECT_EQ(lamps.flash(Lamp::protect), Lamp::solid);
-    EXPECT_FALSE(Lamps::not_used().on(Lamp::malfunction));
+    EXPECT_TRUE(lamps.on(Lamp::red_stop) && lamps.flash(Lamp::red_stop) == Lamp::fast);
+    EXPECT_FALSE(lamps.on(Lamp::malfunction) || lamps.on(Lamp::none) || Lamps::not_used().on(Lamp::malfunction));
 }
 
 /// Any length is read: what is not there is not there.
@@ -172,27 +168,14 @@ TEST(Trouble_code_messages, Reading_any_length) {
     }
 }
 
-TEST(Trouble_code_messages, Short_ones) {
-    unsigned char bytes[16];
-    const auto text = [&](auto build) {
-        Binary_message m(bytes, sizeof bytes), none(bytes, 2);
-        build(none);
-        EXPECT_EQ(none.size, 0u);
-        build(m);
-        return hex(bytes, m.size);
-    };
-    EXPECT_EQ(text([](auto& m) { build_request(m, pgn_DM11); }), "D3 FE 00");
-    EXPECT_EQ(text([](auto& m) { build_acknowledgment(m, Msg_acknowledgment::ack, 0x26, pgn_DM3); }),
-              "00 FF FF FF 26 CC FE 00");
-    EXPECT_EQ(text([](auto& m) {
-                  build_DM22(m, 0x12, Msg_DM22::none, {520192, 12, 99, false});
-              }),
-              "12 FF FF FF FF 00 F0 EC");
-    EXPECT_EQ(text([](auto& m) { build_DM13(m, Msg_DM13::stop, true, 5); }), "3F FF FF 0F 05 00 FF FF");
-    EXPECT_EQ(Msg_DM13(Binary_message(bytes, 8)).duration(), 5u) << "seconds, from where they are written";
-    EXPECT_EQ(text([](auto& m) { build_DM13(m, Msg_DM13::leave, false, 0); }), "FF FF FF FF FF FF FF FF");
-    EXPECT_EQ(Msg_DM13(Binary_message(bytes, 8)).this_link(), Msg_DM13::leave);
-    EXPECT_EQ(Msg_DM13(Binary_message(bytes, 8)).duration(), 0u);
+TEST(Trouble_code_messages, A_duration_is_in_seconds_from_where_it_is_written) {
+    unsigned char bytes[8];
+    for (const unsigned duration : {0u, 5u, 64255u, 64256u}) {
+        Binary_message m(bytes, sizeof bytes);
+        build_DM13(m, Msg_DM13::stop, true, duration);
+        if (duration == 5) EXPECT_EQ(hex(m), "3F FF FF 0F 05 00 FF FF");
+        EXPECT_EQ(Msg_DM13(m).duration(), duration % 64256);
+    }
 }
 
 TEST(Trouble_code_text, Comes_back_as_previously_active) {

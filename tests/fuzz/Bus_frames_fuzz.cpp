@@ -2,11 +2,10 @@
 // What comes from a CAN bus: frames through the assembler into the monitor and to a manager on the bus. "l" and lines
 // of a log; "f" and frames of a length, an identifier and the bytes; "c" and a file of trouble codes.
 #include "fuzz/checks.h"
-#include "glue/diagnostics/Diagnostics.h"
+#include "diagnostics/Driven_manager.h"
 #include "glue/diagnostics/Isobus_diagnostics.h"
 #include "glue/diagnostics/Trouble_code_monitor.h"
 #include "glue/diagnostics/Trouble_code_text.h"
-#include "glue/diner/Diner_info_list.h"
 #include "glue/jin/JIN_assembler.h"
 #include "glue/jin/JIN_frame.h"
 #include "glue/jin/JIN_memory_bus.h"
@@ -15,28 +14,10 @@
 
 namespace {
 
-/// A manager whose thread is parked, on a bus whose clock this program sets.
-class Manager : public Diagnostics {
-public:
-    explicit Manager(JIN_stack& stack) : Diagnostics("F", 4096, 20) {
-        init(Diner_info_list::get(), nullptr, 0);
-        attach(stack);
-        diner_start();
-        for (unsigned spn = 1; spn < 10; ++spn) set_active(spn, 3);
-    }
-    ~Manager() override { terminate(true); }
-    void turn() {
-        lock(-1);
-        waiter_event e;
-        while (waiter.get_event(&e, Atime(false)) == 0) handle_event(e);
-        handle_timeout();
-        unlock();
-    }
-};
-
 class Bus {
 public:
     Bus() {
+        for (unsigned spn = 1; spn < 10; ++spn) manager.set_active(spn, 3);
         for (int i = 0; i < 100; ++i) step(10);
         uint8_t own;
         require(node.address(own) && own == 0x80, "the address is claimed");
@@ -54,7 +35,7 @@ public:
     Manual_clock clock{1700000000};
     JIN_memory_bus bus;
     JIN_memory_bus::Node node{bus, Diner_info_list::get(), JIN_name(1), 0x80};
-    Manager manager{node};
+    Driven_manager manager{&node, Trouble_code_messages::Mode::iso, 20};
     Isobus_diagnostics isobus{manager};
 };
 
