@@ -94,7 +94,10 @@ void Trouble_code_monitor::take_DM1(Node& n, const JIN_message& m, const Atime& 
         c.first = c.last = now;
         _next.push_back(c);
     }
-    std::stable_sort(_next.begin(), _next.end(), by_key);
+    // Of a code that comes twice the higher count stays. A stable sort would allocate.
+    std::sort(_next.begin(), _next.end(), [](const Code& a, const Code& b) {
+        return a.code.key() != b.code.key() ? a.code.key() < b.code.key() : a.code.count > b.code.count;
+    });
     // Both are ordered: one pass finds what was there before, and leaves out what comes twice.
     auto before = n.active.begin();
     auto end = _next.begin();
