@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // What comes from a CAN bus: frames through the assembler into the monitor and to a manager on the bus. "l" and lines
 // of a log; "f" and frames of a length, an identifier and the bytes; "c" and a file of trouble codes.
-#include "fuzz/checks.h"
 #include "diagnostics/Driven_manager.h"
+#include "fuzz/checks.h"
 #include "glue/diagnostics/Isobus_diagnostics.h"
 #include "glue/diagnostics/Trouble_code_monitor.h"
 #include "glue/diagnostics/Trouble_code_text.h"
