@@ -10,7 +10,7 @@ using Arguments = std::vector<std::string>;
 
 TEST(history_dump, prints_the_records_from_the_oldest_to_the_newest_that_pass_the_filters) {
     const Temporary_folder folder;
-    const auto record = [](unsigned src, unsigned error, unsigned time, unsigned word = 0x7F00) {
+    const auto record = [](unsigned src, unsigned error, unsigned time, unsigned word = 0x7F1F) {
         return Frame("SP").u1(src).u2(word).u2(error).u4(time).u1(125).str() + "\n";
     };
     // Current is 1, so 2 is left out, 8 the oldest; with damage, a reply, a torn end and what the restart put there.
@@ -24,13 +24,13 @@ TEST(history_dump, prints_the_records_from_the_oldest_to_the_newest_that_pass_th
                           "2023-11-14 22:13:21.500 source 1 error 5 word 17\n"
                           "2023-11-14 22:13:23.500 source 128 error 61440 word 65260, SPN 520192 FMI 12 "
                           "inactive, count 126\n"
-                          "1970-01-02 00:00:00.500 source 4 error 6 word 32512\n");
+                          "1970-01-02 00:00:00.500 source 4 error 6 word 32543\n");
     const std::string line = "history_dump: " + folder.path, no_record = " bytes are no record\n";
     EXPECT_EQ(before.end(), "0 " + line + "/H8.dat: 15" + no_record + line + "/H9.dat: 7" + no_record + line +
                                 "/H1.dat: 9" + no_record);
     const std::string a = "1700000000.500,128,1234,287,1234,31,1,active\n", b = "1700000001.500,1,5,17,,,,\n",
                       c = "1700000003.500,128,61440,65260,520192,12,126,inactive\n",
-                      d = "4000000000.500,2,65535,32512,,,,\n", e = "86400.500,4,6,32512,,,,\n";
+                      d = "4000000000.500,2,65535,32543,,,,\n", e = "86400.500,4,6,32543,,,,\n";
     const std::pair<Arguments, std::string> table[] = {{{"H"}, a + b + c + d + e},
                                                        {{"--source", "0x80"}, a + c},
                                                        {{"--error=5"}, b},
