@@ -9,9 +9,9 @@ set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/kavqtglue)
 install(TARGETS kavqtglue EXPORT kavqtglueTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 if(KAV_BUILD_EXAMPLES)
-    install(TARGETS vorn_monitor history_dump nv_dump RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    install(TARGETS vorn_monitor bus_monitor history_dump nv_dump RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
     file(RELATIVE_PATH to_library ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-    set_target_properties(vorn_monitor history_dump nv_dump PROPERTIES INSTALL_RPATH "$ORIGIN/${to_library}")
+    set_target_properties(vorn_monitor bus_monitor history_dump nv_dump PROPERTIES INSTALL_RPATH "$ORIGIN/${to_library}")
 endif()
 
 # Headers that only sources of the library include stay at home.

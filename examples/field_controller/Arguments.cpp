@@ -7,12 +7,13 @@
 namespace {
 
 const char usage[] = "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
-                     "                        [--speed N] [--plot FILE] [--settings FILE] [--quiet]\n"
+                     "                        [--speed N] [--can INTERFACE] [--plot FILE] [--settings FILE] [--quiet]\n"
                      "       field_controller --serve [--seconds N] [--faults N] [--speed N]\n"
                      "  --comm     listen to a receiver on that serial line instead of the simulator\n"
                      "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
                      "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
                      "  --speed    the simulated machine drives N times as fast, up to 100 (default 1)\n"
+                     "  --can      be a node of that CAN interface (default: of a bus in memory, with a terminal)\n"
                      "  --plot     draw the driven track with its faults into that file (SVG)\n"
                      "  --settings keep the settings in that file (default: field_controller.settings beside the\n"
                      "             program)\n"
@@ -49,6 +50,10 @@ Arguments parse_arguments(int argc, char** argv) {
         } else if (option == "--comm" || option == "-c") {
             if (!value) wrong(option + " needs a device");
             a.comm = value;
+            ++i;
+        } else if (option == "--can") {
+            if (!value) wrong(option + " needs an interface");
+            a.can = value;
             ++i;
         } else if (option == "--plot") {
             if (!value) wrong(option + " needs a file");

@@ -4,6 +4,7 @@
 
 struct Arguments {
     std::string comm;     ///< device argument; empty: the simulator
+    std::string can;      ///< CAN interface; empty: a bus in memory
     int seconds = -1;     ///< how long to run; -1: 10 with the simulator, else without end
     unsigned faults = 40; ///< one frame in so many is hit; 0: none
     std::string plot;     ///< where to draw the track; empty: nowhere

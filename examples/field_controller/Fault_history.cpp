@@ -9,12 +9,13 @@ constexpr int replay_limit_ticks = 500; // [10 ms]
 
 } // namespace
 
-Fault_history::Fault_history(module_man& modules, const std::string& folder)
-    : _modules(modules), _folder(folder), _mounted(Pcf_host::mount(_folder.c_str(), store_bytes)) {
+Fault_history::Fault_history(module_man& modules, const std::string& folder, JIN_stack& node)
+    : _modules(modules), _folder(folder), _node(node), _mounted(Pcf_host::mount(_folder.c_str(), store_bytes)) {
     start();
 }
 
 Fault_history::~Fault_history() {
+    _identity.reset();
     _manager.reset();
     Pcf_host::unmount();
 }
@@ -22,6 +23,11 @@ Fault_history::~Fault_history() {
 void Fault_history::start() {
     _manager = std::make_unique<Diagnostics>("FAULT");
     _manager->init(_modules, nullptr, 0);
+    _manager->attach(_node);
+    _manager->keep_codes_in((_folder + "/codes").c_str());
+    _identity = std::make_unique<Isobus_diagnostics>(*_manager);
+    _identity->set_product("FC-1", "", "Field controller");
+    _identity->set_software({"field_controller 1.0"});
     _manager->start();
 }
 
@@ -30,9 +36,18 @@ bool Fault_history::log(Source source, unsigned short detail, Fault fault) {
     return _manager->log_error(source, detail, fault);
 }
 
+void Fault_history::set(const Trouble_code& code, bool there) {
+    const std::lock_guard<std::mutex> guard(_changing);
+    if (there)
+        _manager->set_active(code.spn, code.fmi);
+    else
+        _manager->set_inactive(code.spn, code.fmi);
+}
+
 void Fault_history::restart() {
     const std::lock_guard<std::mutex> guard(_changing);
     _recorded_before = recorded();
+    _identity.reset();
     _manager.reset();
     Pcf_host::mount(_folder.c_str(), store_bytes); // as after a power cut: what was open is gone
     start();

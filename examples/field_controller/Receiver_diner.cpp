@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Receiver_diner.h"
+#include "Machine_codes.h"
 #include "glue/vorn/GNSS_messages.h"
 #include "glue/vorn/Vorn_error_decoder.h"
 #include "glue/vorn/Vorn_message.h"
@@ -7,10 +8,17 @@
 #include <cstdio>
 #include <cstring>
 
-Receiver_diner::Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Link_watch* watch,
-                               bool quiet)
-    : _stream(stream), _store(store), _watch(watch), _quiet(quiet), _parser(&stream, true), _printer(true) {
+Receiver_diner::Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Fault_history& faults,
+                               Link_watch* watch, bool quiet)
+    : _stream(stream)
+    , _store(store)
+    , _faults(faults)
+    , _watch(watch)
+    , _quiet(quiet)
+    , _parser(&stream, true)
+    , _printer(true) {
     _parser.set_checker(&_checker);
+    _second.period = second_ms;
     if (_watch) _watch->looked_at(0); // from now on the writer waits for us
 }
 
@@ -56,6 +64,17 @@ void Receiver_diner::handle_event(waiter_event&) {
         }
     }
     if (_watch) _watch->looked_at(there);
+}
+
+/// What is wrong with the line.
+void Receiver_diner::handle_timeout(Timeout&) {
+    const uint32_t there = _stream.counts().read;
+    _silent = there == _bytes_before ? _silent + 1 : 0;
+    const unsigned good = _counts.delivered - _before.delivered, bad = _counts.rejected - _before.rejected;
+    _faults.set(Machine_codes::line_lost, _silent >= lost_after);
+    _faults.set(Machine_codes::wrong_checksums, bad * 20 > good + bad);
+    _before = _counts;
+    _bytes_before = there;
 }
 
 void Receiver_diner::handle_reply(char* text) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "Fault_history.h"
 #include "Link_watch.h"
 #include "Machine_block.h"
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
@@ -22,8 +23,10 @@ public:
         int64_t longest_us = 0;  ///< longest time from byte to handler
     };
 
-    /// `stream`, `store` and `watch` (may be null: no times) outlive the diner. `quiet`: count, but print nothing.
-    Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Link_watch* watch, bool quiet);
+    /// `stream`, `store`, `faults` and `watch` (may be null: no times) outlive the diner. `quiet`: count, but print
+    /// nothing.
+    Receiver_diner(Posix_threaded_serial_data_stream& stream, Machine_store& store, Fault_history& faults,
+                   Link_watch* watch, bool quiet);
     ~Receiver_diner() override;
 
     using Diner::init;
@@ -42,8 +45,12 @@ private:
         unsigned refused = 0;
     };
 
+    static constexpr int second_ms = 1000;
+    static constexpr int lost_after = 2; ///< [s] without a byte
+
+    void diner_start() override { submit_timeout(_second, second_ms); }
     void handle_event(waiter_event& event) override;
-    void handle_timeout(Timeout&) override {}
+    void handle_timeout(Timeout&) override;
     using Diner::handle_timeout;
 
     void handle_reply(char* text);
@@ -53,10 +60,15 @@ private:
 
     Posix_threaded_serial_data_stream& _stream;
     Machine_store& _store;
+    Fault_history& _faults;
     Link_watch* _watch;
     const bool _quiet;
     Counting_checker _checker;
     Vorn_parser _parser;
     Vorn_printer _printer;
     Counts _counts;
+    Timeout _second;
+    Counts _before; ///< a second ago
+    uint32_t _bytes_before = 0;
+    int _silent = 0; ///< [s] without a byte
 };

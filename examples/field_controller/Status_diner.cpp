@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Status_diner.h"
+#include "Machine_codes.h"
 #include "glue/diner/Buffered_logger.h"
 #include <cstdio>
 
@@ -62,9 +63,10 @@ void Status_diner::update_limit() {
     _least_satellites = _settings.limits.satellites.get();
 }
 
-/// Record a fault when it begins.
+/// Record a fault when it begins; the bus is told again and again, since the manager may have been restarted.
 void Status_diner::report(bool wrong, bool& known, Fault_history::Source source, Fault_history::Fault fault, int detail,
-                          const char* what) {
+                          const char* what, const Trouble_code& code) {
+    _faults.set(code, wrong);
     if (wrong && !known) {
         _faults.log(source, static_cast<unsigned short>(detail), fault);
         Buffered_logger::log((std::string("fault: ") + what + "\n").c_str());
@@ -75,15 +77,18 @@ void Status_diner::report(bool wrong, bool& known, Fault_history::Source source,
 
 void Status_diner::look_for_faults(const Machine_block& now) {
     constexpr int fixed = 4;
-    if (now.quality.type == 0) return; // nothing received yet
+    _had_fix = _had_fix || now.quality.type != 0;
+    if (!_had_fix) return; // nothing received yet
+    _faults.set(Machine_codes::no_fix, now.quality.type == 0);
     if (_keep_track) _plot.add(now.position.lat, now.position.lon, now.quality.type);
     const int used = now.satellites.used[0] + now.satellites.used[1];
     const bool seen = now.satellites.locked[0] + now.satellites.locked[1] > 0;
-    report(!seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used, "antenna open");
+    report(!seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used, "antenna open",
+           Machine_codes::antenna_open);
     report(seen && used < _least_satellites, _too_few, Fault_history::satellites, Fault_history::too_few, used,
-           "too few satellites");
+           "too few satellites", Machine_codes::too_few_satellites);
     report(now.quality.type != fixed, _not_fixed, Fault_history::corrections, Fault_history::too_old, now.quality.type,
-           "corrections too old");
+           "corrections too old", Machine_codes::corrections_too_old);
 }
 
 void Status_diner::handle_timeout(Timeout&) {

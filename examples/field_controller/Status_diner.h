@@ -32,7 +32,7 @@ private:
     void update_limit();
     void look_for_faults(const Machine_block& now);
     void report(bool wrong, bool& known, Fault_history::Source source, Fault_history::Fault fault, int detail,
-                const char* what);
+                const char* what, const Trouble_code& code);
 
     Machine_store& _store;
     Machine_settings& _settings;
@@ -44,5 +44,6 @@ private:
     int _least_satellites = 0;
     bool _moved = false; ///< since the last line
     unsigned _wake_ups = 0;
+    bool _had_fix = false;
     bool _antenna_open = false, _too_few = false, _not_fixed = false; ///< faults that last
 };

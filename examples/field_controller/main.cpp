@@ -6,6 +6,7 @@
 // writes into a pseudo-terminal.
 #include "Arguments.h"
 #include "Fault_history.h"
+#include "Machine_bus.h"
 #include "Machine_settings.h"
 #include "Receiver_diner.h"
 #include "Receiver_simulator.h"
@@ -127,7 +128,8 @@ void print_tables(const Receiver_simulator* simulator, const Receiver_diner& rec
     puts("\nReceiver link");
     print_summary(simulator, receiver, stream);
     printf("position changes   %7u   (the status diner was woken)\n", status.wake_ups());
-    printf("faults recorded    %7u   (too few satellites counts, too, but is not listed below)\n", faults.recorded());
+    printf("faults recorded    %7u   (with too few satellites and the bus's codes, not listed below)\n",
+           faults.recorded());
     puts("\nFaults of the antenna and the corrections, from the history (ERR,source:fault,detail,time)");
     faults.replay(Fault_history::antenna);
     faults.replay(Fault_history::corrections);
@@ -160,7 +162,8 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
     Machine_store store(modules);
     Machine_settings settings(modules, arguments.settings.empty() ? default_settings_file() : arguments.settings);
     settings.load();
-    Fault_history faults(modules, folder);
+    Machine_bus bus(modules, arguments.can);
+    Fault_history faults(modules, folder, bus.controller());
     if (!faults.usable()) {
         perror("field_controller: no folder for the history of faults");
         return false;
@@ -171,7 +174,7 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
     Status_diner status(store, settings, faults, arguments.quiet, !arguments.plot.empty());
     status.init(modules);
     status.start();
-    Receiver_diner receiver(stream, store, pty ? &watch : nullptr, arguments.quiet);
+    Receiver_diner receiver(stream, store, faults, pty ? &watch : nullptr, arguments.quiet);
     receiver.init(modules);
     receiver.start();
     // Now that somebody is woken by what comes.
@@ -191,6 +194,7 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
     park(status); // no line of its own among the tables
 
     print_tables(simulator.get(), receiver, stream, status, faults);
+    bus.print();
     const bool kept = keep_results(arguments, status, settings);
     puts("\nMemory spaces (hexadecimal)");
     Debug::Text_dumper dumper(stdout);

@@ -38,7 +38,11 @@ TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_sta
     EXPECT_NE(result.out.find("\ncds_event:\n  fixed_space: "), std::string::npos);
     EXPECT_NE(result.out.find("\nAll diners terminated.\n"), std::string::npos);
 
-    const Child_result next = run_program(FIELD_CONTROLLER, {"--seconds", "1", "--settings", file});
+    EXPECT_EQ(occurrences(result.out, "\n140       agriculture, "), 1) << "no codes";
+    EXPECT_EQ(occurrences(result.out, "\n          product FC-1 Field controller\n"), 1);
+
+    const Child_result next = run_program(FIELD_CONTROLLER, {"--seconds", "3", "--faults", "2", "--settings", file});
+    EXPECT_EQ(occurrences(next.out, "\n          SPN 520203 FMI 19 received data in error, "), 1) << next.out;
     const std::string first = "settings in " + file + ": ", saved = "\n" + first + "saved\n",
                       slot = "settings: a slot learns of ", diner = "settings: the status diner learns of ";
     EXPECT_EQ(result.out.rfind(first + "started from defaults; run 1, 0 positions before, ", 0), 0u) << result.out;
