@@ -2,12 +2,12 @@
 // Prints the error history in a folder, oldest record first: the files of a controller's flash store, or a copy of
 // them. Only reads, so it may run beside the program that has the store mounted.
 // Status 1: the outside world failed, or there is not one record; 2: wrong arguments.
+#include "fail.h"
 #include "glue/data_stream/File_data_stream.h"
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/diagnostics/Trouble_code.h"
 #include "glue/vorn/Vorn_parser.h"
-#include "fail.h"
 #include "progress.h"
 #include <algorithm>
 #include <cerrno>
