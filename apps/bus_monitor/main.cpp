@@ -9,6 +9,7 @@
 #include "fail.h"
 #include "glue/diner/Diner_info_list.h"
 #include "glue/jin/JIN_assembler.h"
+#include "glue/jin/JIN_inbox.h"
 #include "glue/jin/JIN_socket_stack.h"
 #include "progress.h"
 #include <cerrno>
@@ -97,11 +98,13 @@ public:
             if (!_record) fail(1, "cannot write %s: %s", o.record.c_str(), strerror(errno));
         }
         if (o.listen) return;
-        // A tool is nobody's part; its number differs from that of another one on the same bus.
+        // The number differs from that of a tool on another machine, and stays: the kernel remembers who had an
+        // address, and leaves it to nobody whose NAME does not win.
         JIN_name name;
-        name.set_arbitrary_address(true).set_function(129).set_identity_number(static_cast<uint32_t>(getpid()));
+        name.set_arbitrary_address(true).set_function(129).set_identity_number(static_cast<uint32_t>(gethostid()));
         _node = std::make_unique<JIN_socket_stack>(Diner_info_list::get(), o.source.c_str(), name, 249);
         _node->start();
+        _inbox = std::make_unique<JIN_inbox>(*_node, nullptr, std::initializer_list<uint32_t>());
         _questions = std::make_unique<Questions>(*_node);
     }
     ~Live() {
@@ -131,10 +134,15 @@ private:
     FILE* _record = nullptr;
     Bus_view _view;
     std::unique_ptr<JIN_socket_stack> _node;
+    std::unique_ptr<JIN_inbox> _inbox; ///< nobody is sent a long message who does not want it
     std::unique_ptr<Questions> _questions;
 };
 
 void Live::read_frames() {
+    // What is for us has come as frames already.
+    if (_inbox)
+        for (JIN_grow_message m; _inbox->receive(m);) {
+        }
     JIN_frame f;
     for (;;) {
         const Can_socket::Result result = _socket.read(f);

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+// bus_monitor and a manager with trouble codes on the kernel's own J1939 stack and a virtual bus.
+#include "glue/diagnostics/Diagnostics.h"
+#include "glue/diagnostics/Isobus_diagnostics.h"
+#include "glue/diner/Diner_info_list.h"
+#include "glue/jin/JIN_socket_stack.h"
+#include "kernel/Guest.h"
+#include "support/wait_until.h"
+
+namespace {
+
+/// Status and output of the program with these arguments.
+std::string monitor(const std::string& arguments) {
+    const std::string folder = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
+    FILE* const out = popen((folder + "/apps/bus_monitor " + arguments + " 2>&1 </dev/null").c_str(), "r");
+    std::string all;
+    for (int c; (c = fgetc(out)) != EOF;) all += static_cast<char>(c);
+    const int status = pclose(out);
+    return std::to_string(WEXITSTATUS(status)) + " " + all;
+}
+
+unsigned occurrences(const std::string& text, const std::string& of) {
+    unsigned n = 0;
+    for (size_t at = text.find(of); at != std::string::npos; at = text.find(of, at + 1)) ++n;
+    return n;
+}
+
+TEST(bus_monitor, shows_asks_clears_and_records) {
+    Guest::must("modprobe vcan && modprobe can-raw && modprobe can-j1939");
+    Guest::must("ip link add dev vcan0 type vcan && ip link set vcan0 up");
+    JIN_socket_stack node(Diner_info_list::get(), "vcan0", JIN_name(0xA000000000000001), 128);
+    ASSERT_TRUE(node.start());
+    Diagnostics manager("H");
+    manager.init(Diner_info_list::get(), nullptr, 0);
+    manager.attach(node);
+    Isobus_diagnostics isobus(manager);
+    isobus.set_product("FC-1", "", "Field controller"); // longer than a frame
+    manager.start();
+    uint8_t own = 0;
+    ASSERT_TRUE(wait_until([&] { return node.address(own) && own == 128; }));
+    for (unsigned spn = 1; spn <= 4; ++spn) manager.set_active(spn, 3);
+    manager.set_inactive(4, 3);
+
+    const std::string once = monitor("vcan0 --once --csv --seconds 5 --record /tmp/log");
+    const char* const code = ",3,\"voltage too high or shorted high\",1,";
+    EXPECT_EQ(occurrences(once, code), 3u) << once;
+    EXPECT_GE(occurrences(once, "\n128,A000000000000001,\"FC-1 Field controller\","), 3u) << once;
+    const std::string again = monitor("/tmp/log --csv");
+    EXPECT_EQ(occurrences(again, code), 3u) << again;
+    const std::string previous = monitor("vcan0 --request 65227 --to 128 --seconds 2");
+    EXPECT_EQ(occurrences(previous, "128  PGN 65227, 8 bytes: FF FF 04 00 03 01 FF FF\n"), 1u) << previous;
+    const std::string unknown = monitor("vcan0 --request 65000 --to 128 --seconds 2");
+    EXPECT_EQ(occurrences(unknown, " PGN 65000 not supported\n"), 1u) << unknown;
+    EXPECT_EQ(monitor("vcan0 --clear 128 --yes"),
+              "0 address 128: active codes erased\naddress 128: previously active codes erased\n");
+    EXPECT_EQ(monitor("vcan0 --clear 77 --yes"), "1 bus_monitor: address 77 does not answer\n");
+
+    for (unsigned spn = 1; spn <= 250; ++spn) manager.set_active(spn, 3);
+    const std::string many = monitor("vcan0 --listen --once --csv --seconds 18");
+    EXPECT_EQ(occurrences(many, "\n128,"), 250u);
+    Guest::must("ip link set vcan0 down");
+    EXPECT_EQ(monitor("vcan0 --listen --once"), "1 bus_monitor: vcan0: Network is down\n");
+    manager.terminate(true);
+}
+
+} // namespace
