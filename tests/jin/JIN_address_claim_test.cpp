@@ -58,18 +58,14 @@ TEST_F(Holder, answers_what_concerns_its_address) {
         {"a NAME that wins", strong, claim_of(stronger, 0x80), to_e4, "3", 0xE4},
         {"a NAME that wins a fixed address", fixed, claim_of(stronger, 0x80), cannot, "3 4", -1},
         {"its own NAME", strong, claim_of(strong, 0x80), "", "7", 0x80},
-        {"a claim of another address", strong, claim_of(stronger, 0x81), "", "", 0x80},
         {"a NAME of 0", strong, claim_of(JIN_name(), 0x80), "", "", 0x80},
         {"a short claim", strong, message(0xEE00, std::string(7, 0), 255, 0x80), "", "", 0x80},
-        {"a long claim", strong, message(0xEE00, std::string(9, 0), 255, 0x80), "", "", 0x80},
         {"a question to all", strong, message(0xEA00, request), own, "", 0x80},
         {"a question to it", strong, message(0xEA00, request, 0x80), own, "", 0x80},
         {"a question to another", strong, message(0xEA00, request, 0x81), "", "", 0x80},
-        {"another question", strong, message(0xEA00, "\xCA\xFE"), "", "", 0x80},
         {"a command", strong, message(0xFED8, command(strong, 0x90)), to_90, "3", 0x90},
         {"a command for another", strong, message(0xFED8, command(weaker, 0x90)), "", "", 0x80},
         {"a command to another", strong, message(0xFED8, command(strong, 0x90), 0x81), "", "", 0x80},
-        {"a command to what it has", strong, message(0xFED8, command(strong, 0x80)), "", "", 0x80},
         {"a command to no address", strong, message(0xFED8, command(strong, 0xFE)), "", "", 0x80},
         {"a cut command", strong, message(0xFED8, command(strong, 0x90).substr(0, 8)), "", "", 0x80},
         {"its address in use", strong, message(0xFF00, "x", 255, 0x80), own, "7", 0x80},
@@ -79,14 +75,8 @@ TEST_F(Holder, answers_what_concerns_its_address) {
         SCOPED_TRACE(r.what);
         have(r.name);
         bus.inject(r.m);
-        std::string said = witness.received();
         pass(153);
-        said += said.empty() ? "" : ", ";
-        said += witness.received();
-        const std::string injected = text_of_message(r.m) + ", ";
-        EXPECT_EQ(said.substr(0, injected.size()), injected);
-        const size_t end = said.find_last_not_of(", ") + 1;
-        EXPECT_EQ(end > injected.size() ? said.substr(injected.size(), end - injected.size()) : "", r.said);
+        EXPECT_EQ(witness.received(), text_of_message(r.m) + (r.said.empty() ? "" : ", ") + r.said);
         EXPECT_EQ(node->events(), r.told);
         pass(250);
         EXPECT_EQ(node->address(), r.address);
@@ -110,7 +100,7 @@ TEST_F(Holder, one_without_an_address_takes_it_when_it_is_free) {
     const JIN_name winner(50);
     bus.inject(claim_of(winner, 0x80));
     pass(153);
-    EXPECT_EQ(node->stack().claim_state(), JIN_address_claim::no_address);
+    EXPECT_EQ(node->stack.claim_state(), JIN_address_claim::no_address);
     EXPECT_EQ(node->send(message(0xFF00, "x")), JIN_stack::busy);
     witness.received();
     bus.inject(message(0xEA00, std::string("\0\xEE\0", 3)));
@@ -164,7 +154,7 @@ TEST_F(Claiming, everybody_gets_what_the_order_of_names_gives_him) {
         // Everybody knows everybody.
         for (const auto& h : holders) {
             JIN_name heard;
-            EXPECT_TRUE(nodes[0].stack().name_of(static_cast<uint8_t>(h.first), heard) && heard.value == h.second);
+            EXPECT_TRUE(nodes[0].stack.name_of(static_cast<uint8_t>(h.first), heard) && heard.value == h.second);
         }
         // One question each and an answer of everybody, and one claim for each place that somebody lost.
         EXPECT_LE(bus.num_frames() - frames_before, static_cast<uint64_t>(3 * n * n + 10));

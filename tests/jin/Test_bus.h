@@ -6,6 +6,7 @@
 #include "support/Manual_clock.h"
 #include <cstdio>
 #include <string>
+#include <utility>
 
 /// "FECA 03>FF 6: D2 04 1F"
 inline std::string text_of_message(const JIN_message& m) {
@@ -37,10 +38,8 @@ inline JIN_grow_message message(uint32_t pgn, const std::string& bytes, uint8_t 
 }
 
 inline JIN_grow_message claim_of(JIN_name name, uint8_t from) {
-    JIN_grow_message m(JIN::pgn_address_claimed);
-    m.resize(JIN_name::num_bytes);
+    JIN_grow_message m = message(JIN::pgn_address_claimed, "8 bytes.", JIN::global, from);
     name.to_bytes(m.data);
-    m.source = from;
     return m;
 }
 
@@ -58,36 +57,30 @@ public:
     waiter_descriptor waiter;
 };
 
-/// What a node is told and receives. Its inbox takes all PGNs.
-class Node_view {
-public:
-    explicit Node_view(JIN_stack& s, JIN_inbox::Reach reach = JIN_inbox::for_this_node)
-        : node(s), inbox(s, nullptr, {}, 1 << 16, reach) {
-        node.register_waiter(&told.waiter);
+/// A node, what it is told, and what it receives: all PGNs.
+template <class Stack>
+struct Node_of {
+    template <class... A>
+    explicit Node_of(JIN_inbox::Reach reach, A&&... arguments)
+        : stack(std::forward<A>(arguments)...), inbox(stack, nullptr, {}, 1 << 16, reach) {
+        stack.register_waiter(&told.waiter);
     }
-    ~Node_view() { node.deregister_waiter(&told.waiter); }
-
     /// -1: none
     int address() const {
         uint8_t a;
-        return node.address(a) ? a : -1;
+        return stack.address(a) ? a : -1;
     }
     std::string received() { return take_all(inbox); }
     std::string events() { return told.events(); }
-    int send(const JIN_message& m) { return node.send(m); }
+    int send(const JIN_message& m) { return stack.send(m); }
 
-    JIN_stack& node;
     Listener told;
+    Stack stack;
     JIN_inbox inbox;
 };
 
-/// A node of a bus in memory.
-struct Test_node : private JIN_memory_bus::Node, public Node_view {
+struct Test_node : Node_of<JIN_memory_bus::Node> {
     Test_node(JIN_memory_bus& bus, JIN_name name, uint8_t preferred, JIN_inbox::Reach reach = JIN_inbox::for_this_node,
               module_man& modules = Diner_info_list::get())
-        : JIN_memory_bus::Node(bus, modules, name, preferred)
-        , Node_view(static_cast<JIN_memory_bus::Node&>(*this), reach) {}
-    JIN_memory_bus::Node& stack() { return *this; }
-    using Node_view::address;
-    using Node_view::send;
+        : Node_of(reach, bus, modules, name, preferred) {}
 };

@@ -165,11 +165,7 @@ void JIN_socket_stack::read_until_stopped() {
             if (_stop) return;
             const int64_t now = now_ms();
             open_when_due(now);
-            if (_there) _claim.run(now);
-            if (_room_at <= now) {
-                _room_at = INT64_MAX;
-                tell_room();
-            }
+            run_what_is_due(now);
             waits[1].fd = _main.fd();
             waits[2].fd = _for_all.socket.fd();
             waits[3].fd = _for_one.socket.fd();
@@ -181,10 +177,20 @@ void JIN_socket_stack::read_until_stopped() {
             eventfd_read(_wake_fd, &count);
         }
         if (waits[1].revents) receive_some();
-        const std::lock_guard<Mutex> held(lock);
-        look_after(_for_all);
-        look_after(_for_one);
+        if (waits[2].revents) look_after(_for_all);
+        if (waits[3].revents) look_after(_for_one);
     }
+}
+
+void JIN_socket_stack::run_what_is_due(int64_t now) {
+    if (!_there) return;
+    _claim.run(now);
+    for (Carrier* c : {&_for_all, &_for_one}) {
+        if (c->under_way && c->given_up_at <= now) end(*c);
+    }
+    if (_room_at > now) return;
+    _room_at = INT64_MAX;
+    tell_room();
 }
 
 int64_t JIN_socket_stack::due() const {
@@ -229,8 +235,10 @@ void JIN_socket_stack::bus_gone(int error) {
     const bool was_there = _there;
     _there = false;
     for (Carrier* c : {&_for_all, &_for_one}) {
-        if (c->under_way) transfer_failed();
-        end(*c);
+        if (!c->under_way) continue;
+        c->under_way = false;
+        c->echo_until = 0;
+        transfer_failed();
     }
     _claim.quit();
     if (was_there || _error == 0) tell(event_bus_gone);
@@ -293,22 +301,22 @@ void JIN_socket_stack::failed(int error) {
 
 /// What became of the long message that is under way.
 void JIN_socket_stack::look_after(Carrier& c) {
+    const std::lock_guard<Mutex> held(lock);
     if (!c.socket.is_open()) return;
-    bool has_ended = c.under_way && now_ms() >= c.given_up_at;
+    bool has_ended = false;
     for (JIN_socket::Report r; (r = c.socket.next_report()) != JIN_socket::nothing;) {
         if (r == JIN_socket::given_up && c.under_way) transfer_failed();
         has_ended |= r == JIN_socket::given_up || r == JIN_socket::delivered;
     }
     const int error = c.socket.take_error();
     if (ends_the_bus(error)) return bus_gone(error == ENODEV ? ENXIO : error);
-    if (!has_ended) return;
-    end(c);
-    tell_room();
+    if (has_ended) end(c);
 }
 
 void JIN_socket_stack::end(Carrier& c) {
     c.under_way = false;
     c.echo_until = now_ms() + echo_ms;
+    tell_room();
 }
 
 /// Lock held. What the stack itself hears comes through whatever the inboxes want.

@@ -69,6 +69,7 @@ private:
     static void* run(void* stack);
     void read_until_stopped();
     void open_when_due(int64_t now);
+    void run_what_is_due(int64_t now);
     int open();
     void bus_gone(int error);
     void close();
