@@ -50,10 +50,23 @@ std::string read_all(const std::string& path) {
 }
 
 const char* type_name(Data_item::item_type_t type) {
-    static const char* const names[] = {"root",   "struct",    "bool",    "char",   "uint8", "uint16",
-                                        "uint32", "int8",      "int16",   "int32",  "float", "double",
-                                        "?",      "container", "pointer", "uint64", "int64"};
-    return type < sizeof names / sizeof *names ? names[type] : "?";
+    switch (type) {
+    case Data_item::item_root:
+        return "root";
+    case Data_item::item_struct:
+        return "struct";
+    case Data_item::item_container:
+        return "container";
+    case Data_item::item_pointer:
+        return "pointer";
+#define KAV_NAME(T, name, NAME)                                                                                        \
+    case Data_item::item_##name:                                                                                       \
+        return #name;
+        KAV_BASE_TYPES(KAV_NAME)
+#undef KAV_NAME
+    default:
+        return "?";
+    }
 }
 
 std::string path_text(NV_iterator& it) {
@@ -121,8 +134,8 @@ private:
     void print_value() {
         Data_item::class_type_t shape;
         const Data_item::item_type_t item_type = type(&shape);
-        const int length = _walk.end - _walk.at - 4;
-        NV_buffer_iterator it(data() + _walk.at + 4, length, length);
+        const int length = _walk.end - _walk.at - Record_header::size;
+        NV_buffer_iterator it(data() + _walk.at + Record_header::size, length, length);
         indent(_walk.depth);
         printf("%s%s %u = %s\n", type_name(item_type), shape == Data_item::class_array ? "[]" : "",
                unsigned{_walk.head.id}, values_text(shape, item_type, it).c_str());

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 namespace NV_store {
 
@@ -161,10 +160,10 @@ NV_item* NV_container::follow_path(const NV_path& path) {
 
 bool NV_container::build_path(NV_path* path, const NV_item* item) const {
     path->clear();
-    unsigned short ids[NV_path::most];
+    unsigned short ids[max_path_ids];
     int n = 0;
     for (const NV_item* at = item; at != this; at = at->get_parent()) {
-        if (!at || n == NV_path::most) return false;
+        if (!at || n == max_path_ids) return false;
         ids[n++] = at->get_id();
     }
     while (n > 0) path->push(ids[--n]);
@@ -254,13 +253,13 @@ bool NV_container::serialise(NV_iterator* it) {
     bool valid;
     if (!wanted(*it, valid)) return valid;
     Checksum_scope checksum(*it);
-    it->push_header(header(NV_iterator::marker_start));
+    it->push_header(header(marker_start));
     for (NV_item& child : children) {
         if (child.serialise(it)) continue;
         Debug_print::dprint("Serialise failed for %d:%s\n", static_cast<int>(get_type()), name);
         return false;
     }
-    if (!it->push_header(header(NV_iterator::marker_end))) {
+    if (!it->push_header(header(marker_end))) {
         Debug_print::dprint("Serialise failed2 for %d:%s\n", static_cast<int>(get_type()), name);
         return false;
     }
@@ -272,12 +271,12 @@ bool NV_container::serialise(NV_iterator* it) {
 bool NV_container::deserialise(NV_iterator* it) {
     const int type = static_cast<int>(get_type());
     Checksum_scope checksum(*it);
-    NV_iterator::NV_iterator_header start;
+    Record_header start;
     if (!it->pop_header(start)) {
         Debug_print::dprint("No NV settings for %d:%s\n", type, name);
         return false;
     }
-    const NV_iterator::NV_iterator_header own = header(NV_iterator::marker_start);
+    const Record_header own = header(marker_start);
     if (!(start == own)) {
         Debug_print::dprint("Bad NV settings %d!=%d %d!=%d %d!=%d for %d:%s\n", static_cast<int>(start.id),
                             static_cast<int>(own.id), static_cast<int>(start.type_byte),
@@ -291,12 +290,12 @@ bool NV_container::deserialise(NV_iterator* it) {
 bool NV_container::load_children(NV_iterator& it) {
     NV_item* last = nullptr;
     for (;;) {
-        NV_iterator::NV_iterator_header record;
+        Record_header record;
         if (!it.peek_header(record)) {
             Debug_print::dprint("NV bad for %d:%s\n", static_cast<int>(get_type()), name);
             return false;
         }
-        if (record.marker == NV_iterator::marker_end) return true;
+        if (record.marker == marker_end) return true;
         if (!load_record(it, record.id, last)) return false;
     }
 }
@@ -305,7 +304,7 @@ bool NV_container::load_children(NV_iterator& it) {
 bool NV_container::load_record(NV_iterator& it, unsigned short record_id, NV_item*& last) {
     NV_item* const found = find_child(record_id, last);
     if (!found) {
-        if (deserialise_unknown_handoff(&it)) return true;
+        if (it.skip_record()) return true;
         Debug_print::dprint("NV unknown child was bad for %d:%s\n", static_cast<int>(get_type()), name);
         return false;
     }
@@ -326,7 +325,7 @@ bool NV_container::load_child(NV_iterator& it, NV_item& child) {
 
 bool NV_container::finish_load(NV_iterator& it, Checksum_scope& checksum) {
     loaded();
-    NV_iterator::NV_iterator_header end;
+    Record_header end;
     it.pop_header(end);
     const uint32_t computed = checksum.finish();
     unsigned int stored = 0;
@@ -338,25 +337,6 @@ bool NV_container::finish_load(NV_iterator& it, Checksum_scope& checksum) {
     return false;
 }
 
-bool NV_container::deserialise_unknown(NV_iterator* it) {
-    // No recursion: damaged bytes nest as deeply as they like.
-    std::vector<NV_iterator::NV_iterator_header> open;
-    NV_iterator::NV_iterator_header record;
-    do {
-        if (!it->peek_header(record)) return false;
-        if (!open.empty() && record.marker == NV_iterator::marker_end) {
-            // The checksum behind stays and is met as the next header: files of old rely on it.
-            const NV_iterator::NV_iterator_header start = open.back();
-            if (record.id != start.id || record.type_byte != start.type_byte || !it->pop_header(record)) return false;
-            open.pop_back();
-        } else if (open.empty() || is_container_type(record.type_byte)) {
-            if (!it->pop_header(record) || record.marker != NV_iterator::marker_start) return false;
-            open.push_back(record);
-        } else if (!deserialise_unknown_handoff(it)) {
-            return false;
-        }
-    } while (!open.empty());
-    return true;
-}
+bool NV_container::deserialise_unknown(NV_iterator* it) { return it->skip_container(); }
 
 } // namespace NV_store

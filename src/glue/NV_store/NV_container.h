@@ -17,8 +17,9 @@ class NV_path;
 ///         NV_store::NV_float radius{this, 2, "radius", 0.85f};
 ///     };
 ///
-/// Its children are addressed by name, or by position where children_named() answers false. Once a tree has been
-/// released, never take a container out of it: older images hold its record, which a load cannot skip.
+/// Its children are addressed by name, or by position where children_named() answers false. Never take a
+/// container or a pointer out of a tree that was released and is loaded without a safe store: older images hold its
+/// record, which a plain load cannot skip.
 class KAV_API NV_container : public NV_item {
 public:
     /// Null for `root`: the parent's. A root that is given without a parent must not die before another one (or none)
@@ -70,7 +71,7 @@ public:
     /// debug output, when it is not this container's, cut, or its CRC is wrong: then everything below returns to its
     /// default.
     bool deserialise(NV_iterator* it) override;
-    /// Read past a container's frame. Its CRC is left unread.
+    /// NV_iterator::skip_container().
     static bool deserialise_unknown(NV_iterator* it);
     /// "{a,b,c}". The characters written.
     int _to_string(char* buffer, int size) const override;

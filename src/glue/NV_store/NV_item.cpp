@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_item.h"
 #include "glue/NV_store/NV_container.h"
-#include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/cds/CDS_remote.h"
 #include "util/Bugger.h"
@@ -95,19 +94,7 @@ bool NV_item::wanted(const NV_iterator& it, bool& valid) const {
     }
 }
 
-bool NV_item::is_container_type(unsigned char type_byte) {
-    return type_byte == item_root || type_byte == item_struct || type_byte == item_container;
-}
-
-bool NV_item::deserialise_unknown_handoff(NV_iterator* it) {
-    NV_iterator::NV_iterator_header next;
-    if (!it->peek_header(next)) return false;
-    class_type_t shape;
-    item_type_t type;
-    decode_type_byte(shape, type, next.type_byte);
-    if (is_container_type(next.type_byte)) return NV_container::deserialise_unknown(it);
-    return skip_unknown_value(it, shape, type);
-}
+bool NV_item::deserialise_unknown_handoff(NV_iterator* it) { return it->skip_record(); }
 
 // ---- waiters
 

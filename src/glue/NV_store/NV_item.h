@@ -116,7 +116,6 @@ public:
 
     /// Read past a record that no item of the tree wants.
     static bool deserialise_unknown_handoff(NV_iterator* it);
-    static bool is_container_type(unsigned char type_byte); ///< of a stored record
 
 Q_SIGNALS:
     void value_changed(NV_item* item);
@@ -124,7 +123,7 @@ Q_SIGNALS:
 protected:
     friend class NV_container;
 
-    NV_iterator::NV_iterator_header header(NV_iterator::Marker marker) const { return {get_type_byte(), marker, id}; }
+    Record_header header(Marker marker) const { return {get_type_byte(), marker, id}; }
     /// Whether the iterator's mode wants this item; `valid` is false for a mode that writes nothing.
     bool wanted(const NV_iterator& it, bool& valid) const;
     void saved() { flags = static_cast<unsigned char>(flags & ~(changed_for_journal_1 | changed_for_journal_2)); }

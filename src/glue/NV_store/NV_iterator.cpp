@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_iterator.h"
+#include "glue/cds/Base_types.h"
 #include "platform/crc32.h"
 #include "util/bytes.h"
+#include <type_traits>
+#include <vector>
 
 namespace NV_store {
 
@@ -21,24 +24,16 @@ template <class T>
 bool pop(NV_iterator& it, T& value) {
     unsigned char bytes[sizeof(T)];
     if (!it._pop_bytes(bytes, sizeof bytes)) return false;
-    value = Util::from_little_endian<T>(bytes);
+    if constexpr (std::is_same_v<T, bool>)
+        value = bytes[0] != 0;
+    else
+        value = Util::from_little_endian<T>(bytes);
     return true;
-}
-
-constexpr int header_size = 4;
-
-void decode(const unsigned char* bytes, NV_iterator::NV_iterator_header& h) {
-    h = {bytes[0], bytes[1], Util::from_little_endian<unsigned short>(bytes + 2)};
-}
-
-uint32_t checksum_seed() {
-    static const uint32_t seed = static_cast<uint32_t>(Util::crc32(0, "ZEW6", 4));
-    return seed;
 }
 
 } // namespace
 
-NV_iterator::NV_checksum::NV_checksum() : crc(checksum_seed()) {}
+NV_iterator::NV_checksum::NV_checksum() : crc(record_crc_seed()) {}
 
 NV_iterator::~NV_iterator() = default;
 
@@ -93,55 +88,68 @@ bool NV_iterator::_pop_bytes(unsigned char* data, int n) {
 }
 
 bool NV_iterator::push_header(const NV_iterator_header& h) {
-    unsigned char bytes[header_size] = {h.type_byte, h.marker};
-    Util::to_little_endian(h.id, bytes + 2);
-    return _push_bytes(bytes, header_size);
+    unsigned char bytes[Record_header::size];
+    h.encode(bytes);
+    return _push_bytes(bytes, Record_header::size);
 }
 
 bool NV_iterator::pop_header(NV_iterator_header& h) {
-    unsigned char bytes[header_size];
-    if (!_pop_bytes(bytes, header_size)) return false;
-    decode(bytes, h);
+    unsigned char bytes[Record_header::size];
+    if (!_pop_bytes(bytes, Record_header::size)) return false;
+    h = Record_header::decode(bytes);
     return true;
 }
 
 bool NV_iterator::peek_header(NV_iterator_header& h) {
-    unsigned char bytes[header_size];
-    if (!peek_bytes(bytes, header_size)) return false;
-    decode(bytes, h);
+    unsigned char bytes[Record_header::size];
+    if (!peek_bytes(bytes, Record_header::size)) return false;
+    h = Record_header::decode(bytes);
     return true;
 }
 
-bool NV_iterator::push_bool(bool v) { return push_uint8(v ? 1 : 0); }
-bool NV_iterator::push_char(char v) { return push_uint8(static_cast<unsigned char>(v)); }
-bool NV_iterator::push_int8(signed char v) { return push(*this, v); }
-bool NV_iterator::push_uint8(unsigned char v) { return push(*this, v); }
-bool NV_iterator::push_int16(short v) { return push(*this, v); }
-bool NV_iterator::push_uint16(unsigned short v) { return push(*this, v); }
-bool NV_iterator::push_int32(int v) { return push(*this, v); }
-bool NV_iterator::push_uint32(unsigned int v) { return push(*this, v); }
-bool NV_iterator::push_int64(long long v) { return push(*this, v); }
-bool NV_iterator::push_uint64(unsigned long long v) { return push(*this, v); }
-bool NV_iterator::push_float(float v) { return push(*this, v); }
-bool NV_iterator::push_double(double v) { return push(*this, v); }
+bool NV_iterator::skip_record() {
+    Record_header next;
+    if (!peek_header(next)) return false;
+    const Record_content content = Record_content::of(next.type_byte);
+    if (!content.can_be_skipped()) return false;
+    if (content.kind == Record_content::container) return skip_container();
+    return skip_value(content.width, content.is_counted());
+}
 
-bool NV_iterator::pop_bool(bool& v) {
-    unsigned char byte;
-    if (!pop_uint8(byte)) return false;
-    v = byte != 0;
+bool NV_iterator::skip_container() {
+    // No recursion: damaged bytes nest as deeply as they like.
+    std::vector<Record_header> open;
+    Record_header record;
+    do {
+        if (!peek_header(record)) return false;
+        if (!open.empty() && record.marker == marker_end) {
+            // The checksum behind stays and is met as the next header: files of old rely on it.
+            const Record_header start = open.back();
+            if (record.id != start.id || record.type_byte != start.type_byte || !pop_header(record)) return false;
+            open.pop_back();
+        } else if (open.empty() || Record_content::of(record.type_byte).kind == Record_content::container) {
+            if (!pop_header(record) || record.marker != marker_start) return false;
+            open.push_back(record);
+        } else if (!skip_record()) {
+            return false;
+        }
+    } while (!open.empty());
     return true;
 }
 
-bool NV_iterator::pop_char(char& v) { return pop(*this, reinterpret_cast<unsigned char&>(v)); }
-bool NV_iterator::pop_int8(signed char& v) { return pop(*this, v); }
-bool NV_iterator::pop_uint8(unsigned char& v) { return pop(*this, v); }
-bool NV_iterator::pop_int16(short& v) { return pop(*this, v); }
-bool NV_iterator::pop_uint16(unsigned short& v) { return pop(*this, v); }
-bool NV_iterator::pop_int32(int& v) { return pop(*this, v); }
-bool NV_iterator::pop_uint32(unsigned int& v) { return pop(*this, v); }
-bool NV_iterator::pop_int64(long long& v) { return pop(*this, v); }
-bool NV_iterator::pop_uint64(unsigned long long& v) { return pop(*this, v); }
-bool NV_iterator::pop_float(float& v) { return pop(*this, v); }
-bool NV_iterator::pop_double(double& v) { return pop(*this, v); }
+bool NV_iterator::skip_value(int width, bool counted) {
+    Record_header header;
+    unsigned char count = 1, dropped[8];
+    if (!pop_header(header) || header.marker != marker_value || (counted && !pop_uint8(count))) return false;
+    for (; count > 0; --count)
+        if (!_pop_bytes(dropped, width)) return false;
+    return true;
+}
+
+#define KAV_CODEC(T, name, NAME)                                                                                       \
+    bool NV_iterator::push_##name(T v) { return push(*this, v); }                                                      \
+    bool NV_iterator::pop_##name(T& v) { return pop(*this, v); }
+KAV_BASE_TYPES(KAV_CODEC)
+#undef KAV_CODEC
 
 } // namespace NV_store

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/NV_store/NV_record.h"
 #include "util/api.h"
 #include "util/sl_list.h"
 #include <cstdint>
@@ -9,30 +10,11 @@ namespace NV_store {
 
 /// Carries the bytes of a save or a load, and lets checksums watch them pass. Integers are little-endian on every
 /// processor. One thread at a time.
-///
-/// What a save writes is a sequence of nested frames:
-///
-///     container   type, 0x01, id (2)   start header
-///                 child records        values or containers
-///                 type, 0x02, id (2)   end header
-///                 CRC-32 (4)           of all of the above, from the start header on
-///     value       type, 0x09, id (2), value (1, 2, 4 or 8)
 class KAV_API NV_iterator {
 public:
     /// What a save writes: everything that was loaded or set (mode_write), or what changed since the last save.
     enum modes_t { mode_closed = 0, mode_read = 1, mode_write = 2, mode_journal_1 = 3, mode_journal_2 = 4 };
-    enum Marker : unsigned char { marker_start = 1, marker_end = 2, marker_value = 9 };
-
-    /// Four bytes on the medium, in this order.
-    struct NV_iterator_header {
-        unsigned char type_byte; ///< shape and base type, as Data_item::get_type_byte()
-        unsigned char marker;    ///< one of Marker
-        unsigned short id;       ///< settings identifier
-
-        bool operator==(const NV_iterator_header& o) const {
-            return type_byte == o.type_byte && marker == o.marker && id == o.id;
-        }
-    };
+    using NV_iterator_header = Record_header;
 
     /// A running CRC-32 over the bytes that pass while it is in an iterator's list.
     struct KAV_API NV_checksum : public sll_node {
@@ -65,6 +47,14 @@ public:
     bool push_header(const NV_iterator_header& h);
     bool pop_header(NV_iterator_header& h);
     bool peek_header(NV_iterator_header& h); ///< passes no checksum
+
+    /// Read past the record that comes next, which no item wants; false when the grammar knows no such record, or none
+    /// that can be skipped.
+    bool skip_record();
+    /// The same for a container. Its CRC is left unread.
+    bool skip_container();
+    /// The same for a value, whatever its type byte says: `width` [bytes], or `counted`, so many of them.
+    bool skip_value(int width, bool counted);
 
     /// True when all bytes were moved; a failed pop leaves the target as it was.
     bool push_bool(bool v);

@@ -36,15 +36,15 @@ template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::serialise(NV_iterator* it) {
     bool valid;
     if (!wanted(*it, valid)) return valid;
-    if (!it->push_header(header(NV_iterator::marker_value)) || !push_value(*it, _value)) return false;
+    if (!it->push_header(header(marker_value)) || !push_value(*it, _value)) return false;
     saved();
     return true;
 }
 
 template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::deserialise(NV_iterator* it) {
-    NV_iterator::NV_iterator_header stored;
-    if (!it->pop_header(stored) || !(stored == header(NV_iterator::marker_value))) return false;
+    Record_header stored;
+    if (!it->pop_header(stored) || !(stored == header(marker_value))) return false;
     pop_value(*it, _value); // a cut value leaves the old one; the frame's CRC tells
     loaded();
     return true;
@@ -52,31 +52,12 @@ bool NV_number<T, type>::deserialise(NV_iterator* it) {
 
 template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::deserialise_unknown(NV_iterator* it) {
-    NV_iterator::NV_iterator_header stored;
-    T dropped;
-    return it->pop_header(stored) && stored.marker == NV_iterator::marker_value && pop_value(*it, dropped);
+    return it->skip_value(sizeof(T), false);
 }
 
 template <class T, Data_item::item_type_t type>
 bool NV_number<T, type>::deserialise_unknown_small_array(NV_iterator* it) {
-    NV_iterator::NV_iterator_header stored;
-    unsigned char count;
-    if (!it->pop_header(stored) || stored.marker != NV_iterator::marker_value || !it->pop_uint8(count)) return false;
-    T dropped;
-    for (; count > 0; --count)
-        if (!pop_value(*it, dropped)) return false;
-    return true;
-}
-
-bool skip_unknown_value(NV_iterator* it, Data_item::class_type_t shape, Data_item::item_type_t type) {
-    const bool array = shape == Data_item::class_array;
-    if (!array && shape != Data_item::class_value) return false;
-    // Arrays of 64-bit integers are in no image.
-    if (array && (type == Data_item::item_uint64 || type == Data_item::item_int64)) return false;
-    return with_base_type(type, false, [&](auto base) {
-        using Number = typename decltype(base)::Number;
-        return array ? Number::deserialise_unknown_small_array(it) : Number::deserialise_unknown(it);
-    });
+    return it->skip_value(sizeof(T), true);
 }
 
 // ---- text and remote format
@@ -117,17 +98,8 @@ Data_item::Serial_ret NV_number<T, type>::deserialise(CDS::Remote::Receive_buffe
     return serial_ok();
 }
 
-template class NV_number<bool, Data_item::item_bool>;
-template class NV_number<char, Data_item::item_char>;
-template class NV_number<unsigned char, Data_item::item_uint8>;
-template class NV_number<unsigned short, Data_item::item_uint16>;
-template class NV_number<unsigned int, Data_item::item_uint32>;
-template class NV_number<signed char, Data_item::item_int8>;
-template class NV_number<short, Data_item::item_int16>;
-template class NV_number<int, Data_item::item_int32>;
-template class NV_number<float, Data_item::item_float>;
-template class NV_number<double, Data_item::item_double>;
-template class NV_number<unsigned long long, Data_item::item_uint64>;
-template class NV_number<long long, Data_item::item_int64>;
+#define KAV_INSTANTIATE(T, name, NAME) template class NV_number<T, Data_item::item_##name>;
+KAV_BASE_TYPES(KAV_INSTANTIATE)
+#undef KAV_INSTANTIATE
 
 } // namespace NV_store

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/NV_store/NV_item.h"
+#include "glue/cds/Base_types.h"
 #include "util/api.h"
 
 namespace NV_store {
@@ -41,33 +42,12 @@ private:
     const T _default;
 };
 
-/// Read past a record of any value type; false for a type that no image holds.
-KAV_API bool skip_unknown_value(NV_iterator* it, Data_item::class_type_t shape, Data_item::item_type_t type);
-
-using NV_bool = NV_number<bool, Data_item::item_bool>;
-using NV_char = NV_number<char, Data_item::item_char>;
-using NV_uint8 = NV_number<unsigned char, Data_item::item_uint8>;
-using NV_uint16 = NV_number<unsigned short, Data_item::item_uint16>;
-using NV_uint32 = NV_number<unsigned int, Data_item::item_uint32>;
-using NV_int8 = NV_number<signed char, Data_item::item_int8>;
-using NV_int16 = NV_number<short, Data_item::item_int16>;
-using NV_int32 = NV_number<int, Data_item::item_int32>;
-using NV_float = NV_number<float, Data_item::item_float>;
-using NV_double = NV_number<double, Data_item::item_double>;
-using NV_uint64 = NV_number<unsigned long long, Data_item::item_uint64>;
-using NV_int64 = NV_number<long long, Data_item::item_int64>;
-
-extern template class NV_number<bool, Data_item::item_bool>;
-extern template class NV_number<char, Data_item::item_char>;
-extern template class NV_number<unsigned char, Data_item::item_uint8>;
-extern template class NV_number<unsigned short, Data_item::item_uint16>;
-extern template class NV_number<unsigned int, Data_item::item_uint32>;
-extern template class NV_number<signed char, Data_item::item_int8>;
-extern template class NV_number<short, Data_item::item_int16>;
-extern template class NV_number<int, Data_item::item_int32>;
-extern template class NV_number<float, Data_item::item_float>;
-extern template class NV_number<double, Data_item::item_double>;
-extern template class NV_number<unsigned long long, Data_item::item_uint64>;
-extern template class NV_number<long long, Data_item::item_int64>;
+/// NV_bool, NV_char, NV_uint8, NV_uint16, NV_uint32, NV_int8, NV_int16, NV_int32, NV_float, NV_double, NV_uint64 and
+/// NV_int64.
+#define KAV_SETTING(T, name, NAME)                                                                                     \
+    using NV_##name = NV_number<T, Data_item::item_##name>;                                                            \
+    extern template class NV_number<T, Data_item::item_##name>;
+KAV_BASE_TYPES(KAV_SETTING)
+#undef KAV_SETTING
 
 } // namespace NV_store

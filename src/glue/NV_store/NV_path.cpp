@@ -5,7 +5,7 @@
 namespace NV_store {
 
 bool NV_path::push(unsigned short id) {
-    if (_count == most) return false;
+    if (_count == max_path_ids) return false;
     _ids[_count++] = id;
     return true;
 }
@@ -19,7 +19,7 @@ bool NV_path::serialise(NV_iterator* it) const {
 bool NV_path::deserialise(NV_iterator* it) {
     clear();
     unsigned char count;
-    if (!it->pop_uint8(count) || count > most) return false;
+    if (!it->pop_uint8(count) || count > max_path_ids) return false;
     for (int i = 0; i < count; ++i) {
         if (!it->pop_uint16(_ids[i])) return false;
     }

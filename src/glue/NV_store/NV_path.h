@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/NV_store/NV_record.h"
 #include "util/api.h"
 
 namespace NV_store {
@@ -9,8 +10,6 @@ class NV_iterator;
 /// Settings identifiers from a container down to an item. A value. Stored as a count byte and 16 bits each.
 class KAV_API NV_path {
 public:
-    static constexpr int most = 16; ///< [levels]
-
     void clear() { _count = 0; }
     bool push(unsigned short id); ///< false when the path is full
     int size() const { return _count; }
@@ -20,7 +19,7 @@ public:
 
 private:
     unsigned char _count = 0;
-    unsigned short _ids[most] = {};
+    unsigned short _ids[max_path_ids] = {};
 };
 
 } // namespace NV_store

@@ -52,14 +52,14 @@ bool NV_pointer::serialise(NV_iterator* it) {
     if (!wanted(*it, valid)) return valid;
     NV_path path;
     if (_target) get_root()->build_path(&path, _target); // set() takes only what has one
-    if (!it->push_header(header(NV_iterator::marker_value)) || !path.serialise(it)) return false;
+    if (!it->push_header(header(marker_value)) || !path.serialise(it)) return false;
     saved();
     return true;
 }
 
 bool NV_pointer::deserialise(NV_iterator* it) {
-    NV_iterator::NV_iterator_header stored;
-    if (!it->pop_header(stored) || !(stored == header(NV_iterator::marker_value))) return false;
+    Record_header stored;
+    if (!it->pop_header(stored) || !(stored == header(marker_value))) return false;
     NV_path path;
     if (path.deserialise(it)) {
         NV_item* const target = path.size() && get_root() ? get_root()->follow_path(path) : nullptr;

@@ -1,39 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_scan.h"
 #include "glue/NV_store/NV_container.h"
-#include "glue/NV_store/NV_path.h"
 #include "platform/crc32.h"
+#include "util/bytes.h"
 #include <vector>
 
 namespace NV_store {
 namespace {
 
-constexpr int header_size = 4, crc_size = 4;
+constexpr int header_size = Record_header::size, crc_size = record_crc_size;
 
-NV_iterator::NV_iterator_header header_at(const unsigned char* p) {
-    return {p[0], p[1], static_cast<unsigned short>(p[2] | p[3] << 8)};
-}
-
-/// [bytes] of one value by its type, 0 for a type without a fixed size.
-constexpr unsigned char element_sizes[32] = {0, 0, 1, 1, 1, 2, 4, 1, 2, 4, 4, 8, 0, 0, 0, 8, 8};
-
-/// [bytes] of the value behind a header, -1 when its type has none or `n` do not hold its count.
-int value_size(unsigned char type_byte, const unsigned char* p, int n) {
-    Data_item::class_type_t shape;
-    Data_item::item_type_t type;
-    Data_item::decode_type_byte(shape, type, type_byte);
-    const int size = element_sizes[type];
-    if (shape == Data_item::class_value && size > 0) return size;
-    if (n < 1) return -1;
-    if (shape == Data_item::class_value && type == Data_item::item_pointer)
-        return p[0] <= NV_path::most ? 1 + 2 * p[0] : -1;
-    if (shape == Data_item::class_array && size > 0) return 1 + p[0] * size;
-    return -1;
-}
-
-uint32_t crc_of(const unsigned char* p, int n) {
-    return static_cast<uint32_t>(Util::crc32(NV_iterator::NV_checksum().crc, p, n));
-}
+uint32_t crc_of(const unsigned char* p, int n) { return static_cast<uint32_t>(Util::crc32(record_crc_seed(), p, n)); }
 
 /// The product of two polynomials modulo the CRC's, in its order of bits: that of x^0 is the highest.
 constexpr uint32_t product(uint32_t a, uint32_t b) {
@@ -59,15 +36,10 @@ constexpr Shifts shifts;
 /// The CRC of `n` bytes begun as those of a record are, from the common one before (`first`) and behind them (`last`):
 /// so containers in containers are all summed in one pass.
 uint32_t crc_between(uint32_t first, uint32_t last, int n) {
-    uint32_t difference = first ^ NV_iterator::NV_checksum().crc;
+    uint32_t difference = first ^ record_crc_seed();
     for (int i = 0; n >> i; ++i)
         if (n >> i & 1) difference = product(shifts.by[i], difference);
     return last ^ difference;
-}
-
-uint32_t word_at(const unsigned char* p) {
-    return p[0] | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
 }
 
 } // namespace
@@ -81,13 +53,13 @@ Record_walk::Step Record_walk::next() {
     at = end;
     if (at == _n && depth == 0) return all_done;
     if (_n - at < header_size) return stop(at == _n ? "the end of a container is missing" : "cut inside a header");
-    head = header_at(_bytes + at);
+    head = Record_header::decode(_bytes + at);
     switch (head.marker) {
-    case NV_iterator::marker_start:
+    case marker_start:
         return start_container();
-    case NV_iterator::marker_end:
+    case marker_end:
         return end_container();
-    case NV_iterator::marker_value:
+    case marker_value:
         return pass_value();
     default:
         return stop("no record");
@@ -95,7 +67,8 @@ Record_walk::Step Record_walk::next() {
 }
 
 Record_walk::Step Record_walk::start_container() {
-    if (!NV_item::is_container_type(head.type_byte)) return stop("a container of an unknown type");
+    if (Record_content::of(head.type_byte).kind != Record_content::container)
+        return stop("a container of an unknown type");
     _open.push_back({at, sum_up_to(at)});
     ++depth;
     end += header_size;
@@ -112,11 +85,11 @@ uint32_t Record_walk::sum_up_to(int place) {
 Record_walk::Step Record_walk::end_container() {
     if (depth == 0) return stop("the end of a container that did not start");
     const Container ended = _open.back();
-    const NV_iterator::NV_iterator_header own = header_at(_bytes + ended.start);
+    const Record_header own = Record_header::decode(_bytes + ended.start);
     if (head.id != own.id || head.type_byte != own.type_byte) return stop("the end of another container");
     const int crc_at = at + header_size;
     if (_n - crc_at < crc_size) return stop("cut inside a checksum");
-    stored = word_at(_bytes + crc_at);
+    stored = Util::from_little_endian<uint32_t>(_bytes + crc_at);
     computed = crc_between(ended.before, sum_up_to(crc_at), crc_at - ended.start);
     end = crc_at + crc_size;
     _open.pop_back();
@@ -126,7 +99,7 @@ Record_walk::Step Record_walk::end_container() {
 
 Record_walk::Step Record_walk::pass_value() {
     const int room = _n - at - header_size;
-    const int size = value_size(head.type_byte, _bytes + at + header_size, room);
+    const int size = Record_content::of(head.type_byte).value_size(_bytes + at + header_size, room);
     if (size < 0) return stop(room > 0 ? "a value of an unknown type or length" : "cut inside a value");
     if (size > room) return stop("cut inside a value");
     end += header_size + size;
@@ -140,7 +113,7 @@ bool Stored_record::read(const unsigned char* bytes, int n) {
         if (step == Record_walk::stuck || step == Record_walk::all_done) return false;
         if (step == Record_walk::container_ended && walk.stored != walk.computed) return false;
     } while (walk.depth > 0);
-    head = header_at(bytes);
+    head = Record_header::decode(bytes);
     at = bytes;
     size = walk.end;
     return true;
@@ -210,7 +183,7 @@ private:
         _levels.pop_back();
         return !l.is_list || !l.last || !l.container->get_next_child(l.last);
     }
-    NV_item* find(const NV_iterator::NV_iterator_header& head) {
+    NV_item* find(const Record_header& head) {
         Level& l = _levels.back();
         const NV_container& c = *l.container;
         if (l.is_list) {
@@ -249,12 +222,13 @@ private:
         for (NV_item* child = container.get_next_child(nullptr); child; child = container.get_next_child(child)) {
             if (container.find_child(child->get_id(), nullptr) == child) put_like(container, *child, records);
         }
-        const unsigned char end[header_size] = {record.head.type_byte, NV_iterator::marker_end, record.at[2],
-                                                record.at[3]};
+        unsigned char end[header_size + crc_size];
+        Record_header{record.head.type_byte, marker_end, record.head.id}.encode(end);
         put(end, header_size);
         const uint32_t crc =
             crc_of(reinterpret_cast<const unsigned char*>(out.data()) + start, static_cast<int>(out.size() - start));
-        for (int shift = 0; shift < 32; shift += 8) out += static_cast<char>(crc >> shift & 0xFF);
+        Util::to_little_endian(crc, end + header_size);
+        put(end + header_size, crc_size);
     }
 
     /// A load hands records in order to all children with one identifier, so there must be one for each of them.

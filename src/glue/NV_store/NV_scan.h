@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include "glue/NV_store/NV_iterator.h"
+#include "glue/NV_store/NV_record.h"
 #include "util/api.h"
 #include <string>
 #include <vector>
@@ -27,7 +27,7 @@ public:
     Step next();
 
     // What the last step met.
-    NV_iterator::NV_iterator_header head = {};
+    Record_header head = {};
     int at = 0;            ///< [bytes] of its header from the start
     int depth = 0;         ///< containers that are open after the step
     int end = 0;           ///< [bytes] up to which the walk has come
@@ -56,13 +56,15 @@ private:
 /// A whole record in memory: its sizes fit and, for a container, all checksums in it are right. Looks at bytes alone;
 /// no tree is needed and no setting touched.
 struct KAV_API Stored_record {
-    NV_iterator::NV_iterator_header head = {};
+    Record_header head = {};
     const unsigned char* at = nullptr;
     int size = 0; ///< [bytes] with header and checksum
 
-    bool is_container() const { return head.marker == NV_iterator::marker_start; }
-    const unsigned char* content() const { return at + 4; }
-    int content_size() const { return is_container() ? size - 12 : size - 4; } ///< without header, end and checksum
+    bool is_container() const { return head.marker == marker_start; }
+    const unsigned char* content() const { return at + Record_header::size; }
+    int content_size() const {
+        return size - (is_container() ? 2 * Record_header::size + record_crc_size : Record_header::size);
+    } ///< without header, end and checksum
 
     /// Read the record at `bytes`: false when what is there is none, or not whole within `n` [bytes].
     bool read(const unsigned char* bytes, int n);

@@ -143,24 +143,7 @@ unsigned char Lookup_basic_array_base::get_type_byte() const {
 
 template <class T>
 Data_item::item_type_t Lookup_basic<T>::get_base_type() {
-    if constexpr (std::is_same_v<T, bool>)
-        return item_bool;
-    else if constexpr (std::is_same_v<T, char>)
-        return item_char;
-    else if constexpr (std::is_same_v<T, float>)
-        return item_float;
-    else if constexpr (std::is_same_v<T, double>)
-        return item_double;
-    else if constexpr (std::is_same_v<T, unsigned long long>)
-        return item_uint64;
-    else if constexpr (std::is_same_v<T, long long>)
-        return item_int64;
-    else if constexpr (sizeof(T) == 1)
-        return std::is_signed_v<T> ? item_int8 : item_uint8;
-    else if constexpr (sizeof(T) == 2)
-        return std::is_signed_v<T> ? item_int16 : item_uint16;
-    else
-        return std::is_signed_v<T> ? item_int32 : item_uint32; // long counts as 32 bits
+    return Base_type_of<T>::code;
 }
 
 template <class T>
@@ -224,7 +207,7 @@ Data_item::Serial_ret Lookup_basic_array<T>::deserialise(Remote::Receive_buffer&
     return serial_ok();
 }
 
-#define KAV_INSTANTIATE(T)                                                                                             \
+#define KAV_INSTANTIATE(T, ...)                                                                                        \
     template class Lookup_basic<T>;                                                                                    \
     template class Lookup_basic_array<T>;
 KAV_DATA_ITEM_TYPES(KAV_INSTANTIATE)

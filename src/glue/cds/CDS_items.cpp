@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDS_items.h"
+#include "glue/cds/Base_types.h"
 #include "glue/cds/CDS_events.h"
-#include "glue/cds/Data_item_text.h"
 #include "util/Debug_print.h"
 #include <cstdio>
 
@@ -29,7 +29,7 @@ Struct::Struct(Lookup_struct& parent_struct, const char* item_name, const void* 
     parent_struct.add_item(*this);
 }
 
-#define KAV_TYPE_NAME(T)                                                                                               \
+#define KAV_TYPE_NAME(T, ...)                                                                                          \
     template <>                                                                                                        \
     KAV_API const char* type_name_of<T>() {                                                                            \
         return #T;                                                                                                     \

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDS_remote.h"
+#include "glue/cds/Base_types.h"
 #include "util/Debug_print.h"
 #include "util/bytes.h"
 #include "util/number_text.h"
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 namespace CDS::Remote {
 namespace {
@@ -47,7 +49,11 @@ template <class T>
 bool pop(Receive_buffer& in, T& value) {
     constexpr int width = sizeof(T);
     if (in.remaining < width) return false;
-    value = Util::from_little_endian<T>(reinterpret_cast<const unsigned char*>(in.position));
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(in.position);
+    if constexpr (std::is_same_v<T, bool>)
+        value = *bytes != 0;
+    else
+        value = Util::from_little_endian<T>(bytes);
     in.position += width;
     in.remaining -= width;
     return true;
@@ -80,36 +86,11 @@ int Send_buffer::buf_append(const char* data, int length) {
 
 int Send_buffer::str_append(const char* text) { return buf_append(text, static_cast<int>(strlen(text))); }
 
-int Send_buffer::append_BOOL(bool v) { return append_UINT8(v ? 1 : 0); }
-int Send_buffer::append_CHAR(char v) { return append_UINT8(static_cast<unsigned char>(v)); }
-int Send_buffer::append_INT8(signed char v) { return append_UINT8(static_cast<unsigned char>(v)); }
-int Send_buffer::append_UINT8(unsigned char v) { return append(*this, v); }
-int Send_buffer::append_INT16(short v) { return append(*this, v); }
-int Send_buffer::append_UINT16(unsigned short v) { return append(*this, v); }
-int Send_buffer::append_INT32(int v) { return append(*this, v); }
-int Send_buffer::append_UINT32(unsigned int v) { return append(*this, v); }
-int Send_buffer::append_INT64(long long v) { return append(*this, v); }
-int Send_buffer::append_UINT64(unsigned long long v) { return append(*this, v); }
-int Send_buffer::append_FLOAT(float v) { return append(*this, v); }
-int Send_buffer::append_DOUBLE(double v) { return append(*this, v); }
-
-bool Receive_buffer::pop_BOOL(bool& v) {
-    unsigned char byte;
-    if (!pop_UINT8(byte)) return false;
-    v = byte != 0;
-    return true;
-}
-bool Receive_buffer::pop_CHAR(char& v) { return pop_UINT8(reinterpret_cast<unsigned char&>(v)); }
-bool Receive_buffer::pop_INT8(signed char& v) { return pop_UINT8(reinterpret_cast<unsigned char&>(v)); }
-bool Receive_buffer::pop_UINT8(unsigned char& v) { return pop(*this, v); }
-bool Receive_buffer::pop_INT16(short& v) { return pop(*this, v); }
-bool Receive_buffer::pop_UINT16(unsigned short& v) { return pop(*this, v); }
-bool Receive_buffer::pop_INT32(int& v) { return pop(*this, v); }
-bool Receive_buffer::pop_UINT32(unsigned int& v) { return pop(*this, v); }
-bool Receive_buffer::pop_INT64(long long& v) { return pop(*this, v); }
-bool Receive_buffer::pop_UINT64(unsigned long long& v) { return pop(*this, v); }
-bool Receive_buffer::pop_FLOAT(float& v) { return pop(*this, v); }
-bool Receive_buffer::pop_DOUBLE(double& v) { return pop(*this, v); }
+#define KAV_CODEC(T, name, NAME)                                                                                       \
+    int Send_buffer::append_##NAME(T v) { return append(*this, v); }                                                   \
+    bool Receive_buffer::pop_##NAME(T& v) { return pop(*this, v); }
+KAV_BASE_TYPES(KAV_CODEC)
+#undef KAV_CODEC
 
 bool Receive_buffer::struct_start() const { return *position == '{'; }
 bool Receive_buffer::struct_finish() const { return *position == '}'; }

@@ -77,7 +77,7 @@ const char* Data_item_destringify<T>::from_string(const char* text) {
     return end == text ? nullptr : end;
 }
 
-#define KAV_INSTANTIATE(T)                                                                                             \
+#define KAV_INSTANTIATE(T, ...)                                                                                        \
     template class Data_item_stringify<T>;                                                                             \
     template class Data_item_destringify<T>;
 KAV_DATA_ITEM_TYPES(KAV_INSTANTIATE)

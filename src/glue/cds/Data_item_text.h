@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/cds/Base_types.h"
 #include "util/Debug_dumper.h"
 #include "util/api.h"
 
@@ -68,23 +69,7 @@ private:
     int _capacity;
 };
 
-#define KAV_DATA_ITEM_TYPES(X)                                                                                         \
-    X(bool)                                                                                                            \
-    X(char)                                                                                                            \
-    X(unsigned char)                                                                                                   \
-    X(unsigned short)                                                                                                  \
-    X(unsigned int)                                                                                                    \
-    X(unsigned long)                                                                                                   \
-    X(unsigned long long)                                                                                              \
-    X(signed char)                                                                                                     \
-    X(short)                                                                                                           \
-    X(int)                                                                                                             \
-    X(long)                                                                                                            \
-    X(long long)                                                                                                       \
-    X(float)                                                                                                           \
-    X(double)
-
-#define KAV_EXTERN(T)                                                                                                  \
+#define KAV_EXTERN(T, ...)                                                                                             \
     extern template class Data_item_stringify<T>;                                                                      \
     extern template class Data_item_destringify<T>;
 KAV_DATA_ITEM_TYPES(KAV_EXTERN)

@@ -3,6 +3,7 @@
 #include "glue/vorn/Vorn_message.h"
 #include "glue/vorn/frame_characters.h"
 #include "util/Debug_print.h"
+#include "util/bytes.h"
 #include <algorithm>
 #include <climits>
 
@@ -125,7 +126,7 @@ int Vorn_parser::in_step(Data_stream::Window& window, Output& out) {
 bool Vorn_parser::accepted(Data_stream::Window& window, const unsigned char* id, int total) {
     if (!checker || checker == &dummy_checker) return true;
     window.release();
-    const bool ok = checker->check(*stream, static_cast<unsigned short>(id[0] | id[1] << 8), total);
+    const bool ok = checker->check(*stream, Util::from_little_endian<unsigned short>(id), total);
     if (!ok) {
         char name[Data_stream::name_size];
         stream->get_name(name);

@@ -2,6 +2,7 @@
 #include "glue/vorn/Vorn_salvage.h"
 #include "glue/vorn/GNSS_messages.h"
 #include "glue/vorn/frame_characters.h"
+#include "util/bytes.h"
 #include <algorithm>
 #include <cstring>
 
@@ -44,7 +45,7 @@ Vorn_salvage::Verdict Vorn_salvage::judge(int position, int& len) const {
     const unsigned char* p = _bytes + position;
     const int left = _size - position, header = static_cast<int>(Vorn_message::header_size);
     if (left < header) return incomplete;
-    const auto id = static_cast<unsigned short>(p[0] | p[1] << 8);
+    const auto id = Util::from_little_endian<unsigned short>(p);
     const int body = Vorn_frame::hex_number(p + 2, 3);
     len = header + body + 1;
     if (body < 0 || !lengths.possible(id, len - 1)) return no_frame;
