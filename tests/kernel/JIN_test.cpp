@@ -234,7 +234,8 @@ TEST_F(Jin, another_process) {
 TEST_F(Jin, a_flood_disturbs_nobody) {
     JIN_socket_stack a(Diner_info_list::get(), "vcan0", strong, 0x80), b(Diner_info_list::get(), "vcan0", weak, 0x20);
     JIN_inbox inbox(a, nullptr, {0xEF00}), other(b, nullptr, {0xEF00});
-    ASSERT_TRUE(a.start() && b.start());
+    uint8_t own;
+    ASSERT_TRUE(a.start() && b.start() && wait_until([&] { return a.address(own) && b.address(own); }));
     const auto cpu_ms = [] {
         struct timespec t;
         clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);

@@ -8,7 +8,7 @@ JIN_address_claim::JIN_address_claim(Port& port, JIN_name name, uint8_t preferre
     : _port(port)
     , _name(name)
     , _preferred(preferred > JIN::highest_unicast ? JIN::no_address : preferred)
-    , _contention(contention_ms + margin)
+    , _margin(margin)
     , _wanted(_preferred)
     , _random(static_cast<uint32_t>(name.value ^ name.value >> 32)) {}
 
@@ -65,7 +65,7 @@ void JIN_address_claim::ask(int64_t now) {
     if (_state == no_address) std::fill_n(_holders, num_holders, 0);
     _state = waiting;
     if (must_wait) {
-        _due = now + _contention;
+        _due = now + contention_ms;
     } else {
         take_another(_wanted, now);
     }
@@ -122,7 +122,7 @@ void JIN_address_claim::send(int64_t now) {
     }
     _to_send = false;
     if (_state == claiming) {
-        if (_claimed_at == never) _claimed_at = now + _contention;
+        if (_claimed_at == never || _margin > 0) _claimed_at = now + contention_ms + _margin;
         _due = _claimed_at;
     } else {
         _due = _state == no_address ? now + ask_again_ms : never;

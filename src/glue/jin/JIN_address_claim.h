@@ -50,7 +50,8 @@ public:
     };
 
     /// `preferred` 0..253; the one remembered from the last time serves best. 254: any of the arbitrary ones.
-    /// `margin` [ms] is added to the contention time.
+    /// `margin` [ms] is added to the contention time, which with one also begins anew when the claim is repeated: the
+    /// kernel counts for itself, from the last claim on.
     JIN_address_claim(Port& port, JIN_name name, uint8_t preferred, int margin = 0);
 
     // Times are milliseconds of any clock that does not go back.
@@ -92,8 +93,8 @@ private:
     Port& _port;
     const JIN_name _name;
     const uint8_t _preferred;
-    const int _contention; ///< [ms]
-    uint8_t _wanted;       ///< the address that is being claimed, or ours
+    const int _margin;
+    uint8_t _wanted; ///< the address that is being claimed, or ours
     State _state = silent;
     bool _asked = false;   ///< everybody, since begin()
     bool _to_send = false; ///< a claim, or that there is none, at `_due`

@@ -20,7 +20,7 @@ constexpr int reader_priority = 51;
 
 /// [ms] The kernel counts the contention time too, from when the claim comes back to it, and complains in its log about
 /// what is sent before.
-constexpr int kernel_lag_ms = 50;
+constexpr int kernel_lag_ms = 30;
 
 /// [ms] What a transfer leaves behind may arrive so much later than the report of its end.
 constexpr int echo_ms = 1000;
