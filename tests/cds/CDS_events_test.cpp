@@ -30,8 +30,8 @@ protected:
     }
 
     module_man modules;
+    Inbox inbox{modules}; // outlives its registrations
     CDS::Head head{&modules, 0};
-    Inbox inbox{modules};
 };
 
 TEST_F(Events, Ranges_nest_whatever_the_order_of_registration) {
@@ -49,10 +49,28 @@ TEST_F(Events, Ranges_nest_whatever_the_order_of_registration) {
         for (const int i : order) ASSERT_EQ(reg(own, ranges[i][0], ranges[i][1], ranges[i][2]), 0);
         for (const auto& row : table) EXPECT_EQ(woken(own, row.offset, row.length), row.woken) << row.offset;
     } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST_F(Events, Ranges_are_refused_outside_the_block_and_reported_where_they_overlap_partly) {
+    const auto said = [&](int offset, int length, int result = 0) {
+        return debug_text([&] { EXPECT_EQ(reg(offset, length, offset), result) << offset << ", " << length; });
+    };
+    const std::string outside = "lies outside the block of ";
+    EXPECT_EQ(said(8, -1, -1), "CDS: range of -1 bytes at 8 " + outside + "2147483647 bytes\n");
+    EXPECT_EQ(said(100, 10) + said(110, 10) + said(102, 3) + said(90, 50), "") << "side by side, inside, around";
     // Partly overlapping ranges are not supported; pinned so that nobody relies on more.
-    reg(0, 10, 1);
-    reg(5, 10, 2);
-    EXPECT_EQ(woken(6, 2), "2");
+    EXPECT_EQ(said(95, 10), "CDS: range of 10 bytes at 95 overlaps that of 10 at 100 partly: signals may miss one\n");
+    EXPECT_EQ(said(104, 4), "CDS: range of 4 bytes at 104 overlaps that of 3 at 102 partly: signals may miss one\n");
+    EXPECT_EQ(woken(104, 1), "90100104");
+
+    Block block;
+    const Block_items items(head, block);
+    const int size = sizeof block;
+    EXPECT_EQ(said(size, 0) + said(size - 1, 1), "");
+    for (const auto& [offset, length] :
+         {std::pair{size - 1, 2}, std::pair{-1, 2}, std::pair{size + 1, 0}, std::pair{1, INT32_MAX}})
+        EXPECT_NE(said(offset, length, -1).find(outside + std::to_string(size)), std::string::npos) << offset;
+    EXPECT_EQ(woken(size - 1, 2), std::to_string(size - 1) + std::to_string(size));
 }
 
 TEST_F(Events, Copies_decide_who_is_woken) {

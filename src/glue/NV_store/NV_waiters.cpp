@@ -25,10 +25,11 @@ NV_waiter_reg::NV_waiter_reg(const NV_waiter_reg& o)
     , skip_unforced(o.skip_unforced) {}
 
 bool NV_waiter_reg::send_event(const NV_root* root, bool forced) const {
-    if (skip_unforced && !forced) return true;
+    waiter_descriptor* const told = waiter;
+    if (!told || (skip_unforced && !forced)) return true;
     const short module = root ? root->get_module_id(type) : static_cast<short>(0);
     if (module == 0) return false;
-    return waiter->send_event(waiter_event(module, 0, target), true, false) == 0;
+    return told->send_event(waiter_event(module, 0, target), true, false) == 0;
 }
 
 NV_waiter_list::~NV_waiter_list() {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/diner/waiter_event.h"
+#include "glue/diner/waiter_ref.h"
 #include "util/api.h"
 #include "util/sl_list.h"
 #include <atomic>
@@ -35,12 +36,14 @@ public:
     NV_waiter_reg(const NV_waiter_reg& o);
 
     /// The same waiter, type and target.
-    bool operator==(const NV_waiter_reg& o) const { return waiter == o.waiter && type == o.type && target == o.target; }
+    bool operator==(const NV_waiter_reg& o) const {
+        return waiter.get() == o.waiter.get() && type == o.type && target == o.target;
+    }
     /// Post the event: true when that was done, or when there is nothing to tell. Fails without a root, without module
     /// ids, or when the waiter has no room.
     bool send_event(const NV_root* root, bool forced) const;
 
-    waiter_descriptor* waiter;
+    waiter_ref<waiter_ref_base::setting> waiter; ///< null when it died without being unregistered
     event_word_t target;
     Reg_type type;
     bool skip_unforced;

@@ -141,9 +141,19 @@ bool Head::is_event(const waiter_event& e, Reg_type type) const {
     return e.module_id == module_of(type) && e.id == 0 && e.module_id != 0;
 }
 
+/// Without a lookup tree, whatever does not end before it begins.
+bool Head::lies_in_block(int offset, int length) const {
+    const int64_t size = lookup ? int64_t(lookup->data_size()) : INT32_MAX;
+    if (offset >= 0 && length >= 0 && int64_t(offset) + length <= size) return true;
+    Debug_print::dprint("CDS: range of %d bytes at %d lies outside the block of %lld bytes\n", length, offset,
+                        static_cast<long long>(size));
+    return false;
+}
+
 int Head::event_register(waiter_descriptor* waiter, int offset, int length, Reg_type type, int value,
                          Access_base* access, Virt_access* virt) {
     check_locked(this, "event_register");
+    if (!lies_in_block(offset, length)) return -1;
     Event_node key(offset, length);
     Event_recipient* const recipient = new Event_recipient;
     if (!recipient) {
@@ -153,6 +163,16 @@ int Head::event_register(waiter_descriptor* waiter, int offset, int length, Reg_
     fill(*recipient, waiter, type, value, access, virt);
     key.recipients.push(recipient); // the key owns it until it has found its place
     return cds_event_register_body(&_events, key);
+}
+
+/// Ranges of one list that overlap have no order that a signal could go by.
+static void warn_of_overlap(const Event_node& key, const Event_node* before, const Event_node* behind) {
+    const Event_node* const other = before && end_of(*before) > key.offset   ? before
+                                    : behind && behind->offset < end_of(key) ? behind
+                                                                             : nullptr;
+    if (!other) return;
+    Debug_print::dprint("CDS: range of %d bytes at %d overlaps that of %d at %d partly: signals may miss one\n",
+                        key.length, key.offset, other->length, other->offset);
 }
 
 int Head::cds_event_register_body(Event_list* list, Event_node& key) {
@@ -186,6 +206,7 @@ int Head::cds_event_register_body(Event_list* list, Event_node& key) {
         list->remove(inner);
         node->children->insert(inner);
     }
+    warn_of_overlap(key, list->last_at_or_before(key.offset), list->find(&key, bst_greater_equal));
     node->recipients.push(key.recipients.pop());
     return list->insert(node);
 }
@@ -247,7 +268,8 @@ void Head::wake_descend(Event_node* n, const Wakeup_node& w) {
 void Head::wake(Event_node* n, const Wakeup_node& w) {
     if (!w.changed(n)) return;
     for (const Event_recipient& r : n->recipients)
-        if (w.allowed(&r)) r.waiter->send_event(waiter_event(module_of(r.type), 0, r.target), true, false);
+        if (waiter_descriptor* const waiter = r.waiter; waiter && w.allowed(&r))
+            waiter->send_event(waiter_event(module_of(r.type), 0, r.target), true, false);
 }
 
 // ---- handles

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/diner/waiter_event.h"
+#include "glue/diner/waiter_ref.h"
 #include "util/Mutex.h"
 #include "util/api.h"
 #include "util/avl_bstree.h"
@@ -71,12 +72,12 @@ public:
 /// One registration of a range. It lives in the store's own memory space.
 struct KAV_API Event_recipient : public sll_node {
     bool operator==(const Event_recipient& o) const {
-        return waiter == o.waiter && type == o.type && target == o.target;
+        return waiter.get() == o.waiter.get() && type == o.type && target == o.target;
     }
     static void* operator new(size_t n) noexcept;
     static void operator delete(void* p);
 
-    waiter_descriptor* waiter = nullptr;
+    waiter_ref<waiter_ref_base::range> waiter;
     event_word_t target = 0; ///< an int (through unsigned) or a pointer, by type
     Reg_type type = reg_value;
 };
@@ -135,7 +136,8 @@ struct KAV_API Wakeup_node : public Event_node {
 /// None of the operations locks: the caller holds the head's lock while it changes the block and signals, and around
 /// registrations. Debug builds report a call without it. Listeners that a signal calls must not lock the head.
 ///
-/// Registered ranges nest or are disjoint; of ranges that overlap partly a signal may miss some. Memory for
+/// Registered ranges nest or are disjoint; of ranges that overlap partly a signal may miss some, so that
+/// registering one says so on the debug output. Memory for
 /// registrations is 24,576 bytes for all heads of the process. A range stays known when its last registration has gone.
 class KAV_API Head : public Mutex {
 public:
@@ -148,7 +150,9 @@ public:
     void set_lookup(Lookup_struct* root) { lookup = root; }
     unsigned long get_word() const { return _word; }
 
-    /// Register a range: 0, or -1 when memory is used up (nothing is registered then). O(depth * log n)
+    /// Register a range: 0, or -1 when memory is used up, or when the range has a negative offset or length or ends
+    /// behind the block, whose size the lookup tree knows once set_lookup() was called (nothing is registered then, and
+    /// a line says why). A waiter that dies while registered is deregistered, which a line tells. O(depth * log n)
     int event_register(waiter_descriptor* waiter, int offset, int length, Reg_type type, int value, Access_base* access,
                        Virt_access* virt);
     /// Take one registration back that is equal in everything: 0, or -1 when there is none.
@@ -177,6 +181,7 @@ public:
 
 private:
     short module_of(Reg_type type) const;
+    bool lies_in_block(int offset, int length) const;
 
     Event_list _events;
     short _module_value = 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/data_stream/Data_stream.h"
+#include "glue/diner/waiter_ref.h"
 #include "util/api.h"
 
 class module_man;
@@ -34,8 +35,8 @@ private:
     void post(waiter_descriptor* w, int code) const;
 
     unsigned short _module_id = 0;
-    waiter_descriptor* _rx_waiter = nullptr;
-    waiter_descriptor* _tx_waiter = nullptr;
+    waiter_ref<waiter_ref_base::stream> _rx_waiter;
+    waiter_ref<waiter_ref_base::stream> _tx_waiter;
     bool _rx_only_when_full = false;
     bool _tx_only_when_empty = false;
 };

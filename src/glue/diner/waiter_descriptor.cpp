@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/waiter_descriptor.h"
+#include "glue/diner/waiter_ref.h"
 #include "util/Debug_print.h"
 #include "util/tsan.h"
 #include <QCoreApplication>
@@ -12,6 +13,7 @@
 waiter_descriptor::waiter_descriptor() = default;
 
 waiter_descriptor::~waiter_descriptor() {
+    waiter_ref_base::detach_all(this);
     deinit();
     flush_events();
     _enabled = false;

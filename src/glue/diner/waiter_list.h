@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/diner/waiter_descriptor.h"
+#include "glue/diner/waiter_ref.h"
 #include "util/api.h"
 
 /// The waiters that a stream or a store notifies, at most 16, with the module id their events carry.
-/// No lock of its own: the owner calls every member under its lock. Waiters are not owned.
+/// No lock of its own: the owner calls every member under its lock. Waiters are not owned; one
+/// that dies while it is here leaves an empty place, see waiter_ref.
 class KAV_API waiter_list {
 public:
     static constexpr int max_waiters = 16;
@@ -22,5 +24,5 @@ public:
 private:
     short _module_id = 0;
     int _count = 0;
-    waiter_descriptor* _waiters[max_waiters] = {};
+    waiter_ref<waiter_ref_base::stream> _waiters[max_waiters];
 };
