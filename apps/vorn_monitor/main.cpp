@@ -22,6 +22,7 @@
 #include <getopt.h>
 #include <poll.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,6 +33,7 @@ const char usage[] = "usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--sta
                      "       vorn_monitor FILE [--csv] [--stats] [--plot SVG]\n"
                      "Print what a receiver says, one line per packet, until the file ends or Ctrl-C.\n"
                      "  -c, --comm  listen to a serial line; baud 300 to 460800 (9600), mode rs232 or rs485\n"
+                     "  --shared    do not keep other programs out of the line\n"
                      "  FILE        read a recorded file, - for standard input\n"
                      "  --csv       comma-separated form\n"
                      "  --stats     a summary on standard error at the end\n"
@@ -44,6 +46,7 @@ struct Options {
     std::string plot; ///< where to draw the track; empty: nowhere
     bool csv = false;
     bool stats = false;
+    bool shared = false; ///< other programs may use the line, too
 
     std::string device_path() const { return device.substr(0, device.find(':')); }
 };
@@ -71,11 +74,14 @@ void check_device(const std::string& device) {
 }
 
 Options parse(int argc, char** argv) {
-    enum { opt_csv = 256, opt_stats, opt_plot };
-    static const option longs[] = {
-        {"comm", required_argument, nullptr, 'c'},  {"csv", no_argument, nullptr, opt_csv},
-        {"stats", no_argument, nullptr, opt_stats}, {"plot", required_argument, nullptr, opt_plot},
-        {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0}};
+    enum { opt_csv = 256, opt_stats, opt_plot, opt_shared };
+    static const option longs[] = {{"comm", required_argument, nullptr, 'c'},
+                                   {"csv", no_argument, nullptr, opt_csv},
+                                   {"stats", no_argument, nullptr, opt_stats},
+                                   {"plot", required_argument, nullptr, opt_plot},
+                                   {"shared", no_argument, nullptr, opt_shared},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {nullptr, 0, nullptr, 0}};
     Options o;
     int sources = 0;
     for (int c; (c = getopt_long(argc, argv, "c:h", longs, nullptr)) != -1;) {
@@ -90,6 +96,9 @@ Options parse(int argc, char** argv) {
             break;
         case opt_stats:
             o.stats = true;
+            break;
+        case opt_shared:
+            o.shared = true;
             break;
         case opt_plot:
             o.plot = optarg;
@@ -259,10 +268,12 @@ private:
 };
 
 /// Why a device cannot be listened to; null when it can.
-const char* why_not(const std::string& path) {
+const char* why_not(const std::string& path, bool shared) {
+    const char* const taken = "another program uses it (--shared reads along)";
     const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return strerror(errno);
+    if (fd < 0) return errno == EBUSY ? taken : strerror(errno);
     const char* reason = isatty(fd) ? nullptr : "it is no serial line";
+    if (!reason && !shared && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) reason = taken;
     close(fd);
     return reason;
 }
@@ -277,12 +288,13 @@ bool hung_up(const Posix_threaded_data_stream& stream, const Stop_signals& stop,
 void monitor_device(const Options& o) {
     constexpr int retry_ms = 500;
     const std::string path = o.device_path();
-    if (const char* reason = why_not(path)) fail(1, "cannot open %s: %s", path.c_str(), reason);
+    if (const char* reason = why_not(path, o.shared)) fail(1, "cannot open %s: %s", path.c_str(), reason);
 
     const Stop_signals stop;
     Report report(o.csv);
     Posix_threaded_serial_data_stream stream;
     stream.set_open_failure_fatal(false);
+    stream.set_exclusive(!o.shared);
     {
         Listener listener(stream, report, path.c_str());
         listener.listen(Diner_info_list::get());
@@ -290,7 +302,7 @@ void monitor_device(const Options& o) {
             fail(1, "cannot set up %s", o.device.c_str());
         // A line that was pulled out comes back as another device of the same name.
         while (!stop.came(retry_ms)) {
-            if (listener.line_lost() && !why_not(path)) stream.open_from_args(o.device.c_str());
+            if (listener.line_lost() && !why_not(path, o.shared)) stream.open_from_args(o.device.c_str());
         }
         stream.close();
         if (!listener.finish()) {

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
@@ -59,7 +60,9 @@ TEST(vorn_monitor, draws_the_positions_that_it_met_save_absurd_ones) {
 }
 
 TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
-    const Pty no_transceiver;
+    const Pty no_transceiver, taken;
+    const int other = open(taken.path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
     const std::pair<Arguments, std::string> rows[] = {
         {{}, "2 give one device with -c, or one file (try --help)"},
         {{"--frob"}, "2 unrecognized option '--frob'"},
@@ -68,6 +71,8 @@ TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
         {{"-c", "/dev/null:9600:rs422"}, "2 wrong mode rs422 (rs232 or rs485)"},
         {{"-c", "/dev/null"}, "1 cannot open /dev/null: it is no serial line"},
         {{"-c", no_transceiver.path + "::rs485"}, "1 cannot set up " + no_transceiver.path + "::rs485"},
+        {{"-c", taken.path}, "1 cannot open " + taken.path + ": another program uses it (--shared reads along)"},
+        {{"-c", taken.path + "::rs485", "--shared"}, "1 cannot set up " + taken.path + "::rs485"},
         {{"/none"}, "1 cannot open /none: No such file or directory"},
         {{"/"}, "1 cannot read /: it is a directory"},
         {{"/proc/self/mem"}, "1 cannot read /proc/self/mem: Input/output error"},
@@ -77,6 +82,7 @@ TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
         r.err.erase(0, r.err.find(": ") + 2); // the program's name
         EXPECT_EQ(r.end() + r.out, end + "\n");
     }
+    close(other);
 }
 
 TEST(vorn_monitor, fails_when_its_output_does_and_keeps_it_from_what_it_opens) {

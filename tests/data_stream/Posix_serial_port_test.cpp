@@ -2,6 +2,7 @@
 // A line of this program's own making: pseudo-terminals have no modem lines and keep neither sizes nor parity, so the
 // calls that reach a driver end here.
 #include "glue/data_stream/Posix_serial_port.h"
+#include "support/capture.h"
 #include "util/api.h"
 #include <cerrno>
 #include <cstdarg>
@@ -183,7 +184,11 @@ TEST_F(Serial_port, device_arguments_keep_empty_fields_and_switch_the_transceive
         line = Line();
         line.modem = modem;
         Port p;
-        EXPECT_TRUE(p.open_from_args(arguments.c_str()) && p.opened == path && p.get_baudRate() == baud) << arguments;
+        const std::string said = debug_text([&, &arguments = arguments] { p.open_from_args(arguments.c_str()); });
+        EXPECT_TRUE(p.opened == path && p.get_baudRate() == baud) << arguments;
+        EXPECT_EQ(said, baud == 300     ? "d: no speed abc, 300 bit/s are set\n"
+                        : baud == 57600 ? "d: no speed 50000, 57600 bit/s are set\n"
+                                        : "");
         EXPECT_EQ(written, line.modem_written) << arguments;
     }
 }

@@ -118,6 +118,7 @@ TEST(Serial_stream, is_a_line_at_the_speed_of_its_argument) {
     Temporary_folder dir;
     const std::string file = dir.file("f");
     EXPECT_FALSE(s.open(file.c_str(), true, true, false) || s.initialised()) << "no line, but open";
+    EXPECT_NE(err.text().find(file + " is no serial line: Inappropriate ioctl for device\n"), std::string::npos);
     EXPECT_TRUE(s.get_fd() >= 0 && s.init_commander(c) && !c.send_break(0));
     EXPECT_TRUE(s.open_write(file.c_str(), false, true, false) && s.get_fd() == -1) << "two descriptors are no line";
 }
@@ -180,6 +181,36 @@ protected:
     const std::string file = dir.file("f"), loop = dir.file("loop"); ///< what is written to the loop comes back
     Serial s;
 };
+
+template <class Serial_stream>
+void expect_claims() {
+    const Pty pty;
+    const int other = ::open(pty.path.c_str(), O_RDWR | O_NOCTTY);
+    const auto exclusive = [&] {
+        int on = -1;
+        return ioctl(other, TIOCGEXCL, &on) == 0 && on == 1;
+    };
+    Capture err(stderr);
+    {
+        Serial_stream first, second, modest;
+        first.set_exclusive(true);
+        second.set_exclusive(true);
+        EXPECT_TRUE(first.open_default(pty.path.c_str()) && exclusive());
+        EXPECT_FALSE(second.open_default(pty.path.c_str()));
+        EXPECT_TRUE(second.get_fd() < 0 && put(second, "x") == failed) << "it does not read what is another's";
+        EXPECT_TRUE(first.close() && !exclusive() && second.open_default(pty.path.c_str()));
+        EXPECT_TRUE(exclusive() && second.close() && modest.open_default(pty.path.c_str()) && !exclusive());
+        EXPECT_TRUE(modest.close() && first.open_default(pty.path.c_str()));
+    }
+    EXPECT_FALSE(exclusive()) << "closed by its end";
+    EXPECT_NE(err.text().find(pty.path + " is in use by another program\n"), std::string::npos);
+    ::close(other);
+}
+
+TEST(Serial_streams, keep_others_out_of_a_line_that_they_claim) {
+    expect_claims<Posix_serial_data_stream>();
+    expect_claims<Posix_threaded_serial_data_stream>();
+}
 
 TEST_F(Threaded_stream, wakes_each_waiter_never_fetches_itself_and_counts_what_the_buffer_cannot_hold) {
     Waiter other(mm);

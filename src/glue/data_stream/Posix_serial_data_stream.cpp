@@ -8,7 +8,7 @@ Posix_serial_data_stream::Posix_serial_data_stream(char const* args) {
     set_name("DSPosSer(%p, %s)", static_cast<void*>(this), args);
 }
 
-Posix_serial_data_stream::~Posix_serial_data_stream() = default;
+Posix_serial_data_stream::~Posix_serial_data_stream() { release_claim(); }
 
 bool Posix_serial_data_stream::open(char const* path, bool create, bool blocking, bool append) {
     close();
@@ -17,12 +17,16 @@ bool Posix_serial_data_stream::open(char const* path, bool create, bool blocking
         return false;
     }
     set_name("DSPosSer(%p, %s)", static_cast<void*>(this), path);
-    return init();
+    bool claimed;
+    const bool ok = init_opened(path, claimed);
+    if (!claimed) close();
+    return ok;
 }
 
 bool Posix_serial_data_stream::open_default(char const* path) { return open(path, false, true, false); }
 
 bool Posix_serial_data_stream::close() {
+    release_claim();
     const bool closed = Posix_data_stream::close();
     deinit();
     set_name("DSPosSer(%p)", static_cast<void*>(this));

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "glue/data_stream/Posix_serial_port.h"
+#include "util/Debug_print.h"
 #include "util/number_text.h"
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <new>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 
@@ -104,6 +107,25 @@ void Posix_serial_port::deinit() {
     _saved.reset();
 }
 
+bool Posix_serial_port::init_opened(char const* path, bool& claimed) {
+    // What has no locks, or no exclusive mode, is opened all the same.
+    claimed = !_exclusive || flock(get_fd(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+    if (!claimed) {
+        Debug_print::dprint("%s is in use by another program\n", path);
+        return false;
+    }
+    _has_claim = _exclusive && ioctl(get_fd(), TIOCEXCL) == 0;
+    if (init()) return true;
+    Debug_print::dprint("%s is no serial line: %s\n", path, strerror(errno));
+    return false;
+}
+
+void Posix_serial_port::release_claim() {
+    // A pseudo-terminal would stay exclusive as long as its other end is open.
+    if (_has_claim && get_fd() >= 0) ioctl(get_fd(), TIOCNXCL);
+    _has_claim = false;
+}
+
 bool Posix_serial_port::restore() { return usable() && tcsetattr(get_fd(), TCSANOW, _saved.get()) == 0; }
 
 bool Posix_serial_port::write_settings() { return tcsetattr(get_fd(), TCSANOW, _current.get()) == 0; }
@@ -119,12 +141,20 @@ bool Posix_serial_port::open_from_args(char const* args) {
     for (char*& f : fields) f = strsep(&rest, ":");
 
     if (!open_default(fields[device])) return false;
-    set_baud_rate(fields[speed] && *fields[speed] ? Util::to_long32(fields[speed]) : default_baud_rate);
+    set_speed(fields[device], fields[speed]);
     const auto is_mode = [&](char const* name) { return fields[mode] && strncmp(fields[mode], name, 5) == 0; };
     // Written even if it reads the same: not every driver reports this switch.
     if (is_mode("rs485")) return write_lines(line_rs485, line_rs485, false);
     if (is_mode("rs232")) return write_lines(line_rs485, 0, false);
     return true;
+}
+
+/// Set the speed that a device argument gives, and tell when the line has another one then.
+void Posix_serial_port::set_speed(char const* device, char const* text) {
+    char const* end = "";
+    const long wanted = text && *text ? Util::to_long32(text, 10, &end) : default_baud_rate;
+    if (!set_baud_rate(wanted) || (*end == 0 && get_baudRate() == wanted)) return;
+    Debug_print::dprint("%s: no speed %s, %ld bit/s are set\n", device, text, get_baudRate());
 }
 
 bool Posix_serial_port::set_baud_rate(long baud) {

@@ -78,9 +78,16 @@ public:
     bool restore();
 
     /// Open by a device argument "device[:baud[:mode]]", of which 256 characters count: device path, speed [bit/s]
-    /// (9600 when missing or empty), "rs485" or "rs232" (anything else leaves the transceiver as it is; text behind the
-    /// five characters is ignored). False when open_default() fails or the transceiver cannot be switched.
+    /// (9600 when missing or empty; a line on the debug output tells when it becomes another one), "rs485" or "rs232"
+    /// (anything else leaves the transceiver as it is; text behind the five characters is ignored). False when
+    /// open_default() fails or the transceiver cannot be switched.
     bool open_from_args(char const* args);
+
+    /// Whether an opening from now on claims the line for this program: false at first. Then opening fails, with a line
+    /// on the debug output, while another program has claimed it, and others cannot open it or are told so until it is
+    /// closed. The claim is a lock of the file (flock), which programs respect that ask for one, and the line's own
+    /// exclusive mode (TIOCEXCL), which keeps out all but those of the administrator.
+    void set_exclusive(bool on) { _exclusive = on; }
 
     /// A speed [bit/s] from 300 to 460800. Others become the next higher one that a line has, or 460800.
     bool set_baud_rate(long baud);
@@ -105,11 +112,20 @@ public:
 protected:
     ~Posix_serial_port();
 
+    /// After the opening of `path`: claim the line, if that is wanted, and init(). False with a line on the debug
+    /// output when another program has it, `claimed` is false then, or when it is no terminal.
+    bool init_opened(char const* path, bool& claimed);
+    /// Before the closing: give up what was claimed.
+    void release_claim();
+
 private:
     bool usable() const { return initialised() && get_fd() >= 0; }
+    void set_speed(char const* device, char const* text);
     bool write_settings();
     bool write_lines(int mask, int value, bool only_changes);
 
     std::unique_ptr<struct termios> _current; ///< null while not initialised
     std::unique_ptr<struct termios> _saved;   ///< the line as init() found it
+    bool _exclusive = false;
+    bool _has_claim = false;
 };

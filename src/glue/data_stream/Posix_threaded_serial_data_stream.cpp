@@ -23,7 +23,10 @@ bool Posix_threaded_serial_data_stream::open(char const* path) {
     close();
     if (!Posix_threaded_data_stream::open(path, false, false)) return false;
     set_name("DSPosTSer(%p, %s)", static_cast<void*>(this), path);
-    return init();
+    bool claimed;
+    const bool ok = init_opened(path, claimed);
+    if (!claimed) close();
+    return ok;
 }
 
 bool Posix_threaded_serial_data_stream::open_default(char const* path) {
@@ -33,6 +36,7 @@ bool Posix_threaded_serial_data_stream::open_default(char const* path) {
 }
 
 bool Posix_threaded_serial_data_stream::close() {
+    release_claim();
     const bool closed = Posix_threaded_data_stream::close();
     deinit();
     set_name("DSPosTSer(%p)", static_cast<void*>(this));
