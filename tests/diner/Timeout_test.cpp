@@ -73,7 +73,12 @@ TEST_F(Timeouts, show_in_their_node_that_they_are_in_a_list) {
     EXPECT_TRUE(manager.expired_timeout(pass) == &t[1] && refused(t[0])) << "left to the next pass";
     EXPECT_TRUE(!manager.expired_timeout(pass) && manager.next_timeout() == &t[0] && refused(t[0]));
     manager.remove_timeout(t[0]);
-    EXPECT_TRUE(!t[0].in_tree() && other.insert(&t[0]) == 0 && other.remove(&t[0]) == 0);
+    EXPECT_TRUE(!t[0].in_tree() && other.insert(&t[0]) == 0);
+    const std::string line = "Failed to remove timeout, did client get right Diner?\n";
+    EXPECT_EQ(debug_text([&] { EXPECT_EQ(submit(t[0], 0) + manager.remove_timeout(t[0]), -2); }), line + line);
+    for (const auto& misuse : {std::function<void()>([&] { t[0] = Atime::now(); }), {[&] { t[0].~Timeout(); }}})
+        EXPECT_EQ(run_child(misuse).signal, SIGABRT) << "in the other tree";
+    EXPECT_TRUE(other.first() == &t[0] && other.integrity() == 0 && other.remove(&t[0]) == 0);
     manager.terminate();
     for (Timeout& x : many) ASSERT_FALSE(x.in_tree());
 }

@@ -24,7 +24,7 @@ Timeout::Timeout(const Timeout& o) : avl_bsnode(), expiry(o.expiry), uid(o.uid),
 
 Timeout& Timeout::operator=(const Atime& when) {
     if (in_list()) {
-        Debug_print::dprint("Tried to change timeout time while in a list\n");
+        Debug_print::try_print("Tried to change timeout time while in a list\n");
         Util::assertion_failed("!in_list()", source, 85, "Timeout& Timeout::operator=(const Atime&)");
     }
     expiry = when;
@@ -33,7 +33,7 @@ Timeout& Timeout::operator=(const Atime& when) {
 
 Timeout& Timeout::operator=(const Timeout& o) {
     if (in_list()) {
-        Debug_print::dprint("Tried to copy over timeout while in a list\n");
+        Debug_print::try_print("Tried to copy over timeout while in a list\n");
         Util::assertion_failed("!in_list()", source, 75, "Timeout& Timeout::operator=(const Timeout&)");
     }
     expiry = o.expiry;
@@ -50,8 +50,8 @@ Timeout::~Timeout() {
     }
     // Without a diner it may be one that is just being dropped by a stopping diner: let that end before judging.
     Timeout_manager* holder = _holder.load(std::memory_order_acquire);
-    if (!holder || !holder->holds(*this)) return;
-    Debug_print::dprint("Tried to destruct timeout while in a list\n");
+    if (holder ? !holder->holds(*this) : !in_tree()) return;
+    Debug_print::try_print("Tried to destruct timeout while in a list\n");
     Util::assertion_failed("!in_list()", source, 66, "Timeout::~Timeout()");
 }
 

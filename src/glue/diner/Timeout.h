@@ -48,7 +48,8 @@ public:
 private:
     friend class Timeout_manager;
     friend class Timeout_list;
-    bool in_list() const { return _holder.load(std::memory_order_acquire) != nullptr; }
+    /// Also when another owner's tree has it. Without a manager its links are at rest, else they are not looked at.
+    bool in_list() const { return _holder.load(std::memory_order_acquire) || in_tree(); }
 
     /// The manager that has it. Unlike the tree links it also stands while the manager moves the timeout from one place
     /// to another, and clearing it is the manager's last access: the owner's thread may look at it without a lock.

@@ -95,7 +95,7 @@ bool Timeout_manager::internal_remove(Timeout& t) {
 bool Timeout_manager::set_free(Timeout& t) {
     if (&t == cur_expired_timeout) cur_expired_timeout = nullptr;
     const Timeout_manager* holder = t._holder.load(std::memory_order_relaxed);
-    if (!holder) return true;
+    if (!holder) return !t.in_tree(); // or somebody else's tree has it
     if (holder != this || !take_out(t)) return false;
     t._holder.store(nullptr, std::memory_order_release);
     return true;

@@ -23,10 +23,10 @@ public:
 
     /// Make `t` pending, at `*when` if given. A periodic timeout whose expiry lies a period or more in the past becomes
     /// due now. `owner`, if given, becomes the timeout's diner in the same step, also when the result is -1. 0; -1 when
-    /// it is in another manager's trees. O(1), and O(log n) once when its time comes
+    /// it is in another manager's trees, or in one of somebody else. O(1), and O(log n) once when its time comes
     int submit_timeout(Timeout& t, const Atime* when, Diner* owner = nullptr);
-    /// Make `t` free, with `unbind` also of its diner (also when the result is -1). 0; -1 when it is in another
-    /// manager's trees. O(log n), mostly O(1)
+    /// Make `t` free, with `unbind` also of its diner (also when the result is -1). 0; -1 when it is in another tree,
+    /// as above. O(log n), mostly O(1)
     int remove_timeout(Timeout& t, bool unbind = false);
     /// The earliest pending timeout, left in place; null when there is none.
     Timeout* next_timeout();
@@ -76,7 +76,7 @@ public:
 
     /// The earliest pending timeout; with `only_expired` only when due; with `take` moved to the handed-out ones.
     Timeout* get_timeout(bool only_expired, bool take);
-    /// Make `t` free; false, with a message, when it is in another manager's trees.
+    /// Make `t` free; false, with a message, when it is in another tree.
     bool internal_remove(Timeout& t);
     static int timeouts_compare(const Timeout* a, const Timeout* b);
     /// Both lists on the debug output when category 50 is on. Holds the mutex meanwhile: a debug output that blocks
