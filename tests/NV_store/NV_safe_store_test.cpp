@@ -5,6 +5,7 @@
 #include "NV_store/Settings_fixture.h"
 #include "glue/NV_store/NV_safe_store.h"
 #include "glue/NV_store/NV_text.h"
+#include "glue/data_stream/File_checksummed_data_stream.h"
 #include "support/Temporary_folder.h"
 #include "support/capture.h"
 #include <cerrno>
@@ -363,6 +364,18 @@ TEST_F(Safe_store, Any_text_verifies_as_a_checksummed_file) {
             ASSERT_EQ(save_checksummed(path.c_str(), text), Safe_result::saved) << n << ' ' << zero;
             ASSERT_EQ(load_checksummed(path.c_str(), loaded), Safe_result::loaded);
             EXPECT_EQ(loaded, text + std::string(loaded.size() - n, '\n'));
+        }
+    }
+    for (const size_t n : {10, 510}) { // whatever the stream reads is good here too
+        for (const char* behind : {"", "\n", "\r\n  ", "12345"}) {
+            save_checksummed(path.c_str(), std::string(n, 'x'));
+            std::string bytes = read_file(path);
+            for (size_t i = n + 8; i < bytes.size(); ++i) bytes[i] = static_cast<char>(tolower(bytes[i]));
+            write_file(path, bytes + behind);
+            const bool good = File_checksummed_data_stream().open_read(path.c_str());
+            EXPECT_EQ(good, strlen(behind) < 5) << n << behind;
+            EXPECT_EQ(load_checksummed(path.c_str(), loaded), good ? Safe_result::loaded : Safe_result::fell_back);
+            EXPECT_EQ(loaded, std::string(n, 'x'));
         }
     }
 }

@@ -404,23 +404,29 @@ static std::string trailer_of(const char* bytes, size_t n) {
     return trailer;
 }
 
-constexpr size_t trailer_size = 16;
-
-/// What the checksummed file stream finds, without a second look at the medium, which may fail for another reason.
-static bool verifies(const std::string& bytes) {
-    constexpr size_t chunk = File_checksummed_data_stream::chunk;
-    if (bytes.size() < trailer_size) return false;
-    const size_t n = bytes.size() - trailer_size;
-    if (n >= 4 && bytes.find('\0', n - 4) != std::string::npos) return false;
+/// The length of the payload that the checksummed file stream finds, none when it refuses the file: without a second
+/// look at the medium, which may fail for another reason.
+static std::optional<size_t> payload_of(const std::string& bytes) {
+    using Stream = File_checksummed_data_stream;
+    const auto size = static_cast<int>(bytes.size());
+    if (size < Stream::least_size) return {};
+    const int tail_at = size - Stream::tail_size(size);
+    int end;
+    uint32_t stored;
+    if (!Stream::find_trailer(bytes.c_str() + tail_at, end, stored)) return {};
+    const int n = std::max(0, tail_at + end);
     // The last chunk runs into the trailer.
-    const size_t covered = n <= chunk ? n : std::min(bytes.size(), (n + chunk - 1) / chunk * chunk);
-    return bytes.compare(n, trailer_size, trailer_of(bytes.data(), covered)) == 0;
+    const int covered =
+        n <= Stream::chunk ? n : std::min(size, (n + Stream::chunk - 1) / Stream::chunk * Stream::chunk);
+    if (stored != static_cast<uint32_t>(Util::crc32(Stream::seed, bytes.data(), covered))) return {};
+    return static_cast<size_t>(n);
 }
 
 Safe_text::Safe_text(const char* path)
     : _file(path, [this](std::string& bytes) {
-        if (!verifies(bytes)) return false;
-        bytes.resize(bytes.size() - trailer_size);
+        const std::optional<size_t> length = payload_of(bytes);
+        if (!length) return false;
+        bytes.resize(*length);
         _text = std::move(bytes);
         return true;
     }) {}

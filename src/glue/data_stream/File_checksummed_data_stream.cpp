@@ -13,10 +13,6 @@ char const* const File_checksummed_data_stream::crc32_head = "\nCRC32=";
 
 namespace {
 
-constexpr int digits = 8;
-constexpr int head_size = 7 + digits; // [bytes] the head and its digits
-constexpr int slack = 5;              // [bytes] looked at in front of them: the separating LF and stray bytes behind
-
 /// Hexadecimal text as the C library reads "%x"; more digits than 32 bits hold give the largest value, as on the board.
 bool parse_hex(char const* text, uint32_t& value) {
     char* end;
@@ -59,7 +55,7 @@ bool File_checksummed_data_stream::close_write() {
         return false;
     }
     if (!ferror(_write_file)) {
-        char trailer[1 + head_size + 1];
+        char trailer[1 + least_size + 1];
         const int n = snprintf(trailer, sizeof trailer, "\n%s%08X", crc32_head, static_cast<unsigned>(_crc));
         if (fwrite(trailer, static_cast<size_t>(n), 1, _write_file) != 1)
             Debug_print::dprint("CRCFILE failed to write CRC32!\n");
@@ -97,7 +93,7 @@ bool File_checksummed_data_stream::verify(char const* path) {
     struct stat infile_stat;
     if (fstat(fileno(_read_file), &infile_stat) != 0) return false;
     uint32_t stored;
-    if (!find_trailer(path, infile_stat.st_size, stored)) return false;
+    if (!read_trailer(path, infile_stat.st_size, stored)) return false;
     if (infile_stat.st_size - read_crc32_seek_off <= 0)
         Util::assertion_failed("infile_stat.st_size - read_crc32_seek_off > 0",
                                "glue/data_stream/File_checksummed_data_stream", 1,
@@ -111,13 +107,20 @@ bool File_checksummed_data_stream::verify(char const* path) {
     return true;
 }
 
+bool File_checksummed_data_stream::find_trailer(char const* tail, int& payload_end, uint32_t& stored) {
+    char const* const head = strstr(tail, crc32_head);
+    if (!head || !parse_hex(head + strlen(crc32_head), stored)) return false;
+    payload_end = static_cast<int>(head - tail) - 1;
+    return true;
+}
+
 /// Find where the payload ends and what checksum the trailer holds.
-bool File_checksummed_data_stream::find_trailer(char const* path, int64_t size, uint32_t& stored) {
-    if (size < head_size) {
+bool File_checksummed_data_stream::read_trailer(char const* path, int64_t size, uint32_t& stored) {
+    if (size < least_size) {
         Debug_print::dprint("Empty or truncated checksummed file [%s]\n", path);
         return false;
     }
-    const int tail = size < head_size + slack ? head_size : head_size + slack;
+    const int tail = tail_size(size);
     int64_t tail_at = -1;
     if (size > INT32_MAX)
         errno = EFBIG;
@@ -127,19 +130,18 @@ bool File_checksummed_data_stream::find_trailer(char const* path, int64_t size, 
         Debug_print::dprint("CRC32 seek failed in checksummed file [%s]: %s\n", path, strerror(errno));
         return false;
     }
-    char text[head_size + 16] = {};
+    char text[least_size + 16] = {};
     if (fread(text, static_cast<size_t>(tail), 1, _read_file) != 1) {
         if (!ferror(_read_file)) errno = ENODATA; // somebody cuts it
         Debug_print::dprint("Short read while seeking CRC32 in checksummed file [%s]: %s\n", path, strerror(errno));
         return false;
     }
-    // A text search: it ends at a zero byte, so a payload that ends in one is refused.
-    char const* const head = strstr(text, crc32_head);
-    if (!head || !parse_hex(head + strlen(crc32_head), stored)) {
+    int payload_end;
+    if (!find_trailer(text, payload_end, stored)) { // a payload with a zero at its end is refused, too
         Debug_print::dprint("Failure while reading CRC32 in checksummed file [%s]\n", path);
         return false;
     }
-    read_crc32_seek_off = static_cast<int32_t>(tail_at + (head - text) - 1);
+    read_crc32_seek_off = static_cast<int32_t>(tail_at + payload_end);
     return true;
 }
 

@@ -20,6 +20,13 @@ public:
     static constexpr uint32_t seed = 0x5CA1AB1E; ///< what the checksum starts from
     static constexpr int chunk = 255;            ///< [bytes] verified at a time
     static char const* const crc32_head;         ///< "\nCRC32="
+    static constexpr int least_size = 15;        ///< [bytes] of a file that can hold a trailer
+
+    /// The end of a file of `size` [bytes] in which the trailer is looked for [bytes]: stray ones may follow it.
+    static int tail_size(int64_t size) { return size < least_size + slack ? least_size : least_size + slack; }
+    /// Find the trailer in such an end, which a zero follows: the place in it behind the payload (-1: there is not even
+    /// the LF) and the checksum. False when there is none. The search ends at a zero byte.
+    static bool find_trailer(char const* tail, int& payload_end, uint32_t& stored);
 
     File_checksummed_data_stream();
 
@@ -48,8 +55,9 @@ public:
     int32_t read_crc32_seek_off = 0;
 
 private:
+    static constexpr int slack = 5; ///< [bytes] the separating LF and stray bytes behind
     bool verify(char const* path);
-    bool find_trailer(char const* path, int64_t size, uint32_t& stored);
+    bool read_trailer(char const* path, int64_t size, uint32_t& stored);
     bool checksum_payload(char const* path, uint32_t& crc) const;
     void set_idle_name();
 };
