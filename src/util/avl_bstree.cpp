@@ -147,7 +147,7 @@ void avl_bsnode::linked_node_destroyed(const avl_bsnode* n) {
 #endif
 
 void Util::tree_misuse(const char* text) {
-    Debug_print::dprint("%s", text);
+    Debug_print::try_print("%s", text);
     exit(-154);
 }
 

@@ -1,4 +1,12 @@
 // SPDX-License-Identifier: MIT
+#include "glue/NV_store/NV_number.h"
+#include "glue/NV_store/NV_root.h"
+#include "glue/cds/CDS_remote.h"
+#include "glue/data_stream/File_data_stream.h"
+#include "glue/data_stream/PCFile_data_stream.h"
+#include "glue/diner/Timeout_manager.h"
+#include "platform/pcf_host.h"
+#include "support/Temporary_folder.h"
 #include "support/child.h"
 #include "util/Bugger.h"
 #include "util/Debug_base.h"
@@ -86,12 +94,30 @@ void use_pipe(bool full, bool read) {
 
 TEST(Debug_print, a_stalled_output_does_not_keep_the_process_from_its_end) {
     Mutex mutex;
+    Timeout t;
+    Timeout_manager manager; // its end makes the timeout free
+    manager.submit_timeout(t, nullptr);
+    NV_store::NV_root root(nullptr, 1, "root");
+    NV_store::NV_uint8 item(&root, 1, "item");
+    CDS::Remote::Send_buffer nobody(nullptr, 0, 0);
+    const Temporary_folder folder;
+    ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 50));
     const std::function<void()> ends[] = {
         [] { Util::flush_and_abort(); },
         [] { Bugger::report_bug("b"); },
         [] { Util::assertion_failed("a", "f", 1, "g"); },
         [&] { mutex.check(Mutex::status_mine); },
         [] { Debug_print::debug_file = stdout, Debug_print::try_print("t"), Util::flush_and_abort(); },
+        [&] { t = Atime::now(); },
+        [&] { t = Timeout(); },
+        [&] { t.set_diner(nullptr), t.~Timeout(); },
+        [&] { item.Data_item::serialise_structure(nobody, 0); },
+        [] {
+            PCFile_data_stream flash;
+            flash.open_write("f", 1), flash.__write(reinterpret_cast<const unsigned char*>(
+                                                        "more than fits into what is left there, and so on and on"),
+                                                    55);
+        },
     };
     const std::pair<const char*, void (*)()> stalls[] = {{"held", [] { hold(); }},
                                                          {"full", [] { use_pipe(true, true); }},
@@ -103,12 +129,24 @@ TEST(Debug_print, a_stalled_output_does_not_keep_the_process_from_its_end) {
             EXPECT_EQ(r.signal, SIGABRT) << name << " " << &end - ends << " " << r.status;
         }
     }
-    const auto die = [] { // the C library itself waits for the standard streams
-        Debug_print::set_debug_file("/dev/null");
-        hold({Debug_print::debug_file});
-        Debug_print::die("f", 1);
+    const std::pair<int, std::function<void()>> exits[] = {
+        {3358, [] { Debug_print::die("f", 1); }},
+        {-154, [] { Util::tree_misuse("m"); }},
+        {-133, [] { File_data_stream().open_read("/none/f"); }},
+        {-133, [] { File_data_stream().open_read(-1); }},
+        {-134, [] { File_data_stream().open_write("/none/f"); }},
+        {-119, [&] { NV_store::NV_uint8(&root, 1, "twin"); }},
+        {-155, [] { PCFile_data_stream().open_write("f", 1); }},
     };
-    EXPECT_EQ(run_child(die, 20).status, 3358 & 0xFF);
+    for (const auto& [status, end] : exits) {
+        const auto stalled = [end = &end] { // the C library itself waits for the standard streams
+            Debug_print::set_debug_file("/dev/null");
+            hold({Debug_print::debug_file});
+            (*end)();
+        };
+        EXPECT_EQ(run_child(stalled, 20).status, status & 0xFF) << &end;
+    }
+    Pcf_host::unmount();
 }
 
 std::string active() {

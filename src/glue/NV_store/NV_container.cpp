@@ -26,8 +26,9 @@ void NV_container::add_child(NV_item* child) {
     if (get_type() != item_container) {
         for (const NV_item& other : children) {
             if (other.get_id() != child->get_id()) continue;
-            Debug_print::dprint("Duplicate NV_store ID %s:%d %s:%d in %s\n", child->name,
-                                static_cast<int>(child->get_id()), other.name, static_cast<int>(other.get_id()), name);
+            Debug_print::try_print("Duplicate NV_store ID %s:%d %s:%d in %s\n", child->name,
+                                   static_cast<int>(child->get_id()), other.name, static_cast<int>(other.get_id()),
+                                   name);
             exit(-119);
         }
     }

@@ -27,6 +27,6 @@ Data_item::Data_item(unsigned short fixed_id) : id(fixed_id) {}
 void Data_item::_print(Debug::Dumper&) const {}
 
 void Data_item::serialise_structure(CDS::Remote::Send_buffer&, int) {
-    Debug_print::dprint("WHY CALL ME\n");
+    Debug_print::try_print("WHY CALL ME\n");
     Util::flush_and_abort();
 }

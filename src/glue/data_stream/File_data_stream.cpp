@@ -39,7 +39,7 @@ bool File_data_stream::open_read(char const* path) {
     set_read_file(nullptr);
     set_read_file(fopen(path, "rb"));
     if (!_read_file) {
-        Debug_print::dprint("Error opening file [%s]\n", path);
+        Debug_print::try_print("Error opening file [%s]\n", path);
         exit(exit_no_read);
     }
     set_name("DSFile(%p,%s, r)", static_cast<void*>(this), path);
@@ -50,7 +50,7 @@ bool File_data_stream::open_read(int fd) {
     set_read_file(nullptr);
     set_read_file(fdopen(fd, "rb"));
     if (!_read_file) {
-        Debug_print::dprint("Error opening fd [%i]\n", fd);
+        Debug_print::try_print("Error opening fd [%i]\n", fd);
         exit(exit_no_read);
     }
     set_name("DSFile(%p,%d, r)", static_cast<void*>(this), fd);
@@ -61,7 +61,7 @@ bool File_data_stream::open_write(char const* path) {
     set_write_file(nullptr); // first, so that what is flushed comes before what the new opening writes
     set_write_file(fopen(path, "a"));
     if (!_write_file) {
-        Debug_print::dprint("Error opening file [%s]\n", path);
+        Debug_print::try_print("Error opening file [%s]\n", path);
         exit(exit_no_write);
     }
     set_name("DSFile(%p,%s, w)", static_cast<void*>(this), path);

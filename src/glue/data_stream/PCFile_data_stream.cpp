@@ -51,7 +51,8 @@ PCFile_data_stream::PCFile_data_stream() { set_name("DSPCF(%p)", static_cast<voi
 
 PCFile_data_stream::~PCFile_data_stream() {
     if (!_read_open && !_write_open) return;
-    Debug_print::dprint(_read_open ? "Destruct while files are read open!!" : "Destruct while files are write open!!");
+    Debug_print::try_print(_read_open ? "Destruct while files are read open!!"
+                                      : "Destruct while files are write open!!");
     exit(-155);
 }
 
@@ -193,7 +194,7 @@ unsigned int PCFile_data_stream::_write(unsigned char const* data, unsigned int 
     if (!_write_open) return refused;
     if (n > pcf_info.free_bytes) {
         deliver(event_full);
-        Debug_print::dprint("PCF full\n");
+        Debug_print::try_print("PCF full\n");
         close_write();
         if (pcf_info.free_bytes > most_left_when_full) Util::flush_and_abort();
         return refused;
