@@ -21,7 +21,7 @@ const char usage[] = "usage: nv_dump FILE\n"
                      "  --help  this text\n"
                      "Status 0: all is well, 1: the file is damaged, 2: wrong arguments, or it cannot be read.\n";
 
-constexpr size_t most = 16 << 20; // [bytes]; no settings file comes near
+constexpr size_t max_size = 16 << 20; // [bytes]; no settings file comes near
 
 std::string read_arguments(int argc, char** argv) {
     const option known[] = {{"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
@@ -41,7 +41,7 @@ std::string read_all(const std::string& path) {
     char piece[4096];
     while (const size_t n = fread(piece, 1, sizeof piece, file)) {
         bytes.append(piece, n);
-        if (bytes.size() > most) fail(2, "%s is larger than any settings file", path.c_str());
+        if (bytes.size() > max_size) fail(2, "%s is larger than any settings file", path.c_str());
     }
     if (ferror(file)) fail(2, "cannot read %s: %s", path.c_str(), strerror(errno));
     if (file != stdin) fclose(file);

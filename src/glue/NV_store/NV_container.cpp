@@ -7,10 +7,30 @@
 #include "util/assertion.h"
 #include "util/number_text.h"
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 namespace NV_store {
+
+/// Keeps a checksum in an iterator's list on every way out of a function.
+class Checksum_scope {
+public:
+    explicit Checksum_scope(NV_iterator& it) : _it(it) { _it.add_checksum_getter(&_checksum); }
+    ~Checksum_scope() { finish(); }
+    Checksum_scope(const Checksum_scope&) = delete;
+    Checksum_scope& operator=(const Checksum_scope&) = delete;
+    /// Take it out of the list; the CRC so far.
+    uint32_t finish() {
+        if (_checksum.in_list()) _it.remove_checksum_getter(&_checksum);
+        return _checksum.crc;
+    }
+
+private:
+    NV_iterator& _it;
+    NV_iterator::NV_checksum _checksum;
+};
 
 NV_container::NV_container(NV_container* parent_container, NV_root* tree, unsigned short settings_id, const char* text)
     : NV_item(parent_container, settings_id, text), root(!tree && parent ? parent->get_root() : tree) {}
@@ -24,7 +44,7 @@ NV_container::~NV_container() { release_children(); }
 
 void NV_container::add_child(NV_item* child) {
     if (get_type() != item_container) {
-        for (const NV_item& other : children) {
+        for (const NV_item& other : _children) {
             if (other.get_id() != child->get_id()) continue;
             Debug_print::try_print("Duplicate NV_store ID %s:%d %s:%d in %s\n", child->name,
                                    static_cast<int>(child->get_id()), other.name, static_cast<int>(other.get_id()),
@@ -32,7 +52,7 @@ void NV_container::add_child(NV_item* child) {
             exit(-119);
         }
     }
-    children.push(child);
+    _children.push(child);
     child->parent = this;
     // A container under construction is none yet and takes its root itself.
     if (NV_container* container = child->as_container()) container->_set_root(root);
@@ -42,39 +62,39 @@ void NV_container::add_child(NV_item* child) {
 }
 
 void NV_container::remove_child(NV_item* child) {
-    if (children.remove(child) == 0) return;
+    if (_children.remove(child) == 0) return;
     child->parent = nullptr;
     if (root) child->leave_tree(*root);
 }
 
 void NV_container::release_children() {
-    while (NV_item* child = children.first()) remove_child(child);
+    while (NV_item* child = _children.first()) remove_child(child);
 }
 
 void NV_container::leave_tree(NV_root& tree) {
-    for (NV_item& child : children) child.leave_tree(tree);
+    for (NV_item& child : _children) child.leave_tree(tree);
     NV_item::leave_tree(tree);
     root = nullptr;
 }
 
 NV_item* NV_container::get_next_child(const NV_item* child) const {
-    return child ? children.next(child) : children.first();
+    return child ? _children.next(child) : _children.first();
 }
 
 NV_item* NV_container::get_next_in_tree(const NV_item* item) const {
     const NV_container* const container = const_cast<NV_item*>(item)->as_container();
-    if (container && container->children.first()) return container->children.first();
+    if (container && container->_children.first()) return container->_children.first();
     for (const NV_item* at = item; at && at != this; at = at->parent) {
-        if (NV_item* sibling = at->parent ? at->parent->children.next(at) : nullptr) return sibling;
+        if (NV_item* sibling = at->parent ? at->parent->_children.next(at) : nullptr) return sibling;
     }
     return nullptr;
 }
 
 NV_item* NV_container::find_child(unsigned short child_id, const NV_item* last) const {
-    for (NV_item* i = last ? children.next(last) : children.first(); i; i = children.next(i))
+    for (NV_item* i = last ? _children.next(last) : _children.first(); i; i = _children.next(i))
         if (i->get_id() == child_id) return i;
     if (!last) return nullptr;
-    for (NV_item& i : children) {
+    for (NV_item& i : _children) {
         if (i.get_id() == child_id) return &i;
         if (&i == last) break;
     }
@@ -83,7 +103,7 @@ NV_item* NV_container::find_child(unsigned short child_id, const NV_item* last) 
 
 int NV_container::get_my_index(const NV_item* child) const {
     int index = 0;
-    for (const NV_item& own : children) {
+    for (const NV_item& own : _children) {
         if (&own == child) return index;
         ++index;
     }
@@ -91,7 +111,7 @@ int NV_container::get_my_index(const NV_item* child) const {
 }
 
 NV_item* NV_container::operator[](int index) const {
-    NV_item* const ret = children[index];
+    NV_item* const ret = _children[index];
     if (!ret)
         Util::assertion_failed("ret != __null", "glue/NV_store/NV_container", 1,
                                "NV_store::NV_item* NV_store::NV_container::operator[](int) const");
@@ -101,7 +121,7 @@ NV_item* NV_container::operator[](int index) const {
 void NV_container::_set_root(NV_root* tree) {
     if (root && root != tree) leave_tree(*root);
     root = tree;
-    for (NV_item& child : children)
+    for (NV_item& child : _children)
         if (NV_container* container = child.as_container()) container->_set_root(tree);
 }
 
@@ -109,19 +129,19 @@ void NV_container::_set_root(NV_root* tree) {
 
 Data_item* NV_container::find_data_item(unsigned short data_id) {
     if (data_id == get_data_id()) return this;
-    for (NV_item& child : children)
+    for (NV_item& child : _children)
         if (Data_item* found = child.find_data_item(data_id)) return found;
     return nullptr;
 }
 
 NV_item* NV_container::_search(const char* path) {
-    constexpr size_t most = 256; // [characters] of a component that something follows
+    constexpr size_t max_length = 256; // [characters] of a component that something follows
     const char* const slash = strchr(path, '/');
     const char* const comma = slash ? nullptr : strchr(path, ',');
-    char first[most + 1];
+    char first[max_length + 1];
     const char* component = path;
     if (const char* const end = slash ? slash : comma) {
-        const size_t n = std::min(static_cast<size_t>(end - path), comma ? most - 1 : most);
+        const size_t n = std::min(static_cast<size_t>(end - path), comma ? max_length - 1 : max_length);
         memcpy(first, path, n);
         first[n] = 0;
         component = first;
@@ -134,7 +154,7 @@ NV_item* NV_container::_search(const char* path) {
         if (end == component || number >= static_cast<uint32_t>(num_children())) return nullptr;
         found = (*this)[static_cast<int>(number)];
     } else {
-        for (NV_item& child : children)
+        for (NV_item& child : _children)
             if (strcmp(child.name, component) == 0) {
                 found = &child;
                 break;
@@ -149,7 +169,7 @@ NV_item* NV_container::follow_path(const NV_path& path) {
         NV_container* const container = at->as_container();
         if (!container) return nullptr;
         at = nullptr;
-        for (NV_item& child : container->children)
+        for (NV_item& child : container->_children)
             if (child.get_id() == path[i]) {
                 at = &child;
                 break;
@@ -175,23 +195,23 @@ bool NV_container::build_path(NV_path* path, const NV_item* item) const {
 
 void NV_container::_print(Debug::Dumper& dumper) const {
     if (!dumper.start(name)) return;
-    for (const NV_item& child : children) child._print(dumper);
+    for (const NV_item& child : _children) child._print(dumper);
     dumper.end(name);
 }
 
 Data_item::Serial_ret NV_container::serialise(CDS::Remote::Send_buffer& out, unsigned short& start_id) {
     serial_action_started(start_id);
-    return walk_children(children, [&](NV_item& child) { return child.serialise(out, start_id); });
+    return walk_children(_children, [&](NV_item& child) { return child.serialise(out, start_id); });
 }
 
 Data_item::Serial_ret NV_container::deserialise(CDS::Remote::Receive_buffer& in, unsigned short& start_id) {
     serial_action_started(start_id);
-    return walk_children(children, [&](NV_item& child) { return child.deserialise(in, start_id); });
+    return walk_children(_children, [&](NV_item& child) { return child.deserialise(in, start_id); });
 }
 
 void NV_container::serialise_structure(CDS::Remote::Send_buffer& out, int depth) {
     NV_item::serialise_structure(out, depth);
-    describe_children(children, out, depth);
+    describe_children(_children, out, depth);
 }
 
 int NV_container::_to_string(char* buffer, int size) const {
@@ -202,7 +222,7 @@ int NV_container::_to_string(char* buffer, int size) const {
     };
     put('{');
     bool first = true;
-    for (const NV_item& child : children) {
+    for (const NV_item& child : _children) {
         if (!first) put(',');
         first = false;
         // A child tells how long its text is, which may be more than there was room for.
@@ -221,7 +241,7 @@ const char* NV_container::_from_string(const char* text) {
     if (*text != '{') return nullptr;
     ++text;
     bool first = true;
-    for (NV_item& child : children) {
+    for (NV_item& child : _children) {
         if (!first) {
             text = skip_blanks(text);
             if (*text != ',') return nullptr;
@@ -237,53 +257,51 @@ const char* NV_container::_from_string(const char* text) {
 
 bool NV_container::set_default(bool all) {
     if (!all) return true;
-    for (NV_item& child : children)
+    for (NV_item& child : _children)
         if (!child.set_default(true)) return false;
     return true;
 }
 
 bool NV_container::signal_all(NV_root* r) {
     bool all = true;
-    for (NV_item& child : children) all &= child.signal_all(r);
+    for (NV_item& child : _children) all &= child.signal_all(r);
     return NV_item::signal_all(r) && all;
 }
 
 // ---- stored records
+
+/// Report what went wrong, with this container's type and name behind it; false.
+bool NV_container::failed(const char* format, ...) const {
+    char what[96];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(what, sizeof what, format, arguments);
+    va_end(arguments);
+    Debug_print::dprint("%s for %d:%s\n", what, static_cast<int>(get_type()), name);
+    return false;
+}
 
 bool NV_container::serialise(NV_iterator* it) {
     bool valid;
     if (!wanted(*it, valid)) return valid;
     Checksum_scope checksum(*it);
     it->push_header(header(marker_start));
-    for (NV_item& child : children) {
-        if (child.serialise(it)) continue;
-        Debug_print::dprint("Serialise failed for %d:%s\n", static_cast<int>(get_type()), name);
-        return false;
-    }
-    if (!it->push_header(header(marker_end))) {
-        Debug_print::dprint("Serialise failed2 for %d:%s\n", static_cast<int>(get_type()), name);
-        return false;
-    }
+    for (NV_item& child : _children)
+        if (!child.serialise(it)) return failed("Serialise failed");
+    if (!it->push_header(header(marker_end))) return failed("Serialise failed2");
     it->push_uint32(checksum.finish());
     saved();
     return true;
 }
 
 bool NV_container::deserialise(NV_iterator* it) {
-    const int type = static_cast<int>(get_type());
     Checksum_scope checksum(*it);
     Record_header start;
-    if (!it->pop_header(start)) {
-        Debug_print::dprint("No NV settings for %d:%s\n", type, name);
-        return false;
-    }
+    if (!it->pop_header(start)) return failed("No NV settings");
     const Record_header own = header(marker_start);
-    if (!(start == own)) {
-        Debug_print::dprint("Bad NV settings %d!=%d %d!=%d %d!=%d for %d:%s\n", static_cast<int>(start.id),
-                            static_cast<int>(own.id), static_cast<int>(start.type_byte),
-                            static_cast<int>(own.type_byte), static_cast<int>(start.marker), 1, type, name);
-        return false;
-    }
+    if (!(start == own))
+        return failed("Bad NV settings %d!=%d %d!=%d %d!=%d", int{start.id}, int{own.id}, int{start.type_byte},
+                      int{own.type_byte}, int{start.marker}, 1);
     return load_children(*it) && finish_load(*it, checksum);
 }
 
@@ -292,10 +310,7 @@ bool NV_container::load_children(NV_iterator& it) {
     NV_item* last = nullptr;
     for (;;) {
         Record_header record;
-        if (!it.peek_header(record)) {
-            Debug_print::dprint("NV bad for %d:%s\n", static_cast<int>(get_type()), name);
-            return false;
-        }
+        if (!it.peek_header(record)) return failed("NV bad");
         if (record.marker == marker_end) return true;
         if (!load_record(it, record.id, last)) return false;
     }
@@ -304,24 +319,18 @@ bool NV_container::load_children(NV_iterator& it) {
 /// Every child with that identifier reads a record; without one it is skipped. Only lists have several.
 bool NV_container::load_record(NV_iterator& it, unsigned short record_id, NV_item*& last) {
     NV_item* const found = find_child(record_id, last);
-    if (!found) {
-        if (it.skip_record()) return true;
-        Debug_print::dprint("NV unknown child was bad for %d:%s\n", static_cast<int>(get_type()), name);
-        return false;
-    }
+    if (!found) return it.skip_record() || failed("NV unknown child was bad");
     if (get_type() != item_container) {
         last = found;
         return load_child(it, *found);
     }
-    for (NV_item& child : children)
+    for (NV_item& child : _children)
         if (child.get_id() == record_id && !load_child(it, child)) return false;
     return true;
 }
 
 bool NV_container::load_child(NV_iterator& it, NV_item& child) {
-    if (child.deserialise(&it)) return true;
-    Debug_print::dprint("NV child was bad for %d:%s\n", static_cast<int>(get_type()), name);
-    return false;
+    return child.deserialise(&it) || failed("NV child was bad");
 }
 
 bool NV_container::finish_load(NV_iterator& it, Checksum_scope& checksum) {
@@ -332,8 +341,7 @@ bool NV_container::finish_load(NV_iterator& it, Checksum_scope& checksum) {
     unsigned int stored = 0;
     // A CRC that was cut off is a wrong one.
     if (it.pop_uint32(stored) && stored == computed) return true;
-    Debug_print::dprint("NV_store CRC32 Check %u!=%u for %d:%s\n", static_cast<unsigned>(computed), stored,
-                        static_cast<int>(get_type()), name);
+    failed("NV_store CRC32 Check %u!=%u", static_cast<unsigned>(computed), stored);
     set_default(true);
     return false;
 }

@@ -6,6 +6,7 @@
 
 namespace NV_store {
 
+class Checksum_scope;
 class NV_path;
 
 /// A container of settings. Applications derive from it and hold their settings as members, which join it in
@@ -45,7 +46,7 @@ public:
     NV_item* find_child(unsigned short id, const NV_item* last) const;
     int get_my_index(const NV_item* child) const; ///< position, -1 when it is not here
     NV_item* operator[](int index) const;         ///< aborts when out of range
-    int num_children() const { return children.size(); }
+    int num_children() const { return _children.size(); }
     virtual bool children_named() const { return true; }
     /// The item at a path of settings identifiers, null when there is none.
     NV_item* follow_path(const NV_path& path);
@@ -80,6 +81,7 @@ public:
     bool signal_all(NV_root* r) override;
 
 protected:
+    [[gnu::format(printf, 2, 3)]] bool failed(const char* format, ...) const;
     bool load_children(NV_iterator& it);
     bool load_record(NV_iterator& it, unsigned short record_id, NV_item*& last);
     bool load_child(NV_iterator& it, NV_item& child);
@@ -88,7 +90,7 @@ protected:
     void release_children();
 
     NV_root* root;
-    c_sl_list<NV_item> children;
+    c_sl_list<NV_item> _children;
 };
 
 } // namespace NV_store

@@ -41,7 +41,7 @@ int open_flags(NV_iterator::modes_t mode) {
 
 } // namespace
 
-NV_file_iterator::NV_file_iterator(const char* path) : _path(path) {}
+NV_file_iterator::NV_file_iterator(const char* file) : path(file) {}
 
 NV_file_iterator::~NV_file_iterator() { set_mode(mode_closed); }
 
@@ -53,7 +53,7 @@ int NV_file_iterator::set_mode(modes_t m) {
         if (closed != 0) return closed;
     }
     if (m < mode_read || m > mode_journal_2) return 0;
-    descriptor = ::open(_path.c_str(), open_flags(m) | O_CLOEXEC, 0777);
+    descriptor = ::open(path.c_str(), open_flags(m) | O_CLOEXEC, 0777);
     if (descriptor < 0) return -1;
     mode = m;
     if (m == mode_write) transferred = 0;

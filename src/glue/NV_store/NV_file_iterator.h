@@ -12,7 +12,7 @@ class KAV_API NV_file_iterator : public NV_iterator {
 public:
     static constexpr unsigned int budget = 16384; ///< [bytes] what a settings file should stay below
 
-    explicit NV_file_iterator(const char* path);
+    explicit NV_file_iterator(const char* file);
     ~NV_file_iterator() override; ///< closes
 
     /// Close, and open for `m`: mode_write truncates the file, the journal modes append. 0 done; -1 when the file
@@ -32,7 +32,7 @@ public:
 
 private:
     int descriptor = -1;
-    std::string _path;
+    std::string path;
     unsigned int transferred = 0;
 };
 

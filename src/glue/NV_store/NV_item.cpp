@@ -100,42 +100,42 @@ bool NV_item::deserialise_unknown_handoff(NV_iterator* it) { return it->skip_rec
 
 void NV_item::register_waiter(waiter_descriptor* waiter, unsigned int value, bool skip_unforced) {
     const Tree_guard guard(*this);
-    waiters.add(NV_waiter_reg(waiter, value, skip_unforced));
+    _waiters.add(NV_waiter_reg(waiter, value, skip_unforced));
 }
 
 void NV_item::autoreg_waiter(waiter_descriptor* waiter, bool skip_unforced) {
     const Tree_guard guard(*this);
-    waiters.add(NV_waiter_reg(waiter, this, skip_unforced));
+    _waiters.add(NV_waiter_reg(waiter, this, skip_unforced));
 }
 
 void NV_item::register_access_waiter(waiter_descriptor* waiter, Access_base* access, bool skip_unforced) {
     const Tree_guard guard(*this);
-    waiters.add(NV_waiter_reg(waiter, access, skip_unforced));
+    _waiters.add(NV_waiter_reg(waiter, access, skip_unforced));
 }
 
 void NV_item::register_virt_access_waiter(waiter_descriptor* waiter, Virt_access* virt, bool skip_unforced) {
     const Tree_guard guard(*this);
-    waiters.add(NV_waiter_reg(waiter, virt, skip_unforced));
+    _waiters.add(NV_waiter_reg(waiter, virt, skip_unforced));
 }
 
 bool NV_item::unregister_waiter(waiter_descriptor* waiter, unsigned int value, bool skip_unforced) {
     const Tree_guard guard(*this);
-    return waiters.remove(NV_waiter_reg(waiter, value, skip_unforced));
+    return _waiters.remove(NV_waiter_reg(waiter, value, skip_unforced));
 }
 
 bool NV_item::autounreg_waiter(waiter_descriptor* waiter, bool skip_unforced) {
     const Tree_guard guard(*this);
-    return waiters.remove(NV_waiter_reg(waiter, this, skip_unforced));
+    return _waiters.remove(NV_waiter_reg(waiter, this, skip_unforced));
 }
 
 bool NV_item::unregister_access_waiter(waiter_descriptor* waiter, Access_base* access, bool skip_unforced) {
     const Tree_guard guard(*this);
-    return waiters.remove(NV_waiter_reg(waiter, access, skip_unforced));
+    return _waiters.remove(NV_waiter_reg(waiter, access, skip_unforced));
 }
 
 bool NV_item::unregister_virt_access_waiter(waiter_descriptor* waiter, Virt_access* virt, bool skip_unforced) {
     const Tree_guard guard(*this);
-    return waiters.remove(NV_waiter_reg(waiter, virt, skip_unforced));
+    return _waiters.remove(NV_waiter_reg(waiter, virt, skip_unforced));
 }
 
 bool NV_item::is_event(const waiter_event& e) const {
@@ -156,9 +156,9 @@ bool NV_item::notify_updated(bool changed, bool mark, bool force, notify_t how, 
         if (mark) flags = static_cast<unsigned char>(flags | changed_for_journal_1);
     }
     bool sent = true;
-    if ((how & notify_waiters) && !waiters.empty()) {
+    if ((how & notify_waiters) && !_waiters.empty()) {
         const Tree_guard guard(*this);
-        sent = waiters.notify_updated(root, force);
+        sent = _waiters.notify_updated(root, force);
     }
     if (changed && update_listener) update_listener->updated(1);
     if ((how & notify_parents) && get_type() != item_root && parent && sent)

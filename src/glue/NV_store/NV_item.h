@@ -12,7 +12,7 @@ class NV_container;
 class NV_pointer;
 class NV_root;
 
-/// Who is told of a change.
+/// Who is notified of a change.
 enum notify_t {
     notify_none = 0,
     notify_parents = 1, ///< the containers above, up to the root
@@ -22,14 +22,14 @@ enum notify_t {
 
 /// A node of the settings tree: a container or a value.
 ///
-/// Each item has two identifiers that must not be mixed up: the settings identifier (get_id()), unique among its
-/// siblings, which stands in stored images for ever, and the one of its Data_item part (get_data_id()), which holds for
-/// this process and the remote format.
+/// Each item has two identifiers that must not be mixed up. The settings identifier (get_id()), unique among its
+/// siblings, stands in stored images for ever. The one of its Data_item part (get_data_id()) holds for this process and
+/// the remote format.
 ///
 /// One lock guards a tree, the root's. The caller holds it around set, get, save and load when several threads use the
-/// tree; registrations take it unless the caller holds it already, and so does a notification for an item (and for each
-/// container above it) that has registrations: where nobody is registered, a change takes no lock. The Qt signal and
-/// the update listener are called without it being taken here.
+/// tree. Registrations take it unless the caller holds it already. So does a notification, at the item and at each
+/// container above it where somebody is registered; where nobody is, a change takes no lock. The Qt signal and the
+/// update listener are called without it being taken here.
 ///
 /// An item may outlive its parent and its tree: it is without them then, and its value stays.
 class KAV_API NV_item : public QObject, public Data_item {
@@ -70,7 +70,7 @@ public:
     /// Set from text: the position behind what was read, or null.
     virtual const char* _from_string(const char* text) = 0;
     virtual bool set_default(bool all) = 0;
-    /// Tell all waiters here and below, as if everything had changed; nothing becomes changed.
+    /// Notify all waiters here and below, as if everything had changed; nothing becomes changed.
     virtual bool signal_all(NV_root* root);
     /// The item at a path below this one, null when there is none. The empty path leads nowhere.
     virtual NV_item* _search(const char* path);
@@ -85,7 +85,7 @@ public:
     unsigned short get_id() const { return id; }                 ///< settings identifier
     unsigned short get_data_id() const { return Data_item::id; } ///< process-wide identifier
     unsigned char get_flags() const { return flags; }
-    /// Set and clear flags without telling anybody: what a save that failed afterwards had cleared, or what a list
+    /// Set and clear flags without notifying anybody: what a save that failed afterwards had cleared, or what a list
     /// needs to be saved whole.
     void change_flags(int set, int clear) { flags = static_cast<unsigned char>((flags | set) & ~clear); }
     NV_container* get_parent() const { return parent; }
@@ -95,7 +95,7 @@ public:
     void lock() const; ///< the tree's lock; nothing without a root
     void unlock() const;
 
-    /// Have `waiter` told when this item changes; see Reg_type for what the events carry. The waiter outlives the
+    /// Have `waiter` notified when this item changes; see Reg_type for what the events carry. The waiter outlives the
     /// registration.
     void register_waiter(waiter_descriptor* waiter, unsigned int value, bool skip_unforced);
     void autoreg_waiter(waiter_descriptor* waiter, bool skip_unforced);
@@ -109,7 +109,7 @@ public:
     /// Whether an event comes from autoreg_waiter() on this item.
     bool is_event(const waiter_event& e) const;
 
-    /// Note a change and tell who is to be told: true when every post succeeded. A failed post keeps the containers
+    /// Note a change and notify whom it concerns: true when every post succeeded. A failed post keeps the containers
     /// above from learning of the change, so that a journal leaves it out: write a complete image after one.
     bool notify_updated(bool changed, bool mark, bool force, notify_t how, const NV_root* root);
     bool notify_updated(bool changed, notify_t how);
@@ -133,7 +133,7 @@ protected:
 
     unsigned char flags = not_loaded;
     const char* name;
-    NV_waiter_list waiters;
+    NV_waiter_list _waiters;
     NV_container* parent;
     const unsigned short id;
 };

@@ -59,7 +59,7 @@ void NV_iterator::sum_unseen() {
 }
 
 void NV_iterator::pass_checksum_bytes(const unsigned char* data, int n) {
-    if (!keeps_bytes) return sum(data, n, 1);
+    if (!_keeps_bytes) return sum(data, n, 1);
     _unseen += n;
     ++_unseen_chunks;
 }

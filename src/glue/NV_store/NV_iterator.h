@@ -89,11 +89,11 @@ public:
     modes_t mode = mode_closed;
 
 protected:
-    /// The last `n` bytes that passed, for an iterator that keeps them in one piece and has `keeps_bytes` set: its
+    /// The last `n` bytes that passed, for an iterator that keeps them in one piece and has `_keeps_bytes` set: its
     /// checksums see many small chunks as one, which takes a fraction of the time. They are up to date only when they
     /// have been taken out.
     virtual const unsigned char* last_passed(int n) const;
-    bool keeps_bytes = false;
+    bool _keeps_bytes = false;
 
 private:
     void sum(const unsigned char* data, int n, uint32_t chunks);
@@ -101,24 +101,6 @@ private:
 
     int _unseen = 0; ///< [bytes] that passed and no checksum has seen
     uint32_t _unseen_chunks = 0;
-};
-
-/// Keeps a checksum in an iterator's list on every way out of a function.
-class Checksum_scope {
-public:
-    explicit Checksum_scope(NV_iterator& it) : _it(it) { _it.add_checksum_getter(&checksum); }
-    ~Checksum_scope() { finish(); }
-    Checksum_scope(const Checksum_scope&) = delete;
-    Checksum_scope& operator=(const Checksum_scope&) = delete;
-    /// Take it out of the list; the CRC so far.
-    uint32_t finish() {
-        if (checksum.in_list()) _it.remove_checksum_getter(&checksum);
-        return checksum.crc;
-    }
-
-private:
-    NV_iterator& _it;
-    NV_iterator::NV_checksum checksum;
 };
 
 } // namespace NV_store

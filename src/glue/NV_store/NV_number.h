@@ -14,10 +14,10 @@ public:
         : NV_item(container, settings_id, text), _value(default_value), _default(default_value) {}
 
     T get() const { return _value; } ///< 64-bit values on the board: under lock() when another thread may set them
-    /// True when everybody concerned was told, or the value is the same.
+    /// True when everybody concerned was notified, or the value is the same.
     bool set(T v) { return _set(v, notify_all); }
     bool set(const NV_item& other); ///< take over another's value; false when its class or type differs
-    /// With notify_none the value alone is stored: nothing counts as changed or loaded, and nobody is told.
+    /// With notify_none the value alone is stored: nothing counts as changed or loaded, and nobody is notified.
     bool _set(T v, notify_t how);
     T get_default() const { return _default; }
 

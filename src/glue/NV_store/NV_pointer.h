@@ -15,13 +15,14 @@ public:
     ~NV_pointer() override;
 
     NV_item* get() const { return _target; } ///< null: none
-    /// Whether a stored path finds the item: not the root itself, nothing of another tree or more than 16 levels below
-    /// the root, and of the elements of a list that share an identifier only the first. Null: yes. O(depth, siblings)
+    /// Whether a stored path finds the item. It does not find the root itself, nor what is in another tree or more than
+    /// 16 levels below the root; of the elements of a list that share an identifier it finds only the first. Null: yes.
+    /// O(depth, siblings)
     bool can_point_at(const NV_item* target) const;
-    /// True when the change was told to everybody; false as well, and nothing is changed, for an item that it cannot
-    /// point at.
+    /// True when everybody was notified of the change; false as well, and nothing is changed, for an item that it
+    /// cannot point at.
     bool set(NV_item* target) { return _set(target, notify_all); }
-    bool _set(NV_item* target, notify_t how); ///< with notify_none nothing counts as changed, and nobody is told
+    bool _set(NV_item* target, notify_t how); ///< with notify_none nothing counts as changed, and nobody is notified
 
     NV_pointer* as_pointer() override { return this; }
     item_type_t get_type() const override { return item_pointer; }

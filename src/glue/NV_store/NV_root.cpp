@@ -21,11 +21,15 @@ NV_root::~NV_root() {
 void NV_root::add_pointer(NV_pointer* p) { _pointers.insert(p); }
 void NV_root::remove_pointer(NV_pointer* p) { _pointers.remove(p); }
 
-int NV_root::pointer_compare(__bsnode const* a, __bsnode const* b) {
-    const auto target = [](__bsnode const* n) {
-        return reinterpret_cast<uintptr_t>(static_cast<NV_pointer const*>(static_cast<avl_bsnode const*>(n))->get());
-    };
-    return target(a) < target(b) ? -1 : target(a) > target(b) ? 1 : 0;
+static uintptr_t target_of(const avl_bsnode* n) {
+    return reinterpret_cast<uintptr_t>(static_cast<const NV_pointer*>(n)->get());
+}
+
+/// -1, 0 or 1.
+static int order(uintptr_t a, uintptr_t b) { return (a > b) - (a < b); }
+
+int NV_root::pointer_compare(const __bsnode* a, const __bsnode* b) {
+    return order(target_of(static_cast<const avl_bsnode*>(a)), target_of(static_cast<const avl_bsnode*>(b)));
 }
 
 namespace {
@@ -33,10 +37,7 @@ namespace {
 class By_target : public avl_bstree::Searcher {
 public:
     explicit By_target(const NV_item* target) : _target(reinterpret_cast<uintptr_t>(target)) {}
-    int compare(avl_bsnode const* n) const override {
-        const auto found = reinterpret_cast<uintptr_t>(static_cast<NV_pointer const*>(n)->get());
-        return found < _target ? -1 : found > _target ? 1 : 0;
-    }
+    int compare(const avl_bsnode* n) const override { return order(target_of(n), _target); }
 
 private:
     uintptr_t _target;

@@ -29,7 +29,7 @@ public:
     void remove_pointer(NV_pointer* p);
     /// Clear the pointers that lead to an item about to go.
     void forget_target(const NV_item* target);
-    static int pointer_compare(__bsnode const* a, __bsnode const* b); ///< by target address
+    static int pointer_compare(const __bsnode* a, const __bsnode* b); ///< by target address
 
 private:
     mutable Mutex _mutex;

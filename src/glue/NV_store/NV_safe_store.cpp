@@ -15,7 +15,7 @@ class Collector : public NV_iterator {
 public:
     Collector(std::string& bytes, modes_t m) : _bytes(bytes) {
         mode = m;
-        keeps_bytes = true;
+        _keeps_bytes = true;
     }
     bool push_bytes(unsigned char* data, int n) override {
         _bytes.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
@@ -40,7 +40,7 @@ public:
         : NV_buffer_iterator(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
                              static_cast<int>(bytes.size())) {
         mode = mode_read;
-        keeps_bytes = true;
+        _keeps_bytes = true;
     }
     bool at_end() const { return read_position == write_position; }
 

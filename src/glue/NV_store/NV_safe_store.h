@@ -12,8 +12,8 @@ namespace NV_store {
 class NV_item;
 class NV_root;
 
-/// Keeps a settings tree in a file so that a power cut at any moment loses nothing that was saved before: what is
-/// loaded afterwards is the last save or, if that was cut, the one before, never a mixture.
+/// Keeps a settings tree in a file so that a power cut at any moment loses nothing that was saved before. What is
+/// loaded afterwards is the last save or, if that was cut, the one before; never a mixture.
 ///
 ///     NV_safe_store store(settings, "/data/settings");
 ///     store.load();                  // at start
@@ -23,19 +23,19 @@ class NV_root;
 ///
 /// The file holds a complete image and behind it the changes saved since, in the format of the tree's own save. A file
 /// is checked whole, byte by byte, before the first setting is touched. Records of settings that the program no longer
-/// has, or has with another type, are left out (a list also when it has grown).
+/// has, or has with another type, are left out, and so is a list that has grown.
 ///
-/// Any thread; calls take turns, and wait for each other as long as the medium takes. The tree's lock is taken for the
-/// moments in which settings are read or written (the caller must not hold it, and what a load's return to a default
-/// calls must not take it), never while the medium is busy. Saves clear the changed flags of both journals: use no
-/// other journal beside this.
+/// Any thread; calls take turns, and wait for each other as long as the medium takes. The tree's lock is taken only
+/// while settings are read or written, never while the medium is busy. The caller must not hold it, and what a load's
+/// return to a default calls must not take it. Saves clear the changed flags of both journals: use no other journal
+/// beside this.
 class KAV_API NV_safe_store {
 public:
     /// `root` outlives the store.
     NV_safe_store(NV_root& root, const char* path);
 
     /// Replace all settings by the best good generation, those that it does not hold by their defaults. Waiters are
-    /// told of a return to a default only; NV_item::signal_all() tells them all.
+    /// notified of a return to a default only; NV_item::signal_all() notifies them all.
     Safe_result load();
     /// Write a complete image. A tree that holds nothing loaded or set is not written over anything.
     Safe_result save();

@@ -106,6 +106,25 @@ Record_walk::Step Record_walk::pass_value() {
     return value_met;
 }
 
+namespace {
+
+/// A whole record in memory: its sizes fit and, for a container, all checksums in it are right. Looks at bytes alone;
+/// no tree is needed and no setting touched.
+struct Stored_record {
+    Record_header head = {};
+    const unsigned char* at = nullptr;
+    int size = 0; ///< [bytes] with header and checksum
+
+    bool is_container() const { return head.marker == marker_start; }
+    const unsigned char* content() const { return at + Record_header::size; }
+    int content_size() const {
+        return size - (is_container() ? 2 * Record_header::size + record_crc_size : Record_header::size);
+    } ///< without header, end and checksum
+
+    /// Read the record at `bytes`: false when what is there is none, or not whole within `n` [bytes].
+    bool read(const unsigned char* bytes, int n);
+};
+
 bool Stored_record::read(const unsigned char* bytes, int n) {
     Record_walk walk(bytes, n);
     do {
@@ -119,9 +138,11 @@ bool Stored_record::read(const unsigned char* bytes, int n) {
     return true;
 }
 
-static bool is_for(const Stored_record& record, const NV_item& item) {
+bool is_for(const Stored_record& record, const NV_item& item) {
     return record.head.id == item.get_id() && record.head.type_byte == item.get_type_byte();
 }
+
+} // namespace
 
 size_t whole_records(const std::string& bytes, const NV_container& root) {
     const auto* const p = reinterpret_cast<const unsigned char*>(bytes.data());

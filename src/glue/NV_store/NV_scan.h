@@ -53,23 +53,6 @@ private:
     uint32_t _sum = 0; ///< CRC of so many bytes
 };
 
-/// A whole record in memory: its sizes fit and, for a container, all checksums in it are right. Looks at bytes alone;
-/// no tree is needed and no setting touched.
-struct KAV_API Stored_record {
-    Record_header head = {};
-    const unsigned char* at = nullptr;
-    int size = 0; ///< [bytes] with header and checksum
-
-    bool is_container() const { return head.marker == marker_start; }
-    const unsigned char* content() const { return at + Record_header::size; }
-    int content_size() const {
-        return size - (is_container() ? 2 * Record_header::size + record_crc_size : Record_header::size);
-    } ///< without header, end and checksum
-
-    /// Read the record at `bytes`: false when what is there is none, or not whole within `n` [bytes].
-    bool read(const unsigned char* bytes, int n);
-};
-
 /// [bytes] of the container records of `root` that stand one after the other at the start of an image or a journal;
 /// 0 when it begins with something else.
 KAV_API size_t whole_records(const std::string& bytes, const NV_container& root);

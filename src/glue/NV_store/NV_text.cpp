@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_text.h"
+#include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_pointer.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/NV_store/NV_values.h"
@@ -51,6 +52,10 @@ Data_item::item_type_t text_type(const NV_item& item) {
     return item.get_type() == item.get_number_type() ? item.get_type() : Data_item::item_root;
 }
 
+/// The setting of a base type.
+template <class Base>
+using Number = NV_number<typename Base::Value, Base::type>;
+
 /// Read a value that takes the whole text; false when it does not, or is out of range.
 template <class T>
 bool read_value(std::string_view text, T& value) {
@@ -93,10 +98,10 @@ std::string range_of() {
 
 /// A value or a path as it can be shown in a message.
 std::string shown(std::string_view text) {
-    constexpr size_t most = 60;
-    std::string s(text.substr(0, most));
+    constexpr size_t max_shown = 60; // [characters]
+    std::string s(text.substr(0, max_shown));
     std::replace_if(s.begin(), s.end(), is_control, '?');
-    return text.size() > most ? s + "..." : s;
+    return text.size() > max_shown ? s + "..." : s;
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -142,7 +147,7 @@ private:
         return with_base_type(text_type(item), std::string("has a type without a text form"), [&](auto base) {
             typename decltype(base)::Value value{};
             if (!read_value(text, value)) return '"' + shown(text) + "\" " + range_of<decltype(value)>();
-            auto& number = static_cast<typename decltype(base)::Number&>(item);
+            auto& number = static_cast<Number<decltype(base)>&>(item);
             _setters.emplace_back([&number, value] { number.set(value); });
             return std::string();
         });
@@ -179,7 +184,7 @@ std::string export_text(NV_root& root) {
             continue;
         }
         text += with_base_type(text_type(*i), "# " + path + " has no text form\n", [&](auto base) {
-            return path + '=' + value_text(static_cast<typename decltype(base)::Number*>(i)->get()) + '\n';
+            return path + '=' + value_text(static_cast<Number<decltype(base)>*>(i)->get()) + '\n';
         });
     }
     return text;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/NV_store/NV_iterator.h"
-#include "glue/NV_store/NV_number.h"
+#include "glue/cds/Base_types.h"
 #include <charconv>
 #include <string>
 #include <type_traits>
@@ -12,7 +12,7 @@ namespace NV_store {
 template <class T, Data_item::item_type_t code>
 struct Base_type {
     using Value = T;
-    using Number = NV_number<T, code>;
+    static constexpr Data_item::item_type_t type = code;
 };
 
 /// What `f` makes of the Base_type that a code stands for; `otherwise` for a code that stands for none.

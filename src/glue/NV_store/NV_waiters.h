@@ -28,7 +28,7 @@ constexpr int num_reg_types = 5;
 /// One waiter's registration with one item.
 class KAV_API NV_waiter_reg : public sll_node {
 public:
-    /// With `skip_unforced` the waiter is told of forced notifications only.
+    /// With `skip_unforced` the waiter is notified by forced notifications only.
     NV_waiter_reg(waiter_descriptor* w, unsigned int value, bool skip_unforced);
     NV_waiter_reg(waiter_descriptor* w, NV_item* item, bool skip_unforced);
     NV_waiter_reg(waiter_descriptor* w, Access_base* access, bool skip_unforced);
@@ -39,8 +39,8 @@ public:
     bool operator==(const NV_waiter_reg& o) const {
         return waiter.get() == o.waiter.get() && type == o.type && target == o.target;
     }
-    /// Post the event: true when that was done, or when there is nothing to tell. Fails without a root, without module
-    /// ids, or when the waiter has no room.
+    /// Post the event: true when that was done, or when there is nothing to report. Fails without a root, without
+    /// module ids, or when the waiter has no room.
     bool send_event(const NV_root* root, bool forced) const;
 
     waiter_ref<waiter_ref_base::setting> waiter; ///< null when it died without being unregistered
@@ -66,7 +66,7 @@ public:
     void add(const NV_waiter_reg& r);
     bool exists(const NV_waiter_reg& r) const;
     bool remove(const NV_waiter_reg& r); ///< the first that is equal; false when there is none
-    /// Tell all; false when a post failed (the others are told all the same).
+    /// Notify all; false when a post failed (the others are notified all the same).
     bool notify_updated(const NV_root* root, bool forced) const;
 
 private:

@@ -17,7 +17,7 @@
 namespace NV_store {
 namespace {
 
-constexpr size_t most = 1 << 20; // [bytes] of a file that is read into memory
+constexpr size_t max_size = 1 << 20; // [bytes] of a file that is read into memory
 
 class Descriptor {
 public:
@@ -64,7 +64,7 @@ bool rename_file(const std::string& from, const std::string& to) { return rename
 /// With the slash behind it; empty: the current one.
 std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
-/// Where symbolic links lead to. In a circle it is one of them, and opening it says so.
+/// Where symbolic links lead to. In a cycle it is one of them, and opening it says so.
 std::string target_of(std::string path) {
     for (int i = 0; i < 40; ++i) {
         char to[PATH_MAX];
@@ -83,7 +83,7 @@ public:
         : _fd(open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
         if (_fd < 0) return;
         // Where folders cannot be locked we go on as well.
-        for (int ms = 0; ms < longest_turn && flock(_fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; ++ms)
+        for (int ms = 0; ms < max_turn && flock(_fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; ++ms)
             usleep(1000);
     }
     ~Folder() {
@@ -96,13 +96,13 @@ public:
     bool sync() const { return fsync(_fd) == 0; }
 
 private:
-    static constexpr int longest_turn = 10000; // [ms]
+    static constexpr int max_turn = 10000; // [ms]
     const Descriptor _fd;
 };
 
 bool read_whole(int fd, std::string& bytes, struct stat& s) {
     if (fstat(fd, &s) != 0) return false;
-    if (!S_ISREG(s.st_mode) || s.st_size > static_cast<off_t>(most)) {
+    if (!S_ISREG(s.st_mode) || s.st_size > static_cast<off_t>(max_size)) {
         errno = S_ISREG(s.st_mode) ? EFBIG : no_regular_file;
         return false;
     }

@@ -37,6 +37,7 @@ KAV_API bool is_good(Safe_result result);
 ///     path       the newest
 ///     path.bak   the one before
 ///     path.new   being written; removed at the next start
+///     path.spare the newest on its way to path.bak or path.bad; removed at the next start
 ///     path.bad   one that was refused, for whoever wants to look; the next ones are path.bad2 to path.bad9
 ///
 /// A new file is written beside the old one, synced, checked, and renamed over it. What is not good never takes the
@@ -72,7 +73,7 @@ public:
 
     /// What the system says of the last call's failure, or where a refused file went; empty: nothing.
     const std::string& reason() const { return _reason; }
-    /// Tell a result that is not good in one line on the debug output: "WHO PATH: RESULT: REASON". The result.
+    /// Report a result that is not good in one line on the debug output: "WHO PATH: RESULT: REASON". The result.
     Safe_result report(const char* who, Safe_result result, const std::string& reason) const;
 
     const std::string& path() const { return _path; }
@@ -100,8 +101,8 @@ private:
     Stamp _left{}; ///< of the newest generation as it was left; zeros: not known
 };
 
-/// A text with as many line feeds behind it as the checksummed file format needs to verify it: above 255 bytes only
-/// multiples of 255 do, and no zero may stand among the last four bytes.
+/// A text with as many line feeds behind it as the checksummed file format needs to verify it. Above 255 bytes it
+/// verifies only multiples of 255, and no zero may stand among the last four bytes.
 KAV_API std::string padded_text(std::string text);
 
 /// A text of at most 1 MiB that is kept as a checksummed file, safe against power loss. One thread at a time.

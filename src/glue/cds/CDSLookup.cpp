@@ -217,7 +217,7 @@ KAV_DATA_ITEM_TYPES(KAV_INSTANTIATE)
 
 void Lookup_struct::_print(Debug::Dumper& dumper) const {
     if (!dumper.start(get_name())) return;
-    for (Lookup_item& child : children) child._print(dumper);
+    for (Lookup_item& child : _children) child._print(dumper);
     dumper.end(get_name());
 }
 
@@ -225,23 +225,23 @@ void Lookup_struct::_print(Debug::Dumper& dumper) const {
 
 Data_item::Serial_ret Lookup_struct::serialise(Remote::Send_buffer& out, unsigned short& start_id) {
     serial_action_started(start_id);
-    return walk_children(children, [&](Lookup_item& child) { return child.serialise(out, start_id); });
+    return walk_children(_children, [&](Lookup_item& child) { return child.serialise(out, start_id); });
 }
 
 Data_item::Serial_ret Lookup_struct::deserialise(Remote::Receive_buffer& in, unsigned short& start_id) {
     serial_action_started(start_id);
-    return walk_children(children, [&](Lookup_item& child) { return child.deserialise(in, start_id); });
+    return walk_children(_children, [&](Lookup_item& child) { return child.deserialise(in, start_id); });
 }
 
 void Lookup_struct::serialise_structure(Remote::Send_buffer& out, int depth) {
     Lookup_item::serialise_structure(out, depth);
-    describe_children(children, out, depth);
+    describe_children(_children, out, depth);
 }
 
 void Lookup_struct::print_declaration(int indent) const {
     for (int i = 0; i < indent; ++i) Debug_print::dprint("    ");
     Debug_print::dprint("struct %s { \"%s\"\n", type_name, comment ? comment : "");
-    for (Lookup_item& child : children) child.print_declaration(indent + 1);
+    for (Lookup_item& child : _children) child.print_declaration(indent + 1);
     for (int i = 0; i < indent; ++i) Debug_print::dprint("    ");
     Debug_print::dprint("} %s;\n", name);
 }
@@ -251,14 +251,14 @@ bool Lookup_struct::_signal_update(Compare& compare) {
     if (static_cast<ptrdiff_t>(data_size()) <= compare.first_diff) return false;
     bool changed = false;
     if (_by_end.empty()) {
-        for (Lookup_item& child : children) {
+        for (Lookup_item& child : _children) {
             changed |= child._signal_update(compare);
             if (compare.done) break;
         }
     } else {
         const auto ends_before = [](const Extent& e, const unsigned char* place) { return e.end <= place; };
         for (auto at = _by_end.begin(); !compare.done; ++at) {
-            // Children that end before the next difference have nothing to tell.
+            // Children that end before the next difference have nothing to report.
             at = std::lower_bound(at, _by_end.end(), compare.position + compare.first_diff, ends_before);
             if (at == _by_end.end()) break;
             changed |= at->child->_signal_update(compare);
@@ -270,10 +270,10 @@ bool Lookup_struct::_signal_update(Compare& compare) {
 
 void Lookup_struct::index_children() {
     _by_end.clear();
-    _by_end.reserve(static_cast<size_t>(children.size()));
+    _by_end.reserve(static_cast<size_t>(_children.size()));
     const unsigned char* end = nullptr;
-    for (Lookup_item& child : children) {
-        if (!child.fixed_extent) return _by_end.clear();
+    for (Lookup_item& child : _children) {
+        if (!child._fixed_extent) return _by_end.clear();
         const auto start = static_cast<const unsigned char*>(child.data_address());
         if (std::less<>()(start, end)) return _by_end.clear();
         end = start + child.data_size();
@@ -283,7 +283,7 @@ void Lookup_struct::index_children() {
 
 void Lookup_struct::set_minmax(unsigned short& min, unsigned short& max) {
     min_id = max_id = id;
-    for (Lookup_item& child : children) child.set_minmax(min_id, max_id);
+    for (Lookup_item& child : _children) child.set_minmax(min_id, max_id);
     index_children();
     min = std::min(min, min_id);
     max = std::max(max, max_id);
@@ -293,7 +293,7 @@ Lookup_item* Lookup_struct::find_item(const char* path, char separator) {
     if (*path == 0) return this;
     const char* const end = separator ? strchr(path, separator) : nullptr;
     const size_t n = end ? static_cast<size_t>(end - path) : strlen(path);
-    for (Lookup_item& child : children) {
+    for (Lookup_item& child : _children) {
         if (strncmp(child.get_name(), path, n) != 0 || child.get_name()[n] != 0) continue;
         return end ? child.find_item(end + 1, separator) : &child;
     }
@@ -303,7 +303,7 @@ Lookup_item* Lookup_struct::find_item(const char* path, char separator) {
 Lookup_item* Lookup_struct::find_item(unsigned short wanted) {
     if (wanted == id) return this;
     if (wanted < min_id || wanted > max_id) return nullptr;
-    for (Lookup_item& child : children)
+    for (Lookup_item& child : _children)
         if (Lookup_item* found = child.find_item(wanted)) return found;
     return nullptr;
 }

@@ -52,7 +52,7 @@ public:
     virtual item_type_t get_type() const = 0;
     virtual unsigned char get_type_byte() const;
     virtual Lookup_struct* as_struct();
-    /// Tell the listeners whose bytes differ; true when this item's do.
+    /// Notify the listeners whose bytes differ; true when this item's do.
     virtual bool _signal_update(Compare& compare);
     /// Widen the range to this item's identifiers. Run once on the root when the tree is complete.
     virtual void set_minmax(unsigned short& min, unsigned short& max);
@@ -72,7 +72,7 @@ public:
 
     /// Signal a change of these bytes through the root's head, without old contents. The caller holds the head's lock.
     void notify_cds(const void* address, unsigned int size);
-    /// Tell the listeners of everything that differs between the live bytes and a copy of them from before; true when
+    /// Notify the listeners of everything that differs between the live bytes and a copy of them from before; true when
     /// something did. `new_copy` is in the live block; when none of its bytes are this item's, nothing is scanned and
     /// the result is false.
     bool signal_update(const void* new_copy, const void* old_copy, unsigned int size);
@@ -88,7 +88,7 @@ protected:
     friend class Lookup_struct;
     /// data_address() and data_size() have said the same since the item joined its parent, and always will: a change
     /// scan then passes it over without asking. For concrete classes, whose constructors set it.
-    bool fixed_extent = false;
+    bool _fixed_extent = false;
 };
 
 /// One value of type T inside the block.
@@ -160,7 +160,7 @@ public:
 
     /// Append a child. Called by the constructors of concrete items.
     void add_item(Lookup_item& child) {
-        children.push(&child);
+        _children.push(&child);
         _by_end.clear();
     }
     void get_minmax(unsigned short& min, unsigned short& max) const {
@@ -170,7 +170,7 @@ public:
 
 protected:
     ~Lookup_struct() = default;
-    c_sl_list<Lookup_item> children;
+    c_sl_list<Lookup_item> _children;
     unsigned short min_id = 0; ///< smallest identifier of the subtree, valid after set_minmax()
     unsigned short max_id = 0;
 

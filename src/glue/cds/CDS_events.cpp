@@ -44,7 +44,8 @@ void fill(Event_recipient& r, waiter_descriptor* waiter, Reg_type type, int valu
         r.target = static_cast<unsigned>(value);
         break;
     case reg_access:
-        r.target = reinterpret_cast<event_word_t>(access ? access : virt ? &virt->access : nullptr);
+        if (!access && virt) access = &virt->access;
+        r.target = reinterpret_cast<event_word_t>(access);
         break;
     case reg_virt_access:
         r.target = reinterpret_cast<event_word_t>(virt);

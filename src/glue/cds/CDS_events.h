@@ -131,7 +131,7 @@ struct KAV_API Wakeup_node : public Event_node {
     Options* options;     ///< may be null
 };
 
-/// The head of a data store: its lock, its registrations, and the lookup tree that is told of changes.
+/// The head of a data store: its lock, its registrations, and the lookup tree that is notified of changes.
 ///
 /// None of the operations locks: the caller holds the head's lock while it changes the block and signals, and around
 /// registrations. Debug builds report a call without it. Listeners that a signal calls must not lock the head.
@@ -158,10 +158,10 @@ public:
     /// Take one registration back that is equal in everything: 0, or -1 when there is none.
     int event_unregister(waiter_descriptor* waiter, int offset, int length, Reg_type type, int value,
                          Access_base* access, Virt_access* virt);
-    /// Tell everybody concerned that `length` bytes at `offset` changed: the ranges that contain them, outermost first,
-    /// then the equal one or those inside. `new_data` must be the live block at that offset, `old_data` a copy of the
-    /// bytes before; with both, only ranges whose bytes differ are woken, and the lookup tree is told; with either null
-    /// all are woken. 0. Allocates nothing.
+    /// Notify everybody concerned that `length` bytes at `offset` changed: the ranges that contain them, outermost
+    /// first, then the equal one or those inside. `new_data` must be the live block at that offset, `old_data` a copy
+    /// of the bytes before. With both, only ranges whose bytes differ are woken, and the lookup tree is notified. With
+    /// either null all are woken. 0. Allocates nothing.
     int event_signal(const void* new_data, const void* old_data, int offset, int length, Options* options);
 
     /// Whether an event is one of this head's, of the given kind.

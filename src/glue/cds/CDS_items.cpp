@@ -25,7 +25,7 @@ Struct::Struct(Lookup_struct& parent_struct, const char* item_name, const void* 
     set_name(item_name);
     set_comment(item_comment);
     update_listener = listener;
-    fixed_extent = true;
+    _fixed_extent = true;
     parent_struct.add_item(*this);
 }
 

@@ -32,7 +32,7 @@ public:
         : Root(h, item_name, &block, sizeof(Block), item_comment) {}
     Root(Head& h, const char* item_name, void* block, unsigned int size, const char* item_comment);
 
-    /// Compute the identifier ranges and tell the head of this tree.
+    /// Compute the identifier ranges and give the head this tree.
     void finish();
     const void* data_address() const override { return base; }
     unsigned int data_size() const override { return _size; }
@@ -76,7 +76,7 @@ public:
         this->set_comment(item_comment);
         this->set_type_name(type_name_of<T>());
         this->update_listener = listener;
-        this->fixed_extent = true;
+        this->_fixed_extent = true;
         parent_struct.add_item(*this);
     }
     const void* data_address() const override { return this->value; }
@@ -97,7 +97,7 @@ public:
         this->set_comment(item_comment);
         this->set_type_name(type_name_of<T>());
         this->update_listener = listener;
-        this->fixed_extent = true;
+        this->_fixed_extent = true;
         parent_struct.add_item(*this);
     }
     const void* data_address() const override { return this->elements; }

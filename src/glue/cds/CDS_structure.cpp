@@ -2,11 +2,12 @@
 #include "glue/cds/CDS_structure.h"
 #include "glue/cds/CDS_remote.h"
 #include <cstring>
+#include <optional>
 
 namespace CDS::Remote {
 namespace {
 
-constexpr int deepest = 64;
+constexpr int max_depth = 64;
 
 /// Receive_buffer's header reading goes by a terminating zero, so each header is read from a copy that has one. A
 /// header is at most 255 characters.
@@ -32,41 +33,65 @@ bool may_go_on(const char* text) {
     return text[strspn(text, digits)] == 0;
 }
 
+/// A description while it is read.
+class Description {
+public:
+    Description(const char* text, int length) : _at(text), _end(text + length) {}
+
+    Structure_result read(Structure_visitor& visitor) {
+        for (;;) {
+            Described_item item{};
+            if (const auto result = read_header(item)) return *result;
+            if (!visitor.item(item)) return structure_stopped;
+            if (item.container) {
+                ++_at;
+                if (++_depth > max_depth) return structure_malformed;
+                if (_at < _end && *_at != '}') continue;
+            }
+            if (const auto result = go_on()) return *result;
+        }
+    }
+
+private:
+    /// None when there is one.
+    std::optional<Structure_result> read_header(Described_item& item) {
+        const Header_copy header(_at, static_cast<int>(_end - _at));
+        Receive_buffer in(header.bytes, header.length);
+        Data_item::item_type_t type_byte;
+        if (!in.pop_item(type_byte, item.id, item.name_length)) {
+            const bool at_end = _at + header.length == _end;
+            return at_end && may_go_on(header.bytes) ? structure_cut : structure_malformed;
+        }
+        item.name_length += in.remaining; // names of other makers may hold more than letters and digits
+        _at += header.length;
+        Data_item::decode_type_byte(item.shape, item.type, static_cast<unsigned char>(type_byte));
+        item.name = _at - item.name_length;
+        item.depth = _depth;
+        item.container = _at < _end && *_at == '{';
+        return {};
+    }
+
+    /// Behind an item, or in an empty container: levels end, and a sibling follows (none), or all is over.
+    std::optional<Structure_result> go_on() {
+        while (_at < _end && *_at == '}') {
+            if (--_depth < 0) return structure_malformed;
+            ++_at;
+        }
+        if (_at == _end) return _depth == 0 ? structure_complete : structure_cut;
+        if (_depth == 0 || *_at != ',') return structure_malformed;
+        ++_at;
+        return {};
+    }
+
+    const char* _at;
+    const char* const _end;
+    int _depth = 0;
+};
+
 } // namespace
 
 Structure_result read_structure(const char* text, int length, Structure_visitor& visitor) {
-    const char* const end = text + length;
-    int depth = 0;
-    for (;;) {
-        const Header_copy header(text, static_cast<int>(end - text));
-        const bool at_end = text + header.length == end;
-        Receive_buffer in(header.bytes, header.length);
-        Data_item::item_type_t type_byte;
-        Described_item item{};
-        if (!in.pop_item(type_byte, item.id, item.name_length))
-            return at_end && may_go_on(header.bytes) ? structure_cut : structure_malformed;
-        item.name_length += in.remaining; // names of other makers may hold more than letters and digits
-        text += header.length;
-        Data_item::decode_type_byte(item.shape, item.type, static_cast<unsigned char>(type_byte));
-        item.name = text - item.name_length;
-        item.depth = depth;
-        item.container = text < end && *text == '{';
-        if (!visitor.item(item)) return structure_stopped;
-
-        if (item.container) {
-            ++text;
-            if (++depth > deepest) return structure_malformed;
-            if (text < end && *text != '}') continue;
-        }
-        // Behind an item, or in an empty container: levels end, a sibling follows, or all is over.
-        while (text < end && *text == '}') {
-            if (--depth < 0) return structure_malformed;
-            ++text;
-        }
-        if (text == end) return depth == 0 ? structure_complete : structure_cut;
-        if (depth == 0 || *text != ',') return structure_malformed;
-        ++text;
-    }
+    return Description(text, length).read(visitor);
 }
 
 } // namespace CDS::Remote

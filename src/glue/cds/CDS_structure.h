@@ -16,7 +16,7 @@ struct Described_item {
     bool container;   ///< children may follow, one deeper
 };
 
-/// Told of the items in the order of the description, a container before its children.
+/// Receives the items in the order of the description, a container before its children.
 class KAV_API Structure_visitor {
 public:
     /// False ends the reading.

@@ -108,7 +108,7 @@ public:
     /// The next identifier to hand out. Public so that an application can see how many are left.
     static unsigned short lookup_max_id;
 
-    CDS::Update_listener* update_listener = nullptr; ///< told when the item's bytes changed; not owned
+    CDS::Update_listener* update_listener = nullptr; ///< notified when the item's bytes changed; not owned
     const unsigned short id;
 
 protected:
@@ -117,7 +117,7 @@ protected:
 
 namespace CDS {
 
-/// Told that the bytes of an item changed.
+/// Notified when the bytes of an item changed.
 class KAV_API Update_listener {
 public:
     /// `why` is 1 for a change. Called with the lock held under which the change was signalled.

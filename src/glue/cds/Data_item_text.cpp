@@ -67,8 +67,10 @@ const char* Data_item_destringify<T>::from_string(const char* text) {
     const char* end;
     if constexpr (std::is_same_v<T, bool>) {
         // One letter decides; what follows it is the caller's.
-        if (*text && strchr("FNfn", *text)) return *_value = false, text + 1;
-        if (*text && strchr("TYty", *text)) return *_value = true, text + 1;
+        if (*text && strchr("FNTYfnty", *text)) {
+            *_value = strchr("TYty", *text) != nullptr;
+            return text + 1;
+        }
         const uint32_t number = Util::to_ulong32(text, 0, &end);
         if (end != text) *_value = number != 0;
     } else {
