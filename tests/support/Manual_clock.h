@@ -9,18 +9,27 @@ class Manual_clock {
 public:
     explicit Manual_clock(int64_t seconds = 1000000000, int ms = 0) {
         set(seconds, ms);
-        Util::set_wall_clock([](struct timespec& now) {
-            const int64_t t = _ms.load();
-            const int64_t seconds = (t >= 0 ? t : t - 999) / 1000; // before 1970 too nanoseconds count upwards
-            now.tv_sec = static_cast<time_t>(seconds);
-            now.tv_nsec = static_cast<long>(t - seconds * 1000) * 1000000;
-        });
+        Util::set_wall_clock([](struct timespec& now) { read(_ms, now); },
+                             [](struct timespec& now) { read(_boot_ms, now); });
     }
     ~Manual_clock() { Util::set_wall_clock(nullptr); }
 
     void set(int64_t seconds, int ms = 0) { _ms = seconds * 1000 + ms; }
-    void advance(int64_t ms) { _ms += ms; }
+    /// Somebody sets it, `ms` [ms] ahead.
+    void step(int64_t ms) { _ms += ms; }
+    /// Time goes by.
+    void advance(int64_t ms) {
+        _boot_ms += ms;
+        _ms += ms;
+    }
 
 private:
+    static void read(int64_t t, struct timespec& now) {
+        const int64_t seconds = (t >= 0 ? t : t - 999) / 1000; // before 1970 too nanoseconds count upwards
+        now.tv_sec = static_cast<time_t>(seconds);
+        now.tv_nsec = static_cast<long>(t - seconds * 1000) * 1000000;
+    }
+
+    inline static std::atomic<int64_t> _boot_ms{1000};
     inline static std::atomic<int64_t> _ms{0};
 };

@@ -403,7 +403,11 @@ int Diner::submit_timeout(Timeout& t, const Atime& when) {
     return result;
 }
 
-int Diner::submit_timeout(Timeout& t, int ms) { return submit_timeout(t, Atime::from_now(ms)); }
+int Diner::submit_timeout(Timeout& t, int ms) {
+    const int result = timeouts.submit_timeout_in(t, ms, this);
+    waiter.send_anonymous_event();
+    return result;
+}
 
 int Diner::submit_timeout(Timeout& t) {
     const int result = timeouts.submit_timeout(t, nullptr, this);

@@ -46,6 +46,12 @@ int Timeout_manager::timeouts_compare(const Timeout* a, const Timeout* b) {
 }
 
 int Timeout_manager::submit_timeout(Timeout& t, const Atime* when, Diner* owner) {
+    return submit(t, when, nullptr, owner);
+}
+
+int Timeout_manager::submit_timeout_in(Timeout& t, int ms, Diner* owner) { return submit(t, nullptr, &ms, owner); }
+
+int Timeout_manager::submit(Timeout& t, const Atime* when, const int* ms, Diner* owner) {
     bool removed;
     {
         const Guard guard(_mutex);
@@ -53,9 +59,11 @@ int Timeout_manager::submit_timeout(Timeout& t, const Atime* when, Diner* owner)
         removed = set_free(t);
         if (removed) {
             if (when) t.expiry = *when;
-            if (t.period > 0) {
-                const Atime now = Atime::now();
-                if (now - t.expiry >= t.period) t.expiry = now;
+            // What is submitted after a step is not to move with what was submitted before.
+            if (ms || t.period > 0 || Util::Clock_offset::watched()) {
+                const Atime current = now();
+                if (ms) t.expiry = current + *ms;
+                if (t.period > 0 && current - t.expiry >= t.period) t.expiry = current;
             }
             t._submitted = true;
             t._holder.store(this, std::memory_order_relaxed);
@@ -68,6 +76,18 @@ int Timeout_manager::submit_timeout(Timeout& t, const Atime* when, Diner* owner)
     }
     print();
     return 0;
+}
+
+/// The time of day. Where it is watched and was set, what is here has moved along.
+Atime Timeout_manager::now() {
+    struct timespec read;
+    const int64_t step = _clock.look(read);
+    if (step != 0) move_all(step);
+    Atime current(false);
+    current.time = static_cast<int32_t>(read.tv_sec);
+    current.millitm = static_cast<uint16_t>(read.tv_nsec / 1000000);
+    current.timezone = current.dstflag = 0;
+    return current;
 }
 
 int Timeout_manager::remove_timeout(Timeout& t, bool unbind) {
@@ -182,7 +202,10 @@ Timeout* Timeout_manager::get_timeout(bool only_expired, bool take) {
 }
 
 Timeout* Timeout_manager::get_timeout_locked(bool only_expired, bool take) {
-    if (only_expired && next() > Timeout::ms_of(Atime::now())) return nullptr;
+    if (only_expired) {
+        const Atime current = now(); // before next(), which it may change
+        if (next() > Timeout::ms_of(current)) return nullptr;
+    }
     Timeout* t = earliest();
     return t && take ? hand_out(t) : t;
 }
@@ -212,7 +235,7 @@ Timeout_manager::Pass Timeout_manager::begin_pass() {
     const Guard guard(_mutex);
     release_held();
     Pass pass;
-    pass._begin.set_now();
+    pass._begin = now(); // before the number of steps, which it may change
     pass._number = passes.fetch_add(1, std::memory_order_relaxed) + 1;
     pass._steps = _steps;
     pass._left = _unsorted.count() + _sorted.count() + alive.count() + Pass::most_new;
@@ -262,6 +285,14 @@ bool Timeout_manager::reschedule_periodic_timeout(Timeout& t) {
 
 void Timeout_manager::clock_stepped(int64_t ms) {
     const Guard guard(_mutex);
+    if (Util::Clock_offset::watched()) {
+        now();
+    } else {
+        move_all(ms);
+    }
+}
+
+void Timeout_manager::move_all(int64_t ms) {
     ++_steps;
     _stepped += ms;
     Timeout_list all;

@@ -2,6 +2,7 @@
 #pragma once
 #include "glue/diner/Timeout.h"
 #include "glue/diner/Timeout_list.h"
+#include "util/Clock_offset.h"
 #include "util/Mutex.h"
 #include "util/api.h"
 #include "util/avl_bstree.h"
@@ -25,6 +26,8 @@ public:
     /// due now. `owner`, if given, becomes the timeout's diner in the same step, also when the result is -1. 0; -1 when
     /// it is in another manager's trees, or in one of somebody else. O(1), and O(log n) once when its time comes
     int submit_timeout(Timeout& t, const Atime* when, Diner* owner = nullptr);
+    /// submit_timeout() in `ms` [ms]: where a Clock_watch is, however near the clock is set to that moment.
+    int submit_timeout_in(Timeout& t, int ms, Diner* owner = nullptr);
     /// Make `t` free, with `unbind` also of its diner (also when the result is -1). 0; -1 when it is in another tree,
     /// as above. O(log n), mostly O(1)
     int remove_timeout(Timeout& t, bool unbind = false);
@@ -66,7 +69,9 @@ public:
     bool submitted(const Timeout& t) const; ///< pending here. O(1)
     bool holds(const Timeout& t) const;     ///< pending or handed out here. O(1)
     /// The clock was set by `ms` [ms]: every pending timeout moves with it, at most to the last instant that there is,
-    /// and so does the next expiry of a periodic one whose handler is running. O(n log n)
+    /// and so does the next expiry of a periodic one whose handler is running. Where a Clock_watch is, `ms` does not
+    /// count: a manager itself finds by how much whenever it looks at the clock, before it does anything else. O(n log
+    /// n)
     ///
     /// The expiries change under the mutex alone: who looks at one of a pending timeout on another thread meanwhile may
     /// see it half changed.
@@ -88,6 +93,9 @@ private:
     static constexpr int64_t none_pending = INT64_MAX, unknown = INT64_MIN;
 
     // All of these: mutex held.
+    int submit(Timeout& t, const Atime* when, const int* ms, Diner* owner);
+    Atime now();
+    void move_all(int64_t ms);
     bool set_free(Timeout& t);
     bool take_out(Timeout& t);
     void make_pending(Timeout& t);
@@ -114,7 +122,8 @@ private:
     mutable Timeout_list _sorted;
     mutable Timeout_list _held; ///< due, but for the next pass; while there are any, `_next` is unknown
     uint32_t _steps = 0;        ///< of the clock, so far
-    int64_t _stepped = 0;       ///< [ms] by how much, since cur_expired_timeout was handed out
+    Util::Clock_offset _clock;
+    int64_t _stepped = 0; ///< [ms] by how much, since cur_expired_timeout was handed out
     /// The earliest expiry [ms], readable without the mutex: the diner's loop asks for it at every event. A submission
     /// is followed by a wake-up, so a loop that has read the old value reads again.
     mutable std::atomic<int64_t> _next{none_pending};
