@@ -35,7 +35,9 @@ public:
     /// To be called right after the system's clock was set by `seconds` [s] and `ms` [ms], both of the same sign: the
     /// pending timeouts of all diners move along, and every diner is woken once to look at them. From a handler too.
     ///
-    /// Without it timeouts keep their instants. A forward step then fires them early, a periodic one once for each
+    /// Where a Clock_watch lives nobody needs to call it, and the size given does not count.
+    ///
+    /// With neither timeouts keep their instants. A forward step then fires them early, a periodic one once for each
     /// period that was skipped; a backward step holds them up until the clock is there again. The same happens to what
     /// a diner does between the step and this call, so a clock is best set where nothing comes in between.
     void clock_stepped(int32_t seconds, int ms);

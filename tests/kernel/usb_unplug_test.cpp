@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: MIT
+// A serial line on a USB bus, both ends of it in the kernel: what the kernel says when it is unplugged, and what the
+// threaded stream makes of that.
+#include "glue/data_stream/Posix_threaded_serial_data_stream.h"
+#include "kernel/Guest.h"
+#include "support/Pty.h"
+#include "support/capture.h"
+#include "support/wait_until.h"
+#include <atomic>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <thread>
+
+namespace {
+
+int cycles = 100;
+
+/// The host's end, as a path, while it is plugged in.
+std::string host_end() {
+    for (const char* path : {"/dev/ttyACM0", "/dev/ttyACM1"})
+        if (access(path, F_OK) == 0) return path;
+    return "";
+}
+
+void plug_in() {
+    Guest::must("modprobe g_serial use_acm=1");
+    ASSERT_TRUE(wait_until([] { return !host_end().empty(); }));
+}
+
+/// Waits until whoever has the far end open lets go of it.
+void unplug() {
+    ASSERT_EQ(syscall(SYS_delete_module, "g_serial", 0), 0);
+    ASSERT_TRUE(wait_until([] { return host_end().empty(); }));
+}
+
+/// A line set raw by hand.
+struct Raw {
+    explicit Raw(const std::string& path) : fd(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)) {
+        termios t;
+        tcgetattr(fd, &t);
+        cfmakeraw(&t);
+        tcsetattr(fd, TCSANOW, &t);
+    }
+    ~Raw() { close(fd); }
+    Raw(const Raw&) = delete;
+    const int fd;
+};
+
+class Usb_line : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        Guest::must("modprobe dummy_hcd && modprobe cdc-acm");
+        plug_in();
+    }
+};
+
+std::string error_of(ssize_t result) { return result < 0 ? strerrorname_np(errno) : std::to_string(result); }
+
+TEST_F(Usb_line, unplugged_gives_these_answers) {
+    const std::string path = host_end();
+    const Raw line(path);
+    char byte = 0;
+    std::string blocked_read, blocked_poll;
+    std::thread reader([&] {
+        const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        char c;
+        blocked_read = error_of(read(fd, &c, 1));
+        close(fd);
+    });
+    std::thread poller([&] {
+        pollfd p = {line.fd, POLLIN, 0};
+        poll(&p, 1, -1);
+        for (const auto& [bit, name] :
+             {std::pair(POLLIN, "IN "), {POLLOUT, "OUT "}, {POLLHUP, "HUP "}, {POLLERR, "ERR "}})
+            if (p.revents & bit) blocked_poll += name;
+    });
+    usleep(200000); // both wait by then, most likely; if not, they find the same
+    unplug();
+    reader.join();
+    poller.join();
+    EXPECT_EQ(blocked_read, "0");
+    EXPECT_EQ(blocked_poll, "IN HUP ERR ");
+    EXPECT_EQ(error_of(read(line.fd, &byte, 1)), "0");
+    EXPECT_EQ(error_of(write(line.fd, &byte, 1)), "EIO");
+    termios t;
+    EXPECT_EQ(error_of(tcgetattr(line.fd, &t)), "EIO");
+    EXPECT_EQ(error_of(open(path.c_str(), O_RDWR)), "ENOENT");
+    // As long as somebody holds the old descriptor its number is taken.
+    plug_in();
+    EXPECT_NE(host_end(), path);
+}
+
+/// Text of which every part tells where it is from.
+std::string pattern(int cycle, size_t size) {
+    std::string text;
+    while (text.size() < size) text += std::to_string(cycle) + ":" + std::to_string(text.size()) + "\n";
+    return text.substr(0, size);
+}
+
+long reader_us(int thread) {
+    return std::stol(read_file("/proc/self/task/" + std::to_string(thread) + "/schedstat")) / 1000;
+}
+
+TEST_F(Usb_line, unplugged_and_plugged_in_again_a_hundred_times) {
+    module_man mm;
+    waiter_descriptor told;
+    told.init(&mm);
+    const Capture refusals(stderr);
+    Posix_threaded_serial_data_stream s;
+    s.init(mm);
+    s.register_line_waiter(&told);
+    s.set_open_failure_fatal(false);
+    wait_until([] { return host_end() == "/dev/ttyACM0"; });
+    ASSERT_TRUE(s.open(host_end().c_str()));
+    const std::vector<int> threads = numbers_in("/proc/self/task");
+    const int reader = *std::max_element(threads.begin(), threads.end());
+    const size_t descriptors = num_descriptors();
+    int elsewhere = 0, in_write = 0, in_open = 0;
+    size_t bytes = 0;
+    long idle_us = 0;
+
+    for (int i = 0; i < cycles && !HasFailure(); ++i) {
+        SCOPED_TRACE(i);
+        const uint32_t before = s.hang_ups();
+        // Both ends send; the far one does not always read, so that a write gets stuck.
+        std::thread sender([&] {
+            const std::string all = pattern(i, 100000);
+            char sink[256];
+            const Raw far("/dev/ttyGS0");
+            for (size_t sent = 0;;) {
+                const ssize_t n = write(far.fd, &all[sent], std::min<size_t>(all.size() - sent, 200));
+                if (n < 0 && errno != EAGAIN) break; // unplugged
+                if (n > 0) sent += static_cast<size_t>(n);
+                while (i % 4 != 3 && read(far.fd, sink, sizeof sink) > 0) {
+                }
+                if (n <= 0) usleep(1000);
+            }
+        });
+        std::atomic<unsigned> written{0};
+        std::thread writer([&] { written = put(s, std::string(i % 4 == 3 ? 200000 : 100, 'w')); });
+        // Somebody reads, up to the middle of a line, or nobody does.
+        std::string got;
+        if (i % 3) {
+            EXPECT_TRUE(wait_until([&] { return (got += take(s)).size() >= 1000; }));
+        } else {
+            EXPECT_TRUE(wait_until([&] { return s.bytes_avail() >= 1000; }));
+        }
+        if (i % 4 == 1) { // and in the middle of an open
+            writer.join(), ++in_open;
+            std::thread opener([&] {
+                for (int k = 0; k < 20; ++k) s.open("/dev/ttyACM0");
+            });
+            unplug();
+            opener.join();
+        } else {
+            unplug();
+            EXPECT_TRUE(wait_until([&] { return s.hang_ups() == before + 1; }));
+            writer.join();
+            in_write += written > 100 && written < 200000;
+        }
+        sender.join();
+        if (i % 4 != 1) {
+            if (i % 10 == 0) { // nobody looks after it for a second
+                const long start = reader_us(reader);
+                sleep(1);
+                idle_us = std::max(idle_us, reader_us(reader) - start);
+            }
+            EXPECT_EQ(s.hang_ups(), before + 1) << "told once";
+            got += take(s);
+            EXPECT_EQ(got, pattern(i, got.size())) << "a byte was invented or left out";
+            bytes += got.size();
+        }
+        if (i % 5 != 0) s.close(); // else the old number is taken
+        plug_in();
+        elsewhere += host_end() != "/dev/ttyACM0";
+        EXPECT_TRUE(s.open(host_end().c_str()));
+        s.drop(static_cast<unsigned>(s.bytes_avail()));
+        told.flush_events();
+    }
+    EXPECT_EQ(num_descriptors(), descriptors);
+    EXPECT_EQ(num_threads(), threads.size());
+    EXPECT_LT(idle_us, 200000) << "it spins";
+    printf(
+        "%d times unplugged, %u told; %d of them in a write that was stuck, %d around an open, %d times it came back "
+        "under another name; %zu bytes compared; in a second without a line the reader ran %ld us\n",
+        cycles, s.hang_ups(), in_write, in_open, elsewhere, bytes, idle_us);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    if (argc > 1 && std::string(argv[1]) == "--few") cycles = 12;
+    return RUN_ALL_TESTS();
+}
