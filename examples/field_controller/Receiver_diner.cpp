@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Receiver_diner.h"
+#include "Machine_clock.h"
 #include "Machine_codes.h"
 #include "glue/vorn/GNSS_messages.h"
 #include "glue/vorn/Vorn_error_decoder.h"
@@ -109,6 +110,11 @@ void Receiver_diner::publish(const Vorn_message& frame) {
         const GNSS_messages::Msg_PG pg(frame);
         _store.put(&Machine_block::position, {pg.lat(), pg.lon(), pg.hgt()});
         _store.put(&Machine_block::quality, {pg.type(), pg.sigma()});
+    } else if (frame.get_id() == GNSS_messages::id_GT && _clock) {
+        const GNSS_messages::Msg_GT gt(frame);
+        Machine_clock::set(int64_t{1000} * (int64_t{gt.week()} * 604800 + Machine_clock::gps_to_utc) + gt.ms());
+        _clock->check(); // a clock of the system's tells by itself
+        _clock = nullptr;
     } else if (frame.get_id() == GNSS_messages::id_PS) {
         const GNSS_messages::Msg_PS ps(frame);
         _store.put(&Machine_block::satellites, {{ps.locked(0), ps.locked(1)}, {ps.used(0), ps.used(1)}});

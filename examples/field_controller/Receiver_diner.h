@@ -4,6 +4,7 @@
 #include "Link_watch.h"
 #include "Machine_block.h"
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
+#include "glue/diner/Clock_watch.h"
 #include "glue/diner/Diner_protection.h"
 #include "glue/vorn/Vorn_checkers.h"
 #include "glue/vorn/Vorn_parser.h"
@@ -29,6 +30,8 @@ public:
                    Link_watch* watch, bool quiet);
     ~Receiver_diner() override;
 
+    /// Have the machine's clock set by the first time that comes, and `clock` told, which outlives the diner.
+    void set_clock(Clock_watch& clock) { _clock = &clock; }
     using Diner::init;
     void init(module_man& modules);
     Counts counts() const;
@@ -62,6 +65,7 @@ private:
     Machine_store& _store;
     Fault_history& _faults;
     Link_watch* _watch;
+    Clock_watch* _clock = nullptr; ///< null: nothing to set, or set already
     const bool _quiet;
     Counting_checker _checker;
     Vorn_parser _parser;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Receiver_simulator.h"
+#include "Machine_clock.h"
 #include "glue/vorn/Vorn_message.h"
 #include <cmath>
 #include <initializer_list>
@@ -9,8 +10,6 @@ namespace {
 
 constexpr double pi = 3.141592653589793;
 constexpr unsigned satellites = 12;
-constexpr int32_t gps_epoch = 315964800; // [s] 1980-01-06 after 1970-01-01
-constexpr int32_t leap_seconds = 18;     // [s] GPS time ahead of UTC since 2017
 constexpr uint32_t day_ms = 86400000;
 
 enum Fix_type : unsigned char { fix_float = 3, fix_fixed = 4 };
@@ -29,6 +28,16 @@ public:
 private:
     unsigned char _bytes[128] = {};
 };
+
+/// What the satellites say: the host's time.
+Atime satellite_time() {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    Atime t = Atime::now();
+    t.time = static_cast<int32_t>(now.tv_sec);
+    t.millitm = static_cast<uint16_t>(now.tv_nsec / 1000000);
+    return t;
+}
 
 /// One byte for each satellite.
 template <class Value>
@@ -89,7 +98,7 @@ void Receiver_simulator::handle_timeout(Timeout&) {
 
 void Receiver_simulator::send_epoch() {
     Frame time("~~", 5);
-    time.set_uint32_le(5, Atime::now_ms_into_day());
+    time.set_uint32_le(5, satellite_time().ms_into_day());
     send(time.finished(), _counts.frames);
 
     send_position(_track.at(_epoch * period_ms / 1000.0));
@@ -149,7 +158,7 @@ void Receiver_simulator::send_position(const Field_track::Pose& pose) {
 }
 
 void Receiver_simulator::send_clocks() {
-    const Atime now = Atime::now();
+    const Atime now = satellite_time();
     const time_t seconds = now.time;
     struct tm date;
     gmtime_r(&seconds, &date);
@@ -161,7 +170,7 @@ void Receiver_simulator::send_clocks() {
     rd.set_uint8(9, 1);
     send(rd.finished(), _counts.frames);
 
-    const int32_t gps = now.time - gps_epoch + leap_seconds;
+    const int32_t gps = now.time - Machine_clock::gps_to_utc;
     Frame gt("GT", 7);
     gt.set_uint32_le(5, static_cast<uint32_t>(gps % 604800) * 1000 + now.millitm);
     gt.set_uint16_le(9, static_cast<uint16_t>(gps / 604800));

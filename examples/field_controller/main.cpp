@@ -2,11 +2,12 @@
 // The library's main job on real bytes: a receiver on a serial line is read by a threaded serial stream, its diner is
 // woken, the parser cuts frames, replies and text, the printer prints them. Position and quality go into a block of
 // data that the machine's components share, and a second diner is woken when the position in it changes; what it finds
-// wrong goes into the history of faults. Without a receiver at hand a simulated one drives a machine over a field and
-// writes into a pseudo-terminal.
+// wrong goes into the history of faults. The clock begins in 1970; the receiver's time sets it, and timeouts move
+// along. Without a receiver at hand a simulated one drives a machine over a field and writes into a pseudo-terminal.
 #include "Arguments.h"
 #include "Fault_history.h"
 #include "Machine_bus.h"
+#include "Machine_clock.h"
 #include "Machine_settings.h"
 #include "Receiver_diner.h"
 #include "Receiver_simulator.h"
@@ -15,6 +16,7 @@
 #include "fail.h"
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/diner/Buffered_logger.h"
+#include "glue/diner/Clock_watch.h"
 #include "glue/diner/Diner_info_list.h"
 #include "util/Debug_print.h"
 #include "util/Debug_text_dumper.h"
@@ -154,6 +156,8 @@ bool keep_results(const Arguments& arguments, const Status_diner& status, Machin
 /// everything went well.
 bool run(const Arguments& arguments, Simulated_line* pty, const std::string& folder) {
     module_man& modules = Diner_info_list::get();
+    if (pty) Machine_clock::begin(); // the host's is not touched
+    Clock_watch clock(modules);
     Posix_threaded_serial_data_stream stream;
     stream.init(modules);
     stream.set_open_failure_fatal(false); // an exit would wait for the diners
@@ -175,6 +179,7 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
     status.init(modules);
     status.start();
     Receiver_diner receiver(stream, store, faults, pty ? &watch : nullptr, arguments.quiet);
+    if (pty) receiver.set_clock(clock);
     receiver.init(modules);
     receiver.start();
     // Now that somebody is woken by what comes.

@@ -38,6 +38,7 @@ TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_sta
     EXPECT_NE(result.out.find("\ncds_event:\n  fixed_space: "), std::string::npos);
     EXPECT_NE(result.out.find("\nAll diners terminated.\n"), std::string::npos);
 
+    EXPECT_EQ(occurrences(result.out, "\nClock_watch: the clock was set forward by 1"), 1);
     EXPECT_EQ(occurrences(result.out, "\n140       agriculture, "), 1) << "no codes";
     EXPECT_EQ(occurrences(result.out, "\n          product FC-1 Field controller\n"), 1);
 

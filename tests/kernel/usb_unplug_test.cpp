@@ -125,16 +125,15 @@ TEST_F(Usb_line, unplugged_and_plugged_in_again_a_hundred_times) {
         const uint32_t before = s.hang_ups();
         // Both ends send; the far one does not always read, so that a write gets stuck.
         std::thread sender([&] {
-            const std::string all = pattern(i, 100000);
+            const std::string all = pattern(i, 4000); // what the stream has room for
             char sink[256];
             const Raw far("/dev/ttyGS0");
-            for (size_t sent = 0;;) {
-                const ssize_t n = write(far.fd, &all[sent], std::min<size_t>(all.size() - sent, 200));
-                if (n < 0 && errno != EAGAIN) break; // unplugged
+            pollfd gone = {far.fd, 0, 0};
+            for (size_t sent = 0; poll(&gone, 1, 1) == 0;) {
+                const ssize_t n = write(far.fd, &all[sent], std::min<size_t>(all.size() - sent, 100));
                 if (n > 0) sent += static_cast<size_t>(n);
                 while (i % 4 != 3 && read(far.fd, sink, sizeof sink) > 0) {
                 }
-                if (n <= 0) usleep(1000);
             }
         });
         std::atomic<unsigned> written{0};
@@ -168,7 +167,7 @@ TEST_F(Usb_line, unplugged_and_plugged_in_again_a_hundred_times) {
             }
             EXPECT_EQ(s.hang_ups(), before + 1) << "told once";
             got += take(s);
-            EXPECT_EQ(got, pattern(i, got.size())) << "a byte was invented or left out";
+            EXPECT_TRUE(got == pattern(i, got.size())) << "a byte was invented or left out";
             bytes += got.size();
         }
         if (i % 5 != 0) s.close(); // else the old number is taken
