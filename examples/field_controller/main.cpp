@@ -2,8 +2,8 @@
 // The library's main job on real bytes: a receiver on a serial line is read by a threaded serial stream, its diner is
 // woken, the parser cuts frames, replies and text, the printer prints them. Position and quality go into a block of
 // data that the machine's components share, and a second diner is woken when the position in it changes; what it finds
-// wrong goes into the history of faults. The clock begins in 1970; the receiver's time sets it, and timeouts move
-// along. Without a receiver at hand a simulated one drives a machine over a field and writes into a pseudo-terminal.
+// wrong goes into the history of faults. Without a receiver at hand a simulated one drives a machine over a field and
+// writes into a pseudo-terminal; its time sets the machine's clock, which begins in 1970, and timeouts move along.
 #include "Arguments.h"
 #include "Fault_history.h"
 #include "Machine_bus.h"
