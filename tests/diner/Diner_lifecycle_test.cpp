@@ -260,6 +260,11 @@ TEST_F(Selector, never_leaves_two_running) {
     EXPECT_TRUE(b2.in_state(D::state_run) && z1.starts - z1.stops == 0);
     EXPECT_EQ(z1.start(), 0) << "it was parked";
     EXPECT_TRUE(z1.in_state(D::state_run));
+    // Chosen again while it still parks.
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(selector.select_diner(1) == 0 && selector.select_diner(0) == 0);
+        ASSERT_TRUE(z1.in_state(D::state_run)) << i;
+    }
 }
 
 TEST_F(Selector, copies_the_first_descriptors_in_order) {

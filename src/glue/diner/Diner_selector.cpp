@@ -84,7 +84,8 @@ int Diner_selector::select(Diner* d) {
     if (d == _selected) return 0;
     if (_selected) halt(*_selected);
     _selected = d;
-    d->start();
+    // One that was stopped just before may be on its way yet: left there it would be selected and never run.
+    if (d->start() != 0 && d->task && d->wait_stopped()) d->start();
     return 0;
 }
 

@@ -25,7 +25,8 @@ public:
     static int move(Diner& d, Diner_selector* to);
     /// Select by position in the order of the set, or by descriptor: 0, or -1 when there is none, or it has just come
     /// in from Diner::init() and cannot start yet (nothing changes then). Whether the diners really start and stop is
-    /// not looked at. Selecting the selected one does nothing.
+    /// not looked at, but one that still parks is waited for, as by wait_stopped(), and then started. Selecting the
+    /// selected one does nothing.
     int select_diner(int index);
     int select_diner(const Diner::Descriptor& d);
     Diner* get_selected() const;        ///< null when none
