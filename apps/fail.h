@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "util/api.h"
+#include "util/version.h"
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -43,6 +44,13 @@ inline void finish_output(int status) {
 /// Answer to --help.
 [[noreturn]] inline void show_usage(const char* text, int status_of_failure) {
     fputs(text, stdout);
+    finish_output(status_of_failure);
+    exit(0);
+}
+
+/// Answer to --version.
+[[noreturn]] inline void show_version(int status_of_failure) {
+    printf("%s (kavqtglue) %s\n", program_invocation_short_name, Kavqtglue::version());
     finish_output(status_of_failure);
     exit(0);
 }

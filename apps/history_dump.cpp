@@ -29,7 +29,7 @@ namespace {
 using Diagnostics_messages::Msg_SP;
 
 const char usage[] =
-    "usage: history_dump FOLDER [BASE] [filters] [--csv]\n"
+    "Usage: history_dump FOLDER [BASE] [filters] [--csv]\n"
     "Print the error history in a folder, BASE0.dat to BASE9.dat, oldest record first. BASE may be\n"
     "left out when the folder holds one history. Bytes that are no record are passed over and\n"
     "counted on standard error.\n"
@@ -40,6 +40,7 @@ const char usage[] =
     "  --to TIME    only records before this time\n"
     "  --csv        comma-separated form\n"
     "  -h, --help   this text\n"
+    "  --version    the version\n"
     "Numbers may be given in hexadecimal: 0x80. The error number of a trouble code is the low 16 bits\n"
     "of its SPN; records that can be one show SPN, FMI and count.\n";
 
@@ -117,6 +118,7 @@ Options read_arguments(int argc, char** argv) {
                             {"to", required_argument, nullptr, to},
                             {"csv", no_argument, nullptr, csv},
                             {"help", no_argument, nullptr, 'h'},
+                            {"version", no_argument, nullptr, 'v'},
                             {nullptr, 0, nullptr, 0}};
     Options o;
     opterr = 0;
@@ -140,6 +142,8 @@ Options read_arguments(int argc, char** argv) {
             break;
         case 'h':
             show_usage(usage, 1);
+        case 'v':
+            show_version(1);
         case ':':
             fail(2, "%s needs a value (try --help)", argv[optind - 1]);
         default:

@@ -15,18 +15,21 @@ namespace {
 
 using namespace NV_store;
 
-const char usage[] = "usage: nv_dump FILE\n"
+const char usage[] = "Usage: nv_dump FILE\n"
                      "Print the records of a settings file, - for standard input: containers with what is in them,\n"
                      "settings as type, id and value, and whether the checksum of each container is right.\n"
-                     "  --help  this text\n"
+                     "  --help     this text\n"
+                     "  --version  the version\n"
                      "Status 0: all is well, 1: the file is damaged, 2: wrong arguments, or it cannot be read.\n";
 
 constexpr size_t max_size = 16 << 20; // [bytes]; no settings file comes near
 
 std::string read_arguments(int argc, char** argv) {
-    const option known[] = {{"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
+    const option known[] = {
+        {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {nullptr, 0, nullptr, 0}};
     opterr = 0;
     for (int c; (c = getopt_long(argc, argv, "h", known, nullptr)) != -1;) {
+        if (c == 'v') show_version(2);
         if (c != 'h') fail(2, "unknown option %s (try --help)", argv[optind - 1]);
         show_usage(usage, 2);
     }

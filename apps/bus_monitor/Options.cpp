@@ -10,8 +10,8 @@
 namespace {
 
 const char usage[] =
-    "usage: bus_monitor can0 [options]\n"
-    "       bus_monitor FILE [--csv]\n"
+    "Usage: bus_monitor can0 [options]\n"
+    "  or:  bus_monitor FILE [--csv]\n"
     "Show the nodes of a bus with SAE J1939 or ISO 11783 and their trouble codes, every second until\n"
     "Ctrl-C, or from a recorded file (candump -L; - for standard input).\n"
     "  --once             listen for 5 s and print once; with --seconds N for that long\n"
@@ -21,6 +21,7 @@ const char usage[] =
     "  --clear ADDRESS    erase the codes of a node; asks before, not with --yes\n"
     "  --record FILE      write all frames into a file, in the form of candump -L\n"
     "  --help             this text\n"
+    "  --version          the version\n"
     "Numbers may be given in hexadecimal: 0xFECA.\n";
 
 long number(const char* option, const char* text, long most) {
@@ -33,7 +34,7 @@ long number(const char* option, const char* text, long most) {
 } // namespace
 
 Options::Options(int argc, char** argv) {
-    enum { o_once = 1, o_csv, o_listen, o_yes, o_seconds, o_request, o_to, o_clear, o_record, o_help };
+    enum { o_once = 1, o_csv, o_listen, o_yes, o_seconds, o_request, o_to, o_clear, o_record, o_help, o_version };
     const option known[] = {{"once", no_argument, nullptr, o_once},
                             {"csv", no_argument, nullptr, o_csv},
                             {"listen", no_argument, nullptr, o_listen},
@@ -44,6 +45,7 @@ Options::Options(int argc, char** argv) {
                             {"clear", required_argument, nullptr, o_clear},
                             {"record", required_argument, nullptr, o_record},
                             {"help", no_argument, nullptr, o_help},
+                            {"version", no_argument, nullptr, o_version},
                             {nullptr, 0, nullptr, 0}};
     opterr = 0;
     for (int c; (c = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
@@ -77,6 +79,8 @@ Options::Options(int argc, char** argv) {
             break;
         case o_help:
             show_usage(usage, 1);
+        case o_version:
+            show_version(1);
         case ':':
             fail(2, "%s needs a value (try --help)", argv[optind - 1]);
         default:

@@ -29,8 +29,8 @@
 
 namespace {
 
-const char usage[] = "usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--stats] [--plot SVG]\n"
-                     "       vorn_monitor FILE [--csv] [--stats] [--plot SVG]\n"
+const char usage[] = "Usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--stats] [--plot SVG]\n"
+                     "  or:  vorn_monitor FILE [--csv] [--stats] [--plot SVG]\n"
                      "Print what a receiver says, one line per packet, until the file ends or Ctrl-C.\n"
                      "  -c, --comm  listen to a serial line; baud 300 to 460800 (9600), mode rs232 or rs485\n"
                      "  --shared    do not keep other programs out of the line\n"
@@ -38,7 +38,8 @@ const char usage[] = "usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--sta
                      "  --csv       comma-separated form\n"
                      "  --stats     a summary on standard error at the end\n"
                      "  --plot SVG  draw the track into that file at the end\n"
-                     "  -h, --help  this text\n";
+                     "  -h, --help  this text\n"
+                     "  --version   the version\n";
 
 struct Options {
     std::string device; ///< as given to -c; empty when a file is read
@@ -75,13 +76,11 @@ void check_device(const std::string& device) {
 
 Options parse(int argc, char** argv) {
     enum { opt_csv = 256, opt_stats, opt_plot, opt_shared };
-    static const option longs[] = {{"comm", required_argument, nullptr, 'c'},
-                                   {"csv", no_argument, nullptr, opt_csv},
-                                   {"stats", no_argument, nullptr, opt_stats},
-                                   {"plot", required_argument, nullptr, opt_plot},
-                                   {"shared", no_argument, nullptr, opt_shared},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {nullptr, 0, nullptr, 0}};
+    static const option longs[] = {
+        {"comm", required_argument, nullptr, 'c'},    {"csv", no_argument, nullptr, opt_csv},
+        {"stats", no_argument, nullptr, opt_stats},   {"plot", required_argument, nullptr, opt_plot},
+        {"shared", no_argument, nullptr, opt_shared}, {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'v'},       {nullptr, 0, nullptr, 0}};
     Options o;
     int sources = 0;
     for (int c; (c = getopt_long(argc, argv, "c:h", longs, nullptr)) != -1;) {
@@ -105,6 +104,8 @@ Options parse(int argc, char** argv) {
             break;
         case 'h':
             show_usage(usage, 1);
+        case 'v':
+            show_version(1);
         default:
             exit(2); // getopt has said why
         }

@@ -6,9 +6,9 @@
 
 namespace {
 
-const char usage[] = "usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
+const char usage[] = "Usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
                      "                        [--speed N] [--can INTERFACE] [--plot FILE] [--settings FILE] [--quiet]\n"
-                     "       field_controller --serve [--seconds N] [--faults N] [--speed N]\n"
+                     "  or:  field_controller --serve [--seconds N] [--faults N] [--speed N]\n"
                      "  --comm     listen to a receiver on that serial line instead of the simulator\n"
                      "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
                      "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
@@ -43,6 +43,8 @@ Arguments parse_arguments(int argc, char** argv) {
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
         if (option == "--help" || option == "-h") {
             show_usage(usage, 1);
+        } else if (option == "--version") {
+            show_version(1);
         } else if (option == "--quiet") {
             a.quiet = true;
         } else if (option == "--serve") {

@@ -57,7 +57,7 @@ TEST(history_dump, answers_what_is_wrong_with_one_line_and_a_status) {
         EXPECT_TRUE(r.status == 1 && r.err.find("garbage0.dat: ") != std::string::npos) << garbage << r.err;
         std::filesystem::remove(file);
     }
-    EXPECT_EQ(run_program(HISTORY_DUMP, {"-h"}).out.rfind("usage: ", 0), 0u);
+    EXPECT_EQ(run_program(HISTORY_DUMP, {"-h"}).out.rfind("Usage: ", 0), 0u);
     for (const std::string& command : {std::string(" -h"), " " + two + " A --csv"})
         EXPECT_EQ(run_shell(HISTORY_DUMP + command + " >/dev/full").end(),
                   "1 history_dump: cannot write: No space left on device\n");
