@@ -273,7 +273,7 @@ void Lookup_struct::index_children() {
     _by_end.reserve(static_cast<size_t>(_children.size()));
     const unsigned char* end = nullptr;
     for (Lookup_item& child : _children) {
-        if (!child._fixed_extent) return _by_end.clear();
+        if (!child.has_fixed_extent()) return _by_end.clear();
         const auto start = static_cast<const unsigned char*>(child.data_address());
         if (std::less<>()(start, end)) return _by_end.clear();
         end = start + child.data_size();

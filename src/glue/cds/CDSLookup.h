@@ -69,6 +69,7 @@ public:
     const char* get_type_name() const { return type_name; }
     const char* get_comment() const { return comment; }
     Lookup_struct* get_parent() const { return parent; }
+    bool has_fixed_extent() const { return _fixed_extent; } ///< where its bytes lie never changes
 
     /// Signal a change of these bytes through the root's head, without old contents. The caller holds the head's lock.
     void notify_cds(const void* address, unsigned int size);
@@ -85,7 +86,6 @@ protected:
     const char* comment = "";
     Lookup_struct* parent;
 
-    friend class Lookup_struct;
     /// data_address() and data_size() have said the same since the item joined its parent, and always will: a change
     /// scan then passes it over without asking. For concrete classes, whose constructors set it.
     bool _fixed_extent = false;

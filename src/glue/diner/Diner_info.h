@@ -14,6 +14,7 @@ public:
     enum Activity : unsigned char { activity_idle = 0, activity_event = 1, activity_timeout = 2 };
 
     explicit Diner_info(Diner& d);
+    virtual ~Diner_info() = default;
 
     /// "%9s %5s-%d %3s %8d %7d %s:%d\n": name, state, start-pending, activity, events, timeout passes, checkpoint. To
     /// the debug output or to standard output. `full_path`: the checkpoint's file with its folders.

@@ -9,6 +9,7 @@
 /// first. No lock, no allocation.
 class KAV_API Vorn_length_checker : public Vorn_parser::Checker {
 public:
+    virtual ~Vorn_length_checker() = default;
     bool check(Data_stream& stream, unsigned short id, int total_len) override;
     /// True when the catalogue has the message and it can be so long, header and checksum included [bytes].
     bool possible(unsigned short id, int total_len) const;
