@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: MIT
+// The folders beside this file hold what each release with a format of its own wrote: settings.nv (an image and a
+// change behind it), gain.txt (checksummed), codes.txt (trouble codes) and H0.dat (history). When the last test fails
+// for good reason, the formats have changed: the folder stays, and what the test wrote becomes that of the new release.
+#include "diagnostics/Driven_manager.h"
+#include "glue/NV_store/NV_number.h"
+#include "glue/NV_store/NV_pointer.h"
+#include "glue/NV_store/NV_root.h"
+#include "glue/NV_store/NV_safe_store.h"
+#include "glue/data_stream/File_checksummed_data_stream.h"
+#include "platform/pcf_host.h"
+#include "support/Manual_clock.h"
+#include "support/Temporary_folder.h"
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace NV_store;
+namespace fs = std::filesystem;
+
+const char* const files[] = {"settings.nv", "gain.txt", "codes.txt", "H0.dat"};
+
+struct Machine : NV_root {
+    Machine() : NV_root(nullptr, 1, "machine") {}
+    struct Wheel : NV_container {
+        explicit Wheel(NV_root* root) : NV_container(root, root, 2, "wheel") {}
+        NV_uint16 pulses{this, 1, "pulses"};
+        NV_float radius{this, 2, "radius"};
+    } wheel{this};
+    NV_bool metric{this, 3, "metric"};
+    NV_char grade{this, 4, "grade"};
+    NV_uint8 gears{this, 5, "gears"};
+    NV_uint32 starts{this, 6, "starts"};
+    NV_int8 trim{this, 7, "trim"};
+    NV_int16 offset{this, 8, "offset"};
+    NV_int32 position{this, 9, "position"};
+    NV_double width{this, 10, "width"};
+    NV_uint64 serial{this, 11, "serial"};
+    NV_int64 balance{this, 12, "balance"};
+    NV_pointer shown{this, 13, "shown"};
+
+    void write(const std::string& path) {
+        NV_safe_store store(*this, path.c_str());
+        wheel.pulses.set(120);
+        wheel.radius.set(0.75f);
+        metric.set(true);
+        grade.set('B');
+        gears.set(18);
+        starts.set(3000000000);
+        trim.set(-3);
+        offset.set(-300);
+        position.set(-70000);
+        width.set(12.5);
+        serial.set(0x0123456789ABCDEF);
+        balance.set(-5000000000);
+        shown.set(&wheel.radius);
+        EXPECT_EQ(store.save(), Safe_result::saved);
+        wheel.pulses.set(121);
+        EXPECT_EQ(store.save_changes(), Safe_result::saved);
+    }
+    std::string text() const {
+        char all[512];
+        _to_string(all, sizeof all);
+        return all;
+    }
+};
+
+/// The records of a replay.
+struct Sink : Diagnostic_history {
+    void output(unsigned char src, unsigned short a, unsigned short b, unsigned s, unsigned short ms) override {
+        char line[80];
+        snprintf(line, sizeof line, "%u %u %u %u.%03u\n", unsigned{src}, unsigned{a}, unsigned{b}, s, unsigned{ms});
+        text += line;
+    }
+    bool check_ready() override { return true; }
+    std::string text;
+};
+
+const char gain[] = "gain = 0.75";
+
+void write_release(const Temporary_folder& folder) {
+    Machine().write(folder.file("settings.nv"));
+    File_checksummed_data_stream file;
+    ASSERT_TRUE(file.open_write(folder.file("gain.txt").c_str()));
+    file._write(reinterpret_cast<const unsigned char*>(gain), sizeof gain - 1);
+    file.close_write();
+
+    const Manual_clock clock(1700000000, 500);
+    ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20));
+    {
+        Driven_manager manager(nullptr);
+        manager.keep_codes_in(folder.file("codes.txt").c_str());
+        manager.log_error(0x80, 17, 1201);
+        manager.set_active(1234, 31);
+        manager.turn();
+        manager.save_codes();
+    }
+    Pcf_host::unmount();
+}
+
+TEST(Releases, each_version_s_files_are_read) {
+    for (const auto& release : fs::directory_iterator(RELEASES)) {
+        if (!release.is_directory()) continue;
+        SCOPED_TRACE(release.path());
+        const Temporary_folder folder; // the originals stay as they are
+        for (const char* file : files) fs::copy(release.path() / file, folder.path);
+
+        Machine written, read;
+        written.write(folder.file("other"));
+        NV_safe_store store(read, folder.file("settings.nv").c_str());
+        EXPECT_EQ(store.load(), Safe_result::loaded);
+        EXPECT_EQ(store.get_dropped(), 0);
+        EXPECT_EQ(read.text(), written.text());
+        EXPECT_EQ(read.shown.get(), &read.wheel.radius);
+
+        File_checksummed_data_stream file;
+        EXPECT_TRUE(file.open_read(folder.file("gain.txt").c_str()));
+
+        ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20));
+        {
+            Sink sink;
+            Driven_manager manager(nullptr);
+            EXPECT_EQ(manager.keep_codes_in(folder.file("codes.txt").c_str()), Safe_result::loaded);
+            manager.turn();
+            EXPECT_TRUE(manager.request_history(&sink));
+            while (!sink.is_done()) manager.turn();
+            EXPECT_EQ(sink.text, "128 17 1201 1700000000.500\n254 287 1234 1700000000.500\n");
+        }
+        Pcf_host::unmount();
+    }
+}
+
+TEST(Releases, what_is_written_now_are_the_bytes_of_the_newest_folder) {
+    std::string newest;
+    for (const auto& release : fs::directory_iterator(RELEASES))
+        if (release.is_directory()) newest = std::max(newest, release.path().string());
+    const Temporary_folder folder;
+    write_release(folder);
+    for (const char* file : files) EXPECT_EQ(read_file(folder.file(file)), read_file(newest + "/" + file)) << file;
+}
+
+} // namespace
