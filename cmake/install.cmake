@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # What `cmake --install` puts where, in three components: runtime (the library), dev (what building against it needs) and
-# tools (the applications). The packages of cmake/packages.cmake have the same three.
+# tools (the applications). The Debian packages of tools/packages take the same files.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kavqtglue)
@@ -9,10 +9,17 @@ set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/kavqtglue)
 install(TARGETS kavqtglue EXPORT kavqtglueTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 if(KAV_BUILD_EXAMPLES)
-    install(TARGETS vorn_monitor bus_monitor history_dump nv_dump RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    set(tools vorn_monitor bus_monitor history_dump nv_dump)
+    install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
     file(RELATIVE_PATH to_library ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-    set_target_properties(vorn_monitor bus_monitor history_dump nv_dump PROPERTIES INSTALL_RPATH "$ORIGIN/${to_library}")
+    set_target_properties(${tools} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_library}")
+    foreach(tool IN LISTS tools)
+        install(FILES apps/completion.bash RENAME ${tool}
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+    endforeach()
 endif()
+
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
 
 # Headers that only sources of the library include stay at home.
 set(own_headers "util/tsan\\.h" "vorn/frame_characters\\.h")
