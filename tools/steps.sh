@@ -74,15 +74,23 @@ need() {
         [ "$(dpkg-query -W -f '${Status}' "$package" 2>/dev/null)" = "install ok installed" ] || missing+=("$package")
     done
     [ ${#missing[@]} -eq 0 ] && return
-    [ "$(id -u)" = 0 ] || sudo -n true 2>/dev/null ||
-        fail "packages are missing; run as root, or with sudo that asks no password: apt-get install ${missing[*]}"
     printf 'Packages to install: %s\n' "${missing[*]}"
+    # A password is asked for before the step, whose output goes into a file; sudo then knows this terminal for a while.
+    [ "$(id -u)" = 0 ] || sudo -n true 2>/dev/null || { [ -t 0 ] && command -v sudo >/dev/null && sudo -v; } ||
+        fail "run this as root, or on a terminal with sudo, or install as root: apt-get install ${missing[*]}"
     step "Installing packages (needs the network)" install_missing "${missing[@]}"
 }
 
-# configure PRESET: only when it was not done before; the build itself notices later changes.
+# configure PRESET [NAME=VALUE...]: only when it was not done before, or with another value; the build itself notices
+# later changes.
 configure() {
-    [ -f "build/$1/build.ninja" ] || cmake --preset "$1"
+    local preset=$1 value old=
+    shift
+    [ -f "build/$preset/build.ninja" ] && old=build/$preset/CMakeCache.txt
+    for value; do
+        [ -z "$old" ] || grep -qx "${value%%=*}:[A-Z]*=${value#*=}" "$old" || old=
+    done
+    [ -n "$old" ] || cmake --preset "$preset" "${@/#/-D}"
 }
 
 passed=0 failed=0
@@ -118,5 +126,6 @@ fuzz() {
     return $status
 }
 
-base_packages=(g++ cmake ninja-build qt6-base-dev libdeflate-dev libgtest-dev pkg-config)
-packaging_packages=(dpkg-dev file)
+base_packages=(g++ cmake ninja-build qt6-base-dev libdeflate-dev pkg-config)
+test_packages=("${base_packages[@]}" libgtest-dev)
+packaging_packages=(bash-completion debhelper doxygen help2man lintian)
