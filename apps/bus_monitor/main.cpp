@@ -24,6 +24,7 @@
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -107,10 +108,6 @@ public:
         _inbox = std::make_unique<JIN_inbox>(*_node, nullptr, std::initializer_list<uint32_t>());
         _questions = std::make_unique<Questions>(*_node);
     }
-    ~Live() {
-        if (_record) fclose(_record);
-    }
-
     int run();
 
 private:
@@ -124,8 +121,8 @@ private:
     bool listen_until(Clock::time_point end, const std::function<bool()>& enough = nullptr);
     void read_frames();
     bool wait_for_address();
-    int ask();
-    int clear();
+    void ask();
+    void clear();
     void watch();
 
     const Options& _o;
@@ -178,7 +175,7 @@ bool Live::wait_for_address() {
     return _node->address(own);
 }
 
-int Live::ask() {
+void Live::ask() {
     if (!wait_for_address()) fail(1, "%s: no address could be had", _o.source.c_str());
     const auto pgn = static_cast<uint32_t>(_o.request);
     bool answered = false;
@@ -195,15 +192,9 @@ int Live::ask() {
     listen_until(Clock::now() + std::chrono::seconds(_o.seconds));
     _view.also = nullptr;
     if (!answered) fail(1, "nobody answered");
-    return 0;
 }
 
-int Live::clear() {
-    if (!_o.yes) {
-        fprintf(stderr, "Erase all trouble codes of the node at address %ld? [y/N] ", _o.clear);
-        const int answer = getchar();
-        if (answer != 'y' && answer != 'Y') fail(1, "nothing was erased");
-    }
+void Live::clear() {
     if (!wait_for_address()) fail(1, "%s: no address could be had", _o.source.c_str());
     for (const uint32_t pgn : {uint32_t{Trouble_code_messages::pgn_DM11}, uint32_t{Trouble_code_messages::pgn_DM3}}) {
         int control = -1;
@@ -222,7 +213,6 @@ int Live::clear() {
         if (control != 0) fail(1, "address %ld refuses to erase its %s codes", _o.clear, which);
         print("address " + std::to_string(_o.clear) + ": " + which + " codes erased\n");
     }
-    return 0;
 }
 
 /// The table, every second; where it goes into a file, once at the end.
@@ -238,15 +228,27 @@ void Live::watch() {
 }
 
 int Live::run() {
-    if (_o.request >= 0) return ask();
-    if (_o.clear >= 0) return clear();
-    if (_o.once) {
+    if (_o.request >= 0) {
+        ask();
+    } else if (_o.clear >= 0) {
+        clear();
+    } else if (_o.once) {
         listen_until(Clock::now() + std::chrono::seconds(_o.seconds));
         print_tables(_o, _view, Atime::now());
-        return 0;
+    } else {
+        watch();
     }
-    watch();
+    FILE* const record = std::exchange(_record, nullptr);
+    if (record && fclose(record) != 0) fail(1, "cannot write %s: %s", _o.record.c_str(), strerror(errno));
     return 0;
+}
+
+/// Before signals are blocked: Ctrl-C is an answer, too.
+void confirm(const Options& o) {
+    if (o.clear < 0 || o.yes) return;
+    fprintf(stderr, "Erase all trouble codes of the node at address %ld? [y/N] ", o.clear);
+    const int answer = getchar();
+    if (answer != 'y' && answer != 'Y') fail(1, "nothing was erased");
 }
 
 } // namespace
@@ -255,5 +257,6 @@ int main(int argc, char** argv) {
     keep_standard_streams();
     const Options o(argc, argv);
     if (o.is_log) return replay(o);
+    confirm(o);
     return Live(o).run();
 }
