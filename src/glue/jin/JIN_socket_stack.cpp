@@ -105,10 +105,8 @@ JIN_stack::Result JIN_socket_stack::send_with(Carrier& c, const JIN_message& m, 
     if (r != taken) return r;
     c.under_way = true;
     c.given_up_at = now_ms() + longest_ms;
-    c.pgn = m.pgn;
-    c.size = m.size;
-    c.source = own;
-    c.echo_until = INT64_MAX;
+    c.before = c.last;
+    c.last = {m.pgn, m.size, own, INT64_MAX};
     wake_reader();
     return taken;
 }
@@ -237,7 +235,7 @@ void JIN_socket_stack::bus_gone(int error) {
     for (Carrier* c : {&_for_all, &_for_one}) {
         if (!c->under_way) continue;
         c->under_way = false;
-        c->echo_until = 0;
+        c->last.until = c->before.until = 0;
         transfer_failed();
     }
     _claim.quit();
@@ -276,7 +274,7 @@ void JIN_socket_stack::receive_some() {
 bool JIN_socket_stack::is_echo(const JIN_message& m, int64_t now) const {
     if (m.size <= 8) return false;
     for (const Carrier* c : {&_for_all, &_for_one}) {
-        if (m.pgn == c->pgn && m.size == c->size && m.source == c->source && now < c->echo_until) return true;
+        if (c->last.is(m, now) || c->before.is(m, now)) return true;
     }
     return false;
 }
@@ -315,7 +313,7 @@ void JIN_socket_stack::look_after(Carrier& c) {
 
 void JIN_socket_stack::end(Carrier& c) {
     c.under_way = false;
-    c.echo_until = now_ms() + echo_ms;
+    c.last.until = now_ms() + echo_ms;
     tell_room();
 }
 

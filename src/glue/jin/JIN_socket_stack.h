@@ -55,15 +55,21 @@ public:
     uint32_t receptions_failed() const { return _receptions_failed.load(std::memory_order_relaxed); }
 
 private:
+    /// What goes out in packets comes back from the kernel when it has ended.
+    struct Echo {
+        bool is(const JIN_message& m, int64_t now) const {
+            return m.pgn == pgn && m.size == size && m.source == source && now < until;
+        }
+        uint32_t pgn = 0, size = 0;
+        uint8_t source = JIN::no_address;
+        int64_t until = 0;
+    };
     /// Carries one long message at a time, so that short ones, which have a socket of their own, need not wait behind.
     struct Carrier {
         JIN_socket socket;
         bool under_way = false;
         int64_t given_up_at = 0;
-        // Of the message carried last: what goes out in packets comes back from the kernel when it has ended.
-        uint32_t pgn = 0, size = 0;
-        uint8_t source = JIN::no_address;
-        int64_t echo_until = 0;
+        Echo last, before; ///< two, since the next message may go out before the last one has come back
     };
 
     static void* run(void* stack);
