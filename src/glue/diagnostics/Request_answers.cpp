@@ -24,8 +24,8 @@ void Request_answers::remove(uint32_t pgn) {
     Row* const row = find(pgn);
     if (!row) return;
     Row& last = _rows[--_num_rows];
-    if (row != &last) *row = std::move(last);
-    last.handler = nullptr;
+    std::swap(*row, last);
+    last.handler = nullptr; // what it has captured goes now
 }
 
 void Request_answers::request(const JIN_message& m) {
