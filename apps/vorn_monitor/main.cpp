@@ -6,6 +6,8 @@
 #include "fail.h"
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
+#include "glue/data_stream/Recorder_data_stream.h"
+#include "glue/data_stream/Replay_data_stream.h"
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
 #include "glue/vorn/GNSS_messages.h"
@@ -20,6 +22,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <getopt.h>
+#include <optional>
 #include <poll.h>
 #include <string>
 #include <sys/file.h>
@@ -35,6 +38,9 @@ const char usage[] = "Usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--sta
                      "  -c, --comm  listen to a serial line; baud 300 to 460800 (9600), mode rs232 or rs485\n"
                      "  --shared    do not keep other programs out of the line\n"
                      "  FILE        read a recorded file, - for standard input\n"
+                     "  --record OUT    keep the bytes in a new file while they are printed; with --timed also\n"
+                     "                  when each came, for a replay\n"
+                     "  --speed N       replay a timed recording at N times its original speed, not all at once\n"
                      "  --csv       comma-separated form\n"
                      "  --stats     a summary on standard error at the end\n"
                      "  --plot SVG  draw the track into that file at the end\n"
@@ -44,13 +50,23 @@ const char usage[] = "Usage: vorn_monitor -c device[:baud[:mode]] [--csv] [--sta
 struct Options {
     std::string device; ///< as given to -c; empty when a file is read
     std::string file;
-    std::string plot; ///< where to draw the track; empty: nowhere
+    std::string record; ///< where to keep the bytes; empty: nowhere
+    bool timed = false; ///< with their times
+    double speed = 0;   ///< of a replay; 0: all at once
+    std::string plot;   ///< where to draw the track; empty: nowhere
     bool csv = false;
     bool stats = false;
     bool shared = false; ///< other programs may use the line, too
 
     std::string device_path() const { return device.substr(0, device.find(':')); }
 };
+
+double parse_speed(const char* text) {
+    const char* end;
+    const double speed = Util::to_double(text, &end);
+    if (*end || !(speed >= 0.001 && speed <= 1000)) fail(2, "wrong speed %s (0.001 to 1000 times the original)", text);
+    return speed;
+}
 
 /// What the library would tacitly put right, a technician wants to hear of.
 void check_device(const std::string& device) {
@@ -75,12 +91,18 @@ void check_device(const std::string& device) {
 }
 
 Options parse(int argc, char** argv) {
-    enum { opt_csv = 256, opt_stats, opt_plot, opt_shared };
-    static const option longs[] = {
-        {"comm", required_argument, nullptr, 'c'},    {"csv", no_argument, nullptr, opt_csv},
-        {"stats", no_argument, nullptr, opt_stats},   {"plot", required_argument, nullptr, opt_plot},
-        {"shared", no_argument, nullptr, opt_shared}, {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'v'},       {nullptr, 0, nullptr, 0}};
+    enum { opt_csv = 256, opt_stats, opt_plot, opt_shared, opt_record, opt_timed, opt_speed };
+    static const option longs[] = {{"comm", required_argument, nullptr, 'c'},
+                                   {"csv", no_argument, nullptr, opt_csv},
+                                   {"stats", no_argument, nullptr, opt_stats},
+                                   {"plot", required_argument, nullptr, opt_plot},
+                                   {"shared", no_argument, nullptr, opt_shared},
+                                   {"record", required_argument, nullptr, opt_record},
+                                   {"timed", no_argument, nullptr, opt_timed},
+                                   {"speed", required_argument, nullptr, opt_speed},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'v'},
+                                   {nullptr, 0, nullptr, 0}};
     Options o;
     int sources = 0;
     for (int c; (c = getopt_long(argc, argv, "c:h", longs, nullptr)) != -1;) {
@@ -95,6 +117,15 @@ Options parse(int argc, char** argv) {
             break;
         case opt_stats:
             o.stats = true;
+            break;
+        case opt_record:
+            o.record = optarg;
+            break;
+        case opt_timed:
+            o.timed = true;
+            break;
+        case opt_speed:
+            o.speed = parse_speed(optarg);
             break;
         case opt_shared:
             o.shared = true;
@@ -112,8 +143,34 @@ Options parse(int argc, char** argv) {
     }
     for (; optind < argc; ++optind, ++sources) o.file = argv[optind];
     if (sources != 1) fail(2, "give one device with -c, or one file (try --help)");
+    if (o.timed && o.record.empty()) fail(2, "--timed needs --record (try --help)");
+    if (o.speed > 0 && o.file.empty()) fail(2, "--speed needs a recording (try --help)");
     return o;
 }
+
+/// Keeps what a stream brings, if that is wanted. A recording that is there already is not written over.
+class Recording_file {
+public:
+    Recording_file(const Options& o, Data_stream& source) : _source(source) {
+        if (o.record.empty()) return;
+        struct stat status;
+        const bool there = stat(o.record.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
+        const int fd = there ? -1 : open(o.record.c_str(), O_WRONLY | O_CREAT | O_NOCTTY | O_CLOEXEC, 0666);
+        if (fd < 0)
+            fail(1, "cannot record to %s: %s", o.record.c_str(), there ? "it is there already" : strerror(errno));
+        _file.emplace(-1, fd);
+        _recorder.emplace(source, *_file, o.timed ? Recorder_data_stream::timed : Recorder_data_stream::raw,
+                          o.record.c_str());
+    }
+    /// What to read in place of the source.
+    Data_stream& stream() { return _recorder ? *_recorder : _source; }
+    bool failed() const { return _recorder && !_recorder->is_recording(); }
+
+private:
+    Data_stream& _source;
+    std::optional<Posix_data_stream> _file;
+    std::optional<Recorder_data_stream> _recorder;
+};
 
 /// What is asked for at the end. A reader of the output that has gone has seen enough; any other failure of the output
 /// is one of the program.
@@ -158,14 +215,22 @@ public:
     }
 };
 
+/// Wait for bytes that are due and take them; false at the end of the recording and when a signal came.
+bool more_bytes(Replay_data_stream& replay, Data_stream& taker, const Stop_signals& stop) {
+    const int ms = replay.ms_to_next();
+    if (ms < 0 || stop.came(ms)) return false;
+    taker.bytes_avail(Data_stream::BUFFER_SIZE);
+    return true;
+}
+
 /// Wait for bytes and take those that are there; false at the end of the file and when a signal came.
-bool more_bytes(Posix_data_stream& stream, int fd, const Stop_signals& stop) {
+bool more_bytes(Posix_data_stream& stream, Data_stream& taker, int fd, const Stop_signals& stop) {
     pollfd waits[] = {{fd, POLLIN, 0}, {stop.fd, POLLIN, 0}};
     while (poll(waits, 2, -1) < 0) {
     }
     if (waits[1].revents) return false;
     const uint32_t before = stream.bytes_read;
-    stream.bytes_avail(Data_stream::BUFFER_SIZE);
+    taker.bytes_avail(Data_stream::BUFFER_SIZE);
     return stream.bytes_read != before;
 }
 
@@ -180,6 +245,13 @@ bool print_packets(Vorn_parser& parser, Report& report, const Stop_signals& stop
     return true;
 }
 
+/// Whether a file begins as a timed recording does. Its bytes stay unread.
+bool is_timed(int fd) {
+    char begin[Recording::magic_size];
+    return pread(fd, begin, sizeof begin, lseek(fd, 0, SEEK_CUR)) == static_cast<ssize_t>(sizeof begin) &&
+           memcmp(begin, Recording::magic, sizeof begin) == 0;
+}
+
 void monitor_file(const Options& o) {
     const int fd = o.file == "-" ? STDIN_FILENO : open(o.file.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
     struct stat status;
@@ -190,13 +262,23 @@ void monitor_file(const Options& o) {
     Report report(o.csv);
     Posix_data_stream stream(fd);
     stream.set_read_timeout(0); // take what is there; all waiting is done here, together with the signals
-    Vorn_parser parser(&stream, false);
+    std::optional<Replay_data_stream> replay;
+    if (o.speed > 0 || (S_ISREG(status.st_mode) && is_timed(fd))) {
+        replay.emplace(stream, o.speed);
+        replay->set_read_timeout(0);
+    }
+    Recording_file recording(o, replay ? static_cast<Data_stream&>(*replay) : stream);
+    Vorn_parser parser(&recording.stream(), false);
     Monitor_checker checker;
     parser.set_checker(&checker);
     {
         Progress progress(S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0);
         uint64_t bytes = 0;
-        for (uint32_t before = 0; more_bytes(stream, fd, stop) && print_packets(parser, report, stop);) {
+        const auto more = [&] {
+            return replay ? more_bytes(*replay, recording.stream(), stop)
+                          : more_bytes(stream, recording.stream(), fd, stop);
+        };
+        for (uint32_t before = 0; more() && print_packets(parser, report, stop);) {
             bytes += stream.bytes_read - before; // a difference, since the stream's count begins anew after 4 GB
             before = stream.bytes_read;
             progress.at(bytes);
@@ -204,15 +286,16 @@ void monitor_file(const Options& o) {
     }
     char c; // a regular file that ended answers 0, one that failed fails again
     const int reason = S_ISREG(status.st_mode) && read(fd, &c, 1) < 0 ? errno : 0;
-    conclude(o, report, stream, stream.bytes_avail());
+    conclude(o, report, recording.stream(), recording.stream().bytes_avail());
+    if (recording.failed() || (replay && replay->state() >= Replay_data_stream::cut)) exit(1); // a line has said so
     if (reason != 0) fail(1, "cannot read %s: %s", o.file.c_str(), strerror(reason));
 }
 
 /// Prints what the reader thread of a serial line delivers.
 class Listener : public Diner::Protection {
 public:
-    Listener(Posix_threaded_serial_data_stream& stream, Report& report, const char* device)
-        : _stream(stream), _report(report), _parser(&stream, false), _device(device) {
+    Listener(Posix_threaded_serial_data_stream& stream, Data_stream& taker, Report& report, const char* device)
+        : _stream(stream), _taker(taker), _report(report), _parser(&taker, false), _device(device) {
         _parser.set_checker(&_checker);
     }
     ~Listener() override {
@@ -247,6 +330,7 @@ private:
             _line_lost = false;
             fprintf(stderr, "vorn_monitor: %s is back\n", _device);
         }
+        _taker.bytes_avail(Data_stream::BUFFER_SIZE);
         unsigned char packet[packet_room];
         int len;
         while (!_finished) {
@@ -260,6 +344,7 @@ private:
     }
 
     Posix_threaded_serial_data_stream& _stream;
+    Data_stream& _taker; ///< what takes its bytes: itself, or a recorder
     Report& _report;
     Vorn_parser _parser;
     Monitor_checker _checker;
@@ -296,8 +381,9 @@ void monitor_device(const Options& o) {
     Posix_threaded_serial_data_stream stream;
     stream.set_open_failure_fatal(false);
     stream.set_exclusive(!o.shared);
+    Recording_file recording(o, stream);
     {
-        Listener listener(stream, report, path.c_str());
+        Listener listener(stream, recording.stream(), report, path.c_str());
         listener.listen(Diner_info_list::get());
         if (!stream.open_from_args(o.device.c_str()) && !hung_up(stream, stop, retry_ms))
             fail(1, "cannot set up %s", o.device.c_str());
@@ -311,7 +397,8 @@ void monitor_device(const Options& o) {
             _exit(1); // the thread that waits for it cannot be ended
         }
     }
-    conclude(o, report, stream, stream.bytes_avail());
+    conclude(o, report, stream, recording.stream().bytes_avail());
+    if (recording.failed()) exit(1); // a line has said so
 }
 
 } // namespace

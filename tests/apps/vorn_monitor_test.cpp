@@ -9,6 +9,7 @@
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <tuple>
 
 namespace {
 
@@ -85,6 +86,45 @@ TEST(vorn_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
     close(other);
 }
 
+TEST(vorn_monitor, records_what_it_prints_and_replays_it) {
+    const Temporary_folder folder;
+    const std::string input =
+                          Frame("GT").u4(360000).u2(2300).str() + "\r\n$noise\n" + Frame("GT").u4(1).u2(2).str() + "\n",
+                      printed = "GT ms=360000 week=2300\nTEXT $noise\nGT ms=1 week=2\n";
+    const std::string raw = folder.file("raw"), timed = folder.file("timed"), again = folder.file("again");
+    EXPECT_EQ(run_program(VORN_MONITOR, {"-", "--record", raw}, input).out, printed);
+    EXPECT_EQ(read_file(raw), input);
+    EXPECT_EQ(run_program(VORN_MONITOR, {raw, "--record", timed, "--timed"}).out, printed);
+    EXPECT_EQ(read_file(timed).substr(0, 9), "KAVQTREC\x01");
+    for (const Arguments& arguments : {Arguments{timed, "--record", again}, Arguments{timed, "--speed", "1"}}) {
+        const Child_result r = run_program(VORN_MONITOR, arguments);
+        EXPECT_EQ(r.end() + r.out, "0 " + printed);
+    }
+    EXPECT_EQ(read_file(again), input);
+    write_file(folder.file("short"), "$text\n");
+    EXPECT_EQ(run_program(VORN_MONITOR, {folder.file("short")}).out, "TEXT $text\n");
+
+    write_file(folder.file("cut"), read_file(timed).substr(0, 16 + 8 + 20));
+    const std::string version = std::string(read_file(timed)).replace(8, 1, "\x02");
+    write_file(folder.file("version"), version);
+    const std::tuple<Arguments, std::string, std::string> rows[] = {
+        {{"-", "--record", raw}, "1 vorn_monitor: cannot record to " + raw + ": it is there already\n", ""},
+        {{"-", "--record", "/none/x"}, "1 vorn_monitor: cannot record to /none/x: No such file or directory\n", ""},
+        {{"-", "--record", "/dev/full"}, "1 Recording to /dev/full ends: No space left on device\n", printed},
+        {{"-", "--timed"}, "2 vorn_monitor: --timed needs --record (try --help)\n", ""},
+        {{"-", "--speed", "fast"}, "2 vorn_monitor: wrong speed fast (0.001 to 1000 times the original)\n", ""},
+        {{"-c", "/dev/null", "--speed", "1"}, "2 vorn_monitor: --speed needs a recording (try --help)\n", ""},
+        {{raw, "--speed", "1"}, "1 Recording ends at byte 0: it is none\n", ""},
+        {{folder.file("version")}, "1 Recording ends at byte 0: it is of another version\n", ""},
+        {{folder.file("cut")}, "1 Recording ends at byte 44: it is cut\n", printed.substr(0, 23)},
+    };
+    for (const auto& [arguments, end, out] : rows) {
+        const Child_result r = run_program(VORN_MONITOR, arguments, input);
+        EXPECT_EQ(r.end() + r.out, end + out);
+    }
+    EXPECT_EQ(read_file(raw), input) << "it was not written over";
+}
+
 TEST(vorn_monitor, fails_when_its_output_does_and_keeps_it_from_what_it_opens) {
     const std::string packet = Frame("GT").u4(1).u2(2300).str() + "\r\n", cannot = "1 vorn_monitor: cannot write: ";
     const Temporary_folder folder;
@@ -127,14 +167,14 @@ struct Receiver {
 
 /// A running monitor; what it writes on standard output and standard error comes together.
 struct Live_monitor {
-    explicit Live_monitor(const std::string& device) {
+    explicit Live_monitor(const std::string& device, const char* record = "/dev/null") {
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0) abort();
         pid = fork();
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) dup2(ends[1], stream);
-            execl(VORN_MONITOR, "vorn_monitor", "-c", device.c_str(), "--stats", nullptr);
+            execl(VORN_MONITOR, "vorn_monitor", "-c", device.c_str(), "--stats", "--record", record, nullptr);
         }
         close(ends[1]);
         output = ends[0];
@@ -164,7 +204,8 @@ TEST(vorn_monitor, waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_no
     const Temporary_folder folder;
     const std::string link = folder.file("line"), packet = "GT ms=1 week=2300\n";
     auto receiver = std::make_unique<Receiver>(link);
-    Live_monitor monitor(link + ":115200");
+    const std::string record = folder.file("record"), bytes = Frame("GT").u4(1).u2(2300).str() + "\r\n";
+    Live_monitor monitor(link + ":115200", record.c_str());
     ASSERT_TRUE(monitor.says(packet, receiver.get())) << monitor.said;
     receiver.reset();
     ASSERT_TRUE(monitor.says("vorn_monitor: " + link + " hung up, waiting for it\n")) << monitor.said;
@@ -173,6 +214,7 @@ TEST(vorn_monitor, waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_no
     ASSERT_TRUE(monitor.says(packet, receiver.get())) << monitor.said;
     kill(monitor.pid, SIGINT);
     EXPECT_TRUE(monitor.says("bytes left over") && monitor.ends_well()) << monitor.said;
+    EXPECT_EQ(read_file(record).substr(0, bytes.size()), bytes);
 
     Live_monitor unread(link);
     ASSERT_TRUE(unread.says(packet, receiver.get()));

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: MIT
+#include "glue/data_stream/Posix_data_stream.h"
+#include "glue/data_stream/Posix_threaded_data_stream.h"
+#include "glue/data_stream/Recorder_data_stream.h"
+#include "glue/data_stream/Replay_data_stream.h"
+#include "support/Manual_clock.h"
+#include "support/Pty.h"
+#include "support/capture.h"
+#include "support/wait_until.h"
+#include "vorn/parser_model.h"
+#include <csignal>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <thread>
+
+namespace {
+
+/// Brings what it is given, and keeps what is written up to a limit.
+struct Device : Fed_stream {
+    explicit Device(const std::string& bytes = "", size_t portion = SIZE_MAX) : Fed_stream(bytes, pulled, portion) {}
+    unsigned _write(const unsigned char* data, unsigned n) override {
+        const size_t taken = std::min<size_t>({n, 3000, limit - written.size()}); // short of what is asked for at times
+        written.append(reinterpret_cast<const char*>(data), taken);
+        return static_cast<unsigned>(taken);
+    }
+    std::string written;
+    size_t limit = SIZE_MAX;
+};
+
+std::string bytes(std::initializer_list<int> values) { return {values.begin(), values.end()}; }
+
+/// A recording that was begun at 1000000000.250 s: "ab" at once, "!" sent 40 ms later, "cde" 60 ms after that.
+const std::string golden = "KAVQTREC" + bytes({1, 0, 250, 0, 0x00, 0xCA, 0x9A, 0x3B}) +
+                           bytes({0, 0, 0, 0, 2, 0, 0, 0}) + "ab" + bytes({40, 0, 0, 0, 1, 0, 1, 0}) + "!" +
+                           bytes({60, 0, 0, 0, 3, 0, 0, 0}) + "cde";
+
+TEST(Recorder, writes_times_and_both_directions_or_only_what_was_received) {
+    for (const auto format : {Recorder_data_stream::timed, Recorder_data_stream::raw}) {
+        Manual_clock clock(1000000000, 250);
+        Device line("abcde", 2), sink;
+        Recorder_data_stream s(line, sink, format, "sink");
+        EXPECT_TRUE(s.bytes_avail(2u) && s.bytes_avail() == 2);
+        clock.advance(40);
+        EXPECT_EQ(put(s, "!"), 1u);
+        clock.advance(60);
+        EXPECT_TRUE(s.bytes_avail(5u) && !s.bytes_avail(6u));
+        EXPECT_TRUE(take(s) == "abcde" && line.written == "!" && s.bytes_read == 5 && s.bytes_written == 1);
+        EXPECT_EQ(sink.written, format == Recorder_data_stream::timed ? golden : "abcde");
+        sink.written.clear();
+        clock.advance(-5000);
+        put(s, "?");
+        EXPECT_EQ(sink.written, format == Recorder_data_stream::timed ? bytes({0, 0, 0, 0, 1, 0, 1, 0}) + "?" : "");
+    }
+}
+
+TEST(Recorder, ends_with_one_line_when_the_sink_is_full_and_passes_everything_on) {
+    Device line(std::string(9000, 'x')), sink;
+    sink.limit = 5000;
+    Recorder_data_stream s(line, sink, Recorder_data_stream::raw, "the disk");
+    const std::string said = debug_text([&] {
+        for (const size_t n : {4200, 4200, 600}) {
+            EXPECT_TRUE(s.bytes_avail(static_cast<unsigned>(n)));
+            EXPECT_EQ(take(s), std::string(n, 'x'));
+        }
+    });
+    EXPECT_EQ(said, "Recording to the disk ends: it takes no more\n");
+    EXPECT_TRUE(!s.is_recording() && sink.written.size() == 5000);
+}
+
+TEST(Recorder, takes_what_a_reader_thread_brought_while_another_thread_writes) {
+    const Pty pty;
+    Posix_threaded_data_stream line;
+    Device sink;
+    ASSERT_TRUE(line.open(pty.path.c_str(), false, false));
+    Recorder_data_stream s(line, sink, Recorder_data_stream::timed, "sink");
+    std::thread writer([&] {
+        for (int i = 0; i < 100; ++i) put(s, "w");
+    });
+    std::string all;
+    for (int i = 0; i < 10; ++i) pty.send(std::string(100, 'r'));
+    EXPECT_TRUE(wait_until([&] {
+        s.bytes_avail(Data_stream::BUFFER_SIZE);
+        return (all += take(s)).size() == 1000;
+    }));
+    writer.join();
+    EXPECT_EQ(pty.receive(100), std::string(100, 'w'));
+    EXPECT_EQ(std::count(sink.written.begin(), sink.written.end(), 'w'), 100);
+    Device source(sink.written);
+    Replay_data_stream replay(source, 0);
+    EXPECT_FALSE(replay.bytes_avail(1001u));
+    EXPECT_TRUE(take(replay) == all && replay.state() == Replay_data_stream::ended);
+}
+
+TEST(Replay, brings_what_was_received_when_it_is_due) {
+    Manual_clock clock;
+    for (const double speed : {1.0, 4.0, 0.5}) {
+        Device source(golden, 1);
+        ASSERT_TRUE(Replay_data_stream::is_recording(source));
+        Replay_data_stream s(source, speed);
+        s.set_read_timeout(0);
+        EXPECT_EQ(s.begun() - Atime(false), Atime::week_ms);
+        EXPECT_TRUE(s.begun().time == 1000000000 && s.begun().millitm == 250 && put(s, "forgotten") == 9);
+        EXPECT_TRUE(s.ms_to_next() == 0 && !s.bytes_avail(3u));
+        const int later = static_cast<int>(100 / speed);
+        EXPECT_TRUE(take(s) == "ab" && s.ms_to_next() == later) << speed;
+        clock.advance(later - 1);
+        EXPECT_FALSE(s.bytes_avail(1u) || s.ms_to_next() != 1);
+        clock.advance(1);
+        EXPECT_TRUE(s.bytes_avail(3u) && take(s) == "cde" && s.state() == Replay_data_stream::playing);
+        EXPECT_TRUE(s.ms_to_next() == -1 && s.state() == Replay_data_stream::ended && !s.bytes_avail(1u));
+    }
+    Device source(golden);
+    Replay_data_stream s(source, 0);
+    EXPECT_TRUE(s.bytes_avail(5u) && take(s) == "abcde") << "all at once";
+}
+
+TEST(Replay, waits_for_bytes_up_to_the_time_out) {
+    Device source(golden);
+    Replay_data_stream s(source, 10);
+    EXPECT_TRUE(s.bytes_avail(5u) && take(s) == "abcde");
+    Device slow(golden);
+    Replay_data_stream late(slow, 0.001);
+    late.set_read_timeout(20);
+    EXPECT_FALSE(late.bytes_avail(3u));
+    EXPECT_EQ(take(late), "ab");
+}
+
+TEST(Replay, says_what_is_wrong_with_a_recording_and_brings_what_is_good) {
+    const size_t third = golden.size() - 3 - 8;
+    const auto changed = [](size_t at, const std::string& with) {
+        return std::string(golden).replace(at, with.size(), with);
+    };
+    const auto no = [](int at, const std::string& why) {
+        return "Recording ends at byte " + std::to_string(at) + ": it is " + why + "\n";
+    };
+    const struct {
+        std::string recording, brought, said;
+        Replay_data_stream::State state;
+    } rows[] = {
+        {"", "", no(0, "none"), Replay_data_stream::unreadable},
+        {"$$GARBAGE, and more than 16 bytes", "", no(0, "none"), Replay_data_stream::unreadable},
+        {golden.substr(0, 15), "", no(0, "none"), Replay_data_stream::unreadable},
+        {changed(8, "\2"), "", no(0, "of another version"), Replay_data_stream::unreadable},
+        {golden.substr(0, 16), "", "", Replay_data_stream::ended},
+        {golden.substr(0, 25), "a", no(25, "cut"), Replay_data_stream::cut},
+        {golden.substr(0, 30), "ab", no(26, "cut"), Replay_data_stream::cut},
+        {golden.substr(0, 34), "ab", no(34, "cut"), Replay_data_stream::cut},
+        {golden.substr(0, golden.size() - 1), "abcd", no(45, "cut"), Replay_data_stream::cut},
+        {changed(third + 4, bytes({0, 0})), "ab", no(35, "damaged"), Replay_data_stream::damaged},
+        {changed(third + 4, bytes({0x69, 0x10})), "ab", no(35, "damaged"), Replay_data_stream::damaged},
+        {changed(third + 7, "\1"), "ab", no(35, "damaged"), Replay_data_stream::damaged},
+        {changed(third + 6, "\7"), "ab", "", Replay_data_stream::ended}, // of a kind to come
+        {changed(third, "\xff\xff\xff\xff"), "abcde", "", Replay_data_stream::ended},
+    };
+    for (const auto& row : rows) {
+        std::string brought;
+        Replay_data_stream::State state = Replay_data_stream::playing;
+        const std::string said = debug_text([&] {
+            Device source(row.recording);
+            Replay_data_stream s(source, 0);
+            EXPECT_FALSE(s.bytes_avail(4000u) || s.bytes_avail(4000u));
+            brought = take(s);
+            state = s.state();
+        });
+        EXPECT_TRUE(brought == row.brought && said == row.said && state == row.state)
+            << brought << ": " << said << state;
+    }
+}
+
+TEST(Replay, of_a_recording_that_ran_into_a_limit_brings_what_fitted) {
+    const Temporary_folder folder;
+    const std::string path = folder.file("recording");
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit before;
+    getrlimit(RLIMIT_FSIZE, &before);
+    const struct rlimit limit = {1000, before.rlim_max};
+    const std::string said = debug_text([&] {
+        Device line(std::string(2000, 'x'), 100);
+        Posix_data_stream sink;
+        ASSERT_TRUE(sink.open_write(path.c_str(), true, true, false));
+        Recorder_data_stream s(line, sink, Recorder_data_stream::timed, "recording");
+        setrlimit(RLIMIT_FSIZE, &limit);
+        for (unsigned n = 100; n <= 2000; n += 100) EXPECT_TRUE(s.bytes_avail(n));
+        setrlimit(RLIMIT_FSIZE, &before);
+    });
+    EXPECT_EQ(said, "Recording to recording ends: File too large\n");
+    Posix_data_stream source;
+    ASSERT_TRUE(source.open_read(path.c_str(), true));
+    Replay_data_stream s(source, 0);
+    debug_text([&] { s.bytes_avail(2000u); });
+    EXPECT_TRUE(s.bytes_avail() == 1000 - 16 - 10 * 8 && s.state() == Replay_data_stream::cut);
+}
+
+} // namespace

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+// The reader of timed recordings. The first byte says how it is asked, the others are the file: what it brings is what
+// the file's records say, at any speed, with whatever time the clock shows.
+#include "fuzz/checks.h"
+#include "glue/data_stream/Replay_data_stream.h"
+#include "support/Manual_clock.h"
+#include "vorn/parser_model.h"
+#include <cstdint>
+
+namespace {
+
+/// What the whole and cut records of a file bring, read by hand.
+std::string model(const std::string& file) {
+    std::string all;
+    if (file.size() < 16 || file.compare(0, 10, std::string("KAVQTREC\1\0", 10)) != 0) return all;
+    const auto u1 = [&file](size_t at) { return static_cast<unsigned char>(file[at]); };
+    for (size_t at = 16; at + 8 <= file.size();) {
+        const size_t n = u1(at + 4) + 256u * u1(at + 5), kind = u1(at + 6);
+        if (n == 0 || n > 4200 || u1(at + 7) != 0) break;
+        if (kind == 0) all += file.substr(at + 8, n);
+        at += 8 + n;
+    }
+    return all;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    be_quiet();
+    if (size < 1) return 0;
+    constexpr double speeds[] = {0, 1, 1000, 0.001};
+    const std::string file = text_of(data + 1, size - 1);
+    Manual_clock clock;
+    Fed_stream source(file, data[0] & 1 ? Fed_stream::pulled : Fed_stream::hesitant, data[0] & 2 ? SIZE_MAX : 5000);
+    Replay_data_stream replay(source, speeds[data[0] >> 2 & 3]);
+    replay.set_read_timeout(0);
+    const unsigned piece = data[0] & 16 ? 4200 : 1 + (data[0] >> 5);
+    std::string brought;
+    for (int ms; (ms = replay.ms_to_next()) >= 0;) {
+        clock.advance(ms);
+        replay.bytes_avail(piece);
+        std::string some(static_cast<size_t>(replay.bytes_avail()), 0);
+        replay.get_data(reinterpret_cast<unsigned char*>(some.data()), static_cast<unsigned>(some.size()));
+        replay.drop_all();
+        brought += some;
+    }
+    require(brought == model(file), "it brings what was received");
+    require(replay.state() != Replay_data_stream::playing, "it ends");
+    return 0;
+}
