@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "util/api.h"
+#include "util/bytes.h"
 #include <cstdint>
 
 namespace NV_store {
@@ -17,11 +18,17 @@ namespace NV_store {
 enum Marker : unsigned char { marker_start = 1, marker_end = 2, marker_value = 9 };
 
 /// What each record begins with: four bytes on the medium, in this order.
-struct KAV_API Record_header {
+struct Record_header {
     static constexpr int size = 4; ///< [bytes]
 
-    static Record_header decode(const unsigned char* bytes);
-    void encode(unsigned char* bytes) const;
+    static Record_header decode(const unsigned char* bytes) {
+        return {bytes[0], bytes[1], Util::from_little_endian<unsigned short>(bytes + 2)};
+    }
+    void encode(unsigned char* bytes) const {
+        bytes[0] = type_byte;
+        bytes[1] = marker;
+        Util::to_little_endian(id, bytes + 2);
+    }
     bool operator==(const Record_header& o) const {
         return type_byte == o.type_byte && marker == o.marker && id == o.id;
     }
@@ -53,7 +60,11 @@ struct KAV_API Record_content {
     /// container not past its CRC, which it reads as the next header: files of old rely on it.
     bool can_be_skipped() const { return kind == container || kind == number || kind == array; }
     /// [bytes] of a value that begins at `p`; -1 when it is none, or `n` [bytes] do not hold its count.
-    int value_size(const unsigned char* p, int n) const;
+    int value_size(const unsigned char* p, int n) const {
+        if (kind == number) return width;
+        if (!is_counted() || n < 1 || (kind == path && p[0] > max_path_ids)) return -1;
+        return 1 + p[0] * width;
+    }
 
     Kind kind;
     unsigned char width; ///< [bytes] of the number, of an element or an identifier; 0 for the others

@@ -6,6 +6,7 @@
 #include "util/Bugger.h"
 #include "util/Debug_print.h"
 #include "util/Mspace.h"
+#include "util/pick.h"
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -78,13 +79,6 @@ void Event_node::release() {
     delete children;
 }
 
-/// `which ? a : b`, without the branch that compilers make of that.
-static __bsnode* pick(bool which, __bsnode* a, __bsnode* b) {
-    const uintptr_t mask = uintptr_t(0) - uintptr_t(which);
-    return reinterpret_cast<__bsnode*>((reinterpret_cast<uintptr_t>(a) & mask) |
-                                       (reinterpret_cast<uintptr_t>(b) & ~mask));
-}
-
 Event_node* Event_list::last_at_or_before(int offset) const {
     __bsnode* found = nullptr;
     for (__bsnode* at = header.greater; at;) {
@@ -92,8 +86,8 @@ Event_node* Event_list::last_at_or_before(int offset) const {
         __builtin_prefetch(at->greater);
         // Which way it goes is a coin toss: a branch would be guessed wrong every other time.
         const bool onward = static_cast<Event_node*>(static_cast<avl_bsnode*>(at))->offset <= offset;
-        found = pick(onward, at, found);
-        at = pick(onward, at->greater, at->less);
+        found = Util::pick(onward, at, found);
+        at = Util::pick(onward, at->greater, at->less);
     }
     return static_cast<Event_node*>(static_cast<avl_bsnode*>(found));
 }

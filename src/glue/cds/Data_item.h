@@ -47,7 +47,7 @@ public:
         return static_cast<unsigned char>(shape * 32 + type);
     }
     /// The reverse; always true, whatever the byte.
-    static bool decode_type_byte(class_type_t& shape, item_type_t& type, unsigned char byte) {
+    static constexpr bool decode_type_byte(class_type_t& shape, item_type_t& type, unsigned char byte) {
         shape = static_cast<class_type_t>(byte >> 5);
         type = static_cast<item_type_t>(byte & 0x1F);
         return true;
