@@ -2,7 +2,7 @@
 // A process saves whatever a machine saves, in turns, until its file system is stopped at a random moment; then a fresh
 // process judges. The safe stores must hold the state of before or after the last completed save; what the plain ones,
 // which promise nothing, hold is counted. With --nightly 10,000 cuts on ext4 and 5,000 on UBIFS, with
-// --few a quarter of those of the ordinary run.
+// --few an eighth of those of the ordinary run.
 #include "kernel/Media.h"
 #include "kernel/Saved_stores.h"
 #include "util/Debug_print.h"
@@ -11,7 +11,7 @@
 
 namespace {
 
-int ext4_cuts = 200, ubifs_cuts = 100;
+int ext4_cuts = 400, ubifs_cuts = 200;
 
 /// What the processes of a test tell each other.
 struct Progress {
@@ -166,8 +166,8 @@ TEST_F(Power_cut, of_ubifs) {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    if (argc > 1 && std::string(argv[1]) == "--nightly") ext4_cuts *= 50, ubifs_cuts *= 50;
-    if (argc > 1 && std::string(argv[1]) == "--few") ext4_cuts /= 4, ubifs_cuts /= 4;
+    if (argc > 1 && std::string(argv[1]) == "--nightly") ext4_cuts *= 25, ubifs_cuts *= 25;
+    if (argc > 1 && std::string(argv[1]) == "--few") ext4_cuts /= 8, ubifs_cuts /= 8;
     Debug_print::set_debug_file("/dev/null"); // thousands of refusals
     return RUN_ALL_TESTS();
 }

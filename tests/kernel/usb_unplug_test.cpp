@@ -8,6 +8,7 @@
 #include "support/wait_until.h"
 #include <atomic>
 #include <fcntl.h>
+#include <memory>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -124,17 +125,18 @@ TEST_F(Usb_line, unplugged_and_plugged_in_again_and_again) {
         SCOPED_TRACE(i);
         const uint32_t before = s.hang_ups();
         // Both ends send; the far one does not always read, so that a write gets stuck.
+        auto far = std::make_unique<Raw>("/dev/ttyGS0"); // raw before a byte comes: it would be echoed
         std::thread sender([&] {
             const std::string all = pattern(i, 4000); // what the stream has room for
             char sink[256];
-            const Raw far("/dev/ttyGS0");
-            pollfd gone = {far.fd, 0, 0};
+            pollfd gone = {far->fd, 0, 0};
             for (size_t sent = 0; poll(&gone, 1, 1) == 0;) {
-                const ssize_t n = write(far.fd, &all[sent], std::min<size_t>(all.size() - sent, 100));
+                const ssize_t n = write(far->fd, &all[sent], std::min<size_t>(all.size() - sent, 100));
                 if (n > 0) sent += static_cast<size_t>(n);
-                while (i % 4 != 3 && read(far.fd, sink, sizeof sink) > 0) {
+                while (i % 4 != 3 && read(far->fd, sink, sizeof sink) > 0) {
                 }
             }
+            far.reset(); // the device waits for that
         });
         std::atomic<unsigned> written{0};
         std::thread writer([&] { written = put(s, std::string(i % 4 == 3 ? 200000 : 100, 'w')); });
