@@ -8,12 +8,12 @@
 
 /// What the C library and Qt need on a thread of their own, instrumented builds included; the board's figures leave
 /// that out.
-static constexpr unsigned least_stack_kib = 512;
+static constexpr unsigned min_stack_kib = 512;
 
 Task::Task(const char* name, int stack_kib, bool, int) {
     snprintf(_name, sizeof _name, "%s", name);
     const unsigned kib = stack_kib > 0 ? static_cast<unsigned>(stack_kib) : 0;
-    setStackSize((kib > least_stack_kib ? kib : least_stack_kib) * 1024);
+    setStackSize((kib > min_stack_kib ? kib : min_stack_kib) * 1024);
 }
 
 Task::~Task() { join(); }

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <mutex>
 #include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -210,7 +209,7 @@ unsigned int total_size(int dir) {
 bool Pcf_host::mount(const char* directory, unsigned int quota) {
     unmount();
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     const int dir = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir < 0) return false;
     const int lock = openat(dir, lock_name, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -232,7 +231,7 @@ bool Pcf_host::mount(const char* directory, unsigned int quota) {
 
 void Pcf_host::unmount() {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (!s.mounted()) return;
     drop_slots(s);
     close(s.dir);
@@ -242,7 +241,7 @@ void Pcf_host::unmount() {
 
 void Pcf_host::inject(Call call, int nth, Fault fault, int times) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     s.injections[call] = {nth, fault, times};
 }
 
@@ -252,19 +251,19 @@ using namespace Pcf_host;
 
 int pcfIsMounted() {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     return s.mounted();
 }
 
 int pcfExists(const char* path) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     return s.mounted() && valid_name(path) && size_of(s.dir, path) >= 0;
 }
 
 PcfResult pcfOpenRead(const char* path, unsigned int offset, int) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (!s.mounted() || !valid_name(path)) return PCF_FAILED;
     const Fault fault = s.fault(call_open_read);
     if (fault != fault_none) return fault == fault_busy ? PCF_BUSY : PCF_FAILED;
@@ -278,7 +277,7 @@ PcfResult pcfOpenRead(const char* path, unsigned int offset, int) {
 
 int pcfRead(void* dest, int n, PcfResult* result, int) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     *result = PCF_FAILED;
     if (s.read_fd < 0 || n < 0 || s.fault(call_read) != fault_none) return 0;
     Read_ahead& ahead = s.ahead;
@@ -298,7 +297,7 @@ int pcfRead(void* dest, int n, PcfResult* result, int) {
 
 PcfResult pcfCloseRead(int) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (s.read_fd < 0) return PCF_NOTHING;
     close(s.read_fd);
     s.read_fd = -1;
@@ -307,7 +306,7 @@ PcfResult pcfCloseRead(int) {
 
 static PcfResult open_for_writing(const char* path, bool create) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (!s.mounted() || !valid_name(path)) return PCF_FAILED;
     const Fault fault = s.fault(create ? call_create : call_open_write);
     if (fault != fault_none) return fault == fault_busy ? PCF_BUSY : PCF_FAILED;
@@ -319,7 +318,7 @@ PcfResult pcfOpenWrite(const char* path, int) { return open_for_writing(path, fa
 
 int pcfWrite(const void* data, int n, int) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (s.writing.fd < 0 || n < 0) return -1;
     int wanted = static_cast<int>(std::min(static_cast<unsigned int>(n), s.free_bytes()));
     const Fault fault = s.fault(call_write);
@@ -332,7 +331,7 @@ int pcfWrite(const void* data, int n, int) {
 
 int pcfCloseWrite(int) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (s.writing.fd < 0) return 0;
     const bool fault = s.fault(call_close_write) != fault_none;
     return close_write_slot(s, !s.writing.failed && !fault);
@@ -340,7 +339,7 @@ int pcfCloseWrite(int) {
 
 PcfResult pcfRemove(const char* path) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (!s.mounted() || !valid_name(path) || s.fault(call_remove) != fault_none) return PCF_FAILED;
     if (s.writing.fd >= 0 && s.writing.name == path) return PCF_BUSY;
     const off_t size = size_of(s.dir, path);
@@ -352,7 +351,7 @@ PcfResult pcfRemove(const char* path) {
 
 int pcfInfo(PcfInfo* info) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (!s.mounted() || s.fault(call_info) != fault_none) return 0;
     info->size = s.quota;
     info->free_bytes = s.free_bytes();
@@ -361,14 +360,14 @@ int pcfInfo(PcfInfo* info) {
 
 unsigned int pcfGetNumFiles() {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     s.listed = s.mounted() ? list(s.dir) : std::vector<std::string>();
     return static_cast<unsigned int>(s.listed.size());
 }
 
 int pcfGetFileName(unsigned int index, char* name) {
     Store& s = store();
-    const std::lock_guard<Mutex> guard(s.mutex);
+    const Scoped_lock held(s.mutex);
     if (!s.mounted()) return 0;
     if (index == 0 || s.listed.empty()) s.listed = list(s.dir); // who begins at the front need not have counted
     if (index >= s.listed.size()) return 0;

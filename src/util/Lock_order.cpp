@@ -46,7 +46,7 @@ bool Lock_order::wait(const void* lock) {
         if (h == lock || known(h, lock)) continue; // that it waits for itself is told by the lock
         const int length = find_way(lock, h, 0);
         Step now = {h, lock, "", {}, 0};
-        if (length > 0 || _num_steps < most_steps) {
+        if (length > 0 || _num_steps < max_steps) {
             now.num_calls = backtrace(now.calls, 10);
             pthread_getname_np(pthread_self(), now.thread, sizeof now.thread);
         }
@@ -56,7 +56,7 @@ bool Lock_order::wait(const void* lock) {
             for (int i = 0; i < length; ++i) _way[i]->tell("before");
             return false;
         }
-        if (_num_steps < most_steps) _steps[_num_steps++] = now;
+        if (_num_steps < max_steps) _steps[_num_steps++] = now;
     }
     return true;
 }
@@ -68,7 +68,7 @@ bool Lock_order::known(const void* h, const void* wanted) const {
 /// The length of a way `from` a lock `to` another one, 0 when there is none. There are no circles among what is known,
 /// and few locks are taken while others are held: a plain search ends soon.
 int Lock_order::find_way(const void* from, const void* to, int length) {
-    for (int i = 0; i < _num_steps && length < longest_way; ++i) {
+    for (int i = 0; i < _num_steps && length < max_way; ++i) {
         if (_steps[i].held != from) continue;
         _way[length] = &_steps[i];
         if (_steps[i].wanted == to) return length + 1;

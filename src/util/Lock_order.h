@@ -6,7 +6,7 @@
 namespace Util {
 
 /// Finds locks that are waited for in contradictory orders before threads meet there: it remembers which lock was ever
-/// waited for while which other one was held. A wait that closes a circle can end in a deadlock, even if not today.
+/// waited for while which other one was held. A wait that closes a cycle can end in a deadlock, even if not today.
 ///
 /// For debug builds: with KAV_CHECK_LOCK_ORDER every Mutex asks the one instance and aborts at the first contradiction.
 /// That costs a walk through a table, under a lock of its own, for each lock taken while another one is held; no heap
@@ -18,15 +18,15 @@ public:
     Lock_order& operator=(const Lock_order&) = delete;
     static Lock_order& get(); ///< lives as long as the process
 
-    /// The calling thread is about to wait for `lock`. False when that contradicts what was seen before, which is told
-    /// on the debug output: for each step of the circle the thread, the two locks and the calls that led there.
+    /// The calling thread is about to wait for `lock`. False when that contradicts what was seen before, which is
+    /// reported on the debug output: for each step of the cycle the thread, the two locks and the calls that led there.
     bool wait(const void* lock);
     void taken(const void* lock);    ///< by the calling thread
     void released(const void* lock); ///< by the calling thread, in any order
     void destroyed(const void* lock);
 
 private:
-    static constexpr int most_steps = 1024, longest_way = 16;
+    static constexpr int max_steps = 1024, max_way = 16;
 
     /// A thread waited for `wanted` while it held `held`.
     struct Step {
@@ -42,9 +42,9 @@ private:
     int find_way(const void* from, const void* to, int length);
 
     std::mutex _mutex;
-    Step _steps[most_steps]; ///< what comes when it is full is checked, but not remembered
+    Step _steps[max_steps]; ///< what comes when it is full is checked, but not remembered
     int _num_steps = 0;
-    const Step* _way[longest_way]; ///< the one that was found
+    const Step* _way[max_way]; ///< the one that was found
 };
 
 } // namespace Util

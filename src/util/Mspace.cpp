@@ -20,7 +20,7 @@ void* mspace_realloc(void* space, void* p, size_t n);
 struct mallinfo mspace_mallinfo(void* space);
 }
 
-Mspace::Mspace(void* base, unsigned int size, char const* name)
+Mspace::Mspace(void* base, unsigned int size, const char* name)
     : _heap(create_mspace_with_base(base, size, 1))
     , _base(base)
     , _size(size)

@@ -15,7 +15,7 @@ class KAV_API Mspace : public sll_node {
 public:
     /// Make the heap in `size` [bytes] at `base` and enter it in the process's list. About 1 KB goes to the allocator;
     /// in a region too small for it every allocation fails. `name` is not copied.
-    Mspace(void* base, unsigned int size, char const* name);
+    Mspace(void* base, unsigned int size, const char* name);
     ~Mspace();
     Mspace(const Mspace&) = delete;
     Mspace& operator=(const Mspace&) = delete;
@@ -29,7 +29,7 @@ public:
     /// A group named after the space with "fixed_space", "free_chunks", "max_alloc", "total_alloc", "total_free" and
     /// "releasable", hexadecimal; nothing without a heap.
     void print_usage(Debug::Dumper& dumper) const;
-    char const* get_name() const { return _name; }
+    const char* get_name() const { return _name; }
     void* get_base() const { return _base; }
 
 private:
@@ -37,7 +37,7 @@ private:
     void* volatile _heap;
     void* _base;
     volatile unsigned int _size; ///< [bytes]
-    char const* _name;
+    const char* _name;
     Mspace_manager* _manager;
 };
 

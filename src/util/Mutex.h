@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "util/Scoped_lock.h"
 #include "util/api.h"
+#include "util/thread_safety.h"
 #include <QMutex>
 #include <atomic>
 #include <qnamespace.h>
 
 /// The library's lock: a non-recursive QMutex that knows its owner and reports a suspected deadlock.
-/// Works with std::lock_guard and std::unique_lock.
+/// Held by a Scoped_lock; works with std::lock_guard and std::unique_lock, too.
 ///
-/// Order of locks, outer to inner: selector, diner, stream / data store head / settings root, flash bookkeeping,
-/// waiter, event pool. Never call out while holding one of the leaves: logger ring, timeout manager, info list. Builds
-/// with KAV_CHECK_LOCK_ORDER abort at the first wait that contradicts another one, see Lock_order.
-class KAV_API Mutex {
+/// The order in which locks are taken stands in docs/architecture.md. Builds with KAV_CHECK_LOCK_ORDER abort at the
+/// first wait that contradicts another one, see Lock_order.
+class KAV_CAPABILITY("mutex") KAV_API Mutex {
 public:
     enum Status { status_free = 0, status_mine = 1, status_other = 2, status_any = 4 };
 
@@ -24,10 +25,10 @@ public:
     /// %p)\n" (mutex, failures so far from 0, owner, caller); the 21st, after about 10.5 s, aborts the process. A lock
     /// obtained after failures prints "Deadlock avoided %p %d\n". Not recursive: the owner's own second lock ends in
     /// that abort.
-    void lock();
+    void lock() KAV_ACQUIRE();
     /// One attempt that waits at most `ms` [ms] (0: not at all). True when taken.
-    bool try_lock(int ms = 0);
-    void unlock(); ///< by the owner
+    bool try_lock(int ms = 0) KAV_TRY_ACQUIRE(true);
+    void unlock() KAV_RELEASE(); ///< by the owner
 
     /// True when the calling thread holds it. Lock-free.
     bool is_locked() const;

@@ -24,12 +24,12 @@ void Semaphore::acquire() {
 }
 
 bool Semaphore::try_acquire(int ticks) {
-    constexpr int most_ticks = std::numeric_limits<int>::max() / 10;
+    constexpr int max_ticks = std::numeric_limits<int>::max() / 10;
     if (ticks < 0) {
         acquire();
         return true;
     }
-    const bool taken = _semaphore.tryAcquire(1, std::min(ticks, most_ticks) * 10);
+    const bool taken = _semaphore.tryAcquire(1, std::min(ticks, max_ticks) * 10);
     if (taken) Util::tsan::acquire(this);
     return taken;
 }

@@ -113,7 +113,7 @@ public:
     avl_bsnode* next(avl_bsnode const* n) const;     ///< null at the end. O(log n), O(1) on average
     avl_bsnode* previous(avl_bsnode const* n) const; ///< null at the start. O(log n), O(1) on average
     avl_bsnode* operator[](int i) const;             ///< by position in sort order from 0; null out of range. O(log n)
-    /// Take every element out, without comparing: works even when keys were spoilt. O(n)
+    /// Take every element out, without comparing: works even when keys were corrupted. O(n)
     void flush();
 
     int integrity() const;           ///< 0 sound, -1 broken. O(n log n)

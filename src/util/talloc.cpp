@@ -3,7 +3,6 @@
 #include "util/Mutex.h"
 #include <cstddef>
 #include <cstdlib>
-#include <mutex>
 
 namespace {
 
@@ -11,7 +10,7 @@ constexpr int pools = 6;
 
 struct Pool {
     Mutex mutex;
-    int usage = 0; ///< nothing counts here: the pools are the process heap
+    int usage KAV_GUARDED_BY(mutex) = 0; ///< nothing counts here: the pools are the process heap
 };
 
 Pool* all_pools() {
@@ -27,7 +26,7 @@ void tdealloc(void* p) { free(p); }
 
 int tallocation_init() {
     for (int i = 0; i < pools; ++i) {
-        const std::lock_guard<Mutex> guard(all_pools()[i].mutex);
+        const Scoped_lock held(all_pools()[i].mutex);
         all_pools()[i].usage = 0;
     }
     return 0;
@@ -35,6 +34,6 @@ int tallocation_init() {
 
 int tallocation_usage(unsigned short pool) {
     if (pool >= pools) return -1;
-    const std::lock_guard<Mutex> guard(all_pools()[pool].mutex);
+    const Scoped_lock held(all_pools()[pool].mutex);
     return all_pools()[pool].usage;
 }

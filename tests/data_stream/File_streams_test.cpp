@@ -249,7 +249,7 @@ TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
 
 TEST(Flash_streams, know_no_event_of_theirs_without_a_module_id) {
     const auto body = [] {
-        F::waiters = waiter_list();
+        new (&F::waiters) waiter_list; // as in a process that has just begun
         module_man modules;
         for (short id; modules.init_module(&id, false) == 0;) {
         }

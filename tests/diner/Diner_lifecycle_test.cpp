@@ -106,7 +106,7 @@ TEST(Lifecycle, a_stopped_diner_is_waited_for_and_started_with_what_its_hook_pos
         EXPECT_FALSE(d.wait_stopped()) << "nobody stops it";
         d.post(1);
         ASSERT_TRUE(d.stop() == 0 && d.wait_stopped());
-        d.waiter.send_event(waiter_event(2000, 3, 0), false, false); // dropped
+        d.waiter.send_event(waiter_event(2000, 3, 0)); // dropped
         ASSERT_EQ(d.start(), 0);
         ASSERT_TRUE(d.in_state(D::state_run) && d.idle() && d.events == 2 * round);
     }

@@ -32,7 +32,7 @@ TEST(Diner, handles_events_in_order_under_its_lock_and_bare_wake_ups_only_on_req
         waiter_event like_one(module_man::EVENT_ANONYMOUS);
         like_one.data = 77; // the data word does not count
         ++d.posted;
-        d.waiter.send_event(like_one, false, false);
+        d.waiter.send_event(like_one);
         for (int id : expected) d.post(id);
         ASSERT_TRUE(d.idle()) << "what is not handled is counted too";
         d.terminate(true);

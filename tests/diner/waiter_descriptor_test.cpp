@@ -307,7 +307,7 @@ TEST(Waiter_list, keeps_up_to_16_waiters_and_posts_to_each) {
     for (waiter_descriptor& w : waiters) EXPECT_TRUE(w.init(&mm) == 0 && list.add(&w) == (&w == &waiters[16] ? -1 : 0));
     EXPECT_TRUE(list.remove(&waiters[16]) == -1 && list.remove(&waiters[3]) == 0 && list.remove(&waiters[3]) == -1);
     EXPECT_TRUE(list.add(&waiters[4]) == -1 && list.size() == 15 && list.add(&waiters[16]) == 0);
-    for (int i = 0; i < 2; ++i) list.send({list.module_id(), 2, 3}, coalesce, no);
+    for (int i = 0; i < 2; ++i) list.send({list.module_id(), 2, 3}, waiter_descriptor::merge_duplicates);
     for (waiter_descriptor& w : waiters) EXPECT_EQ(take_all(w), &w == &waiters[3] ? "" : "1026:2:3 1026:2:3 ");
 }
 

@@ -49,7 +49,7 @@ public:
     }
     void post(int id) {
         ++posted;
-        this->waiter.send_event(waiter_event(2000, id, 0), false, false);
+        this->waiter.send_event(waiter_event(2000, id, 0));
     }
     void wake() {
         ++posted;
@@ -59,7 +59,7 @@ public:
     bool idle() {
         return wait_until([this] { return this->info.event_count == static_cast<uint32_t>(posted.load()); });
     }
-    int start_tokens() { return this->task->start_semaphore.available(); }
+    int start_tokens() { return this->_task->start_semaphore.available(); }
 
     bool lock(int timeout) const override {
         if (this->on_own_thread()) lock_gate.pass();

@@ -29,7 +29,7 @@ bool NV_waiter_reg::send_event(const NV_root* root, bool forced) const {
     if (!told || (skip_unforced && !forced)) return true;
     const short module = root ? root->get_module_id(type) : static_cast<short>(0);
     if (module == 0) return false;
-    return told->send_event(waiter_event(module, 0, target), true, false) == 0;
+    return told->send_event(waiter_event(module, 0, target), waiter_descriptor::merge_duplicates) == 0;
 }
 
 NV_waiter_list::~NV_waiter_list() {

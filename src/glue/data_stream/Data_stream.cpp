@@ -6,15 +6,9 @@
 #include "util/number_text.h"
 #include <algorithm>
 #include <cstdio>
-#include <mutex>
 
-namespace {
-
-/// The lock of a stream that has one. A public operation takes it once and then uses only unlocked calls: the lock is
-/// not recursive.
-std::unique_lock<Mutex> hold(Mutex* m) { return m ? std::unique_lock<Mutex>(*m) : std::unique_lock<Mutex>(); }
-
-} // namespace
+// A public operation takes the lock of a stream that has one, once, and then uses only unlocked calls: the lock is not
+// recursive.
 
 Data_stream::Data_stream() : buffer(_storage, BUFFER_SIZE) { set_name("DS(%p)", static_cast<void*>(this)); }
 
@@ -31,36 +25,36 @@ int Data_stream::set_write_timeout(int) { return 0; }
 int Data_stream::set_default_write_timeout() { return 0; }
 
 int Data_stream::bytes_avail() {
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     return static_cast<int>(buffer.used());
 }
 
 bool Data_stream::bytes_avail(unsigned int n) {
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     return ensure(n);
 }
 
 bool Data_stream::get_data(unsigned char* dest, unsigned int n) {
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     return ensure(n) && buffer.peek(0, dest, n) == n;
 }
 
 unsigned char Data_stream::operator[](unsigned int i) {
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     // Asked for first, so that i + 1 cannot wrap to 0 and be had for nothing.
     if (i >= BUFFER_SIZE || !ensure(i + 1)) return 0;
     return *buffer.at(i);
 }
 
 bool Data_stream::drop(unsigned int n) {
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     if (!ensure(n)) return false;
     buffer.drop(n);
     return true;
 }
 
 void Data_stream::drop_all() {
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     buffer.clear();
 }
 
@@ -72,7 +66,7 @@ bool Data_stream::ensure(uint32_t n) {
     return n <= have || (_get_data(static_cast<int>(n - have)) && buffer.used() >= n);
 }
 
-bool Data_stream::printf(char const* fmt, ...) {
+bool Data_stream::printf(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
     const bool ok = vprintf(fmt, args);
@@ -80,7 +74,7 @@ bool Data_stream::printf(char const* fmt, ...) {
     return ok;
 }
 
-bool Data_stream::vprintf(char const* fmt, va_list args) {
+bool Data_stream::vprintf(const char* fmt, va_list args) {
     char text[256];
     const int length = Util::vformat(text, sizeof text, fmt, args);
     if (length < 0) return false;
@@ -115,22 +109,22 @@ void Data_stream::log_data(unsigned char*, int) {}
 void Data_stream::flush_log_data() {}
 
 void Data_stream::get_name(char (&copy)[name_size]) const {
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     std::copy(name, name + name_size, copy);
 }
 
 Data_stream::Counts Data_stream::counts() const {
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     return {bytes_lost, bytes_read, bytes_written};
 }
 
-void Data_stream::set_name(char const* fmt, ...) {
+void Data_stream::set_name(const char* fmt, ...) {
     char text[name_size] = {};
     va_list args;
     va_start(args, fmt);
     vsnprintf(text, sizeof text, fmt, args);
     va_end(args);
-    const auto held = hold(stream_lock);
+    const Scoped_lock held(stream_lock);
     std::copy(text, text + name_size, name);
 }
 

@@ -34,7 +34,7 @@ public:
     Data_stream(const Data_stream&) = delete;
     Data_stream& operator=(const Data_stream&) = delete;
 
-    // Slot order is part of the interface.
+    // The order of the virtual functions is part of the interface, as that of Diner.
 
     virtual void flush();
     /// Time-outs [ms]. 1, or 0 where the stream does not support them.
@@ -45,7 +45,7 @@ public:
     /// Fetch at least `n` further bytes into the buffer; true when they arrived. Called with `stream_lock` held.
     virtual bool get_data(int n) = 0;
     /// Write; returns the count written. Failures that are not a short count are -1 and -4 as unsigned.
-    virtual unsigned int _write(unsigned char const* data, unsigned int n) = 0;
+    virtual unsigned int _write(const unsigned char* data, unsigned int n) = 0;
 
     /// [bytes] buffered now.
     int bytes_avail();
@@ -60,12 +60,12 @@ public:
     void drop_all();
 
     bool _get_data(int n) { return get_data(n); }
-    unsigned int __write(unsigned char const* data, unsigned int n) { return _write(data, n); }
+    unsigned int __write(const unsigned char* data, unsigned int n) { return _write(data, n); }
 
     /// Formatted write; `echo` copies the text to the debug output. A text of 256 characters or more is sent as 255
     /// characters and the zero. True when _write returned non-zero, thus also on a closed stream.
-    bool printf(char const* fmt, ...) KAV_PRINTF(2, 3);
-    bool vprintf(char const* fmt, va_list args) KAV_PRINTF(2, 0);
+    bool printf(const char* fmt, ...) KAV_PRINTF(2, 3);
+    bool vprintf(const char* fmt, va_list args) KAV_PRINTF(2, 0);
     /// Write a message and, if asked for, a line feed. True when all of it was written; else one line on the debug
     /// output.
     bool write(Binary_message const& m, bool newline);
@@ -78,7 +78,7 @@ public:
     void flush_log_data();
 
     /// The name in place: for the thread that opens and closes, and for streams without a lock. Others copy it.
-    char const* get_name() const { return name; }
+    const char* get_name() const { return name; }
     void get_name(char (&copy)[name_size]) const; ///< as it is now; any thread
 
     /// The counters of a moment [bytes]; any thread.
@@ -99,12 +99,12 @@ public:
         Window& operator=(const Window&) = delete;
 
         /// Lock again after a release().
-        void take() {
+        void take() KAV_NO_THREAD_SAFETY_ANALYSIS {
             if (_stream.stream_lock) _stream.stream_lock->lock();
             _held = true;
         }
         /// Unlock; spans are void afterwards.
-        void release() {
+        void release() KAV_NO_THREAD_SAFETY_ANALYSIS {
             if (_stream.stream_lock) _stream.stream_lock->unlock();
             _held = false;
         }
@@ -151,7 +151,7 @@ public:
 
 protected:
     /// Format `name`, cut to its room; called without `stream_lock`.
-    void set_name(char const* fmt, ...) KAV_PRINTF(2, 3);
+    void set_name(const char* fmt, ...) KAV_PRINTF(2, 3);
 
 private:
     bool ensure(uint32_t n);

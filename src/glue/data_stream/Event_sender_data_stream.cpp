@@ -3,7 +3,6 @@
 #include "glue/diner/module_man.h"
 #include "glue/diner/waiter_descriptor.h"
 #include <cstdlib>
-#include <mutex>
 
 Event_sender_data_stream::Event_sender_data_stream(module_man* mm) {
     short id = 0;
@@ -11,18 +10,18 @@ Event_sender_data_stream::Event_sender_data_stream(module_man* mm) {
     _module_id = static_cast<unsigned short>(id);
 }
 
-void Event_sender_data_stream::lock() {}
+void Event_sender_data_stream::lock() KAV_NO_THREAD_SAFETY_ANALYSIS {}
 
-void Event_sender_data_stream::unlock() {}
+void Event_sender_data_stream::unlock() KAV_NO_THREAD_SAFETY_ANALYSIS {}
 
 void Event_sender_data_stream::reg_rx_waiter(waiter_descriptor* w, bool only_when_full) {
-    const std::lock_guard<Event_sender_data_stream> held(*this);
+    const Scoped_lock held(*this);
     _rx_waiter = w;
     _rx_only_when_full = only_when_full;
 }
 
 void Event_sender_data_stream::reg_tx_waiter(waiter_descriptor* w, bool only_when_empty) {
-    const std::lock_guard<Event_sender_data_stream> held(*this);
+    const Scoped_lock held(*this);
     _tx_waiter = w;
     _tx_only_when_empty = only_when_empty;
 }
@@ -37,5 +36,5 @@ void Event_sender_data_stream::send_tx_event(bool empty) {
 
 void Event_sender_data_stream::post(waiter_descriptor* w, int code) const {
     if (!w) return;
-    w->send_event(waiter_event(static_cast<short>(_module_id), code, 0), true, false);
+    w->send_event(waiter_event(static_cast<short>(_module_id), code, 0), waiter_descriptor::merge_duplicates);
 }

@@ -7,8 +7,8 @@
 class module_man;
 class waiter_descriptor;
 
-/// A stream that tells one diner when bytes arrive and one when space is freed.
-class KAV_API Event_sender_data_stream : public Data_stream {
+/// A stream that notifies one diner when bytes arrive and one when space is freed.
+class KAV_CAPABILITY("stream") KAV_API Event_sender_data_stream : public Data_stream {
 public:
     /// Event ids of the stream's module.
     enum Event { event_data = 0, event_data_full = 1, event_space = 2, event_drained = 3 };
@@ -17,15 +17,15 @@ public:
     /// when there is none left.
     explicit Event_sender_data_stream(module_man* mm);
 
-    virtual void lock();
-    virtual void unlock();
+    virtual void lock() KAV_ACQUIRE();
+    virtual void unlock() KAV_RELEASE();
 
-    /// Who is told that bytes arrived (null: nobody); with `only_when_full` only when they filled the receiving ring.
-    /// The waiter is not owned and is unregistered before it dies.
+    /// Who is notified that bytes arrived (null: nobody); with `only_when_full` only when they filled the receiving
+    /// ring. The waiter is not owned and is unregistered before it dies.
     void reg_rx_waiter(waiter_descriptor* w, bool only_when_full);
-    /// Who is told that space was freed; with `only_when_empty` only when the ring was drained.
+    /// Who is notified that space was freed; with `only_when_empty` only when the ring was drained.
     void reg_tx_waiter(waiter_descriptor* w, bool only_when_empty);
-    /// Tell the waiter; called with lock() held. Posts are merged, their results ignored.
+    /// Notify the waiter; called with lock() held. Posts are merged, their results ignored.
     void send_rx_event(bool full);
     void send_tx_event(bool empty);
 

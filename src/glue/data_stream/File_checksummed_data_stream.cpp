@@ -9,12 +9,12 @@
 #include <cstring>
 #include <sys/stat.h>
 
-char const* const File_checksummed_data_stream::crc32_head = "\nCRC32=";
+const char* const File_checksummed_data_stream::crc32_head = "\nCRC32=";
 
 namespace {
 
 /// Hexadecimal text as the C library reads "%x"; more digits than 32 bits hold give the largest value, as on the board.
-bool parse_hex(char const* text, uint32_t& value) {
+bool parse_hex(const char* text, uint32_t& value) {
     char* end;
     const unsigned long long wide = strtoull(text, &end, 16);
     if (end == text) return false;
@@ -28,7 +28,7 @@ File_checksummed_data_stream::File_checksummed_data_stream() { set_idle_name(); 
 
 void File_checksummed_data_stream::set_idle_name() { set_name("CRCFILE(%p)", static_cast<void*>(this)); }
 
-bool File_checksummed_data_stream::open_write(char const* path) {
+bool File_checksummed_data_stream::open_write(const char* path) {
     // First, so that nothing buffered goes into a file that was cut to nothing already: it may be the same one.
     if (File_data_stream::close_write()) set_idle_name();
     set_write_file(fopen(path, "w"));
@@ -41,7 +41,7 @@ bool File_checksummed_data_stream::open_write(char const* path) {
     return true;
 }
 
-unsigned int File_checksummed_data_stream::_write(unsigned char const* data, unsigned int n) {
+unsigned int File_checksummed_data_stream::_write(const unsigned char* data, unsigned int n) {
     const unsigned int written = File_data_stream::_write(data, n);
     // A closed file answers with -1, which is no count.
     const int count = static_cast<int>(written);
@@ -73,7 +73,7 @@ bool File_checksummed_data_stream::close_read() {
 
 bool File_checksummed_data_stream::open_read(int) { return false; }
 
-bool File_checksummed_data_stream::open_read(char const* path) {
+bool File_checksummed_data_stream::open_read(const char* path) {
     if (_read_file) close_read();
     set_read_file(fopen(path, "rb"));
     if (!_read_file) {
@@ -89,7 +89,7 @@ bool File_checksummed_data_stream::open_read(char const* path) {
     return true;
 }
 
-bool File_checksummed_data_stream::verify(char const* path) {
+bool File_checksummed_data_stream::verify(const char* path) {
     struct stat infile_stat;
     if (fstat(fileno(_read_file), &infile_stat) != 0) return false;
     uint32_t stored;
@@ -107,15 +107,15 @@ bool File_checksummed_data_stream::verify(char const* path) {
     return true;
 }
 
-bool File_checksummed_data_stream::find_trailer(char const* tail, int& payload_end, uint32_t& stored) {
-    char const* const head = strstr(tail, crc32_head);
+bool File_checksummed_data_stream::find_trailer(const char* tail, int& payload_end, uint32_t& stored) {
+    const char* const head = strstr(tail, crc32_head);
     if (!head || !parse_hex(head + strlen(crc32_head), stored)) return false;
     payload_end = static_cast<int>(head - tail) - 1;
     return true;
 }
 
 /// Find where the payload ends and what checksum the trailer holds.
-bool File_checksummed_data_stream::read_trailer(char const* path, int64_t size, uint32_t& stored) {
+bool File_checksummed_data_stream::read_trailer(const char* path, int64_t size, uint32_t& stored) {
     if (size < least_size) {
         Debug_print::dprint("Empty or truncated checksummed file [%s]\n", path);
         return false;
@@ -147,7 +147,7 @@ bool File_checksummed_data_stream::read_trailer(char const* path, int64_t size, 
 
 /// The checksum as files in the field were verified: the last chunk is not cut to the payload's end, so behind a
 /// payload above 255 bytes that is no multiple of them it runs into the trailer and the file is refused.
-bool File_checksummed_data_stream::checksum_payload(char const* path, uint32_t& crc) const {
+bool File_checksummed_data_stream::checksum_payload(const char* path, uint32_t& crc) const {
     const int32_t length = read_crc32_seek_off;
     rewind(_read_file);
     for (int64_t count = 0; count < length;) {

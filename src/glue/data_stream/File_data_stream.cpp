@@ -35,7 +35,7 @@ void File_data_stream::set_write_file(FILE* file) {
     _write_file = file;
 }
 
-bool File_data_stream::open_read(char const* path) {
+bool File_data_stream::open_read(const char* path) {
     set_read_file(nullptr);
     set_read_file(fopen(path, "rb"));
     if (!_read_file) {
@@ -57,7 +57,7 @@ bool File_data_stream::open_read(int fd) {
     return true;
 }
 
-bool File_data_stream::open_write(char const* path) {
+bool File_data_stream::open_write(const char* path) {
     set_write_file(nullptr); // first, so that what is flushed comes before what the new opening writes
     set_write_file(fopen(path, "a"));
     if (!_write_file) {
@@ -96,7 +96,7 @@ bool File_data_stream::get_data(int n) {
     return n == 0;
 }
 
-unsigned int File_data_stream::_write(unsigned char const* data, unsigned int n) {
+unsigned int File_data_stream::_write(const unsigned char* data, unsigned int n) {
     if (!_write_file) return UINT_MAX;
     return static_cast<unsigned int>(fwrite(data, 1, n, _write_file));
 }
@@ -110,7 +110,7 @@ unsigned int File_data_stream::get_length() const {
     return static_cast<unsigned int>(length);
 }
 
-bool File_data_stream::exists(char const* path) {
+bool File_data_stream::exists(const char* path) {
     const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return errno != ENOENT;
     ::close(fd);

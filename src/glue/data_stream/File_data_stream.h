@@ -13,10 +13,10 @@ public:
 
     /// Open for reading. A failure is fatal, since the caller cannot go on without its file: one line on the debug
     /// output and exit(-133). Returns true. What was open for reading is closed first.
-    bool open_read(char const* path);
+    bool open_read(const char* path);
     bool open_read(int fd); ///< the same over a descriptor, which the stream then owns
     /// Open for appending; an existing file is kept. A failure is fatal: one line and exit(-134). Returns true.
-    bool open_write(char const* path);
+    bool open_write(const char* path);
     bool close_read();  ///< false when not open
     bool close_write(); ///< flushes first; false when not open
 
@@ -24,13 +24,13 @@ public:
     /// Read `n` bytes; false at the end of the file, what was read until then is buffered.
     bool get_data(int n) override;
     /// The count written, all ones when not open.
-    unsigned int _write(unsigned char const* data, unsigned int n) override;
+    unsigned int _write(const unsigned char* data, unsigned int n) override;
 
     /// Length [bytes] of the file open for reading; all ones when there is none, or when 32 bits do not hold it.
     virtual unsigned int get_length() const;
 
-    /// Whether the file is there; true as well when that cannot be told, for instance for lack of rights.
-    static bool exists(char const* path);
+    /// Whether the file is there; true as well when that cannot be found out, for instance for lack of rights.
+    static bool exists(const char* path);
 
 protected:
     /// Take over `file` (null: nothing is open) in place of what is open.

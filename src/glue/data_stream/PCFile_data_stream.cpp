@@ -7,7 +7,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 namespace {
 
@@ -16,7 +15,7 @@ constexpr int copy_attempts = 6;
 constexpr int read_chunk = 32;  // [bytes]
 constexpr int copy_chunk = 500; // [bytes]
 /// [bytes] A write that does not fit into more than this much free space means that the count of free bytes is wrong.
-constexpr unsigned int most_left_when_full = 10;
+constexpr unsigned int max_left_when_full = 10;
 
 constexpr int for_reading = 0; // what the store's functions take as their last argument
 constexpr int for_writing = -1;
@@ -34,7 +33,7 @@ enum Step {
 void print_failure(int step) { Debug_print::dprint("PCF Datastream Failed %i\n", step); }
 
 /// Open `path` for writing, at its end or new; 0 done.
-int open_for_writing(char const* path, int& step) {
+int open_for_writing(const char* path, int& step) {
     const bool there = pcfExists(path) != 0;
     step = there ? step_open : step_create;
     return there ? pcfOpenWrite(path, for_writing) : pcfCreateWrite(path, for_writing);
@@ -59,46 +58,49 @@ PCFile_data_stream::~PCFile_data_stream() {
 // ---- the class
 
 bool PCFile_data_stream::static_init(module_man& mm) {
-    const std::lock_guard<Mutex> guard(mutex);
+    const Scoped_lock held(mutex);
     if (waiters.init(mm) == 0) return true;
     Debug_print::dprint("PCF Datastream has no module id\n");
     return false;
 }
 
 int PCFile_data_stream::register_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> guard(mutex);
+    const Scoped_lock held(mutex);
     return waiters.add(w);
 }
 
 int PCFile_data_stream::deregister_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> guard(mutex);
+    const Scoped_lock held(mutex);
     return waiters.remove(w);
 }
 
 /// send_event() for callers that hold the lock.
-void PCFile_data_stream::deliver(events_t e) { waiters.send(waiter_event(waiters.module_id(), e, 0), true, false); }
+void PCFile_data_stream::deliver(events_t e) {
+    waiters.send(waiter_event(waiters.module_id(), e, 0), waiter_descriptor::merge_duplicates);
+}
 
 void PCFile_data_stream::send_event(events_t e) {
-    const std::lock_guard<Mutex> guard(mutex);
+    const Scoped_lock held(mutex);
     deliver(e);
 }
 
-bool PCFile_data_stream::is_event(waiter_event const& e) {
+/// The module id alone may be read without the lock.
+bool PCFile_data_stream::is_event(waiter_event const& e) KAV_NO_THREAD_SAFETY_ANALYSIS {
     return e.module_id != 0 && e.module_id == waiters.module_id();
 }
 
 bool PCFile_data_stream::mounted() { return pcfIsMounted() != 0; }
 
-bool PCFile_data_stream::exists(char const* path) {
+bool PCFile_data_stream::exists(const char* path) {
     if (mounted()) return pcfExists(path) != 0;
     Debug_print::dprint("PCF Datastream Failed %i (%s)\n", 192, path);
     return false;
 }
 
-bool PCFile_data_stream::remove(char const* path) { return pcfRemove(path) == PCF_DONE; }
+bool PCFile_data_stream::remove(const char* path) { return pcfRemove(path) == PCF_DONE; }
 
 bool PCFile_data_stream::get_free_space(unsigned int& used, unsigned int& size) {
-    const std::lock_guard<Mutex> guard(mutex);
+    const Scoped_lock held(mutex);
     used = size = 0;
     if (!pcfInfo(&pcf_info)) return false;
     used = pcf_info.size - pcf_info.free_bytes;
@@ -108,7 +110,7 @@ bool PCFile_data_stream::get_free_space(unsigned int& used, unsigned int& size) 
 
 // ---- open and close
 
-int PCFile_data_stream::open_read(char const* path, int retries) {
+int PCFile_data_stream::open_read(const char* path, int retries) {
     _bytes_since_open = 0;
     if (_read_open) return wrong_state;
     if (!mounted() || !pcfExists(path)) return not_mounted;
@@ -125,7 +127,7 @@ int PCFile_data_stream::open_read(char const* path, int retries) {
     return wrong_state;
 }
 
-int PCFile_data_stream::open_write(char const* path, int retries) {
+int PCFile_data_stream::open_write(const char* path, int retries) {
     if (_write_open) {
         print_failure(step_already_open);
         return wrong_state;
@@ -188,15 +190,15 @@ bool PCFile_data_stream::get_data(int n) {
     return true;
 }
 
-unsigned int PCFile_data_stream::_write(unsigned char const* data, unsigned int n) {
+unsigned int PCFile_data_stream::_write(const unsigned char* data, unsigned int n) {
     constexpr unsigned int refused = static_cast<unsigned int>(-4);
-    const std::lock_guard<Mutex> guard(mutex);
+    const Scoped_lock held(mutex);
     if (!_write_open) return refused;
     if (n > pcf_info.free_bytes) {
         deliver(event_full);
         Debug_print::try_print("PCF full\n");
         close_write();
-        if (pcf_info.free_bytes > most_left_when_full) Util::flush_and_abort();
+        if (pcf_info.free_bytes > max_left_when_full) Util::flush_and_abort();
         return refused;
     }
     const int written = n <= INT_MAX ? pcfWrite(data, static_cast<int>(n), for_writing) : -1;
@@ -216,7 +218,7 @@ unsigned int PCFile_data_stream::_write(unsigned char const* data, unsigned int 
 namespace {
 
 /// Read up to a chunk at `offset`: the count, 0 at the end of the file; -1 when it cannot be opened or read.
-int read_piece(char const* from, unsigned int offset, unsigned char* bytes) {
+int read_piece(const char* from, unsigned int offset, unsigned char* bytes) {
     PcfResult opened = PCF_BUSY;
     for (int attempt = 0; attempt < copy_attempts && opened == PCF_BUSY; ++attempt) {
         opened = pcfOpenRead(from, offset, for_reading);
@@ -230,7 +232,7 @@ int read_piece(char const* from, unsigned int offset, unsigned char* bytes) {
 }
 
 /// Append a chunk; false when it could not all be written.
-bool append_piece(char const* to, unsigned char const* bytes, int count) {
+bool append_piece(const char* to, const unsigned char* bytes, int count) {
     for (int attempt = 0; attempt < copy_attempts; ++attempt) {
         int step;
         if (open_for_writing(to, step) != PCF_DONE) {
@@ -246,7 +248,7 @@ bool append_piece(char const* to, unsigned char const* bytes, int count) {
 
 } // namespace
 
-bool PCFile_data_stream::copy(char const* to, char const* from) {
+bool PCFile_data_stream::copy(const char* to, const char* from) {
     if (!mounted() || !pcfExists(from)) return false;
     if (pcfExists(to)) pcfRemove(to);
     pcfRemove(to); // once more, whatever the store answered: what follows would append to it
@@ -281,7 +283,7 @@ unsigned int PCFile_data_stream::Iterator::next() {
     return _index;
 }
 
-char const* PCFile_data_stream::Iterator::get_name() {
+const char* PCFile_data_stream::Iterator::get_name() {
     if (_index >= _count) return nullptr;
     // A store whose names are longer than they should be must not write past ours.
     char found[256] = {};

@@ -14,7 +14,7 @@ class waiter_event;
 /// writing, shared by all streams of the process. A stream that is open must not be destroyed: that ends the process
 /// with exit(-155).
 ///
-/// Diners may register to be told when the store is full or a write failed. The class keeps its own count of free
+/// Diners may register to be notified when the store is full or a write failed. The class keeps its own count of free
 /// bytes, refreshed when a file is opened for writing.
 class KAV_API PCFile_data_stream : public Data_stream {
 public:
@@ -30,9 +30,10 @@ public:
 
     // What all streams of the process share.
 
-    static Mutex& mutex; ///< guards the other two
-    static waiter_list& waiters;
-    static PcfInfo pcf_info; ///< the store as it was last asked about, less what was written since
+    static Mutex& mutex;
+    static waiter_list& waiters KAV_GUARDED_BY(mutex);
+    /// The store as it was last asked about, less what was written since.
+    static PcfInfo pcf_info KAV_GUARDED_BY(mutex);
 
     PCFile_data_stream();
     ~PCFile_data_stream() override;
@@ -42,23 +43,23 @@ public:
     static bool static_init(module_man& mm);
     static int register_waiter(waiter_descriptor* w);   ///< 0; -1 when full, null or already there
     static int deregister_waiter(waiter_descriptor* w); ///< 0; -1 when not there
-    /// Tell every registered waiter.
+    /// Notify every registered waiter.
     static void send_event(events_t e);
     static bool is_event(waiter_event const& e); ///< one of this class's; none is before static_init()
 
     static bool mounted();
-    static bool exists(char const* path);
-    static bool remove(char const* path);
+    static bool exists(const char* path);
+    static bool remove(const char* path);
     /// [bytes] used and in all; false, and both 0, when the store does not tell.
     static bool get_free_space(unsigned int& used, unsigned int& size);
     /// Copy a file over another, in pieces; false when nothing could be copied, and when a read or write failed: what
-    /// was copied until then stays. Without room for the rest it stops, tells the waiters, and returns true.
-    static bool copy(char const* to, char const* from);
+    /// was copied until then stays. Without room for the rest it stops, notifies the waiters, and returns true.
+    static bool copy(const char* to, const char* from);
 
     /// Open with up to `retries` attempts 100 ms apart while the store is busy. 0 means for ever for reading and not at
     /// all for writing.
-    int open_read(char const* path, int retries);
-    int open_write(char const* path, int retries); ///< at the end of an existing file
+    int open_read(const char* path, int retries);
+    int open_write(const char* path, int retries); ///< at the end of an existing file
     int close_read();
     int close_write();
 
@@ -66,7 +67,7 @@ public:
     bool get_data(int n) override;
     /// The count written; -4 when not open or when there is no room, which closes the file. Aborts when a write does
     /// not fit although more than 10 bytes are counted as free: the bookkeeping is broken then.
-    unsigned int _write(unsigned char const* data, unsigned int n) override;
+    unsigned int _write(const unsigned char* data, unsigned int n) override;
 
     bool is_open_read() const { return _read_open; }
     bool is_open_write() const { return _write_open; }
@@ -77,7 +78,7 @@ public:
         Iterator();
         void reset();
         unsigned int next();    ///< step on; the new index
-        char const* get_name(); ///< null at the end; valid until the next call
+        const char* get_name(); ///< null at the end; valid until the next call
     private:
         unsigned int _index = 0;
         unsigned int _count = 0;
@@ -85,7 +86,7 @@ public:
     };
 
 private:
-    static void deliver(events_t e);
+    static void deliver(events_t e) KAV_REQUIRES(mutex);
 
     bool _read_open = false;
     bool _write_open = false;

@@ -60,14 +60,14 @@ Posix_data_stream::~Posix_data_stream() {
     close_write();
 }
 
-int Posix_data_stream::open_descriptor(char const* path, int access, bool create, bool blocking, bool append) {
+int Posix_data_stream::open_descriptor(const char* path, int access, bool create, bool blocking, bool append) {
     const int flags = access | (create ? O_CREAT : 0) | (blocking ? 0 : O_NONBLOCK) | (append ? O_APPEND : 0);
     const int fd = ::open(path, flags, everybody);
     if (fd < 0) fprintf(stderr, "Error opening file [%s]\n", path);
     return fd;
 }
 
-bool Posix_data_stream::open(char const* path, bool create, bool blocking, bool append) {
+bool Posix_data_stream::open(const char* path, bool create, bool blocking, bool append) {
     close();
     close_read();
     close_write();
@@ -80,7 +80,7 @@ bool Posix_data_stream::open(char const* path, bool create, bool blocking, bool 
     return true;
 }
 
-bool Posix_data_stream::open_write(char const* path, bool create, bool blocking, bool append) {
+bool Posix_data_stream::open_write(const char* path, bool create, bool blocking, bool append) {
     close_write();
     const int fd = open_descriptor(path, O_WRONLY | O_NOCTTY, create, blocking, append);
     if (fd < 0) return false;
@@ -89,7 +89,7 @@ bool Posix_data_stream::open_write(char const* path, bool create, bool blocking,
     return true;
 }
 
-bool Posix_data_stream::open_read(char const* path, bool blocking) {
+bool Posix_data_stream::open_read(const char* path, bool blocking) {
     close_read();
     const int fd = open_descriptor(path, O_RDONLY, false, blocking, false);
     if (fd < 0) return false;
@@ -158,7 +158,7 @@ bool Posix_data_stream::get_data(int n) {
     return true;
 }
 
-unsigned int Posix_data_stream::_write(unsigned char const* data, unsigned int n) {
+unsigned int Posix_data_stream::_write(const unsigned char* data, unsigned int n) {
     if (_write_fd < 0) return failed;
     if (_write_timeout < 0) {
         const ssize_t put = ::write(_write_fd, data, n);

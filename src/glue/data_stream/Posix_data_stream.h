@@ -33,10 +33,10 @@ public:
     /// it is missing, for everybody as far as the process's mask allows. Not `blocking`: reads and writes that cannot
     /// go on fail. Tells standard error what it does; false when the system refuses. A terminal may become the
     /// controlling one of a process that leads a session without one.
-    bool open(char const* path, bool create, bool blocking, bool append);
-    /// Open one direction and leave the other as it is. Failures are told on standard error.
-    bool open_write(char const* path, bool create, bool blocking, bool append);
-    bool open_read(char const* path, bool blocking);
+    bool open(const char* path, bool create, bool blocking, bool append);
+    /// Open one direction and leave the other as it is. Failures are reported on standard error.
+    bool open_write(const char* path, bool create, bool blocking, bool append);
+    bool open_read(const char* path, bool blocking);
 
     /// Each true when it closed something: close() the one descriptor of both directions, the other two the descriptor
     /// of a direction that has its own.
@@ -58,11 +58,11 @@ public:
     bool get_data(int n) override;
     /// Without a time-out one write and its result: the count, which may be short, or -1. With one, byte by byte until
     /// the time is over. -1 when closed.
-    unsigned int _write(unsigned char const* data, unsigned int n) override;
+    unsigned int _write(const unsigned char* data, unsigned int n) override;
 
     /// What all streams over descriptors share: `access` (O_RDWR and the like) plus a flag for each choice, created
-    /// files for everybody, failures told on standard error. The descriptor, or -1.
-    static int open_descriptor(char const* path, int access, bool create, bool blocking, bool append);
+    /// files for everybody, failures reported on standard error. The descriptor, or -1.
+    static int open_descriptor(const char* path, int access, bool create, bool blocking, bool append);
 
 protected:
     int read_fd() const { return _read_fd; }

@@ -3,14 +3,14 @@
 
 Posix_serial_data_stream::Posix_serial_data_stream() { set_name("DSPosSer(%p)", static_cast<void*>(this)); }
 
-Posix_serial_data_stream::Posix_serial_data_stream(char const* args) {
+Posix_serial_data_stream::Posix_serial_data_stream(const char* args) {
     open_from_args(args);
     set_name("DSPosSer(%p, %s)", static_cast<void*>(this), args);
 }
 
 Posix_serial_data_stream::~Posix_serial_data_stream() { release_claim(); }
 
-bool Posix_serial_data_stream::open(char const* path, bool create, bool blocking, bool append) {
+bool Posix_serial_data_stream::open(const char* path, bool create, bool blocking, bool append) {
     close();
     if (!Posix_data_stream::open(path, create, blocking, append)) {
         set_name("DSPosSer(%p)", static_cast<void*>(this));
@@ -23,7 +23,7 @@ bool Posix_serial_data_stream::open(char const* path, bool create, bool blocking
     return ok;
 }
 
-bool Posix_serial_data_stream::open_default(char const* path) { return open(path, false, true, false); }
+bool Posix_serial_data_stream::open_default(const char* path) { return open(path, false, true, false); }
 
 bool Posix_serial_data_stream::close() {
     release_claim();
@@ -35,4 +35,4 @@ bool Posix_serial_data_stream::close() {
 
 int Posix_serial_data_stream::get_fd() const { return read_fd() == write_fd() ? read_fd() : -1; }
 
-char const* Posix_serial_data_stream::get_help() { return "-c|--comm device[:baud]"; }
+const char* Posix_serial_data_stream::get_help() { return "-c|--comm device[:baud]"; }

@@ -107,7 +107,7 @@ void Posix_serial_port::deinit() {
     _saved.reset();
 }
 
-bool Posix_serial_port::init_opened(char const* path, bool& claimed) {
+bool Posix_serial_port::init_opened(const char* path, bool& claimed) {
     // What has no locks, or no exclusive mode, is opened all the same.
     claimed = !_exclusive || flock(get_fd(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
     if (!claimed) {
@@ -130,7 +130,7 @@ bool Posix_serial_port::restore() { return usable() && tcsetattr(get_fd(), TCSAN
 
 bool Posix_serial_port::write_settings() { return tcsetattr(get_fd(), TCSANOW, _current.get()) == 0; }
 
-bool Posix_serial_port::open_from_args(char const* args) {
+bool Posix_serial_port::open_from_args(const char* args) {
     if (!args) return false;
     char text[max_args + 1];
     snprintf(text, sizeof text, "%.*s", max_args, args);
@@ -142,7 +142,7 @@ bool Posix_serial_port::open_from_args(char const* args) {
 
     if (!open_default(fields[device])) return false;
     set_speed(fields[device], fields[speed]);
-    const auto is_mode = [&](char const* name) { return fields[mode] && strncmp(fields[mode], name, 5) == 0; };
+    const auto is_mode = [&](const char* name) { return fields[mode] && strncmp(fields[mode], name, 5) == 0; };
     // Written even if it reads the same: not every driver reports this switch.
     if (is_mode("rs485")) return write_lines(line_rs485, line_rs485, false);
     if (is_mode("rs232")) return write_lines(line_rs485, 0, false);
@@ -150,8 +150,8 @@ bool Posix_serial_port::open_from_args(char const* args) {
 }
 
 /// Set the speed that a device argument gives, and tell when the line has another one then.
-void Posix_serial_port::set_speed(char const* device, char const* text) {
-    char const* end = "";
+void Posix_serial_port::set_speed(const char* device, const char* text) {
+    const char* end = "";
     const long wanted = text && *text ? Util::to_long32(text, 10, &end) : default_baud_rate;
     if (!set_baud_rate(wanted) || (*end == 0 && get_baudRate() == wanted)) return;
     Debug_print::dprint("%s: no speed %s, %ld bit/s are set\n", device, text, get_baudRate());

@@ -65,7 +65,7 @@ public:
     // Slot order is part of the interface.
 
     virtual int get_fd() const = 0;                  ///< of the line, negative while it is closed
-    virtual bool open_default(char const* path) = 0; ///< open the device and init() the port
+    virtual bool open_default(const char* path) = 0; ///< open the device and init() the port
 
     /// Remember the line's settings and make it a plain byte line: raw, a read returns from one byte on, modem lines
     /// ignored and left on at the close. The speed stays. On a port that is initialised the settings first remembered
@@ -81,7 +81,7 @@ public:
     /// (9600 when missing or empty; a line on the debug output tells when it becomes another one), "rs485" or "rs232"
     /// (anything else leaves the transceiver as it is; text behind the five characters is ignored). False when
     /// open_default() fails or the transceiver cannot be switched.
-    bool open_from_args(char const* args);
+    bool open_from_args(const char* args);
 
     /// Whether an opening from now on claims the line for this program: false at first. Then opening fails, with a line
     /// on the debug output, while another program has claimed it, and others cannot open it or are told so until it is
@@ -96,7 +96,7 @@ public:
     /// An unknown number of bits becomes 8. An unknown parity is odd or even as before.
     bool set_format(Format const& f);
     bool get_format(Format& f) const;
-    /// Hardware handshake also raises RTS, even when the line does not take the setting, which is told by false.
+    /// Hardware handshake also raises RTS, even when the line does not take the setting, which false reports.
     bool set_handshake(handshake_t h);
     /// False when the modem lines cannot be read; they are 0 then, the handshake is right.
     bool get_status(Status& s);
@@ -114,13 +114,13 @@ protected:
 
     /// After the opening of `path`: claim the line, if that is wanted, and init(). False with a line on the debug
     /// output when another program has it, `claimed` is false then, or when it is no terminal.
-    bool init_opened(char const* path, bool& claimed);
+    bool init_opened(const char* path, bool& claimed);
     /// Before the closing: give up what was claimed.
     void release_claim();
 
 private:
     bool usable() const { return initialised() && get_fd() >= 0; }
-    void set_speed(char const* device, char const* text);
+    void set_speed(const char* device, const char* text);
     bool write_settings();
     bool write_lines(int mask, int value, bool only_changes);
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "glue/data_stream/Posix_threaded_data_stream.h"
+#include "platform/Task.h"
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <mutex>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -32,38 +32,40 @@ struct Reader_name {
 
 } // namespace
 
-Posix_threaded_data_stream::Posix_threaded_data_stream() : _reader(Reader_name().text, reader_stack_kib, true, 0) {
+Posix_threaded_data_stream::Posix_threaded_data_stream()
+    : _reader(new Task(Reader_name().text, reader_stack_kib, true)) {
     stream_lock = &_mutex;
     set_name("DSPosT(%p)", static_cast<void*>(this));
 }
 
 Posix_threaded_data_stream::~Posix_threaded_data_stream() {
     {
-        const std::lock_guard<Mutex> held(_descriptor_lock);
+        const Scoped_lock held(_descriptor_lock);
         _stop = true;
     }
     wake_reader();
-    _reader.join();
+    _reader->join();
     close();
     if (_wake_fd >= 0) ::close(_wake_fd);
+    delete _reader;
 }
 
 void Posix_threaded_data_stream::init(module_man& mm) {
     bool ok;
     {
-        const std::lock_guard<Mutex> held(_mutex);
+        const Scoped_lock held(_mutex);
         ok = _waiters.module_id() != 0 || _waiters.init(mm) == 0;
     }
     // Without the lock: at exit the diners are waited for, and one may be waiting for the lock.
     if (!ok) exit(-132);
 }
 
-bool Posix_threaded_data_stream::can_open(char const* path) {
+bool Posix_threaded_data_stream::can_open(const char* path) {
     const int fd = ::open(path, O_RDWR | O_NOCTTY | O_NONBLOCK);
     return fd >= 0 && ::close(fd) == 0;
 }
 
-bool Posix_threaded_data_stream::open(char const* path, bool create, bool append) {
+bool Posix_threaded_data_stream::open(const char* path, bool create, bool append) {
     close();
     const int fd = Posix_data_stream::open_descriptor(path, O_RDWR | O_NOCTTY, create, true, append);
     if (fd < 0) {
@@ -78,8 +80,8 @@ bool Posix_threaded_data_stream::open(char const* path, bool create, bool append
     // held, not even when another process snatches the bytes that poll() announced.
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     {
-        const std::lock_guard<Mutex> held(_mutex);
-        const std::lock_guard<Mutex> descriptor_held(_descriptor_lock);
+        const Scoped_lock held(_mutex);
+        const Scoped_lock descriptor_held(_descriptor_lock);
         _fd = fd;
         ++_epoch;
         line_back();
@@ -92,7 +94,7 @@ bool Posix_threaded_data_stream::open(char const* path, bool create, bool append
 bool Posix_threaded_data_stream::close() {
     int fd;
     {
-        const std::lock_guard<Mutex> held(_descriptor_lock);
+        const Scoped_lock held(_descriptor_lock);
         fd = _fd.exchange(-1);
         ++_epoch;
     }
@@ -107,29 +109,29 @@ bool Posix_threaded_data_stream::start() {
     if (_wake_fd >= 0) return true;
     _wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (_wake_fd < 0) return false;
-    if (_reader.start(reader_priority, run, this) == 0) return true;
+    if (_reader->start(reader_priority, run, this) == 0) return true;
     ::close(_wake_fd);
     _wake_fd = -1;
     return false;
 }
 
 int Posix_threaded_data_stream::register_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> held(_mutex);
+    const Scoped_lock held(_mutex);
     return _waiters.add(w);
 }
 
 int Posix_threaded_data_stream::deregister_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> held(_mutex);
+    const Scoped_lock held(_mutex);
     return _waiters.remove(w);
 }
 
 int Posix_threaded_data_stream::register_line_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> held(_mutex);
+    const Scoped_lock held(_mutex);
     return _line_waiters.add(w);
 }
 
 int Posix_threaded_data_stream::deregister_line_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> held(_mutex);
+    const Scoped_lock held(_mutex);
     return _line_waiters.remove(w);
 }
 
@@ -140,7 +142,7 @@ bool Posix_threaded_data_stream::init_commander(Commander& c) const {
 
 bool Posix_threaded_data_stream::get_data(int n) { return n == 0; }
 
-unsigned int Posix_threaded_data_stream::_write(unsigned char const* data, unsigned int n) {
+unsigned int Posix_threaded_data_stream::_write(const unsigned char* data, unsigned int n) {
     unsigned done = 0;
     uint32_t epoch = 0;
     for (bool first = true;; first = false) {
@@ -148,14 +150,14 @@ unsigned int Posix_threaded_data_stream::_write(unsigned char const* data, unsig
         ssize_t put = -1;
         bool is_full = false;
         {
-            const std::lock_guard<Mutex> held(_descriptor_lock);
+            const Scoped_lock held(_descriptor_lock);
             if (first) epoch = _epoch;
             if (epoch == _epoch) room.fd = descriptor(); // the rest is not for a line that was opened meanwhile
             if (room.fd >= 0) put = ::write(room.fd, data + done, n - done);
             is_full = room.fd >= 0 && put < 0 && errno == EAGAIN;
         }
         if (put > 0) {
-            const std::lock_guard<Mutex> held(_mutex);
+            const Scoped_lock held(_mutex);
             bytes_written += static_cast<uint32_t>(put);
         }
         if (is_full) {
@@ -177,7 +179,7 @@ void Posix_threaded_data_stream::read_until_stopped() {
         struct pollfd waits[2] = {{_wake_fd, POLLIN, 0}, {-1, POLLIN, 0}};
         uint32_t epoch;
         {
-            const std::lock_guard<Mutex> held(_descriptor_lock);
+            const Scoped_lock held(_descriptor_lock);
             if (_stop) return;
             waits[1].fd = descriptor(); // poll() passes over one that is closed
             epoch = _epoch;
@@ -193,11 +195,11 @@ void Posix_threaded_data_stream::read_until_stopped() {
     }
 }
 
-/// Move what is there into the buffer and tell the waiters; false when there was nothing. Does nothing when the stream
-/// was closed since `epoch`: the number of the descriptor may be somebody else's now.
+/// Move what is there into the buffer and notify the waiters; false when there was nothing. Does nothing when the
+/// stream was closed since `epoch`: the number of the descriptor may be somebody else's now.
 bool Posix_threaded_data_stream::take_bytes(uint32_t epoch, bool hung_up) {
-    const std::lock_guard<Mutex> held(_mutex);
-    const std::lock_guard<Mutex> descriptor_held(_descriptor_lock);
+    const Scoped_lock held(_mutex);
+    const Scoped_lock descriptor_held(_descriptor_lock);
     if (epoch != _epoch) return true;
     unsigned char piece[256];
     const ssize_t got = ::read(descriptor(), piece, sizeof piece);
@@ -210,7 +212,7 @@ bool Posix_threaded_data_stream::take_bytes(uint32_t epoch, bool hung_up) {
     bytes_read += arrived;
     bytes_lost += arrived - buffer.put(piece, arrived);
     line_back();
-    _waiters.send(waiter_event(_waiters.module_id(), event_data, 0), true, false);
+    _waiters.send(waiter_event(_waiters.module_id(), event_data, 0), waiter_descriptor::merge_duplicates);
     return true;
 }
 
@@ -218,13 +220,13 @@ void Posix_threaded_data_stream::line_lost() {
     if (_line_is_lost) return;
     _line_is_lost = true;
     _hang_ups.fetch_add(1, std::memory_order_relaxed);
-    _line_waiters.send(waiter_event(_waiters.module_id(), event_line_lost, 0), true, false);
+    _line_waiters.send(waiter_event(_waiters.module_id(), event_line_lost, 0), waiter_descriptor::merge_duplicates);
 }
 
 void Posix_threaded_data_stream::line_back() {
     if (!_line_is_lost) return;
     _line_is_lost = false;
-    _line_waiters.send(waiter_event(_waiters.module_id(), event_line_back, 0), true, false);
+    _line_waiters.send(waiter_event(_waiters.module_id(), event_line_back, 0), waiter_descriptor::merge_duplicates);
 }
 
 void Posix_threaded_data_stream::wake_reader() const {

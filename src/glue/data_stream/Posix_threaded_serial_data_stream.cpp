@@ -5,7 +5,7 @@ Posix_threaded_serial_data_stream::Posix_threaded_serial_data_stream() {
     set_name("DSPosTSer(%p)", static_cast<void*>(this));
 }
 
-Posix_threaded_serial_data_stream::Posix_threaded_serial_data_stream(char const* args)
+Posix_threaded_serial_data_stream::Posix_threaded_serial_data_stream(const char* args)
     : Posix_threaded_serial_data_stream() {
     open_from_args(args);
 }
@@ -19,7 +19,7 @@ bool Posix_threaded_serial_data_stream::init(module_man& mm) {
     return init();
 }
 
-bool Posix_threaded_serial_data_stream::open(char const* path) {
+bool Posix_threaded_serial_data_stream::open(const char* path) {
     close();
     if (!Posix_threaded_data_stream::open(path, false, false)) return false;
     set_name("DSPosTSer(%p, %s)", static_cast<void*>(this), path);
@@ -29,7 +29,7 @@ bool Posix_threaded_serial_data_stream::open(char const* path) {
     return ok;
 }
 
-bool Posix_threaded_serial_data_stream::open_default(char const* path) {
+bool Posix_threaded_serial_data_stream::open_default(const char* path) {
     const bool ok = open(path);
     if (!ok) printf("OPEN BAD\n");
     return ok;

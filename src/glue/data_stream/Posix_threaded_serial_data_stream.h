@@ -8,13 +8,13 @@
 ///
 ///     Posix_threaded_serial_data_stream line;
 ///     line.init(modules);
-///     line.register_waiter(&diner.waiter); // before it is opened: what comes first is told, too
+///     line.register_waiter(&diner.waiter); // before it is opened: what comes first is notified, too
 ///     line.open_from_args("/dev/ttyS1:115200:rs485");
 class KAV_API Posix_threaded_serial_data_stream : public Posix_threaded_data_stream, public Posix_serial_port {
 public:
     Posix_threaded_serial_data_stream();
     /// Opens by a device argument, see open_from_args(); a device that cannot be opened ends the process, see open().
-    explicit Posix_threaded_serial_data_stream(char const* args);
+    explicit Posix_threaded_serial_data_stream(const char* args);
     ~Posix_threaded_serial_data_stream() override;
 
     /// As Posix_threaded_data_stream::init(), then Posix_serial_port::init(), whose result it returns: false while
@@ -24,8 +24,8 @@ public:
 
     /// As Posix_threaded_data_stream::open(), neither created nor appended to, then Posix_serial_port::init(). False
     /// also when the path is no terminal: the stream is open then, but has no settings.
-    bool open(char const* path);
-    bool open_default(char const* path) override; ///< open(); a failure writes "OPEN BAD\n" to what was opened
+    bool open(const char* path);
+    bool open_default(const char* path) override; ///< open(); a failure writes "OPEN BAD\n" to what was opened
     bool close();                                 ///< true when something was open
     int get_fd() const override;                  ///< it does not block: a read or write that cannot go on fails
 };

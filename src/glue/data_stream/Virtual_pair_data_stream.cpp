@@ -2,7 +2,6 @@
 #include "glue/data_stream/Virtual_pair_data_stream.h"
 #include "util/atime.h"
 #include <algorithm>
-#include <mutex>
 
 namespace {
 
@@ -21,13 +20,13 @@ Virtual_pair_data_stream_part::Virtual_pair_data_stream_part(module_man* mm, Vir
 Virtual_pair_data_stream_part::~Virtual_pair_data_stream_part() = default;
 
 void Virtual_pair_data_stream_part::flush() {
-    const std::lock_guard<Mutex> held(_shared);
+    const Scoped_lock held(_shared);
     _inbound.clear();
     wake(_peer._space);
 }
 
 int Virtual_pair_data_stream_part::set_read_timeout(int ms) {
-    const std::lock_guard<Mutex> held(_shared);
+    const Scoped_lock held(_shared);
     _read_timeout = ms;
     return 1;
 }
@@ -35,7 +34,7 @@ int Virtual_pair_data_stream_part::set_read_timeout(int ms) {
 int Virtual_pair_data_stream_part::set_default_read_timeout() { return set_read_timeout(default_timeout); }
 
 int Virtual_pair_data_stream_part::set_write_timeout(int ms) {
-    const std::lock_guard<Mutex> held(_shared);
+    const Scoped_lock held(_shared);
     _write_timeout = ms;
     return 1;
 }
@@ -43,7 +42,7 @@ int Virtual_pair_data_stream_part::set_write_timeout(int ms) {
 int Virtual_pair_data_stream_part::set_default_write_timeout() { return set_write_timeout(default_timeout); }
 
 bool Virtual_pair_data_stream_part::get_data(int n) {
-    std::unique_lock<Mutex> held(_shared);
+    Scoped_lock held(_shared);
     const Atime deadline = Atime::from_now(_read_timeout);
     // A receive buffer that is full ends the read: what has no room stays inbound instead of being lost.
     while (n > 0 && !buffer.full()) {
@@ -67,26 +66,26 @@ bool Virtual_pair_data_stream_part::get_data(int n) {
     return n == 0;
 }
 
-unsigned int Virtual_pair_data_stream_part::_write(unsigned char const* data, unsigned int n) {
+unsigned int Virtual_pair_data_stream_part::_write(const unsigned char* data, unsigned int n) {
     const Atime start = Atime::now();
-    std::unique_lock<Mutex> held(_shared);
+    Scoped_lock held(_shared);
     const Atime deadline = start + _write_timeout;
     uint32_t written = 0;
-    bool untold = false; // something was put since the reader was last woken
+    bool to_wake = false; // something was put since the reader was last woken
     while (written < n) {
         const uint32_t put = _peer._inbound.put(data + written, n - written);
         if (put > 0) {
             written += put;
-            untold = true;
+            to_wake = true;
             continue;
         }
         const int remaining = deadline - Atime::now();
         if (remaining <= 0) break;
         // A reader that already waits for bytes would otherwise wait for this writer, and this writer for its room.
-        if (untold) wake(_peer._data);
-        untold = false;
+        if (to_wake) wake(_peer._data);
+        to_wake = false;
         held.unlock();
-        // Nobody is told of a failed wait: the peer finds the bytes at its next read.
+        // A failed wait is not notified: the peer finds the bytes at its next read.
         if (!_space.try_acquire(remaining / 10)) return written;
         held.lock();
     }
@@ -95,8 +94,8 @@ unsigned int Virtual_pair_data_stream_part::_write(unsigned char const* data, un
     return written;
 }
 
-void Virtual_pair_data_stream_part::lock() { _shared.lock(); }
+void Virtual_pair_data_stream_part::lock() KAV_NO_THREAD_SAFETY_ANALYSIS { _shared.lock(); }
 
-void Virtual_pair_data_stream_part::unlock() { _shared.unlock(); }
+void Virtual_pair_data_stream_part::unlock() KAV_NO_THREAD_SAFETY_ANALYSIS { _shared.unlock(); }
 
 Virtual_pair_data_stream::Virtual_pair_data_stream(module_man* mm) : a(mm, b, _shared), b(mm, a, _shared) {}

@@ -14,8 +14,8 @@
 /// receive buffer. A write waits for room until the write time-out is over. Waits are cut to whole 10 ms, so a time-out
 /// below 10 ms does not wait.
 ///
-/// The reader's waiter is told at the end of a write: a reader that only comes when woken lets a write of more than 128
-/// bytes wait for its whole time-out. Write less at a time, or let the writer be woken for space.
+/// The reader's waiter is notified at the end of a write: a reader that only comes when woken lets a write of more than
+/// 128 bytes wait for its whole time-out. Write less at a time, or let the writer be woken for space.
 class KAV_API Virtual_pair_data_stream_part : public Event_sender_data_stream {
 public:
     static constexpr uint32_t ring_size = 128;     ///< [bytes]
@@ -32,17 +32,17 @@ public:
     int set_default_write_timeout() override;
     using Data_stream::get_data;
     bool get_data(int n) override;
-    unsigned int _write(unsigned char const* data, unsigned int n) override;
+    unsigned int _write(const unsigned char* data, unsigned int n) override;
     void lock() override;
     void unlock() override;
 
 private:
-    int _read_timeout = default_timeout;
-    int _write_timeout = default_timeout;
-    Ring_buffer _inbound;
+    int _read_timeout KAV_GUARDED_BY(_shared) = default_timeout;
+    int _write_timeout KAV_GUARDED_BY(_shared) = default_timeout;
+    Ring_buffer _inbound; ///< guarded by `_shared`, which is that of the peer, too: the analysis cannot know it
     unsigned char _inbound_storage[ring_size];
     Virtual_pair_data_stream_part& _peer;
-    Mutex& _shared;
+    Mutex& _shared;   ///< both ends have the same
     Semaphore _data;  ///< given by the peer's writes
     Semaphore _space; ///< given by the peer's reads
 };

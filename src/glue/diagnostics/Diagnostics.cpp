@@ -52,7 +52,7 @@ int Diagnostics::init(module_man& mm, Diner_selector* s, int thread_priority) {
 /// A stop has dropped the timeouts: of a replay that was going on, and those of the codes.
 void Diagnostics::diner_start() {
     submit_timeout(_pass, Atime::now());
-    if (_enabled) waiter.send_event(waiter_event(_module_id, event_resume, 0), false, true);
+    if (_enabled) waiter.send_event(waiter_event(_module_id, event_resume, 0), waiter_descriptor::drop_duplicates);
 }
 
 Diagnostics::File_name Diagnostics::file_name(int n) const {
@@ -66,7 +66,7 @@ Diagnostics::File_name Diagnostics::file_name(int n) const {
 bool Diagnostics::log_error(unsigned char src, unsigned short a, unsigned short b) {
     if (!_enabled || !waiter.accepting()) return false;
     const auto words = static_cast<unsigned>(a) | static_cast<unsigned>(b) << 16;
-    return waiter.send_event(waiter_event(_module_id, src, words), false, false) == 0;
+    return waiter.send_event(waiter_event(_module_id, src, words)) == 0;
 }
 
 void Diagnostics::handle_event(waiter_event& event) {
@@ -90,7 +90,8 @@ void Diagnostics::store(unsigned char src, unsigned short a, unsigned short b, c
         return;
     }
     ++_lost;
-    if (waiter_descriptor* w = _lost_waiter) w->send_event(waiter_event(_module_id, event_lost, 0), true, true);
+    if (waiter_descriptor* w = _lost_waiter)
+        w->send_event(waiter_event(_module_id, event_lost, 0), waiter_descriptor::drop_duplicates);
 }
 
 /// Append a record to the current file, behind the line feeds that close off what may be torn there.
@@ -207,10 +208,8 @@ uint64_t Diagnostics::newest_record(int n, unsigned& bytes) {
 // ---- replay
 
 bool Diagnostics::request_history(Diagnostic_history* sink) {
-    lock(-1);
-    const bool accepted = _request_history(sink);
-    unlock();
-    return accepted;
+    const Held held(*this);
+    return _request_history(sink);
 }
 
 bool Diagnostics::_request_history(Diagnostic_history* sink) {

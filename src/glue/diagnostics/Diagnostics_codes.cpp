@@ -84,11 +84,9 @@ void Diagnostics::tell(const char* what, Safe_result result) const {
 }
 
 Safe_result Diagnostics::save_codes() {
-    lock(-1);
+    const Held held(*this);
     _unsaved = _codes.take_unsaved() || _unsaved;
-    const Safe_result result = save();
-    unlock();
-    return result;
+    return save();
 }
 
 Safe_result Diagnostics::save() {
@@ -113,20 +111,16 @@ void Diagnostics::attach(JIN_stack& stack, Trouble_code_messages::Mode mode) {
 }
 
 bool Diagnostics::set_answer(uint32_t pgn, Request_answers::Kind kind, Request_answers::Handler handler) {
-    lock(-1);
-    const bool done = _answers.set(pgn, kind, std::move(handler));
-    unlock();
-    return done;
+    const Held held(*this);
+    return _answers.set(pgn, kind, std::move(handler));
 }
 
 void Diagnostics::remove_answer(uint32_t pgn) {
-    lock(-1);
+    const Held held(*this);
     _answers.remove(pgn);
-    unlock();
 }
 
 void Diagnostics::set_refuses_others(bool on) {
-    lock(-1);
+    const Held held(*this);
     _answers.set_refuses_others(on);
-    unlock();
 }

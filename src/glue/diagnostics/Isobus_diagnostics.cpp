@@ -3,10 +3,8 @@
 #include "glue/diagnostics/Diagnostics.h"
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 
 using namespace Identification;
-using Guard = std::lock_guard<Mutex>;
 
 namespace {
 constexpr uint32_t pgns[] = {pgn_software, pgn_product, pgn_ECU, pgn_certificate, pgn_functionalities, pgn_protocol};
@@ -30,49 +28,49 @@ Isobus_diagnostics::~Isobus_diagnostics() {
 void Isobus_diagnostics::answer(uint32_t pgn, void (Isobus_diagnostics::*build)(Binary_message&) const) {
     _manager.set_answer(pgn, Request_answers::data, [this, build](JIN_grow_message& m) {
         if (!m.resize(JIN::max_length)) return false;
-        const Guard guard(_mutex);
+        const Scoped_lock held(_mutex);
         (this->*build)(m);
         return m.size > 0;
     });
 }
 
 void Isobus_diagnostics::set_software(const std::vector<std::string>& fields) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     _software = fields;
 }
 
 void Isobus_diagnostics::set_product(const std::string& code, const std::string& brand, const std::string& model) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     _product = {code, brand, model};
 }
 
 void Isobus_diagnostics::set_ECU(const std::string& part_number, const std::string& serial_number,
                                  const std::string& location, const std::string& type, const std::string& manufacturer,
                                  const std::string& hardware_id) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     const size_t n = _ecu.size();
     _ecu = {part_number, serial_number, location, type, manufacturer, hardware_id};
     _ecu.resize(n);
 }
 
 void Isobus_diagnostics::set_certificate(const Certificate& certificate) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     _certificate = certificate;
     _has_certificate = true;
 }
 
 void Isobus_diagnostics::set_functionalities(const std::vector<Functionality>& all) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     _functionalities = all;
 }
 
 void Isobus_diagnostics::set_raw_functionalities(const std::vector<unsigned char>& bytes) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     _raw_functionalities = bytes;
 }
 
 void Isobus_diagnostics::set_protocols(uint8_t protocols) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     _protocols = protocols;
 }
 

@@ -2,18 +2,16 @@
 #include "glue/diagnostics/Trouble_codes.h"
 #include "glue/diagnostics/Trouble_code_text.h"
 #include <algorithm>
-#include <mutex>
 
 using namespace Trouble_code_messages;
 using Table = Trouble_code_table;
-using Guard = std::lock_guard<Mutex>;
 
 Trouble_codes::Trouble_codes(unsigned capacity) : _table(capacity), _changes(std::make_unique<Change[]>(max_changes)) {}
 
 bool Trouble_codes::set_active(uint32_t spn, unsigned fmi, Lamp lamp, bool until_cleared) {
     if (!Trouble_code::valid(spn, fmi)) return false;
     const Atime now = Atime::now();
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     Entry* e = _table.find(Trouble_code::key(spn, fmi));
     if (!e) e = _table.add(Trouble_code::key(spn, fmi), Table::previous);
     if (!e) {
@@ -29,7 +27,7 @@ bool Trouble_codes::set_active(uint32_t spn, unsigned fmi, Lamp lamp, bool until
 bool Trouble_codes::set_inactive(uint32_t spn, unsigned fmi) {
     if (!Trouble_code::valid(spn, fmi)) return false;
     const Atime now = Atime::now();
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     Entry* const e = _table.find(Trouble_code::key(spn, fmi));
     if (!e || e->state() == Table::previous) return false;
     _unsaved = true;
@@ -44,13 +42,13 @@ bool Trouble_codes::set_inactive(uint32_t spn, unsigned fmi) {
 
 void Trouble_codes::clear(State which) {
     const Atime now = Atime::now();
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     while (Entry* e = _table.newest(which)) forget(*e, now);
 }
 
 Msg_DM22::Reason Trouble_codes::clear(const Trouble_code& code, State which) {
     const Atime now = Atime::now();
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     Entry* const e = code.valid() ? _table.find(code.key()) : nullptr;
     if (!e || e->state() == Table::cleared) return Msg_DM22::unknown_code;
     if (e->state() != which) return which == Table::active ? Msg_DM22::not_active : Msg_DM22::not_previously_active;
@@ -60,7 +58,7 @@ Msg_DM22::Reason Trouble_codes::clear(const Trouble_code& code, State which) {
 
 void Trouble_codes::return_cleared() {
     const Atime now = Atime::now();
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     while (Entry* e = _table.newest(Table::cleared)) activate(*e, now);
 }
 
@@ -102,7 +100,7 @@ void Trouble_codes::changed(Entry& e, const Atime& now, bool active) {
 }
 
 unsigned Trouble_codes::count(State s) const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return _table.count(s);
 }
 
@@ -117,31 +115,31 @@ Trouble_codes::Info Trouble_codes::info_of(const Entry& e) {
 }
 
 bool Trouble_codes::get(unsigned place, Info& info) const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     const Entry* const e = _table[place];
     if (e) info = info_of(*e);
     return e != nullptr;
 }
 
 bool Trouble_codes::find(uint32_t spn, unsigned fmi, Info& info) const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     const Entry* const e = Trouble_code::valid(spn, fmi) ? _table.find(Trouble_code::key(spn, fmi)) : nullptr;
     if (e) info = info_of(*e);
     return e != nullptr;
 }
 
 uint32_t Trouble_codes::refused() const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return _refused;
 }
 
 uint32_t Trouble_codes::changes_lost() const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return _changes_lost;
 }
 
 bool Trouble_codes::take_change(Change& c) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     if (_num_changes == 0) return false;
     c = _changes[_first_change];
     _first_change = (_first_change + 1) % max_changes;
@@ -150,13 +148,13 @@ bool Trouble_codes::take_change(Change& c) {
 }
 
 bool Trouble_codes::take_urgent() {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return std::exchange(_urgent, false);
 }
 
 void Trouble_codes::told() {
     const Atime now = Atime::now();
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     _urgent = false;
     for (const State s : {Table::active, Table::previous})
         for (Entry* e = _table.newest(s); e && now - e->last <= announce_ms; e = e->older())
@@ -164,21 +162,21 @@ void Trouble_codes::told() {
 }
 
 bool Trouble_codes::take_unsaved() {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return std::exchange(_unsaved, false);
 }
 
 void Trouble_codes::build_DM(Binary_message& m, State state, Mode mode) const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     Trouble_code_messages::build_DM(m, _table, state, mode);
 }
 
 std::string Trouble_codes::text() const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return to_text(_table);
 }
 
 unsigned Trouble_codes::load(const std::string& text) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return from_text(text, _table);
 }

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
 std::atomic<Buffered_logger*> Buffered_logger::self{nullptr};
@@ -18,16 +17,20 @@ Buffered_logger::~Buffered_logger() {
 }
 
 void Buffered_logger::init(module_man& mm) {
-    init(mm, nullptr, Descriptor("LOG0", 0), 50, 2048, false, true);
+    Options options;
+    options.priority = 50;
+    options.stack_kib = 2048;
+    options.pass_anonymous = true;
+    init(mm, Descriptor("LOG0", 0), options);
     self = this;
     start();
 }
 
-void Buffered_logger::append(char const* text) {
+void Buffered_logger::append(const char* text) {
     const auto n = static_cast<uint32_t>(std::min<size_t>(strlen(text), UINT_MAX));
     bool print_here = false;
     {
-        const std::lock_guard<Mutex> guard(_mutex);
+        const Scoped_lock held(_mutex);
         if (_ring.put(reinterpret_cast<const unsigned char*>(text), n) < n) print_here = !leave_notice();
     }
     if (print_here) print_notices(1);
@@ -35,7 +38,7 @@ void Buffered_logger::append(char const* text) {
 }
 
 /// Have the logger's thread print that text was dropped, since the ring is full when the output is slow and the
-/// appender must not wait for it. False when that thread is not printing. Ring locked.
+/// appender must not wait for it. False when that thread is not printing.
 bool Buffered_logger::leave_notice() {
     if (_printing && _notices < UINT_MAX) ++_notices;
     return _printing;
@@ -43,26 +46,26 @@ bool Buffered_logger::leave_notice() {
 
 /// The 1 is a flag: how much was dropped is not told.
 void Buffered_logger::print_notices(uint32_t n) {
-    for (uint32_t i = 0; i < std::min(n, most_notices); ++i) Debug_print::bprint("**%i CHARS DROPPED**", 1);
-    if (n > most_notices) Debug_print::bprint("**%i CHARS DROPPED** x %u", 1, static_cast<unsigned>(n - most_notices));
+    for (uint32_t i = 0; i < std::min(n, max_notices); ++i) Debug_print::bprint("**%i CHARS DROPPED**", 1);
+    if (n > max_notices) Debug_print::bprint("**%i CHARS DROPPED** x %u", 1, static_cast<unsigned>(n - max_notices));
 }
 
 uint32_t Buffered_logger::waiting() const {
-    const std::lock_guard<Mutex> guard(_mutex);
+    const Scoped_lock held(_mutex);
     return _ring.used();
 }
 
-void Buffered_logger::log(char const* text) {
+void Buffered_logger::log(const char* text) {
     if (Buffered_logger* logger = self) logger->append(text);
 }
 
-void Buffered_logger::set_callback(void (*)(char const*)) {}
+void Buffered_logger::set_callback(void (*)(const char*)) {}
 void Buffered_logger::enable_dbi(int on) { set_callback(on ? log : nullptr); }
 void Buffered_logger::enable_dbi2(int on) { set_callback(on ? log : nullptr); }
 
 /// Move the oldest piece out of the ring, and the notices.
 Buffered_logger::Piece Buffered_logger::take(char* text) {
-    const std::lock_guard<Mutex> guard(_mutex);
+    const Scoped_lock held(_mutex);
     const uint32_t n = _ring.peek(0, reinterpret_cast<unsigned char*>(text), piece);
     _ring.drop(n);
     const Piece taken = {n, _ring.used(), _notices};
@@ -73,7 +76,7 @@ Buffered_logger::Piece Buffered_logger::take(char* text) {
 
 /// The notices left since the last piece. When there are none nobody leaves any from now on.
 uint32_t Buffered_logger::end_printing() {
-    const std::lock_guard<Mutex> guard(_mutex);
+    const Scoped_lock held(_mutex);
     _printing = _notices > 0;
     return std::exchange(_notices, 0);
 }

@@ -16,7 +16,7 @@ public:
     static constexpr uint32_t piece = 80;      ///< [bytes] printed at a time
     /// Notices of dropped text that waited for the output and are printed one by one; more become one with their
     /// number.
-    static constexpr uint32_t most_notices = 256;
+    static constexpr uint32_t max_notices = 256;
 
     /// The one that log() writes to; null until init() and when it is gone.
     static std::atomic<Buffered_logger*> self;
@@ -31,14 +31,14 @@ public:
     /// Queue a text; any thread. It never waits for an output that holds up the logger: while the logger prints, it
     /// also prints the notice of dropped text; else append() does. Text of different threads is kept whole only as far
     /// as it fits. Allocates nothing.
-    void append(char const* text);
+    void append(const char* text);
     uint32_t waiting() const; ///< [bytes] that wait to be printed; any thread
     /// append() on the logger initialised last; nothing while there is none. A logger is not destroyed while others
     /// log.
-    static void log(char const* text);
+    static void log(const char* text);
 
     /// Hooks by which a printer of a debug interface can be routed into the logger; no effect here.
-    static void set_callback(void (*callback)(char const*));
+    static void set_callback(void (*callback)(const char*));
     static void enable_dbi(int on);
     static void enable_dbi2(int on);
 
@@ -55,13 +55,14 @@ private:
         uint32_t notices;
     };
     Piece take(char* text);
-    bool leave_notice();
+    bool leave_notice() KAV_REQUIRES(_mutex);
     uint32_t end_printing();
     static void print_notices(uint32_t n);
 
-    mutable Mutex _mutex; ///< guards all of these
-    Ring_buffer _ring;
-    uint32_t _notices = 0;  ///< to be printed by the logger's thread
-    bool _printing = false; ///< that thread prints, or is held up by the output, and will look for notices after it
+    mutable Mutex _mutex;
+    Ring_buffer _ring KAV_GUARDED_BY(_mutex);
+    uint32_t _notices KAV_GUARDED_BY(_mutex) = 0; ///< to be printed by the logger's thread
+    /// That thread prints, or is held up by the output, and will look for notices after it.
+    bool _printing KAV_GUARDED_BY(_mutex) = false;
     unsigned char _storage[capacity];
 };

@@ -7,15 +7,12 @@
 #include <cstdlib>
 #include <ctime>
 #include <limits>
-#include <mutex>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 namespace {
-
-using Guard = std::lock_guard<Mutex>;
 
 /// A timer that never falls due, whose readers the system wakes when the clock is set. -1 when it has none.
 int make_timer() {
@@ -49,19 +46,19 @@ Clock_watch::~Clock_watch() {
 }
 
 int Clock_watch::register_waiter(waiter_descriptor* w) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return _waiters.add(w);
 }
 
 int Clock_watch::deregister_waiter(waiter_descriptor* w) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return _waiters.remove(w);
 }
 
 bool Clock_watch::check() {
     int64_t ms;
     {
-        const Guard guard(_mutex);
+        const Scoped_lock held(_mutex);
         struct timespec now;
         ms = _offset.look(now);
         if (ms == 0) return false;
@@ -70,7 +67,7 @@ bool Clock_watch::check() {
         const int64_t most = std::numeric_limits<int32_t>::max();
         Diner_info_list::get().clock_stepped(static_cast<int32_t>(std::clamp(ms / 1000, -most, most)),
                                              static_cast<int>(ms % 1000));
-        _waiters.send(waiter_event(module_id(), event_set, 0), false, true);
+        _waiters.send(waiter_event(module_id(), event_set, 0), waiter_descriptor::drop_duplicates);
     }
     Debug_print::dprint("Clock_watch: the clock was set %s by %lld.%03d s, timeouts move along\n",
                         ms > 0 ? "forward" : "back", std::abs(ms / 1000LL), static_cast<int>(std::abs(ms % 1000)));

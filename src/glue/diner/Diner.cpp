@@ -57,14 +57,14 @@ Diner::Diner() : info(*this) {}
 
 Diner::~Diner() {
     const int s = state.load(std::memory_order_acquire);
-    if (task && s <= state_stop) {
+    if (_task && s <= state_stop) {
         Debug_print::try_print("Need to call terminate() from top level destructor\n");
         Util::flush_and_abort();
     }
     set_selector(nullptr);
     if (info.listed) Diner_info_list::get().remove(info);
     if (on_own_thread()) return; // a handler has called exit(): the thread ends with the process
-    delete task;
+    delete _task;
 }
 
 bool Diner::is_locked() const { return true; }
@@ -72,7 +72,7 @@ bool Diner::lock(int) const { return true; }
 void Diner::unlock() const {}
 void Diner::diner_start() {}
 void Diner::diner_stop() {}
-int Diner::next_timeout(Atime& expiry) { return timeouts.next_expiry(expiry) ? 0 : -1; }
+int Diner::next_timeout(Atime& expiry) { return _timeouts.next_expiry(expiry) ? 0 : -1; }
 
 int Diner::init(module_man& mm, Diner_selector* wanted_selector, const Descriptor& name, int wanted_priority,
                 int stack_kib, bool shared, bool pass_anonymous_events) {
@@ -80,43 +80,50 @@ int Diner::init(module_man& mm, Diner_selector* wanted_selector, const Descripto
     // and exit() ends the diners of the process, this one perhaps among them: never with the lock held.
     _entering = true;
     set_selector(nullptr);
-    lock(-1);
-    const bool can_wait = waiter.init(&mm) >= 0;
-    if (can_wait) {
-        descriptor = name;
-        pass_anonymous = pass_anonymous_events;
-        priority = wanted_priority;
-        extra = stack_kib;
-        _shared = shared;
+    bool can_wait;
+    {
+        const Held held(*this);
+        can_wait = waiter.init(&mm) >= 0;
+        if (can_wait) {
+            descriptor = name;
+            pass_anonymous = pass_anonymous_events;
+            _priority = wanted_priority;
+            _stack_kib = stack_kib;
+            _shared = shared;
+        }
     }
-    unlock();
     if (!can_wait) exit(-103);
     if (set_selector(wanted_selector) == -1) {
         Debug_print::try_print("Problem setting selector!\r\n");
         exit(-104);
     }
-    if (task) {
+    if (_task) {
         Debug_print::try_print("Init called with valid task\n");
         exit(-139);
     }
     // In the list before there is a thread, which takes it out again when it leaves.
     state.store(state_stop, std::memory_order_release);
     Diner_info_list::get().add(info);
-    lock(-1);
-    if (state.load(std::memory_order_acquire) == state_stop) make_thread(); // unless it was terminated already
-    unlock();
+    {
+        const Held held(*this);
+        if (state.load(std::memory_order_acquire) == state_stop) make_thread(); // unless it was terminated already
+    }
     _entering = false;
     return 0;
 }
 
+/// For what holds the lock beyond one function; else there is Held.
+void Diner::take_lock() const KAV_NO_THREAD_SAFETY_ANALYSIS { lock(-1); }
+void Diner::give_lock() const KAV_NO_THREAD_SAFETY_ANALYSIS { unlock(); }
+
 void Diner::make_thread() {
     char name[4 + sizeof descriptor.name];
     snprintf(name, sizeof name, "kav.%s", descriptor.name);
-    task = new (std::nothrow) Task(name, extra, _shared);
-    if (task && task->start(priority, runner, this) == 0) return;
+    _task = new (std::nothrow) Task(name, _stack_kib, _shared);
+    if (_task && _task->start(_priority, runner, this) == 0) return;
     Debug_print::bprint("Task is null  %s\r\n", descriptor.name);
-    delete task;
-    task = nullptr;
+    delete _task;
+    _task = nullptr;
 }
 
 void* Diner::runner(void* diner) {
@@ -151,8 +158,8 @@ bool Diner::enter(State next) {
 }
 
 /// Wait to be started: true with the lock held; false, without, when the thread is to end.
-bool Diner::park() {
-    lock(-1);
+bool Diner::park() KAV_NO_THREAD_SAFETY_ANALYSIS { // the analysis does not follow the two results
+    take_lock();
     if (!enter(state_stop)) {
         waiter.flush_events();
         leave();
@@ -160,9 +167,9 @@ bool Diner::park() {
     }
     if (!_start_pending.exchange(false)) {
         do {
-            unlock();
-            task->start_semaphore.acquire();
-            lock(-1);
+            give_lock();
+            _task->start_semaphore.acquire();
+            take_lock();
         } while (!_starting && state.load(std::memory_order_acquire) == state_stop); // taken back meanwhile
     }
     info.checkpoint(source, at_release);
@@ -173,20 +180,20 @@ bool Diner::park() {
     // A second start() may have given another token before it could see that the first was taken; left there, it would
     // revive the diner after its next stop.
     _starting = false;
-    task->start_semaphore.try_acquire();
+    _task->start_semaphore.try_acquire();
     return true;
 }
 
-/// The end of the thread, lock held. The list is a lock that calls into diners, so it is entered without ours; nobody
+/// The end of the thread. The list is a lock that calls into diners, so it is entered without ours; nobody
 /// takes the state away from "terminating" meanwhile. The unlock is the last access: who sees the last state under the
 /// lock may destroy the diner. The list waits for those that are no longer in it, but not there yet.
 void Diner::leave() {
-    unlock();
+    give_lock();
     Diner_info_list& list = Diner_info_list::get();
     list.begin_leaving(info);
-    lock(-1);
+    take_lock();
     state.store(state_gone, std::memory_order_release);
-    unlock();
+    give_lock();
     list.end_leaving();
 }
 
@@ -194,7 +201,7 @@ void Diner::leave() {
 void Diner::run_until_kill(waiter_event& event, Atime& deadline) {
     for (;;) {
         int r = next_timeout(deadline);
-        unlock();
+        give_lock();
         if (r < 0) {
             waiter.get_event(&event);
             r = 0;
@@ -202,7 +209,7 @@ void Diner::run_until_kill(waiter_event& event, Atime& deadline) {
             r = waiter.get_event(&event, deadline);
         }
         if ((r >= 0 && is_kill(event)) || _killed.load(std::memory_order_acquire)) break;
-        lock(-1);
+        take_lock();
         if (r < 0) {
             info.activity.store(Diner_info::activity_timeout, std::memory_order_relaxed);
             handle_timeout();
@@ -214,7 +221,7 @@ void Diner::run_until_kill(waiter_event& event, Atime& deadline) {
         count_one(r < 0 ? info.timeout_count : info.event_count);
     }
     info.checkpoint(source, at_kill);
-    timeouts.terminate();
+    _timeouts.terminate();
 }
 
 void Diner::dispatch(waiter_event& event) {
@@ -226,8 +233,8 @@ void Diner::dispatch(waiter_event& event) {
 }
 
 void Diner::handle_timeout() {
-    Timeout_manager::Pass pass = timeouts.begin_pass();
-    while (Timeout* t = timeouts.expired_timeout(pass)) {
+    Timeout_manager::Pass pass = _timeouts.begin_pass();
+    while (Timeout* t = _timeouts.expired_timeout(pass)) {
         if (pass.remaining_ms() >= 1) {
             Debug_print::try_print("Timeout_diner::handle_timeout - not expired yet %d\n", -pass.remaining_ms());
             Bugger::report_bug("Timeout_diner::handle_timeout - not expired yet");
@@ -236,7 +243,7 @@ void Diner::handle_timeout() {
             Debug_print::cprint(debug_test(101, 151), "Tim{%s,%p}\n", descriptor.name, static_cast<void*>(t));
         }
         handle_timeout(*t);
-        timeouts.reschedule_periodic_timeout(*t);
+        _timeouts.reschedule_periodic_timeout(*t);
     }
 }
 
@@ -247,37 +254,33 @@ bool Diner::debug_test(unsigned a, unsigned b) const {
 
 int Diner::start() {
     info.checkpoint(source, at_start);
-    lock(-1);
-    info.checkpoint(source, at_start_locked);
-    if (!task) {
-        Debug_print::bprint("Task not created %s\r\n", descriptor.name);
-        unlock();
-        return -1;
+    {
+        const Held held(*this);
+        info.checkpoint(source, at_start_locked);
+        if (!_task) {
+            Debug_print::bprint("Task not created %s\r\n", descriptor.name);
+            return -1;
+        }
+        if (state.load(std::memory_order_acquire) != state_stop) return -1;
     }
-    if (state.load(std::memory_order_acquire) != state_stop) {
-        unlock();
-        return -1;
-    }
-    unlock();
     info.checkpoint(source, at_start_hook);
     waiter.set_enabled(true);
     diner_start();
     info.checkpoint(source, at_start_hooked);
-    lock(-1);
+    const Held held(*this);
     info.checkpoint(source, at_start_token);
     const int result = release_parked();
     info.checkpoint(source, at_started);
-    unlock();
     return result;
 }
 
-/// The end of start(), lock held. Others may have started, stopped or terminated the diner while the hook ran.
+/// The end of start(). Others may have started, stopped or terminated the diner while the hook ran.
 int Diner::release_parked() {
     switch (state.load(std::memory_order_acquire)) {
     case state_stop:
         waiter.set_enabled(true); // a stop() in between has disabled it
         _starting = true;
-        task->start_semaphore.release();
+        _task->start_semaphore.release();
         return 0;
     case state_run:
         return 0;
@@ -289,23 +292,17 @@ int Diner::release_parked() {
 
 /// Take back a start() that the thread has not followed yet; false when there is none.
 bool Diner::withdraw_start() {
-    lock(-1);
-    const bool found = state.load(std::memory_order_acquire) == state_stop && _starting.exchange(false);
-    if (found) {
-        waiter.set_enabled(false);
-        diner_stop();
-    }
-    unlock();
-    return found;
+    const Held held(*this);
+    if (state.load(std::memory_order_acquire) != state_stop || !_starting.exchange(false)) return false;
+    waiter.set_enabled(false);
+    diner_stop();
+    return true;
 }
 
 int Diner::stop() {
-    lock(-1);
+    const Held held(*this);
     _start_pending = false;
-    if (state.load(std::memory_order_acquire) != state_run) {
-        unlock();
-        return -1;
-    }
+    if (state.load(std::memory_order_acquire) != state_run) return -1;
     diner_stop();
     const int result = waiter.send_last(kill_event);
     if (result != 0) {
@@ -314,7 +311,6 @@ int Diner::stop() {
         int expected = state_run; // without a lock the thread may have parked already
         state.compare_exchange_strong(expected, state_stopping);
     }
-    unlock();
     return result;
 }
 
@@ -327,24 +323,25 @@ bool Diner::wait_stopped() const {
     }
 }
 
-int Diner::send_kill() { return waiter.send_event(kill_event, true, false); }
+int Diner::send_kill() { return waiter.send_event(kill_event, waiter_descriptor::merge_duplicates); }
 
 void Diner::terminate(bool wait) {
     if (!lock(terminate_lock_ticks)) {
         Debug_print::try_print("No terminate, are we locked\n");
         Util::flush_and_abort();
     }
+    Held held(*this, Held::adopt);
     _start_pending = false;
-    timeouts.terminate();
+    _timeouts.terminate();
     int s = state.load(std::memory_order_acquire); // up to state_stop: run, stopping or stop
-    while (s <= state_stop && !state.compare_exchange_weak(s, task ? state_term : state_gone)) {
+    while (s <= state_stop && !state.compare_exchange_weak(s, _task ? state_term : state_gone)) {
     }
     if (s > state_stop) {
         const bool by_other = s == state_term && _ender != QThread::currentThreadId();
         if (s != state_gone && !by_other) {
             fprintf(stderr, "terminate %lx called from state %d\n", reinterpret_cast<unsigned long>(this), s);
         }
-        unlock();
+        held.unlock();
         if (wait && by_other) wait_terminate();
         if (wait && s == state_gone) join();
         return;
@@ -358,10 +355,10 @@ void Diner::terminate(bool wait) {
         }
         diner_stop();
     } else {
-        if (task) task->start_semaphore.release();
+        if (_task) _task->start_semaphore.release();
         waiter.set_enabled(false);
     }
-    unlock();
+    held.unlock();
     if (wait) wait_terminate();
 }
 
@@ -379,15 +376,13 @@ void Diner::wait_terminate() {
 /// The thread has reached its last state; wait until it does not use the diner any more. Without a lock there is
 /// nothing else to tell.
 void Diner::join() {
-    if (task && !on_own_thread()) task->join();
+    if (_task && !on_own_thread()) _task->join();
 }
 
 int Diner::get_state() const {
     if (is_locked()) return state.load(std::memory_order_acquire);
-    lock(-1);
-    const int s = state.load(std::memory_order_acquire);
-    unlock();
-    return s;
+    const Held held(*this);
+    return state.load(std::memory_order_acquire);
 }
 
 const char* Diner::state_name(int state) {
@@ -395,41 +390,41 @@ const char* Diner::state_name(int state) {
     return state >= state_run && state <= state_term ? names[state] : "Unknown";
 }
 
-bool Diner::on_own_thread() const { return task && task->is_current(); }
+bool Diner::on_own_thread() const { return _task && _task->is_current(); }
 
 int Diner::submit_timeout(Timeout& t, const Atime& when) {
-    const int result = timeouts.submit_timeout(t, &when, this);
+    const int result = _timeouts.submit_timeout(t, &when, this);
     waiter.send_anonymous_event();
     return result;
 }
 
 int Diner::submit_timeout(Timeout& t, int ms) {
-    const int result = timeouts.submit_timeout_in(t, ms, this);
+    const int result = _timeouts.submit_timeout_in(t, ms, this);
     waiter.send_anonymous_event();
     return result;
 }
 
 int Diner::submit_timeout(Timeout& t) {
-    const int result = timeouts.submit_timeout(t, nullptr, this);
+    const int result = _timeouts.submit_timeout(t, nullptr, this);
     waiter.send_anonymous_event();
     return result;
 }
 
-int Diner::remove_timeout(Timeout& t) { return timeouts.remove_timeout(t, true); }
+int Diner::remove_timeout(Timeout& t) { return _timeouts.remove_timeout(t, true); }
 
 bool Diner::submitted(const Timeout& t) const {
-    if (is_locked()) return timeouts.submitted(t);
-    lock(-1);
-    const bool found = timeouts.submitted(t);
-    unlock();
-    return found;
+    if (is_locked()) return _timeouts.submitted(t);
+    const Held held(*this);
+    return _timeouts.submitted(t);
 }
 
 void Diner::remove_from_lists(Timeout& t) {
-    const bool held = is_locked();
-    if (!held) lock(-1);
-    timeouts.remove_timeout(t);
-    if (!held) unlock();
+    if (is_locked()) {
+        _timeouts.remove_timeout(t);
+        return;
+    }
+    const Held held(*this);
+    _timeouts.remove_timeout(t);
 }
 
 int Diner::set_selector(Diner_selector* s) { return Diner_selector::move(*this, s); }

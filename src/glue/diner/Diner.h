@@ -7,6 +7,7 @@
 #include "util/Mutex.h"
 #include "util/api.h"
 #include "util/avl_bstree.h"
+#include "util/thread_safety.h"
 #include <atomic>
 #include <climits>
 
@@ -24,7 +25,7 @@ class Diner_protection;
 /// Other threads may call start, stop, terminate, the timeout calls and post to `waiter`. A handler must not start,
 /// stop or terminate its own diner (or one that shares its lock): it already holds the lock. It may call exit(): its
 /// thread counts as gone from then on.
-class KAV_API Diner : public avl_bsnode {
+class KAV_CAPABILITY("diner") KAV_API Diner : public avl_bsnode {
 public:
     using Protection = Diner_protection<Diner>;
 
@@ -60,7 +61,8 @@ public:
     Diner(const Diner&) = delete;
     Diner& operator=(const Diner&) = delete;
 
-    // Slot order is part of the interface.
+    // The order of the virtual functions, here and in Data_stream, is part of the interface: programs that were built
+    // against an earlier version call them by their place. New ones go behind the last.
 
     /// True when the caller holds the diner's lock. Without a lock: true.
     virtual bool is_locked() const;
@@ -68,13 +70,13 @@ public:
     /// waiter is handled once the diner runs.
     virtual void diner_start();
     /// Hook run by stop() and terminate(), and by a selector that takes a start back, with the lock held.
-    virtual void diner_stop();
+    virtual void diner_stop() KAV_REQUIRES(this);
     /// The handler of one event; on the diner's thread, lock held. The event is the loop's own and may be changed.
-    virtual void handle_event(waiter_event& event) = 0;
+    virtual void handle_event(waiter_event& event) KAV_REQUIRES(this) = 0;
     /// Handles what is due when the pass begins, missed periods included; on the diner's thread, lock held.
-    virtual void handle_timeout();
+    virtual void handle_timeout() KAV_REQUIRES(this);
     /// The handler of one timeout; on the diner's thread, lock held.
-    virtual void handle_timeout(Timeout& timeout) = 0;
+    virtual void handle_timeout(Timeout& timeout) KAV_REQUIRES(this) = 0;
     /// Expiry of the earliest pending timeout: 0, or -1 when there is none.
     virtual int next_timeout(Atime& expiry);
     /// Take the diner's lock. `timeout` [10 ms], negative: without limit. True when taken. Without a lock: true.
@@ -89,6 +91,20 @@ public:
                      int stack_kib, bool shared, bool pass_anonymous);
     /// Aborts when the diner was initialised and terminate() was not called.
     virtual ~Diner();
+
+    /// What init() takes beside pool and name.
+    struct Options {
+        Diner_selector* selector = nullptr;
+        int priority = 0;            ///< 1..99 for real-time scheduling; 0: an ordinary thread
+        int stack_kib = 256;         ///< [KiB]
+        bool shared = false;         ///< for boards whose task layer needs it
+        bool pass_anonymous = false; ///< hand bare wake-ups to handle_event(), too
+    };
+    /// The same as the init() above: most diners need none of the options.
+    int init(module_man& mm, const Descriptor& name) { return init(mm, name, Options()); }
+    int init(module_man& mm, const Descriptor& name, const Options& o) {
+        return init(mm, o.selector, name, o.priority, o.stack_kib, o.shared, o.pass_anonymous);
+    }
 
     /// Let a parked diner run: 0. -1 when it is not parked.
     int start();
@@ -129,9 +145,9 @@ public:
     /// diner that is selected where it leaves is stopped, as it is when another one is selected. Not by two threads at
     /// once, nor in a handler.
     int set_selector(Diner_selector* s);
-    Diner_selector* get_selector() const { return selector; }
+    Diner_selector* get_selector() const { return _selector; }
     /// For the next thread made.
-    void set_priority(int p) { priority = p; }
+    void set_priority(int p) { _priority = p; }
     const Descriptor& get_descriptor() const { return descriptor; }
     /// The caller runs on this diner's thread.
     bool on_own_thread() const;
@@ -148,29 +164,53 @@ protected:
     friend class Diner_info;
     friend class Diner_info_list;
     friend class Diner_selector;
+
+    /// Holds a diner's lock until its own end.
+    class KAV_SCOPED_CAPABILITY Held {
+    public:
+        enum Adopt { adopt };
+        explicit Held(const Diner& d) KAV_ACQUIRE(d) : _diner(d) { d.lock(-1); }
+        Held(const Diner& d, Adopt) KAV_ACQUIRE(d) : _diner(d) {} ///< it is locked already
+        ~Held() KAV_RELEASE() {
+            if (_held) _diner.unlock();
+        }
+        Held(const Held&) = delete;
+        Held& operator=(const Held&) = delete;
+        void unlock() KAV_RELEASE() KAV_NO_THREAD_SAFETY_ANALYSIS { ///< before its end
+            _held = false;
+            _diner.unlock();
+        }
+
+    private:
+        const Diner& _diner;
+        bool _held = true;
+    };
+
     Descriptor descriptor;
-    Task* task = nullptr;
-    std::atomic<Diner_selector*> selector{nullptr};
-    int priority = 0;
-    int extra = 0;
+    Task* _task = nullptr;
+    std::atomic<Diner_selector*> _selector{nullptr};
+    int _priority = 0;
+    int _stack_kib = 0;
     bool _shared = false;
     std::atomic<bool> _start_pending{false}; ///< shown in the status table; nothing sets it
     bool pass_anonymous = false;
     std::atomic<int> state{state_uninit};
-    Timeout_manager timeouts;
+    Timeout_manager _timeouts;
 
 public:
     waiter_descriptor waiter;
 
 private:
-    void make_thread();
+    void take_lock() const KAV_ACQUIRE();
+    void give_lock() const KAV_RELEASE();
+    void make_thread() KAV_REQUIRES(this);
     void run();
-    bool park();
+    bool park() KAV_TRY_ACQUIRE(true);
     bool enter(State next);
-    void run_until_kill(waiter_event& event, Atime& deadline);
-    void leave();
-    void dispatch(waiter_event& event);
-    int release_parked();
+    void run_until_kill(waiter_event& event, Atime& deadline) KAV_RELEASE();
+    void leave() KAV_RELEASE();
+    void dispatch(waiter_event& event) KAV_REQUIRES(this);
+    int release_parked() KAV_REQUIRES(this);
     bool withdraw_start();
     void join();
     void left_by_exit();
@@ -188,12 +228,12 @@ template <class D>
 class Diner_lock_base : public D {
 public:
     bool is_locked() const override { return _lock->is_locked(); }
-    bool lock(int timeout) const override {
+    bool lock(int timeout) const override KAV_NO_THREAD_SAFETY_ANALYSIS {
         if (timeout >= 0) return _lock->try_lock(timeout < INT_MAX / 10 ? timeout * 10 : INT_MAX);
         _lock->lock();
         return true;
     }
-    void unlock() const override { _lock->unlock(); }
+    void unlock() const override KAV_NO_THREAD_SAFETY_ANALYSIS { _lock->unlock(); }
 
 protected:
     explicit Diner_lock_base(Mutex* m) : _lock(m) {}

@@ -39,7 +39,6 @@ void Diner_info::append_print_info(const char*, int) const {}
 
 void Diner_info::test_lock() {
     Debug_print::bprint("Testing %9s", diner.descriptor.name);
-    diner.lock(-1);
-    diner.unlock();
+    { const Diner::Held held(diner); }
     Debug_print::bprint(".. Ok\n");
 }

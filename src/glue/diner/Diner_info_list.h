@@ -7,8 +7,8 @@
 #include "util/sl_list.h"
 #include <atomic>
 
-/// The process's list of diners, its event pool and its source of module ids. Any thread; its lock is a leaf: never
-/// print the table from a handler that can block on the list. Only clock_stepped() is meant to be called from handlers.
+/// The process's list of diners, its event pool and its source of module ids. Any thread, but no handler: the lock of
+/// the list is taken before those of diners (docs/architecture.md). Only clock_stepped() is meant for handlers.
 ///
 /// Objects built after the first get() die before it, while diners still run: terminate diners before main returns.
 /// Diners built before it may be left to it.
@@ -46,12 +46,12 @@ private:
     Diner_info_list() = default;
     ~Diner_info_list();
     friend class Diner;
-    void begin_leaving(Diner_info& info); ///< remove(), but its diner still counts as alive ...
-    void end_leaving();                   ///< ... until this. Nothing of the list is used behind it.
-    int num_alive() const;                ///< of those in the list
+    void begin_leaving(Diner_info& info);       ///< remove(), but its diner still counts as alive ...
+    void end_leaving();                         ///< ... until this. Nothing of the list is used behind it.
+    int num_alive() const KAV_REQUIRES(_mutex); ///< of those in the list
 
-    mutable Mutex _mutex; ///< guards the list; taken before the diners' own locks
-    Mutex _members;       ///< also held while the list changes: a leaf but for the timeouts and waiters of diners
-    c_sl_list<Diner_info> _infos;
+    mutable Mutex _mutex;
+    Mutex _members KAV_ACQUIRED_AFTER(_mutex); ///< also held while the list changes; see clock_stepped()
+    c_sl_list<Diner_info> _infos KAV_GUARDED_BY(_mutex);
     std::atomic<int> _num_leaving{0}; ///< diners that are in the list no more and whose threads still use them
 };

@@ -45,13 +45,13 @@ private:
         void handle_timeout(Timeout&) override {}
         using Diner::handle_timeout;
     };
-    int select(Diner* d);
-    int enter(Diner& d);
-    void leave(Diner& d);
+    int select(Diner* d) KAV_REQUIRES(_mutex);
+    int enter(Diner& d) KAV_REQUIRES(_mutex);
+    void leave(Diner& d) KAV_REQUIRES(_mutex);
     static void halt(Diner& d);
 
     mutable Mutex _mutex;
-    Dummy_diner _dummy;
-    Diner* _selected = nullptr;
-    c_bstree<avl_bstree, Diner> _diners;
+    Dummy_diner _dummy KAV_GUARDED_BY(_mutex);
+    Diner* _selected KAV_GUARDED_BY(_mutex) = nullptr;
+    c_bstree<avl_bstree, Diner> _diners KAV_GUARDED_BY(_mutex);
 };

@@ -13,9 +13,9 @@ class Timeout_manager;
 /// Diner::submit_timeout(); while it is submitted it must not be copied over, re-timed or moved. Destroying it
 /// withdraws it, from any thread: the destructor takes the diner's lock and so waits for a handler that is using it.
 ///
-/// A timeout is free (in no list), pending, or handed out: a one-shot timeout that fired stays handed out until it is
-/// removed, submitted again or its diner stops. Its node shows it: in_tree() while it is pending or handed out, so that
-/// another tree refuses it then.
+/// A timeout is free, which means in no list, pending or handed out. A one-shot timeout that fired stays handed out
+/// until it is removed, is submitted again or its diner stops. in_tree() is true while it is pending or handed out, so
+/// that another tree refuses it then.
 ///
 /// The diner outlives it, or it is removed before the diner goes: submitted() and the destructor ask the diner. While
 /// it is in a list, threads other than the diner's read and write its fields under the diner's lock.
@@ -51,8 +51,8 @@ private:
     /// Also when another owner's tree has it. Without a manager its links are at rest, else they are not looked at.
     bool in_list() const { return _holder.load(std::memory_order_acquire) || in_tree(); }
 
-    /// The manager that has it. Unlike the tree links it also stands while the manager moves the timeout from one place
-    /// to another, and clearing it is the manager's last access: the owner's thread may look at it without a lock.
+    /// The manager that has it; the owner's thread may look at it without a lock. It stays as it is while the manager
+    /// moves the timeout from one place to another, and to clear it is the manager's last access.
     std::atomic<Timeout_manager*> _holder{nullptr};
     uint32_t _pass = 0;      ///< the one that it was handed out in last
     bool _submitted = false; ///< since it was handed out last; not: rescheduled

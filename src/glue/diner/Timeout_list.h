@@ -5,8 +5,9 @@
 class Timeout;
 
 /// Pending timeouts of a manager outside of its trees: a list by their own links, which costs nothing to enter and to
-/// leave. No lock, no ownership; a timeout is in one list or tree at most: those of a list have a parent too, which is
-/// no tree's.
+/// leave. With the sorting of great numbers at once it pays from about 100 timeouts in one diner on; below, a tree
+/// alone would be as fast. No lock, no ownership; a timeout is in one list or tree at most: those of a list have a
+/// parent too, which is no tree's.
 class Timeout_list {
 public:
     int count() const { return _count; }

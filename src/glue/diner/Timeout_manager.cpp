@@ -4,11 +4,10 @@
 #include "util/Debug_print.h"
 #include "util/assertion.h"
 #include <algorithm>
-#include <mutex>
+#include <functional>
+#include <vector>
 
 namespace {
-
-using Guard = std::lock_guard<Mutex>;
 
 /// The order of the trees: that of timeouts_compare(), cheaper. Of equal ones the tree takes the lower address first.
 int by_expiry(const Timeout* a, const Timeout* b) { return (a->ms() > b->ms()) - (a->ms() < b->ms()); }
@@ -24,7 +23,7 @@ void set_ms(Atime& at, int64_t ms) {
 std::atomic<uint32_t> passes{0}; // begun so far, by all managers: a timeout may move from one to another
 
 /// Without the mutex held.
-void tell_failure() { Debug_print::dprint("Failed to remove timeout, did client get right Diner?\n"); }
+void report_failure() { Debug_print::dprint("Failed to remove timeout, did client get right Diner?\n"); }
 
 } // namespace
 
@@ -34,7 +33,7 @@ Timeout_manager::Timeout_manager() {
 }
 
 Timeout_manager::~Timeout_manager() {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     empty(false);
 }
 
@@ -54,7 +53,7 @@ int Timeout_manager::submit_timeout_in(Timeout& t, int ms, Diner* owner) { retur
 int Timeout_manager::submit(Timeout& t, const Atime* when, const int* ms, Diner* owner) {
     bool removed;
     {
-        const Guard guard(_mutex);
+        const Scoped_lock held(_mutex);
         if (owner) t.diner = owner;
         removed = set_free(t);
         if (removed) {
@@ -71,7 +70,7 @@ int Timeout_manager::submit(Timeout& t, const Atime* when, const int* ms, Diner*
         }
     }
     if (!removed) {
-        tell_failure();
+        report_failure();
         return -1;
     }
     print();
@@ -93,11 +92,11 @@ Atime Timeout_manager::now() {
 int Timeout_manager::remove_timeout(Timeout& t, bool unbind) {
     bool removed;
     {
-        const Guard guard(_mutex);
+        const Scoped_lock held(_mutex);
         if (unbind) t.diner = nullptr;
         removed = set_free(t);
     }
-    if (!removed) tell_failure();
+    if (!removed) report_failure();
     print();
     return removed ? 0 : -1;
 }
@@ -105,10 +104,10 @@ int Timeout_manager::remove_timeout(Timeout& t, bool unbind) {
 bool Timeout_manager::internal_remove(Timeout& t) {
     bool removed;
     {
-        const Guard guard(_mutex);
+        const Scoped_lock held(_mutex);
         removed = set_free(t);
     }
-    if (!removed) tell_failure();
+    if (!removed) report_failure();
     return removed;
 }
 
@@ -121,7 +120,7 @@ bool Timeout_manager::set_free(Timeout& t) {
     return true;
 }
 
-/// Out of wherever it is here; false when the order of its tree is spoilt.
+/// Out of wherever it is here; false when the order of its tree is corrupted.
 bool Timeout_manager::take_out(Timeout& t) {
     if (t._list) {
         t._list->remove(t);
@@ -138,12 +137,12 @@ void Timeout_manager::make_pending(Timeout& t) {
     if (t.ms() < _next.load(std::memory_order_relaxed)) _next.store(t.ms(), std::memory_order_release);
 }
 
-void Timeout_manager::enter_tree(Timeout& t) const {
+void Timeout_manager::enter_tree(Timeout& t) {
     t._list->remove(t);
     alive.insert(&t);
 }
 
-void Timeout_manager::sort_in() const {
+void Timeout_manager::sort_in() {
     constexpr int few = 32;
     if (_unsorted.count() > std::max(few, _sorted.count() / 8)) return _sorted.merge_sorted(_unsorted);
     while (Timeout* t = _unsorted.first()) enter_tree(*t);
@@ -151,13 +150,13 @@ void Timeout_manager::sort_in() const {
 
 /// The earliest pending timeout that is not held back. Those of the same expiry go into the tree together: it knows
 /// their order.
-Timeout* Timeout_manager::first() const {
+Timeout* Timeout_manager::first() {
     sort_in();
     for (Timeout* t; (t = _sorted.first()) && (!alive.first() || t->ms() <= alive.first()->ms());) enter_tree(*t);
     return alive.first();
 }
 
-void Timeout_manager::release_held() const {
+void Timeout_manager::release_held() {
     while (Timeout* t = _held.first()) {
         _held.remove(*t);
         _unsorted.push(*t);
@@ -165,12 +164,12 @@ void Timeout_manager::release_held() const {
 }
 
 /// The earliest pending timeout, as all but a pass see it.
-Timeout* Timeout_manager::earliest() const {
+Timeout* Timeout_manager::earliest() {
     release_held();
     return first();
 }
 
-int64_t Timeout_manager::next() const {
+int64_t Timeout_manager::next() {
     if (_next.load(std::memory_order_relaxed) == unknown) {
         const Timeout* t = earliest();
         _next.store(t ? t->ms() : none_pending, std::memory_order_release);
@@ -178,10 +177,10 @@ int64_t Timeout_manager::next() const {
     return _next.load(std::memory_order_relaxed);
 }
 
-bool Timeout_manager::next_expiry(Atime& expiry) const {
+bool Timeout_manager::next_expiry(Atime& expiry) {
     int64_t ms = _next.load(std::memory_order_acquire);
     if (ms == unknown) {
-        const Guard guard(_mutex);
+        const Scoped_lock held(_mutex);
         ms = next();
     }
     print();
@@ -197,7 +196,7 @@ Timeout* Timeout_manager::next_timeout() {
 }
 
 Timeout* Timeout_manager::get_timeout(bool only_expired, bool take) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return get_timeout_locked(only_expired, take);
 }
 
@@ -222,7 +221,7 @@ Timeout* Timeout_manager::hand_out(Timeout* t) {
 Timeout* Timeout_manager::expired_timeout() {
     Timeout* t;
     {
-        const Guard guard(_mutex);
+        const Scoped_lock held(_mutex);
         t = get_timeout_locked(true, true);
         cur_expired_timeout = t;
         _stepped = 0;
@@ -232,13 +231,13 @@ Timeout* Timeout_manager::expired_timeout() {
 }
 
 Timeout_manager::Pass Timeout_manager::begin_pass() {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     release_held();
     Pass pass;
     pass._begin = now(); // before the number of steps, which it may change
     pass._number = passes.fetch_add(1, std::memory_order_relaxed) + 1;
     pass._steps = _steps;
-    pass._left = _unsorted.count() + _sorted.count() + alive.count() + Pass::most_new;
+    pass._left = _unsorted.count() + _sorted.count() + alive.count() + Pass::max_new;
     return pass;
 }
 
@@ -253,7 +252,7 @@ Timeout* Timeout_manager::first_due(const Pass& pass) {
 Timeout* Timeout_manager::expired_timeout(Pass& pass) {
     Timeout* t;
     {
-        const Guard guard(_mutex);
+        const Scoped_lock held(_mutex);
         while ((t = first_due(pass)) && t->_submitted && t->_pass == pass._number && take_out(*t)) _held.push(*t);
         if (t) {
             pass._remaining_ms = t->expiry - pass._begin;
@@ -271,7 +270,7 @@ Timeout* Timeout_manager::expired_timeout(Pass& pass) {
 }
 
 bool Timeout_manager::reschedule_periodic_timeout(Timeout& t) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     if (!cur_expired_timeout) return false;
     if (&t != cur_expired_timeout)
         Util::assertion_failed("&timeout == cur_expired_timeout", "glue/diner/Timeout_manager", 77,
@@ -284,7 +283,7 @@ bool Timeout_manager::reschedule_periodic_timeout(Timeout& t) {
 }
 
 void Timeout_manager::clock_stepped(int64_t ms) {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     if (Util::Clock_offset::watched()) {
         now();
     } else {
@@ -312,17 +311,17 @@ void Timeout_manager::move_all(int64_t ms) {
 }
 
 bool Timeout_manager::submitted(const Timeout& t) const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return t._holder.load(std::memory_order_relaxed) == this && !t._handed_out;
 }
 
 bool Timeout_manager::holds(const Timeout& t) const {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     return t._holder.load(std::memory_order_relaxed) == this;
 }
 
 void Timeout_manager::terminate() {
-    const Guard guard(_mutex);
+    const Scoped_lock held(_mutex);
     cur_expired_timeout = nullptr;
     empty(true);
 }
@@ -335,7 +334,7 @@ void Timeout_manager::empty(bool unbind) {
         }
     }
     for (Tree* tree : {&alive, &dead}) {
-        // Where an owner that wrote to the expiry of a listed timeout has spoilt the order: no endless loop.
+        // Where an owner that wrote to the expiry of a listed timeout has corrupted the order: no endless loop.
         for (Timeout* t; (t = tree->first()) && tree->remove(t) == 0;) release(*t, unbind);
     }
     _next.store(none_pending, std::memory_order_release);
@@ -349,13 +348,23 @@ void Timeout_manager::release(Timeout& t, bool unbind) {
 
 void Timeout_manager::print() const {
     if (!Debug_filter::enabled(_JDB::jdb_timeout)) return;
-    const Guard guard(_mutex);
-    release_held();
-    while (Timeout* t = _unsorted.first()) enter_tree(*t);
-    while (Timeout* t = _sorted.first()) enter_tree(*t);
+    const Scoped_lock held(_mutex);
+    print_all();
+}
+
+/// In order, but without putting them in order: whether somebody looks must not change what happens next.
+void Timeout_manager::print_all() const {
+    std::vector<const Timeout*> pending;
+    for (const Timeout& t : alive) pending.push_back(&t);
+    for (const Timeout_list* list : {&_unsorted, &_sorted, &_held}) {
+        for (const Timeout* t = list->first(); t; t = t->_after) pending.push_back(t);
+    }
+    std::sort(pending.begin(), pending.end(), [](const Timeout* a, const Timeout* b) {
+        return a->ms() != b->ms() ? a->ms() < b->ms() : std::less<>()(a, b);
+    });
     Debug_print::dprint("Alive timeouts:\r\n");
     Debug_print::dprint("---------------\r\n");
-    for (const Timeout& t : alive) t.print();
+    for (const Timeout* t : pending) t->print();
     Debug_print::dprint("Dead timeouts:\r\n");
     Debug_print::dprint("--------------\r\n");
     for (const Timeout& t : dead) t.print();

@@ -35,15 +35,17 @@ public:
     Timeout* next_timeout();
     /// Its expiry, for callers that race with other threads. False when there is none. O(1) without a lock, except
     /// after the earliest was taken away.
-    bool next_expiry(Atime& expiry) const;
+    bool next_expiry(Atime& expiry);
     /// The earliest pending timeout if it is due, now handed out; null otherwise. O(log n)
     Timeout* expired_timeout();
-    /// One pass of a diner over its timeouts, in order: whatever is due when it begins, missed periods included, and
-    /// what is submitted meanwhile for an instant that was due then. Only a timeout that ran in this pass and was
-    /// submitted again, which rescheduling by its period is not, is left to the next one. So a pass ends after as many
-    /// steps as there are timeouts and missed periods, whatever handlers submit and however slow they are, and the
-    /// diner comes to its events. (Handlers that keep making new timeouts for an instant long past end it too: beyond
-    /// those that were pending it takes `most_new`.) It also ends when the clock was stepped since.
+    /// One pass of a diner over its timeouts, in order. It takes what is due when it begins, missed periods included,
+    /// and what is submitted meanwhile for an instant that was due then.
+    ///
+    /// A pass always ends, so that the diner comes to its events. A timeout that ran in this pass and is submitted
+    /// again waits for the next one; rescheduling by its period is no submission. So there are as many steps as there
+    /// are timeouts and missed periods, whatever handlers submit and however slow they are. Handlers may keep making
+    /// new timeouts for an instant long past: beyond those that were pending, a pass takes `max_new`. It also ends when
+    /// the clock was stepped since.
     class Pass {
     public:
         /// [ms] from the begin of the pass until the timeout handed out last falls due: not positive. (Its own expiry
@@ -52,7 +54,7 @@ public:
 
     private:
         friend class Timeout_manager;
-        static constexpr int most_new = 10000;
+        static constexpr int max_new = 10000;
         Atime _begin{false};
         uint32_t _number = 0; ///< of all passes of the process
         uint32_t _steps = 0;
@@ -92,40 +94,42 @@ private:
     using Tree = c_bstree<avl_bstree, Timeout>;
     static constexpr int64_t none_pending = INT64_MAX, unknown = INT64_MIN;
 
-    // All of these: mutex held.
     int submit(Timeout& t, const Atime* when, const int* ms, Diner* owner);
-    Atime now();
-    void move_all(int64_t ms);
-    bool set_free(Timeout& t);
-    bool take_out(Timeout& t);
-    void make_pending(Timeout& t);
-    void enter_tree(Timeout& t) const;
-    void sort_in() const;
-    Timeout* first() const;
-    void release_held() const;
-    Timeout* earliest() const;
-    int64_t next() const;
-    Timeout* first_due(const Pass& pass);
-    Timeout* get_timeout_locked(bool only_expired, bool take);
-    Timeout* hand_out(Timeout* t);
-    void release(Timeout& t, bool unbind);
-    void empty(bool unbind);
+    Atime now() KAV_REQUIRES(_mutex);
+    void move_all(int64_t ms) KAV_REQUIRES(_mutex);
+    bool set_free(Timeout& t) KAV_REQUIRES(_mutex);
+    bool take_out(Timeout& t) KAV_REQUIRES(_mutex);
+    void make_pending(Timeout& t) KAV_REQUIRES(_mutex);
+    void enter_tree(Timeout& t) KAV_REQUIRES(_mutex);
+    void sort_in() KAV_REQUIRES(_mutex);
+    Timeout* first() KAV_REQUIRES(_mutex);
+    void release_held() KAV_REQUIRES(_mutex);
+    Timeout* earliest() KAV_REQUIRES(_mutex);
+    int64_t next() KAV_REQUIRES(_mutex);
+    Timeout* first_due(const Pass& pass) KAV_REQUIRES(_mutex);
+    Timeout* get_timeout_locked(bool only_expired, bool take) KAV_REQUIRES(_mutex);
+    Timeout* hand_out(Timeout* t) KAV_REQUIRES(_mutex);
+    void release(Timeout& t, bool unbind) KAV_REQUIRES(_mutex);
+    void empty(bool unbind) KAV_REQUIRES(_mutex);
+    void print_all() const KAV_REQUIRES(_mutex);
 
-    Timeout own;
-    Timeout* cur_expired_timeout = nullptr; ///< handed out last; cleared when it is removed or submitted meanwhile
+    /// Handed out last; cleared when it is removed or submitted meanwhile.
+    Timeout* cur_expired_timeout KAV_GUARDED_BY(_mutex) = nullptr;
     // Most timeouts are withdrawn or submitted anew before they fall due, so what is pending is put in order as late as
     // possible: when the earliest is due or asked for. New ones wait in `_unsorted`, great numbers of them then in
     // `_sorted`; only few at a time, and those that are due first, are in the tree.
-    mutable Tree alive;
-    Tree dead;
-    mutable Timeout_list _unsorted;
-    mutable Timeout_list _sorted;
-    mutable Timeout_list _held; ///< due, but for the next pass; while there are any, `_next` is unknown
-    uint32_t _steps = 0;        ///< of the clock, so far
-    Util::Clock_offset _clock;
-    int64_t _stepped = 0; ///< [ms] by how much, since cur_expired_timeout was handed out
+    Tree alive KAV_GUARDED_BY(_mutex);
+    Tree dead KAV_GUARDED_BY(_mutex);
+    Timeout_list _unsorted KAV_GUARDED_BY(_mutex);
+    Timeout_list _sorted KAV_GUARDED_BY(_mutex);
+    /// Due, but for the next pass; while there are any, `_next` is unknown.
+    Timeout_list _held KAV_GUARDED_BY(_mutex);
+    uint32_t _steps KAV_GUARDED_BY(_mutex) = 0; ///< of the clock, so far
+    Util::Clock_offset _clock KAV_GUARDED_BY(_mutex);
+    /// [ms] by how much, since cur_expired_timeout was handed out.
+    int64_t _stepped KAV_GUARDED_BY(_mutex) = 0;
     /// The earliest expiry [ms], readable without the mutex: the diner's loop asks for it at every event. A submission
     /// is followed by a wake-up, so a loop that has read the old value reads again.
-    mutable std::atomic<int64_t> _next{none_pending};
+    std::atomic<int64_t> _next{none_pending};
     mutable Mutex _mutex;
 };

@@ -2,12 +2,11 @@
 #include "glue/diner/module_man.h"
 #include "util/Bugger.h"
 #include <algorithm>
-#include <mutex>
 
 namespace {
 
-constexpr int32_t last_of_ordinary = 32767; // module ids are 16 bits wide
-constexpr int32_t most_extended = 32768;
+constexpr int32_t max_ordinary = 32767; // module ids are 16 bits wide
+constexpr int32_t max_extended = 32768;
 
 /// The returned nodes as one word, so that it changes in one step: how many, and the places of the last and of the
 /// first one returned.
@@ -39,26 +38,26 @@ module_man::~module_man() { _alive = false; }
 int module_man::init_module(short* id, bool extended) { return init_module_array(id, 1, extended); }
 
 int module_man::init_module_array(short* ids, int n, bool extended) {
-    std::lock_guard<Mutex> lock(_mutex);
-    if (n > (extended ? most_extended - _num_extended : last_of_ordinary - _last_ordinary)) return -1;
+    const Scoped_lock held(_mutex);
+    if (n > (extended ? max_extended - _num_extended : max_ordinary - _last_ordinary)) return -1;
     for (int i = 0; i < n; ++i) ids[i] = static_cast<short>(extended ? -++_num_extended : ++_last_ordinary);
     return 0;
 }
 
 waiter_event_node* module_man::get_blank_event(int queued) {
-    std::lock_guard<Mutex> lock(_mutex);
-    // Nodes that came back since count as free as well, but are looked at only when it matters: the takers write there.
+    const Scoped_lock held(_mutex);
+    // Nodes that came back since count as free as well, but are looked at only when it matters: the consumers write
+    // there.
     if (queued > _num_blank / 2 || _num_blank <= _least_free) collect();
     if (_num_blank == 0 || queued > _num_blank / 2) return nullptr;
     sll_node* const n = _blank;
     _blank = n->next;
-    __builtin_prefetch(_blank); // handed back by a taker, perhaps on another core
     n->next = nullptr;
     _least_free = std::min(_least_free, --_num_blank);
     return static_cast<waiter_event_node*>(n);
 }
 
-/// Put the returned nodes to the blank ones. Lock held.
+/// Put the returned nodes to the blank ones.
 void module_man::collect() {
     const Returned all(_returned.exchange(0, std::memory_order_acquire));
     if (all.count == 0) return;
@@ -84,11 +83,11 @@ void module_man::return_used_event(waiter_event_node* n) {
 }
 
 int module_man::num_free_events() const {
-    std::lock_guard<Mutex> lock(_mutex);
+    const Scoped_lock held(_mutex);
     return _num_blank + static_cast<int>(Returned(_returned.load(std::memory_order_relaxed)).count);
 }
 
 int module_man::least_free_events() const {
-    std::lock_guard<Mutex> lock(_mutex);
+    const Scoped_lock held(_mutex);
     return _least_free;
 }

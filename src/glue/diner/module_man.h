@@ -28,23 +28,24 @@ public:
     /// A node of the pool for a waiter that has `queued` [nodes] already; null when those are more than half of what is
     /// free, or when all are out.
     waiter_event_node* get_blank_event(int queued = 0);
-    /// Frees the event's block. Lock-free, so that takers do not hold up posters.
+    /// Frees the event's block. Lock-free, so that consumers do not hold up producers.
     void return_used_event(waiter_event_node* n);
     int num_free_events() const; ///< [nodes] in the pool now
     /// [nodes] the pool ever came down to: how close the application has been to the limit.
     int least_free_events() const;
 
 private:
-    void collect();
+    void collect() KAV_REQUIRES(_mutex);
 
     std::atomic<bool> _alive{false};
-    [[maybe_unused]] char _apart[64]; ///< takers read the flag above, posters change what is below
-    mutable Mutex _mutex;             ///< guards the ids and the blank nodes
-    int32_t _last_ordinary = 1025;
-    int32_t _num_extended = 0;
-    sll_node* _blank = sll_node::last_mark(); ///< the blank nodes, linked by `next` as in a list
-    int32_t _num_blank = pool_size;
-    int32_t _least_free = pool_size;
+    [[maybe_unused]] char _apart[64]; ///< consumers read the flag above, producers change what is below
+    mutable Mutex _mutex;
+    int32_t _last_ordinary KAV_GUARDED_BY(_mutex) = 1025;
+    int32_t _num_extended KAV_GUARDED_BY(_mutex) = 0;
+    /// The blank nodes, linked by `next` as in a list.
+    sll_node* _blank KAV_GUARDED_BY(_mutex) = sll_node::last_mark();
+    int32_t _num_blank KAV_GUARDED_BY(_mutex) = pool_size;
+    int32_t _least_free KAV_GUARDED_BY(_mutex) = pool_size;
     waiter_event_node _pool[pool_size];
     /// Nodes that came back and were not collected yet, linked likewise: see Returned.
     std::atomic<uint32_t> _returned{0};

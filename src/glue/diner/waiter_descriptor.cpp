@@ -7,7 +7,6 @@
 #include <QEvent>
 #include <algorithm>
 #include <climits>
-#include <mutex>
 #include <utility>
 
 waiter_descriptor::waiter_descriptor() = default;
@@ -22,7 +21,7 @@ waiter_descriptor::~waiter_descriptor() {
 int waiter_descriptor::init(module_man* mm) { return init(mm, nullptr, 0); }
 
 int waiter_descriptor::init(module_man* mm, QObject* target, int type) {
-    std::lock_guard<Mutex> lock(_mutex);
+    const Scoped_lock held(_mutex);
     _modules = mm;
     _target = target;
     _type = type;
@@ -32,57 +31,75 @@ int waiter_descriptor::init(module_man* mm, QObject* target, int type) {
 }
 
 void waiter_descriptor::deinit() {
-    std::lock_guard<Mutex> lock(_mutex);
+    const Scoped_lock held(_mutex);
     _target = nullptr;
     _type = 0;
     _initialised = false;
 }
 
 void waiter_descriptor::set_enabled(bool on) {
-    std::lock_guard<Mutex> lock(_mutex);
+    const Scoped_lock held(_mutex);
     _enabled = on;
 }
 
 int waiter_descriptor::send_event(const waiter_event& e, bool coalesce, bool unique) {
     if (!accepting()) return 0;
     const bool merging = coalesce && e.module_id > 0;
-    bool asleep;
-    {
-        std::unique_lock<Mutex> taking(_taking, std::defer_lock);
-        if (merging || unique) taking.lock(); // only these look at what is queued already
-        std::lock_guard<Mutex> lock(_mutex);
-        if (!accepting()) return 0; // disabled meanwhile: nothing may slip in after set_enabled(false) has returned
-        if (unique && is_queued(e)) return 0;
-        if (!(merging && merge(e)) && enqueue(e) != 0) return -1;
-        if (_target) {
-            give_mirrored_token();
-            return 0;
-        }
-        // Under the lock: who has disabled the waiter and then takes all tokens has all that is queued.
-        asleep = _tokens.count();
+    bool asleep = false;
+    int result;
+    if (merging || unique) { // only these look at what is queued already
+        const Scoped_lock taking(_taking);
+        const Scoped_lock held(_mutex);
+        result = append_or_merge(e, merging, unique, asleep);
+    } else {
+        const Scoped_lock held(_mutex);
+        result = append(e, asleep);
     }
-    // With the locks free, so that the taker does not wake only to wait for them.
+    // With the locks free, so that the consumer does not wake only to wait for them.
     if (asleep) _tokens.wake();
+    return result;
+}
+
+/// Queue `e` with its token: 0, also when it is dropped; -1 without room. `asleep`: the consumer sleeps and is to be
+/// woken by _tokens.wake().
+int waiter_descriptor::append(const waiter_event& e, bool& asleep) {
+    if (!accepting()) return 0; // disabled meanwhile: nothing may slip in after set_enabled(false) has returned
+    if (enqueue(e) != 0) return -1;
+    asleep = count_token();
     return 0;
 }
 
+/// append(), but for an event that has its like in the queue.
+int waiter_descriptor::append_or_merge(const waiter_event& e, bool coalesce, bool unique, bool& asleep) {
+    if (!accepting() || (unique && is_queued(e))) return 0;
+    if (!coalesce || !merge(e)) return append(e, asleep);
+    asleep = count_token();
+    return 0;
+}
+
+/// Give a token, all but the wake-up; true when that is to follow. With the lock held: who has disabled the waiter and
+/// then takes all tokens has all that is queued.
+bool waiter_descriptor::count_token() {
+    if (!_target) return _tokens.count();
+    give_mirrored_token();
+    return false;
+}
+
 int waiter_descriptor::send_last(const waiter_event& e) {
+    bool asleep;
     {
-        std::lock_guard<Mutex> lock(_mutex);
+        const Scoped_lock held(_mutex);
         if (enqueue(e) != 0) return -1;
         _enabled = false;
-        if (_target) {
-            give_mirrored_token();
-            return 0;
-        }
+        asleep = count_token();
     }
-    _tokens.give();
+    if (asleep) _tokens.wake();
     return 0;
 }
 
 void waiter_descriptor::send_anonymous_event() {
     if (_target) {
-        std::lock_guard<Mutex> lock(_mutex);
+        const Scoped_lock held(_mutex);
         if (_target) {
             give_mirrored_token();
             return;
@@ -109,13 +126,13 @@ void waiter_descriptor::flush_events() {
 }
 
 int waiter_descriptor::num_queued() const {
-    std::lock_guard<Mutex> taking(_taking);
-    std::lock_guard<Mutex> lock(_mutex);
+    const Scoped_lock taking(_taking);
+    const Scoped_lock held(_mutex);
     return _front.size() + _back.size();
 }
 
 int waiter_descriptor::longest_queue() const {
-    std::lock_guard<Mutex> lock(_mutex);
+    const Scoped_lock held(_mutex);
     return _longest;
 }
 
@@ -123,7 +140,7 @@ int waiter_descriptor::longest_queue() const {
 void waiter_descriptor::hand_out(waiter_event* out) {
     waiter_event_node* used = nullptr;
     {
-        std::lock_guard<Mutex> taking(_taking);
+        const Scoped_lock taking(_taking);
         if (_front.size() == 0) fill_front();
         waiter_event_node* const n = _front.first();
         if (!n) {
@@ -136,37 +153,36 @@ void waiter_descriptor::hand_out(waiter_event* out) {
             return;
         }
         used = _front.pop();
-        // The next node was written by a poster, perhaps on another core: it travels while this one is handled.
-        __builtin_prefetch(_front.first());
         _num_front.store(_front.size(), std::memory_order_relaxed);
     }
     *out = std::move(used->event);
-    _modules->return_used_event(used);
+    _modules.load(std::memory_order_relaxed)->return_used_event(used);
 }
 
-/// Move what was posted to the empty front. `_taking` held.
+/// Move what was posted to the empty front.
 void waiter_descriptor::fill_front() {
-    std::lock_guard<Mutex> lock(_mutex);
+    const Scoped_lock held(_mutex);
     _front.push_all(_back);
-    _most_in_front = _front.size();
-    _num_front.store(_most_in_front, std::memory_order_relaxed);
+    _max_in_front = _front.size();
+    _num_front.store(_max_in_front, std::memory_order_relaxed);
 }
 
-/// Append a copy of `e`: 0; -1 when there is no room or no memory for its block. `_mutex` held.
+/// Append a copy of `e`: 0; -1 when there is no room or no memory for its block.
 int waiter_descriptor::enqueue(const waiter_event& e) {
-    // The taker keeps changing the length, which is only looked at when the most that it can be is too much.
-    int queued = _back.size() + _most_in_front;
-    waiter_event_node* n = _modules->get_blank_event(queued);
+    // The consumer keeps changing the length, which is only looked at when the most that it can be is too much.
+    module_man& pool = *_modules.load(std::memory_order_relaxed);
+    int queued = _back.size() + _max_in_front;
+    waiter_event_node* n = pool.get_blank_event(queued);
     if (!n || queued >= _longest) {
-        _most_in_front = _num_front.load(std::memory_order_relaxed);
-        queued = _back.size() + _most_in_front;
+        _max_in_front = _num_front.load(std::memory_order_relaxed);
+        queued = _back.size() + _max_in_front;
     }
-    if (!n) n = _modules->get_blank_event(queued);
+    if (!n) n = pool.get_blank_event(queued);
     if (!n) return -1;
     n->event = e;
     n->event.repeat = e.module_id > 0 ? 1 : 0;
     if (e.extended && !n->event.extended) {
-        _modules->return_used_event(n); // an event without its block would mislead the receiver
+        pool.return_used_event(n); // an event without its block would mislead the receiver
         return -1;
     }
     _back.push(n);
@@ -174,7 +190,7 @@ int waiter_descriptor::enqueue(const waiter_event& e) {
     return 0;
 }
 
-/// Count `e`, of an ordinary module, into a queued event of the same kind; false when there is none. Both locks held.
+/// Count `e`, of an ordinary module, into a queued event of the same kind; false when there is none.
 bool waiter_descriptor::merge(const waiter_event& e) {
     if (e.extended) {
         Debug_print::bprint("ERROR: Event expects extended module id\n");
@@ -191,7 +207,7 @@ bool waiter_descriptor::merge(const waiter_event& e) {
     return false;
 }
 
-/// Events of extended modules differ in their data as well. Both locks held.
+/// Events of extended modules differ in their data as well.
 bool waiter_descriptor::is_queued(const waiter_event& e) const {
     for (const auto* part : {&_front, &_back}) {
         for (const waiter_event_node& n : *part) {
@@ -202,7 +218,7 @@ bool waiter_descriptor::is_queued(const waiter_event& e) const {
     return false;
 }
 
-/// A token and its Qt event, in this order: the target's handler takes without waiting. The lock is held, so that
+/// A token and its Qt event, in this order: the target's handler takes without waiting. With the lock held, so that
 /// nothing is posted to a target once deinit() has returned.
 void waiter_descriptor::give_mirrored_token() {
     _tokens.give();

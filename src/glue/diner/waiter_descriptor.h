@@ -11,8 +11,8 @@
 
 class QObject;
 
-/// The inbox of a diner: a queue of events and a semaphore with one token per pending delivery. Any thread may post;
-/// one thread takes.
+/// The inbox of a diner: a queue of events and a semaphore with one token per pending delivery. Any thread may post:
+/// the producers. One thread takes: the consumer.
 ///
 /// The nodes come from a pool that all waiters of a module_man share. A waiter may queue at most half of what is free,
 /// so that one stalled diner cannot starve the others: of a fresh pool of 1000 a lone waiter gets 334.
@@ -42,10 +42,19 @@ public:
     /// merged post is still one delivery. A block under an ordinary module id is a programming error that asks the Qt
     /// application to exit with -147.
     int send_event(const waiter_event& e, bool coalesce, bool unique);
+    /// What becomes of an event when one of the same kind is queued already: the choices of send_event(), by name.
+    enum Duplicates {
+        keep_duplicates,  ///< queued as well
+        merge_duplicates, ///< `coalesce`
+        drop_duplicates   ///< `unique`
+    };
+    int send_event(const waiter_event& e, Duplicates d = keep_duplicates) {
+        return send_event(e, d == merge_duplicates, d == drop_duplicates);
+    }
     /// Post an event although the waiter may be disabled or deinitialised, and disable it in the same step, so that
     /// nothing is queued behind: 0. Without room -1, and nothing has changed. After init().
     int send_last(const waiter_event& e);
-    /// Wake the taker without an event. Uses no node, works on a disabled waiter.
+    /// Wake the consumer without an event. Uses no node, works on a disabled waiter.
     void send_anonymous_event();
 
     /// Take the next event, waiting without limit. EVENT_ANONYMOUS when the queue is empty: a wake-up only.
@@ -58,7 +67,7 @@ public:
     void flush_events();
 
     int num_queued() const;    ///< [nodes] queued now
-    int longest_queue() const; ///< [nodes] ever queued at a time: tells how to size an application
+    int longest_queue() const; ///< [nodes] ever queued at a time: shows how to size an application
 
     /// Whether posts are taken now; else they are dropped. Takes no lock.
     bool accepting() const {
@@ -66,31 +75,35 @@ public:
     }
 
 private:
-    bool merge(const waiter_event& e);
-    bool is_queued(const waiter_event& e) const;
-    int enqueue(const waiter_event& e);
-    void give_mirrored_token();
+    int append(const waiter_event& e, bool& asleep) KAV_REQUIRES(_mutex);
+    int append_or_merge(const waiter_event& e, bool coalesce, bool unique, bool& asleep) KAV_REQUIRES(_taking, _mutex);
+    bool merge(const waiter_event& e) KAV_REQUIRES(_taking, _mutex);
+    bool is_queued(const waiter_event& e) const KAV_REQUIRES(_taking, _mutex);
+    int enqueue(const waiter_event& e) KAV_REQUIRES(_mutex);
+    bool count_token() KAV_REQUIRES(_mutex);
+    void give_mirrored_token() KAV_REQUIRES(_mutex);
     void hand_out(waiter_event* out);
-    void fill_front();
+    void fill_front() KAV_REQUIRES(_taking);
 
-    // The queue is in two parts, each with a lock of its own, and what posters, what the taker and what both use lies
-    // on cache lines of its own: a poster and the taker that run at the same time do not fight for memory with every
-    // event. The taker's part comes last because the diner's own fields follow.
+    // The queue has two parts, each with a lock of its own. What producers use, what the consumer uses and what both
+    // use lies on separate cache lines, so that the two sides do not fight for memory with every event. The consumer's
+    // part comes last because the diner's own fields follow.
     std::atomic<bool> _enabled{false};
     std::atomic<bool> _initialised{false};
-    module_man* _modules = nullptr;
-    std::atomic<QObject*> _target{nullptr};
-    int _type = 0; ///< of those events: a QEvent::Type, whose header is large
+    std::atomic<module_man*> _modules{nullptr};
+    std::atomic<QObject*> _target{nullptr}; ///< changes under `_mutex`
+    int _type KAV_GUARDED_BY(_mutex) = 0;   ///< of those events: a QEvent::Type, whose header is large
     [[maybe_unused]] char _apart[64];
 
-    mutable Mutex _mutex;               ///< guards what was posted lately and the flags above
-    c_sl_list<waiter_event_node> _back; ///< what was posted since the front was filled
-    int32_t _most_in_front = 0;         ///< the front holds no more: it only shrinks until it is filled again
-    int32_t _longest = 0;
+    mutable Mutex _mutex KAV_ACQUIRED_AFTER(_taking);
+    c_sl_list<waiter_event_node> _back KAV_GUARDED_BY(_mutex); ///< what was posted since the front was filled
+    /// The front holds no more: it only shrinks until it is filled again.
+    int32_t _max_in_front KAV_GUARDED_BY(_mutex) = 0;
+    int32_t _longest KAV_GUARDED_BY(_mutex) = 0;
 
     waiter_tokens _tokens;
 
-    mutable Mutex _taking;               ///< guards the front of the queue; taken before `_mutex`
-    c_sl_list<waiter_event_node> _front; ///< what is handed out next
-    std::atomic<int32_t> _num_front{0};  ///< its size, for posters
+    mutable Mutex _taking;
+    c_sl_list<waiter_event_node> _front KAV_GUARDED_BY(_taking); ///< what is handed out next
+    std::atomic<int32_t> _num_front{0};                          ///< its size, for producers
 };

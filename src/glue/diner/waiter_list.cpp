@@ -3,7 +3,12 @@
 #include "glue/diner/module_man.h"
 #include <algorithm>
 
-int waiter_list::init(module_man& mm) { return mm.init_module(&_module_id, false); }
+int waiter_list::init(module_man& mm) {
+    short id;
+    if (mm.init_module(&id, false) != 0) return -1;
+    _module_id.store(id, std::memory_order_relaxed);
+    return 0;
+}
 
 int waiter_list::add(waiter_descriptor* w) {
     auto* const end = std::remove(_waiters, _waiters + _count, nullptr); // those that died
@@ -23,8 +28,8 @@ int waiter_list::remove(waiter_descriptor* w) {
     return 0;
 }
 
-void waiter_list::send(const waiter_event& e, bool coalesce, bool unique) const {
+void waiter_list::send(const waiter_event& e, waiter_descriptor::Duplicates d) const {
     for (int i = 0; i < _count; ++i) {
-        if (waiter_descriptor* const w = _waiters[i]) w->send_event(e, coalesce, unique);
+        if (waiter_descriptor* const w = _waiters[i]) w->send_event(e, d);
     }
 }

@@ -3,26 +3,28 @@
 #include "glue/diner/waiter_descriptor.h"
 #include "glue/diner/waiter_ref.h"
 #include "util/api.h"
+#include <atomic>
 
 /// The waiters that a stream or a store notifies, at most 16, with the module id their events carry.
-/// No lock of its own: the owner calls every member under its lock. Waiters are not owned; one
-/// that dies while it is here leaves an empty place, see waiter_ref.
+/// No lock of its own: the owner calls every other member under its lock. Waiters are not owned; one that dies while it
+/// is here leaves an empty place, see waiter_ref.
 class KAV_API waiter_list {
 public:
     static constexpr int max_waiters = 16;
 
     /// Obtain the module id (an ordinary one). 0, or -1 when there is none left.
     int init(module_man& mm);
-    short module_id() const { return _module_id; } ///< 0 before init()
+    /// 0 before init(). Any thread, no lock.
+    short module_id() const { return _module_id.load(std::memory_order_relaxed); }
 
     int add(waiter_descriptor* w);    ///< 0; -1 when full, null or already there
     int remove(waiter_descriptor* w); ///< 0; -1 when not there
     int size() const { return _count; }
     /// Post to every waiter in order of registration; results are ignored.
-    void send(const waiter_event& e, bool coalesce, bool unique) const;
+    void send(const waiter_event& e, waiter_descriptor::Duplicates d) const;
 
 private:
-    short _module_id = 0;
+    std::atomic<short> _module_id{0};
     int _count = 0;
     waiter_ref<waiter_ref_base::stream> _waiters[max_waiters];
 };

@@ -3,7 +3,6 @@
 #include "util/Debug_print.h"
 #include "util/Mutex.h"
 #include <map>
-#include <mutex>
 
 namespace {
 
@@ -24,7 +23,7 @@ struct References {
 void waiter_ref_base::set(waiter_descriptor* w, Holder holder) {
     if (!w && !get()) return; // most references end like this
     References& all = References::all();
-    const std::lock_guard<Mutex> held(all.mutex);
+    const Scoped_lock held(all.mutex);
     if (waiter_descriptor* const before = get()) all.holders.erase({before, this});
     if (w) all.holders[{w, this}] = holder;
     _waiter.store(w, std::memory_order_relaxed);
@@ -34,7 +33,7 @@ void waiter_ref_base::detach_all(waiter_descriptor* w) {
     int counts[num_holders] = {};
     {
         References& all = References::all();
-        const std::lock_guard<Mutex> held(all.mutex);
+        const Scoped_lock held(all.mutex);
         auto at = all.holders.lower_bound({w, nullptr});
         if (at == all.holders.end() || at->first.first != w) return;
         for (; at != all.holders.end() && at->first.first == w; at = all.holders.erase(at)) {

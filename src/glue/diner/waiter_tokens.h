@@ -6,26 +6,26 @@
 
 /// The tokens of a waiter: a counting semaphore that many threads give to and one takes from.
 ///
-/// A QSemaphore alone costs the giver a system call for every token from the moment the taker falls asleep until it
-/// has really run again. Here the count is an atomic and the QSemaphore is given to once for each sleep. The taker
+/// A QSemaphore alone costs the giver a system call for every token from the moment the consumer falls asleep until it
+/// has really run again. Here the count is an atomic and the QSemaphore is given to once for each sleep. The consumer
 /// draws all that is there at once, so that the two sides seldom touch the same memory.
 class KAV_API waiter_tokens {
 public:
     void give() { ///< any thread
         if (count()) wake();
     }
-    /// The two steps of give(), for who holds a lock that the taker wants. True: the taker sleeps, and wake() must
-    /// follow; the token counts already.
+    /// The two steps of give(), for who holds a lock that the consumer wants. True: the consumer sleeps, and wake()
+    /// must follow; the token counts already.
     bool count() { return _given.fetch_add(1, std::memory_order_release) < 0; }
     void wake();
-    void take();       ///< waits without limit; the taker only
-    bool take(int ms); ///< waits at most `ms` [ms] (0 and less: not at all); true when taken; the taker only
+    void take();       ///< waits without limit; the consumer only
+    bool take(int ms); ///< waits at most `ms` [ms] (0 and less: not at all); true when taken; the consumer only
 
 private:
     bool draw();
 
-    std::atomic<int> _given{0}; ///< not drawn yet; -1 while the taker sleeps
+    std::atomic<int> _given{0}; ///< not drawn yet; -1 while the consumer sleeps
     QSemaphore _wake;
     [[maybe_unused]] char _apart[64]; ///< keeps the two sides on cache lines of their own
-    int _drawn = 0;                   ///< the taker's
+    int _drawn = 0;                   ///< the consumer's
 };

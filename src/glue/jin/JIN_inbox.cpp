@@ -2,7 +2,6 @@
 #include "glue/jin/JIN_inbox.h"
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <new>
 
 JIN_inbox::JIN_inbox(JIN_stack& stack, waiter_descriptor* waiter, std::initializer_list<uint32_t> pgns, uint32_t bytes,
@@ -13,19 +12,19 @@ JIN_inbox::JIN_inbox(JIN_stack& stack, waiter_descriptor* waiter, std::initializ
     , _bytes(new (std::nothrow) unsigned char[bytes])
     , _queue(_bytes.get(), _bytes ? bytes : 0) {
     if (pgns.size() <= max_pgns) _num_pgns = static_cast<int>(std::copy(pgns.begin(), pgns.end(), _pgns) - _pgns);
-    const std::lock_guard<Mutex> held(_stack.lock);
+    const Scoped_lock held(_stack.lock);
     _stack._inboxes.push(this);
     _stack.wishes_changed();
 }
 
 JIN_inbox::~JIN_inbox() {
-    const std::lock_guard<Mutex> held(_stack.lock);
+    const Scoped_lock held(_stack.lock);
     _stack._inboxes.remove(this);
     _stack.wishes_changed();
 }
 
 bool JIN_inbox::receive(JIN_grow_message& m) {
-    const std::lock_guard<Mutex> held(_stack.lock);
+    const Scoped_lock held(_stack.lock);
     Head head;
     if (_queue.used() == 0) return false;
     _queue.peek(0, reinterpret_cast<unsigned char*>(&head), sizeof head);
@@ -40,7 +39,7 @@ bool JIN_inbox::receive(JIN_grow_message& m) {
 }
 
 uint32_t JIN_inbox::lost() const {
-    const std::lock_guard<Mutex> held(_stack.lock);
+    const Scoped_lock held(_stack.lock);
     return _lost;
 }
 
@@ -59,5 +58,7 @@ void JIN_inbox::put(const JIN_message& m) {
         _queue.put(bytes, overhead);
         _queue.put(m.data, m.size);
     }
-    if (_waiter) _waiter->send_event(waiter_event(_stack.module_id(), JIN_stack::event_arrived, 0), true, true);
+    if (_waiter)
+        _waiter->send_event(waiter_event(_stack.module_id(), JIN_stack::event_arrived, 0),
+                            waiter_descriptor::drop_duplicates);
 }

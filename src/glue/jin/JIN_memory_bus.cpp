@@ -3,7 +3,6 @@
 #include "util/clock.h"
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 
 JIN_memory_bus::JIN_memory_bus() : _driver("JINMEM", 256, true) {}
 
@@ -38,7 +37,7 @@ int64_t JIN_memory_bus::now() {
 }
 
 int JIN_memory_bus::process() {
-    const std::lock_guard<Mutex> held(_lock);
+    const Scoped_lock held(_lock);
     const int64_t t = now();
     const int64_t next = run(t);
     return next == INT64_MAX ? -1 : static_cast<int>(std::min<int64_t>(next - t, 1 << 20));
@@ -58,7 +57,7 @@ int64_t JIN_memory_bus::run(int64_t until) {
 }
 
 void JIN_memory_bus::inject(const JIN_message& m) {
-    const std::lock_guard<Mutex> held(_lock);
+    const Scoped_lock held(_lock);
     if (!_there) return;
     const int64_t t = now();
     run(t);
@@ -68,7 +67,7 @@ void JIN_memory_bus::inject(const JIN_message& m) {
 }
 
 void JIN_memory_bus::set_there(bool there) {
-    const std::lock_guard<Mutex> held(_lock);
+    const Scoped_lock held(_lock);
     if (there == _there) return;
     _there = there;
     _num_waiting = 0;
@@ -84,13 +83,13 @@ void JIN_memory_bus::set_there(bool there) {
 }
 
 void JIN_memory_bus::set_loss(unsigned per_mille, uint32_t seed) {
-    const std::lock_guard<Mutex> held(_lock);
+    const Scoped_lock held(_lock);
     _loss = per_mille;
     _random = seed;
 }
 
 uint64_t JIN_memory_bus::num_frames() const {
-    const std::lock_guard<Mutex> held(_lock);
+    const Scoped_lock held(_lock);
     return _frames;
 }
 
@@ -135,19 +134,19 @@ void JIN_memory_bus::spread(const Node* sender, const JIN_message& m, int64_t no
 
 JIN_memory_bus::Node::Node(JIN_memory_bus& bus, module_man& mm, JIN_name name, uint8_t preferred)
     : JIN_stack(mm, &bus._lock), _bus(bus), _claim(*this, name, preferred) {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     bus._nodes.push(this);
     if (bus._there) _claim.begin(bus.now());
     bus._wake.release();
 }
 
 JIN_memory_bus::Node::~Node() {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     _bus._nodes.remove(this);
 }
 
 JIN_stack::Result JIN_memory_bus::Node::send(const JIN_message& m) {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     if (!m.is_sendable() || !name().is_set()) return refused;
     const int64_t t = _bus.now();
     _bus.run(t);
@@ -189,29 +188,29 @@ JIN_stack::Result JIN_memory_bus::Node::start(Transfer& t, const JIN_message& m,
 }
 
 bool JIN_memory_bus::Node::address(uint8_t& own) const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _claim.address(own);
 }
 
 bool JIN_memory_bus::Node::bus_is_there() const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _bus._there;
 }
 
 bool JIN_memory_bus::Node::name_of(uint8_t address, JIN_name& name) const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     const JIN_name holder = _claim.holder(address);
     if (holder.is_set()) name = holder;
     return holder.is_set();
 }
 
 JIN_address_claim::State JIN_memory_bus::Node::claim_state() const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _claim.state();
 }
 
 void JIN_memory_bus::Node::set_busy(bool on) {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     _busy = on;
     if (!on) tell_room();
 }

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <net/if.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -70,7 +69,7 @@ JIN_socket_stack::JIN_socket_stack(module_man& mm, const char* interface, JIN_na
 
 JIN_socket_stack::~JIN_socket_stack() {
     {
-        const std::lock_guard<Mutex> held(lock);
+        const Scoped_lock held(lock);
         _stop = true;
     }
     wake_reader();
@@ -89,7 +88,7 @@ bool JIN_socket_stack::start() {
 }
 
 JIN_stack::Result JIN_socket_stack::send(const JIN_message& m) {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     if (!m.is_sendable() || !name().is_set()) return refused;
     uint8_t own;
     if (!_there || !_claim.address(own)) return say_busy();
@@ -122,29 +121,29 @@ JIN_stack::Result JIN_socket_stack::result_of(int error) {
 }
 
 bool JIN_socket_stack::address(uint8_t& own) const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _claim.address(own);
 }
 
 bool JIN_socket_stack::bus_is_there() const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _there;
 }
 
 bool JIN_socket_stack::name_of(uint8_t address, JIN_name& name) const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     const JIN_name holder = _claim.holder(address);
     if (holder.is_set()) name = holder;
     return holder.is_set();
 }
 
 JIN_address_claim::State JIN_socket_stack::claim_state() const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _claim.state();
 }
 
 JIN_socket_stack::Trouble JIN_socket_stack::trouble() const {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _trouble;
 }
 
@@ -159,7 +158,7 @@ void JIN_socket_stack::read_until_stopped() {
         struct pollfd waits[] = {{_wake_fd, POLLIN, 0}, {-1, POLLIN, 0}, {-1, 0, 0}, {-1, 0, 0}};
         int64_t wait;
         {
-            const std::lock_guard<Mutex> held(lock);
+            const Scoped_lock held(lock);
             if (_stop) return;
             const int64_t now = now_ms();
             open_when_due(now);
@@ -258,7 +257,7 @@ void JIN_socket_stack::receive_some() {
         JIN_message m(0, _bytes, sizeof _bytes);
         const int error = _main.receive(m);
         if (error == EAGAIN) break;
-        const std::lock_guard<Mutex> held(lock);
+        const Scoped_lock held(lock);
         if (error) {
             failed(error);
             if (!_there) return;
@@ -299,7 +298,7 @@ void JIN_socket_stack::failed(int error) {
 
 /// What became of the long message that is under way.
 void JIN_socket_stack::look_after(Carrier& c) {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     if (!c.socket.is_open()) return;
     bool has_ended = false;
     for (JIN_socket::Report r; (r = c.socket.next_report()) != JIN_socket::nothing;) {

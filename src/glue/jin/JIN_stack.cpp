@@ -3,7 +3,6 @@
 #include "glue/jin/JIN_inbox.h"
 #include <algorithm>
 #include <cstdlib>
-#include <mutex>
 
 JIN_stack::JIN_stack(module_man& mm, Mutex* shared) : lock(shared ? *shared : _own_lock) {
     if (_waiters.init(mm) != 0) exit(-132);
@@ -12,12 +11,12 @@ JIN_stack::JIN_stack(module_man& mm, Mutex* shared) : lock(shared ? *shared : _o
 JIN_stack::~JIN_stack() = default;
 
 int JIN_stack::register_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _waiters.add(w);
 }
 
 int JIN_stack::deregister_waiter(waiter_descriptor* w) {
-    const std::lock_guard<Mutex> held(lock);
+    const Scoped_lock held(lock);
     return _waiters.remove(w);
 }
 
@@ -27,7 +26,7 @@ void JIN_stack::deliver(const JIN_message& m, bool for_this_node) {
     }
 }
 
-void JIN_stack::tell(Event e) { _waiters.send(waiter_event(module_id(), e, 0), true, true); }
+void JIN_stack::tell(Event e) { _waiters.send(waiter_event(module_id(), e, 0), waiter_descriptor::drop_duplicates); }
 
 void JIN_stack::transfer_failed() {
     _transfers_failed.fetch_add(1, std::memory_order_relaxed);

@@ -25,8 +25,9 @@ uint32_t Vorn_message::get_msg_len() const {
 
 uint8_t Vorn_message::compute_8bit_checksum(uint32_t count) const {
     count = std::min(count, size);
-    // Four rotations by 2 bits change nothing, and exclusive-or does not care for order: bytes four places apart may be
-    // added up first. So whole words are, behind an odd start, and only their sum goes through the chain of rotations.
+    // Each byte is rotated by 2 bits for each byte behind it. Four such rotations change nothing, so bytes four places
+    // apart are rotated alike, and their exclusive-or may be formed first. That is done for whole words, behind the
+    // bytes that fill no word; then only the result is rotated, byte by byte.
     constexpr uint32_t word_size = 8;
     uint64_t words = 0;
     const unsigned char* p = data;
