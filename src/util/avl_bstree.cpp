@@ -2,6 +2,7 @@
 #include "util/avl_bstree.h"
 #include "util/Bugger.h"
 #include "util/Debug_print.h"
+#include "util/pick.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -19,21 +20,15 @@ static avl_bsnode* as_avl(__bsnode* n) { return static_cast<avl_bsnode*>(n); }
 
 static avl_bsnode* child(avl_bsnode const* n, int side) { return as_avl(side < 0 ? n->less : n->greater); }
 
-/// One step down a search. Which way it goes is a coin toss, which a branch would mispredict every other time: one
-/// child is picked by arithmetic, after both were fetched while the comparison ran (prefetch_children).
+/// One step down a search: one child is picked, after both were fetched while the comparison ran (prefetch_children).
 static avl_bsnode* step_down(avl_bsnode const* n, bool to_greater) {
-    const auto less = reinterpret_cast<uintptr_t>(n->less), greater = reinterpret_cast<uintptr_t>(n->greater);
-    const uintptr_t all_if_greater = uintptr_t(0) - uintptr_t(to_greater);
-    return reinterpret_cast<avl_bsnode*>(less ^ ((less ^ greater) & all_if_greater));
+    return as_avl(Util::pick(to_greater, n->greater, n->less));
 }
 
 static void prefetch_children(avl_bsnode const* n) {
     __builtin_prefetch(n->less);
     __builtin_prefetch(n->greater);
 }
-
-/// `condition ? value : 0` that stays without a branch, for the same reason.
-static int value_if(bool condition, int value) { return value & -int(condition); }
 
 /// Which child of its parent `n` is. The root is the greater one of the header.
 static int side_of(__bsnode const* n) { return n->parent->less == n ? LESS : GREATER; }
@@ -132,7 +127,7 @@ static bool change_ranks(avl_bstree const& tree, avl_bsnode const* n, int change
         prefetch_children(at);
         const int c = total_order(tree, at, n, order);
         if (c == 0) return true;
-        at->rank += value_if(c > 0, change);
+        at->rank += Util::value_if(c > 0, change);
         at = step_down(at, c < 0);
     }
     return false;
@@ -271,7 +266,7 @@ static Visit descend(avl_bsnode* root, Compare compare) {
         last = at;
         c = compare(at);
         if (c == 0) break;
-        before += value_if(c < 0, at->rank);
+        before += Util::value_if(c < 0, at->rank);
     }
     return {last, c, (last && c >= 0 ? before + last->rank : before) - 1};
 }
@@ -354,14 +349,14 @@ avl_bsnode* avl_bstree::operator[](int i) const {
     while (at && at->rank != rank) {
         prefetch_children(at);
         const bool further = at->rank < rank;
-        rank -= value_if(further, at->rank);
+        rank -= Util::value_if(further, at->rank);
         at = step_down(at, further);
     }
     return at;
 }
 
 void avl_bstree::flush() {
-    // Leaves first. Each link is cleared before it is followed, so that even a spoilt tree comes to an end.
+    // Leaves first. Each link is cleared before it is followed, so that even a corrupted tree comes to an end.
     for (__bsnode* at = header.greater; at && at != &header;) {
         __bsnode*& link = at->less ? at->less : at->greater;
         __bsnode* to = link;
