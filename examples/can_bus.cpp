@@ -34,7 +34,7 @@ private:
 class Pump : public Diner::Protection {
 public:
     explicit Pump(JIN_stack& s) : stack(s), inbox(s, &waiter, {JIN::pgn_request}), pressure(*this, s) {
-        init(Diner_info_list::get(), nullptr, Descriptor("PUMP", 1), 0, 256, false, false);
+        init(Diner_info_list::get(), Descriptor("PUMP", 1));
         stack.register_waiter(&waiter); // for the address, and to be told when there is room
         pressure.set_period(100);       // [ms]
         start();
@@ -63,7 +63,7 @@ private:
 class Display : public Diner::Protection {
 public:
     explicit Display(JIN_stack& s) : stack(s), inbox(s, &waiter, {pgn_pressure}) {
-        init(Diner_info_list::get(), nullptr, Descriptor("DISPLAY", 2), 0, 256, false, false);
+        init(Diner_info_list::get(), Descriptor("DISPLAY", 2));
         start();
     }
     ~Display() override { terminate(true); }

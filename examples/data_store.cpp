@@ -60,7 +60,7 @@ struct Block_items { // what the store knows of it, one line per member, in orde
 class Display : public Diner::Protection {
 public:
     explicit Display(Block_items& items) : _items(items) {
-        init(Diner_info_list::get(), nullptr, Descriptor("DISPLAY", 4), 0, 256, false, false);
+        init(Diner_info_list::get(), Descriptor("DISPLAY", 4));
         start();
         const std::lock_guard<Mutex> guard(_items.head);
         _position.autoreg(&waiter);

@@ -25,7 +25,7 @@ public:
     Pump() {
         Diner_info_list& modules = Diner_info_list::get(); // the process's event pool and status list
         modules.init_module(&_module, false);
-        init(modules, nullptr, Descriptor("PUMP", 1), 0, 256, false, false);
+        init(modules, Descriptor("PUMP", 1));
         start();
     }
     ~Pump() override { terminate(true); } // the thread is gone before the pump is
@@ -33,13 +33,15 @@ public:
     /// Any thread. Nothing is waited for.
     void fill(unsigned litres) {
         const waiter_event event(_module, event_fill, litres);
-        if (waiter.send_event(event, false, false) != 0) puts("too many events wait");
+        if (waiter.send_event(event) != 0) puts("too many events wait");
     }
     Semaphore ready, full;
 
 private:
     // Posts from before were dropped, so it looks for itself.
-    void diner_start() override { waiter.send_event(waiter_event(_module, event_look, 0), false, true); }
+    void diner_start() override {
+        waiter.send_event(waiter_event(_module, event_look, 0), waiter_descriptor::drop_duplicates);
+    }
 
     // Both handlers run on the pump's own thread, one at a time, under its lock.
     void handle_event(waiter_event& event) override {

@@ -21,7 +21,7 @@ namespace {
 class Listener : public Diner::Protection {
 public:
     explicit Listener(Posix_threaded_serial_data_stream& line) : _line(line) {
-        init(Diner_info_list::get(), nullptr, Descriptor("LISTENER", 3), 0, 256, false, false);
+        init(Diner_info_list::get(), Descriptor("LISTENER", 3));
         _line.register_waiter(&waiter);
         _line.register_line_waiter(&waiter);
         start();

@@ -54,7 +54,7 @@ public:
     }
     using Diner::init;
     void init(module_man& modules) {
-        init(modules, nullptr, Descriptor("ODOMETER", 3), 0, 256, false, false);
+        init(modules, Descriptor("ODOMETER", 3));
         _machine.wheel.radius.autoreg_waiter(&waiter, false);
     }
     Semaphore told;

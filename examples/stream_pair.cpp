@@ -30,7 +30,7 @@ std::string read_line(Data_stream& stream) {
 class Adder : public Diner::Protection {
 public:
     explicit Adder(Virtual_pair_data_stream_part& end) : _end(end) {
-        init(Diner_info_list::get(), nullptr, Descriptor("ADDER", 2), 0, 256, false, false);
+        init(Diner_info_list::get(), Descriptor("ADDER", 2));
         _end.set_read_timeout(0); // a handler takes what is there and does not wait
         _end.reg_rx_waiter(&waiter, false);
         start();

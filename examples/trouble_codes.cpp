@@ -25,7 +25,7 @@ class Terminal final : public Diner::Protection {
 public:
     explicit Terminal(JIN_stack& stack)
         : _stack(stack), _inbox(stack, &waiter, {pgn_DM1, pgn_DM2, Identification::pgn_product}) {
-        init(Diner_info_list::get(), nullptr, Descriptor("TERMINAL", 1), 0, 256, false, false);
+        init(Diner_info_list::get(), Descriptor("TERMINAL", 1));
         start();
     }
     ~Terminal() override { terminate(true); }

@@ -305,7 +305,7 @@ public:
         terminate(true);
     }
     void listen(module_man& modules) {
-        init(modules, nullptr, Descriptor("MONITOR", 1), 0, 256, false, false);
+        init(modules, Descriptor("MONITOR", 1));
         _stream.init(modules);
         _stream.register_waiter(&waiter);
         _stream.register_line_waiter(&waiter);

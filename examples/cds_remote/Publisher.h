@@ -13,7 +13,9 @@
 class Publisher : public Diner::Protection {
 public:
     Publisher(Posix_threaded_data_stream& line, Block_items& items) : _line(line), _items(items) {
-        init(Diner_info_list::get(), nullptr, Descriptor("PUBLISHER", 1), 0, 256, false, true);
+        Options options;
+        options.pass_anonymous = true;
+        init(Diner_info_list::get(), Descriptor("PUBLISHER", 1), options);
         _line.register_waiter(&waiter);
         start();
     }

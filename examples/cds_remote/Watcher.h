@@ -13,7 +13,9 @@ class Watcher : public Diner::Protection {
 public:
     explicit Watcher(Block_items& items)
         : _items(items), _range(&items.head, offsetof(Block, wanted_speed), sizeof(int)) {
-        init(Diner_info_list::get(), nullptr, Descriptor("WATCHER", 2), 0, 256, false, true);
+        Options options;
+        options.pass_anonymous = true;
+        init(Diner_info_list::get(), Descriptor("WATCHER", 2), options);
         start();
         std::lock_guard<Mutex> guard(_items.head);
         _range.autoreg(&waiter);

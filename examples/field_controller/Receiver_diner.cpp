@@ -29,7 +29,9 @@ Receiver_diner::~Receiver_diner() {
 }
 
 void Receiver_diner::init(module_man& modules) {
-    init(modules, nullptr, Descriptor("RECEIVER", 2), 0, 256, false, true);
+    Options options;
+    options.pass_anonymous = true;
+    init(modules, Descriptor("RECEIVER", 2), options);
     _stream.register_waiter(&waiter);
 }
 

@@ -62,9 +62,7 @@ Receiver_simulator::Receiver_simulator(Data_stream& line, Link_watch& watch, uns
     _tick.period = period_ms / speed;
 }
 
-void Receiver_simulator::init(module_man& modules) {
-    init(modules, nullptr, Descriptor("SIM", 1), 0, 256, false, false);
-}
+void Receiver_simulator::init(module_man& modules) { init(modules, Descriptor("SIM", 1)); }
 
 Receiver_simulator::Counts Receiver_simulator::counts() const {
     lock(-1);

@@ -25,7 +25,7 @@ Status_diner::~Status_diner() {
 }
 
 void Status_diner::init(module_man& modules) {
-    init(modules, nullptr, Descriptor("STATUS", 3), 0, 256, false, false);
+    init(modules, Descriptor("STATUS", 3));
     _settings.limits.satellites.autoreg_waiter(&waiter, false);
     update_limit();
     const std::lock_guard<Mutex> guard(_store.head);

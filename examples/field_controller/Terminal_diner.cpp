@@ -12,9 +12,7 @@ Terminal_diner::Terminal_diner(JIN_stack& stack)
 
 Terminal_diner::~Terminal_diner() { terminate(true); }
 
-void Terminal_diner::init(module_man& modules) {
-    init(modules, nullptr, Descriptor("TERMINAL", 4), 0, 256, false, false);
-}
+void Terminal_diner::init(module_man& modules) { init(modules, Descriptor("TERMINAL", 4)); }
 
 void Terminal_diner::handle_event(waiter_event&) {
     while (_inbox.receive(_message)) _monitor.take(_message, Atime::now());

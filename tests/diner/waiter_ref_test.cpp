@@ -29,7 +29,7 @@ protected:
     Settings tree{&modules};
     const Holder holders[4] = {
         {"streams 1, ranges 0, settings 0", [&](waiter_descriptor& w) { list.add(&w); },
-         [&] { list.send(event, false, false); }},
+         [&] { list.send(event, waiter_descriptor::keep_duplicates); }},
         {"streams 2, ranges 0, settings 0",
          [&](waiter_descriptor& w) {
              pair.b.reg_rx_waiter(&w, false);
@@ -74,7 +74,7 @@ TEST_F(Holders, forget_nothing_else_when_places_move_up) {
     EXPECT_TRUE(list.remove(&*waiters[1]) == 0 && list.add(&*waiters[1]) == 0);
     debug_text([&] { waiters[0].reset(), waiters[5].reset(); });
     EXPECT_EQ(list.add(&*waiters[16]), 0) << "in a place of those that died";
-    list.send(event, false, false);
+    list.send(event, waiter_descriptor::keep_duplicates);
     for (auto& w : waiters) {
         if (!w) continue;
         EXPECT_EQ(w->num_queued(), 1);

@@ -147,10 +147,10 @@ void run_and_exit(unsigned seed) {
     const auto begin = [way](auto& d, unsigned me) { // it posts to itself
         d.on_event = [=, &d](waiter_event& e) {
             if (all_run && ++events > last && way == me) exit(static_cast<int>(10 + me));
-            d.waiter.send_event(e, false, false);
+            d.waiter.send_event(e);
         };
         d.begin(true);
-        d.waiter.send_event(waiter_event(2000, 1, 0), false, false);
+        d.waiter.send_event(waiter_event(2000, 1, 0));
         d.start();
     };
     for (unsigned i = 0; i < 8; ++i) begin(*all[i], i < 4 ? i : 99);

@@ -18,9 +18,7 @@ constexpr int posters = 4;
 constexpr short load_module = 2002, mark_module = 2003;
 
 struct Diner_under_load : Test_diner<> {
-    bool send(short module, int number) {
-        return waiter.send_event(waiter_event(module, number, 0), false, false) == 0;
-    }
+    bool send(short module, int number) { return waiter.send_event(waiter_event(module, number, 0)) == 0; }
 };
 
 /// Threads that post numbered events to diners in turn, and the account of each event.

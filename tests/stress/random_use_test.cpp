@@ -38,7 +38,7 @@ public:
 
     void post(int number) {
         ++accepted[number % num_numbers];
-        if (waiter.send_event(waiter_event(2000, number, 0), false, false) != 0) --accepted[number % num_numbers];
+        if (waiter.send_event(waiter_event(2000, number, 0)) != 0) --accepted[number % num_numbers];
         ++posts;
     }
     /// Lock held.
