@@ -146,8 +146,10 @@ int run(QCoreApplication& app, const std::string& path) {
         printf("main thread: slot with a context, pumped is %u\n", machine.pumped.get());
     });
     // Whatever is below a container. The item is the container, not the setting.
-    QObject::connect(&machine, &NV_item::value_changed, &front_end,
-                     [](NV_item* item) { printf("main thread: slot with a context, %s changed\n", item->get_name()); });
+    QObject::connect(&machine, &NV_item::value_changed, &front_end, [&machine](NV_item* item) {
+        const std::lock_guard<Machine> guard(machine); // waits until the setter has done what belongs together
+        printf("main thread: slot with a context, %s changed\n", item->get_name());
+    });
 
     int status;
     {
