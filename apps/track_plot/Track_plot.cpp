@@ -22,6 +22,17 @@ const char* fix_colour(int fix) {
     return colours[static_cast<unsigned>(fix) % 8];
 }
 
+/// The solution on which a machine can be steered is a solid line, whatever else came a broken one.
+const char* fix_dashes(int fix) { return fix == Track_plot::fixed ? "" : " stroke-dasharray=\"7,4\""; }
+
+/// Marks differ by shape as well as by colour: from their middle on.
+constexpr struct {
+    const char *colour, *path;
+} marks[] = {{"#d62728", "m0,-6 l5,10 h-10 z"},
+             {"#000000", "m-4,-4 h8 v8 h-8 z"},
+             {"#e377c2", "m0,-6 l6,6 l-6,6 l-6,-6 z"},
+             {"#1a55ff", "m0,6 l5,-10 h-10 z"}};
+
 /// Numbers in the C locale, whatever the process's.
 KAV_PRINTF(2, 3) void put(FILE* out, const char* fmt, ...) {
     char text[256];
@@ -33,6 +44,19 @@ KAV_PRINTF(2, 3) void put(FILE* out, const char* fmt, ...) {
 }
 
 } // namespace
+
+std::string Track_plot::fix_name(int fix) {
+    switch (fix) {
+    case 0:
+        return "no solution";
+    case floating:
+        return "float";
+    case fixed:
+        return "fixed";
+    default:
+        return "solution " + std::to_string(fix);
+    }
+}
 
 /// From latitude and longitude to the picture's pixels, the whole track within the margins.
 class Track_plot::Map {
@@ -100,7 +124,7 @@ void Track_plot::draw(FILE* out) const {
     const double height = map.height + line_height * (lines + 1);
     put(out, "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" viewBox=\"0 0 %.0f %.0f\" ",
         width, height, width, height);
-    put(out, "font-family=\"sans-serif\" font-size=\"13\">\n<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n");
+    put(out, "font-family=\"sans-serif\" font-size=\"15\">\n<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n");
     draw_track(out, map);
     draw_marks(out, map);
     draw_legend(out, map);
@@ -110,8 +134,8 @@ void Track_plot::draw(FILE* out) const {
 /// One line for each stretch of one kind of solution; it goes on to where the next one begins.
 void Track_plot::draw_track(FILE* out, const Map& map) const {
     for (size_t i = 0; i < _track.size();) {
-        put(out, "<polyline fill=\"none\" stroke-width=\"2.5\" stroke-linejoin=\"round\" stroke=\"%s\" points=\"",
-            fix_colour(_track[i].fix));
+        put(out, "<polyline fill=\"none\" stroke-width=\"2.5\" stroke-linejoin=\"round\" stroke=\"%s\"%s points=\"",
+            fix_colour(_track[i].fix), fix_dashes(_track[i].fix));
         const int fix = _track[i].fix;
         for (; i < _track.size() && _track[i].fix == fix; ++i)
             put(out, "%.1f,%.1f ", map.x(_track[i]), map.y(_track[i]));
@@ -122,17 +146,14 @@ void Track_plot::draw_track(FILE* out, const Map& map) const {
         map.x(_track.front()), map.y(_track.front()));
 }
 
-const char* Track_plot::mark_colour(const char* what) const {
-    constexpr const char* colours[] = {"#d62728", "#000000", "#e377c2", "#1a55ff"};
-    return colours[std::distance(_happened.begin(), _happened.find(what)) % 4];
+void Track_plot::draw_mark(FILE* out, double x, double y, const std::string& what) const {
+    const auto& mark = marks[std::distance(_happened.begin(), _happened.find(what)) % 4];
+    put(out, "<path d=\"M%.1f,%.1f %s\" fill=\"%s\" stroke=\"white\"><title>%s</title></path>\n", x, y, mark.path,
+        mark.colour, what.c_str());
 }
 
 void Track_plot::draw_marks(FILE* out, const Map& map) const {
-    for (const Mark& m : _marks) {
-        const double x = map.x(m.at), y = map.y(m.at);
-        put(out, "<path d=\"M%.1f,%.1f l5,9 h-10 z\" fill=\"%s\" stroke=\"white\"><title>%s</title></path>\n", x, y - 6,
-            mark_colour(m.what), m.what);
-    }
+    for (const Mark& m : _marks) draw_mark(out, map.x(m.at), map.y(m.at), m.what);
 }
 
 void Track_plot::draw_legend(FILE* out, const Map& map) const {
@@ -141,16 +162,19 @@ void Track_plot::draw_legend(FILE* out, const Map& map) const {
     const double bar = (wanted >= 5 * power ? 5 : wanted >= 2 * power ? 2 : 1) * power;
     double y = map.height;
     put(out,
-        "<path d=\"M%.0f,%.0f h%.1f\" stroke=\"black\" stroke-width=\"2\"/><text x=\"%.1f\" y=\"%.0f\">%g m</text>\n",
+        "<path d=\"M%.0f,%.0f h%.1f\" stroke=\"black\" stroke-width=\"2\"/><text x=\"%.1f\" y=\"%.0f\">%g m, north is "
+        "up; the dot is "
+        "the start</text>\n",
         margin, y - 4, bar * map.scale, margin + bar * map.scale + 8, y, bar);
     for (const auto& [fix, count] : _fixes) {
         y += line_height;
-        put(out, "<path d=\"M%.0f,%.0f h24\" stroke=\"%s\" stroke-width=\"4\"/>", margin, y - 4, fix_colour(fix));
-        put(out, "<text x=\"%.0f\" y=\"%.0f\">fix %d: %u positions</text>\n", margin + 34, y, fix, count);
+        put(out, "<path d=\"M%.0f,%.0f h24\" stroke=\"%s\"%s stroke-width=\"4\"/>", margin, y - 4, fix_colour(fix),
+            fix_dashes(fix));
+        put(out, "<text x=\"%.0f\" y=\"%.0f\">%s: %u positions</text>\n", margin + 34, y, fix_name(fix).c_str(), count);
     }
     for (const auto& [what, count] : _happened) {
         y += line_height;
-        put(out, "<path d=\"M%.0f,%.0f l5,9 h-10 z\" fill=\"%s\"/>", margin + 12, y - 9, mark_colour(what.c_str()));
+        draw_mark(out, margin + 12, y - 4, what);
         put(out, "<text x=\"%.0f\" y=\"%.0f\">%s: %u</text>\n", margin + 34, y, what.c_str(), count);
     }
 }

@@ -11,11 +11,15 @@
 /// Not locked.
 class Track_plot {
 public:
+    static constexpr int floating = 3, fixed = 4; ///< the receiver's numbers for solutions with corrections
+    /// In words: "fixed", "float".
+    static std::string fix_name(int fix);
+
     /// The machine is at this latitude and longitude [rad]; `fix` is the receiver's number for the kind of solution.
     /// Positions that lie on no globe are ignored; of a long track every second one is forgotten, as often as need be.
     void add(double lat, double lon, int fix);
     /// Something happened at the last position; before the first one it is ignored. `what` is static text without
-    /// markup; each text has a colour of its own.
+    /// markup; each of four texts has a colour and a shape of its own.
     void mark(const char* what);
 
     size_t size() const { return _track.size(); } ///< positions kept
@@ -33,7 +37,7 @@ private:
     };
     class Map;
 
-    const char* mark_colour(const char* what) const;
+    void draw_mark(FILE* out, double x, double y, const std::string& what) const;
     void draw(FILE* out) const;
     void draw_track(FILE* out, const Map& map) const;
     void draw_marks(FILE* out, const Map& map) const;

@@ -7,7 +7,8 @@
 namespace {
 
 const char usage[] = "Usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
-                     "                        [--speed N] [--can INTERFACE] [--plot FILE] [--settings FILE] [--quiet]\n"
+                     "                        [--speed N] [--can INTERFACE] [--plot FILE] [--settings FILE]\n"
+                     "                        [--messages | --quiet]\n"
                      "  or:  field_controller --serve [--seconds N] [--faults N] [--speed N]\n"
                      "  --comm     listen to a receiver on that serial line instead of the simulator\n"
                      "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
@@ -17,9 +18,10 @@ const char usage[] = "Usage: field_controller [--comm device[:baud[:rs485|rs232]
                      "  --plot     draw the driven track with its faults into that file (SVG)\n"
                      "  --settings keep the settings in that file (default: field_controller.settings beside the\n"
                      "             program)\n"
-                     "  --quiet    print no messages, only the tables at the end\n"
+                     "  --messages also print each message of the receiver as it comes\n"
+                     "  --quiet    print only the tables at the end\n"
                      "  --serve    only be the receiver: tell the serial device that another program may listen to,\n"
-                     "             until Ctrl-C\n";
+                     "             for N seconds or until Ctrl-C\n";
 
 [[noreturn]] void wrong(const std::string& what) {
     fprintf(stderr, "field_controller: %s (try --help)\n", what.c_str());
@@ -47,6 +49,8 @@ Arguments parse_arguments(int argc, char** argv) {
             show_version(1);
         } else if (option == "--quiet") {
             a.quiet = true;
+        } else if (option == "--messages") {
+            a.messages = true;
         } else if (option == "--serve") {
             a.serve = true;
         } else if (option == "--comm" || option == "-c") {

@@ -11,7 +11,8 @@ struct Arguments {
     std::string settings; ///< file; empty: beside the program
     int speed = 1;        ///< of the simulated machine, in times of real time
     bool quiet = false;
-    bool serve = false; ///< only the simulated receiver, for another program to listen to
+    bool messages = false; ///< also print each message of the receiver
+    bool serve = false;    ///< only the simulated receiver, for another program to listen to
 };
 
 /// Read the command line; a wrong one ends the program with one line and status 2, --help with the usage and 0.

@@ -71,12 +71,12 @@ void Status_diner::report(bool wrong, bool& known, Fault_history::Source source,
         _faults.log(source, static_cast<unsigned short>(detail), fault);
         Buffered_logger::log((std::string("fault: ") + what + "\n").c_str());
         _plot.mark(what);
+        ++_num_faults;
     }
     known = wrong;
 }
 
 void Status_diner::look_for_faults(const Machine_block& now) {
-    constexpr int fixed = 4;
     _had_fix = _had_fix || now.quality.type != 0;
     if (!_had_fix) return; // nothing received yet
     _faults.set(Machine_codes::no_fix, now.quality.type == 0);
@@ -87,8 +87,8 @@ void Status_diner::look_for_faults(const Machine_block& now) {
            Machine_codes::antenna_open);
     report(seen && used < _least_satellites, _too_few, Fault_history::satellites, Fault_history::too_few, used,
            "too few satellites", Machine_codes::too_few_satellites);
-    report(now.quality.type != fixed, _not_fixed, Fault_history::corrections, Fault_history::too_old, now.quality.type,
-           "corrections too old", Machine_codes::corrections_too_old);
+    report(now.quality.type != Track_plot::fixed, _not_fixed, Fault_history::corrections, Fault_history::too_old,
+           now.quality.type, "corrections too old", Machine_codes::corrections_too_old);
 }
 
 void Status_diner::handle_timeout(Timeout&) {
@@ -96,7 +96,8 @@ void Status_diner::handle_timeout(Timeout&) {
     _moved = false;
     const Machine_block now = _store.get();
     constexpr double degrees = 180 / 3.141592653589793;
-    printf("status: lat %.7f lon %.7f height %.2f m, fix %d (%.2f m), satellites %d GPS and %d GLONASS\n",
-           now.position.lat * degrees, now.position.lon * degrees, now.position.hgt, now.quality.type,
-           static_cast<double>(now.quality.sigma), now.satellites.used[0], now.satellites.used[1]);
+    printf("status: lat %.7f lon %.7f height %.2f m, %s (%.2f m), satellites %d GPS and %d GLONASS, faults %u\n",
+           now.position.lat * degrees, now.position.lon * degrees, now.position.hgt,
+           Track_plot::fix_name(now.quality.type).c_str(), static_cast<double>(now.quality.sigma),
+           now.satellites.used[0], now.satellites.used[1], _num_faults);
 }

@@ -44,6 +44,7 @@ private:
     int _least_satellites = 0;
     bool _moved = false; ///< since the last line
     unsigned _wake_ups = 0;
+    unsigned _num_faults = 0; ///< told of
     bool _had_fix = false;
     bool _antenna_open = false, _too_few = false, _not_fixed = false; ///< faults that last
 };

@@ -66,7 +66,8 @@ struct Simulated_line {
 /// Nothing but the receiver, for another program to listen to. What it sends while nobody does is lost.
 int serve(const Arguments& arguments) {
     const Simulated_line pty;
-    printf("The simulated receiver speaks on %s until Ctrl-C\n", pty.device.c_str());
+    const std::string limit = arguments.seconds < 0 ? "" : "for " + std::to_string(arguments.seconds) + " s or ";
+    printf("The simulated receiver speaks on %s %suntil Ctrl-C\n", pty.device.c_str(), limit.c_str());
     finish_output(1); // whoever listens may wait for this line in a pipe
     Posix_data_stream line(-1, dup(pty.master));
     Link_watch watch;
@@ -125,9 +126,9 @@ void drive(int seconds, Machine_settings& settings, Fault_history& faults) {
 
 void print_tables(const Receiver_simulator* simulator, const Receiver_diner& receiver, const Data_stream& stream,
                   const Status_diner& status, Fault_history& faults) {
-    puts("\nDiners");
+    puts("\nDiners: state and what it is doing, events and passes of timeouts handled, last checkpoint");
     Diner_info_list::get().print(false, false);
-    puts("\nReceiver link");
+    puts("\nReceiver link: what the simulator sent, and what came of it");
     print_summary(simulator, receiver, stream);
     printf("position changes   %7u   (the status diner was woken)\n", status.wake_ups());
     printf("faults recorded    %7u   (with too few satellites and the bus's codes, not listed below)\n",
@@ -178,10 +179,17 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
     Status_diner status(store, settings, faults, arguments.quiet, !arguments.plot.empty());
     status.init(modules);
     status.start();
-    Receiver_diner receiver(stream, store, faults, pty ? &watch : nullptr, arguments.quiet);
+    Receiver_diner receiver(stream, store, faults, pty ? &watch : nullptr, !arguments.messages);
     if (pty) receiver.set_clock(clock);
     receiver.init(modules);
     receiver.start();
+    if (!arguments.quiet) {
+        puts("\nA line a second says where the machine is, how good the position is (fixed: centimetres, float: "
+             "decimetres),\n"
+             "and how many faults were recorded. \"Unexpected msg\" is the parser's line when it meets a header that "
+             "the\n"
+             "line has spoilt, as the simulator does on purpose.\n");
+    }
     // Now that somebody is woken by what comes.
     const std::string device = pty ? pty->device : arguments.comm;
     if (!stream.open_from_args(device.c_str())) {
@@ -201,7 +209,7 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
     print_tables(simulator.get(), receiver, stream, status, faults);
     bus.print();
     const bool kept = keep_results(arguments, status, settings);
-    puts("\nMemory spaces (hexadecimal)");
+    puts("\nMemory spaces for events and registrations [bytes, hexadecimal]");
     Debug::Text_dumper dumper(stdout);
     Mspace_manager::print_global_usage(dumper);
     return kept;

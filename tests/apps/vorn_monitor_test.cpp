@@ -56,7 +56,8 @@ TEST(vorn_monitor, draws_the_positions_that_it_met_save_absurd_ones) {
         input += Frame("PG").f8(lat).f8(lon).f8(100).f4(1).u1(lat > 0.900001 ? 5 : 4).str() + "\n";
     EXPECT_EQ(run_program(VORN_MONITOR, {"-", "--plot", plot}, input).status, 0);
     const std::string drawn = read_file(plot);
-    for (const char* part : {"points=\"40.0,600.0 40.0,320.0 40.0,40.0", "fix 4: 2 positions", "fix 5: 1 positions"})
+    for (const char* part :
+         {"points=\"40.0,600.0 40.0,320.0 40.0,40.0", "fixed: 2 positions", "solution 5: 1 positions"})
         EXPECT_NE(drawn.find(part), std::string::npos) << drawn;
 }
 

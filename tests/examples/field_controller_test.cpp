@@ -18,11 +18,12 @@ int occurrences(const std::string& text, const std::string& of) {
 TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_status_line) {
     Temporary_folder folder;
     const std::string file = folder.file("settings");
-    const Child_result result = run_program(FIELD_CONTROLLER, {"--seconds", "3", "--faults", "0", "--settings", file});
+    const Child_result result =
+        run_program(FIELD_CONTROLLER, {"--seconds", "3", "--faults", "0", "--messages", "--settings", file});
     EXPECT_EQ(result.status, 0) << result.err;
     const int lines = occurrences(result.out, "\nstatus: lat 49.200");
     EXPECT_TRUE(lines >= 1 && lines <= 4) << lines << " in three seconds";
-    EXPECT_GE(occurrences(result.out, ", satellites 8 GPS and 4 GLONASS\n"), 1);
+    EXPECT_GE(occurrences(result.out, " m), satellites 8 GPS and 4 GLONASS, faults 0\n"), 1);
     EXPECT_GE(occurrences(result.out, "field simulator, all is well\n"), 1) << "a text, which has no checksum";
     EXPECT_EQ(occurrences(result.out, "\nframes rejected          0 "), 1) << result.out;
 
