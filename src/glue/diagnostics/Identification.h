@@ -54,7 +54,7 @@ struct KAV_API Certificate {
 
 /// One thing that a node can do in the sense of ISO 11783.
 struct KAV_API Functionality {
-    /// Known from two sources: 0 to 18.
+    /// Of one source each, and not tried with other makers' nodes; least certain are 3, 4 and 18.
     enum Id : uint8_t {
         minimum_control_function = 0,
         terminal_server = 1,
