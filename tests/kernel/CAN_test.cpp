@@ -63,6 +63,7 @@ TEST(CAN, interface_comes_up_and_two_sockets_talk) {
     EXPECT_EQ(controller.receive(), "128: " + many) << "who may send to all hears itself, too";
     ASSERT_TRUE(display.send(many, 0x80));
     EXPECT_EQ(controller.receive(), "38: " + many);
+    Guest::must("ip link del vcan0");
 }
 
 } // namespace
