@@ -35,7 +35,7 @@ public:
     void submit(size_t i, int ms) { submit_timeout(_timeouts[i], _begin + ms); }
     void remove(size_t i) { remove_timeout(_timeouts[i]); }
     void flush() {}
-    void order() { timeouts.next_timeout(); }
+    void order() { Diner::_timeouts.next_timeout(); }
     size_t dispatch() {
         _fired = 0;
         lock(-1);
