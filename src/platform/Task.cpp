@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "platform/Task.h"
 #include "util/tsan.h"
+#include <QThread>
 #include <climits>
 #include <cstdio>
 #include <pthread.h>
@@ -10,13 +11,26 @@
 /// that out.
 static constexpr unsigned min_stack_kib = 512;
 
-Task::Task(const char* name, int stack_kib, bool, int) {
+class Task::Thread : public QThread {
+public:
+    explicit Thread(Task& task) : _task(task) {}
+
+private:
+    void run() override { _task.run(); }
+
+    Task& _task;
+};
+
+Task::Task(const char* name, int stack_kib, bool, int) : _thread(new Thread(*this)) {
     snprintf(_name, sizeof _name, "%s", name);
     const unsigned kib = stack_kib > 0 ? static_cast<unsigned>(stack_kib) : 0;
-    setStackSize((kib > min_stack_kib ? kib : min_stack_kib) * 1024);
+    _thread->setStackSize((kib > min_stack_kib ? kib : min_stack_kib) * 1024);
 }
 
-Task::~Task() { join(); }
+Task::~Task() {
+    join();
+    delete _thread;
+}
 
 int Task::start(int priority, Entry entry, void* argument) {
     if (_entry) return -1;
@@ -24,24 +38,24 @@ int Task::start(int priority, Entry entry, void* argument) {
     _argument = argument;
     _priority = priority;
     Util::tsan::release(this);
-    QThread::start();
-    if (isRunning() || isFinished()) return 0;
+    _thread->start();
+    if (_thread->isRunning() || _thread->isFinished()) return 0;
     _entry = nullptr;
     return -1;
 }
 
 bool Task::join(int ms) {
     if (!_entry) return true;
-    if (!wait(ms < 0 ? ULONG_MAX : static_cast<unsigned long>(ms))) return false;
+    if (!_thread->wait(ms < 0 ? ULONG_MAX : static_cast<unsigned long>(ms))) return false;
     Util::tsan::acquire(this);
     return true;
 }
 
-bool Task::is_current() const { return _id.load(std::memory_order_relaxed) == currentThreadId(); }
+bool Task::is_current() const { return _id.load(std::memory_order_relaxed) == QThread::currentThreadId(); }
 
 void Task::run() {
     Util::tsan::acquire(this);
-    _id.store(currentThreadId(), std::memory_order_relaxed);
+    _id.store(QThread::currentThreadId(), std::memory_order_relaxed);
     TaskImp::set_name(_name);
     if (_priority > 0) {
         // Among equals round robin: a busy handler delays its peers but does not starve them. Without the right to it

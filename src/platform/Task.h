@@ -2,11 +2,10 @@
 #pragma once
 #include "util/Semaphore.h"
 #include "util/api.h"
-#include <QThread>
 #include <atomic>
 
 /// A named thread of the board's task layer: here a QThread with a start semaphore for its entry's own use.
-class KAV_API Task : private QThread {
+class KAV_API Task {
 public:
     using Entry = void* (*)(void* argument);
 
@@ -14,7 +13,9 @@ public:
     /// for boards whose task layer needs them and have no meaning here. The thread does not run yet.
     Task(const char* name, int stack_kib, bool shared, int spare = 0);
     /// Waits for the thread to end. Never called on the thread itself.
-    ~Task() override;
+    ~Task();
+    Task(const Task&) = delete;
+    Task& operator=(const Task&) = delete;
 
     /// Start the thread: it runs entry(argument) and ends. `priority` 1..99 asks for real-time scheduling of that
     /// priority and is quietly given up where the system refuses. 0 done, -1 when already started or no thread can be
@@ -28,13 +29,15 @@ public:
     Semaphore start_semaphore{0, true};
 
 private:
-    void run() override;
+    class Thread;
+    void run();
 
+    Thread* const _thread;
     char _name[16]; ///< the system takes 15 characters
     Entry _entry = nullptr;
     void* _argument = nullptr;
     int _priority = 0;
-    std::atomic<Qt::HANDLE> _id{nullptr}; ///< of the thread while it runs
+    std::atomic<void*> _id{nullptr}; ///< of the thread while it runs (Qt::HANDLE)
 };
 
 namespace TaskImp {

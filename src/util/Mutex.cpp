@@ -5,6 +5,7 @@
 #include "util/Lock_order.h"
 #include "util/assertion.h"
 #include "util/tsan.h"
+#include <QMutex>
 #include <QThread>
 
 static constexpr int round_ms = 500;
@@ -37,7 +38,7 @@ Mutex::~Mutex() {
 void Mutex::lock() {
     if (checks_order) check_order();
     Util::tsan::mutex_pre_lock(&_owner);
-    if (!_mutex.tryLock()) lock_slowly();
+    if (!_mutex->tryLock()) lock_slowly();
     taken();
     Util::tsan::mutex_post_lock(&_owner);
 }
@@ -49,12 +50,12 @@ void Mutex::check_order() const {
 void Mutex::lock_slowly() {
     for (int i = 0; i < spins; ++i) {
         pause_briefly();
-        if (i % 4 == 3 && _mutex.tryLock()) return;
+        if (i % 4 == 3 && _mutex->tryLock()) return;
     }
     int failures = 0;
-    for (; !_mutex.tryLock(round_ms); ++failures) {
+    for (; !_mutex->tryLock(round_ms); ++failures) {
         Debug_print::try_print("Deadlock assumed %p %d (owner %p, this_thread %p)\n", static_cast<void*>(this),
-                               failures, static_cast<void*>(owner()), static_cast<void*>(QThread::currentThreadId()));
+                               failures, owner(), static_cast<void*>(QThread::currentThreadId()));
         if (failures == last_round) Util::flush_and_abort();
     }
     if (failures > 0) Debug_print::try_print("Deadlock avoided %p %d\n", static_cast<void*>(this), failures);
@@ -68,7 +69,7 @@ void Mutex::taken() {
 bool Mutex::try_lock(int ms) {
     if (checks_order && ms > 0) check_order(); // who waits is in the way of others, if only for a time
     Util::tsan::mutex_pre_try_lock(&_owner);
-    const bool got = ms > 0 ? _mutex.tryLock(ms) : _mutex.tryLock();
+    const bool got = ms > 0 ? _mutex->tryLock(ms) : _mutex->tryLock();
     if (got) taken();
     Util::tsan::mutex_post_try_lock(&_owner, got);
     return got;
@@ -78,7 +79,7 @@ void Mutex::unlock() {
     if (checks_order) Util::Lock_order::get().released(this);
     Util::tsan::mutex_pre_unlock(&_owner);
     _owner.store(nullptr, std::memory_order_relaxed);
-    _mutex.unlock();
+    _mutex->unlock();
     Util::tsan::mutex_post_unlock(&_owner);
 }
 
@@ -86,8 +87,8 @@ bool Mutex::is_locked() const { return owner() == QThread::currentThreadId(); }
 
 Mutex::Status Mutex::status() const {
     if (is_locked()) return status_mine;
-    if (!_mutex.tryLock()) return status_other;
-    _mutex.unlock();
+    if (!_mutex->tryLock()) return status_other;
+    _mutex->unlock();
     return status_free;
 }
 
@@ -97,7 +98,7 @@ void Mutex::check(int wanted) const {
     if (found == wanted) return;
     if (!Debug_filter::enabled(_JDB::jdb_mutex_quiet)) {
         Debug_print::try_print("Bad mutex status: %d, wanted: %d %p %p", static_cast<int>(found), wanted,
-                               static_cast<const void*>(this), static_cast<void*>(owner()));
+                               static_cast<const void*>(this), owner());
     }
     if (!Debug_filter::enabled(_JDB::jdb_mutex_lenient)) Util::flush_and_abort();
 }

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "util/Hidden.h"
 #include "util/Scoped_lock.h"
 #include "util/api.h"
 #include "util/thread_safety.h"
-#include <QMutex>
 #include <atomic>
-#include <qnamespace.h>
+
+class QMutex;
 
 /// The library's lock: a non-recursive QMutex that knows its owner and reports a suspected deadlock.
 /// Held by a Scoped_lock; works with std::lock_guard and std::unique_lock, too.
@@ -32,8 +33,8 @@ public:
 
     /// True when the calling thread holds it. Lock-free.
     bool is_locked() const;
-    /// Thread id of the holder, null when free. Only a hint for anyone but the holder.
-    Qt::HANDLE owner() const { return _owner.load(std::memory_order_relaxed); }
+    /// Thread id (Qt::HANDLE) of the holder, null when free. Only a hint for anyone but the holder.
+    void* owner() const { return _owner.load(std::memory_order_relaxed); }
 
     /// Free (0), held by the caller (1) or by another thread (2), as it was for a moment.
     Status status() const;
@@ -47,6 +48,6 @@ private:
     void check_order() const;
     void taken();
 
-    mutable QMutex _mutex;
-    std::atomic<Qt::HANDLE> _owner{nullptr};
+    mutable Hidden<QMutex> _mutex;
+    std::atomic<void*> _owner{nullptr};
 };

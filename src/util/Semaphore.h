@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "util/Hidden.h"
 #include "util/api.h"
-#include <QMutex>
-#include <QSemaphore>
+
+class QMutex;
+class QSemaphore;
 
 /// A counting semaphore, optionally limited to one token. Any thread.
 class KAV_API Semaphore {
 public:
     /// `count` tokens at start; `at_most_one`: a release never leaves more than one token.
     explicit Semaphore(int count = 0, bool at_most_one = false);
+    ~Semaphore();
     Semaphore(const Semaphore&) = delete;
     Semaphore& operator=(const Semaphore&) = delete;
 
@@ -21,7 +24,7 @@ public:
     int available() const;
 
 private:
-    QSemaphore _semaphore;
-    QMutex _releasing; ///< held by a release that looks whether there is a token
+    Hidden<QSemaphore, 8> _semaphore;
+    Hidden<QMutex> _releasing; ///< held by a release that looks whether there is a token
     const bool _at_most_one;
 };

@@ -217,10 +217,10 @@ private:
     bool debug_test(unsigned a, unsigned b) const;
 
     struct Thread_end;
-    std::atomic<bool> _killed{false};        ///< termination that does not depend on room in the event pool
-    std::atomic<bool> _starting{false};      ///< start() has given its token, the thread does not run yet
-    std::atomic<bool> _entering{false};      ///< in init(), and cannot start yet
-    std::atomic<Qt::HANDLE> _ender{nullptr}; ///< the thread that asked for the termination
+    std::atomic<bool> _killed{false};   ///< termination that does not depend on room in the event pool
+    std::atomic<bool> _starting{false}; ///< start() has given its token, the thread does not run yet
+    std::atomic<bool> _entering{false}; ///< in init(), and cannot start yet
+    std::atomic<void*> _ender{nullptr}; ///< the thread that asked for the termination
 };
 
 /// D (Diner or a subclass) with a lock: what `lock`, `unlock` and `is_locked` of the two classes below share.

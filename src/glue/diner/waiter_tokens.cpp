@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/waiter_tokens.h"
 #include "util/tsan.h"
+#include <QSemaphore>
+
+waiter_tokens::waiter_tokens() = default;
+waiter_tokens::~waiter_tokens() = default;
 
 void waiter_tokens::wake() {
     Util::tsan::release(&_wake);
-    _wake.release(1);
+    _wake->release(1);
 }
 
 /// Take one of those drawn before, or draw what has been given since.
@@ -21,7 +25,7 @@ bool waiter_tokens::draw() {
 
 void waiter_tokens::take() {
     if (draw() || _given.fetch_sub(1, std::memory_order_acquire) > 0) return;
-    _wake.acquire(1);
+    _wake->acquire(1);
     Util::tsan::acquire(&_wake);
 }
 
@@ -29,12 +33,12 @@ bool waiter_tokens::take(int ms) {
     if (draw()) return true;
     if (ms <= 0) return false;
     if (_given.fetch_sub(1, std::memory_order_acquire) > 0) return true;
-    if (!_wake.tryAcquire(1, ms)) {
+    if (!_wake->tryAcquire(1, ms)) {
         int asleep = -1;
         if (_given.compare_exchange_strong(asleep, 0, std::memory_order_relaxed)) return false;
         // Somebody gave just as the time ran out, and wakes a sleeper that is up already: a wake-up that must not be
         // left for the next sleep.
-        _wake.acquire(1);
+        _wake->acquire(1);
     }
     Util::tsan::acquire(&_wake);
     return true;

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "util/Hidden.h"
 #include "util/api.h"
-#include <QSemaphore>
 #include <atomic>
+
+class QSemaphore;
 
 /// The tokens of a waiter: a counting semaphore that many threads give to and one takes from.
 ///
@@ -11,6 +13,9 @@
 /// draws all that is there at once, so that the two sides seldom touch the same memory.
 class KAV_API waiter_tokens {
 public:
+    waiter_tokens();
+    ~waiter_tokens();
+
     void give() { ///< any thread
         if (count()) wake();
     }
@@ -25,7 +30,7 @@ private:
     bool draw();
 
     std::atomic<int> _given{0}; ///< not drawn yet; -1 while the consumer sleeps
-    QSemaphore _wake;
+    Hidden<QSemaphore, 8> _wake;
     [[maybe_unused]] char _apart[64]; ///< keeps the two sides on cache lines of their own
     int _drawn = 0;                   ///< the consumer's
 };

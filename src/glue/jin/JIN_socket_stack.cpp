@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <net/if.h>
 #include <poll.h>
 #include <sys/eventfd.h>
