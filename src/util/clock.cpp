@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "util/clock.h"
+#include "util/ticks.h"
 #include <atomic>
 
 namespace Util {
@@ -24,6 +25,9 @@ void boot_clock(struct timespec& now) { read(boot_replacement, CLOCK_BOOTTIME, n
 void set_wall_clock(Wall_clock clock, Wall_clock boot) {
     boot_replacement.store(boot, std::memory_order_release);
     wall_replacement.store(clock, std::memory_order_release);
+    choose_ticks();
 }
+
+bool boot_clock_replaced() { return boot_replacement.load(std::memory_order_relaxed) != nullptr; }
 
 } // namespace Util

@@ -14,7 +14,9 @@ KAV_API void wall_clock(struct timespec& now);
 KAV_API void boot_clock(struct timespec& now);
 
 /// Put other clocks in their places (null: the system's again), for tests and for replaying a day in a minute. Waits
-/// still last as long as the system's clock says. Called when no other thread is reading.
+/// still last as long as the system's clock says; how long handlers run is measured by `boot`. Called when no other
+/// thread is reading.
 KAV_API void set_wall_clock(Wall_clock clock, Wall_clock boot = nullptr);
+bool boot_clock_replaced();
 
 } // namespace Util

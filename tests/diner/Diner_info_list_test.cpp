@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "support/Manual_clock.h"
 #include "support/Test_diner.h"
 #include "support/child.h"
 #include <algorithm>
@@ -92,6 +93,47 @@ TEST(Diner_info_list, shows_and_reaches_the_diners_in_the_order_of_their_start) 
     b.unlock();
     tester.join();
     EXPECT_EQ(err.text(), tested);
+}
+
+TEST(Diner_info_list, tells_how_long_handlers_take_and_events_and_timeouts_wait) {
+    Manual_clock clock;
+    Test_diner<> d("slow");
+    d.on_event = [&](waiter_event& e) { clock.advance(e.id); };
+    d.on_timeout = [&](Timeout&) { clock.advance(9); };
+    d.begin();
+    // Measured is what wakes the diner. Should it never be asleep in time, then the 16th.
+    for (int i = 0; i < 16 && d.info.wait_time.values().count == 0; ++i) {
+        d.lock_gate.shut();
+        d.post(3);
+        ASSERT_TRUE(d.lock_gate.reached());
+        EXPECT_EQ(d.info.handler_age_ns(), 0);
+        clock.advance(5);
+        d.lock_gate.open();
+        ASSERT_TRUE(d.idle());
+    }
+    Timeout t(Atime(true) + -20);
+    d.submit_timeout(t);
+    ASSERT_TRUE(wait_until([&] { return d.timeouts_handled == 1 && d.info.handler_age_ns() == 0; }));
+    const Time_figure::Values handler = d.info.handler_time.values(), wait = d.info.wait_time.values();
+    EXPECT_EQ(handler.worst_us, 9000);
+    EXPECT_NEAR(handler.mean_us * static_cast<double>(handler.count), static_cast<double>(d.posted) * 3000 + 9000,
+                1e-3);
+    EXPECT_TRUE(wait.mean_us == 5000 && wait.worst_us == 5000) << wait.mean_us << ' ' << wait.worst_us;
+    EXPECT_EQ(d.info.worst_late_ms, 20);
+    d.remove_timeout(t);
+
+    Diner_info_list::get().reset_figures();
+    EXPECT_EQ(d.info.handler_time.values().count, 0u);
+    d.on_event = [&](waiter_event&) {
+        clock.advance(7);
+        EXPECT_EQ(d.info.handler_age_ns(), 7000000);
+    };
+    d.post(1);
+    ASSERT_TRUE(wait_until([&] { return d.info.handler_time.values().count == 1 && d.info.handler_age_ns() == 0; }));
+    const auto table = [](bool to_debug) { Diner_info_list::get().print_figures(to_debug); };
+    EXPECT_NE(printed(table).find("\n 0      slow    7000.0    7000.0       0.0       0.0        0        1\n"),
+              std::string::npos)
+        << printed(table);
 }
 
 TEST(Diner_info_list, forgets_a_diner_that_is_ended_during_its_init) {

@@ -212,11 +212,13 @@ void Diner::run_until_kill(waiter_event& event, Atime& deadline) {
         take_lock();
         if (r < 0) {
             info.activity.store(Diner_info::activity_timeout, std::memory_order_relaxed);
+            info.handler_begins(0, 0);
             handle_timeout();
         } else {
             info.activity.store(Diner_info::activity_event, std::memory_order_relaxed);
             dispatch(event);
         }
+        info.handler_ends();
         info.activity.store(Diner_info::activity_idle, std::memory_order_relaxed);
         count_one(r < 0 ? info.timeout_count : info.event_count);
     }
@@ -229,10 +231,14 @@ void Diner::dispatch(waiter_event& event) {
         Debug_print::cprint(debug_test(100, 150), "Evt{%s,%d,%d}\n", descriptor.name, static_cast<int>(event.module_id),
                             static_cast<int>(event.id));
     }
-    if (pass_anonymous || !is_anonymous(event)) handle_event(event);
+    if (!pass_anonymous && is_anonymous(event)) return;
+    const waiter_descriptor::Posted posted = waiter.taken_posted();
+    info.handler_begins(posted.at, posted.weight);
+    handle_event(event);
 }
 
 void Diner::handle_timeout() {
+    info.handler_since.store(0, std::memory_order_relaxed); // each timeout is a handler of its own
     Timeout_manager::Pass pass = _timeouts.begin_pass();
     while (Timeout* t = _timeouts.expired_timeout(pass)) {
         if (pass.remaining_ms() >= 1) {
@@ -242,7 +248,10 @@ void Diner::handle_timeout() {
         if (debug_test(11, 51)) {
             Debug_print::cprint(debug_test(101, 151), "Tim{%s,%p}\n", descriptor.name, static_cast<void*>(t));
         }
+        info.timeout_late(-pass.remaining_ms());
+        info.handler_begins(0, 0);
         handle_timeout(*t);
+        info.handler_ends();
         _timeouts.reschedule_periodic_timeout(*t);
     }
 }

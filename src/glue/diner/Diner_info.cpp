@@ -2,6 +2,7 @@
 #include "glue/diner/Diner_info.h"
 #include "glue/diner/Diner.h"
 #include "util/Debug_print.h"
+#include "util/ticks.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -41,4 +42,43 @@ void Diner_info::test_lock() {
     Debug_print::bprint("Testing %9s", diner.descriptor.name);
     { const Diner::Held held(diner); }
     Debug_print::bprint(".. Ok\n");
+}
+
+int64_t Diner_info::handler_age_ns() const {
+    const uint64_t since = handler_since.load(std::memory_order_acquire);
+    if (since == 0) return 0;
+    return std::max<int64_t>(1, static_cast<int64_t>(static_cast<double>(Util::ticks() - since) * Util::ns_per_tick()));
+}
+
+void Diner_info::reset_figures() {
+    handler_time.reset();
+    wait_time.reset();
+    worst_late_ms.store(0, std::memory_order_relaxed);
+    diner.waiter.reset_longest_queue();
+}
+
+void Diner_info::print_figures(bool to_debug) const {
+    const Time_figure::Values handler = handler_time.values(), wait = wait_time.values();
+    char row[128];
+    snprintf(row, sizeof row, "%9s %9.1f %9.1f %9.1f %9.1f %8d %8d\n", diner.descriptor.name, handler.mean_us,
+             handler.worst_us, wait.mean_us, wait.worst_us, worst_late_ms.load(std::memory_order_relaxed),
+             diner.waiter.longest_queue());
+    if (to_debug) {
+        Debug_print::dprint("%s", row);
+    } else {
+        printf("%s", row);
+    }
+}
+
+void Diner_info::handler_begins(uint64_t posted_at, uint32_t weight) {
+    const uint64_t now = Util::ticks();
+    handler_since.store(now, std::memory_order_relaxed);
+    if (posted_at) wait_time.add(now - posted_at, weight);
+}
+
+void Diner_info::handler_ends() {
+    const uint64_t since = handler_since.load(std::memory_order_relaxed);
+    if (since == 0) return;
+    handler_time.add(Util::ticks() - since);
+    handler_since.store(0, std::memory_order_release); // who sees it sees the figures
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/diner/Time_figure.h"
 #include "util/api.h"
 #include "util/sl_list.h"
 #include <atomic>
@@ -34,12 +35,34 @@ public:
         checkpoint_line.store(line, std::memory_order_relaxed);
     }
 
+    /// [ns] since the handler that runs now was called; 0 when none runs.
+    int64_t handler_age_ns() const;
+    /// The figures below start anew, and so does the longest queue.
+    void reset_figures();
+    /// "%9s %9.1f %9.1f %9.1f %9.1f %8d %8d\n": name; mean and worst handler [us]; mean and worst time from post to
+    /// handler [us]; worst lateness of a timeout [ms]; longest queue.
+    void print_figures(bool to_debug) const;
+
     Diner& diner;
     std::atomic<const char*> checkpoint_file{""};
     std::atomic<int> checkpoint_line{0};
     std::atomic<uint32_t> event_count{0};   ///< events taken, swallowed ones included
     std::atomic<uint32_t> timeout_count{0}; ///< passes of timeout handling
-    std::atomic<bool> listed{false};        ///< in the status list, which sets it
+    std::atomic<uint64_t> handler_since{0}; ///< [ticks] when the handler that runs now was called; 0: none runs
+    Time_figure handler_time;               ///< of each event and each timeout that was handled
+    /// From post to handler. Measured for each event that wakes the diner, and of those that find it busy for one in
+    /// 16, which counts for all of them.
+    Time_figure wait_time;
+    std::atomic<int32_t> worst_late_ms{0}; ///< [ms] by which a timeout was called after its expiry
+    std::atomic<bool> listed{false};       ///< in the status list, which sets it
     std::atomic<unsigned char> activity{activity_idle};
     std::atomic<unsigned char> debug_level{0};
+
+private:
+    friend class Diner;
+    void handler_begins(uint64_t posted_at, uint32_t weight); ///< `posted_at` [ticks], 0: not measured
+    void handler_ends();                                      ///< nothing when it has ended already
+    void timeout_late(int ms) {
+        if (ms > worst_late_ms.load(std::memory_order_relaxed)) worst_late_ms.store(ms, std::memory_order_relaxed);
+    }
 };

@@ -10,6 +10,22 @@ namespace {
 constexpr int quiet_passes = 15;
 constexpr int pass_ms = 100;
 
+void print_line(bool to_debug, const char* text) {
+    if (to_debug) {
+        Debug_print::dprint("%s\n", text);
+    } else {
+        puts(text);
+    }
+}
+
+void print_position(bool to_debug, int position) {
+    if (to_debug) {
+        Debug_print::dprint("%2d ", position);
+    } else {
+        printf("%2d ", position);
+    }
+}
+
 } // namespace
 
 Diner_info_list& Diner_info_list::get() {
@@ -67,20 +83,27 @@ void Diner_info_list::end_leaving() { _num_leaving.fetch_sub(1, std::memory_orde
 void Diner_info_list::print(bool to_debug, bool full_path) const {
     static const char heading[] = "\nId      Name State Run   EventCnt ToutCnt Checkpoint";
     const Scoped_lock held(_mutex);
-    if (to_debug) {
-        Debug_print::dprint("%s\n", heading);
-    } else {
-        puts(heading);
-    }
+    print_line(to_debug, heading);
     int position = 0;
     for (const Diner_info& info : _infos) {
-        if (to_debug) {
-            Debug_print::dprint("%2d ", position++);
-        } else {
-            printf("%2d ", position++);
-        }
+        print_position(to_debug, position++);
         info.print(to_debug, full_path);
     }
+}
+
+void Diner_info_list::print_figures(bool to_debug) const {
+    const Scoped_lock held(_mutex);
+    print_line(to_debug, "\nId      Name Handl[us] Worst[us]  Wait[us] Worst[us] Late[ms]    Queue");
+    int position = 0;
+    for (const Diner_info& info : _infos) {
+        print_position(to_debug, position++);
+        info.print_figures(to_debug);
+    }
+}
+
+void Diner_info_list::reset_figures() {
+    const Scoped_lock held(_mutex);
+    for (Diner_info& info : _infos) info.reset_figures();
 }
 
 void Diner_info_list::test_lock() {

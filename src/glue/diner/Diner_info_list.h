@@ -24,6 +24,10 @@ public:
     void remove(Diner_info& info); ///< nothing when it is not listed
     /// The status table, to the debug output or to standard output.
     void print(bool to_debug, bool full_path) const;
+    /// The table of figures, likewise: how long handlers take, and how long events and timeouts wait for theirs.
+    void print_figures(bool to_debug) const;
+    /// The figures of all diners start anew.
+    void reset_figures();
     /// Diner_info::test_lock() of every diner; a lock held for ever ends in the abort of Mutex.
     void test_lock();
     /// Nothing when `index` is out of range.

@@ -2,6 +2,7 @@
 #include "glue/diner/waiter_descriptor.h"
 #include "glue/diner/waiter_ref.h"
 #include "util/Debug_print.h"
+#include "util/ticks.h"
 #include "util/tsan.h"
 #include <QCoreApplication>
 #include <QEvent>
@@ -66,7 +67,17 @@ int waiter_descriptor::append(const waiter_event& e, bool& asleep) {
     if (!accepting()) return 0; // disabled meanwhile: nothing may slip in after set_enabled(false) has returned
     if (enqueue(e) != 0) return -1;
     asleep = count_token();
+    measure(asleep);
     return 0;
+}
+
+/// Where somebody is woken, reading a clock goes under in the cost of that; else it would not, so only few posts do.
+void waiter_descriptor::measure(bool asleep) {
+    constexpr uint32_t one_in = 16;
+    if ((!asleep && _num_posted % one_in != 0) || _num_posted == none_measured) return;
+    if (_measured.load(std::memory_order_acquire) != none_measured) return;
+    _measured_posted = {Util::ticks(), asleep ? 1 : one_in};
+    _measured.store(_num_posted, std::memory_order_release);
 }
 
 /// append(), but for an event that has its like in the queue.
@@ -131,6 +142,11 @@ int waiter_descriptor::num_queued() const {
     return _front.size() + _back.size();
 }
 
+void waiter_descriptor::reset_longest_queue() {
+    const Scoped_lock held(_mutex);
+    _longest = 0;
+}
+
 int waiter_descriptor::longest_queue() const {
     const Scoped_lock held(_mutex);
     return _longest;
@@ -143,20 +159,30 @@ void waiter_descriptor::hand_out(waiter_event* out) {
         const Scoped_lock taking(_taking);
         if (_front.size() == 0) fill_front();
         waiter_event_node* const n = _front.first();
+        _taken_posted.at = 0;
         if (!n) {
             *out = module_man::EVENT_ANONYMOUS;
             return;
         }
+        if (_num_taken + 1 == _measured.load(std::memory_order_relaxed)) note_taken();
         if (n->event.module_id > 0 && n->event.repeat > 1) {
             *out = n->event;
             --n->event.repeat;
             return;
         }
         used = _front.pop();
+        ++_num_taken;
         _num_front.store(_front.size(), std::memory_order_relaxed);
     }
     *out = std::move(used->event);
     _modules.load(std::memory_order_relaxed)->return_used_event(used);
+}
+
+/// The next node is the one that is measured. Of a merged event the first delivery counts.
+void waiter_descriptor::note_taken() {
+    if (_measured.load(std::memory_order_acquire) == none_measured) return;
+    _taken_posted = _measured_posted;
+    _measured.store(none_measured, std::memory_order_release);
 }
 
 /// Move what was posted to the empty front.
@@ -186,6 +212,7 @@ int waiter_descriptor::enqueue(const waiter_event& e) {
         return -1;
     }
     _back.push(n);
+    ++_num_posted;
     _longest = std::max(_longest, queued + 1);
     return 0;
 }

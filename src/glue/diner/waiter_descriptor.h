@@ -68,6 +68,7 @@ public:
 
     int num_queued() const;    ///< [nodes] queued now
     int longest_queue() const; ///< [nodes] ever queued at a time: shows how to size an application
+    void reset_longest_queue();
 
     /// Whether posts are taken now; else they are dropped. Takes no lock.
     bool accepting() const {
@@ -75,15 +76,28 @@ public:
     }
 
 private:
+    friend class Diner;
+    /// When an event was posted that was measured, [ticks], and of how many alike it is the one that was.
+    struct Posted {
+        uint64_t at = 0;
+        uint32_t weight = 0;
+    };
+    /// Of the event taken last; `at` 0: it was not measured. The consumer only.
+    Posted taken_posted() const { return _taken_posted; }
+
     int append(const waiter_event& e, bool& asleep) KAV_REQUIRES(_mutex);
     int append_or_merge(const waiter_event& e, bool coalesce, bool unique, bool& asleep) KAV_REQUIRES(_taking, _mutex);
     bool merge(const waiter_event& e) KAV_REQUIRES(_taking, _mutex);
     bool is_queued(const waiter_event& e) const KAV_REQUIRES(_taking, _mutex);
     int enqueue(const waiter_event& e) KAV_REQUIRES(_mutex);
     bool count_token() KAV_REQUIRES(_mutex);
+    void measure(bool asleep) KAV_REQUIRES(_mutex);
+    void note_taken() KAV_REQUIRES(_taking);
     void give_mirrored_token() KAV_REQUIRES(_mutex);
     void hand_out(waiter_event* out);
     void fill_front() KAV_REQUIRES(_taking);
+
+    static constexpr uint32_t none_measured = 0;
 
     // The queue has two parts, each with a lock of its own. What producers use, what the consumer uses and what both
     // use lies on separate cache lines, so that the two sides do not fight for memory with every event. The consumer's
@@ -100,10 +114,17 @@ private:
     /// The front holds no more: it only shrinks until it is filled again.
     int32_t _max_in_front KAV_GUARDED_BY(_mutex) = 0;
     int32_t _longest KAV_GUARDED_BY(_mutex) = 0;
+    uint32_t _num_posted KAV_GUARDED_BY(_mutex) = 0; ///< nodes queued so far: the number of the last one
 
     waiter_tokens _tokens;
 
     mutable Mutex _taking;
     c_sl_list<waiter_event_node> _front KAV_GUARDED_BY(_taking); ///< what is handed out next
     std::atomic<int32_t> _num_front{0};                          ///< its size, for producers
+    uint32_t _num_taken KAV_GUARDED_BY(_taking) = 0;             ///< nodes handed out: the number of the last one
+    /// The one queued event whose time is measured. `_measured` is its number, and who stores it owns the other until
+    /// the next store: a producer with the number, the consumer with none_measured.
+    std::atomic<uint32_t> _measured{none_measured};
+    Posted _measured_posted;
+    Posted _taken_posted; ///< the consumer's
 };
