@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "platform/Task.h"
+#include "platform/Task_dispatcher.h"
 #include "util/tsan.h"
 #include <QThread>
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <pthread.h>
@@ -24,11 +26,12 @@ private:
 Task::Task(const char* name, int stack_kib, bool, int) : _thread(new Thread(*this)) {
     snprintf(_name, sizeof _name, "%s", name);
     const unsigned kib = stack_kib > 0 ? static_cast<unsigned>(stack_kib) : 0;
-    _thread->setStackSize((kib > min_stack_kib ? kib : min_stack_kib) * 1024);
+    _thread->setStackSize(std::clamp(kib, min_stack_kib, UINT_MAX / 1024) * 1024);
 }
 
 Task::~Task() {
     join();
+    if (!_entry) delete _thread->eventDispatcher(); // else the thread did it at its end
     delete _thread;
 }
 
@@ -37,6 +40,7 @@ int Task::start(int priority, Entry entry, void* argument) {
     _entry = entry;
     _argument = argument;
     _priority = priority;
+    if (!_thread->eventDispatcher()) _thread->setEventDispatcher(new Task_dispatcher);
     Util::tsan::release(this);
     _thread->start();
     if (_thread->isRunning() || _thread->isFinished()) return 0;

@@ -344,6 +344,21 @@ void get_no_thread() {
     _exit(d.start() == -1 ? 9 : 1); // a sanitizer would want a thread at an exit
 }
 
+/// More of them than there are descriptors.
+void be_many() {
+    const rlimit few = {20, 20};
+    setrlimit(RLIMIT_NOFILE, &few);
+    std::vector<std::unique_ptr<Test_diner<>>> all;
+    for (int i = 0; i < 40; ++i) {
+        all.push_back(std::make_unique<Test_diner<>>("many", i));
+        all.back()->begin();
+        all.back()->post(i);
+        if (!all.back()->idle()) _exit(1);
+    }
+}
+
+TEST(Lifecycle, diners_take_no_descriptor) { EXPECT_EQ(run_child(be_many).end(), "0 "); }
+
 TEST(Misuse, ends_the_process_with_its_message_and_status) {
     Test_diner<> d; // its thread starts in the child
     const std::tuple<std::function<void()>, int, const char*> cases[] = {

@@ -1,8 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "platform/Task.h"
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QPointer>
+#include <QSocketNotifier>
+#include <QTimer>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -62,6 +69,55 @@ TEST(Task, runs_its_entry_once_on_a_thread_of_its_own) {
         ASSERT_EQ(Task("short", 1024, false).start(0, count, &steps), 0);
         ASSERT_EQ(steps, i);
     }
+}
+
+/// A loop of Qt inside an entry, as a handler may run one.
+void* run_a_loop(void* seen) {
+    QEventLoop loop;
+    int pipe_ends[2], fast = 0, bytes = 0;
+    if (pipe(pipe_ends) != 0) return nullptr;
+    QTimer slow, ticks;
+    QObject::connect(&slow, &QTimer::timeout, [&] { loop.exit(3); });
+    slow.start(30000);
+    QObject::connect(&ticks, &QTimer::timeout, [&] {
+        QEventLoop within; // its own timer does not run in it again
+        within.processEvents();
+        if (++fast == 3 && write(pipe_ends[1], "x", 1) != 1) loop.exit(2);
+    });
+    ticks.start(1);
+    QSocketNotifier readable(pipe_ends[0], QSocketNotifier::Read);
+    std::thread other;
+    QObject::connect(&readable, &QSocketNotifier::activated, [&] {
+        char byte;
+        bytes += read(pipe_ends[0], &byte, 1) == 1;
+        ticks.stop(); // nothing but the other thread wakes the loop now
+        other = std::thread([&] { QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection); });
+    });
+    const int left = ticks.remainingTime();
+    const bool quit = loop.exec() == 0;
+    other.join();
+    *static_cast<bool*>(seen) = quit && fast >= 3 && bytes == 1 && left >= 0 && left <= 1 && slow.remainingTime() > 0;
+    for (const int end : pipe_ends) close(end);
+    return nullptr;
+}
+
+TEST(Task, may_run_a_loop_of_qt_and_deletes_later_what_it_was_asked_to) {
+    int argc = 0;
+    QCoreApplication application(argc, nullptr);
+    bool seen = false;
+    Task task("loop", 0, false);
+    ASSERT_TRUE(task.start(0, run_a_loop, &seen) == 0 && task.join());
+    EXPECT_TRUE(seen);
+    QPointer<QObject> late; // of the thread, and deleted at its end, as by every QThread
+    Task without_loop("none", 0, false);
+    const auto leave_one = [](void* p) -> void* {
+        auto* o = new QObject;
+        *static_cast<QPointer<QObject>*>(p) = o;
+        o->deleteLater();
+        return nullptr;
+    };
+    ASSERT_TRUE(without_loop.start(0, leave_one, &late) == 0 && without_loop.join());
+    EXPECT_TRUE(late.isNull());
 }
 
 } // namespace

@@ -377,7 +377,12 @@ void Diner::wait_terminate() {
             Debug_print::try_print("No terminate, did we call delete ourself\n");
             Util::flush_and_abort();
         }
-        Atime::delay(end_poll_ms);
+        // The end of the thread comes right behind its last state.
+        if (on_own_thread() || !_task) {
+            Atime::delay(end_poll_ms);
+        } else {
+            _task->join(end_poll_ms);
+        }
     }
     join();
 }

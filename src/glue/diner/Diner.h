@@ -121,7 +121,7 @@ public:
     /// A diner that was never initialised, or that this thread itself has asked before, prints its state and returns at
     /// once: after terminate(false) call wait_terminate().
     void terminate(bool wait);
-    /// Poll every 10 ms until the thread has left; aborts after about 5 s. Not on the diner's own thread.
+    /// Wait until the thread has left; aborts after about 5 s. Not on the diner's own thread.
     void wait_terminate();
     bool terminated() const { return state.load(std::memory_order_acquire) == state_gone; } ///< takes no lock
     int get_state() const; ///< takes the lock unless the caller holds it
