@@ -252,7 +252,6 @@ void Diner::handle_timeout() {
         info.handler_begins(0, 0);
         handle_timeout(*t);
         info.handler_ends();
-        _timeouts.reschedule_periodic_timeout(*t);
     }
 }
 

@@ -4,7 +4,7 @@
 #include "util/Debug_print.h"
 #include "util/assertion.h"
 #include <algorithm>
-#include <functional>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -27,10 +27,7 @@ void report_failure() { Debug_print::dprint("Failed to remove timeout, did clien
 
 } // namespace
 
-Timeout_manager::Timeout_manager() {
-    alive.create<by_expiry>();
-    dead.create<by_expiry>();
-}
+Timeout_manager::Timeout_manager() { alive.create<by_expiry>(); }
 
 Timeout_manager::~Timeout_manager() {
     const Scoped_lock held(_mutex);
@@ -124,7 +121,7 @@ bool Timeout_manager::set_free(Timeout& t) {
 bool Timeout_manager::take_out(Timeout& t) {
     if (t._list) {
         t._list->remove(t);
-    } else if ((t._handed_out ? dead : alive).remove(&t) != 0) {
+    } else if (alive.remove(&t) != 0) {
         return false;
     }
     if (t.ms() == _next.load(std::memory_order_relaxed)) _next.store(unknown, std::memory_order_release);
@@ -137,23 +134,20 @@ void Timeout_manager::make_pending(Timeout& t) {
     if (t.ms() < _next.load(std::memory_order_relaxed)) _next.store(t.ms(), std::memory_order_release);
 }
 
-void Timeout_manager::enter_tree(Timeout& t) {
-    t._list->remove(t);
-    alive.insert(&t);
-}
-
 void Timeout_manager::sort_in() {
     constexpr int few = 32;
     if (_unsorted.count() > std::max(few, _sorted.count() / 8)) return _sorted.merge_sorted(_unsorted);
-    while (Timeout* t = _unsorted.first()) enter_tree(*t);
+    while (Timeout* t = _unsorted.first()) {
+        _unsorted.remove(*t);
+        alive.insert(t);
+    }
 }
 
-/// The earliest pending timeout that is not held back. Those of the same expiry go into the tree together: it knows
-/// their order.
+/// The earliest pending timeout that is not held back.
 Timeout* Timeout_manager::first() {
     sort_in();
-    for (Timeout* t; (t = _sorted.first()) && (!alive.first() || t->ms() <= alive.first()->ms());) enter_tree(*t);
-    return alive.first();
+    Timeout *a = _sorted.first(), *b = alive.first();
+    return a && (!b || Timeout_list::before(*a, *b)) ? a : b;
 }
 
 void Timeout_manager::release_held() {
@@ -214,7 +208,7 @@ Timeout* Timeout_manager::hand_out(Timeout* t) {
     if (!take_out(*t)) return nullptr;
     t->_handed_out = true;
     t->_submitted = false;
-    dead.insert(t);
+    dead.push(*t);
     return t;
 }
 
@@ -253,6 +247,7 @@ Timeout* Timeout_manager::expired_timeout(Pass& pass) {
     Timeout* t;
     {
         const Scoped_lock held(_mutex);
+        if (pass._last && pass._last == cur_expired_timeout) reschedule(*pass._last);
         while ((t = first_due(pass)) && t->_submitted && t->_pass == pass._number && take_out(*t)) _held.push(*t);
         if (t) {
             pass._remaining_ms = t->expiry - pass._begin;
@@ -262,7 +257,7 @@ Timeout* Timeout_manager::expired_timeout(Pass& pass) {
         } else {
             next();
         }
-        cur_expired_timeout = t;
+        cur_expired_timeout = pass._last = t;
         _stepped = 0;
     }
     print();
@@ -275,6 +270,11 @@ bool Timeout_manager::reschedule_periodic_timeout(Timeout& t) {
     if (&t != cur_expired_timeout)
         Util::assertion_failed("&timeout == cur_expired_timeout", "glue/diner/Timeout_manager", 77,
                                "bool Timeout_manager::reschedule_periodic_timeout(Timeout&)");
+    return reschedule(t);
+}
+
+/// The one handed out last, after its handler.
+bool Timeout_manager::reschedule(Timeout& t) {
     cur_expired_timeout = nullptr;
     if (t.period < 1 || !take_out(t)) return false;
     set_ms(t.expiry, t.ms() + t.period + _stepped);
@@ -327,16 +327,14 @@ void Timeout_manager::terminate() {
 }
 
 void Timeout_manager::empty(bool unbind) {
-    for (Timeout_list* list : {&_unsorted, &_sorted, &_held}) {
+    for (Timeout_list* list : {&_unsorted, &_sorted, &_held, &dead}) {
         while (Timeout* t = list->first()) {
             list->remove(*t);
             release(*t, unbind);
         }
     }
-    for (Tree* tree : {&alive, &dead}) {
-        // Where an owner that wrote to the expiry of a listed timeout has corrupted the order: no endless loop.
-        for (Timeout* t; (t = tree->first()) && tree->remove(t) == 0;) release(*t, unbind);
-    }
+    // Where an owner that wrote to the expiry of a listed timeout has corrupted the order: no endless loop.
+    for (Timeout* t; (t = alive.first()) && alive.remove(t) == 0;) release(*t, unbind);
     _next.store(none_pending, std::memory_order_release);
 }
 
@@ -354,19 +352,22 @@ void Timeout_manager::print() const {
 
 /// In order, but without putting them in order: whether somebody looks must not change what happens next.
 void Timeout_manager::print_all() const {
-    std::vector<const Timeout*> pending;
+    const auto print_in_order = [](std::vector<const Timeout*> all) {
+        std::sort(all.begin(), all.end(),
+                  [](const Timeout* a, const Timeout* b) { return Timeout_list::before(*a, *b); });
+        for (const Timeout* t : all) t->print();
+    };
+    std::vector<const Timeout*> pending, handed_out;
     for (const Timeout& t : alive) pending.push_back(&t);
     for (const Timeout_list* list : {&_unsorted, &_sorted, &_held}) {
         for (const Timeout* t = list->first(); t; t = t->_after) pending.push_back(t);
     }
-    std::sort(pending.begin(), pending.end(), [](const Timeout* a, const Timeout* b) {
-        return a->ms() != b->ms() ? a->ms() < b->ms() : std::less<>()(a, b);
-    });
+    for (const Timeout* t = dead.first(); t; t = t->_after) handed_out.push_back(t);
     Debug_print::dprint("Alive timeouts:\r\n");
     Debug_print::dprint("---------------\r\n");
-    for (const Timeout* t : pending) t->print();
+    print_in_order(std::move(pending));
     Debug_print::dprint("Dead timeouts:\r\n");
     Debug_print::dprint("--------------\r\n");
-    for (const Timeout& t : dead) t.print();
+    print_in_order(std::move(handed_out));
     Debug_print::dprint("\r\n");
 }
