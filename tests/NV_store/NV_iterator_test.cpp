@@ -1,14 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_buffer_iterator.h"
 #include "glue/NV_store/NV_file_iterator.h"
-#include "support/Temporary_folder.h"
-#include "support/capture.h"
-#include <cerrno>
-#include <deque>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
+#include "support/test.h"
 #include <sys/syscall.h>
-#include <utility>
 
 using namespace NV_store;
 
@@ -48,18 +42,18 @@ unsigned char data[200];
 TEST(NV_buffer, Moves_all_or_nothing) {
     unsigned char block[4];
     NV_buffer_iterator it(block, 4, 0);
-    EXPECT_FALSE(it.push_bytes(data, 5) || it.push_bytes(data, -1) || it.write_position != 0);
+    EXPECT_VALUES("false false false", it.push_bytes(data, 5), it.push_bytes(data, -1), it.write_position != 0);
     EXPECT_TRUE(it.push_uint16(0x0201));
     EXPECT_FALSE(it.push_uint32(0)) << "half of the room is taken";
     EXPECT_TRUE(it.push_uint16(0x0403));
     unsigned int used = 1, total = 1, word = 7;
-    EXPECT_TRUE(it.get_free_space(used, total) && used == 4 && total == 4);
+    EXPECT_VALUES("true 4 4", it.get_free_space(used, total), used, total);
     unsigned char byte;
-    EXPECT_TRUE(it.peek_bytes(&byte, 1) && it.pop_uint8(byte) && byte == 1);
-    EXPECT_FALSE(it.pop_uint32(word) || word != 7) << "a failed pop leaves its target";
-    EXPECT_FALSE(it.peek_bytes(data, 4) || it.pop_bytes(data, -1));
+    EXPECT_VALUES("true true 1", it.peek_bytes(&byte, 1), it.pop_uint8(byte), byte);
+    EXPECT_VALUES("false false", it.pop_uint32(word), word != 7) << "a failed pop leaves its target";
+    EXPECT_VALUES("false false", it.peek_bytes(data, 4), it.pop_bytes(data, -1));
     it.reset_reading();
-    EXPECT_TRUE(it.pop_uint32(word) && word == 0x04030201u);
+    EXPECT_VALUES(texts(true, 0x04030201u), it.pop_uint32(word), word);
     it.reset_writing();
     EXPECT_FALSE(it.pop_uint8(byte)) << "no longer readable";
     EXPECT_TRUE(it.push_uint32(5));
@@ -76,10 +70,10 @@ TEST(NV_buffer, Every_active_checksum_sees_what_passes_but_not_what_is_peeked) {
     it.push_header({1, 2, 5});
     it.remove_checksum_getter(&inner);
     EXPECT_EQ(whole.crc, 0xF03A3811u);
-    EXPECT_TRUE(whole.bytes == 8 && whole.chunks == 2 && inner.bytes == 4);
+    EXPECT_VALUES("8 2 4", whole.bytes, whole.chunks, inner.bytes);
     NV_iterator::NV_iterator_header h;
-    EXPECT_TRUE(it.peek_header(h) && whole.bytes == 8);
-    EXPECT_TRUE(it.pop_header(h) && whole.bytes == 12 && h.id == 5);
+    EXPECT_VALUES("true 8", it.peek_header(h), whole.bytes);
+    EXPECT_VALUES("true 12 5", it.pop_header(h), whole.bytes, h.id);
     it.remove_checksum_getter(&whole);
 }
 
@@ -87,7 +81,7 @@ class NV_file : public testing::Test {
 protected:
     unsigned used() {
         unsigned int bytes = 0, total = 0;
-        EXPECT_TRUE(it.get_free_space(bytes, total) && total == 16384);
+        EXPECT_VALUES("true 16384", it.get_free_space(bytes, total), total);
         return bytes;
     }
     Temporary_folder folder;
@@ -96,7 +90,7 @@ protected:
 };
 
 TEST_F(NV_file, The_mode_decides_what_it_allows_and_what_becomes_of_the_file) {
-    EXPECT_FALSE(it.push_bytes(data, 1) || it.pop_bytes(data, 1)) << "closed";
+    EXPECT_VALUES("false false", it.push_bytes(data, 1), it.pop_bytes(data, 1)) << "closed";
     EXPECT_EQ(it.set_mode(NV_iterator::mode_read), -1) << "no such file";
     EXPECT_EQ(it.mode, NV_iterator::mode_closed);
     const std::pair<NV_iterator::modes_t, unsigned> table[] = {
@@ -106,9 +100,9 @@ TEST_F(NV_file, The_mode_decides_what_it_allows_and_what_becomes_of_the_file) {
         {NV_iterator::mode_write, 100}};
     for (const auto& [mode, size] : table) {
         ASSERT_EQ(it.set_mode(mode), 0);
-        EXPECT_TRUE(it.mode == mode && it.push_bytes(data, 100));
-        EXPECT_FALSE(it.pop_bytes(data, 1) || it.peek_bytes(data, 1));
-        EXPECT_TRUE(read_file(path).size() == size && used() == size) << size;
+        EXPECT_VALUES(texts(mode, true), it.mode, it.push_bytes(data, 100));
+        EXPECT_VALUES("false false", it.pop_bytes(data, 1), it.peek_bytes(data, 1));
+        EXPECT_VALUES(texts(size, size), read_file(path).size(), used()) << size;
     }
     const mode_t mask = umask(0);
     umask(mask);
@@ -126,9 +120,9 @@ TEST_F(NV_file, Peeks_without_consuming_but_counts_it) {
     ASSERT_EQ(it.set_mode(NV_iterator::mode_read), 0);
     char text[8] = {};
     auto* const to = reinterpret_cast<unsigned char*>(text);
-    EXPECT_TRUE(it.pop_bytes(to, 2) && it.peek_bytes(to, 3) && text == std::string("cde"));
+    EXPECT_VALUES(texts(true, true, std::string("cde")), it.pop_bytes(to, 2), it.peek_bytes(to, 3), text);
     EXPECT_FALSE(it.peek_bytes(to, 5)) << "more than there is";
-    EXPECT_TRUE(it.pop_bytes(to, 4) && text == std::string("cdef"));
+    EXPECT_VALUES(texts(true, std::string("cdef")), it.pop_bytes(to, 4), text);
     EXPECT_FALSE(it.pop_bytes(to, 1));
     EXPECT_EQ(used(), 2u + 3 + 5 + 4 + 1);
 }
@@ -143,10 +137,10 @@ TEST_F(NV_file, Goes_on_after_interruptions_and_short_transfers_and_ends_at_erro
     EXPECT_FALSE(it.push_bytes(data, 4));
     ASSERT_EQ(it.set_mode(NV_iterator::mode_read), 0);
     script = {{EIO, 0}, {EIO, 0}};
-    EXPECT_FALSE(it.pop_bytes(data, 2) || it.peek_bytes(data, 2));
+    EXPECT_VALUES("false false", it.pop_bytes(data, 2), it.peek_bytes(data, 2));
     script = {{0, 2}, {EINTR, 0}, {0, 1}, {EAGAIN, 0}};
     unsigned long long value = 0;
-    EXPECT_TRUE(it.pop_uint64(value) && script.empty());
+    EXPECT_VALUES("true true", it.pop_uint64(value), script.empty());
     EXPECT_EQ(value, 0x3837363534333231ull) << "errors have consumed nothing";
     EXPECT_EQ(out.text(), "Error in NV_file_iterator: No space left on device\n"
                           "Error in NV_file_iterator: Input/output error\n"

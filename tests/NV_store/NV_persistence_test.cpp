@@ -2,11 +2,8 @@
 #include "NV_store/Image_builder.h"
 #include "NV_store/Settings_fixture.h"
 #include "glue/NV_store/NV_scan.h"
-#include "support/capture.h"
 #include "support/frame.h"
-#include <deque>
-#include <gtest/gtest.h>
-#include <limits>
+#include "support/test.h"
 
 using namespace NV_store;
 using Image::bytes;
@@ -68,12 +65,12 @@ void check_record(T stored, const char* expected) {
     item.set(stored);
     const std::string record = saved(item);
     EXPECT_EQ(hex(record), expected);
-    EXPECT_TRUE(load(other, record).result && other.get() == stored && other.get_flags() == 0) << expected;
+    EXPECT_VALUES(texts(true, stored, 0), load(other, record).result, other.get(), other.get_flags()) << expected;
     EXPECT_EQ(read(record, Number::deserialise_unknown).left, 0);
     for (size_t length = 4; length < record.size(); ++length) {
         const std::string cut = record.substr(0, length);
         Number kept(nullptr, 0x0102, "kept");
-        EXPECT_TRUE(load(kept, cut).result && kept.get() == T()) << "the frame's CRC is what tells";
+        EXPECT_VALUES(texts(true, T()), load(kept, cut).result, kept.get()) << "the frame's CRC is what tells";
         EXPECT_FALSE(read(cut, Number::deserialise_unknown).result);
     }
 }
@@ -92,7 +89,7 @@ TEST(NV_values, Are_stored_little_endian) {
     check_record<NV_uint64>(0x0123456789ABCDEFull, "0F090201EFCDAB8967452301");
     check_record<NV_int64>(-2ll, "10090201FEFFFFFFFFFFFFFF");
     NV_bool item(nullptr, 1, "item");
-    EXPECT_TRUE(load(item, bytes({2, 9, 1, 0, 0x80})).result && item.get());
+    EXPECT_VALUES("true true", load(item, bytes({2, 9, 1, 0, 0x80})).result, item.get());
 }
 
 TEST(NV_values, Take_over_only_values_of_their_type_and_return_to_their_default) {
@@ -101,8 +98,8 @@ TEST(NV_values, Take_over_only_values_of_their_type_and_return_to_their_default)
         other[at] ^= 1;
         NV_int16 item(nullptr, 0x0102, "item", 9);
         const Loaded loaded = load(item, other);
-        EXPECT_TRUE(!loaded.result && loaded.complaint.empty() && loaded.left == 2) << "consumed in silence";
-        EXPECT_TRUE(item.get() == 9 && item.get_flags() == NV_item::not_loaded);
+        EXPECT_VALUES("true true 2", !loaded.result, loaded.complaint.empty(), loaded.left) << "consumed in silence";
+        EXPECT_VALUES(texts(9, NV_item::not_loaded), item.get(), item.get_flags());
     }
     NV_int16 item(nullptr, 1, "item", 4), like(nullptr, 2, "like", 8);
     NV_uint16 unlike(nullptr, 3, "unlike", 8);
@@ -110,10 +107,10 @@ TEST(NV_values, Take_over_only_values_of_their_type_and_return_to_their_default)
         using NV_uint8::NV_uint8;
         item_type_t get_type() const override { return item_int16; } // but it has one byte
     } liar{nullptr, 4, "liar"};
-    EXPECT_TRUE(item.set(like) && item.get() == 8);
-    EXPECT_FALSE(item.set(unlike) || item.set(liar));
+    EXPECT_VALUES("true 8", item.set(like), item.get());
+    EXPECT_VALUES("false false", item.set(unlike), item.set(liar));
     EXPECT_TRUE(item.set_default(false));
-    EXPECT_TRUE(item.get() == 4 && item.get_flags() == changed);
+    EXPECT_VALUES(texts(4, changed), item.get(), item.get_flags());
 }
 
 TEST(NV_values, The_mode_and_the_flags_decide_what_is_written) {
@@ -246,7 +243,7 @@ TEST(NV_containers, A_load_says_what_is_wrong) {
         const Loaded loaded = load(pair, row.image);
         EXPECT_EQ(loaded.result, row.complaint.empty()) << row.what;
         EXPECT_EQ(row.complaint == "*" ? "*" : loaded.complaint, row.complaint) << row.what;
-        EXPECT_TRUE(pair.first.get() == row.first && pair.second.get() == row.second) << row.what;
+        EXPECT_VALUES(texts(row.first, row.second), pair.first.get(), pair.second.get()) << row.what;
         EXPECT_EQ(pair.first.get_flags(), row.first == 1 ? changed : 0) << "a load is no change, a reset is one";
     }
 }
@@ -261,8 +258,8 @@ TEST(NV_containers, May_nest_as_deeply_as_they_like) {
     const std::string image = saved(root, NV_iterator::mode_write, 4096);
     deepest.set(8);
     int dropped = 0;
-    EXPECT_TRUE(whole_records(image, root) == image.size() && prune(image, root, dropped) == image && dropped == 0);
-    EXPECT_TRUE(load(root, image).result && deepest.get() == 7);
+    EXPECT_VALUES(texts(image.size(), image, 0), whole_records(image, root), prune(image, root, dropped), dropped);
+    EXPECT_VALUES("true 7", load(root, image).result, deepest.get());
 }
 
 TEST(NV_containers, Unknown_values_are_skipped_by_type_and_load_and_scan_know_the_same) {

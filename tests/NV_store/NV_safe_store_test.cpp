@@ -6,17 +6,9 @@
 #include "glue/NV_store/NV_safe_store.h"
 #include "glue/NV_store/NV_text.h"
 #include "glue/data_stream/File_checksummed_data_stream.h"
-#include "support/Temporary_folder.h"
-#include "support/capture.h"
-#include <cerrno>
-#include <csignal>
-#include <cstdarg>
+#include "support/test.h"
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <map>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 using namespace NV_store;
 using Image::bytes;
@@ -237,7 +229,7 @@ TEST_F(Safe_store, The_file_keeps_its_place_and_its_rights) {
     ASSERT_EQ(store.save(), Safe_result::saved);
     EXPECT_EQ(restart(), all_loaded());
     EXPECT_EQ(fs::status(real).permissions(), fs::perms(0640)) << "those of the generation before";
-    EXPECT_TRUE(fs::is_symlink(path) && fs::exists(real + ".bak"));
+    EXPECT_VALUES("true true", fs::is_symlink(path), fs::exists(real + ".bak"));
     EXPECT_EQ(all_files().size(), 2u) << "all else is in the other folder";
 }
 
@@ -272,7 +264,7 @@ TEST_F(Safe_store, The_file_keeps_to_its_budget) {
         ASSERT_EQ(store.save_changes(), Safe_result::saved);
         largest = std::max(largest, static_cast<size_t>(std::filesystem::file_size(path)));
     }
-    EXPECT_TRUE(largest <= 16384u && largest > 16384u - 100) << largest;
+    EXPECT_VALUES("true true", largest <= 16384u, largest > 16384u - 100) << largest;
     EXPECT_EQ(restart(), all_loaded());
 }
 

@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "NV_store/Settings_fixture.h"
 #include "glue/NV_store/NV_text.h"
-#include <cstring>
-#include <gtest/gtest.h>
-#include <limits>
-#include <random>
+#include "support/test.h"
 
 using namespace NV_store;
 
@@ -78,7 +75,7 @@ TEST(NV_text, takes_what_a_hand_may_have_written) {
         import_text(tree, "# a comment\r\n\r\n  wheel/offset =\t-0 \r\nwheel/fitted=no\n\nspeed=1e1\n"
                           "sections/1=0xfF\nactive=");
     EXPECT_EQ(r.error + tree.text(), "{10,{false,0},{0,255,0},}");
-    EXPECT_TRUE(r.values == 5 && told == 1);
+    EXPECT_VALUES("5 1", r.values, told);
 }
 
 TEST(NV_text, a_refused_text_changes_nothing_and_says_why) {

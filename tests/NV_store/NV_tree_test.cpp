@@ -2,16 +2,7 @@
 #include "NV_store/Settings_fixture.h"
 #include "glue/NV_store/NV_path.h"
 #include "glue/cds/CDS_remote.h"
-#include "support/capture.h"
-#include "support/child.h"
-#include "support/wait_until.h"
-#include <algorithm>
-#include <cstring>
-#include <deque>
-#include <gtest/gtest.h>
-#include <memory>
-#include <thread>
-#include <utility>
+#include "support/test.h"
 
 using namespace NV_store;
 
@@ -52,8 +43,8 @@ TEST_F(Tree, Finds_items_by_path_and_identifier_and_walks_in_pre_order) {
 
     NV_path path;
     ASSERT_TRUE(tree.build_path(&path, &tree.wheel.offset));
-    EXPECT_TRUE(path.size() == 2 && path[0] == 3 && path[1] == 0x0102);
-    EXPECT_TRUE(tree.follow_path(path) == &tree.wheel.offset && tree.wheel.follow_path(path) == nullptr);
+    EXPECT_VALUES(texts(2, 3, 0x0102), path.size(), path[0], path[1]);
+    EXPECT_VALUES(texts(&tree.wheel.offset, nullptr), tree.follow_path(path), tree.wheel.follow_path(path));
     EXPECT_FALSE(tree.wheel.build_path(&path, &tree.speed));
     std::string names;
     for (NV_item* i = &tree; i != &cut; i = tree.get_next_in_tree(i)) names += std::string(i->get_name()) + " ";
@@ -97,13 +88,13 @@ TEST_F(Tree, A_branch_moves_with_everything_below) {
     NV_pointer item(&below, 2, "item");
     item.notify_updated(true, notify_all);
     tree.wheel.add_child(&branch);
-    EXPECT_TRUE(branch.get_parent() == &tree.wheel && tree.find_data_item("wheel/branch/below/item") == &item);
+    EXPECT_VALUES(texts(&tree.wheel, &item), branch.get_parent(), tree.find_data_item("wheel/branch/below/item"));
     EXPECT_NE(tree.image(NV_iterator::mode_journal_1), "") << "what was changed before it came is to be saved";
-    EXPECT_TRUE(tree.active.set(&item) && item.set(&tree.speed));
+    EXPECT_VALUES("true true", tree.active.set(&item), item.set(&tree.speed));
     tree.remove_child(&branch); // no child of this one
-    EXPECT_TRUE(branch.get_parent() == &tree.wheel && tree.active.get() == &item);
+    EXPECT_VALUES(texts(&tree.wheel, &item), branch.get_parent(), tree.active.get());
     tree.wheel.remove_child(&branch);
-    EXPECT_TRUE(!branch.get_parent() && !below.get_root() && !tree.active.get() && !item.get());
+    EXPECT_VALUES("false false false false", branch.get_parent(), below.get_root(), tree.active.get(), item.get());
     other.add_child(&branch);
     EXPECT_TRUE(item.set(&other.speed));
     EXPECT_NE(other.image(NV_iterator::mode_journal_1), "");
@@ -123,7 +114,8 @@ TEST_F(Tree, A_pointer_takes_only_what_a_stored_path_finds_again) {
         EXPECT_EQ(tree.active.set(target), taken) << target->get_name();
         const std::string image = tree.image(NV_iterator::mode_write);
         tree.active.set(nullptr);
-        EXPECT_TRUE(tree.load(image) && tree.active.get() == (taken ? target : nullptr)) << target->get_name();
+        EXPECT_VALUES(texts(true, (taken ? target : nullptr)), tree.load(image), tree.active.get())
+            << target->get_name();
     }
     EXPECT_EQ(tree.active._from_string("sections/2"), nullptr);
 }
@@ -150,8 +142,8 @@ TEST_F(Tree, Text_form_is_read_back_and_cut_to_its_buffer) {
     for (int size = 1; size < 40; ++size) {
         const auto exact = std::make_unique<char[]>(static_cast<size_t>(size));
         const int n = tree._to_string(exact.get(), size);
-        EXPECT_TRUE(n == static_cast<int>(strlen(exact.get())) && n < size) << size;
-        EXPECT_TRUE((size != 2 || exact[0] == '{') && (size <= 36 || exact.get() == whole)) << size;
+        EXPECT_VALUES(texts(static_cast<int>(strlen(exact.get())), true), n, n < size) << size;
+        EXPECT_VALUES("true true", (size != 2 || exact[0] == '{'), (size <= 36 || exact.get() == whole)) << size;
     }
 }
 
@@ -185,11 +177,11 @@ TEST_F(Tree, Waiters_are_told_by_kind) {
     for (int i = 0; i < 4; ++i) {
         waiter_event e;
         ASSERT_EQ(waiter.get_event(&e, Atime(false)), 0);
-        EXPECT_TRUE(e.module_id == item.get_module_id(static_cast<Reg_type>(i + 1)) && e.data == targets[i]) << i;
+        EXPECT_VALUES(texts(item.get_module_id(static_cast<Reg_type>(i + 1)), targets[i]), e.module_id, e.data) << i;
         EXPECT_EQ(item.is_event(e), i == 1);
     }
-    EXPECT_TRUE(item.unregister_waiter(&waiter, 77, false) && item.autounreg_waiter(&waiter, false));
-    EXPECT_TRUE(access.unregister_waiter(&waiter, false) && virt.autounreg(&waiter, false));
+    EXPECT_VALUES("true true", item.unregister_waiter(&waiter, 77, false), item.autounreg_waiter(&waiter, false));
+    EXPECT_VALUES("true true", access.unregister_waiter(&waiter, false), virt.autounreg(&waiter, false));
     EXPECT_FALSE(item.unregister_waiter(&waiter, 77, false));
     tree.wheel.offset.set(6);
     EXPECT_EQ(told(), "");
@@ -275,10 +267,10 @@ TEST_F(Tree, Remote_format_shows_names_as_the_parent_does_and_values_are_read_ba
     tree.register_waiter(&waiter, 1, false);
     CDS::Remote::Receive_buffer in(bytes, static_cast<int>(values.position - bytes)), short_one(bytes, 5);
     ASSERT_TRUE(tree.deserialise(in, start).ok());
-    EXPECT_TRUE(tree.wheel.offset.get() == 7 && tree.active.get() == &tree.wheel.offset);
+    EXPECT_VALUES(texts(7, &tree.wheel.offset), tree.wheel.offset.get(), tree.active.get());
     EXPECT_EQ(told(), "11");
     const auto result = tree.deserialise(short_one, start);
-    EXPECT_TRUE(result.stop() == tree.wheel.offset.get_data_id() && result.next() == tree.sections.get_data_id());
+    EXPECT_VALUES(texts(tree.wheel.offset.get_data_id(), tree.sections.get_data_id()), result.stop(), result.next());
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "support/Temporary_folder.h"
-#include "support/child.h"
 #include "support/frames.h"
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "support/Temporary_folder.h"
-#include "support/child.h"
 #include "support/frame.h"
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 
@@ -54,7 +52,7 @@ TEST(history_dump, answers_what_is_wrong_with_one_line_and_a_status) {
         const std::string file = folder.file("garbage0.dat");
         write_file(file, garbage);
         Child_result r = run_program(HISTORY_DUMP, {folder.path});
-        EXPECT_TRUE(r.status == 1 && r.err.find("garbage0.dat: ") != std::string::npos) << garbage << r.err;
+        EXPECT_VALUES("1 true", r.status, r.err.find("garbage0.dat: ") != std::string::npos) << garbage << r.err;
         std::filesystem::remove(file);
     }
     EXPECT_EQ(run_program(HISTORY_DUMP, {"-h"}).out.rfind("Usage: ", 0), 0u);

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "NV_store/Image_builder.h"
-#include "support/Temporary_folder.h"
-#include "support/child.h"
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 using Image::bytes;
 using Image::frame;

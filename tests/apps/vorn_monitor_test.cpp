@@ -1,15 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "support/Pty.h"
-#include "support/child.h"
 #include "support/frame.h"
-#include <csignal>
-#include <fcntl.h>
-#include <gtest/gtest.h>
+#include "support/test.h"
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <tuple>
 
 namespace {
 
@@ -214,7 +209,7 @@ TEST(vorn_monitor, waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_no
     ASSERT_TRUE(monitor.says("vorn_monitor: " + link + " is back\n")) << monitor.said;
     ASSERT_TRUE(monitor.says(packet, receiver.get())) << monitor.said;
     kill(monitor.pid, SIGINT);
-    EXPECT_TRUE(monitor.says("bytes left over") && monitor.ends_well()) << monitor.said;
+    EXPECT_VALUES("true true", monitor.says("bytes left over"), monitor.ends_well()) << monitor.said;
     EXPECT_EQ(read_file(record).substr(0, bytes.size()), bytes);
 
     Live_monitor unread(link);

@@ -1,13 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "cds/Block_fixture.h"
 #include "glue/cds/CDS_remote.h"
-#include "support/capture.h"
-#include "support/child.h"
+#include "support/test.h"
 #include <cmath>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <memory>
-#include <random>
 
 namespace {
 
@@ -73,8 +68,8 @@ TEST_F(Lookup, Finds_items_by_path_and_by_identifier) {
     EXPECT_EQ(i.root.find_item("engine.speed.x", '.'), nullptr);
     EXPECT_EQ(err.text(), "Base find item, why? speed,3,x,.\n");
 
-    EXPECT_TRUE(i.root.find_data_item(1) == &i.root && i.root.find_data_item(9) == &i.on);
-    EXPECT_TRUE(i.engine.find_item(5) == &i.load && i.engine.find_item(9) == nullptr);
+    EXPECT_VALUES(texts(&i.root, &i.on), i.root.find_data_item(1), i.root.find_data_item(9));
+    EXPECT_VALUES(texts(&i.load, nullptr), i.engine.find_item(5), i.engine.find_item(9));
 }
 
 TEST_F(Lookup, Describes_the_structure_to_a_depth) {
@@ -94,7 +89,7 @@ TEST_F(Lookup, Describes_the_structure_to_a_depth) {
 TEST_F(Lookup, Reading_signals_just_what_changed_and_takes_no_more_elements_than_there_are) {
     CDS::Access_base whole(&head, 0, sizeof(Block)), speed(&head, offsetof(Block, engine.speed), 2),
         last_level(&head, offsetof(Block, levels) + 6, 2);
-    ASSERT_TRUE(whole.reg(&inbox.waiter, 1) == 0 && speed.reg(&inbox.waiter, 2) == 0);
+    ASSERT_VALUES("0 0", whole.reg(&inbox.waiter, 1), speed.reg(&inbox.waiter, 2));
     ASSERT_EQ(last_level.reg(&inbox.waiter, 3), 0);
     std::string bytes = values();
     EXPECT_EQ(read(items.root, bytes), "0 left");
@@ -200,7 +195,7 @@ TEST(Compare, Finds_the_first_difference) {
     for (int at = 0; at < 5000; before[at] = 0, at += 7) {
         before[at] = 1;
         const CDS::Compare compare(now, before, sizeof now);
-        EXPECT_TRUE(!compare.done && compare.first_diff == at) << at;
+        EXPECT_VALUES(texts(true, at), !compare.done, compare.first_diff) << at;
     }
     // Going back looks only at what lies behind the old place: children stand in block order.
     before[10] = before[600] = 1;
@@ -222,7 +217,7 @@ void expect_travels(int type, T value, const char* bytes, size_t width = sizeof(
     CDS::Value<T> one(root, "one", block.one);
     CDS::Array<T> two(root, "two", block.two);
     root.finish();
-    EXPECT_TRUE(one.get_type_byte() == type && two.get_type_byte() == 0x20 + type) << type;
+    EXPECT_VALUES(texts(type, 0x20 + type), one.get_type_byte(), two.get_type_byte()) << type;
 
     const std::string encoded(bytes, width);
     char page[64];
@@ -233,7 +228,7 @@ void expect_travels(int type, T value, const char* bytes, size_t width = sizeof(
     block.one = block.two[1] = T();
     CDS::Remote::Receive_buffer in(page, static_cast<int>(out.position - page));
     EXPECT_TRUE(root.deserialise(in, start).ok());
-    EXPECT_TRUE(block.one == value && block.two[1] == value) << type;
+    EXPECT_VALUES(texts(value, value), block.one, block.two[1]) << type;
 }
 
 TEST(Items, Of_every_type_travel) {

@@ -1,12 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "cds/Block_fixture.h"
-#include "support/allocations.h"
-#include "support/capture.h"
-#include "support/child.h"
-#include <algorithm>
-#include <csignal>
-#include <gtest/gtest.h>
-#include <memory>
+#include "support/test.h"
 
 namespace {
 
@@ -123,7 +117,7 @@ TEST_F(Events, Handles_carry_themselves_as_target) {
     for (const auto& [type, target] : expected) {
         waiter_event e;
         ASSERT_EQ(inbox.waiter.get_event(&e, Atime(false)), 0);
-        EXPECT_TRUE(e.data == target && e.id == 0) << type;
+        EXPECT_VALUES(texts(target, 0), e.data, e.id) << type;
         for (const auto& other : expected) EXPECT_EQ(head.is_event(e, other.first), other.first == type);
     }
     EXPECT_EQ(handle.unreg(&inbox.waiter, -5) | handle.autounreg(&inbox.waiter) | wheel.autounreg(&inbox.waiter), 0);

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/CDS_structure.h"
-#include "support/capture.h"
 #include "support/frame.h"
-#include <cstring>
-#include <gtest/gtest.h>
-#include <string>
+#include "support/test.h"
 
 using namespace CDS::Remote;
 
@@ -39,24 +36,24 @@ TEST(Receive_buffer, Reads_headers_and_nothing_when_it_is_short) {
     unsigned int value = 77;
     Receive_buffer cut("abc", 3);
     EXPECT_FALSE(cut.pop_UINT32(value));
-    EXPECT_TRUE(value == 77 && cut.remaining == 3 && *cut.position == 'a');
+    EXPECT_VALUES(texts(77, 3, 'a'), value, cut.remaining, *cut.position);
     const char text[] = "25:1a:my_name,";
     Receive_buffer in(text, sizeof text - 1);
     Data_item::item_type_t type;
     unsigned short id;
     int name_length;
     ASSERT_TRUE(in.pop_item(type, id, name_length));
-    EXPECT_TRUE(type == 0x25 && id == 0x1A);
+    EXPECT_VALUES(texts(0x25, 0x1A), type, id);
     EXPECT_EQ(std::string(in.position - name_length, in.position), "my_name");
     EXPECT_TRUE(in.field_sep());
     EXPECT_EQ(in.remaining, 1);
     EXPECT_FALSE(in.pop_one()); // the zero behind it
-    EXPECT_FALSE(in.field_sep() || in.struct_start() || in.struct_finish() || in.pop_one());
-    EXPECT_TRUE(Receive_buffer("{", 0).struct_start() && Receive_buffer("}", 0).struct_finish());
+    EXPECT_VALUES("false false false false", in.field_sep(), in.struct_start(), in.struct_finish(), in.pop_one());
+    EXPECT_VALUES("true true", Receive_buffer("{", 0).struct_start(), Receive_buffer("}", 0).struct_finish());
     EXPECT_TRUE(Receive_buffer(",", 0).field_sep()) << "the byte alone decides";
     for (const char* bad : {"25-1a:x", "25:", ":1a:x", "zz:1:x", ""}) {
         Receive_buffer broken(bad, static_cast<int>(strlen(bad)));
-        EXPECT_FALSE(broken.pop_item(type, id, name_length) || broken.position != bad) << bad;
+        EXPECT_VALUES("false false", broken.pop_item(type, id, name_length), broken.position != bad) << bad;
     }
 }
 

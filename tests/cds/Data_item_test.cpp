@@ -2,12 +2,7 @@
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/Data_item.h"
 #include "glue/cds/Data_item_text.h"
-#include "support/child.h"
-#include <algorithm>
-#include <csignal>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <string>
+#include "support/test.h"
 
 namespace {
 
@@ -36,7 +31,7 @@ TEST(Data_item, Identifiers_are_exhausted_once_and_a_structure_description_is_a_
 
 TEST(Serial_ret, An_identifier_is_a_result) {
     const Data_item::Serial_ret stopped = static_cast<unsigned short>(12);
-    EXPECT_TRUE(stopped.fail() && stopped.stop() == 12 && !stopped.next_set());
+    EXPECT_VALUES("true 12 false", stopped.fail(), stopped.stop(), stopped.next_set());
 }
 
 template <class T>

@@ -3,14 +3,8 @@
 #include "glue/diner/module_man.h"
 #include "glue/diner/waiter_descriptor.h"
 #include "glue/vorn/Binary_message.h"
-#include "support/Manual_clock.h"
 #include "support/Pty.h"
-#include "support/capture.h"
-#include "support/wait_until.h"
-#include <gtest/gtest.h>
-#include <numeric>
-#include <random>
-#include <thread>
+#include "support/test.h"
 
 namespace {
 
@@ -79,9 +73,9 @@ TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
                               : operation == "get_data"  ? s.get_data(std::vector<unsigned char>(5000).data(), c.asked)
                               : operation == "[]"        ? s[c.asked - 1] == static_cast<unsigned char>(c.asked - 1)
                                                          : s.drop(c.asked);
-            EXPECT_TRUE(done == c.done && s.fetched == c.fetched) << s.fetched;
+            EXPECT_VALUES(texts(c.done, c.fetched), done, s.fetched) << s.fetched;
             EXPECT_EQ(s.bytes_avail(), static_cast<int>(s.taken - (done && operation == "drop" ? c.asked : 0)));
-            EXPECT_TRUE(s[0xFFFFFFFFu] == 0 && !lock.is_locked());
+            EXPECT_VALUES("0 false", s[0xFFFFFFFFu], lock.is_locked());
         }
     }
 }
@@ -124,13 +118,14 @@ protected:
         tx.init(&modules);
         b.reg_rx_waiter(&rx, false);
         a.reg_tx_waiter(&tx, false);
-        for (auto* part : {&a, &b}) EXPECT_TRUE(part->set_read_timeout(20000) && part->set_write_timeout(20000));
+        for (auto* part : {&a, &b})
+            EXPECT_VALUES("true true", part->set_read_timeout(20000), part->set_write_timeout(20000));
     }
     /// The digits of the event ids pending at a waiter; each event must carry nothing but its sender's id.
     static std::string events(waiter_descriptor& w, const Event_sender_data_stream& sender) {
         std::string ids;
         for (waiter_event e; w.get_event(&e, Atime(false)) == 0; ids += std::to_string(e.id))
-            EXPECT_TRUE(static_cast<unsigned short>(e.module_id) == sender.module_id() && e.data == 0);
+            EXPECT_VALUES(texts(sender.module_id(), 0), static_cast<unsigned short>(e.module_id), e.data);
         return ids;
     }
     module_man modules;
@@ -146,13 +141,13 @@ TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_ro
         const Manual_clock stands_still;
         a.set_write_timeout(timeout_ms);
         b.set_read_timeout(timeout_ms);
-        EXPECT_TRUE(put(a, row(200)) == 128 && events(rx, b) == (told ? "1" : ""));
-        EXPECT_TRUE(put(a, "x") == 0 && events(rx, b) == "");
-        EXPECT_TRUE(!b.drop(130) && events(tx, a) == (told ? "3" : "") && take(b, 128) == row(128));
+        EXPECT_VALUES(texts(128, (told ? "1" : "")), put(a, row(200)), events(rx, b));
+        EXPECT_VALUES(texts(0, ""), put(a, "x"), events(rx, b));
+        EXPECT_VALUES(texts(false, (told ? "3" : ""), row(128)), b.drop(130), events(tx, a), take(b, 128));
     }
     a.set_default_write_timeout();
     put(a, "0123456789");
-    EXPECT_TRUE(b.bytes_avail(4u) && b.bytes_avail() == 4) << "no more than asked for";
+    EXPECT_VALUES("true 4", b.bytes_avail(4u), b.bytes_avail()) << "no more than asked for";
     b.flush();
     put(a, "new");
     EXPECT_EQ(take(b, 7), "0123new");
@@ -164,7 +159,7 @@ TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_ro
 
 TEST_F(Pair, a_waiter_is_told_of_what_it_asked_for) {
     EXPECT_NE(a.module_id(), b.module_id());
-    EXPECT_TRUE(static_cast<void*>(&a) == &pair && &a + 1 == &b) << "the lock comes behind them";
+    EXPECT_VALUES(texts(&pair, &b), static_cast<void*>(&a), &a + 1) << "the lock comes behind them";
     // At the limit only: when full, when empty.
     for (const auto& [only_at_the_limit, written, read, told_rx, told_tx] : {
              std::tuple{false, 127u, 126u, "0", "2"},
@@ -176,7 +171,7 @@ TEST_F(Pair, a_waiter_is_told_of_what_it_asked_for) {
          }) {
         b.reg_rx_waiter(&rx, only_at_the_limit);
         a.reg_tx_waiter(&tx, only_at_the_limit);
-        EXPECT_TRUE(put(a, row(written)) == written && events(rx, b) == told_rx) << written;
+        EXPECT_VALUES(texts(written, told_rx), put(a, row(written)), events(rx, b)) << written;
         take(b, read);
         EXPECT_EQ(events(tx, a), told_tx) << read;
     }

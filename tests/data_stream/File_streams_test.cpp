@@ -4,12 +4,7 @@
 #include "glue/diner/module_man.h"
 #include "platform/pcf_host.h"
 #include "support/Pty.h"
-#include "support/capture.h"
-#include "support/child.h"
-#include <climits>
-#include <csignal>
-#include <fcntl.h>
-#include <gtest/gtest.h>
+#include "support/test.h"
 #include <sys/resource.h>
 
 using namespace std::string_literals;
@@ -49,13 +44,15 @@ protected:
 
 TEST_F(Files, are_appended_to_and_read_by_path_or_descriptor) {
     File_data_stream s;
-    EXPECT_FALSE(s.close_read() || s.close_write() || s.get_data(1) || File_data_stream::exists(path.c_str()));
-    EXPECT_TRUE(s.get_data(0) && put(s, "x") == UINT_MAX && s.get_length() == UINT_MAX);
+    EXPECT_VALUES("false false false false", s.close_read(), s.close_write(), s.get_data(1),
+                  File_data_stream::exists(path.c_str()));
+    EXPECT_VALUES(texts(true, UINT_MAX, UINT_MAX), s.get_data(0), put(s, "x"), s.get_length());
     for (const char* piece : {"hello ", "world"})
-        EXPECT_TRUE(s.open_write(path.c_str()) && put(s, piece) == strlen(piece) && s.close_write());
-    EXPECT_TRUE(s.open_read(path.c_str()) && s[6] == 'w' && s.get_length() == 11 && drain(s) == "hello world");
+        EXPECT_VALUES(texts(true, strlen(piece), true), s.open_write(path.c_str()), put(s, piece), s.close_write());
+    EXPECT_VALUES(texts(true, 'w', 11, "hello world"), s.open_read(path.c_str()), s[6], s.get_length(), drain(s));
     EXPECT_EQ(stream_name("DSFile", s, "," + path + ", r"), s.name);
-    EXPECT_TRUE(s.close_read() && s.open_read(::open(path.c_str(), O_RDONLY)) && drain(s) == "hello world");
+    EXPECT_VALUES(texts(true, true, "hello world"), s.close_read(), s.open_read(::open(path.c_str(), O_RDONLY)),
+                  drain(s));
     EXPECT_TRUE(File_data_stream::exists((path + "/below").c_str())) << "not a folder: it cannot be told";
 
     EXPECT_EQ(run_child([&] { s.open_read(missing.c_str()); }).end(), "123 " + failure);
@@ -88,19 +85,21 @@ TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
     }
     write_file(path, "\nCRC32=5CA1AB1E");
     File_checksummed_data_stream s;
-    EXPECT_TRUE(s.open_read(path.c_str()) && s.read_crc32_seek_off == -1 && !s._get_data(0));
+    EXPECT_VALUES("true -1 false", s.open_read(path.c_str()), s.read_crc32_seek_off, s._get_data(0));
     Capture err(stderr);
-    EXPECT_FALSE(s.open_read(missing.c_str()) || s.open_write(missing.c_str()) || s.close_write() || s.open_read(0));
-    EXPECT_TRUE(put(s, "x") == UINT_MAX && s.get_crc() == File_checksummed_data_stream::seed) << "nothing is covered";
+    EXPECT_VALUES("false false false false", s.open_read(missing.c_str()), s.open_write(missing.c_str()),
+                  s.close_write(), s.open_read(0));
+    EXPECT_VALUES(texts(UINT_MAX, File_checksummed_data_stream::seed), put(s, "x"), s.get_crc())
+        << "nothing is covered";
     EXPECT_EQ(err.text(), failure + failure + "CRCFILE not open for write!\n");
 
     struct rlimit limit;
     getrlimit(RLIMIT_FSIZE, &limit);
     const struct rlimit tight = {100, limit.rlim_max};
     signal(SIGXFSZ, SIG_IGN);
-    EXPECT_TRUE(s.open_write(path.c_str()) && setrlimit(RLIMIT_FSIZE, &tight) == 0);
+    EXPECT_VALUES("true 0", s.open_write(path.c_str()), setrlimit(RLIMIT_FSIZE, &tight));
     put(s, std::string(10000, 'x'));
-    EXPECT_TRUE(setrlimit(RLIMIT_FSIZE, &limit) == 0 && s.close_write());
+    EXPECT_VALUES("0 true", setrlimit(RLIMIT_FSIZE, &limit), s.close_write());
     EXPECT_EQ(read_file(path).find("CRC32"), std::string::npos) << "no trailer after a write error";
 }
 
@@ -109,18 +108,18 @@ TEST_F(Files, with_a_checksum_may_be_opened_again_each_way_at_any_time) {
     save_and_load("a record");
     std::filesystem::rename(path, other);
     File_checksummed_data_stream s;
-    ASSERT_TRUE(s.open_write(path.c_str()) && put(s, "the old text") == 12 && s.open_write(path.c_str()));
+    ASSERT_VALUES("true 12 true", s.open_write(path.c_str()), put(s, "the old text"), s.open_write(path.c_str()));
     EXPECT_EQ(put(s, "hello"), 5u);
-    EXPECT_TRUE(s.open_read(other.c_str()) && drain(s) == "a record") << "verified beside the writing";
+    EXPECT_VALUES(texts(true, "a record"), s.open_read(other.c_str()), drain(s)) << "verified beside the writing";
     const uint32_t* const checksum = reinterpret_cast<uint32_t*>(&s.read_crc32_seek_off) - 1;
     EXPECT_EQ(*checksum, s.get_crc()) << "the fields' order";
-    EXPECT_TRUE(put(s, " world") == 6 && s.close_write());
+    EXPECT_VALUES("6 true", put(s, " world"), s.close_write());
     EXPECT_EQ(load(), "hello world");
 
     Capture err(stderr);
     const std::string idle = stream_name("CRCFILE", s, ""), huge = folder.file("huge");
-    EXPECT_TRUE(!s.open_read(missing.c_str()) && s.name == idle && !s.close_read());
-    EXPECT_TRUE(s.open_write(path.c_str()) && !s.open_write(missing.c_str()) && s.name == idle);
+    EXPECT_VALUES(texts(false, idle, false), s.open_read(missing.c_str()), s.name, s.close_read());
+    EXPECT_VALUES(texts(true, false, idle), s.open_write(path.c_str()), s.open_write(missing.c_str()), s.name);
     write_file(huge, "x");
     std::filesystem::resize_file(huge, uintmax_t{3} << 30);
     EXPECT_FALSE(s.open_read(huge.c_str()));
@@ -136,14 +135,14 @@ unsigned fill(F& s, size_t n) { return put(s, std::string(n, 'x')); }
 
 void save(const char* name, size_t n) {
     F s;
-    EXPECT_TRUE(s.open_write(name, 1) == F::done && fill(s, n) == n && s.close_write() == F::done) << name;
+    EXPECT_VALUES(texts(F::done, n, F::done), s.open_write(name, 1), fill(s, n), s.close_write()) << name;
 }
 
 unsigned length(const char* name) {
     F s;
     EXPECT_EQ(s.open_read(name, 1), F::done);
     while (s.bytes_avail(1u)) s.drop_all();
-    EXPECT_TRUE(s.close_read() == 0 && s.close_read() == F::wrong_state);
+    EXPECT_VALUES(texts(0, F::wrong_state), s.close_read(), s.close_read());
     return static_cast<unsigned>(s.bytes_read);
 }
 
@@ -153,7 +152,7 @@ protected:
         static module_man& modules = *new module_man; // one for the process, as the class keeps its waiters
         if (F::waiters.module_id() == 0) F::static_init(modules);
         waiter.init(&modules);
-        EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 100) && F::register_waiter(&waiter) == 0);
+        EXPECT_VALUES("true 0", Pcf_host::mount(folder.path.c_str(), 100), F::register_waiter(&waiter));
     }
     ~Flash_stream() override {
         EXPECT_EQ(F::deregister_waiter(&waiter), 0);
@@ -204,8 +203,8 @@ TEST_F(Flash_stream, tells_what_stops_it_from_opening) {
     unmount();
     F s;
     Capture err(stderr);
-    EXPECT_FALSE(F::mounted() || F::exists("a") || F::copy("b", "a") || F::Iterator().get_name());
-    EXPECT_TRUE(s.open_read("a", 1) == F::not_mounted && s.open_write("a", 1) == F::not_mounted);
+    EXPECT_VALUES("false false false false", F::mounted(), F::exists("a"), F::copy("b", "a"), F::Iterator().get_name());
+    EXPECT_VALUES(texts(F::not_mounted, F::not_mounted), s.open_read("a", 1), s.open_write("a", 1));
     EXPECT_EQ(s.close_write(), F::wrong_state);
     EXPECT_EQ(err.text(),
               "PCF Datastream Failed 192 (a)\nPCF cannot iterate\nPCF Datastream Failed 207\nPCF not open\n");
@@ -215,22 +214,22 @@ TEST_F(Flash_stream, counts_what_is_free_and_tells_of_a_full_store_and_a_failed_
     F s;
     Capture err(stderr);
     EXPECT_EQ(fill(s, 1), refused) << "not open";
-    EXPECT_TRUE(s.open_write("a", 1) == F::done && s.open_write("a", 1) == F::wrong_state);
+    EXPECT_VALUES(texts(F::done, F::wrong_state), s.open_write("a", 1), s.open_write("a", 1));
     EXPECT_EQ(stream_name("DSPCF", s, ", a, w"), s.name);
-    EXPECT_TRUE(fill(s, 90) == 90 && F::pcf_info.free_bytes == 10 && s.bytes_written == 90);
-    EXPECT_TRUE(fill(s, 20) == refused && !s.is_open_write() && events() == "1");
+    EXPECT_VALUES("90 10 90", fill(s, 90), F::pcf_info.free_bytes, s.bytes_written);
+    EXPECT_VALUES(texts(refused, false, 1), fill(s, 20), s.is_open_write(), events());
     EXPECT_EQ(s.open_write("b", 1), F::done);
     Pcf_host::inject(Pcf_host::call_write, 1, Pcf_host::fault_short_write);
-    EXPECT_TRUE(fill(s, 4) == 2 && !s.is_open_write() && events() == "0");
+    EXPECT_VALUES("2 false 0", fill(s, 4), s.is_open_write(), events());
     save("b", 10);
-    EXPECT_TRUE(s.open_write("b", 1) == F::wrong_state && events() == "1");
+    EXPECT_VALUES(texts(F::wrong_state, 1), s.open_write("b", 1), events());
     EXPECT_EQ(err.text(), "PCF Datastream Failed 202\nPCF full\nPCF did not write 4!=2\nPCF failed to close\n"
                           "PCF Datastream Failed 216 (b 100 100)\n");
     EXPECT_EQ(length("a"), 90u);
     std::string names;
     for (F::Iterator i; const char* name = i.get_name(); i.next()) { // removing a file moves no other
         names += name;
-        EXPECT_TRUE(F::exists(name) && F::remove(name) && !F::remove(name) && !F::exists(name));
+        EXPECT_VALUES("true true false false", F::exists(name), F::remove(name), F::remove(name), F::exists(name));
     }
     EXPECT_EQ(names, "ab");
 }
@@ -238,9 +237,9 @@ TEST_F(Flash_stream, counts_what_is_free_and_tells_of_a_full_store_and_a_failed_
 TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
     Pcf_host::mount(folder.path.c_str(), 3000);
     save("a", 1200), save("b", 7), save("empty", 0);
-    EXPECT_TRUE(F::copy("b", "a") && length("b") == 1200 && events() == "");
-    EXPECT_TRUE(F::copy("c", "a") && length("c") == 500 && events() == "1") << "tells when it stops for lack of room";
-    EXPECT_FALSE(F::copy("c", "none") || F::copy("b", "empty") || F::exists("b"));
+    EXPECT_VALUES(texts(true, 1200, ""), F::copy("b", "a"), length("b"), events());
+    EXPECT_VALUES("true 500 1", F::copy("c", "a"), length("c"), events()) << "tells when it stops for lack of room";
+    EXPECT_VALUES("false false false", F::copy("c", "none"), F::copy("b", "empty"), F::exists("b"));
     for (const auto& [call, nth] : {std::pair{Pcf_host::call_open_read, 1}, {Pcf_host::call_read, 2}}) {
         Pcf_host::inject(call, nth, Pcf_host::fault_error);
         EXPECT_FALSE(F::copy("d", "a")) << "cut at call " << nth;

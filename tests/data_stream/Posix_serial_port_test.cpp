@@ -2,17 +2,10 @@
 // A line of this program's own making: pseudo-terminals have no modem lines and keep neither sizes nor parity, so the
 // calls that reach a driver end here.
 #include "glue/data_stream/Posix_serial_port.h"
-#include "support/capture.h"
+#include "support/test.h"
 #include "util/api.h"
-#include <cerrno>
-#include <cstdarg>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/ioctl.h>
 #include <termios.h>
-#include <tuple>
-#include <vector>
 
 namespace {
 
@@ -71,7 +64,7 @@ class Serial_port : public testing::Test {
 protected:
     Serial_port() {
         line = Line();
-        EXPECT_TRUE(port.init() && whole.init());
+        EXPECT_VALUES("true true", port.init(), whole.init());
     }
     Port port, whole;
     Port::Status status;
@@ -85,30 +78,31 @@ TEST_F(Serial_port, init_makes_a_raw_line_and_a_second_one_keeps_what_was_saved)
     const struct termios found = line.settings;
     Port p;
     ASSERT_TRUE(p.init());
-    EXPECT_TRUE(line.settings.c_cflag == (CREAD | CLOCAL | CS8 | B50) && !(line.settings.c_lflag & (ICANON | ECHO)) &&
-                line.settings.c_cc[VMIN] == 1 && line.settings.c_cc[VTIME] == 0);
+    EXPECT_VALUES(texts((CREAD | CLOCAL | CS8 | B50), true, 1, 0), line.settings.c_cflag,
+                  !(line.settings.c_lflag & (ICANON | ECHO)), line.settings.c_cc[VMIN], line.settings.c_cc[VTIME]);
     EXPECT_EQ(2400, p.get_baudRate()) << "a speed that is not in the table";
-    EXPECT_TRUE(p.set_baud_rate(115200) && p.init() && p.get_baudRate() == 115200);
-    EXPECT_TRUE(p.restore() && memcmp(&found, &line.settings, sizeof found) == 0);
+    EXPECT_VALUES("true true 115200", p.set_baud_rate(115200), p.init(), p.get_baudRate());
+    EXPECT_VALUES("true 0", p.restore(), memcmp(&found, &line.settings, sizeof found));
 }
 
 TEST_F(Serial_port, does_nothing_while_closed_or_refused) {
     whole.fd = -1;
     line.fails = true;
-    EXPECT_FALSE(Port().init() || whole.get_baudRate() || port.open_from_args("d::rs485"));
+    EXPECT_VALUES("false false false", Port().init(), whole.get_baudRate(), port.open_from_args("d::rs485"));
     for (Port* p : {&whole, &port})
-        EXPECT_FALSE(p->restore() || p->set_baud_rate(9600) || p->set_format({}) || p->get_status(status) ||
-                     p->set_handshake(status.handshake) || p->set_state({}) || p->set_rts_state(true));
+        EXPECT_VALUES("false false false false false false false", p->restore(), p->set_baud_rate(9600),
+                      p->set_format({}), p->get_status(status), p->set_handshake(status.handshake), p->set_state({}),
+                      p->set_rts_state(true));
 }
 
 TEST_F(Serial_port, moves_the_modem_lines_of_a_handshake_though_the_line_refuses_its_settings) {
     line.is_fixed = true;
-    EXPECT_TRUE(!port.set_handshake(Port::handshake_rts_cts) && line.modem == TIOCM_RTS);
+    EXPECT_VALUES(texts(false, TIOCM_RTS), port.set_handshake(Port::handshake_rts_cts), line.modem);
     Port::State state;
     state.status.dtr = 1;
-    EXPECT_TRUE(!whole.set_state(state) && line.modem == TIOCM_DTR);
+    EXPECT_VALUES(texts(false, TIOCM_DTR), whole.set_state(state), line.modem);
     state.status.handshake = Port::handshake_rts_cts;
-    EXPECT_TRUE(!whole.set_state(state) && line.modem == (TIOCM_DTR | TIOCM_RTS));
+    EXPECT_VALUES(texts(false, (TIOCM_DTR | TIOCM_RTS)), whole.set_state(state), line.modem);
 }
 
 TEST_F(Serial_port, settings_are_written_together_or_one_by_one_and_read_back) {
@@ -144,8 +138,8 @@ TEST_F(Serial_port, settings_are_written_together_or_one_by_one_and_read_back) {
             EXPECT_EQ(line.modem, TIOCM_CTS | (c.handshake == hardware ? TIOCM_RTS : together ? TIOCM_DTR : 0));
             EXPECT_EQ(c.control, line.settings.c_cflag & (CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS));
             EXPECT_EQ(c.input, line.settings.c_iflag & (IXON | IXOFF));
-            EXPECT_TRUE(cfgetospeed(&line.settings) == c.code && p.get_baudRate() == c.got);
-            EXPECT_TRUE(p.get_format(state.format) && state.format == c.back && p.get_status(status));
+            EXPECT_VALUES(texts(c.code, c.got), cfgetospeed(&line.settings), p.get_baudRate());
+            EXPECT_VALUES("true true true", p.get_format(state.format), state.format == c.back, p.get_status(status));
             EXPECT_EQ(status.handshake, c.handshake == 3 ? 0 : c.handshake);
         }
     }
@@ -155,9 +149,9 @@ TEST_F(Serial_port, modem_lines_are_written_only_when_they_change) {
     line.modem = TIOCM_DTR | TIOCM_CTS;
     Port::State state;
     state.status.dtr = 1;
-    EXPECT_TRUE(port.set_dtr_state(true) && port.set_rts_state(false) && port.set_state(state));
+    EXPECT_VALUES("true true true", port.set_dtr_state(true), port.set_rts_state(false), port.set_state(state));
     EXPECT_EQ(0u, line.modem_written.size());
-    EXPECT_TRUE(port.set_rts_state(true) && port.set_dtr_state(false));
+    EXPECT_VALUES("true true", port.set_rts_state(true), port.set_dtr_state(false));
     EXPECT_EQ(std::vector<int>({TIOCM_DTR | TIOCM_CTS | TIOCM_RTS, TIOCM_CTS | TIOCM_RTS}), line.modem_written);
     for (int one : {TIOCM_DTR, TIOCM_RTS, TIOCM_CTS, TIOCM_DSR}) {
         line.modem = one;
@@ -185,7 +179,7 @@ TEST_F(Serial_port, device_arguments_keep_empty_fields_and_switch_the_transceive
         line.modem = modem;
         Port p;
         const std::string said = debug_text([&, &arguments = arguments] { p.open_from_args(arguments.c_str()); });
-        EXPECT_TRUE(p.opened == path && p.get_baudRate() == baud) << arguments;
+        EXPECT_VALUES(texts(path, baud), p.opened, p.get_baudRate()) << arguments;
         EXPECT_EQ(said, baud == 300     ? "d: no speed abc, 300 bit/s are set\n"
                         : baud == 57600 ? "d: no speed 50000, 57600 bit/s are set\n"
                                         : "");

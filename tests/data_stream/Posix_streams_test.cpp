@@ -4,18 +4,10 @@
 #include "glue/diner/module_man.h"
 #include "glue/vorn/Vorn_parser.h"
 #include "support/Pty.h"
-#include "support/capture.h"
-#include "support/child.h"
-#include "support/wait_until.h"
-#include <fcntl.h>
-#include <gtest/gtest.h>
+#include "support/test.h"
 #include <regex>
-#include <set>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <thread>
-#include <tuple>
 
 namespace {
 
@@ -48,18 +40,22 @@ TEST(Posix_stream, opens_with_flags_and_mode_and_closes_each_descriptor_once) {
                       opened = begin + "Opened " + file + "\n", error = "Error opening file [" + file + "]\n";
     const char* const path = file.c_str();
     Capture err(stderr);
-    EXPECT_FALSE(s.open(path, false, true, false) || s.open_write(path, false, true, true) || s.open_read(path, true));
-    EXPECT_TRUE(s.open(path, true, true, false) && s.read_flags() == O_RDWR);
+    EXPECT_VALUES("false false false", s.open(path, false, true, false), s.open_write(path, false, true, true),
+                  s.open_read(path, true));
+    EXPECT_VALUES(texts(true, O_RDWR), s.open(path, true, true, false), s.read_flags());
     EXPECT_EQ(stream_name("DSPosix", s, ", " + file + ", rw"), s.name);
-    EXPECT_TRUE(s.open(path, false, false, true) && s.write_flags() == (O_RDWR | O_NONBLOCK | O_APPEND));
-    EXPECT_TRUE(s.open_write(path, true, false, true) && s.write_flags() == (O_WRONLY | O_NONBLOCK | O_APPEND));
-    EXPECT_TRUE(s.open_write(path, false, true, false) && s.write_flags() == O_WRONLY);
-    EXPECT_TRUE(s.open_read(path, false) && s.read_flags() == O_NONBLOCK);
+    EXPECT_VALUES(texts(true, (O_RDWR | O_NONBLOCK | O_APPEND)), s.open(path, false, false, true), s.write_flags());
+    EXPECT_VALUES(texts(true, (O_WRONLY | O_NONBLOCK | O_APPEND)), s.open_write(path, true, false, true),
+                  s.write_flags());
+    EXPECT_VALUES(texts(true, O_WRONLY), s.open_write(path, false, true, false), s.write_flags());
+    EXPECT_VALUES(texts(true, O_NONBLOCK), s.open_read(path, false), s.read_flags());
     EXPECT_EQ(begin + error + error + error + opened + opened, err.text());
     EXPECT_EQ(std::filesystem::perms(0666), std::filesystem::status(file).permissions());
     EXPECT_EQ(before + 2, num_descriptors()) << "what was open is closed first";
-    EXPECT_TRUE(!s.close() && s.close_write() && s.close_read() && !s.close() && !s.close_write() && !s.close_read());
-    EXPECT_TRUE(s.open(path, false, true, false) && !s.close_read() && !s.close_write() && s.close());
+    EXPECT_VALUES("false true true false false false", s.close(), s.close_write(), s.close_read(), s.close(),
+                  s.close_write(), s.close_read());
+    EXPECT_VALUES("true false false true", s.open(path, false, true, false), s.close_read(), s.close_write(),
+                  s.close());
     EXPECT_EQ(stream_name("DSPosix", s, ""), s.name);
     EXPECT_EQ(before, num_descriptors());
 }
@@ -85,21 +81,24 @@ TEST(Posix_stream, keeps_what_came_before_the_end_and_bounds_whole_transfers_on_
         reader._get_data(1);
         reader.drop_all();
         EXPECT_EQ(5u, put(writer, "hello")) << "a stream without a read descriptor waits on the one it has";
-        EXPECT_TRUE(reader.bytes_avail(2u) && reader.bytes_avail() == 2) << "the next call has the whole time again";
+        EXPECT_VALUES("true 2", reader.bytes_avail(2u), reader.bytes_avail())
+            << "the next call has the whole time again";
         set_timeouts(10);
         const int taken = static_cast<int>(put(writer, std::string(5000, 'y')));
-        EXPECT_TRUE(ioctl(p.in, FIONREAD, &waiting) == 0 && waiting == 3 + taken && taken < 5000) << "what had room";
+        EXPECT_VALUES(texts(0, 3 + taken, true), ioctl(p.in, FIONREAD, &waiting), waiting, taken < 5000)
+            << "what had room";
         EXPECT_EQ(0u, put(both, "x")) << "asked of the read descriptor: that of a pipe never takes bytes";
         both.set_default_write_timeout();
         both.set_default_read_timeout();
-        EXPECT_TRUE(put(both, "xy") == 2 && both[0] == 'x' && both.close_write() && !both.bytes_avail(3u)) << "the end";
-        EXPECT_TRUE(take(both) == "xy" && put(both, "x") == failed && both.bytes_read == 2 && both.bytes_written == 2);
+        EXPECT_VALUES(texts(2, 'x', true, false), put(both, "xy"), both[0], both.close_write(), both.bytes_avail(3u))
+            << "the end";
+        EXPECT_VALUES(texts("xy", failed, 2, 2), take(both), put(both, "x"), both.bytes_read, both.bytes_written);
         EXPECT_FALSE(both.close_read() && both._get_data(0)) << "closed";
 
         Capture err(stderr);
         ::close(p.in);
         ::close(p.out);
-        EXPECT_FALSE(reader.bytes_avail(3000u) || put(writer, "x") != 0);
+        EXPECT_VALUES("false false", reader.bytes_avail(3000u), put(writer, "x") != 0);
         EXPECT_EQ("select(), Posix_data_stream::get_data: Bad file descriptor\n"
                   "select(), Posix_data_stream::_write: Bad file descriptor\n",
                   err.text());
@@ -113,14 +112,15 @@ TEST(Serial_stream, is_a_line_at_the_speed_of_its_argument) {
     EXPECT_EQ(stream_name("DSPosSer", s, ", " + pty.path + ":38400"), s.name);
     EXPECT_EQ(B38400, pty.speed());
     Posix_data_stream::Commander c;
-    EXPECT_TRUE(s.init_commander(c) && c.send_break(100) && s.close());
-    EXPECT_FALSE(s.initialised() || s.close() || s.init_commander(c) || c.send_break(100));
+    EXPECT_VALUES("true true true", s.init_commander(c), c.send_break(100), s.close());
+    EXPECT_VALUES("false false false false", s.initialised(), s.close(), s.init_commander(c), c.send_break(100));
     Temporary_folder dir;
     const std::string file = dir.file("f");
-    EXPECT_FALSE(s.open(file.c_str(), true, true, false) || s.initialised()) << "no line, but open";
+    EXPECT_VALUES("false false", s.open(file.c_str(), true, true, false), s.initialised()) << "no line, but open";
     EXPECT_NE(err.text().find(file + " is no serial line: Inappropriate ioctl for device\n"), std::string::npos);
-    EXPECT_TRUE(s.get_fd() >= 0 && s.init_commander(c) && !c.send_break(0));
-    EXPECT_TRUE(s.open_write(file.c_str(), false, true, false) && s.get_fd() == -1) << "two descriptors are no line";
+    EXPECT_VALUES("true true false", s.get_fd() >= 0, s.init_commander(c), c.send_break(0));
+    EXPECT_VALUES("true -1", s.open_write(file.c_str(), false, true, false), s.get_fd())
+        << "two descriptors are no line";
 }
 
 // ---- threaded
@@ -160,7 +160,7 @@ TEST(Threaded_streams, have_readers_named_by_instance_in_four_characters) {
     {
         Stream first, others[9], eleventh;
         for (const auto& [s, name] : {std::pair{&first, "PDS0\n"}, {&others[8], "PDS9\n"}, {&eleventh, "PDS1\n"}}) {
-            EXPECT_TRUE(s->start() && s->start());
+            EXPECT_VALUES("true true", s->start(), s->start());
             EXPECT_TRUE(wait_until([&, n = name] { return newest_thread("comm") == n; })) << name;
         }
     }
@@ -171,7 +171,7 @@ class Threaded_stream : public testing::Test {
 protected:
     Threaded_stream() {
         s.init(mm);
-        EXPECT_TRUE(s.register_waiter(&waiter) == 0 && s.register_line_waiter(&line) == 0);
+        EXPECT_VALUES("0 0", s.register_waiter(&waiter), s.register_line_waiter(&line));
         if (mkfifo(loop.c_str(), 0600) != 0) abort();
     }
     module_man mm;
@@ -195,12 +195,14 @@ void expect_claims() {
         Serial_stream first, second, modest;
         first.set_exclusive(true);
         second.set_exclusive(true);
-        EXPECT_TRUE(first.open_default(pty.path.c_str()) && exclusive());
+        EXPECT_VALUES("true true", first.open_default(pty.path.c_str()), exclusive());
         EXPECT_FALSE(second.open_default(pty.path.c_str()));
-        EXPECT_TRUE(second.get_fd() < 0 && put(second, "x") == failed) << "it does not read what is another's";
-        EXPECT_TRUE(first.close() && !exclusive() && second.open_default(pty.path.c_str()));
-        EXPECT_TRUE(exclusive() && second.close() && modest.open_default(pty.path.c_str()) && !exclusive());
-        EXPECT_TRUE(modest.close() && first.open_default(pty.path.c_str()));
+        EXPECT_VALUES(texts(true, failed), second.get_fd() < 0, put(second, "x"))
+            << "it does not read what is another's";
+        EXPECT_VALUES("true false true", first.close(), exclusive(), second.open_default(pty.path.c_str()));
+        EXPECT_VALUES("true true true false", exclusive(), second.close(), modest.open_default(pty.path.c_str()),
+                      exclusive());
+        EXPECT_VALUES("true true", modest.close(), first.open_default(pty.path.c_str()));
     }
     EXPECT_FALSE(exclusive()) << "closed by its end";
     EXPECT_NE(err.text().find(pty.path + " is in use by another program\n"), std::string::npos);
@@ -215,41 +217,42 @@ TEST(Serial_streams, keep_others_out_of_a_line_that_they_claim) {
 TEST_F(Threaded_stream, wakes_each_waiter_never_fetches_itself_and_counts_what_the_buffer_cannot_hold) {
     Waiter other(mm);
     EXPECT_EQ(0, s.register_waiter(&other));
-    ASSERT_TRUE(s.open_from_args((pty.path + ":57600").c_str()) && s.get_baudRate() == 57600);
+    ASSERT_VALUES("true 57600", s.open_from_args((pty.path + ":57600").c_str()), s.get_baudRate());
     EXPECT_EQ(stream_name("DSPosTSer", s, ", " + pty.path), s.name);
     pty.send(every_byte());
-    EXPECT_TRUE(waiter.next() == Stream::event_data && other.next() == Stream::event_data);
-    EXPECT_TRUE(take(s, 256) == every_byte() && s._get_data(0) && !s._get_data(1) && !s.bytes_avail(1u));
+    EXPECT_VALUES(texts(Stream::event_data, Stream::event_data), waiter.next(), other.next());
+    EXPECT_VALUES(texts(every_byte(), true, false, false), take(s, 256), s._get_data(0), s._get_data(1),
+                  s.bytes_avail(1u));
     EXPECT_EQ(0, s.deregister_waiter(&other));
     other.flush_events();
-    ASSERT_TRUE(s.open(loop.c_str()) == false && s.get_fd() >= 0) << "open, but no line";
+    ASSERT_VALUES(texts(false, true), s.open(loop.c_str()), s.get_fd() >= 0) << "open, but no line";
     EXPECT_EQ(5000u, put(s, std::string(4200, 'a') + std::string(800, 'b')));
     EXPECT_TRUE(wait_until([&] {
         const std::lock_guard<Mutex> held(*s.stream_lock);
         return s.bytes_read == 5256 && s.bytes_lost == 800;
     }));
-    EXPECT_TRUE(take(s, 4200) == std::string(4200, 'a') && other.num_queued() == 0);
+    EXPECT_VALUES(texts(std::string(4200, 'a'), 0), take(s, 4200), other.num_queued());
 }
 
 TEST_F(Threaded_stream, tells_of_a_line_that_is_lost_and_of_one_that_is_back) {
     // The master end of a pair, whose slave may come and go.
-    ASSERT_TRUE(s.open("/dev/ptmx") && unlockpt(s.get_fd()) == 0);
+    ASSERT_VALUES("true 0", s.open("/dev/ptmx"), unlockpt(s.get_fd()));
     const std::string other_end = ptsname(s.get_fd());
     for (const bool came_back : {false, true}) {
         const int fd = ::open(other_end.c_str(), O_RDWR | O_NOCTTY);
-        EXPECT_TRUE(::write(fd, "a", 1) == 1 && take(s, 1) == "a");
+        EXPECT_VALUES("1 a", ::write(fd, "a", 1), take(s, 1));
         ::close(fd);
         EXPECT_TRUE(!came_back || line.next() == Stream::event_line_back);
         EXPECT_EQ(Stream::event_line_lost, line.next());
     }
-    ASSERT_TRUE(s.open(pty.path.c_str()) && line.next() == Stream::event_line_back);
+    ASSERT_VALUES(texts(true, Stream::event_line_back), s.open(pty.path.c_str()), line.next());
     pty.hang_up();
-    EXPECT_TRUE(line.next() == Stream::event_line_lost && put(s, "x") == failed);
-    EXPECT_TRUE(s.hang_ups() == 3 && line.num_queued() == 0);
+    EXPECT_VALUES(texts(Stream::event_line_lost, failed), line.next(), put(s, "x"));
+    EXPECT_VALUES("3 0", s.hang_ups(), line.num_queued());
 }
 
 TEST_F(Threaded_stream, takes_files_for_what_they_are) {
-    EXPECT_TRUE(!Stream::can_open(file.c_str()) && errno == ENOENT);
+    EXPECT_VALUES(texts(false, ENOENT), Stream::can_open(file.c_str()), errno);
     Capture err(stderr);
     s.set_open_failure_fatal(false);
     EXPECT_FALSE(s.open_from_args((file + ":9600").c_str()));
@@ -258,11 +261,11 @@ TEST_F(Threaded_stream, takes_files_for_what_they_are) {
     Stream::Commander c;
     ASSERT_TRUE(plain.open(file.c_str(), true, false));
     EXPECT_EQ(stream_name("DSPosT", plain, ", " + file), plain.name);
-    EXPECT_FALSE(s.open_from_args((file + ":9600").c_str()) || s.initialised());
+    EXPECT_VALUES("false false", s.open_from_args((file + ":9600").c_str()), s.initialised());
     EXPECT_EQ("OPEN BAD\n", take(plain, 9)) << "what is no line is told so";
     EXPECT_TRUE(wait_until([before = pauses()] { return pauses() >= before + 2; })) << "looks for more all the time";
-    EXPECT_TRUE(plain.hang_ups() == 0 && plain.init_commander(c) && !c.send_break(1));
-    EXPECT_TRUE(plain.close() && !plain.close() && !plain.init_commander(c));
+    EXPECT_VALUES("0 true false", plain.hang_ups(), plain.init_commander(c), c.send_break(1));
+    EXPECT_VALUES("true false false", plain.close(), plain.close(), plain.init_commander(c));
 }
 
 TEST_F(Threaded_stream, waits_for_room_to_write_until_it_is_closed) {
@@ -272,11 +275,11 @@ TEST_F(Threaded_stream, waits_for_room_to_write_until_it_is_closed) {
     std::thread writer([&] { whole = put(s, bytes), cut = put(s, bytes); });
     EXPECT_EQ(bytes + "w", pty.receive(bytes.size() + 1)) << "the second has begun";
     Pty other;
-    EXPECT_TRUE(s.close() && s.open(other.path.c_str()));
+    EXPECT_VALUES("true true", s.close(), s.open(other.path.c_str()));
     writer.join();
-    EXPECT_TRUE(whole == bytes.size() && cut >= 1 && cut < bytes.size()) << cut;
-    EXPECT_TRUE(put(s, "x") == 1 && other.receive(1) == "x") << "the rest is not for the next line";
-    EXPECT_TRUE(s.close() && put(s, "x") == failed);
+    EXPECT_VALUES(texts(bytes.size(), true, true), whole, cut >= 1, cut < bytes.size()) << cut;
+    EXPECT_VALUES("1 x", put(s, "x"), other.receive(1)) << "the rest is not for the next line";
+    EXPECT_VALUES(texts(true, failed), s.close(), put(s, "x"));
 }
 
 TEST_F(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed) {
@@ -290,7 +293,7 @@ TEST_F(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed) {
         char c;
         for (int ends[2]; !stop && pipe2(ends, O_NONBLOCK) == 0; ::close(ends[0]), ::close(ends[1])) {
             for (int i = 0; i < 20; ++i) {
-                EXPECT_TRUE(::write(ends[1], "p", 1) == 1 && ::read(ends[0], &c, 1) == 1) << "stolen";
+                EXPECT_VALUES("1 1", ::write(ends[1], "p", 1), ::read(ends[0], &c, 1)) << "stolen";
                 if (::read(rival, &c, 1) < 0) std::this_thread::yield();
             }
         }
@@ -299,7 +302,7 @@ TEST_F(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed) {
     {
         Stream stream;
         for (int i = 0; i < 2000; ++i) {
-            ASSERT_TRUE(stream.open(loop.c_str(), false, false) && put(stream, "s") == 1);
+            ASSERT_VALUES("true 1", stream.open(loop.c_str(), false, false), put(stream, "s"));
             EXPECT_TRUE(i % 2 || stream.close());
         }
     }
@@ -325,7 +328,7 @@ TEST_F(Threaded_stream, has_its_name_and_counts_whole_for_whoever_asks_while_it_
         }
     });
     for (int i = 0; i <= 1000; ++i) {
-        ASSERT_TRUE(stream.open(loop.c_str(), false, false) && put(stream, "PG001x\n") == 7);
+        ASSERT_VALUES("true 7", stream.open(loop.c_str(), false, false), put(stream, "PG001x\n"));
         EXPECT_TRUE(i % 2 == 0 || stream.close());
     }
     EXPECT_TRUE(wait_until([&] { return stream.counts().read >= 7 && stream.bytes_avail() == 0; }));

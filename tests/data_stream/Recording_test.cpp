@@ -3,16 +3,10 @@
 #include "glue/data_stream/Posix_threaded_data_stream.h"
 #include "glue/data_stream/Recorder_data_stream.h"
 #include "glue/data_stream/Replay_data_stream.h"
-#include "support/Manual_clock.h"
 #include "support/Pty.h"
-#include "support/capture.h"
-#include "support/wait_until.h"
+#include "support/test.h"
 #include "vorn/parser_model.h"
-#include <csignal>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <thread>
 
 namespace {
 
@@ -40,12 +34,12 @@ TEST(Recorder, writes_times_and_both_directions_or_only_what_was_received) {
         Manual_clock clock(1000000000, 250);
         Device line("abcde", 2), sink;
         Recorder_data_stream s(line, sink, format, "sink");
-        EXPECT_TRUE(s.bytes_avail(2u) && s.bytes_avail() == 2);
+        EXPECT_VALUES("true 2", s.bytes_avail(2u), s.bytes_avail());
         clock.advance(40);
         EXPECT_EQ(put(s, "!"), 1u);
         clock.advance(60);
-        EXPECT_TRUE(s.bytes_avail(5u) && !s.bytes_avail(6u));
-        EXPECT_TRUE(take(s) == "abcde" && line.written == "!" && s.bytes_read == 5 && s.bytes_written == 1);
+        EXPECT_VALUES("true false", s.bytes_avail(5u), s.bytes_avail(6u));
+        EXPECT_VALUES("abcde ! 5 1", take(s), line.written, s.bytes_read, s.bytes_written);
         EXPECT_EQ(sink.written, format == Recorder_data_stream::timed ? golden : "abcde");
         sink.written.clear();
         clock.advance(-5000);
@@ -65,7 +59,7 @@ TEST(Recorder, ends_with_one_line_when_the_sink_is_full_and_passes_everything_on
         }
     });
     EXPECT_EQ(said, "Recording to the disk ends: it takes no more\n");
-    EXPECT_TRUE(!s.is_recording() && sink.written.size() == 5000);
+    EXPECT_VALUES("false 5000", s.is_recording(), sink.written.size());
 }
 
 TEST(Recorder, takes_what_a_reader_thread_brought_while_another_thread_writes) {
@@ -90,7 +84,7 @@ TEST(Recorder, takes_what_a_reader_thread_brought_while_another_thread_writes) {
     Device source(sink.written);
     Replay_data_stream replay(source, 0);
     EXPECT_FALSE(replay.bytes_avail(1001u));
-    EXPECT_TRUE(take(replay) == all && replay.state() == Replay_data_stream::ended);
+    EXPECT_VALUES(texts(all, Replay_data_stream::ended), take(replay), replay.state());
 }
 
 TEST(Replay, brings_what_was_received_when_it_is_due) {
@@ -101,25 +95,25 @@ TEST(Replay, brings_what_was_received_when_it_is_due) {
         Replay_data_stream s(source, speed);
         s.set_read_timeout(0);
         EXPECT_EQ(s.begun() - Atime(false), Atime::week_ms);
-        EXPECT_TRUE(s.begun().time == 1000000000 && s.begun().millitm == 250 && put(s, "forgotten") == 9);
-        EXPECT_TRUE(s.ms_to_next() == 0 && !s.bytes_avail(3u));
+        EXPECT_VALUES("1000000000 250 9", s.begun().time, s.begun().millitm, put(s, "forgotten"));
+        EXPECT_VALUES("0 false", s.ms_to_next(), s.bytes_avail(3u));
         const int later = static_cast<int>(100 / speed);
-        EXPECT_TRUE(take(s) == "ab" && s.ms_to_next() == later) << speed;
+        EXPECT_VALUES(texts("ab", later), take(s), s.ms_to_next()) << speed;
         clock.advance(later - 1);
-        EXPECT_FALSE(s.bytes_avail(1u) || s.ms_to_next() != 1);
+        EXPECT_VALUES("false false", s.bytes_avail(1u), s.ms_to_next() != 1);
         clock.advance(1);
-        EXPECT_TRUE(s.bytes_avail(3u) && take(s) == "cde" && s.state() == Replay_data_stream::playing);
-        EXPECT_TRUE(s.ms_to_next() == -1 && s.state() == Replay_data_stream::ended && !s.bytes_avail(1u));
+        EXPECT_VALUES(texts(true, "cde", Replay_data_stream::playing), s.bytes_avail(3u), take(s), s.state());
+        EXPECT_VALUES(texts(-1, Replay_data_stream::ended, false), s.ms_to_next(), s.state(), s.bytes_avail(1u));
     }
     Device source(golden);
     Replay_data_stream s(source, 0);
-    EXPECT_TRUE(s.bytes_avail(5u) && take(s) == "abcde") << "all at once";
+    EXPECT_VALUES("true abcde", s.bytes_avail(5u), take(s)) << "all at once";
 }
 
 TEST(Replay, waits_for_bytes_up_to_the_time_out) {
     Device source(golden);
     Replay_data_stream s(source, 10);
-    EXPECT_TRUE(s.bytes_avail(5u) && take(s) == "abcde");
+    EXPECT_VALUES("true abcde", s.bytes_avail(5u), take(s));
     Device slow(golden);
     Replay_data_stream late(slow, 0.001);
     late.set_read_timeout(20);
@@ -160,11 +154,11 @@ TEST(Replay, says_what_is_wrong_with_a_recording_and_brings_what_is_good) {
         const std::string said = debug_text([&] {
             Device source(row.recording);
             Replay_data_stream s(source, 0);
-            EXPECT_FALSE(s.bytes_avail(4000u) || s.bytes_avail(4000u));
+            EXPECT_VALUES("false false", s.bytes_avail(4000u), s.bytes_avail(4000u));
             brought = take(s);
             state = s.state();
         });
-        EXPECT_TRUE(brought == row.brought && said == row.said && state == row.state)
+        EXPECT_VALUES(texts(row.brought, row.said, row.state), brought, said, state)
             << brought << ": " << said << state;
     }
 }
@@ -190,7 +184,7 @@ TEST(Replay, of_a_recording_that_ran_into_a_limit_brings_what_fitted) {
     ASSERT_TRUE(source.open_read(path.c_str(), true));
     Replay_data_stream s(source, 0);
     debug_text([&] { s.bytes_avail(2000u); });
-    EXPECT_TRUE(s.bytes_avail() == 1000 - 16 - 10 * 8 && s.state() == Replay_data_stream::cut);
+    EXPECT_VALUES(texts(1000 - 16 - 10 * 8, Replay_data_stream::cut), s.bytes_avail(), s.state());
 }
 
 } // namespace

@@ -4,11 +4,8 @@
 #include "glue/diagnostics/Trouble_code_messages.h"
 #include "glue/jin/JIN_inbox.h"
 #include "glue/jin/JIN_memory_bus.h"
-#include "support/Manual_clock.h"
 #include "support/bytes.h"
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
+#include "support/test.h"
 
 /// A bus with the manager's node at address 128 and a terminal at 38, which writes down what it gets.
 class Bus_fixture : public testing::Test {

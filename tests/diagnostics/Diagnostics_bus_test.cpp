@@ -95,7 +95,7 @@ TEST_F(DM1, Of_many_codes_never_falls_silent) {
         Bytes bytes(got.back());
         const Msg_DM dm(bytes.view());
         Trouble_code c;
-        EXPECT_TRUE(dm.num_places() == sent && dm.code(0, c) && c.spn == n && dm.code(sent - 1, c)) << n;
+        EXPECT_VALUES(texts(sent, true, n, true), dm.num_places(), dm.code(0, c), c.spn, dm.code(sent - 1, c)) << n;
         EXPECT_EQ(c.spn, n - sent + 1);
     }
 }
@@ -257,7 +257,7 @@ TEST_F(Manager, Clears_one_code_and_answers_in_order) {
     EXPECT_EQ(answers, expected);
     run(1000);
     Trouble_codes::Info info;
-    EXPECT_TRUE(manager->codes().find(520192, 12, info) && info.state == Table::active && info.code.count == 1);
+    EXPECT_VALUES(texts(true, Table::active, 1), manager->codes().find(520192, 12, info), info.state, info.code.count);
     restart();
     send(pgn_DM22, "11 FF FF FF FF 00 F0 EC", JIN::global);
     send(pgn_DM22, "11 FF FF FF FF 00 F0 EC", own, 254);
@@ -267,14 +267,14 @@ TEST_F(Manager, Clears_one_code_and_answers_in_order) {
 TEST_F(Manager, Counts_to_126_and_keeps_to_its_table) {
     begin(Mode::iso, 3);
     for (int i = 1; i <= 300; ++i) {
-        EXPECT_TRUE(manager->set_active(524286, 31) && manager->set_active(524286, 31));
+        EXPECT_VALUES("true true", manager->set_active(524286, 31), manager->set_active(524286, 31));
         Trouble_codes::Info info;
-        EXPECT_TRUE(manager->codes().find(524286, 31, info) && info.code.count == std::min(i, 126)) << i;
+        EXPECT_VALUES(texts(true, std::min(i, 126)), manager->codes().find(524286, 31, info), info.code.count) << i;
         EXPECT_TRUE(manager->set_inactive(524286, 31));
         EXPECT_FALSE(manager->set_inactive(524286, 31));
     }
     for (const uint32_t spn : {0u, 524287u, 524288u, 0xFFFFFFFFu}) EXPECT_FALSE(manager->set_active(spn, 3));
-    EXPECT_FALSE(manager->set_active(1, 32) || manager->set_inactive(1, 31));
+    EXPECT_VALUES("false false", manager->set_active(1, 32), manager->set_inactive(1, 31));
     EXPECT_EQ(manager->codes().refused(), 0u);
     for (unsigned spn = 1; spn <= 3; ++spn) EXPECT_TRUE(manager->set_active(spn, 0)) << "the oldest one goes";
     EXPECT_FALSE(manager->set_active(4, 0));
@@ -330,8 +330,8 @@ TEST_F(Manager, Says_what_it_is) {
     isobus.set_certificate(certificate);
     std::string bytes = answer(64834);
     EXPECT_EQ(hex(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()), "58 73 B4 00 00 FF FF FF");
-    EXPECT_TRUE(read.read(Binary_message(&bytes[0], 8)) && read.year == 2024 && read.revision == 21 &&
-                read.laboratory == certificate.laboratory && read.laboratory_id == 0x5A3);
+    EXPECT_VALUES(texts(true, 2024, 21, certificate.laboratory, 0x5A3), read.read(Binary_message(&bytes[0], 8)),
+                  read.year, read.revision, read.laboratory, read.laboratory_id);
     read.raw[7] = 0x12;
     isobus.set_certificate(read);
     EXPECT_EQ(answer(64834).back(), '\x12') << "as the laboratory gave it";
@@ -460,7 +460,7 @@ TEST_F(Manager, Works_without_a_bus_an_address_or_a_start) {
     EXPECT_EQ(got.back(), "FF FF 02 00 02 01 FF FF");
 
     Diagnostics idle("idle"); // never initialised
-    EXPECT_TRUE(idle.set_active(1, 1) && idle.codes().count(Table::active) == 1);
+    EXPECT_VALUES("true 1", idle.set_active(1, 1), idle.codes().count(Table::active));
 }
 
 TEST_F(Manager, Survives_whatever_comes_and_allocates_nothing) {

@@ -3,18 +3,9 @@
 #include "glue/diner/Diner_info_list.h"
 #include "glue/vorn/Vorn_parser.h"
 #include "platform/pcf_host.h"
-#include "support/Manual_clock.h"
-#include "support/Temporary_folder.h"
-#include "support/allocations.h"
-#include "support/capture.h"
 #include "support/frame.h"
-#include "support/wait_until.h"
+#include "support/test.h"
 #include "util/Debug_base.h"
-#include <functional>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
-#include <vector>
 
 /// In place of the C library's: thousands of records need not reach the disk.
 extern "C" int fsync(int) { return 0; }
@@ -157,7 +148,8 @@ TEST_F(History, Rotates_ten_files_within_the_quota_and_finds_its_place_again) {
             const int kept = static_cast<int>(replay(*manager).size());
             ASSERT_GE(kept, std::min(n, row.least)) << n;
             unsigned used, size;
-            ASSERT_TRUE(PCFile_data_stream::get_free_space(used, size) && size - used >= Diagnostics::store_reserve);
+            ASSERT_VALUES("true true", PCFile_data_stream::get_free_space(used, size),
+                          size - used >= Diagnostics::store_reserve);
             if (n % 7 == 0) manager = std::make_unique<Manager>(row.in_file * record_bytes);
             ASSERT_EQ(replay(*manager), range(n + 1 - kept, n));
         }
@@ -243,7 +235,7 @@ TEST_F(History, A_single_file_is_handed_out_until_the_sink_pauses) {
     EXPECT_EQ(manager.process_history(parser), Diagnostics::progress_paused);
     EXPECT_EQ(sink.got, Numbers{1});
     Atime due(false);
-    EXPECT_TRUE(manager.next_timeout(due) == 0 && due.get_ms_from_now() == Diagnostics::resume_ms);
+    EXPECT_VALUES(texts(0, Diagnostics::resume_ms), manager.next_timeout(due), due.get_ms_from_now());
     file.close_read();
     sink.ready = nullptr;
     manager.pass();
@@ -293,7 +285,7 @@ TEST_F(History, A_replay_goes_on_beside_the_writer) {
             manager.pass();
             for (int k = 0; k < pace; ++k) ASSERT_TRUE(manager.record(old + 1));
         }
-        ASSERT_TRUE(sink.is_done() && !sink.got.empty());
+        ASSERT_VALUES("true false", sink.is_done(), sink.got.empty());
         // In order, each once, nothing newer than the request; what was overwritten meanwhile is missing.
         for (size_t i = 1; i < sink.got.size(); ++i) EXPECT_LT(sink.got[i - 1], sink.got[i]) << pace;
         EXPECT_TRUE(pace == 1 ? sink.got.back() == old : sink.got.back() <= old) << pace;
@@ -306,11 +298,12 @@ TEST_F(History, Serves_one_request_at_a_time) {
     Sink first, second;
     first.set_filter(0, 2, 0, 0xFFFFFFFF);
     EXPECT_TRUE(manager.request_history(&first));
-    EXPECT_FALSE(first.is_done() || manager.request_history(&second) || other.request_history(&first));
+    EXPECT_VALUES("false false false", first.is_done(), manager.request_history(&second),
+                  other.request_history(&first));
     manager.pass();
     EXPECT_TRUE(other.request_history(&first)) << "it is free again";
     other.pass();
-    EXPECT_TRUE(manager.request_history(&first) && !first.is_done());
+    EXPECT_VALUES("true false", manager.request_history(&first), first.is_done());
     manager.pass();
     EXPECT_EQ(first.got, (Numbers{2, 2})) << "its filter stays";
     EXPECT_EQ(replay(manager), (Numbers{1, 2}));
@@ -321,7 +314,7 @@ TEST_F(History, Serves_one_request_at_a_time) {
     Capture capture(stderr);
     Manager bad(4096, longer.c_str());
     EXPECT_EQ(capture.text(), "Diagnostics: base name " + longer + " is longer than 26 characters\n");
-    EXPECT_FALSE(bad.log_error(1, 2, 3) || bad.request_history(&second));
+    EXPECT_VALUES("false false", bad.log_error(1, 2, 3), bad.request_history(&second));
 }
 
 TEST_F(History, Counts_and_tells_what_cannot_be_stored_and_goes_on) {
@@ -357,7 +350,7 @@ TEST_F(History, Counts_and_tells_what_cannot_be_stored_and_goes_on) {
         int told = 0;
         while (waiter.get_event(&e, Atime(false)) == 0)
             told += e.module_id == manager.module_id() && e.id == Diagnostics::event_lost;
-        EXPECT_TRUE(not_stored == row.lost && told == row.lost) << row.what;
+        EXPECT_VALUES(texts(row.lost, row.lost), not_stored, told) << row.what;
         EXPECT_EQ(manager.records_lost(), static_cast<unsigned>(row.lost)) << row.what;
         EXPECT_TRUE(manager.record(3)) << row.what;
         Numbers expected = range(row.file > 0 ? 1 : 2, 3);

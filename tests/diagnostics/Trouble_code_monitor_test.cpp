@@ -3,9 +3,7 @@
 #include "glue/jin/JIN_assembler.h"
 #include "support/bytes.h"
 #include "support/frames.h"
-#include <algorithm>
-#include <gtest/gtest.h>
-#include <random>
+#include "support/test.h"
 
 using namespace Trouble_code_messages;
 
@@ -16,7 +14,7 @@ TEST(JIN_frame, Is_a_line_of_a_log) {
                                 "(0000000000.000000) vcan0 1FFFFFFF#", "(2147483647.999999) can0 00000000#00"};
     for (const std::string line : good) {
         JIN_frame f;
-        ASSERT_TRUE(f.read(line) && f.read(line + " R") && f.read(line + "\r"));
+        ASSERT_VALUES("true true true", f.read(line), f.read(line + " R"), f.read(line + "\r"));
         EXPECT_EQ(f.to_line(line[1] == '0' ? "vcan0" : "can0"), line);
     }
     const char* const bad[] = {"",
@@ -106,7 +104,7 @@ TEST(JIN_assembler, Keeps_talkers_apart_and_gives_up_what_does_not_come_whole) {
         Bytes abort("FF 01 FF FF FF CA FE 00");
         one.assembler.frame(by, abort.view().data, 8, 0);
         one.feed({frames[2], frames[3]});
-        EXPECT_TRUE(one.got.empty() && one.assembler.incomplete() == 1);
+        EXPECT_VALUES("true 1", one.got.empty(), one.assembler.incomplete());
     }
 }
 
@@ -149,7 +147,7 @@ TEST_F(Monitor, Keeps_codes_with_their_times) {
     take(pgn_DM1, "FF FF FF FF FF FF FF FF");
     EXPECT_EQ(codes(), "");
     take(pgn_DM2, "FF FF D2 04 1F 01 FF FF");
-    EXPECT_TRUE(node().has_DM2 && node().previous.size() == 1 && node().active.empty());
+    EXPECT_VALUES("true 1 true", node().has_DM2, node().previous.size(), node().active.empty());
 }
 
 TEST_F(Monitor, Doubts_a_node_that_fell_silent_with_codes_only) {
@@ -200,7 +198,7 @@ TEST_F(Monitor, Keeps_what_was_identified) {
     EXPECT_EQ(node().ECU, (Texts{"A_", "B"}));
     EXPECT_EQ(node().protocols, 5);
     EXPECT_EQ(node().functionalities.size(), 1u);
-    EXPECT_TRUE(node().has_certificate && node().certificate.year == 2024);
+    EXPECT_VALUES("true 2024", node().has_certificate, node().certificate.year);
 }
 
 /// Thirty honest nodes and a twentieth of rubbish: what is said of the others stays right.

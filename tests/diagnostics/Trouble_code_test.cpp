@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diagnostics/Trouble_code_messages.h"
 #include "glue/diagnostics/Trouble_code_text.h"
-#include "support/allocations.h"
 #include "support/bytes.h"
-#include <gtest/gtest.h>
-#include <list>
-#include <random>
+#include "support/test.h"
 
 using namespace Trouble_code_messages;
 using Table = Trouble_code_table;
@@ -122,7 +119,7 @@ TEST(Trouble_code_messages, Lists_of_codes) {
         const unsigned sent = std::min(n, 250u);
         ASSERT_EQ(dm.num_places(), sent);
         Trouble_code c;
-        for (unsigned i = 0; i < sent; ++i) EXPECT_TRUE(dm.code(i, c) && c.spn == n - i && c.fmi == 3);
+        for (unsigned i = 0; i < sent; ++i) EXPECT_VALUES(texts(true, n - i, 3), dm.code(i, c), c.spn, c.fmi);
         EXPECT_FALSE(dm.code(sent, c));
     }
 }
@@ -131,8 +128,9 @@ TEST(Trouble_code_messages, The_most_urgent_lamp_shows) {
     Lamps lamps;
     for (const auto flash : {Lamp::slow, Lamp::solid, Lamp::fast, Lamp::slow}) lamps.add({Lamp::red_stop, flash});
     lamps.add({Lamp::none, Lamp::fast});
-    EXPECT_TRUE(lamps.on(Lamp::red_stop) && lamps.flash(Lamp::red_stop) == Lamp::fast);
-    EXPECT_FALSE(lamps.on(Lamp::malfunction) || lamps.on(Lamp::none) || Lamps::not_used().on(Lamp::malfunction));
+    EXPECT_VALUES(texts(true, Lamp::fast), lamps.on(Lamp::red_stop), lamps.flash(Lamp::red_stop));
+    EXPECT_VALUES("false false false", lamps.on(Lamp::malfunction), lamps.on(Lamp::none),
+                  Lamps::not_used().on(Lamp::malfunction));
 }
 
 /// Any length is read: what is not there is not there.

@@ -1,13 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
-#include "support/wait_until.h"
-#include "util/Debug_print.h"
-#include <fcntl.h>
-#include <gtest/gtest.h>
+#include "support/test.h"
 #include <poll.h>
-#include <string>
-#include <vector>
 
 namespace {
 

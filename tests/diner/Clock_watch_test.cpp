@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: MIT
 // With a clock of the test's own: what a real kernel does is in kernel/clock_test.cpp.
 #include "glue/diner/Clock_watch.h"
-#include "support/Manual_clock.h"
 #include "support/Test_diner.h"
-#include "support/capture.h"
-#include <gtest/gtest.h>
-#include <thread>
+#include "support/test.h"
 
 namespace {
 
@@ -49,7 +46,7 @@ TEST_F(Clock_watch_test, timeouts_notice_a_step_before_they_look_at_the_clock) {
         clock.step(ms);
         d.submit_timeout(in_ms, 10);
         d.submit_timeout(at, Atime::from_now(10));
-        EXPECT_TRUE(in_ms.remaining_ms() == 10 && at.remaining_ms() == 10);
+        EXPECT_VALUES("10 10", in_ms.remaining_ms(), at.remaining_ms());
         clock.step(-ms);
         EXPECT_EQ(pass(), 0);
         clock.advance(10);
@@ -76,7 +73,7 @@ TEST_F(Clock_watch_test, tells_once_and_wakes_every_diner) {
     sleeper.begin(false, true);
     waiter_descriptor told;
     told.init(&Diner_info_list::get());
-    EXPECT_TRUE(watch.register_waiter(&told) == 0 && watch.register_waiter(&told) == -1);
+    EXPECT_VALUES("0 -1", watch.register_waiter(&told), watch.register_waiter(&told));
     const std::pair<int64_t, const char*> steps[] = {{hour, "forward by 3600.000"},
                                                      {-fifty_years - 7, "back by 1577880000.007"},
                                                      {-999, "back by 0.999"},
@@ -89,16 +86,16 @@ TEST_F(Clock_watch_test, tells_once_and_wakes_every_diner) {
                       EXPECT_FALSE(watch.check());
                   }),
                   std::string("Clock_watch: the clock was set ") + text + " s, timeouts move along\n");
-        EXPECT_TRUE(watch.last_step_ms() == ms && watch.steps() == ++n);
+        EXPECT_VALUES(texts(ms, ++n), watch.last_step_ms(), watch.steps());
         Diner_info_list::get().clock_stepped(1000, 0); // who still calls it by hand does no harm
         EXPECT_EQ(periodic.remaining_ms(), 100);
         ASSERT_TRUE(wait_until([&] { return sleeper.events == static_cast<int>(2 * n); }));
     }
     waiter_event e;
-    EXPECT_TRUE(told.get_event(&e, Atime::now()) == 0 && e.module_id == watch.module_id());
+    EXPECT_VALUES(texts(0, watch.module_id()), told.get_event(&e, Atime::now()), e.module_id);
     EXPECT_EQ(e.id, Clock_watch::event_set);
     EXPECT_EQ(told.num_queued(), 0) << "one at a time";
-    EXPECT_TRUE(watch.deregister_waiter(&told) == 0 && watch.deregister_waiter(&told) == -1);
+    EXPECT_VALUES("0 -1", watch.deregister_waiter(&told), watch.deregister_waiter(&told));
     clock.advance(hour); // a night goes by
     EXPECT_FALSE(watch.check());
 }

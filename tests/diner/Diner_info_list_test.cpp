@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "support/Manual_clock.h"
 #include "support/Test_diner.h"
-#include "support/child.h"
-#include <algorithm>
-#include <chrono>
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 
@@ -79,7 +76,7 @@ TEST(Diner_info_list, shows_and_reaches_the_diners_in_the_order_of_their_start) 
                                         " 1    second   Run-0 Idl        0       0 Diner:80\n");
     for (int index : {-1, 2, 1000000}) list.set_debug_level(index, 99);
     list.set_debug_level(1, 7);
-    EXPECT_TRUE(a.info.debug_level == 0 && b.info.debug_level == 7);
+    EXPECT_VALUES("0 7", a.info.debug_level, b.info.debug_level);
     Capture alive(stderr);
     EXPECT_EQ(list.print_alive(), 2);
     EXPECT_EQ(alive.text(), "  first (Run)\n  second (Run)\n");
@@ -175,7 +172,7 @@ TEST(Diner_info_list, ends_every_diner_at_the_end_of_the_process_and_tells_who_i
     });
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500)) << "not before the 16th pass";
     const std::string line = "1 out of 1 diners still alive\n";
-    EXPECT_TRUE(r.status == 0 && r.err.substr(0, 2 * line.size()) == line + line) << r.status << r.err;
+    EXPECT_VALUES(texts(0, line + line), r.status, r.err.substr(0, 2 * line.size())) << r.status << r.err;
 }
 
 } // namespace

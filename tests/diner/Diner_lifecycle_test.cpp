@@ -1,15 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/Diner_selector.h"
 #include "support/Test_diner.h"
-#include "support/child.h"
-#include <climits>
-#include <gtest/gtest.h>
-#include <memory>
+#include "support/test.h"
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <tuple>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -45,7 +39,7 @@ TEST(Lifecycle, every_call_in_every_state) {
             EXPECT_EQ(call == 0 ? d.start() : call == 1 ? d.stop() : (d.terminate(false), 0), results[call]);
             d.lock_gate.open();
             EXPECT_EQ(err.text(), message);
-            EXPECT_TRUE(d.in_state(then[call]) && d.terminated() == (then[call] == 5)) << d.get_state();
+            EXPECT_VALUES(texts(true, (then[call] == 5)), d.in_state(then[call]), d.terminated()) << d.get_state();
         }
     }
 }
@@ -56,13 +50,13 @@ TEST(Lifecycle, hooks_waiter_and_checkpoints_follow_start_and_stop) {
     const auto at = [&d](int line) { return wait_until([&] { return d.info.checkpoint_line == line; }); };
     d.on_start = [&d] { EXPECT_FALSE(d.is_locked()) << "it may take the lock"; };
     for (int round = 1; round <= 2; ++round) {
-        ASSERT_TRUE(d.start() == 0 && at(80));
+        ASSERT_VALUES("0 true", d.start(), at(80));
         EXPECT_STREQ(d.info.checkpoint_file.load(), "glue/diner/Diner");
         d.post(1);
         ASSERT_TRUE(d.idle());
         if (round == 2) d.waiter.deinit(); // by the application: it stops all the same
-        ASSERT_TRUE(d.stop() == 0 && d.in_state(D::state_stop) && at(110));
-        EXPECT_TRUE(d.starts == round && d.stops == round && d.events == round);
+        ASSERT_VALUES("0 true true", d.stop(), d.in_state(D::state_stop), at(110));
+        EXPECT_VALUES(texts(round, round, round), d.starts, d.stops, d.events);
         EXPECT_FALSE(d.waiter.accepting());
     }
     ASSERT_TRUE(d.run());
@@ -81,16 +75,16 @@ TEST(Lifecycle, a_diner_parks_after_what_was_queued_before_and_without_a_free_ev
     };
     d.begin();
     for (int i = 0; i < 5; ++i) d.post(i);
-    EXPECT_TRUE(busy.reached() && d.stop() == 0);
+    EXPECT_VALUES("true 0", busy.reached(), d.stop());
     busy.open();
-    EXPECT_TRUE(d.in_state(D::state_stop) && d.events == 5);
+    EXPECT_VALUES("true 5", d.in_state(D::state_stop), d.events);
 
     ASSERT_TRUE(d.run());
     d.waiter.set_enabled(false);
     std::vector<waiter_event_node*> all;
     while (waiter_event_node* n = Diner_info_list::get().get_blank_event()) all.push_back(n);
-    EXPECT_TRUE(d.stop() == -1 && d.get_state() == D::state_run);
-    EXPECT_TRUE(d.starts == 3 && !d.waiter.accepting()) << "the stop hook is undone, and nothing else is done";
+    EXPECT_VALUES(texts(-1, D::state_run), d.stop(), d.get_state());
+    EXPECT_VALUES("3 false", d.starts, d.waiter.accepting()) << "the stop hook is undone, and nothing else is done";
     d.wake();
     EXPECT_TRUE(d.idle()) << "it runs on";
     d.terminate(true);
@@ -105,13 +99,13 @@ TEST(Lifecycle, a_stopped_diner_is_waited_for_and_started_with_what_its_hook_pos
     for (int round = 1; round <= 20; ++round) {
         EXPECT_FALSE(d.wait_stopped()) << "nobody stops it";
         d.post(1);
-        ASSERT_TRUE(d.stop() == 0 && d.wait_stopped());
+        ASSERT_VALUES("0 true", d.stop(), d.wait_stopped());
         d.waiter.send_event(waiter_event(2000, 3, 0)); // dropped
         ASSERT_EQ(d.start(), 0);
-        ASSERT_TRUE(d.in_state(D::state_run) && d.idle() && d.events == 2 * round);
+        ASSERT_VALUES(texts(true, true, 2 * round), d.in_state(D::state_run), d.idle(), d.events);
     }
     d.lock_gate.shut();
-    EXPECT_TRUE(d.stop() == 0 && !d.wait_stopped()) << "not for ever";
+    EXPECT_VALUES("0 false", d.stop(), d.wait_stopped()) << "not for ever";
 }
 
 TEST(Lifecycle, two_threads_may_end_the_same_diner) {
@@ -125,13 +119,14 @@ TEST(Lifecycle, two_threads_may_end_the_same_diner) {
     EXPECT_FALSE(wait_until([&] { return returned.load(); }, std::chrono::milliseconds(50))) << "it waits, too";
     d.lock_gate.open();
     other.join();
-    EXPECT_TRUE(d.terminated() && err.text().empty());
+    EXPECT_VALUES("true true", d.terminated(), err.text().empty());
 }
 
 TEST(Start_race, a_second_start_before_the_first_is_taken_leaves_no_token_behind) {
     Test_diner<> d;
     d.begin();
-    ASSERT_TRUE(d.stop() == 0 && d.in_state(D::state_stop)); // by its thread, which takes the lock again once it wakes
+    ASSERT_VALUES("0 true", d.stop(),
+                  d.in_state(D::state_stop)); // by its thread, which takes the lock again once it wakes
     d.lock_gate.shut();
     EXPECT_EQ(d.start(), 0);
     ASSERT_TRUE(d.lock_gate.reached()); // awake, and not yet running
@@ -159,7 +154,7 @@ TEST(Start_race, a_start_looks_again_after_its_hook) {
         EXPECT_TRUE(meanwhile != "run and stop" || (d.stop() == 0 && d.in_state(D::state_stop)));
         hook.open();
         starter.join();
-        EXPECT_TRUE(d.in_state(ends ? D::state_gone : D::state_run) && d.waiter.accepting() != ends);
+        EXPECT_VALUES("true true", d.in_state(ends ? D::state_gone : D::state_run), d.waiter.accepting() != ends);
         EXPECT_TRUE(ends || (d.get_state() == D::state_run && d.start_tokens() == 0));
     }
 }
@@ -203,8 +198,8 @@ struct Idle : Diner_external_protection<Diner> {
 TEST(Lifecycle, two_diners_may_share_a_lock) {
     Mutex mutex;
     Idle a(mutex), b(mutex);
-    EXPECT_TRUE(a.lock(-1) && b.is_locked());
-    std::thread([&b] { EXPECT_FALSE(b.is_locked() || b.lock(1)); }).join();
+    EXPECT_VALUES("true true", a.lock(-1), b.is_locked());
+    std::thread([&b] { EXPECT_VALUES("false false", b.is_locked(), b.lock(1)); }).join();
     b.unlock();
     EXPECT_EQ(mutex.status(), Mutex::status_free);
 }
@@ -234,35 +229,36 @@ TEST_F(Selector, runs_one_at_a_time_of_its_diners_by_id_then_name) {
         {1, nullptr, 0, 0, &a2, 3, 2}};
     for (const auto& [index, name, id, result, selected, starts, stops] : steps) {
         EXPECT_EQ(name ? selector.select_diner(Diner::Descriptor(name, id)) : selector.select_diner(index), result);
-        EXPECT_TRUE(selector.get_selected() == selected && (!selected || selected->in_state(Diner::state_run)));
-        EXPECT_TRUE(z1.starts + a2.starts + b2.starts == starts && z1.stops + a2.stops + b2.stops == stops) << index;
+        EXPECT_VALUES(texts(selected, true), selector.get_selected(),
+                      (!selected || selected->in_state(Diner::state_run)));
+        EXPECT_VALUES(texts(starts, stops), z1.starts + a2.starts + b2.starts, z1.stops + a2.stops + b2.stops) << index;
     }
-    EXPECT_TRUE(z1.in_state(Diner::state_stop) && b2.in_state(Diner::state_stop));
+    EXPECT_VALUES("true true", z1.in_state(Diner::state_stop), b2.in_state(Diner::state_stop));
 }
 
 TEST_F(Selector, never_leaves_two_running) {
     Diner_selector second;
     Test_diner<> twin("z", 1);
     twin.begin(true, false, &second);
-    ASSERT_TRUE(selector.select_diner(0) == 0 && z1.in_state(D::state_run));
-    EXPECT_TRUE(z1.set_selector(&selector) == 0 && z1.set_selector(&second) == -1);
-    EXPECT_TRUE(selector.get_selected() == &z1 && z1.stops == 0) << "it has stayed";
+    ASSERT_VALUES("0 true", selector.select_diner(0), z1.in_state(D::state_run));
+    EXPECT_VALUES("0 -1", z1.set_selector(&selector), z1.set_selector(&second));
+    EXPECT_VALUES(texts(&z1, 0), selector.get_selected(), z1.stops) << "it has stayed";
     // It leaves while it runs: by a move, and out of the set. The next one is selected.
-    ASSERT_TRUE(selector.select_diner(1) == 0 && a2.in_state(D::state_run) && a2.set_selector(&second) == 0);
-    EXPECT_TRUE(!selector.get_selected() && !second.get_selected() && a2.in_state(D::state_stop));
-    ASSERT_TRUE(second.select_diner(1) == 0 && a2.in_state(D::state_run) && second.deregister_diner(&a2) == 0);
-    EXPECT_TRUE(!second.get_selected() && !a2.get_selector() && a2.in_state(D::state_stop));
+    ASSERT_VALUES("0 true 0", selector.select_diner(1), a2.in_state(D::state_run), a2.set_selector(&second));
+    EXPECT_VALUES("false false true", selector.get_selected(), second.get_selected(), a2.in_state(D::state_stop));
+    ASSERT_VALUES("0 true 0", second.select_diner(1), a2.in_state(D::state_run), second.deregister_diner(&a2));
+    EXPECT_VALUES("false false true", second.get_selected(), a2.get_selector(), a2.in_state(D::state_stop));
     // Two choices before the thread of the first has woken.
     z1.lock_gate.shut();
-    EXPECT_TRUE(z1.in_state(D::state_stop) && selector.select_diner(0) == 0 && z1.lock_gate.reached());
+    EXPECT_VALUES("true 0 true", z1.in_state(D::state_stop), selector.select_diner(0), z1.lock_gate.reached());
     EXPECT_EQ(selector.select_diner(1), 0);
     z1.lock_gate.open();
-    EXPECT_TRUE(b2.in_state(D::state_run) && z1.starts - z1.stops == 0);
+    EXPECT_VALUES("true 0", b2.in_state(D::state_run), z1.starts - z1.stops);
     EXPECT_EQ(z1.start(), 0) << "it was parked";
     EXPECT_TRUE(z1.in_state(D::state_run));
     // Chosen again while it still parks.
     for (int i = 0; i < 20; ++i) {
-        ASSERT_TRUE(selector.select_diner(1) == 0 && selector.select_diner(0) == 0);
+        ASSERT_VALUES("0 0", selector.select_diner(1), selector.select_diner(0));
         ASSERT_TRUE(z1.in_state(D::state_run)) << i;
     }
 }
@@ -285,12 +281,12 @@ TEST_F(Selector, refuses_an_equal_descriptor_and_a_second_registration_and_may_g
     {
         Diner_selector first;
         twin.begin(true, false, &first);
-        EXPECT_TRUE(selector.register_diner(&a2) == -1 && selector.deregister_diner(&twin) == -1);
+        EXPECT_VALUES("-1 -1", selector.register_diner(&a2), selector.deregister_diner(&twin));
         EXPECT_EQ(twin.set_selector(&selector), -1);
-        EXPECT_TRUE(twin.get_selector() == &first && first.num_diners() == 1) << "it is back where it was";
+        EXPECT_VALUES(texts(&first, 1), twin.get_selector(), first.num_diners()) << "it is back where it was";
     }
     EXPECT_EQ(twin.get_selector(), nullptr);
-    EXPECT_TRUE(a2.set_selector(nullptr) == 0 && twin.set_selector(&selector) == 0);
+    EXPECT_VALUES("0 0", a2.set_selector(nullptr), twin.set_selector(&selector));
     EXPECT_EQ(order(), "z a b ");
 }
 
@@ -377,7 +373,7 @@ TEST(Misuse, ends_the_process_with_its_message_and_status) {
     };
     for (const auto& [misuse, status, message] : cases) {
         const Child_result r = run_child(misuse);
-        EXPECT_TRUE(r.status == status && r.signal == (status < 0 ? SIGABRT : 0))
+        EXPECT_VALUES(texts(status, (status < 0 ? SIGABRT : 0)), r.status, r.signal)
             << r.signal << " " << r.status << message << r.err;
         EXPECT_TRUE(*message ? r.err.find(message) < r.err.size() : r.err.empty()) << message << r.err;
     }

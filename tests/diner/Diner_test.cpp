@@ -1,20 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "support/Manual_clock.h"
 #include "support/Test_diner.h"
-#include "support/allocations.h"
-#include "support/child.h"
-#include <climits>
-#include <gtest/gtest.h>
-#include <numeric>
-#include <unistd.h>
-#include <vector>
+#include "support/test.h"
 
 namespace {
 
 TEST(Descriptor, keeps_twelve_characters_and_compares_by_name_and_id) {
     const Diner::Descriptor d("steering_left", 3);
     EXPECT_STREQ(d.name, "steering_lef");
-    EXPECT_TRUE(d != Diner::Descriptor("steering_lef", 4) && d != Diner::Descriptor("steering", 3));
+    EXPECT_VALUES("true true", d != Diner::Descriptor("steering_lef", 4), d != Diner::Descriptor("steering", 3));
     EXPECT_EQ(Diner::DESCRIPTOR_DEFAULT, Diner::Descriptor("ANON_DNR", 0));
 }
 
@@ -25,7 +18,8 @@ TEST(Diner, handles_events_in_order_under_its_lock_and_bare_wake_ups_only_on_req
         std::iota(expected.begin(), expected.end(), 5);
         d.on_event = [&](waiter_event& e) {
             if (e.module_id == 2000) seen.push_back(e.id);
-            EXPECT_TRUE(d.is_locked() && d.on_own_thread() && d.info.activity == Diner_info::activity_event);
+            EXPECT_VALUES(texts(true, true, Diner_info::activity_event), d.is_locked(), d.on_own_thread(),
+                          d.info.activity);
         };
         d.begin(false, pass);
         for (int i = 0; i < 3; ++i) d.wake();
@@ -178,7 +172,7 @@ TEST_F(Clock_step, in_a_handler_ends_the_pass_and_the_next_one_goes_on) {
 TEST_F(Clock_step, stops_at_the_last_instant_and_at_the_first) {
     submit();
     for (const int32_t s : {INT32_MAX, INT32_MIN, INT32_MIN, hour}) Diner_info_list::get().clock_stepped(s, 0);
-    for (int i : {0, 1}) EXPECT_TRUE(t[i].expiry.time == INT32_MIN + hour && d.remove_timeout(t[i]) == 0);
+    for (int i : {0, 1}) EXPECT_VALUES("true 0", t[i].expiry.time == INT32_MIN + hour, d.remove_timeout(t[i]));
 }
 
 /// While the list waits for the lock of a diner, that diner's handler tells of a step.
@@ -228,10 +222,10 @@ TEST(Diner, sleeps_until_its_earliest_timeout_behind_events_and_drops_the_rest_w
     ASSERT_TRUE(wait_until([&] { return d.info.timeout_count == 1; }));
     d.submit_timeout(t[1], 30); // submitted by another thread: the diner must look again
     ASSERT_TRUE(wait_until([&] { return d.info.timeout_count == 2; }));
-    EXPECT_TRUE(t[0].submitted() && !t[1].submitted());
-    EXPECT_TRUE(d.stop() == 0 && d.in_state(Diner::state_stop));
+    EXPECT_VALUES("true false", t[0].submitted(), t[1].submitted());
+    EXPECT_VALUES("0 true", d.stop(), d.in_state(Diner::state_stop));
     EXPECT_EQ(order, "eeett");
-    EXPECT_TRUE(!t[0].submitted() && !t[0].diner);
+    EXPECT_VALUES("false true", t[0].submitted(), !t[0].diner);
 }
 
 TEST(Diner, allocates_nothing_for_events_and_timeouts) {

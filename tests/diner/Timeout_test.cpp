@@ -1,13 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "support/Manual_clock.h"
 #include "support/Test_diner.h"
-#include "support/child.h"
+#include "support/test.h"
 #include "util/Debug_base.h"
-#include <gtest/gtest.h>
-#include <memory>
-#include <random>
-#include <set>
-#include <vector>
 
 namespace {
 
@@ -27,12 +21,12 @@ protected:
 
 TEST_F(Timeouts, are_copied_without_their_place_in_a_list) {
     Timeout assigned = Atime::from_now(20);
-    EXPECT_TRUE(t[1].remaining_ms() == 0 && assigned.remaining_ms() == 20);
+    EXPECT_VALUES("0 20", t[1].remaining_ms(), assigned.remaining_ms());
     t[0].uid = 5;
     t[0].period = 7;
     ASSERT_EQ(diner.submit_timeout(t[0], 40), 0);
     for (const Timeout& c : {Timeout(t[0]), assigned = t[0]})
-        EXPECT_TRUE(c.remaining_ms() == 40 && c.uid == 5 && c.period == 7 && !c.diner && !c.submitted());
+        EXPECT_VALUES("40 5 7 true false", c.remaining_ms(), c.uid, c.period, !c.diner, c.submitted());
     EXPECT_TRUE(t[0].submitted());
 }
 
@@ -63,22 +57,23 @@ TEST_F(Timeouts, show_in_their_node_that_they_are_in_a_list) {
     };
     std::vector<Timeout> many(100);
     for (size_t i = 0; i < many.size(); ++i) submit(many[i], 1000 + static_cast<int>(i));
-    EXPECT_TRUE(refused(many[0]) && !other.next(&many[0]) && !other.nearby(&many[0], bst_less)) << "just submitted";
+    EXPECT_VALUES("true false false", refused(many[0]), other.next(&many[0]), other.nearby(&many[0], bst_less))
+        << "just submitted";
     manager.next_timeout();
     for (Timeout* x : {&many[0], &many[99]}) EXPECT_TRUE(refused(*x)) << "put in order";
     for (Timeout& x : t) submit(x, 0);
     auto pass = manager.begin_pass();
-    EXPECT_TRUE(manager.expired_timeout(pass) == &t[0] && refused(t[0])) << "handed out";
+    EXPECT_VALUES(texts(&t[0], true), manager.expired_timeout(pass), refused(t[0])) << "handed out";
     submit(t[0], 0);
-    EXPECT_TRUE(manager.expired_timeout(pass) == &t[1] && refused(t[0])) << "left to the next pass";
-    EXPECT_TRUE(!manager.expired_timeout(pass) && manager.next_timeout() == &t[0] && refused(t[0]));
+    EXPECT_VALUES(texts(&t[1], true), manager.expired_timeout(pass), refused(t[0])) << "left to the next pass";
+    EXPECT_VALUES(texts(false, &t[0], true), manager.expired_timeout(pass), manager.next_timeout(), refused(t[0]));
     manager.remove_timeout(t[0]);
-    EXPECT_TRUE(!t[0].in_tree() && other.insert(&t[0]) == 0);
+    EXPECT_VALUES("false 0", t[0].in_tree(), other.insert(&t[0]));
     const std::string line = "Failed to remove timeout, did client get right Diner?\n";
     EXPECT_EQ(debug_text([&] { EXPECT_EQ(submit(t[0], 0) + manager.remove_timeout(t[0]), -2); }), line + line);
     for (const auto& misuse : {std::function<void()>([&] { t[0] = Atime::now(); }), {[&] { t[0].~Timeout(); }}})
         EXPECT_EQ(run_child(misuse).signal, SIGABRT) << "in the other tree";
-    EXPECT_TRUE(other.first() == &t[0] && other.integrity() == 0 && other.remove(&t[0]) == 0);
+    EXPECT_VALUES(texts(&t[0], 0, 0), other.first(), other.integrity(), other.remove(&t[0]));
     manager.terminate();
     for (Timeout& x : many) ASSERT_FALSE(x.in_tree());
 }
@@ -180,7 +175,7 @@ TEST_F(Timeouts, of_another_manager_are_refused_with_a_message) {
     Debug_filter::add_filter(_JDB::jdb_timeout);
     EXPECT_EQ(debug_text([&] { other.submit_timeout(t[0], nullptr); }), line) << "no lists";
     Debug_filter::remove_filter(_JDB::jdb_timeout);
-    EXPECT_TRUE(manager.submitted(t[0]) && !other.submitted(t[0]) && t[0].remaining_ms() == 10);
+    EXPECT_VALUES("true false 10", manager.submitted(t[0]), other.submitted(t[0]), t[0].remaining_ms());
 }
 
 TEST_F(Timeouts, are_listed_by_every_operation_under_their_category) {
@@ -220,7 +215,7 @@ TEST_F(Timeouts, misused_end_the_process) {
     for (const auto& [misuse, message, assertion] : cases) {
         const Child_result r = run_child(misuse);
         const size_t told = r.err.find(message), failed = r.err.find(assertion);
-        EXPECT_TRUE(r.signal == SIGABRT && told < failed && failed < r.err.size()) << r.err;
+        EXPECT_VALUES(texts(SIGABRT, true, true), r.signal, told < failed, failed < r.err.size()) << r.err;
     }
 }
 

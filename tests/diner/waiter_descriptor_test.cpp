@@ -1,18 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/waiter_descriptor.h"
 #include "glue/diner/waiter_list.h"
-#include "support/Manual_clock.h"
-#include "support/child.h"
+#include "support/test.h"
 #include <QCoreApplication>
 #include <QTimer>
-#include <chrono>
-#include <climits>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <set>
-#include <sstream>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -84,16 +75,17 @@ TEST(Module_man, counts_ids_until_16_bits_are_used_and_hands_out_each_of_1000_no
     std::vector<short> ids(40000, 0);
     for (const auto& [extended, last, next] : {std::tuple(false, 32767, 1026), {true, -32768, -1}}) {
         const int left = std::abs(last - next) + 1;
-        EXPECT_TRUE(mm.init_module_array(ids.data(), left + 1, extended) == -1 && ids[0] != next) << "none handed out";
+        EXPECT_VALUES("-1 true", mm.init_module_array(ids.data(), left + 1, extended), ids[0] != next)
+            << "none handed out";
         EXPECT_EQ(mm.init_module_array(ids.data(), left, extended), 0);
-        EXPECT_TRUE(ids[0] == next && ids[static_cast<size_t>(left) - 1] == last);
+        EXPECT_VALUES(texts(next, last), ids[0], ids[static_cast<size_t>(left) - 1]);
         EXPECT_EQ(mm.init_module(ids.data(), extended), -1);
     }
     std::set<waiter_event_node*> nodes;
     while (waiter_event_node* n = mm.get_blank_event()) nodes.insert(n);
-    EXPECT_TRUE(nodes.size() == 1000 && mm.num_free_events() == 0);
+    EXPECT_VALUES("1000 0", nodes.size(), mm.num_free_events());
     for (waiter_event_node* n : nodes) mm.return_used_event(n);
-    EXPECT_TRUE(mm.num_free_events() == 1000 && mm.least_free_events() == 0);
+    EXPECT_VALUES("1000 0", mm.num_free_events(), mm.least_free_events());
     EXPECT_EQ(run_child([&] { mm.return_used_event(*nodes.begin()); }).signal, SIGABRT) << "it is back already";
 }
 
@@ -102,7 +94,7 @@ protected:
     Waiter() { w.init(&mm); }
     ~Waiter() override {
         w.flush_events();
-        EXPECT_TRUE(mm.num_free_events() == 1000 && w.num_queued() == 0) << "every node comes back";
+        EXPECT_VALUES("1000 0", mm.num_free_events(), w.num_queued()) << "every node comes back";
     }
     module_man mm;
     waiter_descriptor w;
@@ -120,7 +112,7 @@ TEST_F(Waiter, queues_merges_or_drops_a_post) {
         {"u-5:7:1 u-5:7:1 u-5:7:2 u0:7:1", 3, "-5:7:1 -5:7:2 0:7:1 "},
     };
     for (const auto& [posts, nodes, deliveries] : cases) {
-        EXPECT_TRUE(post(w, posts) == 0 && w.num_queued() == nodes && mm.num_free_events() == 1000 - nodes) << posts;
+        EXPECT_VALUES(texts(0, nodes, 1000 - nodes), post(w, posts), w.num_queued(), mm.num_free_events()) << posts;
         EXPECT_EQ(take_all(w), deliveries);
     }
 }
@@ -130,7 +122,7 @@ TEST_F(Waiter, compares_a_post_with_all_that_is_queued_and_starts_a_second_node_
     EXPECT_EQ(take(w), "5:1:0");
     post(w, "5:3:0"); // after the taker began on the others
     post(w, "u5:2:1 c5:2:2 u5:3:1 c5:3:2");
-    EXPECT_TRUE(w.num_queued() == 2 && w.longest_queue() == 2);
+    EXPECT_VALUES("2 2", w.num_queued(), w.longest_queue());
     EXPECT_EQ(take_all(w), "5:2:0 5:2:0 5:3:0 5:3:0 ");
 
     constexpr int posts = 65535 + 3;
@@ -142,7 +134,7 @@ TEST_F(Waiter, compares_a_post_with_all_that_is_queued_and_starts_a_second_node_
 
 TEST_F(Waiter, drops_posts_but_not_wake_ups_while_disabled_or_not_initialised) {
     waiter_descriptor never;
-    EXPECT_TRUE(post(never, "5:7:1") == 0 && take(never) == "nothing");
+    EXPECT_VALUES("0 nothing", post(never, "5:7:1"), take(never));
     w.send_anonymous_event();
     post(w, "5:7:1");
     w.set_enabled(false);
@@ -162,7 +154,7 @@ TEST_F(Waiter, may_queue_half_of_what_is_free_and_still_merge_when_full) {
     for (const auto& [waiter, room, free_then] : fills) {
         int fit = 0;
         while (waiter->send_event({5, fit, 0}, coalesce, no) == 0) ASSERT_LE(++fit, 1000);
-        EXPECT_TRUE(fit == room && waiter->longest_queue() == room && mm.num_free_events() == free_then) << fit;
+        EXPECT_VALUES(texts(room, room, free_then), fit, waiter->longest_queue(), mm.num_free_events()) << fit;
         EXPECT_EQ(post(*waiter, "c5:0:0 u5:0:0"), 0) << "a merged or dropped post needs no node";
     }
     EXPECT_EQ(mm.least_free_events(), 443);
@@ -188,7 +180,7 @@ TEST_F(Waiter, waits_until_the_deadline_rounded_up_to_10_ms) {
             EXPECT_EQ(take(w, ahead), "nothing");
             shortest = std::min<nanoseconds>(shortest, steady_clock::now() - start);
         }
-        EXPECT_TRUE(shortest >= milliseconds(waited) && shortest < milliseconds(waited + 9)) << ahead;
+        EXPECT_VALUES("true true", shortest >= milliseconds(waited), shortest < milliseconds(waited + 9)) << ahead;
     }
 }
 
@@ -278,7 +270,7 @@ TEST_F(Waiter, keeps_nothing_that_was_posted_before_it_was_disabled_and_flushed)
     poster.join();
     Util::set_wall_clock(nullptr);
     EXPECT_FALSE(left) << "a post whose token is still to come";
-    EXPECT_TRUE(take(w) == "nothing" && readings == 0) << readings;
+    EXPECT_VALUES("nothing 0", take(w), readings) << readings;
 }
 
 TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out) {
@@ -303,10 +295,11 @@ TEST(Waiter_list, keeps_up_to_16_waiters_and_posts_to_each) {
     module_man mm;
     waiter_descriptor waiters[17];
     waiter_list list;
-    EXPECT_TRUE(list.module_id() == 0 && list.init(mm) == 0 && list.add(nullptr) == -1);
-    for (waiter_descriptor& w : waiters) EXPECT_TRUE(w.init(&mm) == 0 && list.add(&w) == (&w == &waiters[16] ? -1 : 0));
-    EXPECT_TRUE(list.remove(&waiters[16]) == -1 && list.remove(&waiters[3]) == 0 && list.remove(&waiters[3]) == -1);
-    EXPECT_TRUE(list.add(&waiters[4]) == -1 && list.size() == 15 && list.add(&waiters[16]) == 0);
+    EXPECT_VALUES("0 0 -1", list.module_id(), list.init(mm), list.add(nullptr));
+    for (waiter_descriptor& w : waiters)
+        EXPECT_VALUES(texts(0, (&w == &waiters[16] ? -1 : 0)), w.init(&mm), list.add(&w));
+    EXPECT_VALUES("-1 0 -1", list.remove(&waiters[16]), list.remove(&waiters[3]), list.remove(&waiters[3]));
+    EXPECT_VALUES("-1 15 0", list.add(&waiters[4]), list.size(), list.add(&waiters[16]));
     for (int i = 0; i < 2; ++i) list.send({list.module_id(), 2, 3}, waiter_descriptor::merge_duplicates);
     for (waiter_descriptor& w : waiters) EXPECT_EQ(take_all(w), &w == &waiters[3] ? "" : "1026:2:3 1026:2:3 ");
 }

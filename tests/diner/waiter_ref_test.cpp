@@ -3,12 +3,7 @@
 #include "glue/cds/CDS_events.h"
 #include "glue/data_stream/Virtual_pair_data_stream.h"
 #include "glue/diner/waiter_list.h"
-#include "support/capture.h"
-#include <functional>
-#include <gtest/gtest.h>
-#include <memory>
-#include <mutex>
-#include <optional>
+#include "support/test.h"
 
 namespace {
 
@@ -54,7 +49,7 @@ TEST_F(Holders, forget_a_waiter_that_dies_with_a_line_and_tell_the_others) {
     for (const Holder& h : holders) {
         // Of the heap, where their memory is watched.
         auto dies = std::make_unique<waiter_descriptor>(), stays = std::make_unique<waiter_descriptor>();
-        EXPECT_TRUE(dies->init(&modules) == 0 && stays->init(&modules) == 0);
+        EXPECT_VALUES("0 0", dies->init(&modules), stays->init(&modules));
         h.keep(*dies);
         const std::string line = text_of("Waiter %p dies while it is registered with %s\n", dies.get(), h.told);
         EXPECT_EQ(debug_text([&] { dies.reset(); }), line);
@@ -71,7 +66,7 @@ TEST_F(Holders, forget_nothing_else_when_places_move_up) {
     std::optional<waiter_descriptor> waiters[17];
     for (auto& w : waiters) w.emplace().init(&modules);
     for (int i = 0; i < 16; ++i) EXPECT_EQ(list.add(&*waiters[i]), 0);
-    EXPECT_TRUE(list.remove(&*waiters[1]) == 0 && list.add(&*waiters[1]) == 0);
+    EXPECT_VALUES("0 0", list.remove(&*waiters[1]), list.add(&*waiters[1]));
     debug_text([&] { waiters[0].reset(), waiters[5].reset(); });
     EXPECT_EQ(list.add(&*waiters[16]), 0) << "in a place of those that died";
     list.send(event, waiter_descriptor::keep_duplicates);

@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "support/child.h"
-#include <gtest/gtest.h>
-#include <string>
-#include <unistd.h>
+#include "support/test.h"
 
 namespace {
 

@@ -1,11 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "support/Temporary_folder.h"
-#include "support/child.h"
-#include "support/wait_until.h"
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <string>
-#include <sys/wait.h>
+#include "support/test.h"
 
 namespace {
 
@@ -22,7 +16,7 @@ TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_sta
         run_program(FIELD_CONTROLLER, {"--seconds", "3", "--faults", "0", "--messages", "--settings", file});
     EXPECT_EQ(result.status, 0) << result.err;
     const int lines = occurrences(result.out, "\nstatus: lat 49.200");
-    EXPECT_TRUE(lines >= 1 && lines <= 4) << lines << " in three seconds";
+    EXPECT_VALUES("true true", lines >= 1, lines <= 4) << lines << " in three seconds";
     EXPECT_GE(occurrences(result.out, " m), satellites 8 GPS and 4 GLONASS, faults "), 1);
     EXPECT_GE(occurrences(result.out, "field simulator, all is well\n"), 1) << "a text, which has no checksum";
     EXPECT_EQ(occurrences(result.out, "\nframes rejected          0 "), 1) << result.out;
@@ -30,7 +24,7 @@ TEST(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_sta
     // Positions come ten times a second and differ; nothing else wakes the status diner.
     unsigned woken = 0, delivered = 0;
     const size_t changes = result.out.find("position changes"), frames = result.out.find("frames delivered");
-    ASSERT_TRUE(changes != std::string::npos && frames != std::string::npos) << result.out;
+    ASSERT_VALUES("true true", changes != std::string::npos, frames != std::string::npos) << result.out;
     sscanf(&result.out[changes], "position changes %u", &woken);
     sscanf(&result.out[frames], "frames delivered %u", &delivered);
     EXPECT_GE(woken, 5u);
@@ -65,7 +59,7 @@ TEST(field_controller, fails_when_something_that_a_run_leaves_behind_got_lost) {
     };
     for (const auto& [rest, line] : rows) {
         const Child_result r = run_shell(run + rest);
-        EXPECT_TRUE(r.status == 1 && r.err.find(line) != std::string::npos) << r.end();
+        EXPECT_VALUES("1 true", r.status, r.err.find(line) != std::string::npos) << r.end();
     }
     EXPECT_EQ(run_shell(run + settings).end(), "0 ");
 }
@@ -91,7 +85,7 @@ TEST(field_controller, leaves_no_folder_behind_when_it_is_killed_and_ends_in_ord
         EXPECT_TRUE(wait_until(is_there));
         kill(pid, signal);
         int status = -1;
-        EXPECT_TRUE(waitpid(pid, &status, 0) == pid && status == end) << status;
+        EXPECT_VALUES(texts(pid, end), waitpid(pid, &status, 0), status) << status;
         EXPECT_TRUE(wait_until([&] { return !is_there(); })) << signal;
         EXPECT_EQ(std::filesystem::exists(settings), signal == SIGHUP) << "saved";
     }

@@ -9,9 +9,7 @@
 #include "glue/NV_store/NV_safe_store.h"
 #include "glue/data_stream/File_checksummed_data_stream.h"
 #include "platform/pcf_host.h"
-#include "support/Manual_clock.h"
-#include "support/Temporary_folder.h"
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 

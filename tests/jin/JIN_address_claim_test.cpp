@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "jin/Test_bus.h"
-#include <deque>
-#include <gtest/gtest.h>
-#include <map>
-#include <random>
-#include <set>
+#include "support/test.h"
 
 namespace {
 
@@ -148,13 +144,15 @@ TEST_F(Claiming, everybody_gets_what_the_order_of_names_gives_him) {
         for (size_t i = 0; i < nodes.size(); ++i) {
             const int a = nodes[i].address();
             if (a == wishes[i]) continue;
-            EXPECT_TRUE(holders.count(wishes[i]) && holders[wishes[i]] < order[i]) << "who has less got his wish";
+            EXPECT_VALUES("true true", holders.count(wishes[i]), holders[wishes[i]] < order[i])
+                << "who has less got his wish";
             EXPECT_TRUE(a < 0 || (a >= 128 && a <= 247)) << a;
         }
         // Everybody knows everybody.
         for (const auto& h : holders) {
             JIN_name heard;
-            EXPECT_TRUE(nodes[0].stack.name_of(static_cast<uint8_t>(h.first), heard) && heard.value == h.second);
+            EXPECT_VALUES(texts(true, h.second), nodes[0].stack.name_of(static_cast<uint8_t>(h.first), heard),
+                          heard.value);
         }
         // One question each and an answer of everybody, and one claim for each place that somebody lost.
         EXPECT_LE(bus.num_frames() - frames_before, static_cast<uint64_t>(3 * n * n + 10));
@@ -190,7 +188,7 @@ TEST_F(Claiming, a_lossy_bus_is_put_right_by_what_is_said) {
         }
         std::set<int> used;
         for (const Test_node& n : nodes) used.insert(n.address());
-        EXPECT_TRUE(used.size() == nodes.size() && !used.count(-1));
+        EXPECT_VALUES(texts(nodes.size(), false), used.size(), used.count(-1));
     }
 }
 

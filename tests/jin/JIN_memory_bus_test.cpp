@@ -2,12 +2,7 @@
 #include "glue/jin/JIN_transmission.h"
 #include "jin/Test_bus.h"
 #include "support/Test_diner.h"
-#include "support/allocations.h"
-#include "support/wait_until.h"
-#include <atomic>
-#include <gtest/gtest.h>
-#include <thread>
-#include <vector>
+#include "support/test.h"
 
 namespace {
 
@@ -88,7 +83,7 @@ TEST_F(Memory_bus, goes_and_comes_back) {
     bus.set_there(true);
     pass(403);
     EXPECT_EQ(a.events(), "6 2 1");
-    EXPECT_TRUE(a.address() == 10 && a.stack.bus_is_there());
+    EXPECT_VALUES("10 true", a.address(), a.stack.bus_is_there());
 }
 
 TEST_F(Memory_bus, is_busy_and_loses_on_demand) {
@@ -126,7 +121,7 @@ TEST_F(Memory_bus, each_client_gets_what_it_wants) {
     EXPECT_EQ(take_all(one), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32, FECA 0A>FF 6: 33");
     EXPECT_EQ(take_all(tight), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32");
     EXPECT_EQ(take_all(all).substr(54), "FECB 0A>FF 6: 34, EF00 0A>63 6: 35");
-    EXPECT_TRUE(dm.lost() == 0 && tight.lost() == 1 && none.lost() == 3);
+    EXPECT_VALUES("0 1 3", dm.lost(), tight.lost(), none.lost());
     // A queue that wraps, with messages of every length.
     JIN_inbox ring(b.stack, nullptr, {0xFEDA}, 2000);
     JIN_grow_message got(0, JIN::max_length);
@@ -217,7 +212,7 @@ TEST_F(Transmission, is_built_when_there_is_room) {
 TEST_F(Transmission, gives_up_what_is_refused) {
     Counter odd(diner, a.stack, 0xEF01);
     odd.request();
-    EXPECT_TRUE(odd.refused() == 1 && odd.sent() == 0 && !odd.is_due());
+    EXPECT_VALUES("1 0 false", odd.refused(), odd.sent(), odd.is_due());
 }
 
 TEST_F(Transmission, waits_for_an_address) {

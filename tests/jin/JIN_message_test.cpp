@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/jin/JIN_name.h"
 #include "jin/Test_bus.h"
-#include <cstring>
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 
@@ -18,13 +17,13 @@ TEST(Name, fields_lie_where_the_bus_has_them) {
     EXPECT_EQ(memcmp(written, bytes, 8), 0);
     const JIN_name r = JIN_name::from_bytes(bytes);
     EXPECT_EQ(r, n);
-    EXPECT_TRUE(r.arbitrary_address() && r.industry_group() == 2 && r.device_class_instance() == 3);
-    EXPECT_TRUE(r.device_class() == 25 && r.function() == 129 && r.function_instance() == 5 && r.ecu_instance() == 6);
-    EXPECT_TRUE(r.manufacturer_code() == 1234 && r.identity_number() == 1000000);
+    EXPECT_VALUES("true 2 3", r.arbitrary_address(), r.industry_group(), r.device_class_instance());
+    EXPECT_VALUES("25 129 5 6", r.device_class(), r.function(), r.function_instance(), r.ecu_instance());
+    EXPECT_VALUES("1234 1000000", r.manufacturer_code(), r.identity_number());
     // What does not fit changes no neighbour, and each field can be changed again.
     EXPECT_EQ(n.set_ecu_instance(8 + 6).set_identity_number(0x200000 + 1000000).value, r.value);
     EXPECT_EQ(n.set_function(0).value, 0xA332002E9A4F4240u);
-    EXPECT_TRUE(n.wins_against(r) && !r.wins_against(n) && !r.wins_against(r));
+    EXPECT_VALUES("true false false", n.wins_against(r), r.wins_against(n), r.wins_against(r));
 }
 
 TEST(Message, only_what_applications_may_send_is_sendable) {
@@ -58,14 +57,15 @@ TEST(Message, request_names_a_pgn) {
 
 TEST(Grow_message, grows_to_its_limit_and_keeps_what_it_has) {
     JIN_grow_message m(0xFECA, 4);
-    EXPECT_TRUE(m.append_uint8(1) && m.append_uint16_le(0x0302) && m.append_uint32_le(0x07060504) && m.append("", 0));
+    EXPECT_VALUES("true true true true", m.append_uint8(1), m.append_uint16_le(0x0302), m.append_uint32_le(0x07060504),
+                  m.append("", 0));
     m.source = 3;
     const JIN_grow_message copy(m);
     EXPECT_TRUE(m.resize(9));
     EXPECT_EQ(text_of_message(m), "FECA 03>FF 6: 01 02 03 04 05 06 07 FF FF");
     EXPECT_EQ(text_of_message(copy), "FECA 03>FF 6: 01 02 03 04 05 06 07");
     const std::string many(1785, 'x');
-    EXPECT_FALSE(m.append(many.data(), 1785) || m.resize(1786) || m.append(many.data(), 0xFFFFFFFE));
+    EXPECT_VALUES("false false false", m.append(many.data(), 1785), m.resize(1786), m.append(many.data(), 0xFFFFFFFE));
     EXPECT_EQ(m.size, 9u);
     EXPECT_TRUE(m.append(many.data(), 1776));
     EXPECT_FALSE(m.append_uint8(0));

@@ -2,15 +2,11 @@
 // What a machine without a bus says. The system's calls are stood in for; tests/kernel has the real ones.
 #include "glue/jin/JIN_socket_stack.h"
 #include "jin/Test_bus.h"
-#include "support/capture.h"
-#include "support/wait_until.h"
-#include <cerrno>
-#include <gtest/gtest.h>
+#include "support/test.h"
 #include <linux/can.h>
 #include <net/if.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 namespace {
 std::atomic<int> socket_error{0}, bind_error{0}, attempts{0};

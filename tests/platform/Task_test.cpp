@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "platform/Task.h"
+#include "support/test.h"
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QPointer>
 #include <QSocketNotifier>
 #include <QTimer>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -54,11 +52,11 @@ TEST(Task, runs_its_entry_once_on_a_thread_of_its_own) {
         p.task = &task;
         EXPECT_TRUE(task.join(0)) << "a task that never ran has nothing to wait for";
         ASSERT_EQ(task.start(r.priority, Probe::entry, &p), 0);
-        EXPECT_FALSE(task.join(1) || task.is_current());
+        EXPECT_VALUES("false false", task.join(1), task.is_current());
         p.go_on.release();
         EXPECT_TRUE(task.join());
         EXPECT_STREQ(p.name, r.shown);
-        EXPECT_TRUE(p.is_current && p.stack >= r.least_kib * 1024) << p.stack;
+        EXPECT_VALUES("true true", p.is_current, p.stack >= r.least_kib * 1024) << p.stack;
         EXPECT_EQ(p.policy, r.priority && allowed ? SCHED_RR : SCHED_OTHER);
         EXPECT_EQ(p.scheduling.sched_priority, allowed ? r.priority : 0);
         EXPECT_EQ(task.start(0, Probe::entry, &p), -1);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "platform/pcf_host.h"
-#include "support/Temporary_folder.h"
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 using namespace std::string_literals;
 
@@ -39,20 +38,21 @@ TEST_F(Flash, Holds_named_files_up_to_its_quota_one_open_each_way) {
     for (const char* bad : {"", "a/b", ".", "..", "a-name-of-forty-bytes-is-one-byte-too-lon"})
         EXPECT_EQ(pcfCreateWrite(bad, -1), PCF_FAILED) << bad;
     EXPECT_TRUE(save("a-name-of-thirty-nine-bytes-is-fine-aaa", ""));
-    EXPECT_TRUE(save("b", "hello ") && save("b", "world") && load("b", 6) == "world" && load("b", 60).empty());
-    EXPECT_TRUE(!save("c", std::string(990, 'c')) && !save("b", std::string(990, 'c'))) << "one byte too many";
-    EXPECT_TRUE(load("b") == "hello world" && !pcfExists("c") && save("0", std::string(989, 'c')));
+    EXPECT_VALUES("true true world true", save("b", "hello "), save("b", "world"), load("b", 6), load("b", 60).empty());
+    EXPECT_VALUES("false false", save("c", std::string(990, 'c')), save("b", std::string(990, 'c')))
+        << "one byte too many";
+    EXPECT_VALUES(texts("hello world", false, true), load("b"), pcfExists("c"), save("0", std::string(989, 'c')));
     char names[2][256] = {};
-    EXPECT_TRUE(pcfGetNumFiles() == 3 && pcfGetFileName(0, names[0]) && pcfGetFileName(2, names[1]));
-    EXPECT_TRUE(names[0] == "0"s && names[1] == "b"s) << "in order";
-    EXPECT_TRUE(pcfRemove("c") == PCF_NO_FILE && pcfRemove("0") == PCF_DONE);
+    EXPECT_VALUES("3 true true", pcfGetNumFiles(), pcfGetFileName(0, names[0]), pcfGetFileName(2, names[1]));
+    EXPECT_VALUES(texts("0"s, "b"s), names[0], names[1]) << "in order";
+    EXPECT_VALUES(texts(PCF_NO_FILE, PCF_DONE), pcfRemove("c"), pcfRemove("0"));
 
     ASSERT_EQ(pcfOpenWrite("b", -1), PCF_DONE);
-    EXPECT_TRUE(pcfCreateWrite("d", -1) == PCF_BUSY && pcfRemove("b") == PCF_BUSY);
+    EXPECT_VALUES(texts(PCF_BUSY, PCF_BUSY), pcfCreateWrite("d", -1), pcfRemove("b"));
     EXPECT_EQ(load("b"), "hello world") << "reading goes on beside writing";
-    EXPECT_TRUE(pcfCloseWrite(-1) && !pcfCloseWrite(-1));
-    EXPECT_TRUE(pcfOpenRead("d", 0, 0) == PCF_NO_FILE && pcfOpenRead("b", 0, 0) == PCF_DONE);
-    EXPECT_TRUE(pcfOpenRead("b", 0, 0) == PCF_BUSY && pcfCloseRead(0) == PCF_DONE && pcfCloseRead(0) == PCF_NOTHING);
+    EXPECT_VALUES("true false", pcfCloseWrite(-1), pcfCloseWrite(-1));
+    EXPECT_VALUES(texts(PCF_NO_FILE, PCF_DONE), pcfOpenRead("d", 0, 0), pcfOpenRead("b", 0, 0));
+    EXPECT_VALUES(texts(PCF_BUSY, PCF_DONE, PCF_NOTHING), pcfOpenRead("b", 0, 0), pcfCloseRead(0), pcfCloseRead(0));
 }
 
 TEST_F(Flash, A_reader_sees_what_is_appended_and_nothing_that_is_taken_back) {
@@ -87,7 +87,7 @@ TEST_F(Flash, One_process_at_a_time_has_it_mounted) {
     const std::string command = "flock -n -x '" + folder.path + "'/flash-store-lock* true";
     EXPECT_NE(system(command.c_str()), 0);
     Pcf_host::unmount();
-    EXPECT_TRUE(system(command.c_str()) == 0 && !pcfIsMounted() && pcfGetNumFiles() == 0);
+    EXPECT_VALUES("0 false 0", system(command.c_str()), pcfIsMounted(), pcfGetNumFiles());
     EXPECT_FALSE(Pcf_host::mount(folder.file("none").c_str(), 1000));
 }
 

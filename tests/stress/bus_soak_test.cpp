@@ -3,11 +3,7 @@
 // `--nightly` as the argument: a day in place of 15 minutes.
 #include "glue/diagnostics/Trouble_code_monitor.h"
 #include "jin/Test_bus.h"
-#include <cstring>
-#include <deque>
-#include <gtest/gtest.h>
-#include <random>
-#include <set>
+#include "support/test.h"
 
 namespace {
 
@@ -73,7 +69,7 @@ TEST(Bus_soak, thirty_nodes_among_bad_messages) {
     }
     std::set<int> used;
     for (const Test_node& n : nodes) used.insert(n.address());
-    EXPECT_TRUE(used.size() == nodes.size() && !used.count(-1));
+    EXPECT_VALUES(texts(nodes.size(), false), used.size(), used.count(-1));
     while (inbox.receive(m)) monitor.take(m, Atime::now());
     for (size_t i = 1; i < nodes.size(); ++i) {
         const Trouble_code_monitor::Node* const row = monitor.node(static_cast<unsigned>(nodes[i].address()));

@@ -5,14 +5,8 @@
 // --nightly thirty times as long.
 #include "glue/diner/Diner_selector.h"
 #include "support/Test_diner.h"
-#include "support/capture.h"
-#include "support/child.h"
-#include <cstring>
-#include <gtest/gtest.h>
-#include <memory>
-#include <random>
+#include "support/test.h"
 #include <regex>
-#include <vector>
 
 namespace {
 

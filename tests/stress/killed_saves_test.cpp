@@ -5,19 +5,9 @@
 #include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/NV_store/NV_safe_store.h"
-#include "support/nightly.h"
-#include "support/wait_until.h"
-#include "util/Debug_print.h"
-#include <atomic>
-#include <csignal>
-#include <deque>
-#include <gtest/gtest.h>
-#include <mutex>
+#include "support/test.h"
 #include <new>
-#include <random>
 #include <sys/mman.h>
-#include <sys/wait.h>
-#include <thread>
 
 using namespace NV_store;
 

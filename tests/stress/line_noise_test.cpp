@@ -6,9 +6,8 @@
 #include "glue/vorn/Vorn_checkers.h"
 #include "glue/vorn/Vorn_salvage.h"
 #include "support/frame.h"
-#include "util/Debug_print.h"
+#include "support/test.h"
 #include "vorn/parser_model.h"
-#include <gtest/gtest.h>
 
 namespace {
 

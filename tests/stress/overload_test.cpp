@@ -3,14 +3,7 @@
 // handled once, no refused one is, and every call returns.
 #include "glue/diner/Diner_selector.h"
 #include "support/Test_diner.h"
-#include "support/capture.h"
-#include "support/child.h"
-#include <algorithm>
-#include <gtest/gtest.h>
-#include <random>
-#include <thread>
-#include <unistd.h>
-#include <vector>
+#include "support/test.h"
 
 namespace {
 
@@ -110,7 +103,7 @@ TEST(Overload, while_diners_stop_and_start_and_end) {
             const Exhausted_pool nothing_left;
             stopped = stop();
         }
-        ASSERT_TRUE((stopped || wait_until(stop)) && d.in_state(Diner::state_stop));
+        ASSERT_VALUES("true true", (stopped || wait_until(stop)), d.in_state(Diner::state_stop));
         EXPECT_EQ(load.marks, marks) << "what was posted before the stop is handled before it";
         ASSERT_TRUE(d.run());
     }
@@ -170,7 +163,7 @@ TEST(Overload, at_an_exit_from_a_handler) {
             load.allowed = load.each;
             wait_until([] { return false; });
         });
-        EXPECT_TRUE(r.status == 9 && r.err.empty()) << r.status << " " << r.signal << " " << r.timed_out << r.err;
+        EXPECT_VALUES("9 true", r.status, r.err.empty()) << r.status << " " << r.signal << " " << r.timed_out << r.err;
     }
 }
 

@@ -9,20 +9,11 @@
 #include "glue/data_stream/File_checksummed_data_stream.h"
 #include "platform/pcf_host.h"
 #include "stress/faulty_calls.h"
-#include "support/nightly.h"
-#include "util/Debug_print.h"
-#include <csignal>
-#include <deque>
-#include <filesystem>
-#include <functional>
-#include <gtest/gtest.h>
-#include <map>
-#include <random>
+#include "support/test.h"
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 using namespace NV_store;
 

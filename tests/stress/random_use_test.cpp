@@ -3,14 +3,8 @@
 // one. No event is handled twice or unless accepted, no timeout runs that was removed, none is forgotten, and nothing
 // is left of the diners. With --nightly a hundred times as long, from three seeds.
 #include "support/Test_diner.h"
-#include "support/capture.h"
-#include "support/nightly.h"
-#include <gtest/gtest.h>
-#include <memory>
-#include <random>
+#include "support/test.h"
 #include <shared_mutex>
-#include <thread>
-#include <vector>
 
 namespace {
 

@@ -5,15 +5,7 @@
 #include "glue/cds/CDS_events.h"
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/waiter_descriptor.h"
-#include "support/nightly.h"
-#include "support/wait_until.h"
-#include <atomic>
-#include <gtest/gtest.h>
-#include <map>
-#include <mutex>
-#include <random>
-#include <thread>
-#include <vector>
+#include "support/test.h"
 
 namespace {
 

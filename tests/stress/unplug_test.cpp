@@ -2,10 +2,7 @@
 // A receiver's line is unplugged and plugged in again, each time at another number of the system.
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "support/Pty.h"
-#include "support/capture.h"
-#include "support/wait_until.h"
-#include <gtest/gtest.h>
-#include <memory>
+#include "support/test.h"
 
 namespace {
 

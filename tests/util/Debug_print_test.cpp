@@ -6,14 +6,11 @@
 #include "glue/data_stream/PCFile_data_stream.h"
 #include "glue/diner/Timeout_manager.h"
 #include "platform/pcf_host.h"
-#include "support/Temporary_folder.h"
-#include "support/child.h"
+#include "support/test.h"
 #include "util/Bugger.h"
 #include "util/Debug_base.h"
 #include "util/Mutex.h"
 #include "util/assertion.h"
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 namespace {
@@ -63,7 +60,7 @@ TEST(Debug_print, detail_is_one_line_of_at_most_255_characters) {
         unsigned seconds = 0, ms = 1000;
         void* thread = nullptr;
         ASSERT_EQ(sscanf(line.c_str(), "[%u.%3u|ThreadID:%p] ", &seconds, &ms, &thread), 3) << line;
-        ASSERT_TRUE(seconds > 0 && ms < 1000 && thread == reinterpret_cast<void*>(pthread_self()));
+        ASSERT_VALUES(texts(true, true, reinterpret_cast<void*>(pthread_self())), seconds > 0, ms < 1000, thread);
         std::string kept = (line.substr(0, line.find("] ") + 2) + file + ":12: '" + text).substr(0, 253);
         if (kept.back() == '\n') kept.pop_back(); // one line end of the message goes, if it came so far
         ASSERT_EQ(line, kept + "'\n") << length;
@@ -72,9 +69,9 @@ TEST(Debug_print, detail_is_one_line_of_at_most_255_characters) {
 
 TEST(Debug_print, last_words_reach_whom_they_are_for) {
     Child_result r = run_child([] { Debug_print::die("glue/x", 7); });
-    EXPECT_TRUE(r.status == (3358 & 0xFF) && r.err == "DIE file=glue/x line=7\n") << r.err;
+    EXPECT_VALUES(texts((3358 & 0xFF), "DIE file=glue/x line=7\n"), r.status, r.err) << r.err;
     r = run_child([] { Bugger::report_bug("tree bent"); });
-    EXPECT_TRUE(r.signal == SIGABRT && r.out == "BUG: tree bent\r\n") << r.out;
+    EXPECT_VALUES(texts(SIGABRT, "BUG: tree bent\r\n"), r.signal, r.out) << r.out;
     const char* where = "util/Bugger:42: static void Bugger::report_bug(const char*): Assertion `false' failed.\n";
     EXPECT_NE(r.err.find(where), std::string::npos) << r.err;
 }
@@ -170,11 +167,12 @@ TEST(Debug_filter, holds_six_categories_read_from_pairs_of_hex_digits) {
     }
     using E = _JDB::jdb_enum;
     debug_text([] { Debug_filter::set_filters("01020301040507"); });
-    EXPECT_FALSE(Debug_filter::add_filter(E(7)) || Debug_filter::remove_filter(E(7)) || Debug_filter::enabled(E(7)));
+    EXPECT_VALUES("false false false", Debug_filter::add_filter(E(7)), Debug_filter::remove_filter(E(7)),
+                  Debug_filter::enabled(E(7)));
     EXPECT_TRUE(Debug_filter::remove_filter(E(1))) << "both of them";
     EXPECT_TRUE(Debug_filter::add_filter(E(2))) << "an active one moves to the end";
     EXPECT_EQ(active(), "3 4 5 2 ");
-    EXPECT_FALSE(Debug_filter::add_filter(_JDB::jdb_none) || Debug_filter::remove_filter(_JDB::jdb_none));
+    EXPECT_VALUES("false false", Debug_filter::add_filter(_JDB::jdb_none), Debug_filter::remove_filter(_JDB::jdb_none));
     Debug_filter::set_filters("");
 }
 

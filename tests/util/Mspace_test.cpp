@@ -1,14 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "support/child.h"
+#include "support/test.h"
 #include "util/Debug_base.h"
 #include "util/Debug_text_dumper.h"
 #include "util/Mspace.h"
 #include "util/talloc.h"
-#include <cstring>
-#include <gtest/gtest.h>
 #include <regex>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -43,7 +39,7 @@ TEST(Mspace_manager, prints_the_usage_of_every_space_with_a_heap_and_lists_each_
     const std::regex usage("(^|\n)test_space:\n  fixed_space" + x + "free_chunks" + x + "max_alloc" + x +
                            "total_alloc" + x + "total_free" + x + "releasable: [0-9a-f]+\n");
     EXPECT_TRUE(std::regex_search(text, usage)) << text;
-    EXPECT_TRUE(text.find("cds_event:") < text.size() && text.find("tiny") > text.size()) << text;
+    EXPECT_VALUES("true true", text.find("cds_event:") < text.size(), text.find("tiny") > text.size()) << text;
     EXPECT_EQ(run_child([] { Mspace_manager::get().add(const_cast<Mspace*>(&space)); }).signal, SIGABRT);
 }
 

@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "support/Manual_clock.h"
-#include "support/child.h"
+#include "support/test.h"
 #include "util/atime.h"
-#include <climits>
-#include <gtest/gtest.h>
-#include <random>
 
 namespace {
 
@@ -37,8 +33,8 @@ TEST(Atime, moves_by_milliseconds_and_wraps_at_the_limits) {
             return at(static_cast<int32_t>(ms / 1000), static_cast<int>(ms % 1000));
         };
         const Atime a = instant(start + INT_MAX), b = instant(start + INT_MAX + add);
-        ASSERT_TRUE(a + add == b && a - -add == b) << start << " " << add;
-        ASSERT_TRUE((a < b) == (add > 0) && (a >= b) == (add <= 0)) << start << " " << add;
+        ASSERT_VALUES(texts(b, b), a + add, a - -add) << start << " " << add;
+        ASSERT_VALUES(texts((add > 0), (add <= 0)), (a < b), (a >= b)) << start << " " << add;
         ASSERT_EQ(b - a, std::max(-604800000, std::min(add, 604800000))) << start;
     }
 }
@@ -60,7 +56,7 @@ TEST(Atime, adds_the_offset_of_real_time_with_one_carry_at_most) {
         offset.millitm = static_cast<uint16_t>(offset_ms);
         Atime::set_real_offset(offset);
         const struct ::timeb real = at(100, ms).real_timeb();
-        EXPECT_TRUE(real.time == s && real.millitm == sum) << real.millitm;
+        EXPECT_VALUES(texts(s, sum), real.time, real.millitm) << real.millitm;
     }
 }
 
@@ -69,7 +65,7 @@ TEST(Atime, the_current_time_comes_from_the_one_clock) {
     const Atime then = Atime::from_now(-251);
     EXPECT_EQ(then, at(999, 999));
     clock.advance(130);
-    EXPECT_TRUE(then.get_ms_from_now() == -381 && then.get_elapsed_ms_since() == 381);
+    EXPECT_VALUES("-381 381", then.get_ms_from_now(), then.get_elapsed_ms_since());
 }
 
 TEST(Atime, spoilt_milliseconds_end_the_process) {

@@ -1,15 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "support/allocations.h"
-#include "support/child.h"
+#include "support/test.h"
 #include "util/Ring_buffer.h"
 #include "util/avl_bstree.h"
 #include "util/sl_list.h"
-#include <algorithm>
-#include <gtest/gtest.h>
-#include <memory>
-#include <random>
-#include <set>
-#include <vector>
 
 namespace {
 
@@ -62,11 +55,11 @@ TEST(Tree, agrees_with_a_set_over_random_inserts_and_removes_and_allocates_nothi
         const Item *walk = tree.first(), *previous = nullptr;
         int i = 0;
         for (const auto& [key, expected] : model) {
-            ASSERT_TRUE(walk == expected && tree[i++] == expected && tree.previous(walk) == previous);
+            ASSERT_VALUES(texts(expected, expected, previous), walk, tree[i++], tree.previous(walk));
             previous = walk;
             walk = tree.next(walk);
         }
-        ASSERT_TRUE(!walk && !tree[i] && !tree[-1]);
+        ASSERT_VALUES("true true true", !walk, !tree[i], !tree[-1]);
     }
 }
 
@@ -89,7 +82,7 @@ TEST(Tree, finds_by_key_condition_and_searcher) {
             EXPECT_EQ(tree.find(nullptr, bstree_cond_t(cond), &sought, &seeks), cond == 5 ? tree[equal] : result);
             EXPECT_EQ(sought, equal < 0 ? below / 2 * 2 : equal) << "the position of the last one visited";
             EXPECT_TRUE(cond == 5 || index == sought);
-            EXPECT_TRUE(!empty.find(&unlinked, bstree_cond_t(cond), &none) && none == -1);
+            EXPECT_VALUES("false -1", empty.find(&unlinked, bstree_cond_t(cond), &none), none);
         }
     }
 }
@@ -108,7 +101,8 @@ TEST(Tree, orders_equal_keys_by_their_whole_address_but_climbs_by_key_alone) {
     const auto at = [](uintptr_t address) { return reinterpret_cast<avl_bsnode const*>(address); };
     const uintptr_t low = 0x1000, above[] = {0x1010, low + (uintptr_t(1) << (sizeof low * 4)), ~low};
     for (uintptr_t high : above) {
-        EXPECT_TRUE(plain.mycompare2(at(low), at(high)) < 0 && plain.mycompare2(at(high), at(low)) > 0) << high;
+        EXPECT_VALUES("true true", plain.mycompare2(at(low), at(high)) < 0, plain.mycompare2(at(high), at(low)) > 0)
+            << high;
     }
 }
 
@@ -139,8 +133,8 @@ void check_downwards(Any& tree, const char* what) {
     EXPECT_EQ(tree.integrity(), 0);
     for (Item& i : items) {
         int index = -1;
-        EXPECT_TRUE(tree.find(&i, bst_this, &index) == &i && index == 49 - i.key && tree[index] == &i);
-        EXPECT_TRUE(tree.find(&i, bst_less) == tree[index - 1] && tree.nearby(&i, bst_greater) == tree[index + 1]);
+        EXPECT_VALUES(texts(&i, 49 - i.key, &i), tree.find(&i, bst_this, &index), index, tree[index]);
+        EXPECT_VALUES(texts(tree[index - 1], tree[index + 1]), tree.find(&i, bst_less), tree.nearby(&i, bst_greater));
     }
     for (int i = 0; i < 50; i += 2) EXPECT_EQ(tree.remove(&items[i]), 0);
     EXPECT_EQ(tree.integrity(), 0);
@@ -170,16 +164,16 @@ TEST(Tree, goes_by_one_order_wherever_that_is_given) {
 
 TEST(Tree, removes_by_the_predecessor_refuses_strangers_and_flushes_without_comparing) {
     Tree tree(seven), other({5, 40, 35, 75});
-    for (Item& stranger : other.items) EXPECT_TRUE(tree.remove(&stranger) == -1 && stranger.in_tree());
+    for (Item& stranger : other.items) EXPECT_VALUES("-1 true", tree.remove(&stranger), stranger.in_tree());
     tree.remove(&tree.items[0]);
-    EXPECT_TRUE(tree.header.greater == &tree.items[4] && tree.integrity() == 0);
+    EXPECT_VALUES(texts(&tree.items[4], 0), tree.header.greater, tree.integrity());
     for (Item& i : tree.items) i.key = -i.key; // spoilt: nothing can be found any more
     tree.flush();
-    EXPECT_TRUE(tree.count() == 0 && !tree.first());
+    EXPECT_VALUES("0 false", tree.count(), tree.first());
     for (Item& i : tree.items) ASSERT_EQ(tree.insert(&i), 0);
     Item copy(tree.items[1]);
     tree.items[1] = copy;
-    EXPECT_TRUE(!copy.in_tree() && tree.integrity() == 0) << "links are not copied";
+    EXPECT_VALUES("false 0", copy.in_tree(), tree.integrity()) << "links are not copied";
 }
 
 TEST(Tree, is_dumped) {
@@ -206,8 +200,8 @@ TEST(Ring_buffer, behaves_as_a_bounded_queue) {
             piece.resize(ring.put(reinterpret_cast<const unsigned char*>(piece.data()), n));
             ASSERT_EQ(piece.size(), std::min(n, room));
             model += piece;
-            ASSERT_TRUE(ring.used() == model.size() && ring.full() == (model.size() == capacity)) << step;
-            ASSERT_TRUE(ring.full() == (ring.tail == ~0u) && ring.empty() == model.empty()) << step;
+            ASSERT_VALUES(texts(model.size(), (model.size() == capacity)), ring.used(), ring.full()) << step;
+            ASSERT_VALUES(texts((ring.tail == ~0u), model.empty()), ring.full(), ring.empty()) << step;
             const uint32_t offset = up_to(), dropped = up_to();
             std::string got(up_to(), 0);
             const std::string expected = offset < model.size() ? model.substr(offset, got.size()) : "";
@@ -232,13 +226,13 @@ TEST(sl_list, is_a_queue_with_removal_from_anywhere) {
         std::string all;
         Element* walk = list.first();
         for (int i = 0; i < list.size(); ++i, walk = list.next(walk)) all += std::to_string(walk - e);
-        EXPECT_TRUE(!walk && !list[-1] && !list[list.size()]);
+        EXPECT_VALUES("true true true", !walk, !list[-1], !list[list.size()]);
         for (int i = 0; i < list.size(); ++i) EXPECT_EQ(list[i], &e[all[static_cast<size_t>(i)] - '0']);
         return all;
     };
     for (Element& x : e) EXPECT_EQ(list.push(&x), 1);
     for (const auto& [which, left] : {std::pair(2, "013"), {3, "01"}, {0, "1"}, {1, ""}}) { // middle, tail, head, only
-        for (int removed : {1, 0}) EXPECT_TRUE(list.remove(&e[which]) == removed && order() == left) << which;
+        for (int removed : {1, 0}) EXPECT_VALUES(texts(removed, left), list.remove(&e[which]), order()) << which;
         list.push(&e[which]);
         EXPECT_EQ(order(), left + std::to_string(which)) << "the tail moved back";
         list.remove(&e[which]);

@@ -1,16 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "support/child.h"
-#include "support/wait_until.h"
+#include "support/test.h"
 #include "util/Debug_base.h"
 #include "util/Lock_order.h"
 #include "util/Mutex.h"
 #include "util/Semaphore.h"
 #include <QThread>
-#include <climits>
-#include <gtest/gtest.h>
-#include <mutex>
-#include <sys/wait.h>
-#include <vector>
 
 namespace {
 
@@ -22,7 +16,7 @@ TEST(Mutex, announces_the_end_of_a_long_wait_only) {
         for (int i = 0; i < rounds; ++i) {
             while (ms && !mutex.try_lock(ms)) std::this_thread::yield();
             if (!ms) mutex.lock();
-            EXPECT_TRUE(mutex.is_locked() && !mutex.try_lock(0)) << "not recursive";
+            EXPECT_VALUES("true false", mutex.is_locked(), mutex.try_lock(0)) << "not recursive";
             if (++shared % 50 == 0) std::this_thread::yield(); // longer than the other spins
             mutex.unlock();
         }
@@ -35,9 +29,10 @@ TEST(Mutex, announces_the_end_of_a_long_wait_only) {
     EXPECT_TRUE(wait_until([] { return lseek(STDERR_FILENO, 0, SEEK_END) > 0; })); // a round has passed
     mutex.unlock();
     late.join();
-    EXPECT_TRUE(shared == 10001 && mutex.status() == Mutex::status_free);
+    EXPECT_VALUES(texts(10001, Mutex::status_free), shared, mutex.status());
     const std::string text = err.text(), avoided = text_of("Deadlock avoided %p ", static_cast<void*>(&mutex));
-    EXPECT_TRUE(text.find(avoided + "1\n") < text.size() && text.find(avoided + "0\n") > text.size()) << text;
+    EXPECT_VALUES("true true", text.find(avoided + "1\n") < text.size(), text.find(avoided + "0\n") > text.size())
+        << text;
 }
 
 TEST(Mutex, a_wrong_state_is_reported_and_fatal_unless_switched_off) {
@@ -66,18 +61,18 @@ TEST(Mutex, a_deadlock_ends_the_process_after_21_rounds) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10400));
     std::string all;
     for (int i = 0; i <= 20; ++i) all += text_of("Deadlock assumed %p %d (owner %p, this_thread %p)\n", m, i, me, me);
-    EXPECT_TRUE(r.err == all && r.signal == SIGABRT) << r.err;
+    EXPECT_VALUES(texts(all, SIGABRT), r.err, r.signal) << r.err;
     int status = 0;
     waitpid(stalled, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+    EXPECT_VALUES(texts(true, SIGABRT), WIFSIGNALED(status), WTERMSIG(status)) << status;
 }
 
 TEST(Semaphore, waits_in_ticks_of_10_ms_and_limited_to_one_token_never_loses_the_last) {
     Semaphore tokens(1), limited(0, true);
     tokens.release();
-    EXPECT_TRUE(tokens.try_acquire(INT_MAX) && tokens.try_acquire());
+    EXPECT_VALUES("true true", tokens.try_acquire(INT_MAX), tokens.try_acquire());
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(tokens.try_acquire(0) || tokens.try_acquire(4));
+    EXPECT_VALUES("false false", tokens.try_acquire(0), tokens.try_acquire(4));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(39));
     for (int endless : {-1, INT_MIN}) {
         std::thread other([&] { tokens.release(); });
@@ -90,7 +85,7 @@ TEST(Semaphore, waits_in_ticks_of_10_ms_and_limited_to_one_token_never_loses_the
         while (!ready) std::this_thread::yield();
         limited.release();
         other.join();
-        ASSERT_TRUE(limited.try_acquire() && !limited.try_acquire()) << round;
+        ASSERT_VALUES("true false", limited.try_acquire(), limited.try_acquire()) << round;
     }
 }
 

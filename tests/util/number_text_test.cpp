@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "support/Temporary_folder.h"
+#include "support/test.h"
 #include "util/number_text.h"
 #include <clocale>
 #include <cmath>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -30,19 +29,19 @@ TEST(number_text, floating_text_does_not_follow_the_processs_locale) {
         {" -1e3x", -1000, "x"}, {"2,5", 2, ",5"}, {"0x1p-2", 0.25, ""}, {"1e999", HUGE_VAL, ""}, {"x1", 0, "x1"}};
     for (const auto& [number, value, rest] : rows) {
         const char* end = nullptr;
-        EXPECT_TRUE(Util::to_double(number, &end) == value && end == std::string(rest)) << number;
+        EXPECT_VALUES(texts(value, std::string(rest)), Util::to_double(number, &end), end) << number;
     }
     snprintf(text, sizeof text, "%g", 1.5);
     EXPECT_STREQ(text, "1,5") << "the process's own locale is as it was";
 }
 
 TEST(number_text, integers_have_the_limits_of_a_32_bit_long) {
-    EXPECT_TRUE(Util::to_long32(" \t-2147483648") == INT32_MIN && Util::to_long32("-4294967295") == INT32_MIN);
-    EXPECT_TRUE(Util::to_long32("4294967296") == INT32_MAX && Util::to_ulong32("4294967296") == UINT32_MAX);
-    EXPECT_TRUE(Util::to_ulong32("-4294967295") == 1 && Util::to_ulong32("-4294967296") == UINT32_MAX) << "modulo";
+    EXPECT_VALUES(texts(INT32_MIN, INT32_MIN), Util::to_long32(" \t-2147483648"), Util::to_long32("-4294967295"));
+    EXPECT_VALUES(texts(INT32_MAX, UINT32_MAX), Util::to_long32("4294967296"), Util::to_ulong32("4294967296"));
+    EXPECT_VALUES(texts(1, UINT32_MAX), Util::to_ulong32("-4294967295"), Util::to_ulong32("-4294967296")) << "modulo";
     const char* const none = "  -x";
     const char* end = nullptr;
-    EXPECT_TRUE(Util::to_long32("0x1Fg", 0) == 31 && Util::to_long32(none, 0, &end) == 0 && end == none);
+    EXPECT_VALUES(texts(31, 0, none), Util::to_long32("0x1Fg", 0), Util::to_long32(none, 0, &end), end);
 }
 
 } // namespace

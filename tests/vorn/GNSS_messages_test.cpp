@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "glue/vorn/Vorn_printer.h"
-#include "support/allocations.h"
-#include "support/capture.h"
 #include "support/frame.h"
-#include <gtest/gtest.h>
+#include "support/test.h"
 #include <regex>
-#include <tuple>
 
 using namespace GNSS_messages;
 using namespace std::string_literals;
@@ -104,12 +101,12 @@ TEST(Vorn_printer, reads_zero_for_what_a_frame_lacks_calls_arrays_too_short_and_
     EXPECT_EQ(print("SI005\x01", true).text, "SI 1 0 0 0");
     std::string ps = Frame("PS").u1(1, 2, 3, 4).str();
     const Msg_PS m(Vorn_message(ps.data(), static_cast<uint32_t>(ps.size())));
-    EXPECT_TRUE(m.locked(1) == 3 && m.locked(2) == 0 && m.locked(-1) == 0 && m.used(1) == 0);
+    EXPECT_VALUES("3 0 0 0", m.locked(1), m.locked(2), m.locked(-1), m.used(1));
     for (const std::string frame : {"E1000", "E2000", "EC000", "NN000", "SI000", "EL000", "AZ000", "TC000",
                                     "SS001x"}) { // the last one has two spare bytes
         Capture out(stdout);
         const Printed p = print(frame, true, 10);
-        EXPECT_TRUE(out.text() == frame.substr(0, 2) + " message too short\n" && p.result == 0) << frame;
+        EXPECT_VALUES(texts(frame.substr(0, 2) + " message too short\n", 0), out.text(), p.result) << frame;
         EXPECT_EQ(p.text, "##########") << "untouched";
     }
     const std::tuple<std::string, int, std::string, std::string> unknown[] = {
@@ -119,7 +116,7 @@ TEST(Vorn_printer, reads_zero_for_what_a_frame_lacks_calls_arrays_too_short_and_
     for (const auto& [frame, size, text, line] : unknown) {
         Capture err(stderr);
         const Printed p = print(frame, true, size);
-        EXPECT_TRUE(err.text() == line && p.text == text && p.result == 0) << p.text;
+        EXPECT_VALUES(texts(line, text, 0), err.text(), p.text, p.result) << p.text;
     }
 }
 

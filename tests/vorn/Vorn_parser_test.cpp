@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "glue/vorn/GNSS_messages.h"
 #include "glue/vorn/Vorn_checkers.h"
-#include "support/allocations.h"
-#include "support/capture.h"
 #include "support/frame.h"
+#include "support/test.h"
 #include "vorn/parser_model.h"
-#include <gtest/gtest.h>
-#include <thread>
-#include <tuple>
 
 namespace {
 
@@ -104,11 +100,11 @@ TEST(Vorn_parser, takes_packets_in_each_form_without_a_heap_and_does_not_look_tw
     int len;
     const auto get = [&] { return parser.get_packet(buf, sizeof buf); };
     const long before = allocations();
-    EXPECT_TRUE(get() == -2 && get() == 7 && get() == 0) << "the reply is consumed";
-    EXPECT_TRUE(parser.get_packet(nullptr, 0, len) == 1 && len == 0) << "what has no room stays";
-    EXPECT_TRUE(parser.get_packet(msg, len) == 1 && len == 9 && msg.size == sizeof buf);
-    EXPECT_TRUE(get() == 0 && parser.synced == 0);
-    EXPECT_TRUE(before > 0 && allocations() == before);
+    EXPECT_VALUES("-2 7 0", get(), get(), get()) << "the reply is consumed";
+    EXPECT_VALUES("1 0", parser.get_packet(nullptr, 0, len), len) << "what has no room stays";
+    EXPECT_VALUES(texts(1, 9, sizeof buf), parser.get_packet(msg, len), len, msg.size);
+    EXPECT_VALUES("0 0", get(), parser.synced);
+    EXPECT_VALUES(texts(true, before), before > 0, allocations());
     EXPECT_EQ(std::string(buf, buf + 9), "PG003abc\r");
 
     stream.buffer.data[stream.buffer.head + 1] = '\n'; // behind its back, where only a second look would find it
@@ -118,12 +114,12 @@ TEST(Vorn_parser, takes_packets_in_each_form_without_a_heap_and_does_not_look_tw
     EXPECT_EQ(get(), -2) << "what was seen in one stream is nothing to another";
     parser.synced = 0;
     parser.init(&third);
-    EXPECT_TRUE(parser.synced == 1 && third.left().empty() && !other.left().empty());
+    EXPECT_VALUES("1 true false", parser.synced, third.left().empty(), other.left().empty());
     parser.stream = &hesitant;
     for (const auto& [i, newline, fetches] :
          {std::tuple{0, false, 1}, {1, true, 1}, {2, true, 1}, {4, false, 2}, {7, false, 1}}) {
         hesitant.fetches = 0;
-        EXPECT_TRUE(parser.is_newline(i) == newline && hesitant.fetches == fetches) << "asks for i bytes at " << i;
+        EXPECT_VALUES(texts(newline, fetches), parser.is_newline(i), hesitant.fetches) << "asks for i bytes at " << i;
     }
 }
 

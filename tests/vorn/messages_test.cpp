@@ -2,17 +2,9 @@
 #include "glue/vorn/Ascii_message.h"
 #include "glue/vorn/Vorn_error_decoder.h"
 #include "glue/vorn/Vorn_response.h"
-#include "support/capture.h"
-#include "support/child.h"
 #include "support/frame.h"
+#include "support/test.h"
 #include "util/Debug_base.h"
-#include <csignal>
-#include <cstring>
-#include <functional>
-#include <gtest/gtest.h>
-#include <random>
-#include <thread>
-#include <tuple>
 
 using namespace std::string_literals;
 
@@ -84,7 +76,7 @@ TEST(Binary_message, reals_are_little_endian_and_six_getters_report_a_field_outs
     reals.view.set_double(1, -118.625);
     reals.view.set_float(9, 1.5f);
     EXPECT_EQ(reals.text(), "\0\0\0\0\0\0\xA8\x5D\xC0\0\0\xC0\x3F"s);
-    EXPECT_TRUE(reals.view.get_double(1) == -118.625 && reals.view.get_float(9) == 1.5f);
+    EXPECT_VALUES(texts(-118.625, 1.5f), reals.view.get_double(1), reals.view.get_float(9));
     const Bytes m(std::string(10, '\xFF'));
     const std::tuple<int, uint32_t, std::function<double(uint32_t)>> rows[] = {
         {52, 3, [&](uint32_t o) { return m.view.get_double(o); }},
@@ -97,7 +89,7 @@ TEST(Binary_message, reals_are_little_endian_and_six_getters_report_a_field_outs
         Capture err(stderr);
         EXPECT_EQ(get(outside), 0) << "the category is off";
         Debug_filter::add_filter(_JDB::jdb_receiver);
-        EXPECT_TRUE(get(outside) == 0 && m.view.get_uint32_le(8) == 0 && get(outside - 1) != 0);
+        EXPECT_VALUES("0 0 true", get(outside), m.view.get_uint32_le(8), get(outside - 1) != 0);
         Debug_filter::remove_filter(_JDB::jdb_receiver);
         EXPECT_EQ(err.text(), "Binary_message: index out of range " + std::to_string(number) + "\n");
     }
@@ -111,9 +103,9 @@ TEST(Binary_message, strings_and_blocks_are_taken_and_put_whole_or_not_at_all) {
     for (const auto& [offset, text] : {std::pair{1u, "bc"}, {4u, ""}, {6u, ""}, {7u, static_cast<char*>(nullptr)}})
         EXPECT_STREQ(m.view.get_partial_string(offset), text) << offset;
     char copy[4] = "??";
-    EXPECT_TRUE(m.view.get_bytes(2, 4) == m.view.data + 2 && m.view.get_bytes(1, copy, 3) && copy == "bc"s);
-    EXPECT_TRUE(m.view.get_bytes(6, 0u) && !m.view.get_bytes(7, 0u) && !m.view.get_bytes(~0u, 2));
-    EXPECT_FALSE(m.view.get_bytes(4, copy, 3) || m.view.get_data(copy, 7) || copy != "bc"s);
+    EXPECT_VALUES(texts(m.view.data + 2, true, "bc"s), m.view.get_bytes(2, 4), m.view.get_bytes(1, copy, 3), copy);
+    EXPECT_VALUES("true false false", m.view.get_bytes(6, 0u), m.view.get_bytes(7, 0u), m.view.get_bytes(~0u, 2));
+    EXPECT_VALUES("false false false", m.view.get_bytes(4, copy, 3), m.view.get_data(copy, 7), copy != "bc"s);
 
     Bytes target("---------------");
     target.view.set_string(0, "xy", 3);
@@ -124,7 +116,8 @@ TEST(Binary_message, strings_and_blocks_are_taken_and_put_whole_or_not_at_all) {
     target.view.set_bit_msb(12, true, 6); // counted from the least significant
     target.view.set_bit_msb(12, true, 8);
     EXPECT_EQ(target.text(), "xy\0\0wxy\0\0\0\7\x8m--"s);
-    EXPECT_TRUE(target.view.get_bit_msb(12, 6) && !target.view.get_bit_msb(12, 4) && !target.view.get_bit_msb(15, 0));
+    EXPECT_VALUES("true false false", target.view.get_bit_msb(12, 6), target.view.get_bit_msb(12, 4),
+                  target.view.get_bit_msb(15, 0));
 }
 
 TEST(Binary_message, bit_fields_are_read_and_written_bit_by_bit_and_leave_their_neighbours) {
@@ -148,15 +141,15 @@ TEST(Binary_message, bit_fields_are_read_and_written_bit_by_bit_and_leave_their_
         ASSERT_EQ(m.text(), wanted) << offset << ' ' << first << ' ' << n << ' ' << msb;
     }
     const B::Mask msb(6, 4, true), lsb(6, 4, false);
-    EXPECT_TRUE(memcmp(msb.bytes, "\x03\xC0\0", 4) == 0 && msb.shift == 6);
-    EXPECT_TRUE(memcmp(lsb.bytes, "\xC0\x03\0", 4) == 0 && lsb.shift == 6);
+    EXPECT_VALUES("0 6", memcmp(msb.bytes, "\x03\xC0\0", 4), msb.shift);
+    EXPECT_VALUES("0 6", memcmp(lsb.bytes, "\xC0\x03\0", 4), lsb.shift);
     EXPECT_EQ(Bytes("\x12\x34").view.get_bits(0, msb), 0x200u) << "not shifted down";
     EXPECT_EQ(run_child([] { B::Mask(1, 32, true); }).signal, SIGABRT);
-    EXPECT_TRUE(B::swap_byte_order(0x12345678, 17) == 0x785634 && B::swap_bit_order(0x12345678, 17) == 0x3CD4);
+    EXPECT_VALUES(texts(0x785634, 0x3CD4), B::swap_byte_order(0x12345678, 17), B::swap_bit_order(0x12345678, 17));
 }
 
 TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
-    EXPECT_TRUE(Framed("PG01E").view.get_msg_len() == 30 && Framed("PGfFf").view.get_msg_len() == 4095);
+    EXPECT_VALUES("30 4095", Framed("PG01E").view.get_msg_len(), Framed("PGfFf").view.get_msg_len());
     for (const char* header : {"PG0G1", "PG00`", "PG0\xB3\xB0", "PG00"}) {
         Capture err(stderr);
         EXPECT_EQ(Framed(header).view.get_msg_len(), 0u);
@@ -184,12 +177,12 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
     for (const auto& [what, bytes, right] : frames) {
         const Framed f(bytes);
         const uint16_t id = f.view.get_id(), other = static_cast<uint16_t>(id + 1);
-        EXPECT_TRUE(f.view.check_checksum() == right && f.view.validate(id) == right && !f.view.validate(other))
+        EXPECT_VALUES(texts(right, right, false), f.view.check_checksum(), f.view.validate(id), f.view.validate(other))
             << what;
     }
     Framed f("PG004\x01\x02\x03?\n"), cut("PG004abc");
-    EXPECT_TRUE(f.view.set_checksum() && f.text() == good + "\n");
-    EXPECT_TRUE(!cut.view.set_checksum() && cut.text() == "PG004abc");
+    EXPECT_VALUES(texts(true, good + "\n"), f.view.set_checksum(), f.text());
+    EXPECT_VALUES("false PG004abc", cut.view.set_checksum(), cut.text());
 }
 
 TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
@@ -198,15 +191,15 @@ TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
         const bool ok = body <= 4095;
         Framed by_setup(before), by_reduce(before);
         Reply by_length(before);
-        EXPECT_TRUE(by_setup.view.setup('P' | 'G' << 8, body + 5) == ok && by_length.view.set_msg_len(body) == ok);
+        EXPECT_VALUES(texts(ok, ok), by_setup.view.setup('P' | 'G' << 8, body + 5), by_length.view.set_msg_len(body));
         EXPECT_EQ(by_reduce.view.reduce_size_to(body), ok) << body;
         EXPECT_EQ(by_setup.text(), ok ? text_of("PG%03X", body) + rest : before);
         EXPECT_EQ(by_reduce.text(), ok ? text_of("ZZ%03x", body) + rest : before);
         EXPECT_EQ(by_length.text(), by_reduce.text());
-        EXPECT_TRUE(by_setup.view.size == before.size() && by_reduce.view.size == (ok ? body + 5 : before.size()));
+        EXPECT_VALUES(texts(before.size(), (ok ? body + 5 : before.size())), by_setup.view.size, by_reduce.view.size);
     }
     Framed f("ZZ???abc");
-    EXPECT_TRUE(!f.view.reduce_size_to(4) && f.text() == "ZZ???abc" && f.view.reduce_size_to(3));
+    EXPECT_VALUES("false ZZ???abc true", f.view.reduce_size_to(4), f.text(), f.view.reduce_size_to(3));
 }
 
 TEST(Vorn_response, gives_its_text_with_line_end_and_zero_or_stripped_of_the_request) {
@@ -228,17 +221,18 @@ TEST(Vorn_response, gives_its_text_with_line_end_and_zero_or_stripped_of_the_req
     };
     for (const auto& row : rows) {
         Reply r(row.bytes);
-        EXPECT_TRUE(r.view.get_response_status() == row.good && r.view.get_response_string() == row.text) << row.bytes;
+        EXPECT_VALUES(texts(row.good, row.text), r.view.get_response_status(), r.view.get_response_string())
+            << row.bytes;
         int len = -1;
         const char* stripped = r.view.strip_identifier(len);
         EXPECT_EQ(stripped ? std::string(stripped, static_cast<size_t>(len)) : "none", row.stripped);
-        EXPECT_TRUE(r.view.data == static_cast<const void*>(stripped ? stripped : r.bytes.data()) &&
-                    r.view.data + r.view.size == static_cast<void*>(r.bytes.data() + r.bytes.size()) &&
-                    (stripped || len == 0))
+        EXPECT_VALUES(texts(static_cast<const void*>(stripped ? stripped : r.bytes.data()),
+                            static_cast<void*>(r.bytes.data() + r.bytes.size()), true),
+                      r.view.data, r.view.data + r.view.size, (stripped || len == 0))
             << row.bytes;
     }
     const Reply abc(rows[0].bytes);
-    EXPECT_TRUE(abc.view.check_response_string("abc") && !abc.view.check_response_string("abc\r\n!"));
+    EXPECT_VALUES("true false", abc.view.check_response_string("abc"), abc.view.check_response_string("abc\r\n!"));
 }
 
 TEST(Ascii_message, fields_lie_between_commas_and_braces) {
@@ -256,10 +250,11 @@ TEST(Ascii_message, fields_lie_between_commas_and_braces) {
         for (int len, k = 0; const char *field = m.view.get_string(k, len); ++k) {
             const char first = m.view.get_char(k);
             found += (first ? first + ":"s : "") + std::string(field, static_cast<size_t>(len)) + "|";
-            EXPECT_TRUE(m.view.field_exists(k) && m.view.is_field_valid(k) == (first != ',')) << text;
+            EXPECT_VALUES(texts(true, (first != ',')), m.view.field_exists(k), m.view.is_field_valid(k)) << text;
         }
-        EXPECT_TRUE(found == fields && m.view.get_num_valid_fields() == valid) << found;
-        EXPECT_FALSE(m.view.field_exists(4) || m.view.is_field_valid(-1) || m.view.get_char(4)) << text;
+        EXPECT_VALUES(texts(fields, valid), found, m.view.get_num_valid_fields()) << found;
+        EXPECT_VALUES("false false false", m.view.field_exists(4), m.view.is_field_valid(-1), m.view.get_char(4))
+            << text;
     }
 }
 
@@ -277,8 +272,8 @@ TEST(Ascii_message, numbers_and_durations_are_read_from_their_field_alone) {
     for (const auto& [field, real, natural, integer, seconds] : rows) {
         const Text m("9," + field + ",9,{" + field); // the neighbours are digits, and the last one ends with the block
         for (const int k : {1, 3}) {
-            EXPECT_TRUE(m.view.get_double(k) == real && m.view.get_uint32(k) == natural) << field;
-            EXPECT_TRUE(m.view.get_int32(k) == integer && m.view.get_timeval(k) == seconds) << field;
+            EXPECT_VALUES(texts(real, natural), m.view.get_double(k), m.view.get_uint32(k)) << field;
+            EXPECT_VALUES(texts(integer, seconds), m.view.get_int32(k), m.view.get_timeval(k)) << field;
         }
     }
     EXPECT_EQ(Ascii_message::parse_timeval("2h3m4s", 5), 0);
@@ -288,8 +283,8 @@ TEST(Ascii_message, searches_copies_and_shifts_end_with_the_view) {
     const Text m("AB,A");
     EXPECT_EQ(m.view.strchr(m.view.text + 1, 'A'), m.view.text + 3);
     EXPECT_EQ(m.view.strchr(m.view.text + 4, 'A'), nullptr);
-    EXPECT_TRUE(m.view.name_match("AC", 1) && m.view.name_match("AB,ABC") && !m.view.name_match("AC"));
-    EXPECT_TRUE(Text("").view.isnull() && Text("\0A"s).view.isnull() && !m.view.isnull());
+    EXPECT_VALUES("true true false", m.view.name_match("AC", 1), m.view.name_match("AB,ABC"), m.view.name_match("AC"));
+    EXPECT_VALUES("true true false", Text("").view.isnull(), Text("\0A"s).view.isnull(), m.view.isnull());
 
     // Copied with or without a header into room for four.
     const auto copied = [](const std::string& bytes, bool skip) {
@@ -297,12 +292,12 @@ TEST(Ascii_message, searches_copies_and_shifts_end_with_the_view) {
         target.view.set(Bytes(bytes).view, skip);
         return target.text();
     };
-    EXPECT_TRUE(copied("NP004,abc", false) == "NP00" && copied("a\0b"s, false) == "a\0\0\0"s);
-    EXPECT_TRUE(copied("NP004,abc", true) == "abc\0"s && copied("NP", true) == "\0\0\0\0"s);
+    EXPECT_VALUES(texts("NP00", "a\0\0\0"s), copied("NP004,abc", false), copied("a\0b"s, false));
+    EXPECT_VALUES(texts("abc\0"s, "\0\0\0\0"s), copied("NP004,abc", true), copied("NP", true));
     for (const auto& [text, after] :
          {std::pair{"a,b,cd"s, "b,cdcd"s}, {"a,{b}", "b}{b}"}, {"ab,", "ab,"}, {"ab", "ab"}}) {
         Text shifted(text);
-        EXPECT_TRUE(shifted.view.shift_fields(1) == (text != "ab") && shifted.text() == after) << shifted.text();
+        EXPECT_VALUES(texts((text != "ab"), after), shifted.view.shift_fields(1), shifted.text()) << shifted.text();
     }
     // Set up in a buffer of a size that may be passed by the zero.
     for (const auto& [room, after] :
@@ -311,7 +306,7 @@ TEST(Ascii_message, searches_copies_and_shifts_end_with_the_view) {
         Ascii_message text = source.view;
         std::string dst(8, '-');
         text.setup(dst.data(), room);
-        EXPECT_TRUE(dst == after && text.text == dst.data() && text.size == (room == 6 ? 4 : room)) << room;
+        EXPECT_VALUES(texts(after, dst.data(), (room == 6 ? 4 : room)), dst, text.text, text.size) << room;
     }
 }
 
@@ -322,12 +317,12 @@ TEST(Vorn_error_decoder, numbers_and_texts_lead_to_each_other_from_the_first_use
     for (std::thread& t : threads) t = std::thread([] { EXPECT_EQ(Decoder::get("data transfer delay"), 41); });
     for (std::thread& t : threads) t.join();
     Decoder::init();
-    EXPECT_TRUE(Decoder::init_done && Decoder::lookup.count == 41 && !Decoder::lookup.insert({"a", 42}));
-    EXPECT_TRUE(!errcode2str(0) && !errcode2str(42) && !errcode2str(-1));
+    EXPECT_VALUES("true 41 false", Decoder::init_done, Decoder::lookup.count, Decoder::lookup.insert({"a", 42}));
+    EXPECT_VALUES("false false false", errcode2str(0), errcode2str(42), errcode2str(-1));
     EXPECT_EQ(errcode2str(16) + ""s + errcode2str(40), ",wrong receiver id,device busy,invalid file length");
     for (int code = 1; code <= 41; ++code) {
         const char* const text = errcode2str(code);
-        EXPECT_TRUE(*text == ',' && Decoder::get(text + 1) == code && Decoder::get(text) == -1) << code;
+        EXPECT_VALUES(texts(',', code, -1), *text, Decoder::get(text + 1), Decoder::get(text)) << code;
     }
     for (const char* text : {"", "wrong", "wrong command ", "device busy"}) EXPECT_EQ(Decoder::get(text), -1) << text;
 
