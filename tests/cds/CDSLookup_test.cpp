@@ -68,8 +68,8 @@ TEST_F(Lookup, Finds_items_by_path_and_by_identifier) {
     EXPECT_EQ(i.root.find_item("engine.speed.x", '.'), nullptr);
     EXPECT_EQ(err.text(), "Base find item, why? speed,3,x,.\n");
 
-    EXPECT_VALUES(texts(&i.root, &i.on), i.root.find_data_item(1), i.root.find_data_item(9));
-    EXPECT_VALUES(texts(&i.load, nullptr), i.engine.find_item(5), i.engine.find_item(9));
+    EXPECT_VALUES("true true", i.root.find_data_item(1) == &i.root, i.root.find_data_item(9) == &i.on);
+    EXPECT_VALUES("true null", i.engine.find_item(5) == &i.load, i.engine.find_item(9));
 }
 
 TEST_F(Lookup, Describes_the_structure_to_a_depth) {

@@ -118,8 +118,7 @@ protected:
         tx.init(&modules);
         b.reg_rx_waiter(&rx, false);
         a.reg_tx_waiter(&tx, false);
-        for (auto* part : {&a, &b})
-            EXPECT_VALUES("true true", part->set_read_timeout(20000), part->set_write_timeout(20000));
+        for (auto* part : {&a, &b}) EXPECT_VALUES("1 1", part->set_read_timeout(20000), part->set_write_timeout(20000));
     }
     /// The digits of the event ids pending at a waiter; each event must carry nothing but its sender's id.
     static std::string events(waiter_descriptor& w, const Event_sender_data_stream& sender) {

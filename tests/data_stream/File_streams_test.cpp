@@ -203,7 +203,7 @@ TEST_F(Flash_stream, tells_what_stops_it_from_opening) {
     unmount();
     F s;
     Capture err(stderr);
-    EXPECT_VALUES("false false false false", F::mounted(), F::exists("a"), F::copy("b", "a"), F::Iterator().get_name());
+    EXPECT_VALUES("false false false null", F::mounted(), F::exists("a"), F::copy("b", "a"), F::Iterator().get_name());
     EXPECT_VALUES(texts(F::not_mounted, F::not_mounted), s.open_read("a", 1), s.open_write("a", 1));
     EXPECT_EQ(s.close_write(), F::wrong_state);
     EXPECT_EQ(err.text(),

@@ -88,7 +88,7 @@ TEST_F(Serial_port, init_makes_a_raw_line_and_a_second_one_keeps_what_was_saved)
 TEST_F(Serial_port, does_nothing_while_closed_or_refused) {
     whole.fd = -1;
     line.fails = true;
-    EXPECT_VALUES("false false false", Port().init(), whole.get_baudRate(), port.open_from_args("d::rs485"));
+    EXPECT_VALUES("false 0 false", Port().init(), whole.get_baudRate(), port.open_from_args("d::rs485"));
     for (Port* p : {&whole, &port})
         EXPECT_VALUES("false false false false false false false", p->restore(), p->set_baud_rate(9600),
                       p->set_format({}), p->get_status(status), p->set_handshake(status.handshake), p->set_state({}),

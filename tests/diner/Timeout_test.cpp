@@ -57,7 +57,7 @@ TEST_F(Timeouts, show_in_their_node_that_they_are_in_a_list) {
     };
     std::vector<Timeout> many(100);
     for (size_t i = 0; i < many.size(); ++i) submit(many[i], 1000 + static_cast<int>(i));
-    EXPECT_VALUES("true false false", refused(many[0]), other.next(&many[0]), other.nearby(&many[0], bst_less))
+    EXPECT_VALUES("true null null", refused(many[0]), other.next(&many[0]), other.nearby(&many[0], bst_less))
         << "just submitted";
     manager.next_timeout();
     for (Timeout* x : {&many[0], &many[99]}) EXPECT_TRUE(refused(*x)) << "put in order";
@@ -66,7 +66,7 @@ TEST_F(Timeouts, show_in_their_node_that_they_are_in_a_list) {
     EXPECT_VALUES(texts(&t[0], true), manager.expired_timeout(pass), refused(t[0])) << "handed out";
     submit(t[0], 0);
     EXPECT_VALUES(texts(&t[1], true), manager.expired_timeout(pass), refused(t[0])) << "left to the next pass";
-    EXPECT_VALUES(texts(false, &t[0], true), manager.expired_timeout(pass), manager.next_timeout(), refused(t[0]));
+    EXPECT_VALUES(texts(nullptr, &t[0], true), manager.expired_timeout(pass), manager.next_timeout(), refused(t[0]));
     manager.remove_timeout(t[0]);
     EXPECT_VALUES("false 0", t[0].in_tree(), other.insert(&t[0]));
     const std::string line = "Failed to remove timeout, did client get right Diner?\n";

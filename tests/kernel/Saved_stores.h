@@ -24,6 +24,7 @@ struct Store {
     virtual bool holds(int version) = 0;
     virtual std::string found() { return "something else"; } ///< what is there instead
     const char* const name;
+    bool whole = true; ///< the last load said that nothing was lost
 };
 
 /// A tree that is saved whole at every eighth version, and else by an eighth of its numbers.
@@ -49,7 +50,9 @@ struct Tree : NV_store::NV_root {
 
 class Settings : public Store {
 public:
-    explicit Settings(const std::string& folder) : Store("settings"), _path(folder + "/settings") { _store.load(); }
+    explicit Settings(const std::string& folder) : Store("settings"), _path(folder + "/settings") {
+        whole = NV_store::is_good(_store.load());
+    }
     bool save(int version) override {
         _tree.set(version);
         return (version % 8 == 0 ? _store.save() : _store.save_changes()) == NV_store::Safe_result::saved;
@@ -78,7 +81,7 @@ public:
     }
     bool holds(int version) override {
         std::string text;
-        NV_store::load_checksummed(_path.c_str(), text);
+        whole = NV_store::is_good(NV_store::load_checksummed(_path.c_str(), text));
         return text == (version == 0 ? "" : text_of_version(version));
     }
 

@@ -7,8 +7,6 @@
 
 namespace {
 
-bool nightly = false;
-
 constexpr uint64_t arbitrary = uint64_t{1} << 63;
 
 std::string random_bytes(std::mt19937& random, size_t n) {
@@ -26,7 +24,7 @@ JIN_grow_message bad_message(std::mt19937& random) {
 }
 
 TEST(Bus_soak, thirty_nodes_among_bad_messages) {
-    const int minutes = nightly ? 24 * 60 : 15;
+    const int minutes = nightly() ? 24 * 60 : 15;
     Manual_clock clock;
     JIN_memory_bus bus;
     std::mt19937 random(1);
@@ -69,7 +67,7 @@ TEST(Bus_soak, thirty_nodes_among_bad_messages) {
     }
     std::set<int> used;
     for (const Test_node& n : nodes) used.insert(n.address());
-    EXPECT_VALUES(texts(nodes.size(), false), used.size(), used.count(-1));
+    EXPECT_VALUES(texts(nodes.size(), 0), used.size(), used.count(-1));
     while (inbox.receive(m)) monitor.take(m, Atime::now());
     for (size_t i = 1; i < nodes.size(); ++i) {
         const Trouble_code_monitor::Node* const row = monitor.node(static_cast<unsigned>(nodes[i].address()));
@@ -81,9 +79,3 @@ TEST(Bus_soak, thirty_nodes_among_bad_messages) {
 }
 
 } // namespace
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    nightly = argc > 1 && strcmp(argv[1], "--nightly") == 0;
-    return RUN_ALL_TESTS();
-}

@@ -10,7 +10,7 @@
 
 namespace {
 
-unsigned seeds = 1;
+const unsigned seeds = nightly() ? 30 : 1;
 
 /// A number below n: one after the other from a seed.
 struct Random {
@@ -188,9 +188,3 @@ TEST(Diner_ends, of_processes_that_exit_anywhere) {
 }
 
 } // namespace
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    if (argc > 1 && strcmp(argv[1], "--nightly") == 0) seeds = 30;
-    return RUN_ALL_TESTS();
-}

@@ -10,9 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/// Stands in for the system calls that change files, in a program that includes this once: the nth of them ends the
-/// process or fails, and what is renamed or left without having been synced is noted. Where the medium has no links
-/// they fail besides.
+/// Stands in for the system calls that read and change files, in a program that includes this once: the nth of them
+/// ends the process or fails, and what is renamed or left without having been synced is noted. Where the medium has no
+/// links they fail besides.
 namespace Faulty {
 
 enum Kind { none, cut_before, cut_without_links, error_once, error_for_ever };
@@ -90,6 +90,9 @@ FAULTY_CALL(ssize_t, write, "write", (int fd, const void* data, size_t n), (fd, 
             Faulty::unsynced.insert(Faulty::inode(fd)))
 FAULTY_CALL(ssize_t, pwrite, "pwrite64", (int fd, const void* data, size_t n, off_t at), (fd, data, n, at),
             Faulty::unsynced.insert(Faulty::inode(fd)))
+FAULTY_CALL(ssize_t, read, "read", (int fd, void* to, size_t n), (fd, to, n), )
+FAULTY_CALL(ssize_t, pread, "pread64", (int fd, void* to, size_t n, off_t at), (fd, to, n, at), )
+FAULTY_CALL(int, close, "close", (int fd), (fd), )
 FAULTY_CALL(int, ftruncate, "ftruncate64", (int fd, off_t size) noexcept, (fd, size),
             Faulty::unsynced.insert(Faulty::inode(fd)))
 FAULTY_CALL(int, fsync, "fsync", (int fd), (fd), Faulty::unsynced.erase(Faulty::inode(fd)))

@@ -11,8 +11,6 @@
 
 namespace {
 
-bool nightly = false;
-
 class Chance {
 public:
     explicit Chance(uint64_t seed) : _x(seed * 0x9E3779B97F4A7C15u + 1) {}
@@ -175,10 +173,11 @@ Outcome outcome(const Line& line, size_t portion, bool checked) {
 }
 
 TEST(line_noise, is_parsed_as_by_the_slow_model_however_it_is_read) {
+    Debug_print::set_debug_file("/dev/null"); // refusals
     for (const Fault& fault : faults) {
         for (int mode = 0; mode < modes; ++mode) {
             SCOPED_TRACE(std::string(fault.name) + ", bodies of kind " + std::to_string(mode));
-            const Line line(fault, static_cast<Mode>(mode), nightly ? 30000 : 400, 1);
+            const Line line(fault, static_cast<Mode>(mode), nightly() ? 30000 : 400, 1);
             const std::string whole = outcome(line, 256, false).packets;
             for (const size_t portion : {1, 256, 0}) {
                 EXPECT_EQ(difference({line.bytes, Fed_stream::pushed, portion}), "") << portion;
@@ -189,6 +188,7 @@ TEST(line_noise, is_parsed_as_by_the_slow_model_however_it_is_read) {
 }
 
 TEST(line_noise, costs_few_sound_frames_with_the_checkers_and_the_salvage) {
+    Debug_print::set_debug_file("/dev/null"); // refusals
     // Sound frames lost per fault, worst seed: by the rules alone; with all; the longest run lost with all.
     printf("%-28s %31s  %31s  %s\n", "", "rules alone, bodies 0 1 2 3", "all", "run");
     unsigned total_faults = 0, total_false = 0;
@@ -196,8 +196,8 @@ TEST(line_noise, costs_few_sound_frames_with_the_checkers_and_the_salvage) {
         double alone[modes] = {}, all[modes] = {};
         unsigned run = 0;
         for (int mode = 0; mode < modes; ++mode) {
-            for (uint64_t seed = 1; seed <= (nightly ? 3 : 1); ++seed) {
-                const Line line(fault, static_cast<Mode>(mode), nightly ? 100000 : 10000, seed);
+            for (uint64_t seed = 1; seed <= (nightly() ? 3 : 1); ++seed) {
+                const Line line(fault, static_cast<Mode>(mode), nightly() ? 100000 : 10000, seed);
                 const Outcome bare = outcome(line, 256, false), checked = outcome(line, 256, true);
                 alone[mode] = std::max(alone[mode], 1.0 * bare.lost / line.spoilt);
                 all[mode] = std::max(all[mode], 1.0 * checked.lost / line.spoilt);
@@ -218,10 +218,3 @@ TEST(line_noise, costs_few_sound_frames_with_the_checkers_and_the_salvage) {
 }
 
 } // namespace
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    nightly = argc > 1 && strcmp(argv[1], "--nightly") == 0;
-    Debug_print::set_debug_file("/dev/null"); // refusals
-    return RUN_ALL_TESTS();
-}

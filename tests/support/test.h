@@ -31,31 +31,37 @@
 #include <tuple>
 
 /// A value as a text: a number, "true" or "false", an address or "null", a text as it is.
-template <class T>
-std::string text_of_value(const T& v) {
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, std::atomic<bool>>)
-        return v ? "true" : "false";
-    else if constexpr (std::is_convertible_v<T, std::string>)
-        return v;
-    else if constexpr (std::is_pointer_v<T> || std::is_null_pointer_v<T>)
-        return v ? text_of("%p", static_cast<const void*>(v)) : "null";
-    else if constexpr (std::is_floating_point_v<T>)
-        return text_of("%.17g", static_cast<double>(v));
-    else
-        return std::to_string(static_cast<long long>(v));
-}
+struct Value {
+    template <class T>
+    Value(const T& v) {
+        if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, std::atomic<bool>>)
+            text = v ? "true" : "false";
+        else if constexpr (std::is_null_pointer_v<T>)
+            text = "null";
+        else if constexpr (std::is_convertible_v<T, const char*>)
+            text = static_cast<const char*>(v) ? static_cast<const char*>(v) : "null";
+        else if constexpr (std::is_convertible_v<T, std::string>)
+            text = v;
+        else if constexpr (std::is_pointer_v<T>)
+            text = v ? text_of("%p", static_cast<const void*>(v)) : "null";
+        else if constexpr (std::is_floating_point_v<T>)
+            text = text_of("%.17g", static_cast<double>(v));
+        else
+            text = std::to_string(static_cast<long long>(v));
+    }
+    std::string text;
+};
 
-/// Values one behind the other, found out from left to right.
+/// Values one behind the other. Each is turned into text before the next one is found out.
 struct Values {
-    template <class... T>
-    explicit Values(const T&... values) {
-        ((text += (text.empty() ? "" : " ") + text_of_value(values)), ...);
+    Values(std::initializer_list<Value> values) {
+        for (const Value& v : values) text += (&v == values.begin() ? "" : " ") + v.text;
     }
     std::string text;
 };
 template <class... T>
 std::string texts(const T&... values) {
-    return Values(values...).text;
+    return Values{values...}.text;
 }
 
 /// Several results at once, so that a failure shows each: EXPECT_VALUES("0 true", d.start(), d.running()).

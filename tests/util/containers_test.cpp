@@ -82,7 +82,7 @@ TEST(Tree, finds_by_key_condition_and_searcher) {
             EXPECT_EQ(tree.find(nullptr, bstree_cond_t(cond), &sought, &seeks), cond == 5 ? tree[equal] : result);
             EXPECT_EQ(sought, equal < 0 ? below / 2 * 2 : equal) << "the position of the last one visited";
             EXPECT_TRUE(cond == 5 || index == sought);
-            EXPECT_VALUES("false -1", empty.find(&unlinked, bstree_cond_t(cond), &none), none);
+            EXPECT_VALUES("null -1", empty.find(&unlinked, bstree_cond_t(cond), &none), none);
         }
     }
 }
@@ -133,7 +133,7 @@ void check_downwards(Any& tree, const char* what) {
     EXPECT_EQ(tree.integrity(), 0);
     for (Item& i : items) {
         int index = -1;
-        EXPECT_VALUES(texts(&i, 49 - i.key, &i), tree.find(&i, bst_this, &index), index, tree[index]);
+        EXPECT_VALUES(texts(true, 49 - i.key, true), tree.find(&i, bst_this, &index) == &i, index, tree[index] == &i);
         EXPECT_VALUES(texts(tree[index - 1], tree[index + 1]), tree.find(&i, bst_less), tree.nearby(&i, bst_greater));
     }
     for (int i = 0; i < 50; i += 2) EXPECT_EQ(tree.remove(&items[i]), 0);
@@ -166,10 +166,10 @@ TEST(Tree, removes_by_the_predecessor_refuses_strangers_and_flushes_without_comp
     Tree tree(seven), other({5, 40, 35, 75});
     for (Item& stranger : other.items) EXPECT_VALUES("-1 true", tree.remove(&stranger), stranger.in_tree());
     tree.remove(&tree.items[0]);
-    EXPECT_VALUES(texts(&tree.items[4], 0), tree.header.greater, tree.integrity());
+    EXPECT_VALUES("true 0", tree.header.greater == &tree.items[4], tree.integrity());
     for (Item& i : tree.items) i.key = -i.key; // spoilt: nothing can be found any more
     tree.flush();
-    EXPECT_VALUES("0 false", tree.count(), tree.first());
+    EXPECT_VALUES("0 null", tree.count(), tree.first());
     for (Item& i : tree.items) ASSERT_EQ(tree.insert(&i), 0);
     Item copy(tree.items[1]);
     tree.items[1] = copy;
