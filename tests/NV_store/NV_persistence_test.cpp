@@ -248,6 +248,26 @@ TEST(NV_containers, A_load_says_what_is_wrong) {
     }
 }
 
+/// As a save in place leaves it: values that are whole are loaded, a checksum that is cut resets its container.
+TEST(NV_containers, Cut_anywhere_load_what_is_whole) {
+    const std::string good = frame(1, 5, first_5 + second_6);
+    for (size_t length = 4; length < good.size(); ++length) {
+        Pair pair(1);
+        pair.first.set(99);
+        pair.second.set(99);
+        const bool reset = length + 4 >= good.size();
+        EXPECT_FALSE(load(pair, good.substr(0, length)).result) << length;
+        EXPECT_VALUES(texts(reset          ? 1
+                            : length >= 10 ? 5
+                                           : 99,
+                            reset          ? 3
+                            : length >= 15 ? 6
+                                           : 99),
+                      pair.first.get(), pair.second.get())
+            << length;
+    }
+}
+
 TEST(NV_containers, May_nest_as_deeply_as_they_like) {
     NV_root root(nullptr, 1, "root");
     std::deque<NV_container> levels;

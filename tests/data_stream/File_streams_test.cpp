@@ -83,6 +83,10 @@ TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
         write_file(path, bytes);
         EXPECT_EQ(load(), yielded) << bytes;
     }
+    for (size_t n = 0; n < good.size() - 1; ++n) { // as a save in place that is cut leaves it
+        write_file(path, good.substr(0, n));
+        EXPECT_NE(load(), "hello") << n;
+    }
     write_file(path, "\nCRC32=5CA1AB1E");
     File_checksummed_data_stream s;
     EXPECT_VALUES("true -1 false", s.open_read(path.c_str()), s.read_crc32_seek_off, s._get_data(0));

@@ -49,16 +49,6 @@ TEST_F(DM1, Is_sent_at_once_then_each_second_and_once_without_codes) {
                        "2110 65226 all: FF FF 00 F0 EC 03 FF FF\n");
 }
 
-TEST_F(DM1, Of_a_flapping_code_comes_once_a_second) {
-    begin();
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_TRUE(i % 2 ? manager->set_inactive(9, 9) : manager->set_active(9, 9));
-        run(100);
-    }
-    EXPECT_LE(got.size(), 11u) << lines();
-    EXPECT_GE(got.size(), 9u);
-}
-
 TEST_F(DM1, Has_lamps_and_comes_always_in_the_other_mode) {
     begin(Mode::j1939);
     run(2500);
@@ -92,11 +82,7 @@ TEST_F(DM1, Of_many_codes_never_falls_silent) {
         const unsigned sent = std::min(n, 250u), airtime = JIN::num_packets(2 + 4 * sent) * 50;
         EXPECT_NEAR(static_cast<double>(got.size()), 16000 / std::max(airtime, 1000u), 1) << n;
         ASSERT_FALSE(got.empty()) << n;
-        Bytes bytes(got.back());
-        const Msg_DM dm(bytes.view());
-        Trouble_code c;
-        EXPECT_VALUES(texts(sent, true, n, true), dm.num_places(), dm.code(0, c), c.spn, dm.code(sent - 1, c)) << n;
-        EXPECT_EQ(c.spn, n - sent + 1);
+        EXPECT_EQ(Msg_DM(Bytes(got.back()).view()).num_places(), sent) << n;
     }
 }
 

@@ -201,27 +201,4 @@ TEST_F(Monitor, Keeps_what_was_identified) {
     EXPECT_VALUES("true 2024", node().has_certificate, node().certificate.year);
 }
 
-/// Thirty honest nodes and a twentieth of rubbish: what is said of the others stays right.
-TEST_F(Monitor, Is_not_confused_by_liars) {
-    std::mt19937 random(7);
-    for (int step = 0; step < 40000; ++step) {
-        at(step / 100);
-        const unsigned source = random() % 30;
-        if (random() % 20 != 0) {
-            take(pgn_DM1, std::string("FF FF ") + (step % 2 ? "01" : "02") + " 00 " + "01 01 FF FF", source);
-            ASSERT_EQ(node(source).active.size(), 1u);
-            continue;
-        }
-        std::string bytes;
-        const uint32_t pgns[] = {pgn_DM1, pgn_DM2, JIN::pgn_address_claimed, 65242, 64653, 64654, 64834, 64965};
-        for (unsigned n = random() % 64; n > 0; --n) {
-            char digits[4];
-            snprintf(digits, sizeof digits, "%02X ", static_cast<unsigned>(random() & 0xFF));
-            bytes += digits;
-        }
-        take(pgns[random() % 8], bytes, 100 + random() % 156);
-    }
-    for (unsigned a = 0; a < 30; ++a) EXPECT_EQ(node(a).active.size(), 1u);
-}
-
 } // namespace

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Diners end in every way at random moments: by several threads at once, while others post, start and stop them, and by
-// exits of the process from main, from a handler and from another thread. No handler runs after terminate(true),
-// nothing is left in the list or missing in the pool, the status is that of the exit, and no line is printed. With
-// --nightly thirty times as long.
+// exits of the process from main, from a handler and from another thread, also when all events are in use. No handler
+// runs after terminate(true), nothing is left in the list or missing in the pool, the status is that of the exit, and
+// no line is printed. With --nightly thirty times as long.
 #include "glue/diner/Diner_selector.h"
 #include "support/Test_diner.h"
 #include "support/test.h"
@@ -137,10 +137,15 @@ void run_and_exit(unsigned seed) {
     static std::atomic<bool> all_run{false};
     static std::atomic<int> events{0};
     static const int last = static_cast<int>(random(60));
-    const unsigned way = random(7);                  // a handler of the first four or of `alone`, main, another thread
-    const auto begin = [way](auto& d, unsigned me) { // it posts to itself
+    const unsigned way = random(7); // a handler of the first four or of `alone`, main, another thread
+    const bool pool_is_empty = seed % 3 == 0;
+    const auto begin = [way, pool_is_empty](auto& d, unsigned me) { // it posts to itself
         d.on_event = [=, &d](waiter_event& e) {
-            if (all_run && ++events > last && way == me) exit(static_cast<int>(10 + me));
+            if (all_run && ++events > last && way == me) {
+                while (pool_is_empty && Diner_info_list::get().get_blank_event()) {
+                }
+                exit(static_cast<int>(10 + me));
+            }
             d.waiter.send_event(e);
         };
         d.begin(true);

@@ -149,22 +149,4 @@ TEST(Overload, while_a_selector_switches) {
     EXPECT_EQ(load.wrong(), 0);
 }
 
-TEST(Overload, at_an_exit_from_a_handler) {
-    for (const bool exhausted : {false, true}) {
-        const Child_result r = run_child([exhausted] {
-            static Load& load = *new Load(20, 100000);
-            for (auto& t : load.threads) t.detach(); // they post on to the very end
-            for (auto& d : load.diners) d.begin();
-            load.diners[7].on_event = [exhausted](waiter_event&) {
-                if (load.diners[7].events < 50) return;
-                if (exhausted) new Exhausted_pool;
-                exit(9);
-            };
-            load.allowed = load.each;
-            wait_until([] { return false; });
-        });
-        EXPECT_VALUES("9 true", r.status, r.err.empty()) << r.status << " " << r.signal << " " << r.timed_out << r.err;
-    }
-}
-
 } // namespace
