@@ -78,55 +78,6 @@ TEST_F(Timeouts, show_in_their_node_that_they_are_in_a_list) {
     for (Timeout& x : many) ASSERT_FALSE(x.in_tree());
 }
 
-/// A and B are due, C is free. What the handlers do shows in the order of this pass and of the next.
-TEST_F(Timeouts, of_a_pass_are_all_that_are_due_but_those_that_ran_and_were_submitted_again) {
-    Timeout x[3];
-    const auto due_in = [&](char name, int ms) { diner.submit_timeout(x[name - 'A'], ms); };
-    const std::tuple<const char*, std::function<void(char)>, int, const char*> cases[] = {
-        {"another that is due",
-         [&](char a) {
-             if (a == 'A') due_in('C', -15);
-         },
-         0, "ACB||"},
-        {"another that is not",
-         [&](char a) {
-             if (a == 'A') due_in('C', 1);
-         },
-         0, "AB||"},
-        {"itself, as it was",
-         [&](char a) {
-             if (a == 'A') diner.submit_timeout(x[0]);
-         },
-         0, "AB|A|A"},
-        {"itself, withdrawn before", [&](char a) { diner.remove_timeout(x[a - 'A']), due_in(a, -30); }, 0, "AB|AB|AB"},
-        {"one that ran",
-         [&](char a) {
-             if (a == 'B') due_in('A', -30);
-         },
-         0, "AB|A|"},
-        {"one that ran and is pending again", [&](char a) { due_in(a == 'A' ? 'B' : 'A', -5); }, 1000, "AB|AB|AB"},
-        {"none, but periods were missed", [](char) {}, 8, "AABAB||"},
-    };
-    for (const auto& [what, act, period, passes] : cases) {
-        std::string seen;
-        diner.on_timeout = [&, &do_act = act](Timeout& y) {
-            seen += static_cast<char>('A' + (&y - x));
-            do_act(seen.back());
-        };
-        for (char name : {'A', 'B'}) {
-            x[name - 'A'].period = period;
-            due_in(name, name == 'A' ? 10 : 20);
-        }
-        clock.advance(30);
-        for (int pass = 0; pass < 3; ++pass) {
-            if (pass) seen += '|';
-            diner.handle_timeout();
-        }
-        EXPECT_EQ(seen, passes) << what;
-        for (Timeout& y : x) diner.remove_timeout(y);
-    }
-}
-
 TEST_F(Timeouts, made_anew_for_the_past_in_every_step_end_a_pass_too) {
     std::vector<std::unique_ptr<Timeout>> made;
     diner.on_timeout = [&](Timeout&) {

@@ -154,7 +154,7 @@ TEST_F(Waiter, may_queue_half_of_what_is_free_and_still_merge_when_full) {
     for (const auto& [waiter, room, free_then] : fills) {
         int fit = 0;
         while (waiter->send_event({5, fit, 0}, coalesce, no) == 0) ASSERT_LE(++fit, 1000);
-        EXPECT_VALUES(texts(room, room, free_then), fit, waiter->longest_queue(), mm.num_free_events()) << fit;
+        EXPECT_VALUES(texts(room, room, free_then), fit, waiter->longest_queue(), mm.num_free_events());
         EXPECT_EQ(post(*waiter, "c5:0:0 u5:0:0"), 0) << "a merged or dropped post needs no node";
     }
     EXPECT_EQ(mm.least_free_events(), 443);
@@ -270,7 +270,7 @@ TEST_F(Waiter, keeps_nothing_that_was_posted_before_it_was_disabled_and_flushed)
     poster.join();
     Util::set_wall_clock(nullptr);
     EXPECT_FALSE(left) << "a post whose token is still to come";
-    EXPECT_VALUES("nothing 0", take(w), readings) << readings;
+    EXPECT_VALUES("nothing 0", take(w), readings);
 }
 
 TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out) {

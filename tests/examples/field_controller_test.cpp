@@ -85,7 +85,7 @@ TEST(field_controller, leaves_no_folder_behind_when_it_is_killed_and_ends_in_ord
         EXPECT_TRUE(wait_until(is_there));
         kill(pid, signal);
         int status = -1;
-        EXPECT_VALUES(texts(pid, end), waitpid(pid, &status, 0), status) << status;
+        EXPECT_VALUES(texts(pid, end), waitpid(pid, &status, 0), status);
         EXPECT_TRUE(wait_until([&] { return !is_there(); })) << signal;
         EXPECT_EQ(std::filesystem::exists(settings), signal == SIGHUP) << "saved";
     }

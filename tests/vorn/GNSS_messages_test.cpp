@@ -116,7 +116,7 @@ TEST(Vorn_printer, reads_zero_for_what_a_frame_lacks_calls_arrays_too_short_and_
     for (const auto& [frame, size, text, line] : unknown) {
         Capture err(stderr);
         const Printed p = print(frame, true, size);
-        EXPECT_VALUES(texts(line, text, 0), err.text(), p.text, p.result) << p.text;
+        EXPECT_VALUES(texts(line, text, 0), err.text(), p.text, p.result);
     }
 }
 
