@@ -115,8 +115,7 @@ TEST_F(Tree, A_pointer_takes_only_what_a_stored_path_finds_again) {
         EXPECT_EQ(tree.active.set(target), taken) << target->get_name();
         const std::string image = tree.image(NV_iterator::mode_write);
         tree.active.set(nullptr);
-        EXPECT_VALUES(texts(true, (taken ? target : nullptr)), tree.load(image), tree.active.get())
-            << target->get_name();
+        EXPECT_VALUES(texts(true, taken ? target : nullptr), tree.load(image), tree.active.get()) << target->get_name();
     }
     EXPECT_EQ(tree.active._from_string("sections/2"), nullptr);
 }

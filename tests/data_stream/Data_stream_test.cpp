@@ -140,9 +140,9 @@ TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_ro
         const Manual_clock stands_still;
         a.set_write_timeout(timeout_ms);
         b.set_read_timeout(timeout_ms);
-        EXPECT_VALUES(texts(128, (told ? "1" : "")), put(a, row(200)), events(rx, b));
+        EXPECT_VALUES(texts(128, told ? "1" : ""), put(a, row(200)), events(rx, b));
         EXPECT_VALUES(texts(0, ""), put(a, "x"), events(rx, b));
-        EXPECT_VALUES(texts(false, (told ? "3" : ""), row(128)), b.drop(130), events(tx, a), take(b, 128));
+        EXPECT_VALUES(texts(false, told ? "3" : "", row(128)), b.drop(130), events(tx, a), take(b, 128));
     }
     a.set_default_write_timeout();
     put(a, "0123456789");

@@ -78,7 +78,7 @@ TEST_F(Serial_port, init_makes_a_raw_line_and_a_second_one_keeps_what_was_saved)
     const struct termios found = line.settings;
     Port p;
     ASSERT_TRUE(p.init());
-    EXPECT_VALUES(texts((CREAD | CLOCAL | CS8 | B50), true, 1, 0), line.settings.c_cflag,
+    EXPECT_VALUES(texts(CREAD | CLOCAL | CS8 | B50, true, 1, 0), line.settings.c_cflag,
                   !(line.settings.c_lflag & (ICANON | ECHO)), line.settings.c_cc[VMIN], line.settings.c_cc[VTIME]);
     EXPECT_EQ(2400, p.get_baudRate()) << "a speed that is not in the table";
     EXPECT_VALUES("true true 115200", p.set_baud_rate(115200), p.init(), p.get_baudRate());
@@ -102,7 +102,7 @@ TEST_F(Serial_port, moves_the_modem_lines_of_a_handshake_though_the_line_refuses
     state.status.dtr = 1;
     EXPECT_VALUES(texts(false, TIOCM_DTR), whole.set_state(state), line.modem);
     state.status.handshake = Port::handshake_rts_cts;
-    EXPECT_VALUES(texts(false, (TIOCM_DTR | TIOCM_RTS)), whole.set_state(state), line.modem);
+    EXPECT_VALUES(texts(false, TIOCM_DTR | TIOCM_RTS), whole.set_state(state), line.modem);
 }
 
 TEST_F(Serial_port, settings_are_written_together_or_one_by_one_and_read_back) {

@@ -44,8 +44,8 @@ TEST(Posix_stream, opens_with_flags_and_mode_and_closes_each_descriptor_once) {
                   s.open_read(path, true));
     EXPECT_VALUES(texts(true, O_RDWR), s.open(path, true, true, false), s.read_flags());
     EXPECT_EQ(stream_name("DSPosix", s, ", " + file + ", rw"), s.name);
-    EXPECT_VALUES(texts(true, (O_RDWR | O_NONBLOCK | O_APPEND)), s.open(path, false, false, true), s.write_flags());
-    EXPECT_VALUES(texts(true, (O_WRONLY | O_NONBLOCK | O_APPEND)), s.open_write(path, true, false, true),
+    EXPECT_VALUES(texts(true, O_RDWR | O_NONBLOCK | O_APPEND), s.open(path, false, false, true), s.write_flags());
+    EXPECT_VALUES(texts(true, O_WRONLY | O_NONBLOCK | O_APPEND), s.open_write(path, true, false, true),
                   s.write_flags());
     EXPECT_VALUES(texts(true, O_WRONLY), s.open_write(path, false, true, false), s.write_flags());
     EXPECT_VALUES(texts(true, O_NONBLOCK), s.open_read(path, false), s.read_flags());

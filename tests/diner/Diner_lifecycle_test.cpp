@@ -39,7 +39,7 @@ TEST(Lifecycle, every_call_in_every_state) {
             EXPECT_EQ(call == 0 ? d.start() : call == 1 ? d.stop() : (d.terminate(false), 0), results[call]);
             d.lock_gate.open();
             EXPECT_EQ(err.text(), message);
-            EXPECT_VALUES(texts(true, (then[call] == 5)), d.in_state(then[call]), d.terminated()) << d.get_state();
+            EXPECT_VALUES(texts(true, then[call] == 5), d.in_state(then[call]), d.terminated()) << d.get_state();
         }
     }
 }
@@ -373,7 +373,7 @@ TEST(Misuse, ends_the_process_with_its_message_and_status) {
     };
     for (const auto& [misuse, status, message] : cases) {
         const Child_result r = run_child(misuse);
-        EXPECT_VALUES(texts(status, (status < 0 ? SIGABRT : 0)), r.status, r.signal)
+        EXPECT_VALUES(texts(status, status < 0 ? SIGABRT : 0), r.status, r.signal)
             << r.signal << " " << r.status << message << r.err;
         EXPECT_TRUE(*message ? r.err.find(message) < r.err.size() : r.err.empty()) << message << r.err;
     }

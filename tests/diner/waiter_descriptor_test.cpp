@@ -297,7 +297,7 @@ TEST(Waiter_list, keeps_up_to_16_waiters_and_posts_to_each) {
     waiter_list list;
     EXPECT_VALUES("0 0 -1", list.module_id(), list.init(mm), list.add(nullptr));
     for (waiter_descriptor& w : waiters)
-        EXPECT_VALUES(texts(0, (&w == &waiters[16] ? -1 : 0)), w.init(&mm), list.add(&w));
+        EXPECT_VALUES(texts(0, &w == &waiters[16] ? -1 : 0), w.init(&mm), list.add(&w));
     EXPECT_VALUES("-1 0 -1", list.remove(&waiters[16]), list.remove(&waiters[3]), list.remove(&waiters[3]));
     EXPECT_VALUES("-1 15 0", list.add(&waiters[4]), list.size(), list.add(&waiters[16]));
     for (int i = 0; i < 2; ++i) list.send({list.module_id(), 2, 3}, waiter_descriptor::merge_duplicates);

@@ -38,8 +38,8 @@ struct Value {
             text = v ? "true" : "false";
         else if constexpr (std::is_null_pointer_v<T>)
             text = "null";
-        else if constexpr (std::is_convertible_v<T, const char*>)
-            text = static_cast<const char*>(v) ? static_cast<const char*>(v) : "null";
+        else if constexpr (std::is_pointer_v<T> && std::is_convertible_v<T, const char*>)
+            text = v ? v : "null";
         else if constexpr (std::is_convertible_v<T, std::string>)
             text = v;
         else if constexpr (std::is_pointer_v<T>)

@@ -69,7 +69,7 @@ TEST(Debug_print, detail_is_one_line_of_at_most_255_characters) {
 
 TEST(Debug_print, last_words_reach_whom_they_are_for) {
     Child_result r = run_child([] { Debug_print::die("glue/x", 7); });
-    EXPECT_VALUES(texts((3358 & 0xFF), "DIE file=glue/x line=7\n"), r.status, r.err);
+    EXPECT_VALUES(texts(3358 & 0xFF, "DIE file=glue/x line=7\n"), r.status, r.err);
     r = run_child([] { Bugger::report_bug("tree bent"); });
     EXPECT_VALUES(texts(SIGABRT, "BUG: tree bent\r\n"), r.signal, r.out);
     const char* where = "util/Bugger:42: static void Bugger::report_bug(const char*): Assertion `false' failed.\n";

@@ -200,8 +200,8 @@ TEST(Ring_buffer, behaves_as_a_bounded_queue) {
             piece.resize(ring.put(reinterpret_cast<const unsigned char*>(piece.data()), n));
             ASSERT_EQ(piece.size(), std::min(n, room));
             model += piece;
-            ASSERT_VALUES(texts(model.size(), (model.size() == capacity)), ring.used(), ring.full()) << step;
-            ASSERT_VALUES(texts((ring.tail == ~0u), model.empty()), ring.full(), ring.empty()) << step;
+            ASSERT_VALUES(texts(model.size(), model.size() == capacity), ring.used(), ring.full()) << step;
+            ASSERT_VALUES(texts(ring.tail == ~0u, model.empty()), ring.full(), ring.empty()) << step;
             const uint32_t offset = up_to(), dropped = up_to();
             std::string got(up_to(), 0);
             const std::string expected = offset < model.size() ? model.substr(offset, got.size()) : "";
