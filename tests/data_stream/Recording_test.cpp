@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "glue/data_stream/Posix_data_stream.h"
 #include "glue/data_stream/Posix_threaded_data_stream.h"
 #include "glue/data_stream/Recorder_data_stream.h"
 #include "glue/data_stream/Replay_data_stream.h"
 #include "support/Pty.h"
 #include "support/test.h"
 #include "vorn/parser_model.h"
-#include <sys/resource.h>
 
 namespace {
 
@@ -161,30 +159,6 @@ TEST(Replay, says_what_is_wrong_with_a_recording_and_brings_what_is_good) {
         EXPECT_VALUES(texts(row.brought, row.said, row.state), brought, said, state)
             << brought << ": " << said << state;
     }
-}
-
-TEST(Replay, of_a_recording_that_ran_into_a_limit_brings_what_fitted) {
-    const Temporary_folder folder;
-    const std::string path = folder.file("recording");
-    signal(SIGXFSZ, SIG_IGN);
-    struct rlimit before;
-    getrlimit(RLIMIT_FSIZE, &before);
-    const struct rlimit limit = {1000, before.rlim_max};
-    const std::string said = debug_text([&] {
-        Device line(std::string(2000, 'x'), 100);
-        Posix_data_stream sink;
-        ASSERT_TRUE(sink.open_write(path.c_str(), true, true, false));
-        Recorder_data_stream s(line, sink, Recorder_data_stream::timed, "recording");
-        setrlimit(RLIMIT_FSIZE, &limit);
-        for (unsigned n = 100; n <= 2000; n += 100) EXPECT_TRUE(s.bytes_avail(n));
-        setrlimit(RLIMIT_FSIZE, &before);
-    });
-    EXPECT_EQ(said, "Recording to recording ends: File too large\n");
-    Posix_data_stream source;
-    ASSERT_TRUE(source.open_read(path.c_str(), true));
-    Replay_data_stream s(source, 0);
-    debug_text([&] { s.bytes_avail(2000u); });
-    EXPECT_VALUES(texts(1000 - 16 - 10 * 8, Replay_data_stream::cut), s.bytes_avail(), s.state());
 }
 
 } // namespace
