@@ -3,7 +3,9 @@
 #include "glue/cds/Base_types.h"
 #include "platform/crc32.h"
 #include "util/bytes.h"
+#include <cstring>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace NV_store {
@@ -14,21 +16,11 @@ static_assert(sizeof(void*) != 4 || sizeof(NV_iterator::NV_checksum) == 16);
 namespace {
 
 template <class T>
-bool push(NV_iterator& it, T value) {
-    unsigned char bytes[sizeof(T)];
-    Util::to_little_endian(value, bytes);
-    return it._push_bytes(bytes, sizeof bytes);
-}
-
-template <class T>
-bool pop(NV_iterator& it, T& value) {
-    unsigned char bytes[sizeof(T)];
-    if (!it._pop_bytes(bytes, sizeof bytes)) return false;
+T value_in(const unsigned char* bytes) {
     if constexpr (std::is_same_v<T, bool>)
-        value = bytes[0] != 0;
+        return bytes[0] != 0;
     else
-        value = Util::from_little_endian<T>(bytes);
-    return true;
+        return Util::from_little_endian<T>(bytes);
 }
 
 } // namespace
@@ -42,8 +34,6 @@ bool NV_iterator::get_free_space(unsigned int& used, unsigned int& total) const 
     return false;
 }
 
-const unsigned char* NV_iterator::last_passed(int) const { return nullptr; }
-
 void NV_iterator::sum(const unsigned char* data, int n, uint32_t chunks) {
     for (NV_checksum& c : _checksums) {
         c.bytes += static_cast<uint32_t>(n);
@@ -53,15 +43,22 @@ void NV_iterator::sum(const unsigned char* data, int n, uint32_t chunks) {
 }
 
 void NV_iterator::sum_unseen() {
-    if (_unseen_chunks > 0) sum(last_passed(_unseen), _unseen, _unseen_chunks);
+    if (_unseen_chunks > 0) sum(_next - _unseen, _unseen, _unseen_chunks);
     _unseen = 0;
     _unseen_chunks = 0;
 }
 
-void NV_iterator::pass_checksum_bytes(const unsigned char* data, int n) {
-    if (!_keeps_bytes) return sum(data, n, 1);
+/// The next `n` bytes of the window, which pass now; null when it does not hold so many.
+inline unsigned char* NV_iterator::pass(int n, bool reading) {
+    if (n <= 0 || n > _window_end - _next || (mode == mode_read) != reading) return nullptr;
     _unseen += n;
     ++_unseen_chunks;
+    return std::exchange(_next, _next + n);
+}
+
+void NV_iterator::pass_checksum_bytes(const unsigned char* data, int n) {
+    sum_unseen();
+    sum(data, n, 1);
 }
 
 void NV_iterator::add_checksum_getter(NV_checksum* c) {
@@ -75,6 +72,10 @@ void NV_iterator::remove_checksum_getter(NV_checksum* c) {
 }
 
 bool NV_iterator::_push_bytes(const unsigned char* data, int n) {
+    if (unsigned char* const to = pass(n, false)) {
+        memcpy(to, data, static_cast<size_t>(n));
+        return true;
+    }
     // The virtual operation does not write to the bytes.
     if (!push_bytes(const_cast<unsigned char*>(data), n)) return false;
     pass_checksum_bytes(data, n);
@@ -82,6 +83,10 @@ bool NV_iterator::_push_bytes(const unsigned char* data, int n) {
 }
 
 bool NV_iterator::_pop_bytes(unsigned char* data, int n) {
+    if (const unsigned char* const from = pass(n, true)) {
+        memcpy(data, from, static_cast<size_t>(n));
+        return true;
+    }
     if (!pop_bytes(data, n)) return false;
     pass_checksum_bytes(data, n);
     return true;
@@ -89,21 +94,24 @@ bool NV_iterator::_pop_bytes(unsigned char* data, int n) {
 
 bool NV_iterator::push_header(const NV_iterator_header& h) {
     unsigned char bytes[Record_header::size];
-    h.encode(bytes);
-    return _push_bytes(bytes, Record_header::size);
+    unsigned char* const to = pass(Record_header::size, false);
+    h.encode(to ? to : bytes);
+    return to || _push_bytes(bytes, Record_header::size);
 }
 
 bool NV_iterator::pop_header(NV_iterator_header& h) {
     unsigned char bytes[Record_header::size];
-    if (!_pop_bytes(bytes, Record_header::size)) return false;
-    h = Record_header::decode(bytes);
+    const unsigned char* const from = pass(Record_header::size, true);
+    if (!from && !_pop_bytes(bytes, Record_header::size)) return false;
+    h = Record_header::decode(from ? from : bytes);
     return true;
 }
 
 bool NV_iterator::peek_header(NV_iterator_header& h) {
     unsigned char bytes[Record_header::size];
-    if (!peek_bytes(bytes, Record_header::size)) return false;
-    h = Record_header::decode(bytes);
+    const bool in_window = mode == mode_read && _window_end - _next >= Record_header::size;
+    if (!in_window && !peek_bytes(bytes, Record_header::size)) return false;
+    h = Record_header::decode(in_window ? _next : bytes);
     return true;
 }
 
@@ -147,8 +155,19 @@ bool NV_iterator::skip_value(int width, bool counted) {
 }
 
 #define KAV_CODEC(T, name, NAME)                                                                                       \
-    bool NV_iterator::push_##name(T v) { return push(*this, v); }                                                      \
-    bool NV_iterator::pop_##name(T& v) { return pop(*this, v); }
+    bool NV_iterator::push_##name(T v) {                                                                               \
+        unsigned char bytes[sizeof(T)];                                                                                \
+        unsigned char* const to = pass(sizeof(T), false);                                                              \
+        Util::to_little_endian(v, to ? to : bytes);                                                                    \
+        return to || _push_bytes(bytes, sizeof(T));                                                                    \
+    }                                                                                                                  \
+    bool NV_iterator::pop_##name(T& v) {                                                                               \
+        unsigned char bytes[sizeof(T)];                                                                                \
+        const unsigned char* const from = pass(sizeof(T), true);                                                       \
+        if (!from && !_pop_bytes(bytes, sizeof(T))) return false;                                                      \
+        v = value_in<T>(from ? from : bytes);                                                                          \
+        return true;                                                                                                   \
+    }
 KAV_BASE_TYPES(KAV_CODEC)
 #undef KAV_CODEC
 

@@ -89,17 +89,19 @@ public:
     modes_t mode = mode_closed;
 
 protected:
-    /// The last `n` bytes that passed, for an iterator that keeps them in one piece and has `_keeps_bytes` set: its
-    /// checksums see many small chunks as one, which takes a fraction of the time. They are up to date only when they
-    /// have been taken out.
-    virtual const unsigned char* last_passed(int n) const;
-    bool _keeps_bytes = false;
-
-private:
-    void sum(const unsigned char* data, int n, uint32_t chunks);
+    /// Memory in one piece that bytes are read from or written to without a virtual call for each value, for an
+    /// iterator that has such: from `_next` on up to `_window_end`. What does not fit in goes to the virtual
+    /// operations. Checksums see what passed here as one chunk, which takes a fraction of the time; they are up to date
+    /// only when they have been taken out.
+    unsigned char *_next = nullptr, *_window_end = nullptr;
+    /// Let the checksums see what passed: before the memory moves, or `_next` does without bytes passing.
     void sum_unseen();
 
-    int _unseen = 0; ///< [bytes] that passed and no checksum has seen
+private:
+    unsigned char* pass(int n, bool reading);
+    void sum(const unsigned char* data, int n, uint32_t chunks);
+
+    int _unseen = 0; ///< [bytes] before `_next` that no checksum has seen
     uint32_t _unseen_chunks = 0;
 };
 

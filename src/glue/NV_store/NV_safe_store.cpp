@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_safe_store.h"
-#include "glue/NV_store/NV_buffer_iterator.h"
 #include "glue/NV_store/NV_file_iterator.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/NV_store/NV_scan.h"
+#include <algorithm>
+#include <cstring>
 #include <mutex>
 #include <optional>
 
@@ -13,39 +14,51 @@ namespace {
 /// Takes what a save writes; never runs out of room.
 class Collector : public NV_iterator {
 public:
-    Collector(std::string& bytes, modes_t m) : _bytes(bytes) {
-        mode = m;
-        _keeps_bytes = true;
-    }
+    Collector(std::string& bytes, modes_t m) : _bytes(bytes) { mode = m; }
     bool push_bytes(unsigned char* data, int n) override {
-        _bytes.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
+        if (n < 0) return false;
+        sum_unseen();
+        const size_t used = size(), more = static_cast<size_t>(n);
+        if (used + more > _bytes.size()) _bytes.resize(std::max(2 * (used + more), size_t{NV_file_iterator::budget}));
+        memcpy(&_bytes[used], data, more);
+        auto* const begin = reinterpret_cast<unsigned char*>(_bytes.data());
+        _next = begin + used + more;
+        _window_end = begin + _bytes.size();
         return true;
     }
     bool pop_bytes(unsigned char*, int) override { return false; }
     bool peek_bytes(unsigned char*, int) override { return false; }
-
-protected:
-    const unsigned char* last_passed(int n) const override {
-        return reinterpret_cast<const unsigned char*>(_bytes.data()) + _bytes.size() - n;
-    }
+    /// All was written: cut what is left of the memory.
+    void finish() { _bytes.resize(size()); }
 
 private:
+    size_t size() const {
+        return _next ? static_cast<size_t>(_next - reinterpret_cast<unsigned char*>(_bytes.data())) : 0;
+    }
     std::string& _bytes;
 };
 
 /// Hands a load the bytes of an image.
-class Image_reader : public NV_buffer_iterator {
+class Image_reader : public NV_iterator {
 public:
-    explicit Image_reader(std::string& bytes)
-        : NV_buffer_iterator(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
-                             static_cast<int>(bytes.size())) {
+    explicit Image_reader(std::string& bytes) {
         mode = mode_read;
-        _keeps_bytes = true;
+        _next = reinterpret_cast<unsigned char*>(bytes.data());
+        _window_end = _next + bytes.size();
     }
-    bool at_end() const { return read_position == write_position; }
-
-protected:
-    const unsigned char* last_passed(int n) const override { return buffer + read_position - n; }
+    bool at_end() const { return _next == _window_end; }
+    bool push_bytes(unsigned char*, int) override { return false; }
+    bool peek_bytes(unsigned char* data, int n) override {
+        if (n < 0 || n > _window_end - _next) return false;
+        memcpy(data, _next, static_cast<size_t>(n));
+        return true;
+    }
+    bool pop_bytes(unsigned char* data, int n) override {
+        if (!peek_bytes(data, n)) return false;
+        sum_unseen();
+        _next += n;
+        return true;
+    }
 };
 
 /// Others may wait for a slow medium longer than for any lock, and that is no deadlock.
@@ -134,14 +147,15 @@ bool NV_safe_store::restore() {
 
 /// The bytes of a save, and the flags of all items before it: saved, nothing_to_save or failed.
 Safe_result NV_safe_store::serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags) {
-    bytes.reserve(NV_file_iterator::budget);
     flags.reserve(NV_file_iterator::budget / 8);
     const std::lock_guard<const NV_root> guard(_root);
     settle_flags(_root, &flags);
     Collector it(bytes, mode);
     // A setting of the application's own type may fail, or write what cannot be read past. (An image is gone through
     // when it is read back from the medium.)
-    if (!_root.serialise(&it) || (mode != NV_iterator::mode_write && whole_records(bytes, _root) != bytes.size())) {
+    const bool written = _root.serialise(&it);
+    it.finish();
+    if (!written || (mode != NV_iterator::mode_write && whole_records(bytes, _root) != bytes.size())) {
         mark_again(flags);
         return Safe_result::failed;
     }

@@ -21,8 +21,8 @@ public:
         stuck            ///< the bytes from `at` on make no sense
     };
 
-    /// `n` [bytes] that outlive the walk.
-    Record_walk(const unsigned char* bytes, int n) : _bytes(bytes), _n(n) {}
+    /// `n` [bytes] that outlive the walk; without `sums` the checksums are passed over.
+    Record_walk(const unsigned char* bytes, int n, bool sums = true) : _bytes(bytes), _n(n), _sums(sums) {}
     /// Not to be called again once it is done or stuck.
     Step next();
 
@@ -40,14 +40,17 @@ private:
     Step start_container();
     Step end_container();
     Step pass_value();
-    uint32_t sum_up_to(int place);
 
     struct Container {
         int start;       ///< [bytes]
         uint32_t before; ///< CRC of all bytes up to there
     };
+    uint32_t sum_up_to(int place);
+    uint32_t sum_of(const Container& c, int place);
+
     const unsigned char* const _bytes;
     const int _n;
+    const bool _sums;
     std::vector<Container> _open;
     int _summed = 0;   ///< [bytes]
     uint32_t _sum = 0; ///< CRC of so many bytes
