@@ -131,6 +131,27 @@ TEST_F(Lookup, A_walk_begins_at_any_item_and_tells_where_it_stopped) {
         EXPECT_EQ(read(items.root, all.substr(0, length)), stop_and_next) << length;
 }
 
+TEST_F(Lookup, Pages_of_the_values_join_to_the_whole_stream) {
+    const auto expect_pages = [&](const std::string& all) {
+        for (int page : {1, 2, 3, 5, 100}) {
+            std::string joined;
+            for (char bytes[100]; static_cast<int>(joined.size()) % page == 0;) {
+                CDS::Remote::Send_buffer out(bytes, static_cast<int>(joined.size()), page);
+                unsigned short start = 0;
+                EXPECT_TRUE(items.root.serialise(out, start).ok());
+                if (out.position == bytes) break;
+                joined.append(bytes, out.position);
+            }
+            EXPECT_EQ(joined, all) << page;
+        }
+    };
+    const std::string all = values();
+    expect_pages(all);
+    bool joined_later = true; // a struct inside has grown, which the root must not miss
+    const CDS::Value<bool> late{items.engine, "late", joined_later};
+    expect_pages(all.substr(0, 7) + '\1' + all.substr(7));
+}
+
 TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
     std::mt19937 random(20261121);
     std::unique_ptr<CDS::Value<short>> late;

@@ -99,6 +99,12 @@ unsigned char Lookup_item::get_type_byte() const { return Data_item::get_type_by
 Lookup_struct* Lookup_item::as_struct() { return nullptr; }
 void Lookup_item::reserved_hook() {}
 
+int Lookup_item::stream_size() {
+    if (!_fixed_stream) return -1;
+    const Lookup_struct* const children = as_struct();
+    return children ? children->_children_size : _stream_size;
+}
+
 bool Lookup_item::_signal_update(Compare& compare) {
     if (compare.done || compare.seek(data_address())) return false;
     if (static_cast<ptrdiff_t>(data_size()) <= compare.first_diff) return false;
@@ -225,7 +231,23 @@ void Lookup_struct::_print(Debug::Dumper& dumper) const {
 
 Data_item::Serial_ret Lookup_struct::serialise(Remote::Send_buffer& out, unsigned short& start_id) {
     serial_action_started(start_id);
+    if (start_id == 0 && _children_size >= 0 && out.skip >= 0) {
+        serialise_page(out);
+        return serial_ok();
+    }
     return walk_children(_children, [&](Lookup_item& child) { return child.serialise(out, start_id); });
+}
+
+/// Only the children that the buffer's slice meets: the others would drop what they append.
+void Lookup_struct::serialise_page(Remote::Send_buffer& out) {
+    auto at = _by_end.begin();
+    if (out.skip > 0 && out.room > 0) {
+        const auto ends_before = [](const Extent& e, int place) { return e.stream_end <= place; };
+        at = std::lower_bound(at, _by_end.end(), out.skip, ends_before);
+        if (at != _by_end.begin()) out.skip -= (at - 1)->stream_end;
+    }
+    unsigned short everything = 0;
+    for (; at != _by_end.end() && out.room > 0; ++at) at->child->serialise(out, everything);
 }
 
 Data_item::Serial_ret Lookup_struct::deserialise(Remote::Receive_buffer& in, unsigned short& start_id) {
@@ -269,16 +291,23 @@ bool Lookup_struct::_signal_update(Compare& compare) {
 }
 
 void Lookup_struct::index_children() {
+    _children_size = -1;
     _by_end.clear();
     _by_end.reserve(static_cast<size_t>(_children.size()));
     const unsigned char* end = nullptr;
+    int stream_end = 0;
+    bool sizes_known = true;
     for (Lookup_item& child : _children) {
         if (!child.has_fixed_extent()) return _by_end.clear();
         const auto start = static_cast<const unsigned char*>(child.data_address());
         if (std::less<>()(start, end)) return _by_end.clear();
         end = start + child.data_size();
-        _by_end.push_back({end, &child});
+        const int size = child.stream_size();
+        sizes_known = sizes_known && size >= 0;
+        stream_end += size;
+        _by_end.push_back({end, &child, stream_end});
     }
+    if (sizes_known) _children_size = stream_end;
 }
 
 void Lookup_struct::set_minmax(unsigned short& min, unsigned short& max) {

@@ -70,6 +70,8 @@ public:
     const char* get_comment() const { return comment; }
     Lookup_struct* get_parent() const { return parent; }
     bool has_fixed_extent() const { return _fixed_extent; } ///< where its bytes lie never changes
+    /// [bytes] that serialise() appends each time; -1 where that is not known.
+    int stream_size();
 
     /// Signal a change of these bytes through the root's head, without old contents. The caller holds the head's lock.
     void notify_cds(const void* address, unsigned int size);
@@ -89,6 +91,10 @@ protected:
     /// data_address() and data_size() have said the same since the item joined its parent, and always will: a change
     /// scan then passes it over without asking. For concrete classes, whose constructors set it.
     bool _fixed_extent = false;
+    /// serialise() appends `_stream_size` bytes each time, in a struct what its children do: a page of the values then
+    /// begins without going through those before it. For concrete classes, as above.
+    bool _fixed_stream = false;
+    unsigned short _stream_size = 0; ///< [bytes] of a value or an array
 };
 
 /// One value of type T inside the block.
@@ -162,6 +168,7 @@ public:
     void add_item(Lookup_item& child) {
         _children.push(&child);
         _by_end.clear();
+        for (Lookup_struct* above = this; above->_children_size >= 0; above = above->parent) above->_children_size = -1;
     }
     void get_minmax(unsigned short& min, unsigned short& max) const {
         min = min_id;
@@ -175,17 +182,21 @@ protected:
     unsigned short max_id = 0;
 
 private:
-    /// A child and where its bytes end.
+    friend class Lookup_item;
+    /// A child, and where its bytes end in the block and in the stream of values.
     struct Extent {
         const unsigned char* end;
         Lookup_item* child;
+        int stream_end;
     };
     void index_children();
+    void serialise_page(Remote::Send_buffer&);
 
-    /// For the change scan, which so finds the children that changed without asking the others. Made by set_minmax();
-    /// empty while there are children whose extent is not fixed, that do not stand in block order, or that were added
-    /// later.
+    /// For the change scan, which so finds the children that changed without asking the others, and for pages. Made by
+    /// set_minmax(); empty while there are children whose extent is not fixed, that do not stand in block order, or
+    /// that were added later.
     std::vector<Extent> _by_end;
+    int _children_size = -1; ///< [bytes] in the stream; -1 while it is not known, or there is no index
 };
 
 /// The root: its own parent; knows the head and the block.

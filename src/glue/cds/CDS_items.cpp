@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDS_items.h"
-#include "glue/cds/Base_types.h"
 #include "glue/cds/CDS_events.h"
 #include "util/Debug_print.h"
 #include <cstdio>
@@ -25,7 +24,7 @@ Struct::Struct(Lookup_struct& parent_struct, const char* item_name, const void* 
     set_name(item_name);
     set_comment(item_comment);
     update_listener = listener;
-    _fixed_extent = true;
+    _fixed_extent = _fixed_stream = true;
     parent_struct.add_item(*this);
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/cds/Base_types.h"
 #include "glue/cds/CDSLookup.h"
 #include "util/api.h"
 #include <type_traits>
@@ -76,7 +77,8 @@ public:
         this->set_comment(item_comment);
         this->set_type_name(type_name_of<T>());
         this->update_listener = listener;
-        this->_fixed_extent = true;
+        this->_fixed_extent = this->_fixed_stream = true;
+        this->_stream_size = sizeof(typename Base_type_of<T>::As);
         parent_struct.add_item(*this);
     }
     const void* data_address() const override { return this->value; }
@@ -97,7 +99,8 @@ public:
         this->set_comment(item_comment);
         this->set_type_name(type_name_of<T>());
         this->update_listener = listener;
-        this->_fixed_extent = true;
+        this->_fixed_extent = this->_fixed_stream = true;
+        this->_stream_size = 1 + n * sizeof(typename Base_type_of<T>::As);
         parent_struct.add_item(*this);
     }
     const void* data_address() const override { return this->elements; }
