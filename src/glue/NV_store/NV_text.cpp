@@ -56,44 +56,99 @@ Data_item::item_type_t text_type(const NV_item& item) {
 template <class Base>
 using Number = NV_number<typename Base::Value, Base::type>;
 
-/// Read a value that takes the whole text; false when it does not, or is out of range.
-template <class T>
-bool read_value(std::string_view text, T& value) {
-    if constexpr (std::is_same_v<T, bool>) {
-        value = text == "true" || text == "yes" || text == "1";
-        return value || text == "false" || text == "no" || text == "0";
-    } else if constexpr (std::is_same_v<T, char>) {
-        unsigned char code = 0;
-        const bool good = read_value(text, code);
-        value = static_cast<char>(code);
-        return good;
-    } else {
-        const char* const end = text.data() + text.size();
-        std::from_chars_result read;
-        if constexpr (std::is_floating_point_v<T>) {
-            read = std::from_chars(text.data(), end, value);
-            // Of what is not finite, only the words that a setting itself has for it.
-            if (!std::isfinite(value) && text != value_text(value)) return false;
-        } else {
-            const bool hexadecimal = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
-            read = std::from_chars(text.data() + (hexadecimal ? 2 : 0), end, value, hexadecimal ? 16 : 10);
-            if (hexadecimal && text.size() > 2 && text[2] == '-') return false;
-        }
-        return read.ec == std::errc() && read.ptr == end;
+/// The whole numbers that a type holds; a bool's and a char's are their codes. Reading and telling the range is so the
+/// same for all of them, which is half of the code that a type would take.
+struct Range {
+    bool is_whole;
+    long long min;
+    unsigned long long max;
+};
+
+Range range_of(Data_item::item_type_t type) {
+    return with_base_type(type, Range{}, [](auto base) {
+        using T = typename decltype(base)::Value;
+        using Limits = std::numeric_limits<std::conditional_t<std::is_same_v<T, char>, unsigned char, T>>;
+        if constexpr (std::is_floating_point_v<T>)
+            return Range{};
+        else
+            return Range{true, static_cast<long long>(Limits::min()), static_cast<unsigned long long>(Limits::max())};
+    });
+}
+
+/// A value of any base type.
+struct Value {
+    template <class T>
+    void put(T v) {
+        static_assert(sizeof v <= sizeof bytes);
+        memcpy(bytes, &v, sizeof v);
     }
+    template <class T>
+    T get() const {
+        T v;
+        memcpy(&v, bytes, sizeof v);
+        return v;
+    }
+    unsigned char bytes[8];
+};
+
+/// A whole number of a range, as the bits of its two's complement; false when the text is none.
+bool read_whole_number(std::string_view text, const Range& range, unsigned long long& bits) {
+    const bool hexadecimal = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
+    const bool negative = !hexadecimal && range.min < 0 && text.substr(0, 1) == "-";
+    if (hexadecimal || negative) text.remove_prefix(hexadecimal ? 2 : 1);
+    const char* const end = text.data() + text.size();
+    unsigned long long magnitude = 0;
+    const std::from_chars_result read = std::from_chars(text.data(), end, magnitude, hexadecimal ? 16 : 10);
+    if (read.ec != std::errc() || read.ptr != end) return false;
+    bits = negative ? 0 - magnitude : magnitude;
+    return magnitude <= (negative ? 0 - static_cast<unsigned long long>(range.min) : range.max);
+}
+
+bool read_bool(std::string_view text, bool& value) {
+    value = text == "true" || text == "yes" || text == "1";
+    return value || text == "false" || text == "no" || text == "0";
 }
 
 template <class T>
-std::string range_of() {
-    using Limits = std::numeric_limits<T>;
-    if constexpr (std::is_same_v<T, bool>)
-        return "is neither true nor false";
-    else if constexpr (std::is_same_v<T, char>)
-        return range_of<unsigned char>();
-    else if constexpr (std::is_floating_point_v<T>)
-        return "is no number that fits";
-    else
-        return "is no number from " + value_text(Limits::min()) + " to " + value_text(Limits::max());
+bool read_floating(std::string_view text, T& value) {
+    const char* const end = text.data() + text.size();
+    const std::from_chars_result read = std::from_chars(text.data(), end, value);
+    // Of what is not finite, only the words that a setting itself has for it.
+    if (!std::isfinite(value) && text != value_text(value)) return false;
+    return read.ec == std::errc() && read.ptr == end;
+}
+
+/// Read a value that takes the whole text; false when it does not, or is out of range.
+bool read_value(std::string_view text, Data_item::item_type_t type, Value& value) {
+    const Range range = range_of(type);
+    unsigned long long bits = 0;
+    if (range.is_whole && type != Data_item::item_bool && !read_whole_number(text, range, bits)) return false;
+    return with_base_type(type, false, [&](auto base) {
+        typename decltype(base)::Value v{};
+        bool good = true;
+        if constexpr (std::is_same_v<decltype(v), bool>)
+            good = read_bool(text, v);
+        else if constexpr (std::is_floating_point_v<decltype(v)>)
+            good = read_floating(text, v);
+        else
+            v = static_cast<decltype(v)>(bits);
+        value.put(v);
+        return good;
+    });
+}
+
+/// What is wrong with a text that is no value.
+std::string refusal(Data_item::item_type_t type) {
+    const Range range = range_of(type);
+    if (type == Data_item::item_bool) return "is neither true nor false";
+    if (!range.is_whole) return "is no number that fits";
+    return "is no number from " + value_text(range.min) + " to " + value_text(range.max);
+}
+
+std::string text_of(const NV_item& number) {
+    return with_base_type(number.get_type(), std::string(), [&](auto base) {
+        return value_text(static_cast<const Number<decltype(base)>&>(number).get());
+    });
 }
 
 /// A value or a path as it can be shown in a message.
@@ -144,13 +199,16 @@ private:
     std::string take_value(NV_item& item, std::string_view text) {
         if (item.as_container()) return "is no setting but a container";
         if (NV_pointer* pointer = item.as_pointer()) return take_target(*pointer, text);
-        return with_base_type(text_type(item), std::string("has a type without a text form"), [&](auto base) {
-            typename decltype(base)::Value value{};
-            if (!read_value(text, value)) return '"' + shown(text) + "\" " + range_of<decltype(value)>();
-            auto& number = static_cast<Number<decltype(base)>&>(item);
-            _setters.emplace_back([&number, value] { number.set(value); });
-            return std::string();
+        const Data_item::item_type_t type = text_type(item);
+        if (type == Data_item::item_root) return "has a type without a text form";
+        Value value{};
+        if (!read_value(text, type, value)) return '"' + shown(text) + "\" " + refusal(type);
+        _setters.emplace_back([&item, value] {
+            with_base_type(item.get_type(), false, [&](auto base) {
+                return static_cast<Number<decltype(base)>&>(item).set(value.get<typename decltype(base)::Value>());
+            });
         });
+        return "";
     }
 
     std::string take_target(NV_pointer& pointer, std::string_view text) {
@@ -183,9 +241,8 @@ std::string export_text(NV_root& root) {
             text += path + '=' + (target ? path_of(*target) : "") + '\n';
             continue;
         }
-        text += with_base_type(text_type(*i), "# " + path + " has no text form\n", [&](auto base) {
-            return path + '=' + value_text(static_cast<Number<decltype(base)>*>(i)->get()) + '\n';
-        });
+        text += text_type(*i) == Data_item::item_root ? "# " + path + " has no text form\n"
+                                                      : path + '=' + text_of(*i) + '\n';
     }
     return text;
 }
