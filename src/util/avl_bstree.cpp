@@ -18,7 +18,7 @@ static constexpr int GREATER = +1;
 
 static avl_bsnode* as_avl(__bsnode* n) { return static_cast<avl_bsnode*>(n); }
 
-static avl_bsnode* child(avl_bsnode const* n, int side) { return as_avl(side < 0 ? n->less : n->greater); }
+static avl_bsnode* child(avl_bsnode const* n, int side) { return as_avl(Util::pick(side < 0, n->less, n->greater)); }
 
 /// One step down a search: one child is picked, after both were fetched while the comparison ran (prefetch_children).
 static avl_bsnode* step_down(avl_bsnode const* n, bool to_greater) {
@@ -34,7 +34,7 @@ static void prefetch_children(avl_bsnode const* n) {
 static int side_of(__bsnode const* n) { return n->parent->less == n ? LESS : GREATER; }
 
 static void set_child(__bsnode* parent, int side, __bsnode* n) {
-    (side < 0 ? parent->less : parent->greater) = n;
+    *Util::pick(side < 0, &parent->less, &parent->greater) = n;
     if (n) n->parent = parent;
 }
 
@@ -112,8 +112,9 @@ static void shrink(avl_bsnode* p, int side) {
     }
 }
 
-/// mycompare2() with the caller's order.
-static int total_order(avl_bstree const& tree, avl_bsnode const* a, avl_bsnode const* b, avl_bstree::Order order) {
+/// mycompare2() with the caller's order. Put into every search: the compiler by itself would call it, at each step.
+[[gnu::always_inline]] static inline int total_order(avl_bstree const& tree, avl_bsnode const* a, avl_bsnode const* b,
+                                                     avl_bstree::Order order) {
     const int c = order ? order(a, b) : tree.mycompare(a, b);
     if (c != 0) return c;
     const auto at_a = reinterpret_cast<uintptr_t>(a), at_b = reinterpret_cast<uintptr_t>(b);
@@ -199,7 +200,7 @@ int avl_bstree::insert(avl_bsnode* n, Order order) {
         }
         side = c > 0 ? LESS : GREATER;
         at->rank += c > 0;
-        if (at->balance != 0) top = at;
+        top = Util::pick(at->balance != 0, at, top);
         parent = at;
     }
     set_child(parent, side, n);
