@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: MIT
-// A data block that another process reads and writes. The machine describes its block as items and answers requests on
-// a line. The visitor fetches the description, lists the items, reads their values and writes one, which wakes a diner
-// of the machine that watches just those bytes.
+// A data block that another process reads and writes. The machine describes its block as items and has a server answer
+// for them on a line. The visitor fetches the description, lists the items, reads their values and writes one, which
+// wakes a diner of the machine that watches just those bytes. Another one may not be written.
 //
-//     block <- items <- Publisher --- pseudo-terminal --- Visitor
+//     block <- items <- Server --- pseudo-terminal --- Visitor
 //       '-> Watcher
-#include "Publisher.h"
 #include "Visitor.h"
 #include "Watcher.h"
+#include "glue/cds/CDS_server.h"
+#include "glue/cds/CDS_value_text.h"
 #include "glue/data_stream/Posix_data_stream.h"
 #include <cstdio>
+#include <fcntl.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -26,15 +28,16 @@ static int visit(int fd) {
     const std::vector<Remote_item> items = Visitor::items_of(description);
     for (const Remote_item& item : items) {
         const bool array = item.described.shape == Data_item::class_array;
-        printf("visitor: %*s%s %s%s", 4 * item.described.depth, "", Visitor::type_name(item), item.name.c_str(),
-               array ? "[]" : "");
+        printf("visitor: %*s%s %s%s", 4 * item.described.depth, "", CDS::Remote::type_name(item.described.type),
+               item.name.c_str(), array ? "[]" : "");
         if (item.described.container)
             puts("");
         else
             printf(" = %s\n", visitor.read(item).c_str());
         if (item.name == "wanted_speed") wanted_speed = &item;
+        if (item.name == "speed" && !visitor.write(item, "0")) printf("visitor: which is not for us to change\n");
     }
-    if (!wanted_speed || !visitor.write(*wanted_speed, 1800)) {
+    if (!wanted_speed || !visitor.write(*wanted_speed, "1800")) {
         fprintf(stderr, "visitor: the wanted speed cannot be written\n");
         return 1;
     }
@@ -46,13 +49,14 @@ static void run_machine(const char* device, pid_t visitor) {
     Block block = {{1450, 0.62f}, {49.2, 8.6}, "A. Driver", 1500};
     CDS::Head head(&Diner_info_list::get(), 0);
     Block_items items(head, block);
-    Posix_threaded_data_stream line;
-    line.init(Diner_info_list::get());
     Watcher watcher(items);
-    Publisher publisher(line, items);
     // A diner that is ended before its thread has begun drops what is queued.
     while (watcher.get_state() != Diner::state_run) Atime::delay(10);
-    line.open(device, false, false);
+    CDS::Remote::Server server(items.root, [&](const CDS::Lookup_item& item, CDS::Remote::Receive_buffer value) {
+        int speed = 0;
+        return &item == &items.wanted_speed && value.pop_INT32(speed) && speed >= 0 && speed <= 2200;
+    });
+    if (!server.serve(open(device, O_RDWR | O_NOCTTY))) perror("machine: the block is not served");
     siginfo_t ended;
     waitid(P_PID, static_cast<id_t>(visitor), &ended, WEXITED | WNOWAIT);
 }
