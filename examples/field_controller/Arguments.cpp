@@ -6,22 +6,25 @@
 
 namespace {
 
-const char usage[] = "Usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
-                     "                        [--speed N] [--can INTERFACE] [--plot FILE] [--settings FILE]\n"
-                     "                        [--messages | --quiet]\n"
-                     "  or:  field_controller --serve [--seconds N] [--faults N] [--speed N]\n"
-                     "  --comm     listen to a receiver on that serial line instead of the simulator\n"
-                     "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
-                     "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
-                     "  --speed    the simulated machine drives N times as fast, up to 100 (default 1)\n"
-                     "  --can      be a node of that CAN interface (default: of a bus in memory, with a terminal)\n"
-                     "  --plot     draw the driven track with its faults into that file (SVG)\n"
-                     "  --settings keep the settings in that file (default: field_controller.settings beside the\n"
-                     "             program)\n"
-                     "  --messages also print each message of the receiver as it comes\n"
-                     "  --quiet    print only the tables at the end\n"
-                     "  --serve    only be the receiver: tell the serial device that another program may listen to,\n"
-                     "             for N seconds or until Ctrl-C\n";
+const char usage[] =
+    "Usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
+    "                        [--speed N] [--can INTERFACE] [--plot FILE] [--settings FILE]\n"
+    "                        [--share PATH] [--messages | --quiet]\n"
+    "  or:  field_controller --serve [--seconds N] [--faults N] [--speed N]\n"
+    "  --comm     listen to a receiver on that serial line instead of the simulator\n"
+    "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
+    "  --faults   the simulated line spoils one frame in N (default 40, 0: none)\n"
+    "  --speed    the simulated machine drives N times as fast, up to 100 (default 1)\n"
+    "  --can      be a node of that CAN interface (default: of a bus in memory, with a terminal)\n"
+    "  --plot     draw the driven track with its faults into that file (SVG)\n"
+    "  --settings keep the settings in that file (default: field_controller.settings beside the\n"
+    "             program)\n"
+    "  --share    show the machine's data to other programs of this user, on a Unix socket of that path:\n"
+    "             cds_view PATH\n"
+    "  --messages also print each message of the receiver as it comes\n"
+    "  --quiet    print only the tables at the end\n"
+    "  --serve    only be the receiver: tell the serial device that another program may listen to,\n"
+    "             for N seconds or until Ctrl-C\n";
 
 [[noreturn]] void wrong(const std::string& what) {
     fprintf(stderr, "field_controller: %s (try --help)\n", what.c_str());
@@ -68,6 +71,10 @@ Arguments parse_arguments(int argc, char** argv) {
         } else if (option == "--settings") {
             if (!value) wrong(option + " needs a file");
             a.settings = value;
+            ++i;
+        } else if (option == "--share") {
+            if (!value) wrong(option + " needs a path");
+            a.share = value;
             ++i;
         } else if (option == "--seconds") {
             a.seconds = number("--seconds", value);

@@ -9,6 +9,7 @@ struct Arguments {
     unsigned faults = 40; ///< one frame in so many is hit; 0: none
     std::string plot;     ///< where to draw the track; empty: nowhere
     std::string settings; ///< file; empty: beside the program
+    std::string share;    ///< Unix socket to show the machine's data on; empty: none
     int speed = 1;        ///< of the simulated machine, in times of real time
     bool quiet = false;
     bool messages = false; ///< also print each message of the receiver

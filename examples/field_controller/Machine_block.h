@@ -2,6 +2,7 @@
 #pragma once
 #include "glue/cds/CDS_events.h"
 #include "glue/cds/CDS_items.h"
+#include "glue/cds/CDS_remote.h"
 #include <mutex>
 
 /// What the components of the machine share. Members that are replaced as a whole have no gaps: ranges are compared
@@ -18,6 +19,9 @@ struct Machine_block {
     struct Satellites {
         unsigned char locked[2], used[2]; ///< GPS, GLONASS
     } satellites;
+    struct Display {
+        int every; ///< [s] between two status lines, 1..60
+    } display;
 };
 
 /// The block with its description and the registry of those who want to know when it changes.
@@ -43,6 +47,13 @@ public:
         return CDS::Access_base(&head, offset_of(&_block.position), sizeof _block.position);
     }
 
+    CDS::Lookup_root& root() { return _root; }
+    /// Whether another program may give an item this value.
+    bool may_write(const CDS::Lookup_item& item, CDS::Remote::Receive_buffer value) const {
+        int seconds = 0;
+        return &item == &_every && value.pop_INT32(seconds) && seconds >= 1 && seconds <= 60;
+    }
+
     CDS::Head head;
 
 private:
@@ -50,7 +61,7 @@ private:
         return static_cast<int>(static_cast<const char*>(member) - reinterpret_cast<const char*>(&_block));
     }
 
-    Machine_block _block{};
+    Machine_block _block{{}, {}, {}, {1}};
 
     CDS::Root _root{head, "machine", _block};
     CDS::Struct _position{_root, "position", _block.position};
@@ -63,4 +74,6 @@ private:
     CDS::Struct _satellites{_root, "satellites", _block.satellites};
     CDS::Array<unsigned char> _locked{_satellites, "locked", _block.satellites.locked, "GPS, GLONASS"};
     CDS::Array<unsigned char> _used{_satellites, "used", _block.satellites.used, "GPS, GLONASS"};
+    CDS::Struct _display{_root, "display", _block.display};
+    CDS::Value<int> _every{_display, "every", _block.display.every, "[s] between status lines"};
 };

@@ -92,9 +92,10 @@ void Status_diner::look_for_faults(const Machine_block& now) {
 }
 
 void Status_diner::handle_timeout(Timeout&) {
-    if (!_moved || _quiet) return;
-    _moved = false;
     const Machine_block now = _store.get();
+    if (!_moved || _quiet || ++_seconds < now.display.every) return;
+    _moved = false;
+    _seconds = 0;
     constexpr double degrees = 180 / 3.141592653589793;
     printf("status: lat %.7f lon %.7f height %.2f m, %s (%.2f m), satellites %d GPS and %d GLONASS, faults %u\n",
            now.position.lat * degrees, now.position.lon * degrees, now.position.hgt,

@@ -43,6 +43,7 @@ private:
     Timeout _tick;
     int _least_satellites = 0;
     bool _moved = false; ///< since the last line
+    int _seconds = 0;    ///< since then
     unsigned _wake_ups = 0;
     unsigned _num_faults = 0; ///< told of
     bool _had_fix = false;

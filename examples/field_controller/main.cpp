@@ -14,6 +14,7 @@
 #include "Scratch_folder.h"
 #include "Status_diner.h"
 #include "fail.h"
+#include "glue/cds/CDS_server.h"
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Clock_watch.h"
@@ -165,6 +166,13 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
     Posix_data_stream line(-1, pty ? dup(pty->master) : -1);
     Link_watch watch;
     Machine_store store(modules);
+    CDS::Remote::Server server(store.root(), [&](const CDS::Lookup_item& item, CDS::Remote::Receive_buffer value) {
+        return store.may_write(item, value);
+    });
+    if (!arguments.share.empty() && !server.share(arguments.share.c_str())) {
+        fprintf(stderr, "field_controller: cannot share %s: %s\n", arguments.share.c_str(), strerror(errno));
+        return false;
+    }
     Machine_settings settings(modules, arguments.settings.empty() ? default_settings_file() : arguments.settings);
     settings.load();
     Machine_bus bus(modules, arguments.can);
