@@ -44,7 +44,7 @@ struct Server::Peer {
     const bool line;
     bool hung_up = false;  ///< a line may come back
     int64_t active;        ///< [ms] when bytes went either way
-    int64_t again = 0;     ///< [ms] not looked at before
+    int64_t again = 0;     ///< [ms] not looked at before; 0: looked at when poll() says so
     int64_t burst_end = 0; ///< [ms]
     int left = 0;          ///< answers until then
 };
@@ -197,7 +197,7 @@ void Server::prepare(Waits& waits, int64_t now) {
         wait = {-1, 0, 0};
         if (!_peers[i]) continue;
         const Peer& peer = *_peers[i];
-        if (peer.again > now) { // a line that hung up would say so again and again
+        if (peer.again > 0) { // also when that is over already: what was asked before is there, and poll() silent
             waits.until(peer.again, now);
             continue;
         }
@@ -210,8 +210,10 @@ void Server::prepare(Waits& waits, int64_t now) {
 /// Go on with a client; false at its end.
 bool Server::look(Peer& peer, bool ready, int64_t now) {
     if (peer.again > now) return true;
+    const bool paused = peer.again > 0;
+    peer.again = 0;
     Responder& responder = peer.responder;
-    if (ready && responder.num_pending() == 0 && responder.room() > 0) {
+    if ((ready || paused) && responder.num_pending() == 0 && responder.room() > 0) {
         const ssize_t got = ::read(peer.fd, responder.place(), static_cast<size_t>(responder.room()));
         if (got == 0 || (got < 0 && !later(errno))) {
             peer.hung_up = peer.line;

@@ -65,7 +65,7 @@ private:
     void serve_until_stopped();
     bool take_over_new();
     void prepare(Waits& waits, int64_t now);
-    bool look(Peer& peer, bool readable, int64_t now);
+    bool look(Peer& peer, bool ready, int64_t now);
     bool answer(Peer& peer, int64_t now);
     void end(std::unique_ptr<Peer>& peer);
     void accept_client(int64_t now);
