@@ -5,7 +5,7 @@ _kavqtglue_tool() {
     _init_completion -s || return
     case $prev in
     -c | --comm) COMPREPLY=($(compgen -W '/dev/tty[AU]* /dev/ttyS* /dev/serial/by-id/*' -- "$cur")) ;;
-    --source | --error | --from | --to | --seconds | --speed | --request | --clear) ;; # numbers
+    --source | --error | --from | --to | --seconds | --speed | --request | --clear | --every) ;; # numbers
     *)
         case $1:$cur in
         *:-*) COMPREPLY=($(compgen -W '$(_parse_help "$1")' -- "$cur")) ;;
@@ -19,4 +19,4 @@ _kavqtglue_tool() {
         esac
         ;;
     esac
-} && complete -F _kavqtglue_tool vorn_monitor bus_monitor history_dump nv_dump
+} && complete -F _kavqtglue_tool vorn_monitor bus_monitor cds_view history_dump nv_dump

@@ -9,7 +9,7 @@ set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/kavqtglue)
 install(TARGETS kavqtglue EXPORT kavqtglueTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 if(KAV_BUILD_EXAMPLES)
-    set(tools vorn_monitor bus_monitor history_dump nv_dump)
+    set(tools vorn_monitor bus_monitor cds_view history_dump nv_dump)
     install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
     file(RELATIVE_PATH to_library ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
     set_target_properties(${tools} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_library}")

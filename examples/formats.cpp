@@ -14,6 +14,10 @@
 //     0030  64 72 69 76 65 72 7D                             driver}
 //     values, 11 bytes:
 //     0000  AA 05 00 00 20 3F 04 41 6E 6E 00                 .... ?.Ann.
+//     request, 12 bytes:
+//     0000  56 09 04 00 02 00 04 00 62 2F 07 36              V.......b/.6
+//     answer, 12 bytes:
+//     0000  56 09 04 00 00 00 20 3F 72 2B 80 DB              V..... ?r+..
 //     settings, 38 bytes:
 //     0000  00 01 01 00 01 01 03 00 05 09 01 00 78 00 0A 09  ............x...
 //     0010  02 00 00 00 40 3F 01 02 03 00 81 5F 14 1E 00 02  ....@?....._....
@@ -30,6 +34,7 @@
 #include "glue/cds/CDS_events.h"
 #include "glue/cds/CDS_items.h"
 #include "glue/cds/CDS_remote.h"
+#include "glue/cds/CDS_responder.h"
 #include "glue/data_stream/File_checksummed_data_stream.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/vorn/GNSS_messages.h"
@@ -101,6 +106,20 @@ void show_data_store() {
     unsigned short from_the_start = 0;
     root.serialise(values, from_the_start);
     dump("values", as_text(bytes, static_cast<size_t>(values.position - bytes)));
+
+    // A client asks for the values of the engine, identifier 2, from its load, identifier 4, on.
+    const CDS::Remote::Write_rule none;
+    CDS::Remote::Responder responder(root, none);
+    CDS::Remote::Frame request;
+    request.kind = CDS::Remote::Frame::values;
+    request.tag = 9;
+    request.contents = "\2\0\4\0";
+    request.length = 4;
+    responder.received(request.write_to(responder.place()));
+    dump("request",
+         as_text(responder.place() - responder.num_received(), static_cast<size_t>(responder.num_received())));
+    responder.step();
+    dump("answer", as_text(responder.pending(), static_cast<size_t>(responder.num_pending())));
 }
 
 struct Wheel : NV_store::NV_container {
