@@ -8,6 +8,7 @@
 #include "Fault_history.h"
 #include "Machine_bus.h"
 #include "Machine_clock.h"
+#include "Machine_guard.h"
 #include "Machine_settings.h"
 #include "Receiver_diner.h"
 #include "Receiver_simulator.h"
@@ -183,6 +184,8 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
     }
     Buffered_logger logger;
     logger.init(modules);
+    logger.info.handler_limit_ms = -1; // an output that nobody reads is no reason to restart
+    Machine_guard guard(modules);
     std::unique_ptr<Receiver_simulator> simulator;
     Status_diner status(store, settings, faults, arguments.quiet, !arguments.plot.empty());
     status.init(modules);
@@ -209,7 +212,9 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
         simulator->init(modules);
         simulator->start();
     }
+    guard.ready();
     drive(arguments.seconds, settings, faults);
+    guard.stopping();
     if (simulator) finish_line(*simulator, stream);
     park(receiver);
     park(status); // no line of its own among the tables

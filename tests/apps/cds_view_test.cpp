@@ -72,7 +72,10 @@ TEST(cds_view, sets_what_the_controller_allows_and_says_in_one_line_what_is_wron
     EXPECT_EQ(set("engine.speed=0x10").out, "engine.speed = 16\n");
     EXPECT_EQ(set("levels=9,8").out, "levels[0] = 9\nlevels[1] = 8\nlevels[2] = 3\nlevels[3] = 65535\n");
     EXPECT_EQ(set("label=x=y").out, "label = \"x=y\"\n");
-    EXPECT_EQ(std::string(c.block.label, 8), std::string("x=y\0\0\0\0\0", 8));
+    {
+        const Scoped_lock<CDS::Head> held(c.head);
+        EXPECT_EQ(std::string(c.block.label, 8), std::string("x=y\0\0\0\0\0", 8));
+    }
     const std::string cannot = "1 cds_view: cannot ", look = cannot + "look at ";
     const std::pair<Arguments, std::string> rows[] = {
         {{c.path, "--set", "counter=1"}, cannot + "set counter: the controller does not allow it"},

@@ -50,6 +50,8 @@ int64_t Diner_info::handler_age_ns() const {
     return std::max<int64_t>(1, static_cast<int64_t>(static_cast<double>(Util::ticks() - since) * Util::ns_per_tick()));
 }
 
+bool Diner_info::is_running() const { return diner.state.load(std::memory_order_acquire) == Diner::state_run; }
+
 void Diner_info::reset_figures() {
     handler_time.reset();
     wait_time.reset();

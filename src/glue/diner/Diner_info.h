@@ -37,6 +37,8 @@ public:
 
     /// [ns] since the handler that runs now was called; 0 when none runs.
     int64_t handler_age_ns() const;
+    /// The diner is in its run loop. Takes no lock.
+    bool is_running() const;
     /// The figures below start anew, and so does the longest queue.
     void reset_figures();
     /// "%9s %9.1f %9.1f %9.1f %9.1f %8d %8d\n": name; mean and worst handler [us]; mean and worst time from post to
@@ -54,7 +56,10 @@ public:
     /// 16, which counts for all of them.
     Time_figure wait_time;
     std::atomic<int32_t> worst_late_ms{0}; ///< [ms] by which a timeout was called after its expiry
-    std::atomic<bool> listed{false};       ///< in the status list, which sets it
+    /// [ms] a handler may run before a Supervisor calls it trouble; 0: as the supervisor has it, negative: as long as
+    /// it likes.
+    std::atomic<int32_t> handler_limit_ms{0};
+    std::atomic<bool> listed{false}; ///< in the status list, which sets it
     std::atomic<unsigned char> activity{activity_idle};
     std::atomic<unsigned char> debug_level{0};
 

@@ -126,6 +126,11 @@ void Diner_info_list::clock_stepped(int32_t seconds, int ms) KAV_NO_THREAD_SAFET
     }
 }
 
+void Diner_info_list::look_at_all(const std::function<void(Diner_info&)>& look) KAV_NO_THREAD_SAFETY_ANALYSIS {
+    const Scoped_lock members(_members);
+    for (Diner_info& info : _infos) look(info);
+}
+
 int Diner_info_list::print_alive() const {
     const Scoped_lock held(_mutex);
     for (const Diner_info& info : _infos) {

@@ -6,6 +6,7 @@
 #include "util/api.h"
 #include "util/sl_list.h"
 #include <atomic>
+#include <functional>
 
 /// The process's list of diners, its event pool and its source of module ids. Any thread, but no handler: the lock of
 /// the list is taken before those of diners (docs/architecture.md). Only clock_stepped() is meant for handlers.
@@ -35,6 +36,10 @@ public:
     /// Print the names of the diners that have not terminated, one per line "  NAME (STATE)\n" on standard error: says
     /// who holds up a shut-down. Returns their number.
     int print_alive() const;
+
+    /// Call `look` for each diner, in the order of the table; from a handler, too. No diner comes or goes meanwhile, so
+    /// it waits for nothing and takes no lock of a diner or of the list.
+    void look_at_all(const std::function<void(Diner_info&)>& look);
 
     /// To be called right after the system's clock was set by `seconds` [s] and `ms` [ms], both of the same sign: the
     /// pending timeouts of all diners move along, and every diner is woken once to look at them. From a handler too.
