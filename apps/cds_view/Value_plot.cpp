@@ -28,6 +28,12 @@ std::string escaped(const std::string& text) {
     return all;
 }
 
+/// How many digits tell two numbers apart, and some more.
+int digits_to_tell(double a, double b) {
+    const double ratio = std::abs(a - b) / std::max(std::abs(a), std::abs(b));
+    return ratio > 0 ? std::clamp(static_cast<int>(2 - log10(ratio)), 4, 9) : 6;
+}
+
 /// A step of 1, 2 or 5 times a power of ten, of which a few go into the range.
 double step_for(double range, double wanted) {
     const double power = pow(10, floor(log10(range / wanted)));
@@ -104,8 +110,10 @@ void Value_plot::draw_panel(FILE* out, size_t n, double top) const {
         escaped(_names[n]).c_str());
     put(out, "<rect x=\"%.0f\" y=\"%.0f\" width=\"%.0f\" height=\"%.0f\" fill=\"none\" stroke=\"#bbbbbb\"/>\n", left,
         top, width - left - margin, panel_height);
+    const int digits = digits_to_tell(scale.least, scale.most);
     for (const double v : {scale.least, scale.most}) {
-        put(out, "<text x=\"%.0f\" y=\"%.1f\" text-anchor=\"end\">%.6g</text>\n", left - 6, top + scale.y(v) + 4, v);
+        put(out, "<text x=\"%.0f\" y=\"%.1f\" text-anchor=\"end\">%.*g</text>\n", left - 6, top + scale.y(v) + 4,
+            digits, v);
         if (scale.least == scale.most) break;
     }
     const char* const colour = colours[n % (sizeof colours / sizeof *colours)];
@@ -117,7 +125,6 @@ void Value_plot::draw_panel(FILE* out, size_t n, double top) const {
         open = open && there && !_gap[i];
         if (!there) continue;
         if (!open) put(out, "<polyline fill=\"none\" stroke-width=\"1.8\" stroke=\"%s\" points=\"", colour);
-        // What moves in jumps, as a flag does, holds from one look to the next as far as anybody knows.
         put(out, "%.1f,%.1f ", x(_times[i]), top + scale.y(v));
         open = true;
     }

@@ -9,6 +9,7 @@
 #include "glue/cds/CDS_value_text.h"
 #include "util/number_text.h"
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <poll.h>
@@ -58,9 +59,12 @@ private:
     bool look_again();
     bool next_look(Clock::time_point& next, Clock::time_point end);
     void set_all();
+    bool is_shown(size_t item) const;
     std::string tree(size_t lines, size_t columns) const;
     void show_tree() const;
+    void show_heading() const;
     void show_row() const;
+    std::vector<double> numbers() const;
     void watch();
     void draw(const Value_plot& plot) const;
 
@@ -141,38 +145,39 @@ void Viewer::set_all() {
                 printf("%s = %s\n", item.path_of(e).c_str(), item.values[e].c_str());
 }
 
+/// An item is shown when it, or one that it contains, belongs to a column.
+bool Viewer::is_shown(size_t n) const {
+    const Live_block::Item& item = _block.items[n];
+    return std::any_of(_columns.begin(), _columns.end(), [&](const Column& c) {
+        return item.container ? item.depth == 0 || c.path.compare(0, item.path.size() + 1, item.path + ".") == 0
+                              : c.item == n;
+    });
+}
+
 /// Names, types and values, at most so many lines and columns; 0: without limit.
 std::string Viewer::tree(size_t most_lines, size_t most_columns) const {
-    std::vector<std::pair<std::string, std::string>> rows; // name and type, values
+    std::vector<std::array<std::string, 3>> rows;
     size_t name_width = 0, type_width = 0;
-    std::vector<std::vector<std::string>> lines;
     for (size_t n = 0; n < _block.items.size(); ++n) {
+        if (!is_shown(n)) continue;
         const Live_block::Item& item = _block.items[n];
-        const auto shown = [&](const Column& c) {
-            return item.container ? c.path.compare(0, item.path.size() + 1, item.path + ".") == 0 || item.depth == 0
-                                  : c.item == n;
-        };
-        if (std::none_of(_columns.begin(), _columns.end(), shown)) continue;
         std::string name(static_cast<size_t>(item.depth) * 2, ' '), values;
         name += item.name;
         if (item.array) name += "[" + std::to_string(item.elements) + "]";
         for (const std::string& value : item.values) values += (values.empty() ? "" : " ") + value;
-        const std::string type = item.container ? "" : CDS::Remote::type_name(item.type);
-        name_width = std::max(name_width, name.size());
-        type_width = std::max(type_width, type.size());
-        lines.push_back({name, type, values});
+        rows.push_back({name, item.container ? "" : CDS::Remote::type_name(item.type), values});
+        name_width = std::max(name_width, name.size() + 2);
+        type_width = std::max(type_width, rows.back()[1].size() + 2);
     }
     std::string all;
-    for (size_t n = 0; n < lines.size(); ++n) {
-        if (most_lines > 0 && n + 1 == most_lines && lines.size() > most_lines) {
-            all += "... " + std::to_string(lines.size() - n) + " more lines: name the items that you want\n";
-            break;
-        }
-        std::string line = lines[n][0];
-        line.resize(name_width + 2, ' ');
-        line += lines[n][1];
-        line.resize(name_width + 2 + type_width + 2, ' ');
-        line += lines[n][2];
+    for (size_t n = 0; n < rows.size(); ++n) {
+        if (most_lines > 0 && n + 1 == most_lines && rows.size() > most_lines)
+            return all + "... " + std::to_string(rows.size() - n) + " more lines: name the items that you want\n";
+        std::string line = rows[n][0];
+        line.resize(name_width, ' ');
+        line += rows[n][1];
+        line.resize(name_width + type_width, ' ');
+        line += rows[n][2];
         line.erase(line.find_last_not_of(' ') + 1);
         if (most_columns > 0 && line.size() > most_columns) line.replace(most_columns - 1, std::string::npos, ">");
         all += line + "\n";
@@ -214,35 +219,40 @@ void Viewer::show_row() const {
     finish_output(1);
 }
 
+void Viewer::show_heading() const {
+    fputs("time", stdout);
+    for (const Column& c : _columns) printf(",%s", c.path.c_str());
+    putchar('\n');
+}
+
+std::vector<double> Viewer::numbers() const {
+    std::vector<double> all;
+    for (const Column& c : _columns) {
+        const std::vector<double>& of_item = _block.items[c.item].numbers;
+        all.push_back(c.element < of_item.size() ? of_item[c.element] : 0);
+    }
+    return all;
+}
+
 void Viewer::watch() {
     const bool in_place = !_o.once && !_o.csv && !_o.plot;
     std::vector<std::string> names;
     for (const Column& c : _columns) names.push_back(c.path);
     Value_plot plot(names);
-    if (_o.csv) {
-        fputs("time", stdout);
-        for (const std::string& name : names) printf(",%s", name.c_str());
-        putchar('\n');
-    }
+    if (_o.csv) show_heading();
     if (in_place) fputs("\033[H\033[J", stdout);
     const auto start = Clock::now(), end = _o.seconds < 0 ? Clock::time_point::max() - std::chrono::hours(1)
                                                           : start + std::chrono::seconds(_o.seconds);
     auto next = start;
     do {
-        if (in_place) {
+        if (in_place)
             show_tree();
-        } else if (_away) {
+        else if (_away)
             plot.interrupt();
-        } else if (_o.csv) {
+        else if (_o.csv)
             show_row();
-        } else {
-            std::vector<double> numbers;
-            for (const Column& c : _columns) {
-                const std::vector<double>& all = _block.items[c.item].numbers;
-                numbers.push_back(c.element < all.size() ? all[c.element] : 0);
-            }
-            plot.add(std::chrono::duration<double>(Clock::now() - start).count(), numbers);
-        }
+        else
+            plot.add(std::chrono::duration<double>(Clock::now() - start).count(), numbers());
     } while (!_o.once && next_look(next, end));
     if (_o.plot) draw(plot);
 }

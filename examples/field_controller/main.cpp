@@ -23,6 +23,9 @@
 #include "util/Debug_print.h"
 #include "util/Debug_text_dumper.h"
 #include "util/Mspace.h"
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -39,10 +42,15 @@ namespace {
 /// Sleep until the time is over (negative: no limit) or Ctrl-C; the signals are blocked in all threads. False on
 /// Ctrl-C.
 bool run_for(int ms) {
+    using namespace std::chrono;
     const sigset_t stop = stop_signals();
-    if (ms < 0) return sigwaitinfo(&stop, nullptr) < 0;
-    const struct timespec limit = {ms / 1000, ms % 1000 * 1000000L};
-    return sigtimedwait(&stop, nullptr, &limit) < 0;
+    const auto end = steady_clock::now() + milliseconds(ms);
+    for (;;) {
+        const auto left = std::max<int64_t>(duration_cast<nanoseconds>(end - steady_clock::now()).count(), 0);
+        const struct timespec limit = {static_cast<time_t>(left / 1000000000), static_cast<long>(left % 1000000000)};
+        const int came = ms < 0 ? sigwaitinfo(&stop, nullptr) : sigtimedwait(&stop, nullptr, &limit);
+        if (came >= 0 || errno != EINTR) return came < 0; // who was stopped and goes on gets here, too
+    }
 }
 
 std::string default_settings_file() {

