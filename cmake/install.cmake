@@ -9,7 +9,7 @@ set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/kavqtglue)
 install(TARGETS kavqtglue EXPORT kavqtglueTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 if(KAV_BUILD_EXAMPLES)
-    set(tools vorn_monitor bus_monitor cds_view history_dump nv_dump)
+    set(tools vorn_monitor bus_monitor cds_view history_dump nv_dump trace_view)
     install(TARGETS ${tools} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
     file(RELATIVE_PATH to_library ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
     set_target_properties(${tools} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_library}")
@@ -22,7 +22,8 @@ endif()
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
 
 # Headers that only sources of the library include stay at home.
-set(own_headers "util/tsan\\.h" "vorn/frame_characters\\.h")
+set(own_headers "util/tsan\\.h" "vorn/frame_characters\\.h" "diner/probes\\.h" "diner/Trace_ring\\.h"
+    "diner/Trace_json\\.h" "data_stream/trace_bytes\\.h")
 if(KAV_FLASH_STORE STREQUAL "external")
     list(APPEND own_headers "platform/pcf_host\\.h")
 endif()

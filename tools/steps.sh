@@ -128,4 +128,4 @@ fuzz() {
 
 base_packages=(g++ cmake ninja-build qt6-base-dev libdeflate-dev pkg-config)
 test_packages=("${base_packages[@]}" libgtest-dev)
-packaging_packages=(bash-completion debhelper doxygen help2man lintian)
+packaging_packages=(bash-completion debhelper doxygen help2man lintian systemtap-sdt-dev)

@@ -9,6 +9,10 @@ namespace Util {
 /// holds, or a full pipe does not take, is left (see try_output.h). Any thread.
 [[noreturn]] KAV_API void flush_and_abort();
 
+/// What flush_and_abort() does last, once, in the thread that comes first; null: nothing. Others that abort meanwhile
+/// wait for it, at most three seconds. It ends in less, and does only what a signal handler may do.
+KAV_API void set_last_act(void (*act)());
+
 /// Prints "PROGRAM: FILE:LINE: FUNCTION: Assertion `TEXT' failed." on standard error, as the C library's assert does,
 /// and ends the process with flush_and_abort(). Unlike assert it works in release builds too, and the caller names the
 /// place: `file` is a path under the source root without extension ("glue/diner/Diner"), `line` a fixed number that

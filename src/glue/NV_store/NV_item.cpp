@@ -3,6 +3,7 @@
 #include "glue/NV_store/NV_container.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/cds/CDS_remote.h"
+#include "glue/diner/Trace.h"
 #include "util/Bugger.h"
 #include "util/Debug_print.h"
 #include <QMetaType>
@@ -168,6 +169,8 @@ bool NV_item::notify_updated(bool changed, bool mark, bool force, notify_t how, 
 }
 
 bool NV_item::notify_updated(bool changed, notify_t how) {
+    if (changed && Trace::on(Trace::setting_changed))
+        Trace::put(Trace::setting_changed, 0, get_data_id(), parent ? parent->get_data_id() : 0u);
     return notify_updated(changed, true, false, how, get_root());
 }
 

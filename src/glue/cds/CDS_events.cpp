@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDS_events.h"
 #include "glue/cds/CDSLookup.h"
+#include "glue/diner/Trace.h"
 #include "glue/diner/module_man.h"
 #include "glue/diner/waiter_descriptor.h"
 #include "util/Bugger.h"
@@ -232,6 +233,10 @@ int Head::event_unregister(waiter_descriptor* waiter, int offset, int length, Re
 
 int Head::event_signal(const void* new_data, const void* old_data, int offset, int length, Options* options) {
     check_locked(this, "event_signal");
+    if (Trace::on(Trace::range_signalled)) {
+        Trace::put(Trace::range_signalled, 0, 0,
+                   uint64_t{static_cast<uint32_t>(offset)} << 32 | static_cast<uint32_t>(length));
+    }
     const Wakeup_node w(offset, length, new_data, old_data, options);
     const int result = signal_body(&_events, w);
     if (lookup && new_data && old_data && length > 0)

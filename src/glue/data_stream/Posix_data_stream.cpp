@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/data_stream/Posix_data_stream.h"
+#include "glue/data_stream/trace_bytes.h"
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -150,7 +151,9 @@ bool Posix_data_stream::get_data(int n) {
         if (got <= 0) return false;
         const auto arrived = static_cast<uint32_t>(got);
         bytes_read += arrived;
-        bytes_lost += arrived - buffer.put(piece, arrived);
+        const uint32_t lost = arrived - buffer.put(piece, arrived);
+        bytes_lost += lost;
+        trace_bytes(*this, arrived, lost);
         log_data(piece, static_cast<int>(got));
         n -= static_cast<int>(got);
     }

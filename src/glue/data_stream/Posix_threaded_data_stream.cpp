@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/data_stream/Posix_threaded_data_stream.h"
+#include "glue/data_stream/trace_bytes.h"
 #include "platform/Task.h"
 #include <cerrno>
 #include <cstdio>
@@ -210,7 +211,9 @@ bool Posix_threaded_data_stream::take_bytes(uint32_t epoch, bool hung_up) {
     }
     const auto arrived = static_cast<uint32_t>(got);
     bytes_read += arrived;
-    bytes_lost += arrived - buffer.put(piece, arrived);
+    const uint32_t lost = arrived - buffer.put(piece, arrived);
+    bytes_lost += lost;
+    trace_bytes(*this, arrived, lost);
     line_back();
     _waiters.send(waiter_event(_waiters.module_id(), event_data, 0), waiter_descriptor::merge_duplicates);
     return true;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/data_stream/Replay_data_stream.h"
+#include "glue/data_stream/trace_bytes.h"
 #include "util/Debug_print.h"
 #include "util/bytes.h"
 #include <algorithm>
@@ -98,6 +99,7 @@ uint32_t Replay_data_stream::bring(uint32_t room) {
     skip(n);
     _left -= n;
     bytes_read += n;
+    trace_bytes(*this, n, 0);
     return buffer.put(bytes, n);
 }
 

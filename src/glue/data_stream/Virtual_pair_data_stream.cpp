@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/data_stream/Virtual_pair_data_stream.h"
+#include "glue/data_stream/trace_bytes.h"
 #include "util/atime.h"
 #include <algorithm>
 
@@ -52,6 +53,7 @@ bool Virtual_pair_data_stream_part::get_data(int n) {
         wake(_peer._space);
         if (got > 0) {
             buffer.put(piece, got);
+            trace_bytes(*this, got, 0);
             _inbound.drop(got);
             n -= static_cast<int>(got);
             continue;

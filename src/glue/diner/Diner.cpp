@@ -2,6 +2,8 @@
 #include "glue/diner/Diner.h"
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_selector.h"
+#include "glue/diner/Trace_ring.h"
+#include "glue/diner/probes.h"
 #include "platform/Task.h"
 #include "util/Bugger.h"
 #include "util/Debug_print.h"
@@ -86,6 +88,7 @@ int Diner::init(module_man& mm, Diner_selector* wanted_selector, const Descripto
         can_wait = waiter.init(&mm) >= 0;
         if (can_wait) {
             descriptor = name;
+            waiter._traced_as = static_cast<uint16_t>(Trace::number_of(name.name, name.id));
             pass_anonymous = pass_anonymous_events;
             _priority = wanted_priority;
             _stack_kib = stack_kib;
@@ -103,6 +106,7 @@ int Diner::init(module_man& mm, Diner_selector* wanted_selector, const Descripto
     }
     // In the list before there is a thread, which takes it out again when it leaves.
     state.store(state_stop, std::memory_order_release);
+    trace_state(state_uninit, state_stop);
     Diner_info_list::get().add(info);
     {
         const Held held(*this);
@@ -134,6 +138,7 @@ void* Diner::runner(void* diner) {
 void Diner::run() {
     thread_local Thread_end end;
     end.diner = this;
+    Trace::on_thread_of(waiter.traced_as());
     waiter_event event;
     Atime deadline(false);
     while (park()) run_until_kill(event, deadline);
@@ -143,7 +148,7 @@ void Diner::run() {
 /// A handler has called exit() and stands below us on this very stack. Its thread goes with the process, and it has no
 /// more use for its lock, which others (a diner that shares it, its own destructor, a test of all locks) may need.
 void Diner::left_by_exit() {
-    state.store(state_gone, std::memory_order_release);
+    trace_state(state.exchange(state_gone), state_gone);
     waiter.set_enabled(false); // others may go on posting to it: not from the pool, which may go before they do
     if (is_locked()) unlock();
 }
@@ -154,6 +159,7 @@ bool Diner::enter(State next) {
     do {
         if (s >= state_term) return false;
     } while (!state.compare_exchange_weak(s, next, std::memory_order_acq_rel));
+    trace_state(s, next);
     return true;
 }
 
@@ -192,6 +198,7 @@ void Diner::leave() {
     Diner_info_list& list = Diner_info_list::get();
     list.begin_leaving(info);
     take_lock();
+    trace_state(state_term, state_gone);
     state.store(state_gone, std::memory_order_release);
     give_lock();
     list.end_leaving();
@@ -234,7 +241,15 @@ void Diner::dispatch(waiter_event& event) {
     if (!pass_anonymous && is_anonymous(event)) return;
     const waiter_descriptor::Posted posted = waiter.taken_posted();
     info.handler_begins(posted.at, posted.weight);
+    const unsigned number = waiter.traced_as();
+    if (Trace::on(Trace::handler_begin)) {
+        Trace::put(Trace::handler_begin, number, Trace_record::of_module(event.module_id),
+                   Trace_record::of_event(event.id, waiter.taken_number()));
+    }
+    KAV_PROBE4(handler_begin, descriptor.name, &waiter, event.module_id, event.id);
     handle_event(event);
+    KAV_PROBE1(handler_end, descriptor.name);
+    if (Trace::on(Trace::handler_end)) Trace::put(Trace::handler_end, number, 0, 0);
 }
 
 void Diner::handle_timeout() {
@@ -248,11 +263,35 @@ void Diner::handle_timeout() {
         if (debug_test(11, 51)) {
             Debug_print::cprint(debug_test(101, 151), "Tim{%s,%p}\n", descriptor.name, static_cast<void*>(t));
         }
-        info.timeout_late(-pass.remaining_ms());
-        info.handler_begins(0, 0);
-        handle_timeout(*t);
-        info.handler_ends();
+        handle_late(*t, -pass.remaining_ms());
     }
+}
+
+void Diner::trace_state(int from, int to) const {
+    if (Trace::on(Trace::state_changed))
+        Trace::put(Trace::state_changed, waiter.traced_as(), static_cast<uint32_t>(from << 16 | to), 0);
+}
+
+/// Before it is submitted, at `when` or in `ms` [ms]: afterwards it may be gone.
+void Diner::trace_submitted(const Timeout& t, const Atime* when, int ms) const {
+    if (!Trace::on(Trace::timeout_submitted)) return;
+    const int due = when ? when->get_ms_from_now() : ms;
+    Trace::put(Trace::timeout_submitted, waiter.traced_as(), static_cast<uint32_t>(due), static_cast<uint32_t>(t.uid));
+}
+
+/// One timeout, called `ms` [ms] after it was due.
+void Diner::handle_late(Timeout& t, int ms) {
+    info.timeout_late(ms);
+    info.handler_begins(0, 0);
+    const unsigned number = waiter.traced_as();
+    const int uid = t.uid;
+    if (Trace::on(Trace::timeout_begin))
+        Trace::put(Trace::timeout_begin, number, static_cast<uint32_t>(ms), static_cast<uint32_t>(uid));
+    KAV_PROBE3(timeout_begin, descriptor.name, uid, ms);
+    handle_timeout(t);
+    KAV_PROBE1(handler_end, descriptor.name);
+    if (Trace::on(Trace::handler_end)) Trace::put(Trace::handler_end, number, 0, 0);
+    info.handler_ends();
 }
 
 bool Diner::debug_test(unsigned a, unsigned b) const {
@@ -317,7 +356,7 @@ int Diner::stop() {
         diner_start();
     } else {
         int expected = state_run; // without a lock the thread may have parked already
-        state.compare_exchange_strong(expected, state_stopping);
+        if (state.compare_exchange_strong(expected, state_stopping)) trace_state(state_run, state_stopping);
     }
     return result;
 }
@@ -354,6 +393,7 @@ void Diner::terminate(bool wait) {
         if (wait && s == state_gone) join();
         return;
     }
+    trace_state(s, _task ? state_term : state_gone);
     _ender = QThread::currentThreadId();
     if (s == state_run) {
         if (waiter.send_last(kill_event) != 0) {
@@ -406,18 +446,21 @@ const char* Diner::state_name(int state) {
 bool Diner::on_own_thread() const { return _task && _task->is_current(); }
 
 int Diner::submit_timeout(Timeout& t, const Atime& when) {
+    trace_submitted(t, &when, 0);
     const int result = _timeouts.submit_timeout(t, &when, this);
     waiter.send_anonymous_event();
     return result;
 }
 
 int Diner::submit_timeout(Timeout& t, int ms) {
+    trace_submitted(t, nullptr, ms);
     const int result = _timeouts.submit_timeout_in(t, ms, this);
     waiter.send_anonymous_event();
     return result;
 }
 
 int Diner::submit_timeout(Timeout& t) {
+    trace_submitted(t, nullptr, INT_MIN); // at its own expiry, which may be the manager's to change
     const int result = _timeouts.submit_timeout(t, nullptr, this);
     waiter.send_anonymous_event();
     return result;

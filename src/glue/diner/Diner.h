@@ -210,6 +210,9 @@ private:
     void run_until_kill(waiter_event& event, Atime& deadline) KAV_RELEASE();
     void leave() KAV_RELEASE();
     void dispatch(waiter_event& event) KAV_REQUIRES(this);
+    void handle_late(Timeout& t, int ms) KAV_REQUIRES(this);
+    void trace_state(int from, int to) const;
+    void trace_submitted(const Timeout& t, const Atime* when, int ms) const;
     int release_parked() KAV_REQUIRES(this);
     bool withdraw_start();
     void join();

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/waiter_descriptor.h"
+#include "glue/diner/Trace_ring.h"
+#include "glue/diner/probes.h"
 #include "glue/diner/waiter_ref.h"
 #include "util/Debug_print.h"
 #include "util/ticks.h"
@@ -44,7 +46,10 @@ void waiter_descriptor::set_enabled(bool on) {
 }
 
 int waiter_descriptor::send_event(const waiter_event& e, bool coalesce, bool unique) {
-    if (!accepting()) return 0;
+    if (!accepting()) {
+        trace(Trace::event_dropped, e);
+        return 0;
+    }
     const bool merging = coalesce && e.module_id > 0;
     bool asleep = false;
     int result;
@@ -64,27 +69,36 @@ int waiter_descriptor::send_event(const waiter_event& e, bool coalesce, bool uni
 /// Queue `e` with its token: 0, also when it is dropped; -1 without room. `asleep`: the consumer sleeps and is to be
 /// woken by _tokens.wake().
 int waiter_descriptor::append(const waiter_event& e, bool& asleep) {
-    if (!accepting()) return 0; // disabled meanwhile: nothing may slip in after set_enabled(false) has returned
+    if (!accepting()) { // disabled meanwhile: nothing may slip in after set_enabled(false) has returned
+        trace(Trace::event_dropped, e);
+        return 0;
+    }
     if (enqueue(e) != 0) return -1;
     asleep = count_token();
     measure(asleep);
     return 0;
 }
 
-/// Where somebody is woken, reading a clock goes under in the cost of that; else it would not, so only few posts do.
+/// Where somebody is woken, reading a clock goes under in the cost of that. Else it would not, so only few posts do:
+/// the first since the consumer has looked, and of those behind it one in 32.
 void waiter_descriptor::measure(bool asleep) {
-    constexpr uint32_t one_in = 16;
-    if ((!asleep && _num_posted % one_in != 0) || _num_posted == none_measured) return;
-    if (_measured.load(std::memory_order_acquire) != none_measured) return;
-    _measured_posted = {Util::ticks(), asleep ? 1 : one_in};
-    _measured.store(_num_posted, std::memory_order_release);
+    if (asleep || _back.size() == 1) {
+        _first_posted = Util::ticks();
+        _first_number = _num_posted;
+    } else if (_num_posted % one_measured_in == 0) {
+        _posted[_num_posted / one_measured_in % num_measured] = Util::ticks();
+    }
 }
 
 /// append(), but for an event that has its like in the queue.
 int waiter_descriptor::append_or_merge(const waiter_event& e, bool coalesce, bool unique, bool& asleep) {
-    if (!accepting() || (unique && is_queued(e))) return 0;
+    if (!accepting() || (unique && is_queued(e))) {
+        trace(Trace::event_dropped, e);
+        return 0;
+    }
     if (!coalesce || !merge(e)) return append(e, asleep);
     asleep = count_token();
+    trace(Trace::event_merged, e);
     return 0;
 }
 
@@ -152,6 +166,21 @@ int waiter_descriptor::longest_queue() const {
     return _longest;
 }
 
+/// What became of a post, but for one that was queued.
+void waiter_descriptor::trace(Trace::Kind kind, const waiter_event& e) const {
+    if (Trace::on(kind))
+        Trace::put(kind, traced_as(), Trace_record::of_module(e.module_id), Trace_record::of_event(e.id));
+}
+
+void waiter_descriptor::trace_posted(const waiter_event& e) const {
+    KAV_PROBE3(event_post, this, e.module_id, e.id);
+    if (!Trace::on(Trace::event_posted)) return;
+    const int queued = _back.size() + _num_front.load(std::memory_order_relaxed);
+    const int free = _modules.load(std::memory_order_relaxed)->num_free_events();
+    Trace::put(Trace::event_posted, traced_as(), Trace_record::of_module(e.module_id) | static_cast<uint16_t>(queued),
+               Trace_record::of_event(e.id, _num_posted, free));
+}
+
 /// Hand out what one token stands for.
 void waiter_descriptor::hand_out(waiter_event* out) {
     waiter_event_node* used = nullptr;
@@ -160,11 +189,13 @@ void waiter_descriptor::hand_out(waiter_event* out) {
         if (_front.size() == 0) fill_front();
         waiter_event_node* const n = _front.first();
         _taken_posted.at = 0;
+        _taken_number = 0;
         if (!n) {
             *out = module_man::EVENT_ANONYMOUS;
             return;
         }
-        if (_num_taken + 1 == _measured.load(std::memory_order_relaxed)) note_taken();
+        _taken_number = _num_taken + 1;
+        note_posted();
         if (n->event.module_id > 0 && n->event.repeat > 1) {
             *out = n->event;
             --n->event.repeat;
@@ -178,17 +209,25 @@ void waiter_descriptor::hand_out(waiter_event* out) {
     _modules.load(std::memory_order_relaxed)->return_used_event(used);
 }
 
-/// The next node is the one that is measured. Of a merged event the first delivery counts.
-void waiter_descriptor::note_taken() {
-    if (_measured.load(std::memory_order_acquire) == none_measured) return;
-    _taken_posted = _measured_posted;
-    _measured.store(none_measured, std::memory_order_release);
+/// When the first node was posted, if that was measured. Of a merged event the first delivery counts.
+void waiter_descriptor::note_posted() {
+    if (_taken_number == _front_first_number) {
+        _taken_posted = {_front_first_posted, 1};
+        _front_first_number = 0;
+    } else if (_taken_number % one_measured_in == 0) {
+        uint64_t& posted = _posted[_taken_number / one_measured_in % num_measured];
+        _taken_posted = {posted, one_measured_in};
+        posted = 0;
+    }
 }
 
 /// Move what was posted to the empty front.
 void waiter_descriptor::fill_front() {
     const Scoped_lock held(_mutex);
     _front.push_all(_back);
+    _front_first_posted = _first_posted;
+    _front_first_number = _first_number;
+    _first_number = 0;
     _max_in_front = _front.size();
     _num_front.store(_max_in_front, std::memory_order_relaxed);
 }
@@ -204,16 +243,21 @@ int waiter_descriptor::enqueue(const waiter_event& e) {
         queued = _back.size() + _max_in_front;
     }
     if (!n) n = pool.get_blank_event(queued);
-    if (!n) return -1;
+    if (!n) {
+        trace(Trace::event_refused, e);
+        return -1;
+    }
     n->event = e;
     n->event.repeat = e.module_id > 0 ? 1 : 0;
     if (e.extended && !n->event.extended) {
         pool.return_used_event(n); // an event without its block would mislead the receiver
+        trace(Trace::event_refused, e);
         return -1;
     }
     _back.push(n);
     ++_num_posted;
     _longest = std::max(_longest, queued + 1);
+    trace_posted(e);
     return 0;
 }
 

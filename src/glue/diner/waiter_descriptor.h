@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/diner/Trace.h"
 #include "glue/diner/module_man.h"
 #include "glue/diner/waiter_event.h"
 #include "glue/diner/waiter_tokens.h"
@@ -84,6 +85,9 @@ private:
     };
     /// Of the event taken last; `at` 0: it was not measured. The consumer only.
     Posted taken_posted() const { return _taken_posted; }
+    /// The number of its node, 0 without one. The consumer only.
+    uint32_t taken_number() const { return _taken_number; }
+    unsigned traced_as() const { return _traced_as.load(std::memory_order_relaxed); }
 
     int append(const waiter_event& e, bool& asleep) KAV_REQUIRES(_mutex);
     int append_or_merge(const waiter_event& e, bool coalesce, bool unique, bool& asleep) KAV_REQUIRES(_taking, _mutex);
@@ -91,19 +95,23 @@ private:
     bool is_queued(const waiter_event& e) const KAV_REQUIRES(_taking, _mutex);
     int enqueue(const waiter_event& e) KAV_REQUIRES(_mutex);
     bool count_token() KAV_REQUIRES(_mutex);
+    void trace(Trace::Kind kind, const waiter_event& e) const;
+    void trace_posted(const waiter_event& e) const KAV_REQUIRES(_mutex);
     void measure(bool asleep) KAV_REQUIRES(_mutex);
-    void note_taken() KAV_REQUIRES(_taking);
+    void note_posted() KAV_REQUIRES(_taking);
     void give_mirrored_token() KAV_REQUIRES(_mutex);
     void hand_out(waiter_event* out);
     void fill_front() KAV_REQUIRES(_taking);
 
-    static constexpr uint32_t none_measured = 0;
+    static constexpr uint32_t one_measured_in = 32, num_measured = 32;
+    static_assert(one_measured_in * num_measured > module_man::pool_size);
 
     // The queue has two parts, each with a lock of its own. What producers use, what the consumer uses and what both
     // use lies on separate cache lines, so that the two sides do not fight for memory with every event. The consumer's
     // part comes last because the diner's own fields follow.
     std::atomic<bool> _enabled{false};
     std::atomic<bool> _initialised{false};
+    std::atomic<uint16_t> _traced_as{0}; ///< the diner's number in traces
     std::atomic<module_man*> _modules{nullptr};
     std::atomic<QObject*> _target{nullptr}; ///< changes under `_mutex`
     int _type KAV_GUARDED_BY(_mutex) = 0;   ///< of those events: a QEvent::Type, whose header is large
@@ -114,7 +122,11 @@ private:
     /// The front holds no more: it only shrinks until it is filled again.
     int32_t _max_in_front KAV_GUARDED_BY(_mutex) = 0;
     int32_t _longest KAV_GUARDED_BY(_mutex) = 0;
-    uint32_t _num_posted KAV_GUARDED_BY(_mutex) = 0; ///< nodes queued so far: the number of the last one
+    uint32_t _num_posted KAV_GUARDED_BY(_mutex) = 0;   ///< nodes queued so far: the number of the last one
+    uint32_t _first_number KAV_GUARDED_BY(_mutex) = 0; ///< of the first one in the back; 0: not measured
+    uint64_t _first_posted KAV_GUARDED_BY(_mutex) = 0; ///< when it was [ticks]
+    /// When each 32nd node was posted [ticks], if it was not the first one; the producer's until the node is taken.
+    uint64_t _posted[num_measured] = {};
 
     waiter_tokens _tokens;
 
@@ -122,9 +134,8 @@ private:
     c_sl_list<waiter_event_node> _front KAV_GUARDED_BY(_taking); ///< what is handed out next
     std::atomic<int32_t> _num_front{0};                          ///< its size, for producers
     uint32_t _num_taken KAV_GUARDED_BY(_taking) = 0;             ///< nodes handed out: the number of the last one
-    /// The one queued event whose time is measured. `_measured` is its number, and who stores it owns the other until
-    /// the next store: a producer with the number, the consumer with none_measured.
-    std::atomic<uint32_t> _measured{none_measured};
-    Posted _measured_posted;
-    Posted _taken_posted; ///< the consumer's
+    uint64_t _front_first_posted KAV_GUARDED_BY(_taking) = 0;    ///< as _first_posted, for the front
+    uint32_t _front_first_number KAV_GUARDED_BY(_taking) = 0;
+    Posted _taken_posted; ///< the consumer's, as the next one
+    uint32_t _taken_number = 0;
 };
