@@ -19,4 +19,4 @@ _kavqtglue_tool() {
         esac
         ;;
     esac
-} && complete -F _kavqtglue_tool vorn_monitor bus_monitor cds_view history_dump nv_dump
+} && complete -F _kavqtglue_tool vorn_monitor bus_monitor cds_view history_dump nv_dump trace_view
