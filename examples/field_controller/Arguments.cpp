@@ -8,8 +8,8 @@ namespace {
 
 const char usage[] =
     "Usage: field_controller [--comm device[:baud[:rs485|rs232]]] [--seconds N] [--faults N]\n"
-    "                        [--speed N] [--can INTERFACE] [--plot FILE] [--settings FILE]\n"
-    "                        [--share PATH] [--messages | --quiet]\n"
+    "                        [--speed N] [--can INTERFACE] [--plot FILE] [--trace FILE]\n"
+    "                        [--settings FILE] [--share PATH] [--messages | --quiet]\n"
     "  or:  field_controller --serve [--seconds N] [--faults N] [--speed N]\n"
     "  --comm     listen to a receiver on that serial line instead of the simulator\n"
     "  --seconds  run so long (default: 10 with the simulator, until Ctrl-C with a receiver)\n"
@@ -17,6 +17,7 @@ const char usage[] =
     "  --speed    the simulated machine drives N times as fast, up to 100 (default 1)\n"
     "  --can      be a node of that CAN interface (default: of a bus in memory, with a terminal)\n"
     "  --plot     draw the driven track with its faults into that file (SVG)\n"
+    "  --trace    write into that file what the diners did: for trace_view, or a browser's viewer\n"
     "  --settings keep the settings in that file (default: field_controller.settings beside the\n"
     "             program)\n"
     "  --share    show the machine's data to other programs of this user, on a Unix socket of that path:\n"
@@ -67,6 +68,10 @@ Arguments parse_arguments(int argc, char** argv) {
         } else if (option == "--plot") {
             if (!value) wrong(option + " needs a file");
             a.plot = value;
+            ++i;
+        } else if (option == "--trace") {
+            if (!value) wrong(option + " needs a file");
+            a.trace = value;
             ++i;
         } else if (option == "--settings") {
             if (!value) wrong(option + " needs a file");

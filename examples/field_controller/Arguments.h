@@ -10,6 +10,7 @@ struct Arguments {
     std::string plot;     ///< where to draw the track; empty: nowhere
     std::string settings; ///< file; empty: beside the program
     std::string share;    ///< Unix socket to show the machine's data on; empty: none
+    std::string trace;    ///< where to write what the diners did; empty: nowhere
     int speed = 1;        ///< of the simulated machine, in times of real time
     bool quiet = false;
     bool messages = false; ///< also print each message of the receiver

@@ -20,6 +20,7 @@
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Clock_watch.h"
 #include "glue/diner/Diner_info_list.h"
+#include "glue/diner/Trace.h"
 #include "util/Debug_print.h"
 #include "util/Debug_text_dumper.h"
 #include "util/Mspace.h"
@@ -138,6 +139,8 @@ void print_tables(const Receiver_simulator* simulator, const Receiver_diner& rec
                   const Status_diner& status, Fault_history& faults) {
     puts("\nDiners: state and what it is doing, events and passes of timeouts handled, last checkpoint");
     Diner_info_list::get().print(false, false);
+    puts("\nHow long their handlers took, how long events and timeouts waited for them, the longest queue");
+    Diner_info_list::get().print_figures(false);
     puts("\nReceiver link: what the simulator sent, and what came of it");
     print_summary(simulator, receiver, stream);
     printf("position changes   %7u   (the status diner was woken)\n", status.wake_ups());
@@ -155,6 +158,7 @@ bool keep_results(const Arguments& arguments, const Status_diner& status, Machin
         fprintf(stderr, "field_controller: cannot write %s: %s\n", arguments.plot.c_str(), strerror(errno));
         kept = false;
     }
+    if (!arguments.trace.empty()) kept &= Trace::write_file(arguments.trace.c_str()) == 0;
     puts("");
     if (!settings.save(status.wake_ups())) {
         fputs("field_controller: the settings are not saved\n", stderr);
@@ -167,6 +171,10 @@ bool keep_results(const Arguments& arguments, const Status_diner& status, Machin
 /// everything went well.
 bool run(const Arguments& arguments, Simulated_line* pty, const std::string& folder) {
     module_man& modules = Diner_info_list::get();
+    if (!arguments.trace.empty()) {
+        Trace::start();
+        Trace::at_abort(arguments.trace.c_str()); // should it end by a fault, the last that was done
+    }
     if (pty) Machine_clock::begin(); // the host's is not touched
     Clock_watch clock(modules);
     Posix_threaded_serial_data_stream stream;
