@@ -64,6 +64,7 @@ struct Store {
     off_t read_at = 0;
     Read_ahead ahead;
     Write_slot writing;
+    bool torn = false;               ///< an append could not be undone: its note is still there
     std::vector<std::string> listed; ///< the names when they were last counted, or at the mount
     Injection injections[Pcf_host::num_calls];
 
@@ -152,6 +153,21 @@ bool recover(int dir) {
     return drop_note(dir);
 }
 
+unsigned int total_size(int dir) {
+    off_t sum = 0;
+    for (const std::string& name : list(dir)) sum += size_of(dir, name.c_str());
+    return static_cast<unsigned int>(std::min<off_t>(sum, UINT_MAX));
+}
+
+/// Undo now, as the next mount would, what could not be undone while the medium was not well.
+bool make_whole(Store& s) {
+    if (!s.torn) return true;
+    s.torn = !recover(s.dir);
+    s.used = total_size(s.dir);
+    s.ahead.count = 0;
+    return !s.torn;
+}
+
 // ---- slots
 
 void drop_slots(Store& s) {
@@ -163,6 +179,7 @@ void drop_slots(Store& s) {
 
 PcfResult open_write_slot(Store& s, const char* path, bool create) {
     if (s.writing.fd >= 0) return PCF_BUSY;
+    if (!make_whole(s)) return PCF_FAILED; // a new note would take the place of the one that is needed
     const off_t size = size_of(s.dir, path);
     if (create == (size >= 0)) return create ? PCF_FAILED : PCF_NO_FILE;
     int fd = -1;
@@ -191,17 +208,13 @@ bool close_write_slot(Store& s, bool keep) {
     } else {
         const bool undone = !synced && cut_back(s.dir, w.name.c_str(), w.old_size);
         // A note that stays would undo the append at the next mount; one that is needed must stay.
-        kept = (synced || undone) && drop_note(s.dir) && synced;
+        const bool over = (synced || undone) && drop_note(s.dir);
+        s.torn = !over;
+        kept = over && synced;
     }
     const off_t now = size_of(s.dir, w.name.c_str());
     s.used += static_cast<unsigned int>(std::max<off_t>(now, 0) - w.old_size);
     return kept;
-}
-
-unsigned int total_size(int dir) {
-    off_t sum = 0;
-    for (const std::string& name : list(dir)) sum += size_of(dir, name.c_str());
-    return static_cast<unsigned int>(std::min<off_t>(sum, UINT_MAX));
 }
 
 } // namespace
@@ -212,7 +225,8 @@ bool Pcf_host::mount(const char* directory, unsigned int quota) {
     const Scoped_lock held(s.mutex);
     const int dir = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir < 0) return false;
-    const int lock = openat(dir, lock_name, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    // Not for writing: it would keep the medium from being made read-only.
+    const int lock = openat(dir, lock_name, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
     if (lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0 || !recover(dir)) {
         const int reason = errno;
         if (lock >= 0) close(lock);
@@ -222,6 +236,7 @@ bool Pcf_host::mount(const char* directory, unsigned int quota) {
     }
     s.dir = dir;
     s.lock = lock;
+    s.torn = false;
     s.quota = quota;
     s.used = total_size(dir);
     s.listed = list(dir);
@@ -268,6 +283,7 @@ PcfResult pcfOpenRead(const char* path, unsigned int offset, int) {
     const Fault fault = s.fault(call_open_read);
     if (fault != fault_none) return fault == fault_busy ? PCF_BUSY : PCF_FAILED;
     if (s.read_fd >= 0) return PCF_BUSY;
+    if (s.writing.fd < 0) make_whole(s);
     if (size_of(s.dir, path) < 0) return PCF_NO_FILE;
     s.read_fd = openat(s.dir, path, O_RDONLY | O_CLOEXEC);
     s.read_at = offset;
@@ -344,9 +360,9 @@ PcfResult pcfRemove(const char* path) {
     if (s.writing.fd >= 0 && s.writing.name == path) return PCF_BUSY;
     const off_t size = size_of(s.dir, path);
     if (size < 0) return PCF_NO_FILE;
-    if (unlinkat(s.dir, path, 0) != 0 || !sync_directory(s.dir)) return PCF_FAILED;
+    if (unlinkat(s.dir, path, 0) != 0) return PCF_FAILED;
     s.used -= static_cast<unsigned int>(size);
-    return PCF_DONE;
+    return sync_directory(s.dir) ? PCF_DONE : PCF_FAILED;
 }
 
 int pcfInfo(PcfInfo* info) {

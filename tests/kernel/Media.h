@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "kernel/Guest.h"
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <linux/fs.h>
+#include <mtd/ubi-user.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -18,7 +20,7 @@ inline int in_child(const std::function<int()>& body, const std::function<void()
     fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
-        alarm(60);
+        alarm(600);
         _exit(body());
     }
     if (meanwhile) meanwhile();
@@ -36,7 +38,7 @@ public:
         Guest::must("modprobe brd rd_nr=1 rd_size=" + std::to_string(mib * 1024));
         _sectors = std::to_string(mib * 2048);
         Guest::must("dmsetup create medium --table '" + good() + "'");
-        Guest::must("/usr/sbin/mke2fs -q -F -t ext4 -b 1024 -J size=1 /dev/dm-0");
+        Guest::must("/usr/sbin/mke2fs -q -F -t ext4 -b 1024 -m 0 -J size=1 /dev/dm-0");
     }
     ~Ext4() {
         unmount();
@@ -58,22 +60,29 @@ public:
     std::string failing_writes() const { return "0 " + _sectors + " flakey /dev/ram0 0 0 60 1 error_writes"; }
     std::string dead() const { return "0 " + _sectors + " error"; }
     static void replace_layer(const std::string& table) {
-        Guest::must("dmsetup load medium --table '" + table + "' && dmsetup suspend --nolockfs --noflush medium && " +
-                    "dmsetup resume medium");
+        Guest::must("dmsetup load medium --table '" + table + "' && dmsetup resume --nolockfs --noflush medium");
     }
 
 private:
     std::string _sectors;
 };
 
-/// UBIFS on a simulated NAND of 16 MiB.
+/// UBIFS on 3 MiB of a simulated NAND: what is small is scanned soon, and its blocks are used again.
 class Ubifs {
 public:
     Ubifs() {
         mkdir(folder.c_str(), 0755);
-        Guest::must("modprobe nandsim first_id_byte=0x20 second_id_byte=0x33 && modprobe ubi && modprobe ubifs");
+        Guest::must("modprobe nandsim first_id_byte=0x20 second_id_byte=0x33 parts=192");
+        Guest::must("modprobe ubi && modprobe ubifs");
         attach();
-        Guest::must("ubimkvol /dev/ubi0 -N s -s 8MiB >/dev/null");
+        ubi_mkvol_req volume = {};
+        volume.vol_id = UBI_VOL_NUM_AUTO;
+        volume.alignment = 1;
+        volume.bytes = 2 << 20;
+        volume.vol_type = UBI_DYNAMIC_VOLUME;
+        volume.name_len = 1;
+        volume.name[0] = 's';
+        control("/dev/ubi0", UBI_IOCMKVOL, &volume);
     }
     ~Ubifs() {
         unmount();
@@ -82,19 +91,30 @@ public:
     }
     bool mount() { return ::mount("ubi0:s", folder.c_str(), "ubifs", 0, "") == 0; }
     void unmount() { umount2(folder.c_str(), 0); }
-    void attach() { Guest::must("ubiattach -m 0 >/dev/null"); }
-    void detach() { Guest::must("ubidetach -m 0"); }
+    void attach() {
+        ubi_attach_req first = {};
+        control("/dev/ubi_ctrl", UBI_IOCATT, &first);
+    }
+    void detach() {
+        int32_t first = 0;
+        control("/dev/ubi_ctrl", UBI_IOCDET, &first);
+    }
     /// The power goes after so many writes of headers of blocks.
     void arm(int writes) {
         set("tst_emulate_power_cut_min", writes);
         set("tst_emulate_power_cut_max", writes + 1);
         set("tst_emulate_power_cut", 3);
     }
-    void disarm() { set("tst_emulate_power_cut", 0); }
     bool is_cut() const { return read_file("/sys/class/ubi/ubi0/ro_mode") == "1\n"; }
 
-    void set(const char* what, int value) {
+private:
+    static void set(const char* what, int value) {
         write_file(std::string("/sys/kernel/debug/ubi/ubi0/") + what, std::to_string(value));
+    }
+    static void control(const char* device, unsigned long request, void* what) {
+        const int fd = open(device, O_RDWR | O_CLOEXEC);
+        ASSERT_EQ(ioctl(fd, request, what), 0) << device << ": " << strerror(errno);
+        close(fd);
     }
 };
 

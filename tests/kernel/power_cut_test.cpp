@@ -11,7 +11,7 @@
 
 namespace {
 
-int ext4_cuts = 400, ubifs_cuts = 200;
+int ext4_cuts = 1000, ubifs_cuts = 500;
 
 /// What the processes of a test tell each other.
 struct Progress {
@@ -74,7 +74,7 @@ protected:
     }
     /// Wait until a child has got so far; not for ever, it may have ended.
     static void wait_for(const std::atomic<int>& counter, int value) {
-        for (int i = 0; counter < value && i < 20000; ++i) usleep(1000);
+        for (int i = 0; counter < value && i < 200000; ++i) usleep(1000);
     }
     void report(const char* medium, int cuts) {
         printf("%s: %d cases of power cuts in %d saves, %d violations\n", medium, cuts, int(_p->saves),
@@ -106,7 +106,7 @@ TEST_F(Power_cut, of_ext4) {
                                                 usleep(static_cast<unsigned>(random(20000)));
                                             } else {
                                                 wait_for(_p->judged, judged + 1);
-                                                wait_for(_p->saves, saves + random(8));
+                                                wait_for(_p->saves, saves + random(5));
                                                 usleep(static_cast<unsigned>(random(2000)));
                                             }
                                             cut = true;
@@ -143,7 +143,7 @@ TEST_F(Power_cut, of_ubifs) {
         const bool mounted = medium.mount();
         EXPECT_TRUE(mounted || medium.is_cut());
         if (mounted) {
-            if (!early) medium.arm(1 + random(40) * random(40) / 40);
+            if (!early) medium.arm(1 + random(40) * random(40) * random(40) / 1600); // mostly soon
             const int judged = _p->judged;
             const int end = Media::in_child([&] { return judge_and_save(1000, [&] { return medium.is_cut(); }); });
             EXPECT_EQ(end, medium.is_cut() ? 1 : 0) << "a save fails if and only if there was a cut";
@@ -166,7 +166,7 @@ TEST_F(Power_cut, of_ubifs) {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    if (argc > 1 && std::string(argv[1]) == "--nightly") ext4_cuts *= 25, ubifs_cuts *= 25;
+    if (argc > 1 && std::string(argv[1]) == "--nightly") ext4_cuts *= 10, ubifs_cuts *= 10;
     if (argc > 1 && std::string(argv[1]) == "--few") ext4_cuts /= 8, ubifs_cuts /= 8;
     Debug_print::set_debug_file("/dev/null"); // thousands of refusals
     return RUN_ALL_TESTS();

@@ -15,7 +15,7 @@
 
 namespace {
 
-int cycles = 40; // with --few 12, with --nightly 400
+int cycles = 100; // with --few 12, with --nightly 1000
 
 /// The host's end, as a path, while it is plugged in.
 std::string host_end() {
@@ -194,6 +194,6 @@ TEST_F(Usb_line, unplugged_and_plugged_in_again_and_again) {
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     if (argc > 1 && std::string(argv[1]) == "--few") cycles = 12;
-    if (argc > 1 && std::string(argv[1]) == "--nightly") cycles = 400;
+    if (argc > 1 && std::string(argv[1]) == "--nightly") cycles = 1000;
     return RUN_ALL_TESTS();
 }

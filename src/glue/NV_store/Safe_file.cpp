@@ -55,9 +55,9 @@ bool is_ours(const std::string& path) {
     return false;
 }
 
-void discard(const std::string& path) {
-    if (is_ours(path)) unlink(path.c_str());
-}
+/// False with errno when it stays because the medium does not let us; what is not ours is left to whoever comes upon
+/// it.
+bool discard(const std::string& path) { return !is_ours(path) || unlink(path.c_str()) == 0 || errno == ENOENT; }
 
 bool rename_file(const std::string& from, const std::string& to) { return rename(from.c_str(), to.c_str()) == 0; }
 
@@ -268,7 +268,7 @@ std::string Safe_file::name_for_refused() const {
 }
 
 bool Safe_file::write_synced(const std::string& path, const std::string& bytes, std::string& back) const {
-    discard(path);
+    if (!discard(path)) return false;
     Descriptor fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (fd < 0) return false;
     copy_rights(exists(_target) ? _target : beside(".bak"), fd);
@@ -290,7 +290,7 @@ bool Safe_file::write_new(const std::string& bytes) {
 bool Safe_file::keep_previous(Finding previous) {
     if (previous == absent) return true;
     const std::string keep = previous == good ? beside(".bak") : name_for_refused(), spare = beside(".spare");
-    discard(spare);
+    if (!discard(spare)) return false;
     if (link(_target.c_str(), spare.c_str()) != 0) {
         std::string bytes, back;
         struct stat s;

@@ -144,7 +144,10 @@ bool Diagnostics::rotate() {
 
 /// Remove a file; a replay that has come to it goes on behind it, since its number may soon stand for newer records.
 bool Diagnostics::remove(int n) {
-    if (exists(n) && !PCFile_data_stream::remove(file_name(n).text)) return false;
+    if (exists(n) && !PCFile_data_stream::remove(file_name(n).text)) {
+        Debug_print::dprint("Diagnostics: cannot remove %s\n", file_name(n).text);
+        return false;
+    }
     if (_current && _current->_start_file == n && n != _current->_end_file) {
         _current->_start_file = inc_file_num(n);
         _current->_records_done = 0;
