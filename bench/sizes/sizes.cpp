@@ -11,6 +11,8 @@
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
+#include "glue/jin/JIN_inbox.h"
+#include "glue/jin/JIN_socket_stack.h"
 #include "glue/vorn/GNSS_messages.h"
 #include "glue/vorn/Vorn_parser.h"
 #include "glue/vorn/Vorn_printer.h"
@@ -94,14 +96,15 @@ void row_of_open(const char* what) {
 } // namespace
 
 int main() {
+    mallopt(M_ARENA_MAX, 1); // the heap is asked about the first arena only
     Debug_print::debug_file = fopen("/dev/null", "w");
     Diner_info_list::get();
     printf("| | object [bytes] | heap [bytes] |\n|---|---|---|\n");
 
-    {
-        Worker first;
-        first.work();
-    } // what all diners have in common
+    Worker first,
+        second; // what all diners have in common; they stay, since threads give back some of it after their end
+    first.work();
+    second.work();
     size_t before = heap();
     auto worker = std::make_unique<Worker>();
     worker->work();
@@ -127,6 +130,14 @@ int main() {
     row("of these each event that may wait", sizeof(waiter_event_node));
     row("buffered logger", sizeof(Buffered_logger));
     row("timeout", sizeof(Timeout));
+    before = heap();
+    auto& node =
+        *new JIN_socket_stack(Diner_info_list::get(), "none0", JIN_name(1), 128); // ends no more than the line's
+    node.start();
+    row("node of a CAN bus, its reader running", sizeof node, heap() - before - sizeof node);
+    before = heap();
+    JIN_inbox inbox(node, nullptr, {JIN::pgn_request});
+    row("inbox of a node", sizeof inbox, heap() - before);
     row("parser of the receiver's messages", sizeof(Vorn_parser));
     row("number among the settings", sizeof(NV_store::NV_int32));
     row("registration for changes of data", sizeof(CDS::Event_node));
