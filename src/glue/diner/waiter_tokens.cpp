@@ -1,7 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/waiter_tokens.h"
+#include "util/ticks.h"
 #include "util/tsan.h"
 #include <QSemaphore>
+#include <sched.h>
+
+namespace {
+
+constexpr int enough_short_sleeps = 4, not_counted = 4000;
+constexpr double short_sleep_ns = 20e3, long_turn_ns = 100e3;
+
+double ns_since(uint64_t ticks) { return static_cast<double>(Util::ticks() - ticks) * Util::ns_per_tick(); }
+
+} // namespace
 
 waiter_tokens::waiter_tokens() = default;
 waiter_tokens::~waiter_tokens() = default;
@@ -23,16 +34,41 @@ bool waiter_tokens::draw() {
     return true;
 }
 
+/// Before a sleep. Where givers and consumer share a core, each token would put the consumer into its giver's place, at
+/// the cost of two switches between threads. A consumer that keeps being woken right after it fell asleep leaves the
+/// core to others without going to sleep: tokens gather meanwhile, and none costs a wake-up. It is false when none
+/// came. Where the others kept the core for long, who sleeps and is woken has it sooner: then it sleeps for a while.
+bool waiter_tokens::draw_after_others() {
+    if (_short_sleeps < enough_short_sleeps) return false;
+    const uint64_t since = Util::ticks();
+    sched_yield();
+    if (ns_since(since) > long_turn_ns) _short_sleeps = -not_counted;
+    return draw();
+}
+
+void waiter_tokens::slept_since(uint64_t ticks) {
+    if (_short_sleeps < 0) {
+        ++_short_sleeps;
+    } else if (ns_since(ticks) > short_sleep_ns) {
+        _short_sleeps = 0;
+    } else if (_short_sleeps < enough_short_sleeps) {
+        ++_short_sleeps;
+    }
+}
+
 void waiter_tokens::take() {
-    if (draw() || _given.fetch_sub(1, std::memory_order_acquire) > 0) return;
+    if (draw() || draw_after_others() || _given.fetch_sub(1, std::memory_order_acquire) > 0) return;
+    const uint64_t since = Util::ticks();
     _wake->acquire(1);
     Util::tsan::acquire(&_wake);
+    slept_since(since);
 }
 
 bool waiter_tokens::take(int ms) {
     if (draw()) return true;
     if (ms <= 0) return false;
-    if (_given.fetch_sub(1, std::memory_order_acquire) > 0) return true;
+    if (draw_after_others() || _given.fetch_sub(1, std::memory_order_acquire) > 0) return true;
+    const uint64_t since = Util::ticks();
     if (!_wake->tryAcquire(1, ms)) {
         int asleep = -1;
         if (_given.compare_exchange_strong(asleep, 0, std::memory_order_relaxed)) return false;
@@ -41,5 +77,6 @@ bool waiter_tokens::take(int ms) {
         _wake->acquire(1);
     }
     Util::tsan::acquire(&_wake);
+    slept_since(since);
     return true;
 }

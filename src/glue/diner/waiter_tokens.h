@@ -3,6 +3,7 @@
 #include "util/Hidden.h"
 #include "util/api.h"
 #include <atomic>
+#include <cstdint>
 
 class QSemaphore;
 
@@ -28,9 +29,13 @@ public:
 
 private:
     bool draw();
+    bool draw_after_others();
+    void slept_since(uint64_t ticks);
 
     std::atomic<int> _given{0}; ///< not drawn yet; -1 while the consumer sleeps
     Hidden<QSemaphore, 8> _wake;
     [[maybe_unused]] char _apart[64]; ///< keeps the two sides on cache lines of their own
-    int _drawn = 0;                   ///< the consumer's
+    // The consumer's:
+    int _drawn = 0;
+    int _short_sleeps = 0; ///< in a row; negative: so many are not counted yet
 };
