@@ -2,7 +2,11 @@
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
 #include "support/test.h"
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <poll.h>
+#include <sched.h>
 
 namespace {
 
@@ -120,6 +124,27 @@ TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks_and_tells_of_each_th
         EXPECT_EQ(next(), "");
         blocked_by.clear();
     }
+}
+
+TEST_F(Logger, Takes_room_from_its_owner_and_leaves_the_core_to_its_callers) {
+    std::vector<unsigned char> room(10000);
+    Buffered_logger logger(room.data(), 10000);
+    logger.append(std::string(9000, 'a').c_str());
+    EXPECT_EQ(logger.waiting(), 9000u);
+    Diner::Options ordinary;
+    ordinary.pass_anonymous = true;
+    logger.Diner::init(Diner_info_list::get(), Diner::Descriptor("LOG7", 7), ordinary);
+    logger.start();
+    logger.append("b");
+    EXPECT_EQ(all(9001).size(), 9001u);
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name != "kav.LOG7") continue;
+        EXPECT_EQ(sched_getscheduler(std::stoi(task.path().filename())), SCHED_BATCH);
+        return;
+    }
+    FAIL() << "no thread of its name";
 }
 
 } // namespace

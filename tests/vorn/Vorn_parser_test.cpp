@@ -188,4 +188,29 @@ TEST(Vorn_checkers, accept_the_lengths_of_the_catalogue_and_right_checksums) {
         EXPECT_EQ(accepts(by_checksum, bytes, std::stoi(bytes.substr(2, 3), nullptr, 16) + 5), accepted) << bytes;
 }
 
+TEST(Vorn_checkers, serve_a_parser_as_they_check) {
+    const std::string sound = Frame("EL").text("0123456789").str(), wrong = std::string(sound).replace(9, 1, "!");
+    const std::string bytes = sound + "\r" + wrong + "\r\nXX003abc\r\nEL0FF\r\n" + sound + "\r" + wrong;
+    const auto packets = [&](auto checker, bool serves, Fed_stream::Manner manner) {
+        Fed_stream stream(bytes, manner, 7);
+        Capture refusals(stderr);
+        Vorn_parser parser(&stream, false);
+        parser.set_checker(&checker);
+        if (serves) checker.serve(parser);
+        Packets all;
+        for (size_t i = 0; i <= bytes.size() / 7; ++i) {
+            if (manner == Fed_stream::pushed) stream.feed();
+            for (auto& p : take_all(parser)) all.push_back(p);
+        }
+        all.emplace_back(0, stream.left());
+        return std::pair(all, refusals.text().size());
+    };
+    for (auto manner : {Fed_stream::pushed, Fed_stream::pulled, Fed_stream::hesitant}) {
+        const auto asked = packets(Vorn_checksum_checker(), false, manner);
+        EXPECT_EQ(packets(Vorn_checksum_checker(), true, manner), asked) << manner;
+        EXPECT_TRUE(asked.first.size() > 3 && asked.first != packets(Vorn_length_checker(), true, manner).first);
+        EXPECT_EQ(packets(Vorn_length_checker(), true, manner), packets(Vorn_length_checker(), false, manner));
+    }
+}
+
 } // namespace

@@ -4,11 +4,27 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <pthread.h>
+#include <sched.h>
 #include <utility>
 
 std::atomic<Buffered_logger*> Buffered_logger::self{nullptr};
 
-Buffered_logger::Buffered_logger() : _ring(_storage, capacity) {}
+namespace {
+
+/// An ordinary thread that is woken takes the core of who woke it, at each line. One for batches waits for its turn.
+void leave_the_core_to_callers() {
+    sched_param normal = {};
+    int policy = SCHED_OTHER;
+    if (pthread_getschedparam(pthread_self(), &policy, &normal) == 0 && policy == SCHED_OTHER)
+        pthread_setschedparam(pthread_self(), SCHED_BATCH, &normal);
+}
+
+} // namespace
+
+Buffered_logger::Buffered_logger() : Buffered_logger(_storage, capacity) {}
+
+Buffered_logger::Buffered_logger(unsigned char* storage, uint32_t size) : _ring(storage, size) {}
 
 Buffered_logger::~Buffered_logger() {
     if (state.load(std::memory_order_acquire) != state_uninit) terminate(true);
@@ -82,6 +98,7 @@ uint32_t Buffered_logger::end_printing() {
 }
 
 void Buffered_logger::handle_event(waiter_event&) {
+    if (!std::exchange(_scheduled, true)) leave_the_core_to_callers();
     char text[piece + 1];
     Piece taken;
     do {

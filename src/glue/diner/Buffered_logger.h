@@ -22,10 +22,14 @@ public:
     static std::atomic<Buffered_logger*> self;
 
     Buffered_logger();
+    /// With room for `size` [bytes] of text in place of `capacity`; `storage` outlives it.
+    Buffered_logger(unsigned char* storage, uint32_t size);
     ~Buffered_logger() override; ///< ends its thread; text that still waits is not printed
 
     using Diner::init;
-    /// Give it its thread, make it the one that log() writes to, and start it.
+    /// Give it its thread, make it the one that log() writes to, and start it. The thread asks for real-time priority
+    /// 50; with that it prints each line at once, at the expense of the caller, whose core it takes. A thread without
+    /// real-time priority runs as one for batches: it does not take the core away from its callers.
     void init(module_man& mm);
 
     /// Queue a text; any thread. It never waits for an output that holds up the logger: while the logger prints, it
@@ -59,6 +63,7 @@ private:
     uint32_t end_printing();
     static void print_notices(uint32_t n);
 
+    bool _scheduled = false; ///< the thread's own
     mutable Mutex _mutex;
     Ring_buffer _ring KAV_GUARDED_BY(_mutex);
     uint32_t _notices KAV_GUARDED_BY(_mutex) = 0; ///< to be printed by the logger's thread

@@ -11,6 +11,9 @@ class KAV_API Vorn_length_checker : public Vorn_parser::Checker {
 public:
     virtual ~Vorn_length_checker() = default;
     bool check(Data_stream& stream, unsigned short id, int total_len) override;
+    /// As parser.set_checker(this), but the parser keeps its stream's lock while it asks: two locks less for a frame.
+    /// What a derived class makes of check() is not asked then; such a one uses set_checker().
+    void serve(Vorn_parser& parser);
     /// True when the catalogue has the message and it can be so long, header and checksum included [bytes].
     bool possible(unsigned short id, int total_len) const;
 
@@ -28,4 +31,5 @@ public:
 class KAV_API Vorn_checksum_checker : public Vorn_length_checker {
 public:
     bool check(Data_stream& stream, unsigned short id, int total_len) override;
+    void serve(Vorn_parser& parser); ///< as Vorn_length_checker::serve()
 };

@@ -121,12 +121,15 @@ int Vorn_parser::in_step(Data_stream::Window& window, Output& out) {
     return go_on;
 }
 
-/// Ask the checker, without the lock: it uses the stream's own operations. What is buffered must be asked for again
-/// afterwards.
+/// Ask the checker: one that uses the stream's own operations without the lock. What is buffered must be asked for
+/// again afterwards.
 bool Vorn_parser::accepted(Data_stream::Window& window, const unsigned char* id, int total) {
     if (!checker || checker == &dummy_checker) return true;
+    const auto number = Util::from_little_endian<unsigned short>(id);
+    const bool looks = checker == _looking && _look;
+    if (looks && _look(*checker, window, number, total)) return true;
     window.release();
-    const bool ok = checker->check(*stream, Util::from_little_endian<unsigned short>(id), total);
+    const bool ok = !looks && checker->check(*stream, number, total);
     if (!ok) {
         char name[Data_stream::name_size];
         stream->get_name(name);

@@ -65,6 +65,13 @@ public:
 
     /// Null checks nothing. Not owned.
     void set_checker(Checker* c) { checker = c; }
+    /// The same, and `look` answers for it: through the parser's own look at the stream, whose lock is not given up for
+    /// it. It must not call the stream. For what a checker's own type offers, as Vorn_length_checker::serve().
+    using Look = bool (*)(Checker& c, Data_stream::Window& window, unsigned short id, int total_len);
+    void set_checker(Checker* c, Look look) {
+        checker = _looking = c;
+        _look = look;
+    }
 
     /// True when the stream holds `i` bytes and the byte with index i is a line end. It asks for i bytes, not for i +
     /// 1: the byte itself is fetched by the look at it.
@@ -99,6 +106,8 @@ private:
     int take_frame(Data_stream::Window& window, uint32_t need, Output& out);
     int hunt(Data_stream::Window& window, Output& out);
 
+    Checker* _looking = nullptr; ///< for whom `_look` answers while it is the checker
+    Look _look = nullptr;
     // What `_hunted` has buffered before this position holds no line end.
     const Data_stream* _hunted = nullptr;
     uint64_t _hunted_to = 0;
