@@ -24,7 +24,7 @@ void leave_the_core_to_callers() {
 
 Buffered_logger::Buffered_logger() : Buffered_logger(_storage, capacity) {}
 
-Buffered_logger::Buffered_logger(unsigned char* storage, uint32_t size) : _ring(storage, size) {}
+Buffered_logger::Buffered_logger(unsigned char* storage, uint32_t size) : _ring(storage, size), _capacity(size) {}
 
 Buffered_logger::~Buffered_logger() {
     if (state.load(std::memory_order_acquire) != state_uninit) terminate(true);
@@ -44,20 +44,24 @@ void Buffered_logger::init(module_man& mm) {
 
 void Buffered_logger::append(const char* text) {
     const auto n = static_cast<uint32_t>(std::min<size_t>(strlen(text), UINT_MAX));
-    bool print_here = false;
-    {
+    bool cut = n > 0;
+    if (_used.load(std::memory_order_acquire) < _capacity) {
         const Scoped_lock held(_mutex);
-        if (_ring.put(reinterpret_cast<const unsigned char*>(text), n) < n) print_here = !leave_notice();
+        cut = _ring.put(reinterpret_cast<const unsigned char*>(text), n) < n;
+        _used.store(_ring.used(), std::memory_order_release);
     }
-    if (print_here) print_notices(1);
+    if (cut && !leave_notice()) print_notices(1);
     waiter.send_anonymous_event();
 }
 
 /// Have the logger's thread print that text was dropped, since the ring is full when the output is slow and the
 /// appender must not wait for it. False when that thread is not printing.
 bool Buffered_logger::leave_notice() {
-    if (_printing && _notices < UINT_MAX) ++_notices;
-    return _printing;
+    uint64_t n = _notices.load(std::memory_order_acquire);
+    while (n & printing) {
+        if (_notices.compare_exchange_weak(n, n + one_notice, std::memory_order_acq_rel)) return true;
+    }
+    return false;
 }
 
 /// The 1 is a flag: how much was dropped is not told.
@@ -79,22 +83,25 @@ void Buffered_logger::set_callback(void (*)(const char*)) {}
 void Buffered_logger::enable_dbi(int on) { set_callback(on ? log : nullptr); }
 void Buffered_logger::enable_dbi2(int on) { set_callback(on ? log : nullptr); }
 
+uint32_t Buffered_logger::number(uint64_t notices) {
+    return static_cast<uint32_t>(std::min<uint64_t>(notices / one_notice, UINT_MAX));
+}
+
 /// Move the oldest piece out of the ring, and the notices.
 Buffered_logger::Piece Buffered_logger::take(char* text) {
     const Scoped_lock held(_mutex);
     const uint32_t n = _ring.peek(0, reinterpret_cast<unsigned char*>(text), piece);
     _ring.drop(n);
-    const Piece taken = {n, _ring.used(), _notices};
-    _notices = 0;
-    _printing = true;
-    return taken;
+    _used.store(_ring.used(), std::memory_order_release);
+    return {n, _ring.used(), number(_notices.exchange(printing, std::memory_order_acq_rel))};
 }
 
 /// The notices left since the last piece. When there are none nobody leaves any from now on.
 uint32_t Buffered_logger::end_printing() {
-    const Scoped_lock held(_mutex);
-    _printing = _notices > 0;
-    return std::exchange(_notices, 0);
+    uint64_t n = _notices.load(std::memory_order_acquire);
+    while (!_notices.compare_exchange_weak(n, n >= one_notice ? printing : 0, std::memory_order_acq_rel)) {
+    }
+    return number(n);
 }
 
 void Buffered_logger::handle_event(waiter_event&) {

@@ -59,15 +59,21 @@ private:
         uint32_t notices;
     };
     Piece take(char* text);
-    bool leave_notice() KAV_REQUIRES(_mutex);
+    bool leave_notice();
     uint32_t end_printing();
+    static uint32_t number(uint64_t notices);
     static void print_notices(uint32_t n);
 
     bool _scheduled = false; ///< the thread's own
     mutable Mutex _mutex;
     Ring_buffer _ring KAV_GUARDED_BY(_mutex);
-    uint32_t _notices KAV_GUARDED_BY(_mutex) = 0; ///< to be printed by the logger's thread
-    /// That thread prints, or is held up by the output, and will look for notices after it.
-    bool _printing KAV_GUARDED_BY(_mutex) = false;
+    const uint32_t _capacity;
+    /// What the ring holds. Who sees that it is full has nothing to put and leaves the mutex to who drains it: in a
+    /// flood that one would hardly get it.
+    std::atomic<uint32_t> _used{0};
+    /// To be printed by the logger's thread, each `one_notice`. With `printing` that thread prints, or is held up by
+    /// the output, and will look for notices after it.
+    std::atomic<uint64_t> _notices{0};
+    static constexpr uint64_t printing = 1, one_notice = 2;
     unsigned char _storage[capacity];
 };
