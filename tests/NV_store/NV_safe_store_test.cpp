@@ -110,6 +110,9 @@ TEST_F(Safe_store, Saves_completely_and_then_what_changed) {
     tree.wheel.offset.set(5);
     EXPECT_EQ(store.load(), Safe_result::loaded) << "replaces every setting";
     EXPECT_EQ(tree.wheel.offset.get(), 123);
+    write_file(path, frame(0, 1, value(10, 2, bytes({0, 0, 0x20, 0x40}))));
+    EXPECT_EQ(store.load(), Safe_result::loaded);
+    EXPECT_VALUES("2.5 -2", tree.speed.get(), tree.wheel.offset.get()) << "also those that the file lacks";
 }
 
 TEST_F(Safe_store, A_refused_file_is_kept_and_the_generation_before_is_loaded) {

@@ -110,12 +110,12 @@ TEST(JIN_assembler, Keeps_talkers_apart_and_gives_up_what_does_not_come_whole) {
 
 class Monitor : public testing::Test {
 protected:
-    void take(uint32_t pgn, const std::string& text, unsigned source = 128) {
+    bool take(uint32_t pgn, const std::string& text, unsigned source = 128) {
         Bytes bytes(text);
         const Binary_message b = bytes.view();
         JIN_message m(pgn, b.data, b.size);
         m.source = static_cast<uint8_t>(source);
-        monitor.take(m, now);
+        return monitor.take(m, now);
     }
     const Trouble_code_monitor::Node& node(unsigned a = 128) const { return *monitor.node(a); }
     std::string codes(unsigned a = 128) const {
@@ -192,6 +192,7 @@ TEST_F(Monitor, Keeps_what_was_identified) {
     take(Identification::pgn_protocol, "05 FF FF FF FF FF FF FF");
     take(Identification::pgn_functionalities, "FF 02 00 01 01 00 0D 01 05 01"); // cut short
     take(Identification::pgn_certificate, "58 73 B4 00 00 FF FF FF");
+    EXPECT_VALUES("true false", take(pgn_DM2, "FF FF 00 00 00 00 FF FF"), take(65280, "01")) << "of no use to it";
     using Texts = std::vector<std::string>;
     EXPECT_EQ(node().software, (Texts{"A1", ""}));
     EXPECT_EQ(node().product, (Texts{"A", "", "B"}));

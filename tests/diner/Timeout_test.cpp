@@ -199,7 +199,7 @@ TEST_F(Timeouts, agree_with_an_ordered_set_through_a_long_random_use) {
             Timeout& x = all[random() % all.size()];
             const Atime when = Atime::from_now(up_to(2) ? up_to(50) : up_to(300000));
             pending.erase({x.ms(), &x});
-            x.period = up_to(2) * 20;
+            x.period = up_to(2) * (1 + up_to(20));
             const bool submitted = up_to(10) < 7;
             ASSERT_EQ(submitted ? m.submit_timeout(x, &when) : m.remove_timeout(x), 0) << step;
             if (submitted) pending.emplace(x.ms(), &x);
