@@ -14,7 +14,7 @@ namespace {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 const size_t stride = 17;
 #else
-const size_t stride = nightly() ? 1 : 2;
+const size_t stride = nightly() ? 1 : 3;
 #endif
 
 template <class Store>
