@@ -59,9 +59,9 @@ void Supervisor::init(module_man& mm) {
     Diner::Options own;
     own.priority = _options.priority;
     _modules = &mm;
+    feed(); // while there is no other thread that does
     init(mm, Descriptor("SUPERVISOR", 0), own);
     start();
-    feed();
 }
 
 void Supervisor::diner_start() {
