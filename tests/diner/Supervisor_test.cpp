@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/Supervisor.h"
+#include "glue/diner/Trace.h"
 #include "platform/Device_watchdog.h"
 #include "platform/Service_manager.h"
 #include "support/Manual_clock.h"
@@ -164,7 +165,11 @@ TEST_F(Supervised, calls_back_when_that_was_chosen_and_feeds_on) {
 }
 
 TEST(Supervisor_in_a_process, aborts_when_that_was_chosen) {
-    const Child_result r = run_child([] {
+    const Temporary_folder folder;
+    const std::string trace = folder.file("trace");
+    const Child_result r = run_child([&] {
+        Trace::start(1024);
+        Trace::at_abort(trace.c_str());
         Test_diner<> d("worker");
         d.on_event = [](waiter_event&) { pause(); };
         d.begin();
@@ -178,6 +183,7 @@ TEST(Supervisor_in_a_process, aborts_when_that_was_chosen) {
     });
     EXPECT_EQ(r.signal, SIGABRT);
     EXPECT_NE((r.out + r.err).find("Supervisor: worker runs a handler for "), std::string::npos) << r.end();
+    EXPECT_NE(read_file(trace).find("worker"), std::string::npos) << "with the trace written";
 }
 
 TEST(Supervisor_in_a_process, feeds_in_a_third_of_the_time_that_a_watchdog_gives) {
