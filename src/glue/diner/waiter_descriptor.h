@@ -11,6 +11,7 @@
 #include <cstdint>
 
 class QObject;
+class waiter_sleeper;
 
 /// The inbox of a diner: a queue of events and a semaphore with one token per pending delivery. Any thread may post:
 /// the producers. One thread takes: the consumer.
@@ -66,6 +67,10 @@ public:
     /// Discard what is pending; waits for nothing. After set_enabled(false) and this, in this order, nothing comes that
     /// was posted before.
     void flush_events();
+
+    /// What the consumer sleeps on from now on: a stream, say, whose descriptor is to wake it as well. Not owned; null:
+    /// posts alone wake it, as at first. The consumer, or whoever knows that it does not wait now: its diner is parked.
+    void set_sleeper(waiter_sleeper* s) { _tokens.set_sleeper(s); }
 
     int num_queued() const;    ///< [nodes] queued now
     int longest_queue() const; ///< [nodes] ever queued at a time: shows how to size an application

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/waiter_tokens.h"
+#include "glue/diner/waiter_sleeper.h"
 #include "util/ticks.h"
 #include "util/tsan.h"
 #include <QSemaphore>
+#include <algorithm>
 #include <sched.h>
 
 namespace {
 
+constexpr uint32_t takes_to_look = 8; // what a consumer that is never idle lets lie until it looks
 constexpr int enough_short_sleeps = 4, not_counted = 4000;
 constexpr double short_sleep_ns = 20e3, long_turn_ns = 100e3;
 
@@ -19,7 +22,11 @@ waiter_tokens::~waiter_tokens() = default;
 
 void waiter_tokens::wake() {
     Util::tsan::release(&_wake);
-    _wake->release(1);
+    if (waiter_sleeper* const s = _sleeper) {
+        s->wake();
+    } else {
+        _wake->release(1);
+    }
 }
 
 /// Take one of those drawn before, or draw what has been given since.
@@ -56,7 +63,32 @@ void waiter_tokens::slept_since(uint64_t ticks) {
     }
 }
 
+/// Take a token within `ms` [ms] (negative: without limit) where something else may wake the consumer, too.
+bool waiter_tokens::take_with(waiter_sleeper& sleeper, int ms) {
+    const uint64_t since = ms > 0 ? Util::ticks() : 0;
+    for (int left = ms;;) {
+        if (++_takes % takes_to_look == 0) sleeper.look();
+        if (draw()) return true;
+        if (left == 0) return false;
+        if (_given.fetch_sub(1, std::memory_order_acquire) > 0) return true;
+        waiter_sleeper::Result r = sleeper.sleep(left);
+        int asleep = -1;
+        if (r == waiter_sleeper::woken || !_given.compare_exchange_strong(asleep, 0, std::memory_order_relaxed)) {
+            while (r != waiter_sleeper::woken) r = sleeper.sleep(-1); // somebody gave just then, and wakes a sleeper
+            Util::tsan::acquire(&_wake);
+            return true;
+        }
+        if (r == waiter_sleeper::time_over) return false;
+        sleeper.look();
+        if (ms > 0) left = std::max(0, ms - static_cast<int>(ns_since(since) / 1e6));
+    }
+}
+
 void waiter_tokens::take() {
+    if (waiter_sleeper* const s = _sleeper) {
+        take_with(*s, -1);
+        return;
+    }
     if (draw() || draw_after_others() || _given.fetch_sub(1, std::memory_order_acquire) > 0) return;
     const uint64_t since = Util::ticks();
     _wake->acquire(1);
@@ -65,6 +97,7 @@ void waiter_tokens::take() {
 }
 
 bool waiter_tokens::take(int ms) {
+    if (waiter_sleeper* const s = _sleeper) return take_with(*s, std::max(ms, 0));
     if (draw()) return true;
     if (ms <= 0) return false;
     if (draw_after_others() || _given.fetch_sub(1, std::memory_order_acquire) > 0) return true;

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 class QSemaphore;
+class waiter_sleeper;
 
 /// The tokens of a waiter: a counting semaphore that many threads give to and one takes from.
 ///
@@ -26,16 +27,21 @@ public:
     void wake();
     void take();       ///< waits without limit; the consumer only
     bool take(int ms); ///< waits at most `ms` [ms] (0 and less: not at all); true when taken; the consumer only
+    /// Not owned; null: the semaphore. The consumer, or whoever knows that it does not wait now.
+    void set_sleeper(waiter_sleeper* s) { _sleeper = s; }
 
 private:
     bool draw();
     bool draw_after_others();
     void slept_since(uint64_t ticks);
+    bool take_with(waiter_sleeper& sleeper, int ms);
 
     std::atomic<int> _given{0}; ///< not drawn yet; -1 while the consumer sleeps
     Hidden<QSemaphore, 8> _wake;
+    std::atomic<waiter_sleeper*> _sleeper{nullptr};
     [[maybe_unused]] char _apart[64]; ///< keeps the two sides on cache lines of their own
     // The consumer's:
     int _drawn = 0;
     int _short_sleeps = 0; ///< in a row; negative: so many are not counted yet
+    uint32_t _takes = 0;   ///< from the sleeper
 };
