@@ -82,6 +82,8 @@ std::string Live_block::must(Client::Result result) const {
         return "it has as many clients as it takes";
     case Client::refused:
         return "it answers nonsense";
+    case Client::locked:
+        return "one of its threads keeps its data locked";
     default:
         return "it does not answer";
     }

@@ -199,6 +199,10 @@ TEST(CDS_server, who_does_harm_does_it_to_himself) {
     while (!full() || wait_until([&] { return !full(); }, std::chrono::milliseconds(100))) {
     }
     EXPECT_EQ(good.speed(s), "\2\1");
+    {
+        const Scoped_lock<CDS::Head> held(s.head);
+        EXPECT_EQ(good.speed(s), "failed " + std::to_string(Client::locked)) << "and does not hang with the others";
+    }
     close(greedy);
     EXPECT_TRUE(wait_until([&] { return server.num_clients() == 1; }));
 }

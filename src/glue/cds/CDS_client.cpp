@@ -83,7 +83,9 @@ Client::Result Client::receive(unsigned char tag, Frame::Kind kind, std::string&
         if (frame.read(reinterpret_cast<char*>(bytes), static_cast<int>(size)) < 0) break;
         _line.drop(size);
         if (frame.kind == Frame::refusal && frame.length == 1)
-            return frame.contents[0] == Frame::too_many_clients ? busy : refused;
+            return frame.contents[0] == Frame::too_many_clients ? busy
+                   : frame.contents[0] == Frame::block_locked   ? locked
+                                                                : refused;
         if (frame.kind != kind || frame.tag != tag) continue;
         answer.assign(frame.contents, static_cast<size_t>(frame.length));
         return done;

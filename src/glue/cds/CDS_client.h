@@ -15,7 +15,8 @@ public:
         done = 0,
         no_answer = 1, ///< none in time, or the line has ended
         busy = 2,      ///< the server has as many clients as it takes, and has hung up
-        refused = 3    ///< it does not know the request, or answers nonsense
+        refused = 3,   ///< it does not know the request, or answers nonsense
+        locked = 4     ///< the block's lock cannot be had: one of the controller's threads keeps it
     };
     static constexpr int attempts = 3;              ///< for each request; a line may lose bytes
     static constexpr int max_description = 4 << 20; ///< [bytes] above which a description is nonsense

@@ -19,7 +19,7 @@ namespace CDS::Remote {
 /// as they fit | | `write` | u2 item, its value | u1 Write_result | | `refusal` | | u1 Refusal |
 struct KAV_API Frame {
     enum Kind : char { description = 'D', values = 'V', write = 'W', refusal = 'E' };
-    enum Refusal : unsigned char { bad_request = 1, too_many_clients = 2 };
+    enum Refusal : unsigned char { bad_request = 1, too_many_clients = 2, block_locked = 3 };
     enum Write_result : unsigned char {
         written = 0,
         no_such_item = 1, ///< or it is a container

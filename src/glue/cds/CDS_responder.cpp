@@ -2,7 +2,6 @@
 #include "glue/cds/CDS_responder.h"
 #include "glue/cds/CDSLookup.h"
 #include "glue/cds/CDS_events.h"
-#include "util/Scoped_lock.h"
 #include <climits>
 #include <cstring>
 
@@ -54,21 +53,23 @@ void Responder::refuse(Frame::Refusal reason) {
 }
 
 void Responder::answer(const Frame& request, Frame& reply, Send_buffer& out) {
-    const Receive_buffer in(request.contents, request.length);
-    switch (request.kind) {
-    case Frame::description:
-        return describe(in, out);
-    case Frame::values:
-        return read_values(in, out);
-    case Frame::write: {
-        const Frame::Write_result result = write_value(in, out.position);
-        out.append_UINT8(result);
+    const bool known = request.kind == Frame::values || request.kind == Frame::write;
+    if (request.kind == Frame::description) return describe(Receive_buffer(request.contents, request.length), out);
+    Head& head = *_root.get_head();
+    if (known && head.try_lock(lock_ms)) {
+        answer_locked(request, out);
+        head.unlock();
         return;
     }
-    default:
-        reply.kind = Frame::refusal;
-        out.append_UINT8(Frame::bad_request);
-    }
+    reply.kind = Frame::refusal;
+    out.append_UINT8(known ? Frame::block_locked : Frame::bad_request);
+}
+
+void Responder::answer_locked(const Frame& request, Send_buffer& out) {
+    const Receive_buffer in(request.contents, request.length);
+    if (request.kind == Frame::values) return read_values(in, out);
+    const Frame::Write_result result = write_value(in, out.position);
+    out.append_UINT8(result);
 }
 
 /// The tree does not change, so this needs no lock.
@@ -84,16 +85,13 @@ void Responder::read_values(Receive_buffer in, Send_buffer& out) {
     unsigned short id = 0, start = 0;
     if (!in.pop_UINT16(id) || !in.pop_UINT16(start)) return;
     Lookup_item* const item = _root.find_item(id);
-    if (!item) return;
-    const Scoped_lock<Head> held(*_root.get_head());
-    item->serialise(out, start);
+    if (item) item->serialise(out, start);
 }
 
 Frame::Write_result Responder::write_value(Receive_buffer in, char* scratch) {
     unsigned short id = 0, from_its_start = 0;
     Lookup_item* const item = in.pop_UINT16(id) ? _root.find_item(id) : nullptr;
     if (!item || item->as_struct()) return Frame::no_such_item;
-    const Scoped_lock<Head> held(*_root.get_head());
     Send_buffer own(scratch, 0, Frame::max_contents);
     item->serialise(own, from_its_start);
     if (!is_a_value(*item, in, Receive_buffer(scratch, static_cast<int>(own.position - scratch))))

@@ -16,7 +16,8 @@ namespace Remote {
 using Write_rule = std::function<bool(const Lookup_item& item, Receive_buffer value)>;
 
 /// Answers one client's requests: bytes in, bytes out, any bytes are safe. It knows nothing of lines and threads; one
-/// thread at a time. The head's lock is taken while values are read or written. Takes 4 KB; allocates nothing.
+/// thread at a time. The head's lock is taken while values are read or written; when it cannot be had in time, the
+/// answer says so: who looks at a controller that hangs shall not hang with it. Takes 4 KB; allocates nothing.
 class KAV_API Responder {
 public:
     enum Step {
@@ -24,6 +25,8 @@ public:
         answered = 1, ///< there is an answer to be sent
         malformed = 2 ///< what came is no request: forget() it, or end the client
     };
+
+    static constexpr int lock_ms = 500; ///< [ms] that the head's lock is waited for
 
     /// The tree and the rule outlive it. A rule that is empty allows nothing.
     Responder(Lookup_root& root, const Write_rule& rule) : _root(root), _rule(rule) {}
@@ -49,6 +52,8 @@ public:
 private:
     void answer(const Frame& request, Frame& reply, Send_buffer& out);
     void describe(Receive_buffer in, Send_buffer& out);
+    // With the head's lock:
+    void answer_locked(const Frame& request, Send_buffer& out);
     void read_values(Receive_buffer in, Send_buffer& out);
     Frame::Write_result write_value(Receive_buffer in, char* scratch);
 
