@@ -2,10 +2,7 @@
 #include "cds/Block_fixture.h"
 #include "glue/cds/CDS_server.h"
 #include "support/Pty.h"
-#include "support/child.h"
-#include "support/wait_until.h"
-#include <gtest/gtest.h>
-#include <sys/wait.h>
+#include "support/test.h"
 
 namespace {
 
@@ -15,7 +12,7 @@ using Arguments = std::vector<std::string>;
 struct Controller {
     Controller() {
         block = {{-3, 200, 0.1f}, {1, 2, 3, 65535}, {'a', '"', 0x1B}, 70000, true};
-        EXPECT_TRUE(server.share(path.c_str()) && server.serve(dup(line.master)));
+        EXPECT_VALUES("true true", server.share(path.c_str()), server.serve(dup(line.master)));
     }
     bool may_write(const CDS::Lookup_item& item) const {
         return &item == &items.speed || &item == &items.levels || &item == &items.label;

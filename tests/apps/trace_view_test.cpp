@@ -1,9 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "support/Temporary_folder.h"
-#include "support/capture.h"
-#include "support/child.h"
-#include <algorithm>
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 

@@ -4,11 +4,8 @@
 #include "glue/cds/CDS_server.h"
 #include "glue/cds/CDS_value_text.h"
 #include "glue/data_stream/Posix_data_stream.h"
-#include "support/Manual_clock.h"
 #include "support/Pty.h"
-#include "support/wait_until.h"
-#include <fcntl.h>
-#include <gtest/gtest.h>
+#include "support/test.h"
 #include <sys/socket.h>
 
 using namespace CDS::Remote;
@@ -138,7 +135,7 @@ TEST(CDS_server, serves_as_many_as_it_takes_and_lets_the_silent_make_room) {
     const std::string path = folder.file("socket");
     Server server(s.items.root, s.levels_and_speed());
     ASSERT_TRUE(server.share(path.c_str()));
-    EXPECT_TRUE(!server.share(path.c_str()) && errno == EALREADY);
+    EXPECT_VALUES(texts(false, EALREADY), server.share(path.c_str()), errno);
     std::vector<std::unique_ptr<Looker>> lookers;
     const auto come = [&] { return std::make_unique<Looker>(Util::connect_local(path.c_str())); };
     for (int i = 0; i < Server::max_clients; ++i) {

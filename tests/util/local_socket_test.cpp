@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "support/Temporary_folder.h"
+#include "support/test.h"
 #include "util/local_socket.h"
-#include <cerrno>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 
 using Util::connect_local;
