@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: MIT
+//
+// What tracing costs: a record while it is on, beside what it cannot be had for less (the clock and a copy of as many
+// bytes); a post of an event with tracing off and on. That off costs nothing is
+// seen by the row "post/off" beside that of a build without the calls (docs/benchmarks.md).
+#include "glue/diner/Trace.h"
+#include "glue/diner/waiter_descriptor.h"
+#include "util/ticks.h"
+#include <benchmark/benchmark.h>
+#include <chrono>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+constexpr unsigned records = 16384;
+
+void record(benchmark::State& state) {
+    Trace::start(records);
+    int i = 0;
+    for (auto _ : state) Trace::instant("mark", ++i);
+    Trace::stop();
+}
+BENCHMARK(record);
+BENCHMARK(record)->Threads(2);
+
+void record_off(benchmark::State& state) {
+    Trace::stop();
+    int i = 0;
+    for (auto _ : state) {
+        Trace::instant("mark", ++i);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(record_off);
+
+/// The floor with the clock that everybody has.
+void chrono_and_memcpy(benchmark::State& state) {
+    auto ring = std::make_unique<char[]>(records * 32);
+    char bytes[32] = {};
+    unsigned at = 0;
+    for (auto _ : state) {
+        const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+        memcpy(bytes, &now, sizeof now);
+        memcpy(&ring[at++ % records * 32], bytes, sizeof bytes);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(chrono_and_memcpy);
+
+void ticks_and_memcpy(benchmark::State& state) {
+    auto ring = std::make_unique<char[]>(records * 32);
+    char bytes[32] = {};
+    unsigned at = 0;
+    for (auto _ : state) {
+        const uint64_t now = Util::ticks();
+        memcpy(bytes, &now, sizeof now);
+        memcpy(&ring[at++ % records * 32], bytes, sizeof bytes);
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(ticks_and_memcpy);
+
+/// 320 posts to a waiter that nobody takes from meanwhile; the taking is not counted.
+void post(benchmark::State& state, uint32_t kinds) {
+    constexpr int burst = 320;
+    auto pool = std::make_unique<module_man>();
+    waiter_descriptor waiter;
+    waiter.init(pool.get());
+    Trace::start(records, kinds);
+    for (auto _ : state) {
+        const auto begin = std::chrono::steady_clock::now();
+        for (int i = 0; i < burst; ++i) waiter.send_event({1026, i, 0}, false, false);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+        state.SetIterationTime(took.count() / burst);
+        waiter.flush_events();
+    }
+    Trace::stop();
+}
+BENCHMARK_CAPTURE(post, off, 0)->UseManualTime();
+BENCHMARK_CAPTURE(post, on, Trace::all_kinds)->UseManualTime();
+
+} // namespace
+
+BENCHMARK_MAIN();
