@@ -53,7 +53,7 @@ public:
     std::atomic<uint64_t> handler_since{0}; ///< [ticks] when the handler that runs now was called; 0: none runs
     Time_figure handler_time;               ///< of each event and each timeout that was handled
     /// From post to handler. Measured for each event that wakes the diner or is the first since it last looked, and of
-    /// those behind such a one for one in 32, which counts for all of them.
+    /// those behind such a one for one in 64, which counts for all of them.
     Time_figure wait_time;
     std::atomic<int32_t> worst_late_ms{0}; ///< [ms] by which a timeout was called after its expiry
     /// [ms] a handler may run before a Supervisor calls it trouble; 0: as the supervisor has it, negative: as long as

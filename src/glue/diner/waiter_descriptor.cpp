@@ -75,19 +75,7 @@ int waiter_descriptor::append(const waiter_event& e, bool& asleep) {
     }
     if (enqueue(e) != 0) return -1;
     asleep = count_token();
-    measure(asleep);
     return 0;
-}
-
-/// Where somebody is woken, reading a clock goes under in the cost of that. Else it would not, so only few posts do:
-/// the first since the consumer has looked, and of those behind it one in 32.
-void waiter_descriptor::measure(bool asleep) {
-    if (asleep || _back.size() == 1) {
-        _first_posted = Util::ticks();
-        _first_number = _num_posted;
-    } else if (_num_posted % one_measured_in == 0) {
-        _posted[_num_posted / one_measured_in % num_measured] = Util::ticks();
-    }
 }
 
 /// append(), but for an event that has its like in the queue.
@@ -178,7 +166,7 @@ void waiter_descriptor::trace_posted(const waiter_event& e) const {
     const int queued = _back.size() + _num_front.load(std::memory_order_relaxed);
     const int free = _modules.load(std::memory_order_relaxed)->num_free_events();
     Trace::put(Trace::event_posted, traced_as(), Trace_record::of_module(e.module_id) | static_cast<uint16_t>(queued),
-               Trace_record::of_event(e.id, _num_posted, free));
+               Trace_record::of_event(e.id, _num_moved + static_cast<uint32_t>(_back.size()), free));
 }
 
 /// Hand out what one token stands for.
@@ -194,8 +182,11 @@ void waiter_descriptor::hand_out(waiter_event* out) {
             *out = module_man::EVENT_ANONYMOUS;
             return;
         }
-        _taken_number = _num_taken + 1;
-        note_posted();
+        const uint32_t place = _num_taken + 1;
+        _taken_number = _num_before_front + place;
+        if (place % one_measured_in == 1)
+            _taken_posted = {std::exchange(_front_posted[place / one_measured_in], 0),
+                             place == 1 ? 1 : one_measured_in};
         if (n->event.module_id > 0 && n->event.repeat > 1) {
             *out = n->event;
             --n->event.repeat;
@@ -209,25 +200,15 @@ void waiter_descriptor::hand_out(waiter_event* out) {
     _modules.load(std::memory_order_relaxed)->return_used_event(used);
 }
 
-/// When the first node was posted, if that was measured. Of a merged event the first delivery counts.
-void waiter_descriptor::note_posted() {
-    if (_taken_number == _front_first_number) {
-        _taken_posted = {_front_first_posted, 1};
-        _front_first_number = 0;
-    } else if (_taken_number % one_measured_in == 0) {
-        uint64_t& posted = _posted[_taken_number / one_measured_in % num_measured];
-        _taken_posted = {posted, one_measured_in};
-        posted = 0;
-    }
-}
-
 /// Move what was posted to the empty front.
 void waiter_descriptor::fill_front() {
     const Scoped_lock held(_mutex);
     _front.push_all(_back);
-    _front_first_posted = _first_posted;
-    _front_first_number = _first_number;
-    _first_number = 0;
+    const auto moved = static_cast<uint32_t>(_front.size());
+    std::copy(_posted, _posted + (moved + one_measured_in - 1) / one_measured_in, _front_posted);
+    _num_before_front = _num_moved;
+    _num_moved += moved;
+    _num_taken = 0;
     _max_in_front = _front.size();
     _num_front.store(_max_in_front, std::memory_order_relaxed);
 }
@@ -255,7 +236,9 @@ int waiter_descriptor::enqueue(const waiter_event& e) {
         return -1;
     }
     _back.push(n);
-    ++_num_posted;
+    // Where somebody is woken, reading a clock goes under in the cost of that; else it would not.
+    const auto place = static_cast<uint32_t>(_back.size());
+    if (place % one_measured_in == 1) _posted[place / one_measured_in] = Util::ticks();
     _longest = std::max(_longest, queued + 1);
     trace_posted(e);
     return 0;

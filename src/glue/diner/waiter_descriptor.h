@@ -102,14 +102,12 @@ private:
     bool count_token() KAV_REQUIRES(_mutex);
     void trace(Trace::Kind kind, const waiter_event& e) const;
     void trace_posted(const waiter_event& e) const KAV_REQUIRES(_mutex);
-    void measure(bool asleep) KAV_REQUIRES(_mutex);
-    void note_posted() KAV_REQUIRES(_taking);
     void give_mirrored_token() KAV_REQUIRES(_mutex);
     void hand_out(waiter_event* out);
     void fill_front() KAV_REQUIRES(_taking);
 
-    static constexpr uint32_t one_measured_in = 32, num_measured = 32;
-    static_assert(one_measured_in * num_measured > module_man::pool_size);
+    static constexpr uint32_t one_measured_in = 64, num_measured = 16;
+    static_assert(one_measured_in * num_measured >= module_man::pool_size);
 
     // The queue has two parts, each with a lock of its own. What producers use, what the consumer uses and what both
     // use lies on separate cache lines, so that the two sides do not fight for memory with every event. The consumer's
@@ -127,20 +125,18 @@ private:
     /// The front holds no more: it only shrinks until it is filled again.
     int32_t _max_in_front KAV_GUARDED_BY(_mutex) = 0;
     int32_t _longest KAV_GUARDED_BY(_mutex) = 0;
-    uint32_t _num_posted KAV_GUARDED_BY(_mutex) = 0;   ///< nodes queued so far: the number of the last one
-    uint32_t _first_number KAV_GUARDED_BY(_mutex) = 0; ///< of the first one in the back; 0: not measured
-    uint64_t _first_posted KAV_GUARDED_BY(_mutex) = 0; ///< when it was [ticks]
-    /// When each 32nd node was posted [ticks], if it was not the first one; the producer's until the node is taken.
-    uint64_t _posted[num_measured] = {};
+    uint32_t _num_moved KAV_GUARDED_BY(_mutex) = 0; ///< nodes that went to the front so far
+    /// When the first node was posted, and each 64th behind it [ticks].
+    uint64_t _posted[num_measured] KAV_GUARDED_BY(_mutex) = {};
 
     waiter_tokens _tokens;
 
     mutable Mutex _taking;
-    c_sl_list<waiter_event_node> _front KAV_GUARDED_BY(_taking); ///< what is handed out next
-    std::atomic<int32_t> _num_front{0};                          ///< its size, for producers
-    uint32_t _num_taken KAV_GUARDED_BY(_taking) = 0;             ///< nodes handed out: the number of the last one
-    uint64_t _front_first_posted KAV_GUARDED_BY(_taking) = 0;    ///< as _first_posted, for the front
-    uint32_t _front_first_number KAV_GUARDED_BY(_taking) = 0;
-    Posted _taken_posted; ///< the consumer's, as the next one
+    c_sl_list<waiter_event_node> _front KAV_GUARDED_BY(_taking);       ///< what is handed out next
+    std::atomic<int32_t> _num_front{0};                                ///< its size, for producers
+    uint32_t _num_taken KAV_GUARDED_BY(_taking) = 0;                   ///< nodes of it that were handed out
+    uint32_t _num_before_front KAV_GUARDED_BY(_taking) = 0;            ///< nodes queued before it was filled
+    uint64_t _front_posted[num_measured] KAV_GUARDED_BY(_taking) = {}; ///< as _posted; 0: delivered once
+    Posted _taken_posted;                                              ///< the consumer's, as the next one
     uint32_t _taken_number = 0;
 };
