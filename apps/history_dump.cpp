@@ -211,7 +211,8 @@ public:
     int first() const {
         bool present[Diagnostics::num_files];
         for (int n = 0; n < Diagnostics::num_files; ++n) present[n] = there(n);
-        return Diagnostics::inc_file_num(Diagnostics::find_current(present, [this](int n) { return newest(n); }));
+        const auto time_of = [](void* history, int n) { return static_cast<const History*>(history)->newest(n); };
+        return Diagnostics::inc_file_num(Diagnostics::find_current(present, time_of, const_cast<History*>(this)));
     }
 
     std::string path(int n) const { return _stem + std::to_string(n) + ".dat"; }

@@ -25,5 +25,7 @@
 #define KAV_ACQUIRE(...) KAV_THREAD_SAFETY(acquire_capability(__VA_ARGS__))
 #define KAV_RELEASE(...) KAV_THREAD_SAFETY(release_capability(__VA_ARGS__))
 #define KAV_TRY_ACQUIRE(...) KAV_THREAD_SAFETY(try_acquire_capability(__VA_ARGS__))
+/// Says that a lock is held: where two names stand for one lock, which the compiler cannot know.
+#define KAV_ASSERT_CAPABILITY(...) KAV_THREAD_SAFETY(assert_capability(__VA_ARGS__))
 /// A function whose locks cannot be put into these words: a comment says why.
 #define KAV_NO_THREAD_SAFETY_ANALYSIS KAV_THREAD_SAFETY(no_thread_safety_analysis)

@@ -252,7 +252,7 @@ TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
 
 TEST(Flash_streams, know_no_event_of_theirs_without_a_module_id) {
     const auto body = [] {
-        new (&F::waiters) waiter_list; // as in a process that has just begun
+        new (&F::waiters) waiter_list(F::mutex); // as in a process that has just begun
         module_man modules;
         for (short id; modules.init_module(&id, false) == 0;) {
         }

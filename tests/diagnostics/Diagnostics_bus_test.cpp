@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "Bus_fixture.h"
+#include "glue/NV_store/Safe_file.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/diagnostics/Isobus_diagnostics.h"
+#include "glue/diagnostics/Request_answers.h"
 #include "platform/pcf_host.h"
 #include "support/Temporary_folder.h"
 #include "support/allocations.h"
@@ -157,7 +159,7 @@ TEST_F(Manager, Answers_requests_by_one_table) {
     manager->set_refuses_others(false);
     send(JIN::pgn_request, request_of(65000));
     EXPECT_EQ(lines(), "");
-    manager->set_answer(65000, Request_answers::data, [](JIN_grow_message& m) { return m.append_uint8(5); });
+    manager->set_answer(65000, {Request_answer::data, [](JIN_grow_message& m) { return m.append_uint8(5); }});
     send(JIN::pgn_request, request_of(65000));
     EXPECT_EQ(lines(), "0 65000 all: 05\n");
     send(JIN::pgn_request, request_of(JIN::pgn_address_claimed)); // the stack's

@@ -174,8 +174,8 @@ TEST_F(History, The_file_that_none_follows_is_the_current_one) {
     for (const auto& row : table) {
         bool there[Diagnostics::num_files];
         for (int n = 0; n < Diagnostics::num_files; ++n) there[n] = row.there[n] != '.';
-        const auto newest = [&](int n) { return static_cast<uint64_t>(row.there[n]); };
-        EXPECT_EQ(Diagnostics::find_current(there, newest), row.expected) << row.there;
+        const auto newest = [](void* letters, int n) { return static_cast<uint64_t>(static_cast<char*>(letters)[n]); };
+        EXPECT_EQ(Diagnostics::find_current(there, newest, const_cast<char*>(row.there)), row.expected) << row.there;
     }
 }
 

@@ -294,12 +294,13 @@ TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out)
 TEST(Waiter_list, keeps_up_to_16_waiters_and_posts_to_each) {
     module_man mm;
     waiter_descriptor waiters[17];
-    waiter_list list;
+    Mutex lock;
+    waiter_list list(lock);
     EXPECT_VALUES("0 0 -1", list.module_id(), list.init(mm), list.add(nullptr));
     for (waiter_descriptor& w : waiters)
         EXPECT_VALUES(texts(0, &w == &waiters[16] ? -1 : 0), w.init(&mm), list.add(&w));
     EXPECT_VALUES("-1 0 -1", list.remove(&waiters[16]), list.remove(&waiters[3]), list.remove(&waiters[3]));
-    EXPECT_VALUES("-1 15 0", list.add(&waiters[4]), list.size(), list.add(&waiters[16]));
+    EXPECT_VALUES("-1 0 -1", list.add(&waiters[4]), list.add(&waiters[16]), list.add(&waiters[3]));
     for (int i = 0; i < 2; ++i) list.send({list.module_id(), 2, 3}, waiter_descriptor::merge_duplicates);
     for (waiter_descriptor& w : waiters) EXPECT_EQ(take_all(w), &w == &waiters[3] ? "" : "1026:2:3 1026:2:3 ");
 }

@@ -18,7 +18,8 @@ protected:
 
     waiter_event event{2000, 1, 0};
     module_man modules;
-    waiter_list list;
+    Mutex lock;
+    waiter_list list{lock};
     Virtual_pair_data_stream pair{&modules};
     CDS::Head head{&modules, 0};
     Settings tree{&modules};

@@ -16,11 +16,11 @@ namespace {
 /// Holds the tree's lock unless the caller does already.
 class Tree_guard {
 public:
-    explicit Tree_guard(const NV_item& item) : _root(item.get_root()) {
+    explicit Tree_guard(const NV_item& item) KAV_NO_THREAD_SAFETY_ANALYSIS : _root(item.get_root()) {
         if (_root && _root->is_locked()) _root = nullptr;
         if (_root) _root->lock();
     }
-    ~Tree_guard() {
+    ~Tree_guard() KAV_NO_THREAD_SAFETY_ANALYSIS {
         if (_root) _root->unlock();
     }
     Tree_guard(const Tree_guard&) = delete;
@@ -70,11 +70,11 @@ void NV_item::serialise_structure(CDS::Remote::Send_buffer& out, int) {
 
 short NV_item::get_module_id(Reg_type r) const { return parent ? parent->get_module_id(r) : static_cast<short>(0); }
 
-void NV_item::lock() const {
+void NV_item::lock() const KAV_NO_THREAD_SAFETY_ANALYSIS {
     if (NV_root* root = get_root()) root->lock();
 }
 
-void NV_item::unlock() const {
+void NV_item::unlock() const KAV_NO_THREAD_SAFETY_ANALYSIS {
     if (NV_root* root = get_root()) root->unlock();
 }
 
@@ -159,7 +159,7 @@ bool NV_item::notify_updated(bool changed, bool mark, bool force, notify_t how, 
     bool sent = true;
     if ((how & notify_waiters) && !_waiters.empty()) {
         const Tree_guard guard(*this);
-        sent = _waiters.notify_updated(root, force);
+        sent = _waiters.notify_updated(root ? &root->get_module_ids() : nullptr, force);
     }
     if (changed && update_listener) update_listener->updated(1);
     if ((how & notify_parents) && get_type() != item_root && parent && sent)

@@ -92,7 +92,8 @@ public:
     /// The name as the parent shows it: the position in an indexed container, else the name. Cut to `size` [bytes].
     void get_path_name(char* buffer, int size) const;
 
-    void lock() const; ///< the tree's lock; nothing without a root
+    void
+    lock() const; ///< the tree's lock; nothing without a root. The compiler checks only a lock() of the root itself.
     void unlock() const;
 
     /// Have `waiter` notified when this item changes; see Reg_type for what the events carry. The waiter outlives the

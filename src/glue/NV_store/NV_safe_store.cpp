@@ -5,7 +5,6 @@
 #include "glue/NV_store/NV_scan.h"
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <optional>
 
 namespace NV_store {
@@ -62,14 +61,14 @@ public:
 };
 
 /// Others may wait for a slow medium longer than for any lock, and that is no deadlock.
-class Turn {
+class KAV_SCOPED_CAPABILITY Turn {
 public:
-    explicit Turn(Mutex& m) : _mutex(m) {
+    explicit Turn(Mutex& m) KAV_ACQUIRE(m) KAV_NO_THREAD_SAFETY_ANALYSIS : _mutex(m) {
         if (m.is_locked()) m.lock(); // a setting calls back into the save: tells so, and ends the process
         while (!m.try_lock(1000)) {
         }
     }
-    ~Turn() { _mutex.unlock(); }
+    ~Turn() KAV_RELEASE() { _mutex.unlock(); }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
 
@@ -98,7 +97,13 @@ void settle_flags(NV_item& item, std::vector<unsigned char>* before) {
 }
 
 NV_safe_store::NV_safe_store(NV_root& root, const char* path)
-    : _root(root), _file(path, [this](std::string& bytes) { return check(bytes); }) {}
+    : _root(root)
+    , _file(
+          path,
+          [](void* store, std::string& bytes) KAV_NO_THREAD_SAFETY_ANALYSIS { // called by calls of the file, in a turn
+              return static_cast<NV_safe_store*>(store)->check(bytes);
+          },
+          this) {}
 
 /// Good is a file that begins with a whole image of this tree; behind it a torn journal is no reason to refuse it.
 bool NV_safe_store::check(std::string& bytes) {
@@ -130,10 +135,12 @@ Safe_result NV_safe_store::load() {
 
 /// Bring the records of the last check into the tree.
 bool NV_safe_store::restore() {
-    std::string bytes = prune(std::move(_candidate), _root, _dropped);
+    int dropped;
+    std::string bytes = prune(std::move(_candidate), _root, dropped);
+    _dropped = dropped;
     _candidate.clear();
     Image_reader it(bytes);
-    const std::lock_guard<const NV_root> guard(_root);
+    const Scoped_lock held(_root);
     _root.set_default(true);
     while (!it.at_end()) {
         if (_root.deserialise(&it)) continue;
@@ -148,7 +155,7 @@ bool NV_safe_store::restore() {
 /// The bytes of a save, and the flags of all items before it: saved, nothing_to_save or failed.
 Safe_result NV_safe_store::serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags) {
     flags.reserve(NV_file_iterator::budget / 8);
-    const std::lock_guard<const NV_root> guard(_root);
+    const Scoped_lock held(_root);
     settle_flags(_root, &flags);
     Collector it(bytes, mode);
     // A setting of the application's own type may fail, or write what cannot be read past. (An image is gone through
@@ -162,7 +169,7 @@ Safe_result NV_safe_store::serialise(NV_iterator::modes_t mode, std::string& byt
     return bytes.empty() ? Safe_result::nothing_to_save : Safe_result::saved;
 }
 
-/// What could not be saved is to be saved again. Under the tree's lock.
+/// What could not be saved is to be saved again.
 void NV_safe_store::mark_again(const std::vector<unsigned char>& flags) {
     size_t at = 0;
     for (NV_item* i = &_root; i && at < flags.size(); i = _root.get_next_in_tree(i))
@@ -170,7 +177,7 @@ void NV_safe_store::mark_again(const std::vector<unsigned char>& flags) {
 }
 
 void NV_safe_store::locked_mark_again(const std::vector<unsigned char>& flags) {
-    const std::lock_guard<const NV_root> guard(_root);
+    const Scoped_lock held(_root);
     mark_again(flags);
 }
 
@@ -179,7 +186,6 @@ Safe_result NV_safe_store::save() {
     return locked_save();
 }
 
-/// In one's turn.
 Safe_result NV_safe_store::locked_save() {
     std::string bytes;
     std::vector<unsigned char> flags;

@@ -4,6 +4,7 @@
 #include "glue/NV_store/Safe_file.h"
 #include "util/Mutex.h"
 #include "util/api.h"
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -43,16 +44,17 @@ public:
     /// when there is no good one to append to.
     Safe_result save_changes();
 
-    int get_dropped() const { return _dropped; } ///< records that the last load left out
+    int get_dropped() const { return _dropped; } ///< records that the last load left out. No lock
 
 private:
-    bool check(std::string& bytes);
-    bool restore();
-    bool ready_to_append();
-    Safe_result serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags);
-    void mark_again(const std::vector<unsigned char>& flags);
-    void locked_mark_again(const std::vector<unsigned char>& flags);
-    Safe_result locked_save();
+    bool check(std::string& bytes) KAV_REQUIRES(_turn);
+    bool restore() KAV_REQUIRES(_turn) KAV_EXCLUDES(_root);
+    bool ready_to_append() KAV_REQUIRES(_turn);
+    Safe_result serialise(NV_iterator::modes_t mode, std::string& bytes, std::vector<unsigned char>& flags)
+        KAV_EXCLUDES(_root);
+    void mark_again(const std::vector<unsigned char>& flags) KAV_REQUIRES(_root);
+    void locked_mark_again(const std::vector<unsigned char>& flags) KAV_EXCLUDES(_root);
+    Safe_result locked_save() KAV_REQUIRES(_turn);
     Safe_result report(Safe_result result) const { return report(result, _file.reason()); }
     Safe_result report(Safe_result result, const std::string& reason) const {
         return _file.report("NV_safe_store", result, reason);
@@ -61,11 +63,13 @@ private:
     NV_root& _root;
     Mutex _turn; ///< of the thread that loads or saves
     Safe_file _file;
-    size_t _length = 0;     ///< [bytes] of whole records in the file; 0: not known to be good
-    std::string _candidate; ///< what the last check read, as far as it is whole
-    std::string _saved;    ///< the file's content after a complete save; known to be good, it is not gone through again
-    size_t _file_size = 0; ///< [bytes] of the file that the last check read
-    int _dropped = 0;
+    size_t _length KAV_GUARDED_BY(_turn) = 0; ///< [bytes] of whole records in the file; 0: not known to be good
+    /// What the last check read, as far as it is whole.
+    std::string _candidate KAV_GUARDED_BY(_turn);
+    /// The file's content after a complete save; known to be good, it is not gone through again.
+    std::string _saved KAV_GUARDED_BY(_turn);
+    size_t _file_size KAV_GUARDED_BY(_turn) = 0; ///< [bytes] of the file that the last check read
+    std::atomic<int> _dropped{0};
 };
 
 /// Let containers follow what is in them: one with something loaded or changed below counts as loaded or changed

@@ -232,7 +232,7 @@ private:
 
 std::string export_text(NV_root& root) {
     std::string text;
-    const std::lock_guard<const NV_root> guard(root);
+    const Scoped_lock held(root);
     for (NV_item* i = &root; i; i = root.get_next_in_tree(i)) {
         if (i->as_container()) continue;
         const std::string path = path_of(*i);
@@ -248,6 +248,7 @@ std::string export_text(NV_root& root) {
 }
 
 Import_result import_text(NV_root& root, const std::string& text) {
+    const Scoped_lock held(root);
     Importer importer(root);
     Import_result result;
     int number = 0;
@@ -260,7 +261,6 @@ Import_result import_text(NV_root& root, const std::string& text) {
         }
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
-    const std::lock_guard<const NV_root> guard(root);
     result.values = importer.set_all();
     return result;
 }

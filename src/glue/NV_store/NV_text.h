@@ -40,7 +40,7 @@ struct Import_result {
 /// Numbers are decimal; integers may also be hexadecimal (0x1F). A bool is true, false, yes, no, 1 or 0. Blanks around
 /// a path and a value, empty lines, and lines that begin with '#' do not count; a line may end with CR LF.
 ///
-/// Takes the tree's lock while it sets; the caller must not hold it. Signals and listeners are called under it.
+/// Takes the tree's lock; the caller must not hold it. Signals and listeners are called under it.
 KAV_API Import_result import_text(NV_root& root, const std::string& text);
 
 } // namespace NV_store

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_waiters.h"
-#include "glue/NV_store/NV_root.h"
 #include "glue/diner/waiter_descriptor.h"
 
 namespace NV_store {
@@ -24,10 +23,10 @@ NV_waiter_reg::NV_waiter_reg(const NV_waiter_reg& o)
     , type(o.type)
     , skip_unforced(o.skip_unforced) {}
 
-bool NV_waiter_reg::send_event(const NV_root* root, bool forced) const {
+bool NV_waiter_reg::send_event(const Module_ids* modules, bool forced) const {
     waiter_descriptor* const told = waiter;
     if (!told || (skip_unforced && !forced)) return true;
-    const short module = root ? root->get_module_id(type) : static_cast<short>(0);
+    const short module = modules ? (*modules)[type] : static_cast<short>(0);
     if (module == 0) return false;
     return told->send_event(waiter_event(module, 0, target), waiter_descriptor::merge_duplicates) == 0;
 }
@@ -58,9 +57,9 @@ bool NV_waiter_list::remove(const NV_waiter_reg& r) {
     return false;
 }
 
-bool NV_waiter_list::notify_updated(const NV_root* root, bool forced) const {
+bool NV_waiter_list::notify_updated(const Module_ids* modules, bool forced) const {
     bool all = true;
-    for (const NV_waiter_reg& r : _regs) all &= r.send_event(root, forced);
+    for (const NV_waiter_reg& r : _regs) all &= r.send_event(modules, forced);
     return all;
 }
 

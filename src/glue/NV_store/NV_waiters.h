@@ -12,7 +12,6 @@ namespace NV_store {
 
 class Access_base;
 class NV_item;
-class NV_root;
 class Virt_access;
 
 /// Kind of a registration; it decides what the data word of the event carries.
@@ -24,6 +23,8 @@ enum Reg_type : unsigned char {
     reg_virt_access = 4 ///< the Virt_access
 };
 constexpr int num_reg_types = 5;
+/// The module ids of a tree's events, by kind.
+using Module_ids = short[num_reg_types];
 
 /// One waiter's registration with one item.
 class KAV_API NV_waiter_reg : public sll_node {
@@ -39,9 +40,9 @@ public:
     bool operator==(const NV_waiter_reg& o) const {
         return waiter.get() == o.waiter.get() && type == o.type && target == o.target;
     }
-    /// Post the event: true when that was done, or when there is nothing to report. Fails without a root, without
-    /// module ids, or when the waiter has no room.
-    bool send_event(const NV_root* root, bool forced) const;
+    /// Post the event: true when that was done, or when there is nothing to report. Fails without a tree (null), when
+    /// that has no module ids (0), or when the waiter has no room.
+    bool send_event(const Module_ids* modules, bool forced) const;
 
     waiter_ref<waiter_ref_base::setting> waiter; ///< null when it died without being unregistered
     event_word_t target;
@@ -67,7 +68,7 @@ public:
     bool exists(const NV_waiter_reg& r) const;
     bool remove(const NV_waiter_reg& r); ///< the first that is equal; false when there is none
     /// Notify all; false when a post failed (the others are notified all the same).
-    bool notify_updated(const NV_root* root, bool forced) const;
+    bool notify_updated(const Module_ids* modules, bool forced) const;
 
 private:
     c_sl_list<NV_waiter_reg> _regs;

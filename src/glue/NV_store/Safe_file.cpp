@@ -209,7 +209,7 @@ bool is_good(Safe_result result) {
 
 // ---- generations
 
-Safe_file::Safe_file(const char* path, Check check) : _path(path), _check(std::move(check)) {}
+Safe_file::Safe_file(const char* path, Check check, void* whose) : _path(path), _check(check), _whose(whose) {}
 
 Safe_result Safe_file::report(const char* who, Safe_result result, const std::string& reason) const {
     if (!NV_store::is_good(result))
@@ -243,7 +243,7 @@ Safe_file::Finding Safe_file::examine(const std::string& path) {
             if (errno == ENOENT) return absent;
             finding = unreadable;
             _reason = text_of(errno);
-        } else if (_check(bytes)) {
+        } else if (_check(_whose, bytes)) {
             if (path == _target) _left = stamp_of(s);
             return good;
         } else {
@@ -281,7 +281,7 @@ bool Safe_file::write_new(const std::string& bytes) {
     std::string back;
     if (!write_synced(beside(".new"), bytes, back)) return false;
     errno = EIO;
-    return back == bytes && _check(back);
+    return back == bytes && _check(_whose, back);
 }
 
 /// The file that is about to be replaced stays as the previous generation if it is good, and is set aside if not, so
@@ -423,13 +423,16 @@ static std::optional<size_t> payload_of(const std::string& bytes) {
 }
 
 Safe_text::Safe_text(const char* path)
-    : _file(path, [this](std::string& bytes) {
-        const std::optional<size_t> length = payload_of(bytes);
-        if (!length) return false;
-        bytes.resize(*length);
-        _text = std::move(bytes);
-        return true;
-    }) {}
+    : _file(
+          path,
+          [](void* text, std::string& bytes) {
+              const std::optional<size_t> length = payload_of(bytes);
+              if (!length) return false;
+              bytes.resize(*length);
+              static_cast<Safe_text*>(text)->_text = std::move(bytes);
+              return true;
+          },
+          this) {}
 
 Safe_result Safe_text::save(const std::string& text) {
     const std::string bytes = padded_text(text);

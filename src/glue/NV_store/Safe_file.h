@@ -3,7 +3,6 @@
 #include "util/api.h"
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -52,9 +51,10 @@ KAV_API bool is_good(Safe_result result);
 class KAV_API Safe_file {
 public:
     /// Whether a file that holds these bytes is good. It may take them.
-    using Check = std::function<bool(std::string& bytes)>;
+    using Check = bool (*)(void* whose, std::string& bytes);
 
-    Safe_file(const char* path, Check check);
+    /// `whose` is handed to each check.
+    Safe_file(const char* path, Check check, void* whose);
 
     /// Put new content in place: saved, unreadable, or what failed. An error leaves the old content. After a find()
     /// that answered unreadable nothing is saved while what it could not read is there. Blocks for as long as the
@@ -95,6 +95,7 @@ private:
 
     const std::string _path;
     const Check _check;
+    void* const _whose;
     std::string _target; ///< where the path leads to
     std::string _unread; ///< what the last find() could not read
     std::string _reason;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDSLookup.h"
-#include "glue/cds/CDS_events.h"
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/CDS_remote_values.h"
 #include "glue/cds/Data_item_text.h"
@@ -335,11 +334,6 @@ Lookup_item* Lookup_struct::find_item(unsigned short wanted) {
     for (Lookup_item& child : _children)
         if (Lookup_item* found = child.find_item(wanted)) return found;
     return nullptr;
-}
-
-void Lookup_root::notify_head(const void* address, unsigned int size) {
-    const ptrdiff_t offset = static_cast<const char*>(address) - static_cast<const char*>(base);
-    head->event_signal(address, nullptr, static_cast<int>(offset), static_cast<int>(size), nullptr);
 }
 
 } // namespace CDS

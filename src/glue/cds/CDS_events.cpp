@@ -272,11 +272,20 @@ void Head::wake(Event_node* n, const Wakeup_node& w) {
             waiter->send_event(waiter_event(module_of(r.type), 0, r.target), true, false);
 }
 
+// ---- the way up, from an item of the lookup tree: the tree itself knows no head
+
+/// The head's lock is held.
+void Lookup_root::notify_head(const void* address, unsigned int size) KAV_NO_THREAD_SAFETY_ANALYSIS {
+    const ptrdiff_t offset = static_cast<const char*>(address) - static_cast<const char*>(base);
+    head->event_signal(address, nullptr, static_cast<int>(offset), static_cast<int>(size), nullptr);
+}
+
 // ---- handles
 
 namespace {
 
-bool initialised(const Access_base& access, const char* complaint) {
+/// The caller holds the head's lock.
+bool initialised(const Access_base& access, const char* complaint) KAV_ASSERT_CAPABILITY(access.head) {
     if (!access.head) Bugger::report_bug(complaint);
     return access.head != nullptr;
 }

@@ -28,7 +28,9 @@ enum Reg_type {
     reg_virt_access = 3   ///< Virt_access::autoreg: the Virt_access
 };
 
-/// A handle on one byte range of one head. A value; the range must lie in the block.
+/// A handle on one byte range of one head. A value; the range must lie in the block. Its calls, and those of
+/// Virt_access, are made with the head's lock held; the compiler does not check that, since it knows the head by
+/// another name.
 class KAV_API Access_base {
 public:
     Access_base() = default;
@@ -133,8 +135,8 @@ struct KAV_API Wakeup_node : public Event_node {
 
 /// The head of a data store: its lock, its registrations, and the lookup tree that is notified of changes.
 ///
-/// None of the operations locks: the caller holds the head's lock while it changes the block and signals, and around
-/// registrations. Debug builds report a call without it. Listeners that a signal calls must not lock the head.
+/// None of the operations locks: the caller holds the head's lock while it changes the block. Debug builds report a
+/// call without it. Listeners that a signal calls must not lock the head.
 ///
 /// Registered ranges nest or are disjoint; of ranges that overlap partly a signal may miss some, so that
 /// registering one says so on the debug output. Memory for
@@ -154,15 +156,16 @@ public:
     /// behind the block, whose size the lookup tree knows once set_lookup() was called (nothing is registered then, and
     /// a line says why). A waiter that dies while registered is deregistered, which a line tells. O(depth * log n)
     int event_register(waiter_descriptor* waiter, int offset, int length, Reg_type type, int value, Access_base* access,
-                       Virt_access* virt);
+                       Virt_access* virt) KAV_REQUIRES(this);
     /// Take one registration back that is equal in everything: 0, or -1 when there is none.
     int event_unregister(waiter_descriptor* waiter, int offset, int length, Reg_type type, int value,
-                         Access_base* access, Virt_access* virt);
+                         Access_base* access, Virt_access* virt) KAV_REQUIRES(this);
     /// Notify everybody concerned that `length` bytes at `offset` changed: the ranges that contain them, outermost
     /// first, then the equal one or those inside. `new_data` must be the live block at that offset, `old_data` a copy
     /// of the bytes before. With both, only ranges whose bytes differ are woken, and the lookup tree is notified. With
     /// either null all are woken. 0. Allocates nothing.
-    int event_signal(const void* new_data, const void* old_data, int offset, int length, Options* options);
+    int event_signal(const void* new_data, const void* old_data, int offset, int length, Options* options)
+        KAV_REQUIRES(this);
 
     /// Whether an event is one of this head's, of the given kind.
     bool is_event(const waiter_event& e, Reg_type type) const;
@@ -174,16 +177,17 @@ public:
 
     // The steps of the above, from a list or a range on; for whoever keeps ranges of his own.
 
-    int cds_event_register_body(Event_list* list, Event_node& key); ///< takes the key's registration over, unless -1
-    int signal_body(Event_list* list, const Wakeup_node& w);
-    void wake(Event_node* n, const Wakeup_node& w);         ///< the waiters of one range
-    void wake_descend(Event_node* n, const Wakeup_node& w); ///< and of all that is nested in it
+    /// Takes the key's registration over, unless -1
+    int cds_event_register_body(Event_list* list, Event_node& key) KAV_REQUIRES(this);
+    int signal_body(Event_list* list, const Wakeup_node& w) KAV_REQUIRES(this);
+    void wake(Event_node* n, const Wakeup_node& w) KAV_REQUIRES(this);         ///< the waiters of one range
+    void wake_descend(Event_node* n, const Wakeup_node& w) KAV_REQUIRES(this); ///< and of all that is nested in it
 
 private:
     short module_of(Reg_type type) const;
     bool lies_in_block(int offset, int length) const;
 
-    Event_list _events;
+    Event_list _events KAV_GUARDED_BY(this);
     short _module_value = 0;
     short _module_access = 0;
     short _module_virt = 0;

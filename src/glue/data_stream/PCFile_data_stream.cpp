@@ -43,7 +43,7 @@ int open_for_writing(const char* path, int& step) {
 
 // Never destroyed: a stream may be a static of the application.
 Mutex& PCFile_data_stream::mutex = *new Mutex;
-waiter_list& PCFile_data_stream::waiters = *new waiter_list;
+waiter_list& PCFile_data_stream::waiters = *new waiter_list(mutex);
 PcfInfo PCFile_data_stream::pcf_info = {0, 0};
 
 PCFile_data_stream::PCFile_data_stream() { set_name("DSPCF(%p)", static_cast<void*>(this)); }
@@ -64,16 +64,6 @@ bool PCFile_data_stream::static_init(module_man& mm) {
     return false;
 }
 
-int PCFile_data_stream::register_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(mutex);
-    return waiters.add(w);
-}
-
-int PCFile_data_stream::deregister_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(mutex);
-    return waiters.remove(w);
-}
-
 /// send_event() for callers that hold the lock.
 void PCFile_data_stream::deliver(events_t e) {
     waiters.send(waiter_event(waiters.module_id(), e, 0), waiter_descriptor::merge_duplicates);
@@ -84,8 +74,7 @@ void PCFile_data_stream::send_event(events_t e) {
     deliver(e);
 }
 
-/// The module id alone may be read without the lock.
-bool PCFile_data_stream::is_event(waiter_event const& e) KAV_NO_THREAD_SAFETY_ANALYSIS {
+bool PCFile_data_stream::is_event(waiter_event const& e) {
     return e.module_id != 0 && e.module_id == waiters.module_id();
 }
 

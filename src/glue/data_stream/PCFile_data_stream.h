@@ -31,7 +31,7 @@ public:
     // What all streams of the process share.
 
     static Mutex& mutex;
-    static waiter_list& waiters KAV_GUARDED_BY(mutex);
+    static waiter_list& waiters;
     /// The store as it was last asked about, less what was written since.
     static PcfInfo pcf_info KAV_GUARDED_BY(mutex);
 
@@ -41,8 +41,8 @@ public:
     /// Obtain the module id of the events; once, before waiters are used. False, with one line on the debug output,
     /// when there is none left: events carry 0 then, and is_event() knows none of them.
     static bool static_init(module_man& mm);
-    static int register_waiter(waiter_descriptor* w);   ///< 0; -1 when full, null or already there
-    static int deregister_waiter(waiter_descriptor* w); ///< 0; -1 when not there
+    static int register_waiter(waiter_descriptor* w) { return waiters.add(w); }      ///< 0; -1 when full, null or there
+    static int deregister_waiter(waiter_descriptor* w) { return waiters.remove(w); } ///< 0; -1 when not there
     /// Notify every registered waiter.
     static void send_event(events_t e);
     static bool is_event(waiter_event const& e); ///< one of this class's; none is before static_init()

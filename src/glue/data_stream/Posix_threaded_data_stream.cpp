@@ -116,26 +116,6 @@ bool Posix_threaded_data_stream::start() {
     return false;
 }
 
-int Posix_threaded_data_stream::register_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(_mutex);
-    return _waiters.add(w);
-}
-
-int Posix_threaded_data_stream::deregister_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(_mutex);
-    return _waiters.remove(w);
-}
-
-int Posix_threaded_data_stream::register_line_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(_mutex);
-    return _line_waiters.add(w);
-}
-
-int Posix_threaded_data_stream::deregister_line_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(_mutex);
-    return _line_waiters.remove(w);
-}
-
 bool Posix_threaded_data_stream::init_commander(Commander& c) const {
     c._fd = descriptor();
     return c._fd >= 0;

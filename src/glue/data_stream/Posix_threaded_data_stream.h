@@ -62,15 +62,15 @@ public:
 
     /// Who is notified that bytes arrived. At most 16, not owned; deregistered before they die. 0, or -1 when full,
     /// null or already there (not there).
-    int register_waiter(waiter_descriptor* w);
-    int deregister_waiter(waiter_descriptor* w);
+    int register_waiter(waiter_descriptor* w) { return _waiters.add(w); }
+    int deregister_waiter(waiter_descriptor* w) { return _waiters.remove(w); }
     /// Who is notified that the line is lost or back; the same rules, and independent of register_waiter().
-    int register_line_waiter(waiter_descriptor* w);
-    int deregister_line_waiter(waiter_descriptor* w);
+    int register_line_waiter(waiter_descriptor* w) { return _line_waiters.add(w); }
+    int deregister_line_waiter(waiter_descriptor* w) { return _line_waiters.remove(w); }
     /// How often the line was lost so far. Any thread, no lock.
     uint32_t hang_ups() const { return _hang_ups.load(std::memory_order_relaxed); }
     /// Of the events; 0 before init(). Any thread, no lock.
-    short module_id() const KAV_NO_THREAD_SAFETY_ANALYSIS { return _waiters.module_id(); }
+    short module_id() const { return _waiters.module_id(); }
 
     /// Aim `c` at the open descriptor; false when closed.
     bool init_commander(Commander& c) const;
@@ -92,7 +92,7 @@ private:
     void line_back() KAV_REQUIRES(_mutex);
     void wake_reader() const;
 
-    waiter_list _waiters KAV_GUARDED_BY(_mutex);
+    waiter_list _waiters{_mutex};
     std::atomic<int> _fd{-1};
     Task* const _reader; ///< owned
     /// The stream lock: guards the receive buffer, too.
@@ -101,7 +101,7 @@ private:
     /// write. Descriptors do not block, so it is never held for long.
     Mutex _descriptor_lock KAV_ACQUIRED_AFTER(_mutex);
 
-    waiter_list _line_waiters KAV_GUARDED_BY(_mutex);
+    waiter_list _line_waiters{_mutex};
     std::atomic<uint32_t> _hang_ups{0};
     bool _line_is_lost KAV_GUARDED_BY(_mutex) = false;
     uint32_t _epoch KAV_GUARDED_BY(_descriptor_lock) = 0; ///< counts openings and closings

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diagnostics/Diagnostics.h"
+#include "glue/NV_store/Safe_file.h"
 #include "glue/diagnostics/Diagnostics_bus.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
+#include "glue/diagnostics/Request_answers.h"
 #include "glue/diner/module_man.h"
 #include "glue/vorn/Vorn_parser.h"
 #include "util/Debug_base.h"
@@ -18,7 +20,7 @@ constexpr int open_attempts = 5;
 constexpr unsigned record_size = Msg_SP::size_total + 1; // [bytes] with its line feed
 /// As many line ends as a frame with its own has bytes: whatever a torn record still waits for, these satisfy it, and
 /// the record behind them is met whole.
-constexpr unsigned closing_line_feeds = record_size;
+constexpr unsigned most_closing_line_feeds = record_size;
 
 /// Event ids beyond those of records, which are source addresses.
 constexpr int event_resume = 0x100;
@@ -34,7 +36,10 @@ Debug_print_diagnostic_history& echo() {
 } // namespace
 
 Diagnostics::Diagnostics(const char* base_name, unsigned max_file_bytes, unsigned max_codes)
-    : _codes(max_codes), _enabled(strlen(base_name) <= longest_base_name), _max_file_bytes(max_file_bytes) {
+    : _codes(max_codes)
+    , _answers(std::make_unique<Request_answers>())
+    , _enabled(strlen(base_name) <= longest_base_name)
+    , _max_file_bytes(max_file_bytes) {
     snprintf(_base_name, sizeof _base_name, "%s", base_name);
     if (!_enabled)
         Debug_print::bprint("Diagnostics: base name %s is longer than %d characters\n", base_name, longest_base_name);
@@ -94,15 +99,18 @@ void Diagnostics::store(unsigned char src, unsigned short a, unsigned short b, c
         w->send_event(waiter_event(_module_id, event_lost, 0), waiter_descriptor::drop_duplicates);
 }
 
+unsigned Diagnostics::closing_line_feeds() const {
+    return _maybe_torn && _file_bytes > 0 ? most_closing_line_feeds : 0;
+}
+
 /// Append a record to the current file, behind the line feeds that close off what may be torn there.
 bool Diagnostics::append(const unsigned char* record) {
     find_current_file();
-    unsigned char bytes[closing_line_feeds + record_size];
-    memset(bytes, '\n', closing_line_feeds);
-    memcpy(bytes + closing_line_feeds, record, record_size);
-    const auto closing = [this] { return _maybe_torn && _file_bytes > 0 ? closing_line_feeds : 0; };
-    if (!make_room(closing() + record_size)) return false;
-    const unsigned skipped = closing_line_feeds - closing(); // a file just begun needs none
+    unsigned char bytes[most_closing_line_feeds + record_size];
+    memset(bytes, '\n', most_closing_line_feeds);
+    memcpy(bytes + most_closing_line_feeds, record, record_size);
+    if (!make_room(closing_line_feeds() + record_size)) return false;
+    const unsigned skipped = most_closing_line_feeds - closing_line_feeds(); // a file just begun needs none
     return write(bytes + skipped, static_cast<unsigned>(sizeof bytes) - skipped);
 }
 
@@ -155,7 +163,7 @@ bool Diagnostics::remove(int n) {
     return true;
 }
 
-int Diagnostics::find_current(const bool (&there)[num_files], const std::function<uint64_t(int)>& newest) {
+int Diagnostics::find_current(const bool (&there)[num_files], uint64_t (*newest)(void* whose, int n), void* whose) {
     int candidates[num_files], count = 0;
     for (int n = 0; n < num_files; ++n)
         if (there[n] && !there[inc_file_num(n)]) candidates[count++] = n;
@@ -165,9 +173,9 @@ int Diagnostics::find_current(const bool (&there)[num_files], const std::functio
         for (; count < num_files; ++count) candidates[count] = count;
     }
     int found = candidates[0];
-    uint64_t newest_time = newest(found);
+    uint64_t newest_time = newest(whose, found);
     for (int i = 1; i < count; ++i) {
-        const uint64_t time = newest(candidates[i]);
+        const uint64_t time = newest(whose, candidates[i]);
         if (time < newest_time || (time == newest_time && candidates[i] != inc_file_num(found))) continue;
         newest_time = time;
         found = candidates[i];
@@ -180,8 +188,11 @@ void Diagnostics::find_current_file() {
     if (_file_known) return;
     bool there[num_files];
     for (int n = 0; n < num_files; ++n) there[n] = exists(n);
-    unsigned ignored;
-    _write_file = find_current(there, [&](int n) { return newest_record(n, ignored); });
+    const auto newest = [](void* manager, int n) {
+        unsigned ignored;
+        return static_cast<const Diagnostics*>(manager)->newest_record(n, ignored);
+    };
+    _write_file = find_current(there, newest, this);
     if (there[_write_file]) newest_record(_write_file, _file_bytes);
     remove(inc_file_num(_write_file));
     _file_known = true;
@@ -189,7 +200,7 @@ void Diagnostics::find_current_file() {
 
 /// [ms] the time of the newest record of a file, 0 without one, and the file's length. A file that cannot be read
 /// counts as full, so that it grows no more.
-uint64_t Diagnostics::newest_record(int n, unsigned& bytes) {
+uint64_t Diagnostics::newest_record(int n, unsigned& bytes) const {
     bytes = _max_file_bytes;
     PCFile_data_stream stream;
     if (stream.open_read(file_name(n).text, open_attempts) != PCFile_data_stream::done) return 0;

@@ -1,21 +1,24 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include "glue/NV_store/Safe_file.h"
 #include "glue/data_stream/PCFile_data_stream.h"
 #include "glue/diagnostics/Diagnostic_history.h"
-#include "glue/diagnostics/Request_answers.h"
 #include "glue/diagnostics/Trouble_codes.h"
 #include "glue/diner/Diner_protection.h"
+#include "glue/diner/waiter_ref.h"
 #include "util/api.h"
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <optional>
 
 class Diagnostics_bus;
 class JIN_stack;
+class Request_answers;
 class Vorn_parser;
+struct Request_answer;
+namespace NV_store {
+class Safe_text;
+enum class Safe_result;
+} // namespace NV_store
 
 /// The trouble-code manager: knows which faults are there and which were, tells the machine's bus, keeps them over a
 /// power cut, and keeps their history.
@@ -74,8 +77,8 @@ public:
     /// their counts. Once, before start(). Of a damaged file the generation before it is taken; when there is no good
     /// one, the table stays empty and a code says so until it is cleared: SPN 524286, FMI 2, a number of the makers'.
     NV_store::Safe_result keep_codes_in(const char* path);
-    /// Save now, as before the machine is switched off. Takes the manager's lock, blocks as long as the medium takes.
-    NV_store::Safe_result save_codes();
+    /// Save now, as before the machine is switched off. Blocks as long as the medium takes.
+    NV_store::Safe_result save_codes() KAV_EXCLUDES(this);
     static constexpr int save_ms = 5000;        ///< [ms] from a change to its saving
     static constexpr int save_retry_ms = 60000; ///< [ms] after a save that failed
     static constexpr uint32_t spn_memory_lost = 524286;
@@ -85,22 +88,22 @@ public:
 
     /// Speak on this bus, which outlives the manager. Once, after init(), before start().
     void attach(JIN_stack& stack, Trouble_code_messages::Mode mode = Trouble_code_messages::Mode::iso);
-    /// Also answer requests for another PGN; see Request_answers. The handler runs on the manager's thread with its
-    /// lock held. These three take the lock; handlers do not call them.
-    bool set_answer(uint32_t pgn, Request_answers::Kind kind, Request_answers::Handler handler);
-    void remove_answer(uint32_t pgn);
+    /// Also answer requests for another PGN; see Request_answers.h. The handler runs on the manager's thread with its
+    /// lock held.
+    bool set_answer(uint32_t pgn, Request_answer answer) KAV_EXCLUDES(this);
+    void remove_answer(uint32_t pgn) KAV_EXCLUDES(this);
     /// Whether requests for PGNs that nobody has named here are refused, as they are at first. One part of a program
     /// that listens to requests should do so.
-    void set_refuses_others(bool on);
+    void set_refuses_others(bool on) KAV_EXCLUDES(this);
 
     /// Replay the history into `sink`: false when one is running, `sink` is null or in use by another manager, or the
-    /// history is off. Takes the lock; from a handler of the manager use _request_history(). A sink that wants another
-    /// replay asks from an event of its own: until its hooks have returned it is refused.
-    bool request_history(Diagnostic_history* sink);
-    bool _request_history(Diagnostic_history* sink); ///< the same, lock held
+    /// history is off. From a handler of the manager use _request_history(). A sink that wants another replay asks from
+    /// an event of its own: until its hooks have returned it is refused.
+    bool request_history(Diagnostic_history* sink) KAV_EXCLUDES(this);
+    bool _request_history(Diagnostic_history* sink) KAV_REQUIRES(this);
 
     /// Who is told, by an event_lost of module_id() (one in the queue at a time), of records that could not be stored.
-    /// Not owned; null: nobody.
+    /// Not owned; null: nobody. One that dies is told no more.
     void set_lost_waiter(waiter_descriptor* w) { _lost_waiter = w; }
     short module_id() const { return _module_id; }
     unsigned records_written() const { return _written; }
@@ -109,21 +112,21 @@ public:
     static int inc_file_num(int n) { return (n + 1) % num_files; }
     /// The file being written: the one that is there while the one behind it is not. None there: 0. When several look
     /// so after damage, or all are there, the one with the newest record, whose time `newest` [ms] tells; of two that
-    /// follow each other and have the same, the second.
-    static int find_current(const bool (&there)[num_files], const std::function<uint64_t(int)>& newest);
+    /// follow each other and have the same, the second. `newest` is asked only then; it is handed `whose`.
+    static int find_current(const bool (&there)[num_files], uint64_t (*newest)(void* whose, int n), void* whose);
 
     enum Progress { progress_finished, progress_paused };
-    /// Go on with the replay, as when its timeout fires; lock held.
-    void process_history();
-    /// Hand the records of one file to the sink, but for those that it has had already; lock held. Paused when the sink
-    /// can take no more for now: its timeout is submitted, and the file is to be read again from its start. Without a
-    /// replay nothing is read and the file is finished.
-    Progress process_history(Vorn_parser& parser);
+    /// Go on with the replay, as when its timeout fires.
+    void process_history() KAV_REQUIRES(this);
+    /// Hand the records of one file to the sink, but for those that it has had already. Paused when the sink can take
+    /// no more for now: its timeout is submitted, and the file is to be read again from its start. Without a replay
+    /// nothing is read and the file is finished.
+    Progress process_history(Vorn_parser& parser) KAV_REQUIRES(this);
 
 protected:
     void diner_start() override;
-    void handle_event(waiter_event& event) override;
-    void handle_timeout(Timeout& t) override;
+    void handle_event(waiter_event& event) override KAV_REQUIRES(this);
+    void handle_timeout(Timeout& t) override KAV_REQUIRES(this);
     using Diner::handle_timeout;
 
 private:
@@ -133,42 +136,43 @@ private:
 
     File_name file_name(int n) const;
     bool exists(int n) const { return PCFile_data_stream::exists(file_name(n).text); }
-    void find_current_file();
-    uint64_t newest_record(int n, unsigned& bytes);
-    void store(unsigned char src, unsigned short a, unsigned short b, const Atime& when);
+    void find_current_file() KAV_REQUIRES(this);
+    uint64_t newest_record(int n, unsigned& bytes) const;
+    void store(unsigned char src, unsigned short a, unsigned short b, const Atime& when) KAV_REQUIRES(this);
     void wake();
-    void pass();
-    void store_changes();
-    NV_store::Safe_result save();
+    void pass() KAV_REQUIRES(this);
+    void store_changes() KAV_REQUIRES(this);
+    NV_store::Safe_result save() KAV_REQUIRES(this);
     void tell(const char* what, NV_store::Safe_result result) const;
-    bool append(const unsigned char* record);
-    bool write(const unsigned char* bytes, unsigned n);
-    bool make_room(unsigned n);
-    bool rotate();
-    bool remove(int n);
-    bool read_file(int n, Progress& progress);
-    void resume_later();
-    void finish_replay();
+    unsigned closing_line_feeds() const KAV_REQUIRES(this);
+    bool append(const unsigned char* record) KAV_REQUIRES(this);
+    bool write(const unsigned char* bytes, unsigned n) KAV_REQUIRES(this);
+    bool make_room(unsigned n) KAV_REQUIRES(this);
+    bool rotate() KAV_REQUIRES(this);
+    bool remove(int n) KAV_REQUIRES(this);
+    bool read_file(int n, Progress& progress) KAV_REQUIRES(this);
+    void resume_later() KAV_REQUIRES(this);
+    void finish_replay() KAV_REQUIRES(this);
 
     Trouble_codes _codes;
-    Request_answers _answers;
-    std::unique_ptr<Diagnostics_bus> _bus;
-    std::optional<NV_store::Safe_text> _codes_file; ///< none: they are not kept
-    bool _unsaved = false;                          ///< changes were not saved yet
-    bool _save_failed = false;                      ///< the last save did, and that was said
-    std::atomic<bool> _awake{false};                ///< the pass below is submitted, or about to run
+    const std::unique_ptr<Request_answers> _answers KAV_PT_GUARDED_BY(this);
+    std::unique_ptr<Diagnostics_bus> _bus KAV_GUARDED_BY(this);
+    std::unique_ptr<NV_store::Safe_text> _codes_file; ///< set before the start, or null: they are not kept
+    bool _unsaved KAV_GUARDED_BY(this) = false;       ///< changes were not saved yet
+    bool _save_failed KAV_GUARDED_BY(this) = false;   ///< the last save did, and that was said
+    std::atomic<bool> _awake{false};                  ///< the pass below is submitted, or about to run
     Timeout _pass, _save;
 
     char _base_name[longest_base_name + 1];
     bool _enabled;
     const unsigned _max_file_bytes;
     short _module_id = 0;
-    int _write_file = 0;
-    unsigned _file_bytes = 0; ///< [bytes] in the current file
-    bool _file_known = false; ///< the current file and its length
-    bool _maybe_torn = true;  ///< the current file may end in a part of a record
+    std::atomic<int> _write_file{0};
+    unsigned _file_bytes KAV_GUARDED_BY(this) = 0; ///< [bytes] in the current file
+    bool _file_known KAV_GUARDED_BY(this) = false; ///< the current file and its length
+    bool _maybe_torn KAV_GUARDED_BY(this) = true;  ///< the current file may end in a part of a record
     std::atomic<unsigned> _written{0};
     std::atomic<unsigned> _lost{0};
-    std::atomic<waiter_descriptor*> _lost_waiter{nullptr};
-    Diagnostic_history* _current = nullptr; ///< being replayed
+    waiter_ref<waiter_ref_base::stream> _lost_waiter;
+    Diagnostic_history* _current KAV_GUARDED_BY(this) = nullptr; ///< being replayed
 };

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diagnostics/Diagnostics_bus.h"
+#include "glue/diagnostics/Request_answers.h"
 #include "glue/diner/Diner.h"
 
 using namespace Trouble_code_messages;
@@ -27,11 +28,11 @@ Diagnostics_bus::Diagnostics_bus(Diner& diner, JIN_stack& stack, Trouble_codes& 
             return true;
         };
     };
-    _answers.set(pgn_DM1, Request_answers::data, list(Table::active));
-    _answers.set(pgn_DM2, Request_answers::data, list(Table::previous));
-    _answers.set(pgn_DM3, Request_answers::action, clear(Table::previous));
-    _answers.set(pgn_DM11, Request_answers::action, clear(Table::active));
-    _answers.set(JIN::pgn_address_claimed, Request_answers::elsewhere, nullptr); // the stack
+    _answers.set(pgn_DM1, {Request_answer::data, list(Table::active)});
+    _answers.set(pgn_DM2, {Request_answer::data, list(Table::previous)});
+    _answers.set(pgn_DM3, {Request_answer::action, clear(Table::previous)});
+    _answers.set(pgn_DM11, {Request_answer::action, clear(Table::active)});
+    _answers.set(JIN::pgn_address_claimed, {Request_answer::elsewhere, nullptr}); // the stack
 }
 
 Diagnostics_bus::~Diagnostics_bus() {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/diagnostics/DM1_broadcast.h"
-#include "glue/diagnostics/Request_answers.h"
 #include "glue/diagnostics/Trouble_codes.h"
 #include "glue/jin/JIN_inbox.h"
 #include "util/api.h"
 
 class Diner;
+class Request_answers;
 
 /// The manager's end of a bus: tells and answers what its codes are, does what is asked for, and watches the address.
 /// All members belong to the manager's thread or are called under its lock.

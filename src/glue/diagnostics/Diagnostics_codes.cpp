@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The trouble codes of the manager; its history is in Diagnostics.cpp.
+#include "glue/NV_store/Safe_file.h"
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diagnostics/Diagnostics_bus.h"
+#include "glue/diagnostics/Request_answers.h"
 #include "util/Debug_print.h"
 #include <utility>
 
@@ -69,7 +71,8 @@ void Diagnostics::store_changes() {
 
 Safe_result Diagnostics::keep_codes_in(const char* path) {
     std::string text;
-    const Safe_result result = _codes_file.emplace(path).load(text);
+    _codes_file = std::make_unique<NV_store::Safe_text>(path);
+    const Safe_result result = _codes_file->load(text);
     _codes.load(text);
     if (!NV_store::is_good(result)) tell("", result);
     if (result == Safe_result::damaged || result == Safe_result::unreadable)
@@ -107,20 +110,21 @@ Safe_result Diagnostics::save() {
 // ---- bus
 
 void Diagnostics::attach(JIN_stack& stack, Trouble_code_messages::Mode mode) {
-    _bus = std::make_unique<Diagnostics_bus>(*this, stack, _codes, _answers, mode);
+    const Held held(*this);
+    _bus = std::make_unique<Diagnostics_bus>(*this, stack, _codes, *_answers, mode);
 }
 
-bool Diagnostics::set_answer(uint32_t pgn, Request_answers::Kind kind, Request_answers::Handler handler) {
+bool Diagnostics::set_answer(uint32_t pgn, Request_answer answer) {
     const Held held(*this);
-    return _answers.set(pgn, kind, std::move(handler));
+    return _answers->set(pgn, std::move(answer));
 }
 
 void Diagnostics::remove_answer(uint32_t pgn) {
     const Held held(*this);
-    _answers.remove(pgn);
+    _answers->remove(pgn);
 }
 
 void Diagnostics::set_refuses_others(bool on) {
     const Held held(*this);
-    _answers.set_refuses_others(on);
+    _answers->set_refuses_others(on);
 }

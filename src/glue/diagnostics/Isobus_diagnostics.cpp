@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diagnostics/Isobus_diagnostics.h"
 #include "glue/diagnostics/Diagnostics.h"
+#include "glue/diagnostics/Request_answers.h"
 #include <algorithm>
 #include <cstring>
 
@@ -26,12 +27,12 @@ Isobus_diagnostics::~Isobus_diagnostics() {
 }
 
 void Isobus_diagnostics::answer(uint32_t pgn, void (Isobus_diagnostics::*build)(Binary_message&) const) {
-    _manager.set_answer(pgn, Request_answers::data, [this, build](JIN_grow_message& m) {
-        if (!m.resize(JIN::max_length)) return false;
-        const Scoped_lock held(_mutex);
-        (this->*build)(m);
-        return m.size > 0;
-    });
+    _manager.set_answer(pgn, {Request_answer::data, [this, build](JIN_grow_message& m) {
+                                  if (!m.resize(JIN::max_length)) return false;
+                                  const Scoped_lock held(_mutex);
+                                  (this->*build)(m);
+                                  return m.size > 0;
+                              }});
 }
 
 void Isobus_diagnostics::set_software(const std::vector<std::string>& fields) {

@@ -39,19 +39,21 @@ public:
 
 private:
     void answer(uint32_t pgn, void (Isobus_diagnostics::*build)(Binary_message&) const);
-    void build_software(Binary_message& m) const;
-    void build_product(Binary_message& m) const;
-    void build_ECU(Binary_message& m) const;
-    void build_certificate(Binary_message& m) const;
-    void build_functionalities(Binary_message& m) const;
-    void build_protocols(Binary_message& m) const;
+    void build_software(Binary_message& m) const KAV_REQUIRES(_mutex);
+    void build_product(Binary_message& m) const KAV_REQUIRES(_mutex);
+    void build_ECU(Binary_message& m) const KAV_REQUIRES(_mutex);
+    void build_certificate(Binary_message& m) const KAV_REQUIRES(_mutex);
+    void build_functionalities(Binary_message& m) const KAV_REQUIRES(_mutex);
+    void build_protocols(Binary_message& m) const KAV_REQUIRES(_mutex);
 
     Diagnostics& _manager;
     mutable Mutex _mutex;
-    std::vector<std::string> _software, _product, _ecu;
-    bool _has_certificate = false;
-    Identification::Certificate _certificate;
-    std::vector<Identification::Functionality> _functionalities;
-    std::vector<unsigned char> _raw_functionalities;
-    uint8_t _protocols = Identification::protocol_J1939_73;
+    std::vector<std::string> _software KAV_GUARDED_BY(_mutex);
+    std::vector<std::string> _product KAV_GUARDED_BY(_mutex);
+    std::vector<std::string> _ecu KAV_GUARDED_BY(_mutex);
+    bool _has_certificate KAV_GUARDED_BY(_mutex) = false;
+    Identification::Certificate _certificate KAV_GUARDED_BY(_mutex);
+    std::vector<Identification::Functionality> _functionalities KAV_GUARDED_BY(_mutex);
+    std::vector<unsigned char> _raw_functionalities KAV_GUARDED_BY(_mutex);
+    uint8_t _protocols KAV_GUARDED_BY(_mutex) = Identification::protocol_J1939_73;
 };

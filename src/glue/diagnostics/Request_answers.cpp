@@ -12,11 +12,11 @@ Request_answers::Row* Request_answers::find(uint32_t pgn) {
     return nullptr;
 }
 
-bool Request_answers::set(uint32_t pgn, Kind kind, Handler handler) {
+bool Request_answers::set(uint32_t pgn, Request_answer answer) {
     Row* row = find(pgn);
     if (!row && _num_rows == max_rows) return false;
     if (!row) row = &_rows[_num_rows++];
-    *row = {pgn, kind, std::move(handler)};
+    *row = {pgn, std::move(answer)};
     return true;
 }
 
@@ -25,7 +25,7 @@ void Request_answers::remove(uint32_t pgn) {
     if (!row) return;
     Row& last = _rows[--_num_rows];
     std::swap(*row, last);
-    last.handler = nullptr; // what it has captured goes now
+    last.answer.handler = nullptr; // what it has captured goes now
 }
 
 void Request_answers::request(const JIN_message& m) {
@@ -37,11 +37,11 @@ void Request_answers::request(const JIN_message& m) {
         if (!to_all && _refuses_others) enqueue(acknowledgment(Acknowledgment::nack, m.source, pgn));
         return;
     }
-    if (row->kind == action) {
+    if (row->answer.kind == Request_answer::action) {
         _message.clear();
-        const bool done = row->handler(_message);
+        const bool done = row->answer.handler(_message);
         if (!to_all) enqueue(acknowledgment(done ? Acknowledgment::ack : Acknowledgment::nack, m.source, pgn));
-    } else if (row->kind == data) {
+    } else if (row->answer.kind == Request_answer::data) {
         enqueue({false, to_all ? JIN::global : m.source, pgn, {}});
     }
 }
@@ -82,7 +82,7 @@ bool Request_answers::build(const Due& due) {
     _message.clear();
     if (due.ready) return _message.append(due.bytes, sizeof due.bytes);
     const Row* const row = find(due.pgn);
-    if (!row || row->kind != data || !row->handler(_message)) return false;
+    if (!row || row->answer.kind != Request_answer::data || !row->answer.handler(_message)) return false;
     if (_message.size <= Trouble_code_messages::single_frame && !JIN::is_addressable(due.pgn))
         _message.destination = JIN::global;
     return true;

@@ -5,6 +5,21 @@
 #include "util/api.h"
 #include <functional>
 
+/// How requests for one PGN are answered.
+struct Request_answer {
+    enum Kind : uint8_t {
+        data,     ///< a message is sent
+        action,   ///< something is done at once, and acknowledged to the one who asked
+        elsewhere ///< another part of the program answers; nothing is said
+    };
+    /// Builds the message (`data`; it is empty, with room for JIN::max_length; PGN, destination and priority are set
+    /// already), or does what is asked for (`action`). False: refused.
+    using Handler = std::function<bool(JIN_grow_message& m)>;
+
+    Kind kind = elsewhere;
+    Handler handler;
+};
+
 /// What a node answers to requests: one table of PGNs, and the answers that are due, oldest first. An answer is built
 /// at the instant it is sent; what waits is who is to get which. No lock: its owner's.
 ///
@@ -16,17 +31,8 @@ public:
     static constexpr unsigned max_rows = 48;
     static constexpr unsigned max_due = 64; ///< answers that wait; more are dropped and counted
 
-    enum Kind : uint8_t {
-        data,     ///< a message is sent
-        action,   ///< something is done at once, and acknowledged to the one who asked
-        elsewhere ///< another part of the program answers; nothing is said
-    };
-    /// Builds the message (`data`; it is empty, with room for JIN::max_length; PGN, destination and priority are set
-    /// already), or does what is asked for (`action`). False: refused.
-    using Handler = std::function<bool(JIN_grow_message& m)>;
-
     /// Answer requests for a PGN from now on, in place of what it may have had. False when the table is full.
-    bool set(uint32_t pgn, Kind kind, Handler handler);
+    bool set(uint32_t pgn, Request_answer answer);
     void remove(uint32_t pgn);
     /// Whether requests to this node for PGNs that are not in the table are refused with a message, as they should be
     /// by one part of a program.
@@ -45,8 +51,7 @@ public:
 private:
     struct Row {
         uint32_t pgn;
-        Kind kind;
-        Handler handler;
+        Request_answer answer;
     };
     struct Due {
         bool ready;          ///< the bytes are what is sent; else the table's row of the PGN builds it

@@ -74,15 +74,18 @@ public:
 
 private:
     using Entry = Trouble_code_table::Entry;
-    void activate(Entry& e, const Atime& now);
-    void forget(Entry& e, const Atime& now);
-    void changed(Entry& e, const Atime& now, bool active);
+    void activate(Entry& e, const Atime& now) KAV_REQUIRES(_mutex);
+    void forget(Entry& e, const Atime& now) KAV_REQUIRES(_mutex);
+    void changed(Entry& e, const Atime& now, bool active) KAV_REQUIRES(_mutex);
     static Info info_of(const Entry& e);
 
     mutable Mutex _mutex;
-    Trouble_code_table _table;
-    const std::unique_ptr<Change[]> _changes;
-    unsigned _first_change = 0, _num_changes = 0;
-    uint32_t _refused = 0, _changes_lost = 0;
-    bool _urgent = false, _unsaved = false;
+    Trouble_code_table _table KAV_GUARDED_BY(_mutex);
+    const std::unique_ptr<Change[]> _changes KAV_GUARDED_BY(_mutex);
+    unsigned _first_change KAV_GUARDED_BY(_mutex) = 0;
+    unsigned _num_changes KAV_GUARDED_BY(_mutex) = 0;
+    uint32_t _refused KAV_GUARDED_BY(_mutex) = 0;
+    uint32_t _changes_lost KAV_GUARDED_BY(_mutex) = 0;
+    bool _urgent KAV_GUARDED_BY(_mutex) = false;
+    bool _unsaved KAV_GUARDED_BY(_mutex) = false;
 };

@@ -45,16 +45,6 @@ Clock_watch::~Clock_watch() {
         if (fd >= 0) close(fd);
 }
 
-int Clock_watch::register_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(_mutex);
-    return _waiters.add(w);
-}
-
-int Clock_watch::deregister_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(_mutex);
-    return _waiters.remove(w);
-}
-
 bool Clock_watch::check() {
     int64_t ms;
     {

@@ -37,8 +37,8 @@ public:
 
     /// Have `w` told of each step from now on, by an event_set of module_id(), one at a time in its queue. 0; -1 when
     /// 16 are told already, or this one is. Not owned: it is taken out before it goes. Any thread.
-    int register_waiter(waiter_descriptor* w);
-    int deregister_waiter(waiter_descriptor* w); ///< 0; -1 when it is not there
+    int register_waiter(waiter_descriptor* w) { return _waiters.add(w); }
+    int deregister_waiter(waiter_descriptor* w) { return _waiters.remove(w); } ///< 0; -1 when it is not there
     short module_id() const { return _waiters.module_id(); }
 
     /// Look now, without waiting for the thread: true when the clock was set since the last look. All diners are then
@@ -53,9 +53,9 @@ private:
     static void* runner(void* watch);
     void run();
 
-    Mutex _mutex; ///< guards the offset and the waiters; taken before the locks that posting takes
-    Util::Clock_offset _offset;
-    waiter_list _waiters;
+    Mutex _mutex; ///< taken before the locks that posting takes
+    Util::Clock_offset _offset KAV_GUARDED_BY(_mutex);
+    waiter_list _waiters{_mutex};
     std::atomic<unsigned> _steps{0};
     std::atomic<int64_t> _last_ms{0};
     int _timer = -1; ///< descriptor that tells of steps

@@ -11,6 +11,7 @@ int waiter_list::init(module_man& mm) {
 }
 
 int waiter_list::add(waiter_descriptor* w) {
+    const Scoped_lock held(_lock);
     auto* const end = std::remove(_waiters, _waiters + _count, nullptr); // those that died
     std::fill(end, _waiters + _count, nullptr);
     _count = static_cast<int>(end - _waiters);
@@ -20,6 +21,7 @@ int waiter_list::add(waiter_descriptor* w) {
 }
 
 int waiter_list::remove(waiter_descriptor* w) {
+    const Scoped_lock held(_lock);
     auto* const end = _waiters + _count;
     auto* const at = w ? std::find(_waiters, end, w) : end;
     if (at == end) return -1;

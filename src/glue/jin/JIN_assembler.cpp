@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/jin/JIN_assembler.h"
+#include <bitset>
 #include <cstring>
 #include <utility>
 
@@ -10,8 +11,18 @@ constexpr unsigned packet_bytes = 7;
 
 } // namespace
 
-JIN_assembler::JIN_assembler(Sink sink)
-    : _sink(std::move(sink)), _sessions(std::make_unique<Session[]>(max_sessions)) {}
+struct JIN_assembler::Session {
+    bool open = false;
+    uint8_t source, destination, priority;
+    uint32_t pgn;
+    unsigned length;
+    int64_t last;
+    std::bitset<256> missing; ///< packets 1 to 255
+    unsigned char bytes[JIN::max_length];
+};
+
+JIN_assembler::JIN_assembler(Sink sink) : _sink(std::move(sink)), _sessions(new Session[max_sessions]()) {}
+JIN_assembler::~JIN_assembler() { delete[] _sessions; }
 
 //     bits 28-26 priority, 25-24 page, 23-16 format, 15-8 destination or low byte of the PGN, 7-0 source
 void JIN_assembler::frame(uint32_t identifier, const unsigned char* bytes, unsigned n, int64_t now) {

@@ -2,9 +2,7 @@
 #pragma once
 #include "glue/jin/JIN_message.h"
 #include "util/api.h"
-#include <bitset>
 #include <functional>
-#include <memory>
 
 /// Puts whole messages together from the frames of a bus that is only listened to: a recorded log, or a raw socket. It
 /// hears both kinds of transport, to all and between two nodes, and needs no answer of anybody.
@@ -19,6 +17,9 @@ public:
     /// Called with each whole message; its bytes stand until it returns.
     using Sink = std::function<void(const JIN_message&)>;
     explicit JIN_assembler(Sink sink);
+    ~JIN_assembler();
+    JIN_assembler(const JIN_assembler&) = delete;
+    JIN_assembler& operator=(const JIN_assembler&) = delete;
 
     /// One frame with its 29-bit identifier and up to 8 bytes, and when it came: [ms] of any clock.
     void frame(uint32_t identifier, const unsigned char* bytes, unsigned n, int64_t now);
@@ -26,15 +27,7 @@ public:
     uint32_t incomplete() const { return _incomplete; }
 
 private:
-    struct Session {
-        bool open = false;
-        uint8_t source, destination, priority;
-        uint32_t pgn;
-        unsigned length;
-        int64_t last;
-        std::bitset<256> missing; ///< packets 1 to 255
-        unsigned char bytes[JIN::max_length];
-    };
+    struct Session;
     Session* find(uint8_t source, uint8_t destination);
     void close(Session& s, bool whole);
     void control(const JIN_message& m, int64_t now);
@@ -42,6 +35,6 @@ private:
     void data(const JIN_message& m, int64_t now);
 
     const Sink _sink;
-    const std::unique_ptr<Session[]> _sessions;
+    Session* const _sessions; ///< owned, as many as there can be
     uint32_t _incomplete = 0;
 };

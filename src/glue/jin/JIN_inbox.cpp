@@ -58,7 +58,7 @@ void JIN_inbox::put(const JIN_message& m) {
         _queue.put(bytes, overhead);
         _queue.put(m.data, m.size);
     }
-    if (_waiter)
-        _waiter->send_event(waiter_event(_stack.module_id(), JIN_stack::event_arrived, 0),
-                            waiter_descriptor::drop_duplicates);
+    if (waiter_descriptor* const w = _waiter)
+        w->send_event(waiter_event(_stack.module_id(), JIN_stack::event_arrived, 0),
+                      waiter_descriptor::drop_duplicates);
 }

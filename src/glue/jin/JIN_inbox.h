@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/diner/waiter_ref.h"
 #include "glue/jin/JIN_grow_message.h"
 #include "glue/jin/JIN_stack.h"
 #include "util/Ring_buffer.h"
@@ -16,7 +17,7 @@
 ///         while (inbox.receive(message)) ...
 ///
 /// What the node itself sends does not come in. Messages keep their order; one that does not fit is lost and counted,
-/// those that wait stay. One thread receives; the stack's lock guards the queue.
+/// those that wait stay. One thread receives.
 class KAV_API JIN_inbox : public sll_node {
 public:
     static constexpr int max_pgns = 32;
@@ -53,14 +54,15 @@ private:
     static_assert(sizeof(Head) <= overhead, "what the queue adds to a message");
 
     bool wants(const JIN_message& m, bool for_this) const;
-    void put(const JIN_message& m);
+    void put(const JIN_message& m) KAV_REQUIRES(_stack.lock);
+    void is_of_this_stack() const KAV_ASSERT_CAPABILITY(_stack.lock) {} ///< which calls it with its lock held
 
     JIN_stack& _stack;
-    waiter_descriptor* const _waiter;
+    const waiter_ref<waiter_ref_base::stream> _waiter; ///< null when there is none, or none any more
     const Reach _reach;
     int _num_pgns = 0;
     uint32_t _pgns[max_pgns];
     std::unique_ptr<unsigned char[]> _bytes;
-    Ring_buffer _queue;
-    uint32_t _lost = 0;
+    Ring_buffer _queue KAV_GUARDED_BY(_stack.lock);
+    uint32_t _lost KAV_GUARDED_BY(_stack.lock) = 0;
 };

@@ -47,9 +47,13 @@ int JIN_memory_bus::process() {
 int64_t JIN_memory_bus::run(int64_t until) {
     for (;;) {
         int64_t next = INT64_MAX;
-        for (const Node& n : _nodes) next = std::min(next, n.due());
+        for (const Node& n : _nodes) {
+            n.is_locked();
+            next = std::min(next, n.due());
+        }
         if (next > until) return next;
         for (Node& n : _nodes) {
+            n.is_locked();
             if (n.due() <= next) n.run(next);
         }
         deliver_shorts(next);
@@ -73,6 +77,7 @@ void JIN_memory_bus::set_there(bool there) {
     _num_waiting = 0;
     const int64_t t = now();
     for (Node& n : _nodes) {
+        n.is_locked();
         if (there) {
             n.bus_back(t);
         } else {
@@ -128,6 +133,7 @@ void JIN_memory_bus::deliver_shorts(int64_t now) {
 void JIN_memory_bus::spread(const Node* sender, const JIN_message& m, int64_t now) {
     const uint32_t packets = JIN::num_packets(m.size);
     for (Node& n : _nodes) {
+        n.is_locked();
         if (&n != sender && !lose(packets)) n.heard(m, now);
     }
 }
@@ -135,6 +141,7 @@ void JIN_memory_bus::spread(const Node* sender, const JIN_message& m, int64_t no
 JIN_memory_bus::Node::Node(JIN_memory_bus& bus, module_man& mm, JIN_name name, uint8_t preferred)
     : JIN_stack(mm, &bus._lock), _bus(bus), _claim(*this, name, preferred) {
     const Scoped_lock held(lock);
+    bus_is_locked();
     bus._nodes.push(this);
     if (bus._there) _claim.begin(bus.now());
     bus._wake.release();
@@ -142,11 +149,13 @@ JIN_memory_bus::Node::Node(JIN_memory_bus& bus, module_man& mm, JIN_name name, u
 
 JIN_memory_bus::Node::~Node() {
     const Scoped_lock held(lock);
+    bus_is_locked();
     _bus._nodes.remove(this);
 }
 
 JIN_stack::Result JIN_memory_bus::Node::send(const JIN_message& m) {
     const Scoped_lock held(lock);
+    bus_is_locked();
     if (!m.is_sendable() || !name().is_set()) return refused;
     const int64_t t = _bus.now();
     _bus.run(t);
@@ -162,6 +171,7 @@ JIN_stack::Result JIN_memory_bus::Node::send(const JIN_message& m) {
 }
 
 JIN_stack::Result JIN_memory_bus::Node::start(Transfer& t, const JIN_message& m, uint8_t own) {
+    bus_is_locked();
     if (t.under_way) return say_busy();
     t.message.clear();
     if (!t.message.append(m.data, m.size)) return say_busy(); // no memory
@@ -177,6 +187,7 @@ JIN_stack::Result JIN_memory_bus::Node::start(Transfer& t, const JIN_message& m,
         t.fails = true;
         for (const Node& n : _bus._nodes) {
             uint8_t a;
+            n.is_locked();
             if (&n != this && n._claim.address(a) && a == m.destination) t.fails = false;
         }
         lasts = t.fails ? no_receiver_ms : packets * addressed_packet_ms;
@@ -194,6 +205,7 @@ bool JIN_memory_bus::Node::address(uint8_t& own) const {
 
 bool JIN_memory_bus::Node::bus_is_there() const {
     const Scoped_lock held(lock);
+    bus_is_locked();
     return _bus._there;
 }
 
@@ -238,6 +250,7 @@ void JIN_memory_bus::Node::run(int64_t now) {
 }
 
 void JIN_memory_bus::Node::end(Transfer& t, int64_t now) {
+    bus_is_locked();
     t.under_way = false;
     if (t.fails) {
         transfer_failed();
@@ -266,6 +279,7 @@ bool JIN_memory_bus::Node::send_claim(uint8_t from) {
     name().to_bytes(bytes);
     JIN_message m(JIN::pgn_address_claimed, bytes, sizeof bytes);
     m.source = from;
+    bus_is_locked();
     return _bus.send_short(this, m);
 }
 
@@ -273,6 +287,7 @@ bool JIN_memory_bus::Node::send_request_for_claims() {
     unsigned char bytes[3];
     JIN_message m(JIN::pgn_request, bytes, sizeof bytes);
     m.set_uint24_le(0, JIN::pgn_address_claimed);
+    bus_is_locked();
     return _bus.send_short(this, m);
 }
 

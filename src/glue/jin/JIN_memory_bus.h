@@ -54,23 +54,26 @@ private:
         unsigned char bytes[8];
     };
 
-    bool send_short(Node* sender, const JIN_message& m);
-    void deliver_shorts(int64_t now);
-    void spread(const Node* sender, const JIN_message& m, int64_t now);
-    bool lose(uint32_t frames);
-    int64_t now();
-    int64_t run(int64_t until);
+    bool send_short(Node* sender, const JIN_message& m) KAV_REQUIRES(_lock);
+    void deliver_shorts(int64_t now) KAV_REQUIRES(_lock);
+    void spread(const Node* sender, const JIN_message& m, int64_t now) KAV_REQUIRES(_lock);
+    bool lose(uint32_t frames) KAV_REQUIRES(_lock);
+    int64_t now() KAV_REQUIRES(_lock);
+    int64_t run(int64_t until) KAV_REQUIRES(_lock);
     static void* drive(void* bus);
 
     mutable Mutex _lock;
-    c_sl_list<Node> _nodes;
-    Short _waiting[max_waiting];
-    int _first = 0, _num_waiting = 0;
-    bool _there = true, _delivering = false;
-    unsigned _loss = 0;
-    uint32_t _random = 1;
-    uint64_t _frames = 0;
-    int64_t _last_wall = INT64_MIN, _offset = 0; ///< [ms] make up for a clock that was set back
+    c_sl_list<Node> _nodes KAV_GUARDED_BY(_lock);
+    Short _waiting[max_waiting] KAV_GUARDED_BY(_lock);
+    int _first KAV_GUARDED_BY(_lock) = 0;
+    int _num_waiting KAV_GUARDED_BY(_lock) = 0;
+    bool _there KAV_GUARDED_BY(_lock) = true;
+    bool _delivering KAV_GUARDED_BY(_lock) = false;
+    unsigned _loss KAV_GUARDED_BY(_lock) = 0;
+    uint32_t _random KAV_GUARDED_BY(_lock) = 1;
+    uint64_t _frames KAV_GUARDED_BY(_lock) = 0;
+    int64_t _last_wall KAV_GUARDED_BY(_lock) = INT64_MIN;
+    int64_t _offset KAV_GUARDED_BY(_lock) = 0; ///< [ms] makes up for a clock that was set back
     Semaphore _wake{0, true};
     std::atomic<bool> _stop{false};
     Task _driver;
@@ -85,7 +88,7 @@ public:
 
     Result send(const JIN_message& m) override;
     bool address(uint8_t& own) const override;
-    JIN_name name() const override { return _claim.name(); }
+    JIN_name name() const override KAV_NO_THREAD_SAFETY_ANALYSIS { return _claim.name(); } ///< never changes
     bool bus_is_there() const override;
     bool name_of(uint8_t address, JIN_name& name) const override;
 
@@ -103,23 +106,27 @@ private:
         JIN_grow_message message;
     };
 
-    void heard(const JIN_message& m, int64_t now);
-    int64_t due() const;
-    void run(int64_t now);
-    void end(Transfer& t, int64_t now);
-    void bus_gone();
-    void bus_back(int64_t now);
-    Result start(Transfer& t, const JIN_message& m, uint8_t own);
+    void heard(const JIN_message& m, int64_t now) KAV_REQUIRES(lock);
+    int64_t due() const KAV_REQUIRES(lock);
+    void run(int64_t now) KAV_REQUIRES(lock);
+    void end(Transfer& t, int64_t now) KAV_REQUIRES(lock);
+    void bus_gone() KAV_REQUIRES(lock);
+    void bus_back(int64_t now) KAV_REQUIRES(lock);
+    Result start(Transfer& t, const JIN_message& m, uint8_t own) KAV_REQUIRES(lock);
+    // The node's lock is the bus's.
+    void bus_is_locked() const KAV_REQUIRES(lock) KAV_ASSERT_CAPABILITY(_bus._lock) {}
+    void is_locked() const KAV_ASSERT_CAPABILITY(lock) {} ///< the bus, and so its node
 
-    bool send_claim(uint8_t from) override;
-    bool send_request_for_claims() override;
-    void claimed_address() override;
-    void lost_address() override;
-    void cannot_claim() override;
-    void address_violated() override;
+    bool send_claim(uint8_t from) override KAV_REQUIRES(lock);
+    bool send_request_for_claims() override KAV_REQUIRES(lock);
+    void claimed_address() override KAV_REQUIRES(lock);
+    void lost_address() override KAV_REQUIRES(lock);
+    void cannot_claim() override KAV_REQUIRES(lock);
+    void address_violated() override KAV_REQUIRES(lock);
 
     JIN_memory_bus& _bus;
-    JIN_address_claim _claim;
-    Transfer _for_all, _for_one;
-    bool _busy = false;
+    JIN_address_claim _claim KAV_GUARDED_BY(lock);
+    Transfer _for_all KAV_GUARDED_BY(lock);
+    Transfer _for_one KAV_GUARDED_BY(lock);
+    bool _busy KAV_GUARDED_BY(lock) = false;
 };

@@ -153,7 +153,6 @@ void* JIN_socket_stack::run(void* stack) {
     return nullptr;
 }
 
-/// Sockets are opened and closed on this thread alone, under the lock.
 void JIN_socket_stack::read_until_stopped() {
     for (;;) {
         struct pollfd waits[] = {{_wake_fd, POLLIN, 0}, {-1, POLLIN, 0}, {-1, 0, 0}, {-1, 0, 0}};
@@ -317,7 +316,7 @@ void JIN_socket_stack::end(Carrier& c) {
     tell_room();
 }
 
-/// Lock held. What the stack itself hears comes through whatever the inboxes want.
+/// What the stack itself hears comes through whatever the inboxes want.
 void JIN_socket_stack::set_filter() {
     if (!_main.is_open()) return;
     uint32_t pgns[48] = {JIN::pgn_address_claimed, JIN::pgn_request, JIN::pgn_commanded_address};

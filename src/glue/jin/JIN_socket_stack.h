@@ -45,7 +45,7 @@ public:
 
     Result send(const JIN_message& m) override;
     bool address(uint8_t& own) const override;
-    JIN_name name() const override { return _claim.name(); }
+    JIN_name name() const override KAV_NO_THREAD_SAFETY_ANALYSIS { return _claim.name(); } ///< never changes
     bool bus_is_there() const override;
     bool name_of(uint8_t address, JIN_name& name) const override;
 
@@ -74,42 +74,44 @@ private:
 
     static void* run(void* stack);
     void read_until_stopped();
-    void open_when_due(int64_t now);
-    void run_what_is_due(int64_t now);
-    int open();
-    void bus_gone(int error);
-    void close();
-    int64_t due() const;
+    void open_when_due(int64_t now) KAV_REQUIRES(lock);
+    void run_what_is_due(int64_t now) KAV_REQUIRES(lock);
+    int open() KAV_REQUIRES(lock);
+    void bus_gone(int error) KAV_REQUIRES(lock);
+    void close() KAV_REQUIRES(lock);
+    int64_t due() const KAV_REQUIRES(lock);
     void receive_some();
-    void received(const JIN_message& m, int64_t now);
-    bool is_echo(const JIN_message& m, int64_t now) const;
-    void end(Carrier& c);
+    void received(const JIN_message& m, int64_t now) KAV_REQUIRES(lock);
+    bool is_echo(const JIN_message& m, int64_t now) const KAV_REQUIRES(lock);
+    void end(Carrier& c) KAV_REQUIRES(lock);
     void look_after(Carrier& c);
-    void failed(int error);
-    Result send_with(Carrier& c, const JIN_message& m, uint8_t own);
-    Result result_of(int error);
-    void set_filter();
-    void wishes_changed() override;
+    void failed(int error) KAV_REQUIRES(lock);
+    Result send_with(Carrier& c, const JIN_message& m, uint8_t own) KAV_REQUIRES(lock);
+    Result result_of(int error) KAV_REQUIRES(lock);
+    void set_filter() KAV_REQUIRES(lock);
+    void wishes_changed() override KAV_REQUIRES(lock);
     void wake_reader() const;
 
-    bool send_claim(uint8_t from) override;
-    bool send_request_for_claims() override;
-    void claimed_address() override;
-    void lost_address() override;
-    void cannot_claim() override;
-    void address_violated() override;
+    bool send_claim(uint8_t from) override KAV_REQUIRES(lock);
+    bool send_request_for_claims() override KAV_REQUIRES(lock);
+    void claimed_address() override KAV_REQUIRES(lock);
+    void lost_address() override KAV_REQUIRES(lock);
+    void cannot_claim() override KAV_REQUIRES(lock);
+    void address_violated() override KAV_REQUIRES(lock);
 
     char _interface[16];
-    JIN_address_claim _claim;
+    JIN_address_claim _claim KAV_GUARDED_BY(lock);
+    // Opened and closed by the reader alone, under the lock: the reader itself uses them without.
     JIN_socket _main; ///< short messages, claims, and all that is received
     Carrier _for_all, _for_one;
-    bool _there = false, _stop = false;
-    int _error = 0; ///< told last; 0 when the bus was there since
-    Trouble _trouble = none;
-    int64_t _open_at = 0;                  ///< [ms] the next attempt
-    int64_t _room_at = INT64_MAX;          ///< [ms] when to tell that there is room
-    int _wake_fd = -1;                     ///< set before the reader starts
-    unsigned char _bytes[JIN::max_length]; ///< the reader's
+    bool _there KAV_GUARDED_BY(lock) = false;
+    bool _stop KAV_GUARDED_BY(lock) = false;
+    int _error KAV_GUARDED_BY(lock) = 0; ///< told last; 0 when the bus was there since
+    Trouble _trouble KAV_GUARDED_BY(lock) = none;
+    int64_t _open_at KAV_GUARDED_BY(lock) = 0;         ///< [ms] the next attempt
+    int64_t _room_at KAV_GUARDED_BY(lock) = INT64_MAX; ///< [ms] when to tell that there is room
+    int _wake_fd = -1;                                 ///< set before the reader starts
+    unsigned char _bytes[JIN::max_length];             ///< the reader's
     std::atomic<uint32_t> _receptions_failed{0};
     Task _reader;
 };

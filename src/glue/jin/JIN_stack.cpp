@@ -10,18 +10,9 @@ JIN_stack::JIN_stack(module_man& mm, Mutex* shared) : lock(shared ? *shared : _o
 
 JIN_stack::~JIN_stack() = default;
 
-int JIN_stack::register_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(lock);
-    return _waiters.add(w);
-}
-
-int JIN_stack::deregister_waiter(waiter_descriptor* w) {
-    const Scoped_lock held(lock);
-    return _waiters.remove(w);
-}
-
 void JIN_stack::deliver(const JIN_message& m, bool for_this_node) {
     for (JIN_inbox& inbox : _inboxes) {
+        inbox.is_of_this_stack();
         if (inbox.wants(m, for_this_node)) inbox.put(m);
     }
 }

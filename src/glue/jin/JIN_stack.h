@@ -61,8 +61,8 @@ public:
 
     /// Who is told of all events but event_arrived. At most 16, not owned; deregistered before they die. 0, or -1 when
     /// full, null or already there (not there). What happened before is not told: ask address() and bus_is_there().
-    int register_waiter(waiter_descriptor* w);
-    int deregister_waiter(waiter_descriptor* w);
+    int register_waiter(waiter_descriptor* w) { return _waiters.add(w); }
+    int deregister_waiter(waiter_descriptor* w) { return _waiters.remove(w); }
     short module_id() const { return _waiters.module_id(); } ///< of the events
 
 protected:
@@ -72,22 +72,20 @@ protected:
     JIN_stack(const JIN_stack&) = delete;
     JIN_stack& operator=(const JIN_stack&) = delete;
 
-    // Lock held.
-    void deliver(const JIN_message& m, bool for_this_node); ///< into the inboxes that want it
-    void tell(Event e);
-    void transfer_failed();
+    void deliver(const JIN_message& m, bool for_this_node) KAV_REQUIRES(lock); ///< into the inboxes that want it
+    void tell(Event e) KAV_REQUIRES(lock);
+    void transfer_failed() KAV_REQUIRES(lock);
     /// A send is busy; tell_room() will tell, once.
-    Result say_busy() {
+    Result say_busy() KAV_REQUIRES(lock) {
         _room_wanted = true;
         return busy;
     }
-    bool room_wanted() const { return _room_wanted; }
-    void tell_room();
+    void tell_room() KAV_REQUIRES(lock);
     /// The union of the inboxes' PGNs has changed.
-    virtual void wishes_changed() {}
+    virtual void wishes_changed() KAV_REQUIRES(lock) {}
     /// The PGNs that the inboxes want: their number, at most `most` put into `pgns`; -1 when one wants all or more.
-    int wishes(uint32_t* pgns, int most) const;
-    bool everything_wished() const; ///< also what is meant for other nodes
+    int wishes(uint32_t* pgns, int most) const KAV_REQUIRES(lock);
+    bool everything_wished() const KAV_REQUIRES(lock); ///< also what is meant for other nodes
 
     Mutex& lock;
 
@@ -95,8 +93,8 @@ private:
     friend class JIN_inbox;
 
     Mutex _own_lock;
-    waiter_list _waiters;
-    c_sl_list<JIN_inbox> _inboxes;
-    bool _room_wanted = false;
+    waiter_list _waiters{lock};
+    c_sl_list<JIN_inbox> _inboxes KAV_GUARDED_BY(lock);
+    bool _room_wanted KAV_GUARDED_BY(lock) = false;
     std::atomic<uint32_t> _transfers_failed{0};
 };
