@@ -83,8 +83,6 @@ void Event_node::release() {
 Event_node* Event_list::last_at_or_before(int offset) const {
     __bsnode* found = nullptr;
     for (__bsnode* at = header.greater; at;) {
-        __builtin_prefetch(at->less);
-        __builtin_prefetch(at->greater);
         // Which way it goes is a coin toss: a branch would be guessed wrong every other time.
         const bool onward = static_cast<Event_node*>(static_cast<avl_bsnode*>(at))->offset <= offset;
         found = Util::pick(onward, at, found);
