@@ -18,7 +18,7 @@ using namespace NV_store;
 const char usage[] = "Usage: nv_dump FILE\n"
                      "Print the records of a settings file, - for standard input: containers with what is in them,\n"
                      "settings as type, id and value, and whether the checksum of each container is right.\n"
-                     "  --help     this text\n"
+                     "  -h, --help this text\n"
                      "  --version  the version\n"
                      "Status 0: all is well, 1: the file is damaged, 2: wrong arguments, or it cannot be read.\n";
 

@@ -20,7 +20,7 @@ const char usage[] =
     "  --request PGN      ask for a PGN and print what comes for 5 s; with --to ADDRESS one node only\n"
     "  --clear ADDRESS    erase the codes of a node; asks before, not with --yes\n"
     "  --record FILE      write all frames into a file, in the form of candump -L\n"
-    "  --help             this text\n"
+    "  -h, --help         this text\n"
     "  --version          the version\n"
     "Numbers may be given in hexadecimal: 0xFECA.\n";
 
@@ -34,7 +34,7 @@ long number(const char* option, const char* text, long most) {
 } // namespace
 
 Options::Options(int argc, char** argv) {
-    enum { o_once = 1, o_csv, o_listen, o_yes, o_seconds, o_request, o_to, o_clear, o_record, o_help, o_version };
+    enum { o_once = 1, o_csv, o_listen, o_yes, o_seconds, o_request, o_to, o_clear, o_record, o_version };
     const option known[] = {{"once", no_argument, nullptr, o_once},
                             {"csv", no_argument, nullptr, o_csv},
                             {"listen", no_argument, nullptr, o_listen},
@@ -44,11 +44,11 @@ Options::Options(int argc, char** argv) {
                             {"to", required_argument, nullptr, o_to},
                             {"clear", required_argument, nullptr, o_clear},
                             {"record", required_argument, nullptr, o_record},
-                            {"help", no_argument, nullptr, o_help},
+                            {"help", no_argument, nullptr, 'h'},
                             {"version", no_argument, nullptr, o_version},
                             {nullptr, 0, nullptr, 0}};
     opterr = 0;
-    for (int c; (c = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
+    for (int c; (c = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
         switch (c) {
         case o_once:
             once = true;
@@ -77,7 +77,7 @@ Options::Options(int argc, char** argv) {
         case o_record:
             record = optarg;
             break;
-        case o_help:
+        case 'h':
             show_usage(usage, 1);
         case o_version:
             show_version(1);

@@ -69,6 +69,7 @@ TEST(bus_monitor, answers_what_is_wrong_with_one_line_and_a_status) {
         EXPECT_EQ(r.end(), end.substr(0, 2) + "bus_monitor: " + end.substr(2) + "\n");
         EXPECT_EQ(r.out, "");
     }
+    EXPECT_EQ(run_program(BUS_MONITOR, {"-h"}).out.substr(0, 18), "Usage: bus_monitor");
 }
 
 } // namespace
