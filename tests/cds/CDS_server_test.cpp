@@ -6,6 +6,7 @@
 #include "glue/data_stream/Posix_data_stream.h"
 #include "support/Pty.h"
 #include "support/test.h"
+#include "util/local_socket.h"
 #include <sys/socket.h>
 
 using namespace CDS::Remote;

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDS_server.h"
 #include "util/clock.h"
+#include "util/local_socket.h"
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <memory>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -59,8 +61,14 @@ struct Server::Waits {
     int timeout = -1;                   ///< [ms]
 };
 
+/// What has large headers of its own.
+struct Server::Parts {
+    Util::Local_listener listener;            ///< of the thread that calls share()
+    std::unique_ptr<Peer> peers[max_clients]; ///< of the server's thread
+};
+
 Server::Server(Lookup_root& root, Write_rule rule)
-    : _root(root), _rule(std::move(rule)), _thread("CDS", stack_kib, true) {}
+    : _root(root), _rule(std::move(rule)), _parts(new Parts), _thread("CDS", stack_kib, true) {}
 
 Server::~Server() {
     {
@@ -72,6 +80,7 @@ Server::~Server() {
     const Scoped_lock held(_mutex);
     for (int i = 0; i < _num_new; ++i) ::close(_new_lines[i]);
     if (_wake_fd >= 0) ::close(_wake_fd);
+    delete _parts;
 }
 
 bool Server::start() {
@@ -86,20 +95,21 @@ bool Server::start() {
 }
 
 bool Server::share(const char* path) {
-    if (_listener.fd() >= 0) {
+    Util::Local_listener& listener = _parts->listener;
+    if (listener.fd() >= 0) {
         errno = EALREADY;
         return false;
     }
-    if (!_listener.open(path)) return false;
+    if (!listener.open(path)) return false;
     if (!start()) {
         const int reason = errno;
-        _listener.close();
+        listener.close();
         errno = reason;
         return false;
     }
     {
         const Scoped_lock held(_mutex);
-        _new_listener = _listener.fd();
+        _new_listener = listener.fd();
     }
     wake();
     return true;
@@ -143,10 +153,10 @@ void Server::serve_until_stopped() {
             eventfd_read(_wake_fd, &count);
         }
         for (int i = 0; i < max_clients; ++i)
-            if (_peers[i] && !look(*_peers[i], waits.fds[2 + i].revents != 0, now)) end(_peers[i]);
+            if (_parts->peers[i] && !look(*_parts->peers[i], waits.fds[2 + i].revents != 0, now)) end(i);
         if (waits.fds[1].revents) accept_client(now);
     }
-    for (auto& peer : _peers) peer.reset();
+    for (auto& peer : _parts->peers) peer.reset();
 }
 
 /// What share() and serve() left for the thread; false at the end.
@@ -156,32 +166,36 @@ bool Server::take_over_new() {
     if (_new_listener >= 0) _listen_fd = _new_listener;
     const int64_t now = now_ms();
     for (int i = 0; i < _num_new; ++i) {
-        for (auto& peer : _peers) {
+        for (auto& peer : _parts->peers) {
             if (!peer || !peer->hung_up) continue;
             peer.reset();
             --_num_lines;
             _num_clients.fetch_sub(1, std::memory_order_relaxed);
         }
         // There are fewer lines than places, so a connection stands in the way, if anything does.
-        auto* place = free_place();
-        if (!place) end(*(place = silent_client()));
-        *place = std::make_unique<Peer>(_new_lines[i], true, *this, now);
+        int place = free_place();
+        if (place < 0) end(place = silent_client());
+        _parts->peers[place] = std::make_unique<Peer>(_new_lines[i], true, *this, now);
         _num_clients.fetch_add(1, std::memory_order_relaxed);
     }
     _num_new = 0;
     return true;
 }
 
-std::unique_ptr<Server::Peer>* Server::free_place() {
-    auto* const place = std::find(_peers, _peers + max_clients, nullptr);
-    return place == _peers + max_clients ? nullptr : place;
+/// -1 when there is none.
+int Server::free_place() const {
+    for (int i = 0; i < max_clients; ++i)
+        if (!_parts->peers[i]) return i;
+    return -1;
 }
 
-/// The connection that has been silent longest; null when all are lines.
-std::unique_ptr<Server::Peer>* Server::silent_client() {
-    std::unique_ptr<Peer>* found = nullptr;
-    for (auto& peer : _peers)
-        if (peer && !peer->line && (!found || peer->active < (*found)->active)) found = &peer;
+/// The connection that has been silent longest; -1 when all are lines.
+int Server::silent_client() const {
+    int found = -1;
+    for (int i = 0; i < max_clients; ++i) {
+        const Peer* const peer = _parts->peers[i].get();
+        if (peer && !peer->line && (found < 0 || peer->active < _parts->peers[found]->active)) found = i;
+    }
     return found;
 }
 
@@ -195,8 +209,8 @@ void Server::prepare(Waits& waits, int64_t now) {
     for (int i = 0; i < max_clients; ++i) {
         struct pollfd& wait = waits.fds[2 + i];
         wait = {-1, 0, 0};
-        if (!_peers[i]) continue;
-        const Peer& peer = *_peers[i];
+        if (!_parts->peers[i]) continue;
+        const Peer& peer = *_parts->peers[i];
         if (peer.again > 0) { // also when that is over already: what was asked before is there, and poll() silent
             waits.until(peer.again, now);
             continue;
@@ -259,8 +273,8 @@ bool Server::answer(Peer& peer, int64_t now) {
     }
 }
 
-void Server::end(std::unique_ptr<Peer>& peer) {
-    peer.reset();
+void Server::end(int place) {
+    _parts->peers[place].reset();
     _num_clients.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -270,15 +284,15 @@ void Server::accept_client(int64_t now) {
         if (!later(errno)) _listen_again = now + retry_ms; // no descriptor is free, for instance
         return;
     }
-    auto* place = free_place();
-    if (!place) {
+    int place = free_place();
+    if (place < 0) {
         place = silent_client();
-        if (place && now < (*place)->active + idle_ms) place = nullptr;
-        if (place) end(*place);
+        if (place >= 0 && now < _parts->peers[place]->active + idle_ms) place = -1;
+        if (place >= 0) end(place);
     }
     auto peer = std::make_unique<Peer>(fd, false, *this, now);
-    if (place) {
-        *place = std::move(peer);
+    if (place >= 0) {
+        _parts->peers[place] = std::move(peer);
         _num_clients.fetch_add(1, std::memory_order_relaxed);
         return;
     }

@@ -4,10 +4,8 @@
 #include "platform/Task.h"
 #include "util/Mutex.h"
 #include "util/api.h"
-#include "util/local_socket.h"
 #include <atomic>
 #include <cstdint>
-#include <memory>
 
 namespace CDS::Remote {
 
@@ -59,6 +57,7 @@ public:
 private:
     struct Peer;
     struct Waits;
+    struct Parts;
 
     bool start();
     static void* run(void* server);
@@ -67,15 +66,15 @@ private:
     void prepare(Waits& waits, int64_t now);
     bool look(Peer& peer, bool ready, int64_t now);
     bool answer(Peer& peer, int64_t now);
-    void end(std::unique_ptr<Peer>& peer);
+    void end(int place);
     void accept_client(int64_t now);
-    std::unique_ptr<Peer>* free_place();
-    std::unique_ptr<Peer>* silent_client();
+    int free_place() const;
+    int silent_client() const;
     void wake() const;
 
     Lookup_root& _root;
     const Write_rule _rule;
-    Util::Local_listener _listener; ///< of the thread that calls share()
+    Parts* const _parts; ///< owned
     Task _thread;
     int _wake_fd = -1; ///< set before the thread starts
 
@@ -87,7 +86,6 @@ private:
     int _num_lines KAV_GUARDED_BY(_mutex) = 0; ///< served or to be served
 
     // Of the server's thread:
-    std::unique_ptr<Peer> _peers[max_clients];
     int _listen_fd = -1;
     int64_t _listen_again = 0; ///< [ms] not looked at before
 
