@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 
 using namespace Recording;
 
@@ -47,7 +46,7 @@ unsigned int Recorder_data_stream::_write(unsigned char const* data, unsigned in
 
 void Recorder_data_stream::record(Kind kind, unsigned char const* data, uint32_t n) {
     if (n == 0 || !_recording) return;
-    const std::lock_guard<Mutex> held(_mutex);
+    const Scoped_lock held(_mutex);
     if (_format == raw) return put(data, n);
     // In one piece: what a power cut leaves is a whole record more often.
     unsigned char piece[record_head_size + max_record_size];
