@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <benchmark/benchmark.h>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
 #include <time.h>
+#include <type_traits>
 #include <vector>
 #ifdef KAV_PEER_ASIO
 #include <asio.hpp>
@@ -47,7 +49,7 @@ public:
     template <class Function>
     void on_loop(Function f) {
         _job = f;
-        waiter.send_event({1, 1, 0}, false, false);
+        if (waiter.send_event({1026, 1, 0}, false, false) != 0) abort();
         _done.acquire();
     }
     void begin() {
@@ -252,6 +254,7 @@ void add(const char* name) {
                   {"dispatch", timers<Queue, dispatch>}};
     for (const auto& p : phases) {
         for (int n : {100, 1000, 10000, 100000}) {
+            if (n == 100000 && std::is_same_v<Queue, Qt_timers>) continue; // takes it seconds
             benchmark::RegisterBenchmark((std::string(p.name) + "/" + name).c_str(), p.run)
                 ->Arg(n)
                 ->UseManualTime()

@@ -18,8 +18,13 @@ function(kav_optimise target)
     endif()
     set(released $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
     target_compile_options(${target} PRIVATE "$<${released}:-fno-semantic-interposition;-ffunction-sections;-fdata-sections>"
-        # What unwinds through a handler's caller ends the process there, as it always does on 32-bit ARM.
+        # Nothing unwinds through a library without exceptions, but debuggers do: an exception that leaves a handler ends the
+        # process there, as it does on 32-bit ARM in any build.
         "$<$<CONFIG:MinSizeRel>:-fno-asynchronous-unwind-tables;-fno-unwind-tables>")
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL OBJECT_LIBRARY)
+        return()
+    endif()
     target_link_options(${target} PRIVATE "$<${released}:-Wl,-Bsymbolic-functions;-Wl,--gc-sections>")
     if(KAV_HAS_PACKED_RELOCATIONS)
         target_link_options(${target} PRIVATE "$<${released}:-Wl,-z,pack-relative-relocs>")

@@ -2,6 +2,7 @@
 // What objects of the library take of a machine's memory: themselves, what they get from the heap when they are put to
 // work, and how much of their thread's stack everyday work has touched.
 #include "glue/NV_store/NV_number.h"
+#include "glue/NV_store/NV_root.h"
 #include "glue/cds/CDS_events.h"
 #include "glue/data_stream/File_checksummed_data_stream.h"
 #include "glue/data_stream/PCFile_data_stream.h"
@@ -23,6 +24,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <memory>
+#include <mutex>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -93,6 +95,36 @@ void row_of_open(const char* what) {
     row(what, sizeof file, heap() - before);
 }
 
+/// One of many: what the first takes besides is theirs in common.
+void row_of_setting() {
+    NV_store::NV_root root(nullptr, 1, "root");
+    constexpr int n = 100;
+    std::vector<std::unique_ptr<NV_store::NV_int32>> settings(n);
+    const auto make = [&](int i) {
+        settings[static_cast<size_t>(i)] =
+            std::make_unique<NV_store::NV_int32>(&root, static_cast<unsigned short>(i), "setting");
+    };
+    make(0);
+    const size_t before = heap();
+    for (int i = 1; i < n; ++i) make(i);
+    // The object itself came from the heap, too.
+    const size_t object = malloc_usable_size(settings[0].get());
+    row("number among the settings", sizeof(NV_store::NV_int32), (heap() - before) / (n - 1) - object);
+}
+
+/// Ranges until the registry is full, and its 24,576 bytes shared among them.
+void row_of_registration() {
+    static unsigned char block[1 << 16];
+    CDS::Head& head = *new CDS::Head(&Diner_info_list::get(), 0);
+    static waiter_descriptor waiter;
+    waiter.init(&Diner_info_list::get());
+    int ranges = 0;
+    const std::lock_guard<Mutex> guard(head);
+    while (head.event_register(&waiter, ranges * 8, 8, CDS::reg_value, ranges, nullptr, nullptr) == 0) ++ranges;
+    row("registration for changes of data, of a range of its own", 0, 24576 / static_cast<size_t>(ranges));
+    printf("| of these as many as the registry holds: %d | | |\n", ranges);
+}
+
 } // namespace
 
 int main() {
@@ -139,8 +171,8 @@ int main() {
     JIN_inbox inbox(node, nullptr, {JIN::pgn_request});
     row("inbox of a node", sizeof inbox, heap() - before);
     row("parser of the receiver's messages", sizeof(Vorn_parser));
-    row("number among the settings", sizeof(NV_store::NV_int32));
-    row("registration for changes of data", sizeof(CDS::Event_node));
+    row_of_setting();
+    row_of_registration();
     printf("\nStack of a diner's thread: %zu KiB reserved, %zu KiB touched after it has printed a message.\n",
            stack.reserved / 1024, stack.touched / 1024);
     fflush(stdout);
