@@ -12,6 +12,9 @@
 /// | handler_end | name of the diner |
 #ifdef KAV_USDT
 #include <sys/sdt.h>
+#ifdef __clang__ // the system's macros end in a comma and nothing where a probe has no further argument
+#pragma clang diagnostic ignored "-Wgnu-zero-variadic-macro-arguments"
+#endif
 #define KAV_PROBE1(name, a) DTRACE_PROBE1(kavqtglue, name, a)
 #define KAV_PROBE3(name, a, b, c) DTRACE_PROBE3(kavqtglue, name, a, b, c)
 #define KAV_PROBE4(name, a, b, c, d) DTRACE_PROBE4(kavqtglue, name, a, b, c, d)
