@@ -11,7 +11,8 @@ class Hidden {
 public:
     template <class... Arguments>
     explicit Hidden(Arguments&&... arguments) {
-        static_assert(sizeof(T) <= size && alignof(T) <= size, "more room than the header has");
+        static_assert(sizeof(T) <= size, "more room than the header has");
+        static_assert(alignof(T) <= size, "more alignment than the header has");
         new (_bytes) T(std::forward<Arguments>(arguments)...);
     }
     ~Hidden() { (*this)->~T(); }
