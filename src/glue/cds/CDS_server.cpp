@@ -229,11 +229,7 @@ bool Server::look(Peer& peer, bool ready, int64_t now) {
     Responder& responder = peer.responder;
     if ((ready || paused) && responder.num_pending() == 0 && responder.room() > 0) {
         const ssize_t got = ::read(peer.fd, responder.place(), static_cast<size_t>(responder.room()));
-        if (got == 0 || (got < 0 && !later(errno))) {
-            peer.hung_up = peer.line;
-            peer.again = now + retry_ms;
-            return peer.line;
-        }
+        if (got == 0 || (got < 0 && !later(errno))) return hang_up(peer, now);
         peer.hung_up = false;
         if (got > 0) {
             responder.received(static_cast<int>(got));
@@ -244,13 +240,22 @@ bool Server::look(Peer& peer, bool ready, int64_t now) {
     return answer(peer, now);
 }
 
+/// A line is tried again, and not before, as poll() would return at once; what was pending is for nobody. False: the
+/// end.
+bool Server::hang_up(Peer& peer, int64_t now) {
+    peer.responder.sent(peer.responder.num_pending());
+    peer.hung_up = peer.line;
+    peer.again = now + retry_ms;
+    return peer.line;
+}
+
 /// Answer what has been asked, as long as the client takes it and its share lasts; false at its end.
 bool Server::answer(Peer& peer, int64_t now) {
     Responder& responder = peer.responder;
     for (;;) {
         while (responder.num_pending() > 0) {
             const ssize_t done = put(peer.fd, responder.pending(), responder.num_pending());
-            if (done <= 0) return later(errno) || peer.line;
+            if (done <= 0) return later(errno) || hang_up(peer, now);
             responder.sent(static_cast<int>(done));
             peer.active = now;
         }

@@ -66,6 +66,7 @@ private:
     void prepare(Waits& waits, int64_t now);
     bool look(Peer& peer, bool ready, int64_t now);
     bool answer(Peer& peer, int64_t now);
+    bool hang_up(Peer& peer, int64_t now);
     void end(int place);
     void accept_client(int64_t now);
     int free_place() const;
