@@ -47,7 +47,8 @@ void Diner_info::test_lock() {
 int64_t Diner_info::handler_age_ns() const {
     const uint64_t since = handler_since.load(std::memory_order_acquire);
     if (since == 0) return 0;
-    return std::max<int64_t>(1, static_cast<int64_t>(static_cast<double>(Util::ticks() - since) * Util::ns_per_tick()));
+    const auto age = static_cast<int64_t>(Util::ticks() - since); // another core's counter may be behind
+    return std::max<int64_t>(1, static_cast<int64_t>(static_cast<double>(age) * Util::ns_per_tick()));
 }
 
 bool Diner_info::is_running() const { return diner.state.load(std::memory_order_acquire) == Diner::state_run; }

@@ -16,6 +16,7 @@ public:
     /// [ticks], see util/ticks.h. `weight`: of how many alike it is the one that was measured.
     void add(uint64_t ticks, uint32_t weight = 1) {
         constexpr auto relaxed = std::memory_order_relaxed;
+        if (static_cast<int64_t>(ticks) < 0) ticks = 0; // counters of two cores may differ by a few
         if (_restart.load(relaxed)) restart();
         _count.store(_count.load(relaxed) + weight, relaxed);
         _sum.store(_sum.load(relaxed) + ticks * weight, relaxed);
