@@ -70,7 +70,7 @@ const char* Trace_data::take(const QByteArray& line) {
         take_begin(event, arguments, at, thread);
         break;
     case 'E':
-        take_end(at, thread);
+        take_end(arguments, at, thread);
         break;
     case 'X':
     case 'i':
@@ -130,12 +130,14 @@ void Trace_data::take_begin(const QJsonObject& event, const QJsonObject& argumen
     handlers.push_back(std::move(h));
 }
 
-void Trace_data::take_end(double at, uint32_t thread) {
+void Trace_data::take_end(const QJsonObject& arguments, double at, uint32_t thread) {
     const auto open = _open.find(thread);
     if (open == _open.end() || open->second.empty()) return;
     const int h = open->second.back();
     open->second.pop_back();
-    if (h != no_handler) handlers[static_cast<size_t>(h)].end = std::max(at, handlers[static_cast<size_t>(h)].begin);
+    if (h == no_handler) return;
+    Handler& handler = handlers[static_cast<size_t>(h)];
+    handler.end = arguments.contains("lost") ? lost : std::max(at, handler.begin);
 }
 
 void Trace_data::take_post(const QJsonObject& event, const QJsonObject& arguments, double at, uint32_t thread) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -17,9 +18,11 @@ public:
     struct Handler {
         int diner;                     ///< index into `diners`
         double begin, end = not_ended; ///< [us]
-        double wait = not_known;       ///< [us] since the post
-        int post = -1;                 ///< index into `posts`, -1: not known
-        int late_ms = 0;               ///< [ms] of a timeout
+        /// Where it ended, if it had to by `now`. One whose end was lost tells nothing, and is taken for very short.
+        double ended(double now) const { return end == not_ended ? now : std::max(begin, end); }
+        double wait = not_known; ///< [us] since the post
+        int post = -1;           ///< index into `posts`, -1: not known
+        int late_ms = 0;         ///< [ms] of a timeout
         bool timeout;
         std::string name; ///< as the trace calls it
     };
@@ -33,7 +36,7 @@ public:
         unsigned events = 0, timeouts = 0, refused = 0, dropped = 0;
         int longest_queue = 0;
     };
-    static constexpr double not_ended = -1, not_known = -1;
+    static constexpr double not_ended = -1, lost = -2, not_known = -1;
 
     /// Read a file to its end. Null, or what is wrong with it; what stood before that is kept.
     const char* read(FILE* file);
@@ -57,7 +60,7 @@ private:
     const char* take(const QByteArray& line);
     void take_metadata(const QJsonObject& event, const QJsonObject& arguments);
     void take_begin(const QJsonObject& event, const QJsonObject& arguments, double at, uint32_t thread);
-    void take_end(double at, uint32_t thread);
+    void take_end(const QJsonObject& arguments, double at, uint32_t thread);
     void take_post(const QJsonObject& event, const QJsonObject& arguments, double at, uint32_t thread);
     int diner(const QJsonObject& arguments);
 

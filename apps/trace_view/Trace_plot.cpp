@@ -58,7 +58,7 @@ public:
 private:
     double x(double at) const { return left + (std::clamp(at, _from, _to) - _from) * _scale; }
     double y(uint32_t thread) const { return top + row_height * (_rows.at(thread) + 0.5); }
-    bool shown(const Trace_data::Handler& h) const { return h.begin <= _to && (h.end < 0 || h.end >= _from); }
+    bool shown(const Trace_data::Handler& h) const { return h.begin <= _to && h.ended(_to) >= _from; }
     uint32_t row_thread(const Trace_data::Handler& h) const {
         return _trace.diners[static_cast<size_t>(h.diner)].thread;
     }
@@ -77,7 +77,9 @@ private:
     void draw_axis(double bottom) const {
         const double wanted = (_to - _from) / 6, power = pow(10, floor(log10(wanted)));
         const double step = (wanted >= 5 * power ? 5 : wanted >= 2 * power ? 2 : 1) * power;
-        for (double at = ceil(_from / step) * step; at <= _to; at += step) {
+        constexpr int most = 20; // far from 0 a step may be less than a number can tell
+        double at = ceil(_from / step) * step;
+        for (int i = 0; i < most && at <= _to; ++i, at += step) {
             fprintf(_out,
                     "<path d=\"M%.1f,%.0f V%.0f\" stroke=\"#ddd\"/><text x=\"%.1f\" y=\"%.0f\" "
                     "text-anchor=\"middle\">%.10g ms</text>\n",
@@ -100,8 +102,8 @@ private:
         size_t bars = 0;
         for (const Trace_data::Handler& h : _trace.handlers) {
             if (!shown(h) || !_rows.count(row_thread(h))) continue;
-            const bool open = h.end < 0;
-            const double begin = x(h.begin), end = std::max(x(open ? _to : h.end), begin + 1);
+            const bool open = h.end == Trace_data::not_ended;
+            const double begin = x(h.begin), end = std::max(x(h.ended(_to)), begin + 1);
             double& up_to = drawn[static_cast<size_t>(h.diner)];
             if (end < up_to + least_apart || ++bars > most_bars) continue;
             up_to = end;
@@ -112,7 +114,7 @@ private:
                     open        ? open_colour
                     : h.timeout ? timeout_colour
                                 : event_colour,
-                    escaped(h.name).c_str(), (open ? _trace.end : h.end) - h.begin, open ? ", still running" : "");
+                    escaped(h.name).c_str(), h.ended(_trace.end) - h.begin, open ? ", still running" : "");
         }
     }
 

@@ -22,15 +22,12 @@ struct Figures {
     double mean = 0, p99 = 0, worst = 0;
 };
 
-void print_diner(const Trace_data& trace, size_t index) {
-    const Trace_data::Diner& d = trace.diners[index];
-    std::vector<double> lengths, waits;
-    for (const Trace_data::Handler& h : trace.handlers) {
-        if (static_cast<size_t>(h.diner) != index) continue;
-        if (h.end >= 0) lengths.push_back(h.end - h.begin);
-        if (h.wait >= 0) waits.push_back(h.wait);
-    }
-    const Figures handler(std::move(lengths)), wait(std::move(waits));
+struct Times {
+    std::vector<double> lengths, waits; ///< [us]
+};
+
+void print_diner(const Trace_data::Diner& d, Times& times) {
+    const Figures handler(std::move(times.lengths)), wait(std::move(times.waits));
     printf("%-12s %7u %8u %9.1f %9.1f %9.1f %9.1f %9.1f %9.1f %6d %8u\n",
            d.name.empty() ? "(no diner)" : d.name.c_str(), d.events, d.timeouts, handler.mean, handler.p99,
            handler.worst, wait.mean, wait.p99, wait.worst, d.longest_queue, d.refused);
@@ -44,9 +41,10 @@ void print_list(const Trace_data& trace, const char* heading, Handlers all, Befo
     std::partial_sort(all.begin(), all.begin() + static_cast<long>(n), all.end(), before);
     for (size_t i = 0; i < n; ++i) {
         const Trace_data::Handler& h = *all[i];
-        const bool ended = h.end >= 0;
-        printf("%12.6f %12.1f %8d  %s%s\n", h.begin / 1e6, (ended ? h.end : trace.end) - h.begin, h.late_ms,
-               h.name.c_str(), ended ? "" : ", still running");
+        printf("%12.6f %12.1f %8d  %s%s\n", h.begin / 1e6, h.ended(trace.end) - h.begin, h.late_ms, h.name.c_str(),
+               h.end == Trace_data::not_ended ? ", still running"
+               : h.end == Trace_data::lost    ? ", its end is lost"
+                                              : "");
     }
 }
 
@@ -60,11 +58,15 @@ void print_report(const Trace_data& trace) {
     printf("Bytes lost by streams %lld.\n", static_cast<long long>(trace.bytes_lost));
     puts("\n                              Handler [us]                  Post to handler [us]        Longest\n"
          "Diner         Events Timeouts      mean       p99     worst      mean       p99     worst  queue  refused");
-    for (size_t i = 0; i < trace.diners.size(); ++i) print_diner(trace, i);
+    std::vector<Times> times(trace.diners.size());
+    for (const Trace_data::Handler& h : trace.handlers) {
+        Times& t = times[static_cast<size_t>(h.diner)];
+        if (h.end >= 0) t.lengths.push_back(h.end - h.begin);
+        if (h.wait >= 0) t.waits.push_back(h.wait);
+    }
+    for (size_t i = 0; i < times.size(); ++i) print_diner(trace.diners[i], times[i]);
 
-    const auto length = [&trace](const Trace_data::Handler* h) {
-        return (h->end >= 0 ? h->end : trace.end) - h->begin;
-    };
+    const auto length = [&trace](const Trace_data::Handler* h) { return h->ended(trace.end) - h->begin; };
     Handlers all, late;
     for (const Trace_data::Handler& h : trace.handlers) {
         all.push_back(&h);

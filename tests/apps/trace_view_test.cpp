@@ -54,6 +54,12 @@ TEST(trace_view, tells_of_each_diner_and_draws) {
     const std::string later = read_file(picture);
     EXPECT_EQ(later.find("2000/1"), std::string::npos) << "not in that span";
     EXPECT_NE(later.find("still running"), std::string::npos);
+    // A span of less than what a number so far from 0 can tell, and a handler whose end was not recorded.
+    const Child_result far =
+        run_program(TRACE_VIEW, {"-", "--plot", "/dev/null", "--from", "999999999", "--to", "999999999.0000001"},
+                    head + handler(0, 1) + event("E", 9e6, 8, ",\"args\":{\"lost\":1}") + "\n]\n");
+    EXPECT_EQ(far.end(), "0 ");
+    EXPECT_NE(far.out.find("    0.000000          0.0        0  PUMP 2000/1, its end is lost\n"), std::string::npos);
 }
 
 TEST(trace_view, says_in_one_line_what_is_wrong) {

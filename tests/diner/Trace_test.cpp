@@ -140,6 +140,12 @@ TEST(Trace, keeps_what_a_program_says_and_escapes_it) {
     Trace::put(Trace::span_end, 0, 0, 0);
     Trace::put(Trace::bytes_lost, 0, 12, Trace::short_name("/dev/ttyUSB0"));
     EXPECT_EQ(summary(events_of(written())), "i bytes lost /ttyUSB0\n" + std::string());
+    Trace::start(); // a handler and a span in it whose ends are missing, and an end without its begin
+    for (const Trace::Kind k : {Trace::handler_begin, Trace::span_begin, Trace::handler_begin, Trace::handler_end,
+                                Trace::handler_end, Trace::span_begin, Trace::handler_end})
+        Trace::put(k, 0, 1, 0);
+    EXPECT_EQ(summary(events_of(written())), "B  0/0\nB  1\nE \nE \nB  0/0\nE \nB  1\n");
+    EXPECT_EQ(Trace::counts().recorded, 7u);
 }
 
 /// Threads fill the ring over and over while others write it out: what is written is whole, and in each thread's order.

@@ -70,14 +70,8 @@ void Trace_json::begin(const Trace::Counts& counts, uint64_t kept) {
 }
 
 void Trace_json::write_record(const Trace_record& r) {
-    if (Thread* const t = thread(r.thread)) {
-        // What ends here began before the oldest record.
-        const bool ends = r.kind == Trace::handler_end || r.kind == Trace::span_end;
-        if (ends && t->depth == 0) return;
-        const bool begins =
-            r.kind == Trace::handler_begin || r.kind == Trace::timeout_begin || r.kind == Trace::span_begin;
-        t->depth += begins - ends;
-    }
+    Thread* const t = thread(r.thread);
+    if (t && !nest(*t, r)) return;
     switch (r.kind) {
     case Trace::event_posted:
     case Trace::event_merged:
@@ -93,6 +87,42 @@ void Trace_json::write_record(const Trace_record& r) {
         return write_diner_event(r);
     default:
         return write_other(r);
+    }
+}
+
+/// Keep account of what is open on a thread, whose handlers run one after the other. False for an end without a begin:
+/// that was overwritten, or not recorded.
+bool Trace_json::nest(Thread& t, const Trace_record& r) {
+    switch (r.kind) {
+    case Trace::handler_begin:
+    case Trace::timeout_begin:
+        if (t.handler >= 0) end_lost(t, r, t.handler);
+        t.handler = t.depth++;
+        return true;
+    case Trace::handler_end:
+        if (t.handler < 0) return false;
+        end_lost(t, r, t.handler + 1);
+        t.depth = t.handler;
+        t.handler = -1;
+        return true;
+    case Trace::span_begin:
+        ++t.depth;
+        return true;
+    case Trace::span_end:
+        if (t.depth == (t.handler >= 0 ? t.handler + 1 : 0)) return false;
+        --t.depth;
+        return true;
+    default:
+        return true;
+    }
+}
+
+/// What is open above a depth has ended, nobody knows when: it was not recorded.
+void Trace_json::end_lost(Thread& t, const Trace_record& r, int32_t depth) {
+    for (; t.depth > depth; --t.depth) {
+        open(r, 'E');
+        argument("lost", 1);
+        close();
     }
 }
 
@@ -246,7 +276,7 @@ Trace_json::Thread* Trace_json::thread(uint32_t id) {
         if (_threads[i].id == id) return &_threads[i];
     if (_num_threads == max_threads) return nullptr;
     Thread* const added = &_threads[_num_threads++];
-    *added = {id, 0};
+    *added = {id, 0, -1};
     char task[16];
     name_of_task(id, task);
     const char* const diner = _names.name_of_thread(id);

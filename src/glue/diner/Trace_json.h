@@ -27,11 +27,14 @@ private:
     /// What is known of a thread that a record named.
     struct Thread {
         uint32_t id;
-        int32_t depth; ///< of open spans
+        int32_t depth;   ///< of open spans, handlers included
+        int32_t handler; ///< depth at which one is open; -1: none
     };
 
     void begin(const Trace::Counts& counts, uint64_t kept);
     void write_record(const Trace_record& r);
+    bool nest(Thread& t, const Trace_record& r);
+    void end_lost(Thread& t, const Trace_record& r, int32_t depth);
     void write_post(const Trace_record& r);
     void write_handler(const Trace_record& r);
     void write_diner_event(const Trace_record& r);
