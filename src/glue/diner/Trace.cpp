@@ -90,7 +90,14 @@ int dump(uint64_t last, int64_t limit_ns) {
     return error;
 }
 
-void dump_at_abort() { dump(abort_records, abort_limit_ns); }
+/// Of another thread that writes just now the process would leave half a file.
+void dump_at_abort() {
+    const int64_t end = monotonic_ns() + abort_limit_ns;
+    for (int64_t left = abort_limit_ns; left > 0 && dump(abort_records, left) == EBUSY; left = end - monotonic_ns()) {
+        const struct timespec pause = {0, 1000000};
+        nanosleep(&pause, nullptr);
+    }
+}
 
 void dump_on_signal(int) {
     const int error = errno;
@@ -163,6 +170,7 @@ bool Trace::at_abort(const char* path) {
     }
     if (length) memcpy(dump_path, path, length);
     dump_path[length] = 0;
+    Trace_names::get(); // made now: an end may come where nothing can be
     dumping.clear(std::memory_order_release);
     Util::set_last_act(length ? dump_at_abort : nullptr);
     return true;
@@ -174,6 +182,7 @@ bool Trace::write_on_signal(int signal) {
     struct sigaction action = {};
     action.sa_handler = dump_on_signal;
     action.sa_flags = SA_RESTART;
+    Trace_names::get(); // made now: the handler cannot
     return sigaction(signal, &action, nullptr) == 0;
 }
 

@@ -52,14 +52,15 @@ bool Trace_ring::read(uint64_t number, Trace_record& r) const {
 }
 
 uint64_t Trace_ring::begin(uint64_t end) const {
-    const uint64_t first = _first.load(std::memory_order_relaxed);
+    // Forgotten since `end` was read, the first may lie behind it.
+    const uint64_t first = std::min(_first.load(std::memory_order_relaxed), end);
     return end - first > _mask + 1 ? end - (_mask + 1) : first;
 }
 
 Trace::Counts Trace_ring::counts() const {
     Trace::Counts c;
     const uint64_t last = end();
-    c.recorded = last - _first.load(std::memory_order_relaxed);
+    c.recorded = last - std::min(_first.load(std::memory_order_relaxed), last);
     c.overwritten = c.recorded > _mask + 1 ? c.recorded - (_mask + 1) : 0;
     c.dropped = _dropped.load(std::memory_order_relaxed);
     return c;

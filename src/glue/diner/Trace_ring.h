@@ -42,7 +42,10 @@ public:
 
     void put(const Trace_record& r);
     /// What is read from now on was put from now on.
-    void forget() { _first.store(_next.load(std::memory_order_relaxed), std::memory_order_relaxed); }
+    void forget() {
+        _dropped.store(0, std::memory_order_relaxed);
+        _first.store(_next.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    }
     Trace::Counts counts() const;
 
     /// The records that are kept have the numbers from begin() to end().
