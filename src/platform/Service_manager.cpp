@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "platform/Service_manager.h"
+#include "util/Debug_print.h"
 #include "util/local_socket.h"
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -26,9 +28,13 @@ Service_manager::Service_manager()
 
 Service_manager::Service_manager(const char* notify_socket, const char* watchdog_usec, const char* watchdog_pid) {
     struct sockaddr_un address;
+    if (!notify_socket || !*notify_socket) return;
+    errno = EAFNOSUPPORT;
     // A place or a name that is in no file system, and nothing that would be looked for in the current folder.
-    if (!notify_socket || (*notify_socket != '/' && *notify_socket != '@')) return;
-    if (Util::local_address(notify_socket, address) == 0) return;
+    if ((*notify_socket != '/' && *notify_socket != '@') || Util::local_address(notify_socket, address) == 0) {
+        Debug_print::try_print("Service_manager: cannot speak to %s: %s\n", notify_socket, strerror(errno));
+        return;
+    }
     _fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (_fd < 0) return;
     _socket = notify_socket;

@@ -15,7 +15,7 @@
 class KAV_API Service_manager final : public Watchdog {
 public:
     /// Reads the variables NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID: nothing else of the library looks into the
-    /// environment.
+    /// environment. A socket that cannot be spoken to is told of in a line on the debug output, and left alone.
     Service_manager();
     /// The same by hand; each may be null, as a variable that is not set.
     Service_manager(const char* notify_socket, const char* watchdog_usec, const char* watchdog_pid);

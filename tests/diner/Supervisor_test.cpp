@@ -227,6 +227,11 @@ TEST(Service_manager, is_told_by_datagrams_where_there_is_one) {
         EXPECT_EQ(manager.feed(), *row.told == 0) << "it has gone";
         unlink(place.c_str());
     }
+    const std::pair<std::string, const char*> unusable[] = {{"vsock:2:1", "Address family not supported by protocol"},
+                                                            {"/" + std::string(107, 'x'), "File name too long"}};
+    for (const auto& [socket, reason] : unusable)
+        EXPECT_EQ(debug_text([&s = socket] { EXPECT_TRUE(Service_manager(s.c_str(), nullptr, nullptr).ready()); }),
+                  "Service_manager: cannot speak to " + socket + ": " + reason + "\n");
 }
 
 TEST(Device_watchdog, is_opened_where_it_is_one) {
