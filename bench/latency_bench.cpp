@@ -168,6 +168,10 @@ void take_turn(Contender& c, int bytes, std::mt19937& random) {
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     const int turns = argc > 1 ? atoi(argv[1]) : 12;
+    if (turns <= 0) {
+        fputs("usage: latency_bench [turns of 250 bytes each (12)]\n", stderr);
+        return 2;
+    }
     std::mt19937 random(1);
     for (const bool busy : {false, true}) {
         std::atomic<bool> stop{false};
