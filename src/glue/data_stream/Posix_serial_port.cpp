@@ -121,8 +121,12 @@ bool Posix_serial_port::init_opened(const char* path, bool& claimed) {
 }
 
 void Posix_serial_port::release_claim() {
-    // A pseudo-terminal would stay exclusive as long as its other end is open.
-    if (_has_claim && get_fd() >= 0) ioctl(get_fd(), TIOCNXCL);
+    if (get_fd() >= 0) {
+        // A pseudo-terminal would stay exclusive as long as its other end is open, and the lock be held for the moment
+        // in which a reader thread that was woken still waits for the descriptor.
+        if (_has_claim) ioctl(get_fd(), TIOCNXCL);
+        if (_exclusive || _has_claim) flock(get_fd(), LOCK_UN);
+    }
     _has_claim = false;
 }
 
