@@ -222,23 +222,6 @@ TEST(CDS_server, finds_a_line_in_step_again_after_garbage_and_a_hang_up) {
         }));
         EXPECT_EQ(server.num_clients(), 1);
     }
-    int sockets[2];
-    for (uint32_t before = server.num_answers(), last = 0; last < 2; ++last) {
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
-        EXPECT_TRUE(wait_until([&] {
-            clock.advance(Server::retry_ms);
-            return server.num_clients() == 1;
-        }));
-        ASSERT_TRUE(server.serve(sockets[0]));
-        if (last) break;
-        const std::string request = frame('?', "");
-        ASSERT_EQ(write(sockets[1], request.data(), request.size()), static_cast<ssize_t>(request.size()));
-        close(sockets[1]); // before its answer
-        EXPECT_TRUE(wait_until([&] { return server.num_answers() == before + 1; }));
-    }
-    Looker looker(sockets[1]);
-    EXPECT_EQ(looker.speed(s), "\2\1");
-    EXPECT_EQ(server.num_clients(), 1) << "who hung up makes room";
 }
 
 } // namespace
