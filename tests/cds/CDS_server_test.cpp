@@ -224,4 +224,23 @@ TEST(CDS_server, finds_a_line_in_step_again_after_garbage_and_a_hang_up) {
     }
 }
 
+TEST(CDS_server, a_line_that_hung_up_with_its_answer_unsent_makes_room_for_the_next) {
+    Manual_clock clock; // stands still, so that the line is not looked at again
+    Served s;
+    Server server(s.items.root);
+    int gone[2], next[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, gone), 0);
+    ASSERT_EQ(shutdown(gone[1], SHUT_RD), 0); // the answer fails, whenever it comes
+    ASSERT_TRUE(server.serve(gone[0]));
+    const std::string request = frame('?', "");
+    ASSERT_EQ(write(gone[1], request.data(), request.size()), static_cast<ssize_t>(request.size()));
+    EXPECT_TRUE(wait_until([&] { return server.num_answers() == 1; }));
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, next), 0);
+    ASSERT_TRUE(server.serve(next[0]));
+    Looker looker(next[1]);
+    EXPECT_EQ(looker.speed(s), "\2\1");
+    EXPECT_EQ(server.num_clients(), 1);
+    close(gone[1]);
+}
+
 } // namespace
