@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: MIT
 //
 // What tracing costs: a record while it is on, beside what it cannot be had for less (the clock and a copy of as many
-// bytes); a post of an event with tracing off and on. The time is that of the processor.
+// bytes); a post of an event with tracing off and on, to nobody and to a thread that it wakes. The time is that of the
+// processor, of the post that wakes somebody the wall clock's.
 #include "glue/diner/Trace.h"
 #include "glue/diner/waiter_descriptor.h"
 #include "util/ticks.h"
+#include <atomic>
 #include <benchmark/benchmark.h>
 #include <chrono>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <thread>
 
 namespace {
 
@@ -85,6 +88,31 @@ void post(benchmark::State& state, uint32_t kinds) {
 }
 BENCHMARK_CAPTURE(post, off, 0)->UseManualTime();
 BENCHMARK_CAPTURE(post, on, Trace::all_kinds)->UseManualTime();
+
+/// A post that wakes the thread which sleeps at the waiter.
+void post_wakes(benchmark::State& state, uint32_t kinds) {
+    auto pool = std::make_unique<module_man>();
+    waiter_descriptor waiter;
+    waiter.init(pool.get());
+    std::atomic<int> taken{0};
+    std::thread taker([&] {
+        for (waiter_event e; e.id != -1; ++taken) waiter.get_event(&e);
+    });
+    Trace::start(records, kinds);
+    int posted = 0;
+    for (auto _ : state) {
+        while (taken.load() != posted) std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::microseconds(150)); // it sleeps again meanwhile
+        const uint64_t begin = Util::ticks();
+        waiter.send_event({1026, posted++, 0}, false, false);
+        state.SetIterationTime(static_cast<double>(Util::ticks() - begin) * Util::ns_per_tick() / 1e9);
+    }
+    Trace::stop();
+    waiter.send_event({1026, -1, 0}, false, false);
+    taker.join();
+}
+BENCHMARK_CAPTURE(post_wakes, off, 0)->UseManualTime()->Iterations(5000);
+BENCHMARK_CAPTURE(post_wakes, on, Trace::all_kinds)->UseManualTime()->Iterations(5000);
 
 } // namespace
 
