@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+class Svg;
+
 /// Values over time as a picture: a panel for each, one below the other, with one axis of time. Not locked.
 class Value_plot {
 public:
@@ -15,14 +17,14 @@ public:
     /// Nothing is known of what comes between the samples before and behind.
     void interrupt() { _interrupted = true; }
     bool empty() const { return _times.empty(); }
-    void draw(FILE* out) const;
+    void draw(FILE* file) const;
 
 private:
     struct Scale;
 
     void thin_out();
-    void draw_panel(FILE* out, size_t n, double top) const;
-    void draw_axis(FILE* out, double top) const;
+    void draw_panel(Svg& out, size_t n, double top) const;
+    void draw_axis(Svg& out, double top) const;
     double x(double seconds) const;
 
     const std::vector<std::string> _names;

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "Track_plot.h"
-#include "util/api.h"
-#include "util/number_text.h"
+#include "svg/Svg.h"
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstdarg>
 
 namespace {
 
@@ -32,16 +30,6 @@ constexpr struct {
              {"#000000", "m-4,-4 h8 v8 h-8 z"},
              {"#e377c2", "m0,-6 l6,6 l-6,6 l-6,-6 z"},
              {"#1a55ff", "m0,6 l5,-10 h-10 z"}};
-
-/// Numbers in the C locale, whatever the process's.
-KAV_PRINTF(2, 3) void put(FILE* out, const char* fmt, ...) {
-    char text[256];
-    va_list args;
-    va_start(args, fmt);
-    Util::vformat(text, sizeof text, fmt, args);
-    va_end(args);
-    fputs(text, out);
-}
 
 } // namespace
 
@@ -118,63 +106,57 @@ bool Track_plot::write(const char* path) const {
     return fclose(out) == 0 && written;
 }
 
-void Track_plot::draw(FILE* out) const {
+void Track_plot::draw(FILE* file) const {
     const Map map(_track);
     const auto lines = static_cast<double>(_fixes.size() + _happened.size());
     const double height = map.height + line_height * (lines + 1);
-    put(out, "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" viewBox=\"0 0 %.0f %.0f\" ",
-        width, height, width, height);
-    put(out, "font-family=\"sans-serif\" font-size=\"15\">\n<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n");
+    Svg out(file, width, height, 15);
     draw_track(out, map);
     draw_marks(out, map);
     draw_legend(out, map);
-    put(out, "</svg>\n");
 }
 
 /// One line for each stretch of one kind of solution; it goes on to where the next one begins.
-void Track_plot::draw_track(FILE* out, const Map& map) const {
-    for (size_t i = 0; i < _track.size();) {
-        put(out, "<polyline fill=\"none\" stroke-width=\"2.5\" stroke-linejoin=\"round\" stroke=\"%s\"%s points=\"",
-            fix_colour(_track[i].fix), fix_dashes(_track[i].fix));
+void Track_plot::draw_track(Svg& out, const Map& map) const {
+    for (size_t i = 0; i < _track.size(); ++i) {
         const int fix = _track[i].fix;
-        for (; i < _track.size() && _track[i].fix == fix; ++i)
-            put(out, "%.1f,%.1f ", map.x(_track[i]), map.y(_track[i]));
-        if (i < _track.size()) put(out, "%.1f,%.1f", map.x(_track[i]), map.y(_track[i]));
-        put(out, "\"/>\n");
+        const std::string look = std::string("stroke-width=\"2.5\" stroke-linejoin=\"round\" stroke=\"") +
+                                 fix_colour(fix) + "\"" + fix_dashes(fix);
+        out.line_to(map.x(_track[i]), map.y(_track[i]), look);
+        if (i + 1 < _track.size() && _track[i + 1].fix == fix) continue;
+        if (i + 1 < _track.size()) out.line_to(map.x(_track[i + 1]), map.y(_track[i + 1]), look);
+        out.end_line();
     }
-    put(out, "<circle cx=\"%.1f\" cy=\"%.1f\" r=\"4\" fill=\"black\"><title>start</title></circle>\n",
-        map.x(_track.front()), map.y(_track.front()));
+    out.put("<circle cx=\"%.1f\" cy=\"%.1f\" r=\"4\" fill=\"black\"><title>start</title></circle>\n",
+            map.x(_track.front()), map.y(_track.front()));
 }
 
-void Track_plot::draw_mark(FILE* out, double x, double y, const std::string& what) const {
+void Track_plot::draw_mark(Svg& out, double x, double y, const std::string& what) const {
     const auto& mark = marks[std::distance(_happened.begin(), _happened.find(what)) % 4];
-    put(out, "<path d=\"M%.1f,%.1f %s\" fill=\"%s\" stroke=\"white\"><title>%s</title></path>\n", x, y, mark.path,
-        mark.colour, what.c_str());
+    out.put("<path d=\"M%.1f,%.1f %s\" fill=\"%s\" stroke=\"white\"><title>%s</title></path>\n", x, y, mark.path,
+            mark.colour, what.c_str());
 }
 
-void Track_plot::draw_marks(FILE* out, const Map& map) const {
+void Track_plot::draw_marks(Svg& out, const Map& map) const {
     for (const Mark& m : _marks) draw_mark(out, map.x(m.at), map.y(m.at), m.what);
 }
 
-void Track_plot::draw_legend(FILE* out, const Map& map) const {
-    // A bar of 1, 2 or 5 times a power of ten, about an eighth of the picture.
-    const double wanted = width / 8 / map.scale, power = pow(10, floor(log10(wanted)));
-    const double bar = (wanted >= 5 * power ? 5 : wanted >= 2 * power ? 2 : 1) * power;
+void Track_plot::draw_legend(Svg& out, const Map& map) const {
+    const double bar = Svg::step(width / 8 / map.scale); // about an eighth of the picture
     double y = map.height;
-    put(out,
+    out.put(
         "<path d=\"M%.0f,%.0f h%.1f\" stroke=\"black\" stroke-width=\"2\"/><text x=\"%.1f\" y=\"%.0f\">%g m, north is "
-        "up; the dot is "
-        "the start</text>\n",
+        "up; the dot is the start</text>\n",
         margin, y - 4, bar * map.scale, margin + bar * map.scale + 8, y, bar);
     for (const auto& [fix, count] : _fixes) {
         y += line_height;
-        put(out, "<path d=\"M%.0f,%.0f h24\" stroke=\"%s\"%s stroke-width=\"4\"/>", margin, y - 4, fix_colour(fix),
-            fix_dashes(fix));
-        put(out, "<text x=\"%.0f\" y=\"%.0f\">%s: %u positions</text>\n", margin + 34, y, fix_name(fix).c_str(), count);
+        out.put("<path d=\"M%.0f,%.0f h24\" stroke=\"%s\"%s stroke-width=\"4\"/>", margin, y - 4, fix_colour(fix),
+                fix_dashes(fix));
+        out.put("<text x=\"%.0f\" y=\"%.0f\">%s: %u positions</text>\n", margin + 34, y, fix_name(fix).c_str(), count);
     }
     for (const auto& [what, count] : _happened) {
         y += line_height;
         draw_mark(out, margin + 12, y - 4, what);
-        put(out, "<text x=\"%.0f\" y=\"%.0f\">%s: %u</text>\n", margin + 34, y, what.c_str(), count);
+        out.put("<text x=\"%.0f\" y=\"%.0f\">%s: %u</text>\n", margin + 34, y, what.c_str(), count);
     }
 }

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+class Svg;
+
 /// A machine's track as a picture: seen from above, coloured by the kind of solution that the receiver had, with marks
 /// where something went wrong. Metres east and north of the first position, as on a flat earth: good for a field.
 /// Not locked.
@@ -37,11 +39,11 @@ private:
     };
     class Map;
 
-    void draw_mark(FILE* out, double x, double y, const std::string& what) const;
-    void draw(FILE* out) const;
-    void draw_track(FILE* out, const Map& map) const;
-    void draw_marks(FILE* out, const Map& map) const;
-    void draw_legend(FILE* out, const Map& map) const;
+    void draw_mark(Svg& out, double x, double y, const std::string& what) const;
+    void draw(FILE* file) const;
+    void draw_track(Svg& out, const Map& map) const;
+    void draw_marks(Svg& out, const Map& map) const;
+    void draw_legend(Svg& out, const Map& map) const;
 
     std::vector<Position> _track;
     std::vector<Mark> _marks;
