@@ -7,6 +7,7 @@
 #include "glue/NV_store/NV_pointer.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/NV_store/NV_safe_store.h"
+#include "glue/NV_store/NV_text.h"
 #include "glue/data_stream/File_checksummed_data_stream.h"
 #include "platform/pcf_host.h"
 #include "support/test.h"
@@ -17,6 +18,12 @@ using namespace NV_store;
 namespace fs = std::filesystem;
 
 const char* const files[] = {"settings.nv", "gain.txt", "codes.txt", "H0.dat"};
+
+/// What is saved: all but this setting is the same in the image and in the change behind it.
+const std::string pulses = "wheel/pulses=", others = "\nwheel/radius=0.75\nmetric=true\ngrade=66\ngears=18\n"
+                                                     "starts=3000000000\ntrim=-3\noffset=-300\nposition=-70000\n"
+                                                     "width=12.5\nserial=81985529216486895\n"
+                                                     "balance=-5000000000\nshown=wheel/radius\n";
 
 struct Machine : NV_root {
     Machine() : NV_root(nullptr, 1, "machine") {}
@@ -36,65 +43,12 @@ struct Machine : NV_root {
     NV_uint64 serial{this, 11, "serial"};
     NV_int64 balance{this, 12, "balance"};
     NV_pointer shown{this, 13, "shown"};
-
-    void write(const std::string& path) {
-        NV_safe_store store(*this, path.c_str());
-        wheel.pulses.set(120);
-        wheel.radius.set(0.75f);
-        metric.set(true);
-        grade.set('B');
-        gears.set(18);
-        starts.set(3000000000);
-        trim.set(-3);
-        offset.set(-300);
-        position.set(-70000);
-        width.set(12.5);
-        serial.set(0x0123456789ABCDEF);
-        balance.set(-5000000000);
-        shown.set(&wheel.radius);
-        EXPECT_EQ(store.save(), Safe_result::saved);
-        wheel.pulses.set(121);
-        EXPECT_EQ(store.save_changes(), Safe_result::saved);
-    }
-    std::string text() const {
-        char all[512];
-        _to_string(all, sizeof all);
-        return all;
-    }
 };
 
-/// The records of a replay.
-struct Sink : Diagnostic_history {
-    void output(unsigned char src, unsigned short a, unsigned short b, unsigned s, unsigned short ms) override {
-        char line[80];
-        snprintf(line, sizeof line, "%u %u %u %u.%03u\n", unsigned{src}, unsigned{a}, unsigned{b}, s, unsigned{ms});
-        text += line;
-    }
-    bool check_ready() override { return true; }
-    std::string text;
+struct Flash {
+    explicit Flash(const Temporary_folder& folder) { EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20)); }
+    ~Flash() { Pcf_host::unmount(); }
 };
-
-const char gain[] = "gain = 0.75";
-
-void write_release(const Temporary_folder& folder) {
-    Machine().write(folder.file("settings.nv"));
-    File_checksummed_data_stream file;
-    ASSERT_TRUE(file.open_write(folder.file("gain.txt").c_str()));
-    file._write(reinterpret_cast<const unsigned char*>(gain), sizeof gain - 1);
-    file.close_write();
-
-    const Manual_clock clock(1700000000, 500);
-    ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20));
-    {
-        Driven_manager manager(nullptr);
-        manager.keep_codes_in(folder.file("codes.txt").c_str());
-        manager.log_error(0x80, 17, 1201);
-        manager.set_active(1234, 31);
-        manager.turn();
-        manager.save_codes();
-    }
-    Pcf_host::unmount();
-}
 
 TEST(Releases, each_version_s_files_are_read) {
     for (const auto& release : fs::directory_iterator(RELEASES)) {
@@ -103,38 +57,57 @@ TEST(Releases, each_version_s_files_are_read) {
         const Temporary_folder folder; // the originals stay as they are
         for (const char* file : files) fs::copy(release.path() / file, folder.path);
 
-        Machine written, read;
-        written.write(folder.file("other"));
-        NV_safe_store store(read, folder.file("settings.nv").c_str());
-        EXPECT_EQ(store.load(), Safe_result::loaded);
-        EXPECT_EQ(store.get_dropped(), 0);
-        EXPECT_EQ(read.text(), written.text());
-        EXPECT_EQ(read.shown.get(), &read.wheel.radius);
+        Machine machine;
+        NV_safe_store store(machine, folder.file("settings.nv").c_str());
+        EXPECT_VALUES("loaded 0", to_text(store.load()), store.get_dropped());
+        EXPECT_EQ(export_text(machine), pulses + "121" + others);
+        EXPECT_TRUE(File_checksummed_data_stream().open_read(folder.file("gain.txt").c_str()));
 
-        File_checksummed_data_stream file;
-        EXPECT_TRUE(file.open_read(folder.file("gain.txt").c_str()));
-
-        ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20));
-        {
-            Sink sink;
-            Driven_manager manager(nullptr);
-            EXPECT_EQ(manager.keep_codes_in(folder.file("codes.txt").c_str()), Safe_result::loaded);
-            manager.turn();
-            EXPECT_TRUE(manager.request_history(&sink));
-            while (!sink.is_done()) manager.turn();
-            EXPECT_EQ(sink.text, "128 17 1201 1700000000.500\n254 287 1234 1700000000.500\n");
-        }
-        Pcf_host::unmount();
+        struct : Diagnostic_history {
+            void output(unsigned char src, unsigned short a, unsigned short b, unsigned s, unsigned short ms) override {
+                text += texts(src, a, b, s, ms) + "\n";
+            }
+            bool check_ready() override { return true; }
+            std::string text;
+        } replayed;
+        const Flash flash(folder);
+        Driven_manager manager(nullptr);
+        EXPECT_EQ(manager.keep_codes_in(folder.file("codes.txt").c_str()), Safe_result::loaded);
+        manager.turn();
+        EXPECT_TRUE(manager.request_history(&replayed));
+        while (!replayed.is_done()) manager.turn();
+        EXPECT_EQ(replayed.text, "128 17 1201 1700000000 500\n254 287 1234 1700000000 500\n");
     }
 }
 
 TEST(Releases, what_is_written_now_are_the_bytes_of_the_newest_folder) {
+    const Temporary_folder folder;
+    Machine machine;
+    NV_safe_store store(machine, folder.file("settings.nv").c_str());
+    EXPECT_EQ(import_text(machine, pulses + "120" + others).error, "");
+    EXPECT_EQ(store.save(), Safe_result::saved);
+    machine.wheel.pulses.set(121);
+    EXPECT_EQ(store.save_changes(), Safe_result::saved);
+
+    File_checksummed_data_stream file;
+    ASSERT_TRUE(file.open_write(folder.file("gain.txt").c_str()));
+    file._write(reinterpret_cast<const unsigned char*>("gain = 0.75"), 11);
+    file.close_write();
+    {
+        const Manual_clock clock(1700000000, 500);
+        const Flash flash(folder);
+        Driven_manager manager(nullptr);
+        manager.keep_codes_in(folder.file("codes.txt").c_str());
+        manager.log_error(0x80, 17, 1201);
+        manager.set_active(1234, 31);
+        manager.turn();
+        manager.save_codes();
+    }
     std::string newest;
     for (const auto& release : fs::directory_iterator(RELEASES))
         if (release.is_directory()) newest = std::max(newest, release.path().string());
-    const Temporary_folder folder;
-    write_release(folder);
-    for (const char* file : files) EXPECT_EQ(read_file(folder.file(file)), read_file(newest + "/" + file)) << file;
+    for (const char* file_name : files)
+        EXPECT_EQ(read_file(folder.file(file_name)), read_file(newest + "/" + file_name)) << file_name;
 }
 
 } // namespace
