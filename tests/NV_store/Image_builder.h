@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "platform/crc32.h"
 #include <cstdint>
 #include <string>
 
-/// Builds stored records byte by byte, without the library's help.
+/// Builds stored records byte by byte.
 namespace Image {
 
 inline std::string bytes(std::initializer_list<int> list) {
@@ -19,12 +20,8 @@ inline std::string little_endian(uint64_t value, int size) {
 }
 
 inline uint32_t crc(const std::string& data) {
-    uint32_t sum = ~0u;
-    for (const char c : "ZEW6" + data) {
-        sum ^= static_cast<unsigned char>(c);
-        for (int bit = 0; bit < 8; ++bit) sum = sum >> 1 ^ (sum & 1 ? 0xEDB88320u : 0);
-    }
-    return ~sum;
+    const std::string all = "ZEW6" + data;
+    return static_cast<uint32_t>(Util::crc32(0, all.data(), static_cast<int>(all.size())));
 }
 
 inline std::string header(int type, int marker, int id) {
@@ -36,13 +33,6 @@ inline std::string value(int type, int id, const std::string& data) { return hea
 inline std::string frame(int type, int id, const std::string& records) {
     const std::string open = header(type, 1, id) + records + header(type, 2, id);
     return open + little_endian(crc(open), 4);
-}
-
-inline std::string hex(const std::string& data) {
-    std::string text;
-    for (const char c : data)
-        for (const int nibble : {c >> 4 & 15, c & 15}) text += "0123456789ABCDEF"[nibble];
-    return text;
 }
 
 } // namespace Image

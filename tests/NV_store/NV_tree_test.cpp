@@ -8,43 +8,35 @@ using namespace NV_store;
 
 namespace {
 
-class Tree : public testing::Test {
-protected:
-    Tree() { waiter.init(&modules); }
-    /// The numbers that the events carry, one behind the other.
-    std::string told() {
-        std::string all;
-        waiter_event e;
-        while (waiter.get_event(&e, Atime(false)) == 0) all += std::to_string(e.data);
-        return all;
-    }
-
+struct Tree : testing::Test {
+    std::string told() { return inbox.targets(); }
     module_man modules;
-    waiter_descriptor waiter;
+    Inbox inbox{modules};
+    waiter_descriptor& waiter = inbox.waiter;
     Settings tree{&modules};
+    NV_int16& offset = tree.wheel.offset;
 };
 
 TEST_F(Tree, Finds_items_by_path_and_identifier_and_walks_in_pre_order) {
     // A last component may be longer than one that something follows.
-    const std::string long_name(300, 'x');
-    NV_uint8 cut(&tree, 98, long_name.c_str() + 44), whole(&tree, 99, long_name.c_str());
-    const std::pair<std::string, NV_item*> table[] = {{"speed", &tree.speed},
-                                                      {"wheel/offset", &tree.wheel.offset},
-                                                      {"wheel,rest", &tree.wheel},
-                                                      {"sections/2", &tree.sections.right},
-                                                      {"sections/2abc", &tree.sections.right},
-                                                      {long_name, &whole}};
-    for (const auto& [path, item] : table) EXPECT_EQ(tree.find_data_item(path.c_str()), item) << path;
-    const std::string over = long_name + "/", cut_away = long_name.substr(44) + ",";
-    for (const char* path : {"sections/3", "sections/-1", "sections/4294967296", "sections/width", "wheel/", "speed/x",
-                             "", "wheel,x/offset", "whee", over.c_str(), cut_away.c_str()})
-        EXPECT_EQ(tree.find_data_item(path), nullptr) << path;
-    EXPECT_EQ(tree.find_data_item(tree.wheel.offset.get_data_id()), &tree.wheel.offset);
+    const std::string long_name(300, 'x'), cut_name = long_name.substr(44);
+    NV_uint8 cut(&tree, 98, cut_name.c_str()), whole(&tree, 99, long_name.c_str());
+    const std::pair<NV_item*, std::vector<std::string>> table[] = {
+        {&tree.speed, {"speed"}},
+        {&offset, {"wheel/offset"}},
+        {&tree.wheel, {"wheel,rest"}},
+        {&tree.sections.right, {"sections/2", "sections/2abc"}},
+        {&whole, {long_name}},
+        {nullptr,
+         {"sections/3", "sections/-1", "sections/4294967296", "sections/width", "wheel/", "speed/x", "",
+          "wheel,x/offset", "whee", long_name + "/", cut_name + ","}}};
+    for (const auto& [item, paths] : table)
+        for (const std::string& path : paths) EXPECT_EQ(tree.find_data_item(path.c_str()), item) << path;
+    EXPECT_EQ(tree.find_data_item(offset.get_data_id()), &offset);
 
     NV_path path;
-    ASSERT_TRUE(tree.build_path(&path, &tree.wheel.offset));
-    EXPECT_VALUES(texts(2, 3, 0x0102), path.size(), path[0], path[1]);
-    EXPECT_VALUES("true null", tree.follow_path(path) == &tree.wheel.offset, tree.wheel.follow_path(path));
+    EXPECT_VALUES(texts(true, 2, 3, 0x0102), tree.build_path(&path, &offset), path.size(), path[0], path[1]);
+    EXPECT_VALUES(texts(&offset, nullptr), tree.follow_path(path), tree.wheel.follow_path(path));
     EXPECT_FALSE(tree.wheel.build_path(&path, &tree.speed));
     std::string names;
     for (NV_item* i = &tree; i != &cut; i = tree.get_next_in_tree(i)) names += std::string(i->get_name()) + " ";
@@ -53,15 +45,11 @@ TEST_F(Tree, Finds_items_by_path_and_identifier_and_walks_in_pre_order) {
 }
 
 TEST_F(Tree, Duplicate_identifiers_and_wild_positions_end_the_process) {
-    const Child_result child = run_child([] {
-        Settings own(nullptr);
-        NV_uint8 again(&own.wheel, 1, "again");
-    });
-    EXPECT_EQ(child.status, 137);
-    EXPECT_EQ(child.err, "Duplicate NV_store ID again:1 fitted:1 in wheel\n");
-    const Child_result index = run_child([] { Settings(nullptr).sections[3]; });
-    EXPECT_NE(index.err.find("glue/NV_store/NV_container:1:"), std::string::npos);
-    EXPECT_NE(index.err.find("Assertion `ret != __null' failed"), std::string::npos);
+    const Child_result child = run_child([this] { NV_uint8(&tree.wheel, 1, "again"); });
+    EXPECT_EQ(child.end(), "137 Duplicate NV_store ID again:1 fitted:1 in wheel\n");
+    const std::string index = run_child([this] { tree.sections[3]; }).err;
+    EXPECT_NE(index.find("glue/NV_store/NV_container:1:"), std::string::npos);
+    EXPECT_NE(index.find("Assertion `ret != __null' failed"), std::string::npos);
 }
 
 TEST_F(Tree, Items_may_outlive_what_they_are_in) {
@@ -88,17 +76,14 @@ TEST_F(Tree, A_branch_moves_with_everything_below) {
     NV_pointer item(&below, 2, "item");
     item.notify_updated(true, notify_all);
     tree.wheel.add_child(&branch);
-    EXPECT_VALUES("true true", branch.get_parent() == &tree.wheel,
-                  tree.find_data_item("wheel/branch/below/item") == &item);
     EXPECT_NE(tree.image(NV_iterator::mode_journal_1), "") << "what was changed before it came is to be saved";
     EXPECT_VALUES("true true", tree.active.set(&item), item.set(&tree.speed));
     tree.remove_child(&branch); // no child of this one
-    EXPECT_VALUES(texts(&tree.wheel, &item), branch.get_parent(), tree.active.get());
+    EXPECT_VALUES(texts(&tree.wheel, "wheel/branch/below/item"), branch.get_parent(), text_form(tree.active));
     tree.wheel.remove_child(&branch);
     EXPECT_VALUES("null null null null", branch.get_parent(), below.get_root(), tree.active.get(), item.get());
     other.add_child(&branch);
-    EXPECT_TRUE(item.set(&other.speed));
-    EXPECT_NE(other.image(NV_iterator::mode_journal_1), "");
+    EXPECT_VALUES("true false", item.set(&other.speed), other.image(NV_iterator::mode_journal_1).empty());
     EXPECT_EQ(NV_container(nullptr, &tree, 50, "").get_module_id(reg_item), 0) << "the parent knows it";
 }
 
@@ -108,8 +93,8 @@ TEST_F(Tree, A_pointer_takes_only_what_a_stored_path_finds_again) {
     for (int i = 0; i < 17; ++i) at = &levels.emplace_back(at, nullptr, 90, "level");
     Settings other(nullptr);
     const std::pair<NV_item*, bool> table[] = {
-        {&tree.wheel.offset, true}, {&levels[15], true}, {&tree.sections.left, true}, {&tree.sections.middle, false},
-        {&levels[16], false},       {&tree, false},      {&other.speed, false}};
+        {&offset, true},      {&levels[15], true}, {&tree.sections.left, true}, {&tree.sections.middle, false},
+        {&levels[16], false}, {&tree, false},      {&other.speed, false}};
     for (const auto& [target, taken] : table) {
         tree.active.set(nullptr);
         EXPECT_EQ(tree.active.set(target), taken) << target->get_name();
@@ -121,91 +106,75 @@ TEST_F(Tree, A_pointer_takes_only_what_a_stored_path_finds_again) {
 }
 
 TEST_F(Tree, Text_form_is_read_back_and_cut_to_its_buffer) {
-    const std::string same = "{2.5,{false,7},{1,2,3},wheel/offset}";
-    const std::pair<std::string, std::string> table[] = {
-        {same, same},
-        {"\t {0 , {T\t,1} ,{ 1 ,2,3 }, } ", "refused"}, // blanks before a pointer's name belong to the name
-        {" \t{0 ,{T\t,1} ,{1 ,2,3 },}", "{0,{true,1},{1,2,3},}"},
-        {"{1,{true,2},{1,2},}", "refused"},
-        {"{1 {true,2},{1,2,3},}", "refused"},
-        {"{1,{?,2},{1,2,3},}", "refused"},
-        {"{1,{1xyz,2},{1,2,3},}", "refused"}, // only a word has a rest
-        {"{1,{true,2},{1,2,3},nowhere}", "refused"},
-        {"1", "refused"},
-        {"{1,{true,2},{1,2,3},", "refused"}};
-    for (const auto& [text, after] : table) {
-        Settings fresh(nullptr);
-        EXPECT_EQ(fresh._from_string(text.c_str()) ? fresh.text() : "refused", after) << text;
-    }
-    const std::string whole = "{1.5,{true,-2},{0,0,0},wheel/offset}";
-    tree.active.set(&tree.wheel.offset);
+    // Blanks before a pointer's name belong to the name, and only a word has a rest.
+    const std::string whole = "{2.5,{false,7},{1,2,3},wheel/offset}";
+    EXPECT_TRUE(tree._from_string(whole.c_str()));
     for (int size = 1; size < 40; ++size) {
         const auto exact = std::make_unique<char[]>(static_cast<size_t>(size));
         const int n = tree._to_string(exact.get(), size);
         EXPECT_VALUES(texts(static_cast<int>(strlen(exact.get())), true), n, n < size) << size;
         EXPECT_VALUES("true true", (size != 2 || exact[0] == '{'), (size <= 36 || exact.get() == whole)) << size;
     }
-}
-
-TEST_F(Tree, A_change_marks_the_item_and_all_above_it_and_is_signalled) {
-    std::string order;
-    for (NV_item* i : std::initializer_list<NV_item*>{&tree, &tree.wheel.offset})
-        QObject::connect(i, &NV_item::value_changed, [&](NV_item* who) { order += who->get_name(); });
-    EXPECT_TRUE(tree.wheel.offset.set(-2)) << "the same value";
-    EXPECT_EQ(tree.wheel.offset.get_flags(), NV_item::not_loaded);
-    EXPECT_TRUE(tree.wheel.offset.set(3));
-    EXPECT_EQ(order, "machineoffset");
-    EXPECT_GE(tree.metaObject()->indexOfSignal("value_changed(NV_item*)"), 0);
-    for (const NV_item* i : std::initializer_list<NV_item*>{&tree, &tree.wheel, &tree.wheel.offset})
-        EXPECT_EQ(i->get_flags(), NV_item::changed_for_journal_1 | NV_item::changed_for_journal_2) << i->get_name();
-    EXPECT_EQ(tree.wheel.fitted.get_flags(), NV_item::not_loaded);
+    EXPECT_TRUE(tree._from_string(" \t{0 ,{T\t,1} ,{1 ,2,3 },}"));
+    EXPECT_EQ(tree.text(), "{0,{true,1},{1,2,3},}");
+    for (const char* bad :
+         {"\t {0 , {T\t,1} ,{ 1 ,2,3 }, } ", "{1,{true,2},{1,2},}", "{1 {true,2},{1,2,3},}", "{1,{?,2},{1,2,3},}",
+          "{1,{1xyz,2},{1,2,3},}", "{1,{true,2},{1,2,3},nowhere}", "1", "{1,{true,2},{1,2,3},"})
+        EXPECT_EQ(tree._from_string(bad), nullptr) << bad;
 }
 
 TEST_F(Tree, Waiters_are_told_by_kind) {
     struct Handle : Virt_access {
     } virt;
-    NV_item& item = tree.wheel.offset;
+    NV_item& item = offset;
     Access_base access(&item);
     virt.access.init(&item);
     item.register_waiter(&waiter, 77, false);
     item.autoreg_waiter(&waiter, false);
     access.register_waiter(&waiter, false);
     virt.autoreg(&waiter, false);
-    tree.wheel.offset.set(5);
+    offset.set(5);
     const event_word_t targets[] = {77, reinterpret_cast<event_word_t>(&item), reinterpret_cast<event_word_t>(&access),
                                     reinterpret_cast<event_word_t>(static_cast<Virt_access*>(&virt))};
     for (int i = 0; i < 4; ++i) {
         waiter_event e;
         ASSERT_EQ(waiter.get_event(&e, Atime(false)), 0);
-        EXPECT_VALUES(texts(item.get_module_id(static_cast<Reg_type>(i + 1)), targets[i]), e.module_id, e.data) << i;
-        EXPECT_EQ(item.is_event(e), i == 1);
+        EXPECT_VALUES(texts(item.get_module_id(static_cast<Reg_type>(i + 1)), targets[i], i == 1), e.module_id, e.data,
+                      item.is_event(e));
     }
-    EXPECT_VALUES("true true", item.unregister_waiter(&waiter, 77, false), item.autounreg_waiter(&waiter, false));
-    EXPECT_VALUES("true true", access.unregister_waiter(&waiter, false), virt.autounreg(&waiter, false));
-    EXPECT_FALSE(item.unregister_waiter(&waiter, 77, false));
-    tree.wheel.offset.set(6);
+    EXPECT_VALUES("true true true true false", item.unregister_waiter(&waiter, 77, false),
+                  item.autounreg_waiter(&waiter, false), access.unregister_waiter(&waiter, false),
+                  virt.autounreg(&waiter, false), item.unregister_waiter(&waiter, 77, false));
+    offset.set(6);
     EXPECT_EQ(told(), "");
 }
 
-TEST_F(Tree, Containers_above_learn_of_a_change_and_some_only_of_forced_ones) {
+TEST_F(Tree, A_change_marks_the_item_and_all_above_it_and_tells_their_waiters) {
     tree.register_waiter(&waiter, 1, false);
-    tree.wheel.register_waiter(&waiter, 2, true);
-    tree.wheel.offset.register_waiter(&waiter, 3, false);
-    const std::pair<notify_t, const char*> table[] = {
-        {notify_none, ""}, {notify_parents, ""}, {notify_waiters, "3"}, {notify_all, "31"}};
-    bool signalled = false;
-    for (NV_item* i : std::initializer_list<NV_item*>{&tree.active, &tree.wheel.offset})
-        QObject::connect(i, &NV_item::value_changed, [&] { signalled = true; });
-    for (const auto& [how, who] : table) {
-        EXPECT_TRUE(tree.wheel.offset._set(static_cast<short>(how + 5), how));
-        EXPECT_TRUE(tree.active._set(how % 2 ? nullptr : &tree.speed, how));
-        EXPECT_EQ(told(), who + std::string(how == notify_all ? "1" : "")) << how;
-        EXPECT_EQ(std::exchange(signalled, false), how != notify_none);
-        for (const NV_item* i : std::initializer_list<NV_item*>{&tree.active, &tree.wheel.offset})
-            EXPECT_EQ(i->get_flags(), how == notify_none ? NV_item::not_loaded : 3) << how;
+    tree.wheel.register_waiter(&waiter, 2, true); // only of what is forced
+    offset.register_waiter(&waiter, 3, false);
+    std::string signalled;
+    for (NV_item* i : std::initializer_list<NV_item*>{&tree, &tree.active, &offset})
+        QObject::connect(i, &NV_item::value_changed, [&](NV_item* who) { signalled += who->get_name(); });
+    EXPECT_GE(tree.metaObject()->indexOfSignal("value_changed(NV_item*)"), 0);
+    const auto flags = [&] {
+        return texts(tree.get_flags(), tree.wheel.get_flags(), offset.get_flags(), tree.active.get_flags());
+    };
+    const struct {
+        notify_t how;
+        const char *told, *signalled, *flags;
+    } table[] = {{notify_none, "", "", "4 4 4 4"},
+                 {notify_parents, "", "machineoffsetmachineactive", "3 3 3 3"},
+                 {notify_waiters, "3", "offsetactive", "3 3 3 3"},
+                 {notify_all, "311", "machineoffsetmachineactive", "3 3 3 3"}};
+    for (const auto& row : table) {
+        EXPECT_TRUE(offset._set(static_cast<short>(row.how + 5), row.how));
+        EXPECT_TRUE(tree.active._set(row.how % 2 ? nullptr : &tree.speed, row.how));
+        EXPECT_VALUES(texts(row.told, row.signalled, row.flags), told(), std::exchange(signalled, ""), flags())
+            << row.how;
+        EXPECT_VALUES("true ", offset.set(offset.get()), told()) << "the same value";
     }
-    EXPECT_TRUE(tree.signal_all(&tree));
-    EXPECT_EQ(told(), "321") << "children before their container";
+    EXPECT_VALUES("true 321", tree.signal_all(&tree), told()) << "children before their container";
     EXPECT_EQ(tree.wheel.fitted.get_flags(), NV_item::not_loaded) << "nothing became changed";
 
     Settings silent(nullptr); // without module ids
@@ -214,15 +183,14 @@ TEST_F(Tree, Containers_above_learn_of_a_change_and_some_only_of_forced_ones) {
     EXPECT_FALSE(silent.wheel.offset.set(6));
     EXPECT_EQ(tree.get_module_id(static_cast<Reg_type>(7)), 0);
     Capture err(stderr);
-    EXPECT_FALSE(NV_uint8(nullptr, 1, "loose").is_event(waiter_event(0, 0, 0)));
-    EXPECT_EQ(err.text(), "NULL ROOT\r\n");
+    EXPECT_VALUES("false NULL ROOT\r\n", NV_uint8(nullptr, 1, "loose").is_event(waiter_event(0, 0, 0)), err.text());
 }
 
 TEST_F(Tree, Registrations_take_the_lock_unless_the_caller_holds_it) {
     tree.wheel.lock();
     EXPECT_TRUE(tree.is_locked());
     tree.wheel.register_waiter(&waiter, 1, false);
-    tree.wheel.offset.set(9);
+    offset.set(9);
     tree.wheel.unlock();
     std::thread other([&] {
         for (int i = 0; i < 200; ++i) {
@@ -230,17 +198,14 @@ TEST_F(Tree, Registrations_take_the_lock_unless_the_caller_holds_it) {
             tree.wheel.unregister_waiter(&waiter, 5, false);
         }
     });
-    for (int i = 0; i < 200; ++i) {
-        tree.signal_all(&tree);
-        tree.wheel.offset.set(static_cast<short>(i));
-    }
+    for (int i = 0; i < 200; ++i) tree.signal_all(&tree), offset.set(static_cast<short>(i));
     other.join();
     EXPECT_TRUE(tree.wheel.unregister_waiter(&waiter, 1, false));
 
     // Where nobody is registered, a long save stops no setter.
     std::atomic<bool> set{false};
     tree.lock();
-    std::thread setter([&] { set = tree.wheel.offset.set(-9); });
+    std::thread setter([&] { set = offset.set(-9); });
     EXPECT_TRUE(wait_until([&] { return set.load(); }));
     tree.unlock();
     setter.join();
@@ -248,29 +213,26 @@ TEST_F(Tree, Registrations_take_the_lock_unless_the_caller_holds_it) {
 
 TEST_F(Tree, Remote_format_shows_names_as_the_parent_does_and_values_are_read_back) {
     const std::string long_name(400, 'n');
-    NV_uint8 item(&tree, 60, long_name.c_str());
-    char bytes[512], expected[512];
-    CDS::Remote::Send_buffer cut(bytes, 0, sizeof bytes), out(bytes, 0, sizeof bytes);
+    NV_uint8 item(nullptr, 60, long_name.c_str());
+    char bytes[512];
+    CDS::Remote::Send_buffer cut(bytes, 0, sizeof bytes), out(bytes, 0, sizeof bytes), values(bytes, 0, sizeof bytes);
     item.serialise_structure(cut, 0);
     EXPECT_EQ(cut.position - bytes, 255);
     tree.sections.serialise_structure(out, 255);
-    snprintf(expected, sizeof expected, "d:%x:sections{5:%x:0,5:%x:1,5:%x:2}", tree.sections.get_data_id(),
-             tree.sections.left.get_data_id(), tree.sections.middle.get_data_id(), tree.sections.right.get_data_id());
-    EXPECT_EQ(std::string(bytes, out.position), expected);
+    const unsigned id = tree.sections.get_data_id(); // and those of what is in it follow
+    EXPECT_EQ(std::string(bytes, out.position),
+              text_of("d:%x:sections{5:%x:0,5:%x:1,5:%x:2}", id, id + 1, id + 2, id + 3));
 
     tree.set_all();
-    CDS::Remote::Send_buffer values(bytes, 0, sizeof bytes);
     unsigned short start = 0;
     ASSERT_TRUE(tree.serialise(values, start).ok());
-    tree.wheel.offset.set(1);
-    tree.active.set(nullptr);
+    tree._from_string("{0,{true,1},{1,2,3},}");
     tree.register_waiter(&waiter, 1, false);
     CDS::Remote::Receive_buffer in(bytes, static_cast<int>(values.position - bytes)), short_one(bytes, 5);
     ASSERT_TRUE(tree.deserialise(in, start).ok());
-    EXPECT_VALUES(texts(7, &tree.wheel.offset), tree.wheel.offset.get(), tree.active.get());
-    EXPECT_EQ(told(), "11");
+    EXPECT_VALUES("{2.5,{false,7},{10,20,30},wheel/offset} 1111111", tree.text(), told());
     const auto result = tree.deserialise(short_one, start);
-    EXPECT_VALUES(texts(tree.wheel.offset.get_data_id(), tree.sections.get_data_id()), result.stop(), result.next());
+    EXPECT_VALUES(texts(offset.get_data_id(), tree.sections.get_data_id()), result.stop(), result.next());
 }
 
 } // namespace

@@ -4,11 +4,36 @@
 #include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_pointer.h"
 #include "glue/NV_store/NV_root.h"
-#include "glue/diner/module_man.h"
-#include "glue/diner/waiter_descriptor.h"
-#include "util/atime.h"
-#include <string>
-#include <vector>
+#include "support/Inbox.h"
+#include "support/frame.h"
+
+/// What saving gives: the bytes, or "failed".
+inline std::string image_of(NV_store::NV_item& item,
+                            NV_store::NV_iterator::modes_t mode = NV_store::NV_iterator::mode_write,
+                            int capacity = 4096) {
+    const auto block = std::make_unique<unsigned char[]>(static_cast<size_t>(capacity));
+    NV_store::NV_buffer_iterator it(block.get(), capacity, 0);
+    it.set_mode(mode);
+    if (!item.serialise(&it)) return "failed";
+    return std::string(reinterpret_cast<char*>(block.get()), static_cast<size_t>(it.write_position));
+}
+
+inline std::string text_form(const NV_store::NV_item& item) {
+    char all[256];
+    item._to_string(all, sizeof all);
+    return all;
+}
+
+/// Read an image; the result. `left` receives how many bytes were not read.
+template <class Operation>
+bool read_image(const std::string& image, Operation operation, int* left = nullptr) {
+    const auto exact = exact_copy(image);
+    NV_store::NV_buffer_iterator it(exact.get(), static_cast<int>(image.size()), static_cast<int>(image.size()));
+    it.set_mode(NV_store::NV_iterator::mode_read);
+    const bool result = operation(&it);
+    if (left) *left = it.write_position - it.read_position;
+    return result;
+}
 
 /// Like elements, addressed by position.
 struct Sections : NV_store::NV_container {
@@ -33,33 +58,11 @@ struct Settings : NV_store::NV_root {
     Sections sections{this, this};
     NV_store::NV_pointer active{this, 5, "active"};
 
-    /// Everything saved in a mode, as bytes.
-    std::string image(NV_store::NV_iterator::modes_t mode) {
-        unsigned char bytes[1024];
-        NV_store::NV_buffer_iterator it(bytes, sizeof bytes, 0);
-        it.set_mode(mode);
-        return serialise(&it) ? std::string(reinterpret_cast<char*>(bytes), static_cast<size_t>(it.write_position))
-                              : "failed";
-    }
-    bool load(std::string bytes) {
-        NV_store::NV_buffer_iterator it(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
-                                        static_cast<int>(bytes.size()));
-        it.set_mode(NV_store::NV_iterator::mode_read);
-        return deserialise(&it);
-    }
-    std::string text() const {
-        char all[256];
-        _to_string(all, sizeof all);
-        return all;
+    std::string text() const { return text_form(*this); }
+    std::string image(NV_store::NV_iterator::modes_t mode) { return image_of(*this, mode); }
+    bool load(const std::string& bytes) {
+        return read_image(bytes, [&](NV_store::NV_iterator* it) { return deserialise(it); });
     }
     /// Give every setting another value, so that all are to be saved.
-    void set_all() {
-        speed.set(2.5f);
-        wheel.fitted.set(false);
-        wheel.offset.set(7);
-        sections.left.set(10);
-        sections.middle.set(20);
-        sections.right.set(30);
-        active.set(&wheel.offset);
-    }
+    void set_all() { _from_string("{2.5,{false,7},{10,20,30},wheel/offset}"); }
 };

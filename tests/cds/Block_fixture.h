@@ -2,9 +2,7 @@
 #pragma once
 #include "glue/cds/CDS_events.h"
 #include "glue/cds/CDS_items.h"
-#include "glue/diner/module_man.h"
-#include "glue/diner/waiter_descriptor.h"
-#include "util/atime.h"
+#include "support/Inbox.h"
 #include <mutex>
 #include <string>
 
@@ -47,18 +45,4 @@ struct Block_items {
     CDS::Array<char> label{root, "label", block.label, "", &label_told};
     CDS::Value<long> counter{root, "counter", block.counter};
     CDS::Value<bool> on{root, "on", block.on, "", &on_told};
-};
-
-/// A waiter without a thread; events are taken by the test.
-class Inbox {
-public:
-    explicit Inbox(module_man& mm) { waiter.init(&mm); }
-    /// The data words of what has arrived, one behind the other.
-    std::string targets() {
-        std::string all;
-        waiter_event e;
-        while (waiter.get_event(&e, Atime(false)) == 0) all += std::to_string(static_cast<long>(e.data));
-        return all;
-    }
-    waiter_descriptor waiter;
 };
