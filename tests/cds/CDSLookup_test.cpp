@@ -1,44 +1,46 @@
 // SPDX-License-Identifier: MIT
 #include "cds/Block_fixture.h"
 #include "glue/cds/CDS_remote.h"
+#include "support/bytes.h"
 #include "support/test.h"
 #include <cmath>
 
+using namespace CDS::Remote;
+
 namespace {
 
-class Lookup : public testing::Test {
-protected:
+/// What an item writes through a page of a stream that skips so many bytes.
+template <class Write>
+std::string sent(Write write, int skip = 0, int page = 512) {
+    char bytes[512];
+    Send_buffer out(bytes, skip, page);
+    write(out);
+    return std::string(bytes, out.position);
+}
+
+struct Lookup : testing::Test {
     Lookup() { head.lock(); }
     ~Lookup() override { head.unlock(); }
 
-    template <class Write>
-    static std::string sent(Write write) {
-        char bytes[512];
-        CDS::Remote::Send_buffer out(bytes, 0, sizeof bytes);
-        write(out);
-        return std::string(bytes, out.position);
-    }
     static std::string structure(CDS::Lookup_item& item, int depth) {
         return sent([&](auto& out) { item.serialise_structure(out, depth); });
     }
-    std::string values(unsigned short start = 0) {
-        return sent([&](auto& out) { EXPECT_TRUE(items.root.serialise(out, start).ok()); });
+    std::string values(unsigned short start = 0, int skip = 0, int page = 512) {
+        return sent([&](auto& out) { EXPECT_TRUE(items.root.serialise(out, start).ok()); }, skip, page);
     }
-    /// What becomes of a read: how many bytes are left, or where it stopped and is to go on.
-    static std::string read(CDS::Lookup_item& item, const std::string& bytes) {
+    /// What becomes of a read: how many bytes are left, or where it stopped and is to go on; and who is woken.
+    std::string read(CDS::Lookup_item& item, const std::string& bytes) {
         unsigned short start = 0;
-        CDS::Remote::Receive_buffer in(bytes.data(), static_cast<int>(bytes.size()));
-        const Data_item::Serial_ret result = item.deserialise(in, start);
-        return result.ok() ? text_of("%d left", in.remaining) : text_of("%d, %d", result.stop(), result.next());
+        Receive_buffer in(bytes.data(), static_cast<int>(bytes.size()));
+        const Data_item::Serial_ret r = item.deserialise(in, start);
+        return (r.ok() ? texts(in.remaining, "left") : texts(r.stop(), "then", r.next())) + " " + inbox.targets();
     }
     /// What an item prints; when engine alone is asked, its start is refused.
     static std::string printed(CDS::Lookup_item& item) {
         struct Recorder : Debug::Dumper {
             bool start(const char* name) override { return (text += std::string(name) + "("), text != "engine("; }
             void end(const char* name) override { text += std::string(")") + name + ";"; }
-            void field(const char* label, const char* value) override {
-                text += std::string(label) + "=" + value + ";";
-            }
+            void field(const char* l, const char* value) override { text += std::string(l) + "=" + value + ";"; }
             std::string text;
         } recorder;
         item._print(recorder);
@@ -47,29 +49,26 @@ protected:
 
     const unsigned short first_id = Data_item::lookup_max_id = 1; ///< root 1, engine 2, and so on to on 9
     module_man modules;
+    Inbox inbox{modules}; // outlives its registrations
     CDS::Head head{&modules, 0};
     Block block{{100, 2, 0.5f}, {1, 2, 3, 4}, "abc", 7, true};
     Block_items items{head, block};
-    Inbox inbox{modules};
 };
 
 TEST_F(Lookup, Finds_items_by_path_and_by_identifier) {
-    Block_items& i = items;
-    const std::pair<const char*, int> table[] = {
-        {"", 1},      {"engine", 2}, {"engine.speed", 3}, {"engine.spee", 0},  {"engine.speedo", 0}, // 0: nothing
-        {"speed", 0}, {"on", 9},     {"engine.", 2},      {"engine..speed", 0}};
-    for (const auto& [path, id] : table) {
-        const Data_item* const found = i.root.find_data_item(path);
-        EXPECT_EQ(found ? found->id : 0, id) << path;
+    std::string found;
+    for (const char* path :
+         {"", "engine", "engine.speed", "on", "engine.", "engine.spee", "engine.speedo", "speed", "engine..speed"}) {
+        const Data_item* const item = items.root.find_data_item(path);
+        found += item ? texts(item->id, "") : "- ";
     }
-    EXPECT_EQ(i.root.find_item("engine/speed", '/'), &i.speed);
-    EXPECT_EQ(i.root.find_item("engine", 0), &i.engine) << "no separator: one name";
+    EXPECT_EQ(found, "1 2 3 9 2 - - - - ");
+    EXPECT_EQ(items.root.find_item("engine/speed", '/'), &items.speed);
+    EXPECT_EQ(items.root.find_item("engine", 0), &items.engine) << "no separator: one name";
     Capture err(stderr);
-    EXPECT_EQ(i.root.find_item("engine.speed.x", '.'), nullptr);
-    EXPECT_EQ(err.text(), "Base find item, why? speed,3,x,.\n");
-
-    EXPECT_VALUES("true true", i.root.find_data_item(1) == &i.root, i.root.find_data_item(9) == &i.on);
-    EXPECT_VALUES("true null", i.engine.find_item(5) == &i.load, i.engine.find_item(9));
+    EXPECT_VALUES("null Base find item, why? speed,3,x,.\n", items.root.find_item("engine.speed.x", '.'), err.text());
+    EXPECT_VALUES("true true", items.root.find_data_item(1) == &items.root, items.root.find_data_item(9) == &items.on);
+    EXPECT_VALUES(texts(&items.load, nullptr), items.engine.find_item(5), items.engine.find_item(9));
 }
 
 TEST_F(Lookup, Describes_the_structure_to_a_depth) {
@@ -87,69 +86,67 @@ TEST_F(Lookup, Describes_the_structure_to_a_depth) {
 }
 
 TEST_F(Lookup, Reading_signals_just_what_changed_and_takes_no_more_elements_than_there_are) {
-    CDS::Access_base whole(&head, 0, sizeof(Block)), speed(&head, offsetof(Block, engine.speed), 2),
-        last_level(&head, offsetof(Block, levels) + 6, 2);
-    ASSERT_VALUES("0 0", whole.reg(&inbox.waiter, 1), speed.reg(&inbox.waiter, 2));
-    ASSERT_EQ(last_level.reg(&inbox.waiter, 3), 0);
+    CDS::Access_base(&head, 0, sizeof(Block)).reg(&inbox.waiter, 1);
+    CDS::Access_base(&head, offsetof(Block, engine.speed), 2).reg(&inbox.waiter, 2);
+    CDS::Access_base(&head, offsetof(Block, levels) + 6, 2).reg(&inbox.waiter, 3);
     std::string bytes = values();
-    EXPECT_EQ(read(items.root, bytes), "0 left");
-    EXPECT_EQ(inbox.targets(), "");
+    EXPECT_EQ(read(items.root, bytes), "0 left ");
     bytes[0] = 101;
     bytes[29] = 0;
-    read(items.root, bytes);
-    EXPECT_EQ(block.engine.speed, 101);
-    EXPECT_EQ(inbox.targets(), "121");
-    const std::string two("\2\x09\0\2\0", 5), five("\5\x09\0\x08\0\7\0\6\0\5\0", 11);
-    EXPECT_EQ(read(items.levels, two), "0 left");
+    EXPECT_VALUES("0 left 121 101", read(items.root, bytes), block.engine.speed);
+    EXPECT_EQ(read(items.levels, {"\2\x09\0\2\0", 5}), "0 left 13");
     EXPECT_EQ(printed(items.levels), "levels(0=9;1=2;2=3;3=4;)levels;");
-    EXPECT_EQ(read(items.levels, five), "2 left");
+    EXPECT_EQ(read(items.levels, {"\5\x09\0\x08\0\7\0\6\0\5\0", 11}), "2 left 13") << "one event for the whole array";
     EXPECT_EQ(printed(items.levels), "levels(0=9;1=8;2=7;3=6;)levels;");
-    EXPECT_EQ(inbox.targets(), "1313") << "one event for the whole array";
-    EXPECT_TRUE(items.told.empty()) << "a remote write wakes diners, not listeners";
-
-    read(items.on, "\x80");
-    EXPECT_TRUE(block.on) << "any byte but zero";
-    EXPECT_EQ(inbox.targets(), "1");
+    EXPECT_VALUES("0 left 1 true", read(items.on, "\x80"), block.on) << "any byte but zero";
     const auto read_load = [&](float value) {
-        read(items.load, std::string(reinterpret_cast<char*>(&value), 4));
-        return inbox.targets().size();
+        return read(items.load, std::string(reinterpret_cast<char*>(&value), 4));
     };
-    EXPECT_EQ(read_load(0.0f), 1u);
-    EXPECT_EQ(read_load(-0.0f), 0u) << "equal, so neither stored nor signalled";
-    EXPECT_FALSE(std::signbit(block.engine.load));
-    EXPECT_EQ(read_load(NAN), 1u);
-    EXPECT_EQ(read_load(NAN), 1u) << "differs from itself";
+    EXPECT_EQ(read_load(0.0f), "0 left 1");
+    EXPECT_VALUES("0 left  false", read_load(-0.0f), std::signbit(block.engine.load))
+        << "equal: neither stored nor signalled";
+    EXPECT_VALUES("0 left 1 0 left 1", read_load(NAN), read_load(NAN)) << "differs from itself";
+    EXPECT_EQ(items.told, "") << "a remote write wakes diners, not listeners";
 }
 
 TEST_F(Lookup, A_walk_begins_at_any_item_and_tells_where_it_stopped) {
     const std::string all = values();
-    EXPECT_EQ(values(5), all.substr(3));
-    EXPECT_EQ(values(6), all.substr(7));
-    EXPECT_EQ(values(0xFFF0), "") << "an item that is not met";
-    const std::pair<size_t, const char*> table[] = {{1, "3, 4"}, {6, "5, 6"}, {10, "6, 7"}, {29, "9, 0"}};
-    for (const auto& [length, stop_and_next] : table)
-        EXPECT_EQ(read(items.root, all.substr(0, length)), stop_and_next) << length;
+    EXPECT_VALUES(texts(all.substr(3), all.substr(7), ""), values(5), values(6), values(0xFFF0)) << "not met";
+    for (const auto& [length, end] :
+         {std::pair{1, "3 then 4 "}, {6, "5 then 6 "}, {10, "6 then 7 "}, {29, "9 then 0 "}})
+        EXPECT_EQ(read(items.root, all.substr(0, static_cast<size_t>(length))), end) << length;
 }
 
-TEST_F(Lookup, Pages_of_the_values_join_to_the_whole_stream) {
-    const auto expect_pages = [&](const std::string& all) {
-        for (int page : {1, 2, 3, 5, 100}) {
+TEST_F(Lookup, Pages_join_to_the_whole_stream) {
+    const auto expect_pages = [](const std::string& all, auto page_at) {
+        for (const int page : {1, 2, 3, 5, 100}) {
             std::string joined;
-            for (char bytes[100]; static_cast<int>(joined.size()) % page == 0;) {
-                CDS::Remote::Send_buffer out(bytes, static_cast<int>(joined.size()), page);
-                unsigned short start = 0;
-                EXPECT_TRUE(items.root.serialise(out, start).ok());
-                if (out.position == bytes) break;
-                joined.append(bytes, out.position);
+            while (joined.size() % static_cast<size_t>(page) == 0) {
+                const std::string next = page_at(static_cast<int>(joined.size()), page);
+                if (next.empty()) break;
+                joined += next;
             }
             EXPECT_EQ(joined, all) << page;
         }
     };
+    const auto values_at = [&](int skip, int page) { return values(0, skip, page); };
     const std::string all = values();
-    expect_pages(all);
+    expect_pages(all, values_at);
+    expect_pages(structure(items.root, 9), [&](int skip, int page) {
+        return sent([&](auto& out) { items.root.serialise_structure(out, 9); }, skip, page);
+    });
     bool joined_later = true; // a struct inside has grown, which the root must not miss
     const CDS::Value<bool> late{items.engine, "late", joined_later};
-    expect_pages(all.substr(0, 7) + '\1' + all.substr(7));
+    expect_pages(all.substr(0, 7) + '\1' + all.substr(7), values_at);
+    EXPECT_EQ(sent([](auto& out) { EXPECT_EQ(out.append_UINT64(1) + out.append_UINT16(1), 10); }, 3, 1),
+              std::string(1, '\0'))
+        << "the width, wherever the bytes go";
+    // A negative offset is complained of when there is room.
+    for (const int room : {8, 0}) {
+        const std::string complaint = room ? "\n\nNegative offset!!\n\n\nNegative offset!!\n" : "";
+        EXPECT_EQ(debug_text([&] { sent([](auto& out) { out.append_UINT8(1), out.str_append(""); }, -1, room); }),
+                  complaint);
+    }
 }
 
 TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
@@ -166,9 +163,8 @@ TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
             return memcmp(now, bytes + (now - reinterpret_cast<const unsigned char*>(&block)), sizeof member) != 0;
         };
         const Engine& engine = block.engine;
-        std::string expected;
-        if (differs(engine.speed)) expected += "speed1 ";
-        if (differs(engine.speed) || differs(engine.mode) || differs(engine.load)) expected += "engine1 ";
+        std::string expected = differs(engine.speed) ? "speed1 " : "";
+        if (!expected.empty() || differs(engine.mode) || differs(engine.load)) expected += "engine1 ";
         if (differs(block.label)) expected += "label1 ";
         if (differs(block.on)) expected += "on1 ";
         items.told.clear();
@@ -180,7 +176,7 @@ TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
     EXPECT_FALSE(items.root.signal_update(&elsewhere, &old, sizeof old)) << "not the live block";
     EXPECT_FALSE(items.label.signal_update(&block, &old, offsetof(Block, label))) << "up to it";
     head.event_signal(&block, &old, 0, -1, nullptr); // no bytes
-    EXPECT_TRUE(items.told.empty());
+    EXPECT_EQ(items.told, "");
     // A copy may begin before the item and inside it.
     EXPECT_TRUE(items.label.signal_update(&block, &old, offsetof(Block, label) + 1));
     EXPECT_TRUE(items.engine.signal_update(&block.engine.load, &old.engine.load, sizeof(float)));
@@ -197,9 +193,9 @@ TEST_F(Lookup, Change_scan_goes_by_the_addresses_that_items_have_now) {
     };
     short now[] = {1, 2, 3, 4}, old[] = {1, 2, 0, 4};
     CDS::Root root(head, "root", now);
-    CDS::Value<short> first(root, "first", now[0]);
+    const CDS::Value<short> first(root, "first", now[0]);
     Movable movable(root);
-    CDS::Value<short> last(root, "last", now[3]);
+    const CDS::Value<short> last(root, "last", now[3]);
     root.finish();
     EXPECT_EQ(movable.asked, 0) << "it has no place yet";
     movable.value = now + 1;
@@ -207,8 +203,7 @@ TEST_F(Lookup, Change_scan_goes_by_the_addresses_that_items_have_now) {
     movable.value = now + 2;
     Told told("movable", items.told);
     movable.update_listener = &told;
-    EXPECT_TRUE(root.signal_update(now, old, sizeof now));
-    EXPECT_EQ(items.told, "movable1 ");
+    EXPECT_VALUES("true movable1 ", root.signal_update(now, old, sizeof now), items.told);
 }
 
 TEST(Compare, Finds_the_first_difference) {
@@ -216,57 +211,51 @@ TEST(Compare, Finds_the_first_difference) {
     for (int at = 0; at < 5000; before[at] = 0, at += 7) {
         before[at] = 1;
         const CDS::Compare compare(now, before, sizeof now);
-        EXPECT_VALUES(texts(true, at), !compare.done, compare.first_diff) << at;
+        EXPECT_VALUES(texts(false, at), compare.done, compare.first_diff) << at;
     }
     // Going back looks only at what lies behind the old place: children stand in block order.
     before[10] = before[600] = 1;
     CDS::Compare compare(now, before, sizeof now);
-    compare.seek(now + 300);
-    compare.seek(now + 0);
-    EXPECT_EQ(compare.first_diff, 600);
+    EXPECT_VALUES("false false 600", compare.seek(now + 300), compare.seek(now + 0), compare.first_diff);
 }
 
-/// One value and one array of T: what they say they are, their bytes, and that these come back.
+/// The type of a value and of an array, and the value's bytes; both come back from theirs.
 template <class T>
-void expect_travels(int type, T value, const char* bytes, size_t width = sizeof(T)) {
+std::string sent_as(T value) {
     struct {
         T one, two[2];
     } block = {value, {T(), value}};
     CDS::Head head(nullptr, 0);
     const std::lock_guard<Mutex> guard(head);
     CDS::Root root(head, "block", block);
-    CDS::Value<T> one(root, "one", block.one);
-    CDS::Array<T> two(root, "two", block.two);
+    const CDS::Value<T> one(root, "one", block.one);
+    const CDS::Array<T> two(root, "two", block.two);
     root.finish();
-    EXPECT_VALUES(texts(type, 0x20 + type), one.get_type_byte(), two.get_type_byte()) << type;
-
-    const std::string encoded(bytes, width);
-    char page[64];
-    CDS::Remote::Send_buffer out(page, 0, sizeof page);
     unsigned short start = 0;
-    root.serialise(out, start);
-    EXPECT_EQ(std::string(page, out.position), encoded + '\2' + std::string(width, '\0') + encoded) << type;
+    const std::string all = sent([&](auto&out) { root.serialise(out, start); }), bytes = all.substr(0, all.size() / 3);
+    EXPECT_EQ(all, bytes + '\2' + std::string(bytes.size(), '\0') + bytes);
     block.one = block.two[1] = T();
-    CDS::Remote::Receive_buffer in(page, static_cast<int>(out.position - page));
-    EXPECT_TRUE(root.deserialise(in, start).ok());
-    EXPECT_VALUES(texts(value, value), block.one, block.two[1]) << type;
+    Receive_buffer in(all.data(), static_cast<int>(all.size()));
+    EXPECT_VALUES(texts(true, value, value), root.deserialise(in, start).ok(), block.one, block.two[1]);
+    return text_of("%x %x ", one.get_type_byte(), two.get_type_byte()) +
+           hex(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
 
 TEST(Items, Of_every_type_travel) {
-    expect_travels(2, true, "\x01");
-    expect_travels(3, '\xFE', "\xFE");
-    expect_travels<unsigned char>(4, 254, "\xFE");
-    expect_travels<unsigned short>(5, 0xFEDC, "\xDC\xFE");
-    expect_travels(6, 0xFEDCBA98, "\x98\xBA\xDC\xFE");
-    expect_travels(6, 0xFEDCBA98UL, "\x98\xBA\xDC\xFE", 4);
-    expect_travels<signed char>(7, -2, "\xFE");
-    expect_travels<short>(8, -300, "\xD4\xFE");
-    expect_travels(9, -3, "\xFD\xFF\xFF\xFF");
-    expect_travels(9, -3L, "\xFD\xFF\xFF\xFF", 4);
-    expect_travels(10, 1.5f, "\0\0\xC0\x3F");
-    expect_travels(11, -2.5, "\0\0\0\0\0\0\x04\xC0");
-    expect_travels(15, 0xFEDCBA9876543210ULL, "\x10\x32\x54\x76\x98\xBA\xDC\xFE");
-    expect_travels(16, -4LL, "\xFC\xFF\xFF\xFF\xFF\xFF\xFF\xFF");
+    EXPECT_EQ(sent_as(true), "2 22 01");
+    EXPECT_EQ(sent_as('\xFE'), "3 23 FE");
+    EXPECT_EQ(sent_as<unsigned char>(254), "4 24 FE");
+    EXPECT_EQ(sent_as<unsigned short>(0xFEDC), "5 25 DC FE");
+    EXPECT_EQ(sent_as(0xFEDCBA98), "6 26 98 BA DC FE");
+    EXPECT_EQ(sent_as(0xFEDCBA98UL), "6 26 98 BA DC FE");
+    EXPECT_EQ(sent_as<signed char>(-2), "7 27 FE");
+    EXPECT_EQ(sent_as<short>(-300), "8 28 D4 FE");
+    EXPECT_EQ(sent_as(-3), "9 29 FD FF FF FF");
+    EXPECT_EQ(sent_as(-3L), "9 29 FD FF FF FF");
+    EXPECT_EQ(sent_as(1.5f), "a 2a 00 00 C0 3F");
+    EXPECT_EQ(sent_as(-2.5), "b 2b 00 00 00 00 00 00 04 C0");
+    EXPECT_EQ(sent_as(0xFEDCBA9876543210ULL), "f 2f 10 32 54 76 98 BA DC FE");
+    EXPECT_EQ(sent_as(-4LL), "10 30 FC FF FF FF FF FF FF FF");
 }
 
 TEST_F(Lookup, Prints_values) {
@@ -278,9 +267,7 @@ TEST_F(Lookup, Prints_values) {
 
 TEST(Numbers_as_names, Stay_where_they_are) {
     const char* const three = CDS::get_number_as_name(3);
-    EXPECT_STREQ(three, "3");
-    EXPECT_STREQ(CDS::get_number_as_name(5000), "5000");
-    EXPECT_EQ(CDS::get_number_as_name(3), three);
+    EXPECT_VALUES("3 5000 true", three, CDS::get_number_as_name(5000), CDS::get_number_as_name(3) == three);
     const std::string err = run_child([] { CDS::get_number_as_name(~0u); }).err;
     EXPECT_NE(err.find("glue/cds/CDSLookup:1: "), std::string::npos) << err;
     EXPECT_NE(err.find("`names'"), std::string::npos);

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
+// How values and descriptions are read and written, by the remote format and as text.
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/CDS_structure.h"
+#include "glue/cds/CDS_value_text.h"
+#include "glue/cds/Data_item_text.h"
 #include "support/frame.h"
 #include "support/test.h"
 
@@ -8,52 +11,24 @@ using namespace CDS::Remote;
 
 namespace {
 
-TEST(Send_buffer, Pages_of_any_size_join_to_the_whole_stream) {
-    for (int page = 1; page <= 20; ++page) {
-        std::string joined;
-        for (int skip = 0;; skip += page) {
-            const auto bytes = std::make_unique<char[]>(static_cast<size_t>(page));
-            Send_buffer out(bytes.get(), skip, page);
-            EXPECT_EQ(out.append_UINT32(0x64636261), 4) << "its width, wherever the bytes go";
-            EXPECT_EQ(out.append_UINT16(0x6665), 2);
-            EXPECT_LE(out.str_append("ghij"), 4);
-            EXPECT_EQ(out.append_UINT64(0x7271706F6E6D6C6BULL), 8);
-            joined.append(bytes.get(), out.position);
-            if (out.room > 0) break;
-        }
-        EXPECT_EQ(joined, "abcdefghijklmnopqr") << page;
-    }
-    // A negative offset is complained of when there is room.
-    char bytes[8];
-    Capture err(stderr);
-    Send_buffer(bytes, -1, 8).append_UINT8(1);
-    Send_buffer(bytes, -1, 8).str_append("");
-    Send_buffer(bytes, -1, 0).append_UINT8(1);
-    EXPECT_EQ(err.text(), "\n\nNegative offset!!\n\n\nNegative offset!!\n");
-}
-
 TEST(Receive_buffer, Reads_headers_and_nothing_when_it_is_short) {
     unsigned int value = 77;
-    Receive_buffer cut("abc", 3);
-    EXPECT_FALSE(cut.pop_UINT32(value));
-    EXPECT_VALUES(texts(77, 3, 'a'), value, cut.remaining, *cut.position);
-    const char text[] = "25:1a:my_name,";
-    Receive_buffer in(text, sizeof text - 1);
+    Receive_buffer cut("abc", 3), in("25:1a:my_name,", 14);
+    EXPECT_VALUES(texts(false, 77, 3, 'a'), cut.pop_UINT32(value), value, cut.remaining, *cut.position);
     Data_item::item_type_t type;
     unsigned short id;
-    int name_length;
-    ASSERT_TRUE(in.pop_item(type, id, name_length));
-    EXPECT_VALUES(texts(0x25, 0x1A), type, id);
-    EXPECT_EQ(std::string(in.position - name_length, in.position), "my_name");
-    EXPECT_TRUE(in.field_sep());
-    EXPECT_EQ(in.remaining, 1);
-    EXPECT_FALSE(in.pop_one()); // the zero behind it
+    int length = 0;
+    EXPECT_VALUES(texts(true, 0x25, 0x1A, 7), in.pop_item(type, id, length), type, id, length);
+    EXPECT_EQ(std::string(in.position - 7, in.position), "my_name");
+    EXPECT_VALUES("true 1", in.field_sep(), in.remaining);
+    EXPECT_FALSE(in.pop_one()) << "the zero behind it";
     EXPECT_VALUES("false false false false", in.field_sep(), in.struct_start(), in.struct_finish(), in.pop_one());
-    EXPECT_VALUES("true true", Receive_buffer("{", 0).struct_start(), Receive_buffer("}", 0).struct_finish());
-    EXPECT_TRUE(Receive_buffer(",", 0).field_sep()) << "the byte alone decides";
+    // The byte alone decides.
+    EXPECT_VALUES("true true true", Receive_buffer("{", 0).struct_start(), Receive_buffer("}", 0).struct_finish(),
+                  Receive_buffer(",", 0).field_sep());
     for (const char* bad : {"25-1a:x", "25:", ":1a:x", "zz:1:x", ""}) {
         Receive_buffer broken(bad, static_cast<int>(strlen(bad)));
-        EXPECT_VALUES("false false", broken.pop_item(type, id, name_length), broken.position != bad) << bad;
+        EXPECT_VALUES("false false", broken.pop_item(type, id, length), broken.position != bad) << bad;
     }
 }
 
@@ -68,25 +43,107 @@ TEST(Structure, Is_read_from_untrusted_text) {
     };
     std::string nested;
     for (int i = 0; i < 65; ++i) nested += "1:1:{";
-    const struct {
-        std::string text;
-        Structure_result result;
-        const char* names;
-    } table[] = {{"1:1:a{1:2:b.c{},1:3:c{4:4:d e}}", structure_complete, "a{ >b.c{ >c{ >>d e "},
-                 {"4:1:stop,", structure_stopped, "stop "},
-                 {"4:1:x,4:2:y", structure_malformed, "x "},
-                 {"1:1:a{4:2:b,4:c", structure_cut, "a{ >b "},
-                 {"1:1:a{4:2:b,zz", structure_malformed, "a{ >b "},
-                 {"1:1:a}", structure_malformed, "a "},
-                 {"", structure_cut, ""},
-                 {nested, structure_malformed, nullptr}};
-    for (const auto& row : table) {
-        const auto exact = exact_copy(row.text); // no zero behind it
-        const char* const text = reinterpret_cast<char*>(exact.get());
+    const std::tuple<std::string, Structure_result, const char*> table[] = {
+        {"1:1:a{1:2:b.c{},1:3:c{4:4:d e}}", structure_complete, "a{ >b.c{ >c{ >>d e "},
+        {"4:1:stop,", structure_stopped, "stop "},
+        {"4:1:x,4:2:y", structure_malformed, "x "},
+        {"1:1:a{4:2:b,4:c", structure_cut, "a{ >b "},
+        {"1:1:a{4:2:b,zz", structure_malformed, "a{ >b "},
+        {"1:1:a}", structure_malformed, "a "},
+        {"", structure_cut, ""},
+        {nested, structure_malformed, nullptr}};
+    for (const auto& [text, result, expected] : table) {
+        const auto exact = exact_copy(text); // no zero behind it
         Names names;
-        EXPECT_EQ(read_structure(text, static_cast<int>(row.text.size()), names), row.result) << row.text;
-        EXPECT_EQ(row.names ? names.text : "", row.names ? row.names : "") << row.text;
+        EXPECT_EQ(read_structure(reinterpret_cast<char*>(exact.get()), static_cast<int>(text.size()), names), result)
+            << text;
+        EXPECT_EQ(names.text, expected ? expected : names.text) << text;
     }
+}
+
+TEST(Value_text, Is_read_back_as_it_was_written_and_refused_otherwise) {
+    using I = Data_item;
+    const std::tuple<I::item_type_t, const char*, const char*> table[] = {
+        {I::item_bool, "true", "true"},      {I::item_bool, "0", "false"},          {I::item_bool, "yes", "refused"},
+        {I::item_char, "200", "200"},        {I::item_int16, "-0x8000", "refused"}, {I::item_int16, "-32768", "-32768"},
+        {I::item_int16, "32768", "refused"}, {I::item_uint16, "0xFfff", "65535"},   {I::item_uint8, "-1", "refused"},
+        {I::item_uint64, "+7", "7"},         {I::item_float, "0.1", "0.1"},         {I::item_double, "1e300", "1e+300"},
+        {I::item_float, "1e300", "refused"}, {I::item_int32, "12 ", "refused"},     {I::item_int32, "", "refused"},
+        {I::item_struct, "1", "refused"}};
+    for (const auto& [type, text, expected] : table) {
+        char bytes[8];
+        Send_buffer out(bytes, 0, sizeof bytes);
+        std::string again = append_text(out, type, text) ? "unread" : "refused";
+        Receive_buffer in(bytes, static_cast<int>(out.position - bytes));
+        EXPECT_EQ(in.remaining, again == "refused" ? 0 : value_width(type)) << text;
+        if (in.remaining) EXPECT_TRUE(pop_text(in, type, again)) << text;
+        EXPECT_EQ(again, expected) << text;
+    }
+}
+
+/// The values after texts were read, each with the number of characters that were.
+template <class T>
+std::string read(std::initializer_list<const char*> all, T before = 5) {
+    std::string values;
+    for (const char* text : all) {
+        T value = before;
+        char written[32];
+        const char* const end = Data_item_destringify<T>(&value).from_string(text);
+        EXPECT_LT(Data_item_stringify<T>(&value).to_string(written, sizeof written), 32);
+        values += written + (end ? ":" + texts(end - text, "") : ":null ");
+    }
+    return values;
+}
+
+TEST(Text, Is_read_and_written_as_the_type_takes_it) {
+    EXPECT_EQ(read<unsigned short>({"70000", "0x10", "017", "zz", " 12abc", "4294967297"}),
+              "4464:5 16:4 15:3 0:null 12:3 65535:10 ");
+    EXPECT_EQ(read<int>({"3000000000", "-3000000000"}), "2147483647:10 -2147483648:11 ");
+    EXPECT_EQ(read<unsigned int>({"-1", "99999999999"}), "4294967295:2 4294967295:11 ");
+    EXPECT_EQ(read<signed char>({"200"}) + read<char>({"200"}), "-56:3 200:3 ");
+    EXPECT_EQ(read<long>({"-2147483647"}) + read<unsigned long>({"4294967295"}), "-2147483647:11 4294967295:10 ");
+    EXPECT_EQ(read<long long>({"-9000000000"}), "-9000000000:11 ");
+    EXPECT_EQ(read<unsigned long long>({"0xFFFFFFFFFFFFFFFF"}), "18446744073709551615:18 ");
+    EXPECT_EQ(read<double>({"2.5e3x", "x"}) + read<float>({"0.1"}), "2500:5 0:null 0.1:3 ");
+    EXPECT_EQ(read<bool>({"yes", "True", "2", "?", ""}, false), "true:1 true:1 true:1 false:null false:null ");
+    EXPECT_EQ(read<bool>({"no", "F", "0", "?", ""}, true), "false:1 false:1 false:1 true:null true:null ");
+    char cut[3] = {'x', 'x', 'x'};
+    const int five_digits = 12345;
+    const Data_item_stringify<int> number(&five_digits);
+    EXPECT_VALUES("5 12 0", number.to_string(cut, 3), cut, number.to_string(cut, 0)) << "the length it would have";
+}
+
+TEST(Text, A_char_array_is_read_from_brackets_and_filled_with_zeros) {
+    std::string all;
+    for (const std::string text : {"[ab]", "[abcd]", "[abcde]", "ab", "[ab]c", "[ab"}) {
+        std::string array = "xxxx";
+        const char* const end = Data_item_array_destringify<char>(array.data(), 4).from_string(text.c_str());
+        std::replace(array.begin(), array.end(), '\0', '.');
+        all += array + (!end ? ":null " : end == text.c_str() + text.size() ? ":end " : ":?");
+    }
+    EXPECT_EQ(all, "ab..:end abcd:end abcd:null xxxx:null ab..:null ab..:null ");
+}
+
+TEST(Data_item, Identifiers_are_exhausted_once_and_a_structure_description_is_a_must) {
+    struct Item : Data_item {
+        using Data_item::Data_item;
+        const char* get_name() const override { return "item"; }
+        Data_item* find_data_item(const char*) override { return nullptr; }
+        Data_item* find_data_item(unsigned short) override { return nullptr; }
+        Serial_ret serialise(Send_buffer&, unsigned short&) override { return serial_ok(); }
+        Serial_ret deserialise(Receive_buffer&, unsigned short&) override { return serial_ok(); }
+    };
+    const Child_result child = run_child([] {
+        Item first, second, fixed(7);
+        EXPECT_VALUES("1 2 7 3", first.id, second.id, fixed.id, Data_item::lookup_max_id);
+        Data_item::lookup_max_id = 65533;
+        const Item last, spent, shared, shared_too;
+        EXPECT_VALUES("65533 65534 65535 65535", last.id, spent.id, shared.id, shared_too.id);
+        Send_buffer none(nullptr, 0, 0);
+        if (!testing::Test::HasFailure()) first.serialise_structure(none, 0);
+    });
+    EXPECT_EQ(child.signal, SIGABRT) << child.out;
+    EXPECT_EQ(child.err, "Lookup IDs are exhausted, time to move to 24 bit IDs\nWHY CALL ME\n");
 }
 
 } // namespace
