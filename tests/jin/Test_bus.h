@@ -4,20 +4,15 @@
 #include "glue/jin/JIN_inbox.h"
 #include "glue/jin/JIN_memory_bus.h"
 #include "support/Manual_clock.h"
-#include <cstdio>
+#include "support/bytes.h"
+#include "support/capture.h"
 #include <string>
 #include <utility>
 
 /// "FECA 03>FF 6: D2 04 1F"
 inline std::string text_of_message(const JIN_message& m) {
-    char text[32];
-    snprintf(text, sizeof text, "%04X %02X>%02X %d:", m.pgn, m.source, m.destination, m.priority);
-    std::string all = text;
-    for (uint32_t i = 0; i < m.size; ++i) {
-        snprintf(text, sizeof text, " %02X", m.data[i]);
-        all += text;
-    }
-    return all;
+    return text_of("%04X %02X>%02X %d:%s", m.pgn, m.source, m.destination, m.priority, m.size ? " " : "") +
+           hex(m.data, m.size);
 }
 
 /// What came in, one message after the other.
