@@ -3,9 +3,8 @@
 #include "glue/NV_store/Safe_file.h"
 #include "glue/diagnostics/Isobus_diagnostics.h"
 #include "glue/diagnostics/Request_answers.h"
-#include "jin/Test_bus.h"
+#include "jin/Bus_script.h"
 #include "platform/pcf_host.h"
-#include "support/test.h"
 
 using namespace Trouble_code_messages;
 using Table = Trouble_code_table;
@@ -19,71 +18,39 @@ std::string request_of(uint32_t pgn) {
     return hex(m);
 }
 
-/// The manager's node at 80 and a terminal at 26 on a bus. What happens is a text of steps:
-///   run MS                   time passes
+/// The manager's node at 80 and a terminal at 26. More steps:
 ///   set SPN/FMI, unset ...   a code gets active, or inactive; "set 1-20/3" are 20 of them
-///   send PGN FROM>TO: BYTES  the terminal sends, or for another FROM a stranger
-///   ask PGN FROM>TO          the same for a request; without addresses the terminal asks the manager
+///   ask PGN FROM>TO          a request; without addresses the terminal asks the manager
 ///   busy, free               there is no room on the bus for the node, there is again
-///   unplug, plug             the bus goes, and comes back
 ///   codes                    notes what the manager keeps
-///   quiet                    forgets what was noted so far
-/// Noted is also what the terminal receives, except for claims: a line each, behind the ms since the last quiet.
-class Bus : public testing::Test {
+class Bus : public Bus_script {
 protected:
-    Bus() { run(500); } // all addresses are claimed
-
+    Bus() {
+        members = {{"", 0x26, &terminal}};
+        words["set"] = [this](const char* s) { each(s, [this](auto n, auto fmi) { manager->set_active(n, fmi); }); };
+        words["unset"] = [this](const char* s) {
+            each(s, [this](auto n, auto fmi) { manager->set_inactive(n, fmi); });
+        };
+        words["busy"] = [this](const char*) { node.set_busy(true); };
+        words["free"] = [this](const char*) { node.set_busy(false); };
+        words["codes"] = [this](const char*) { note(codes()); };
+        words["ask"] = [this](const char* text) {
+            unsigned pgn, from = 0x26, to = 0x80;
+            sscanf(text, "%x %x>%x", &pgn, &from, &to);
+            send((text_of("EA00 %02X>%02X: ", from, to) + request_of(pgn)).c_str(), false);
+        };
+        run(500); // all addresses are claimed
+    }
     void begin(Mode mode = Mode::iso, unsigned max_codes = 500) {
         manager.reset();
         manager = std::make_unique<Driven_manager>(&node, mode, max_codes);
     }
-    /// Do these steps; the lines that they make.
-    std::string play(const std::string& steps) {
-        noted();
-        std::istringstream all(steps);
-        for (std::string s; std::getline(all >> std::ws, s, ';'); turn()) {
-            const size_t word = s.find(' ');
-            words.at(s.substr(0, word))(word == std::string::npos ? "" : s.c_str() + word + 1);
-        }
-        return noted();
-    }
-    std::string noted() {
-        turn();
-        since = now;
-        return std::exchange(log, "");
-    }
-    void note(const std::string& what) { log += std::to_string(now - since) + " " + what + "\n"; }
-
-    void run(int ms) {
-        for (; ms > 0; ms -= 10) {
-            clock.advance(10);
-            now += 10;
-            turn();
-        }
-    }
-    void turn() {
-        for (int i = 0; i < 3; ++i) { // what is answered arrives as well
+    void turn() override {
+        for (int i = 0; manager && i < 3; ++i) { // what is answered arrives as well
             bus.process();
-            if (manager) manager->turn();
+            manager->turn();
         }
-        bus.process();
-        for (JIN_grow_message m; terminal.inbox.receive(m);)
-            if (m.pgn != JIN::pgn_request && m.pgn != JIN::pgn_address_claimed) note(text_of_message(m));
-    }
-    void send(const char* text) {
-        unsigned pgn, from, to;
-        int at = 0;
-        ASSERT_EQ(sscanf(text, "%x %x>%x:%n", &pgn, &from, &to, &at), 3) << text;
-        Bytes bytes(text + at + (text[at] == ' '));
-        JIN_message m(pgn, bytes.view().data, bytes.view().size, static_cast<uint8_t>(to));
-        m.source = static_cast<uint8_t>(from);
-        if (from != 0x26) bus.inject(m);
-        ASSERT_TRUE(from != 0x26 || terminal.send(m) == JIN_stack::taken) << text;
-    }
-    void ask(const char* text) {
-        unsigned pgn, from = 0x26, to = 0x80;
-        sscanf(text, "%x %x>%x", &pgn, &from, &to);
-        send((text_of("EA00 %02X>%02X: ", from, to) + request_of(pgn)).c_str());
+        Bus_script::turn();
     }
     template <class Act>
     static void each(const char* codes, Act act) {
@@ -100,25 +67,9 @@ protected:
         return all;
     }
 
-    Manual_clock clock{1700000000};
-    JIN_memory_bus bus;
     JIN_memory_bus::Node node{bus, Diner_info_list::get(), JIN_name(1).set_arbitrary_address(true), 0x80};
     Test_node terminal{bus, JIN_name(2).set_arbitrary_address(true), 0x26};
     std::unique_ptr<Driven_manager> manager;
-    std::map<std::string, std::function<void(const char*)>> words = {
-        {"run", [this](const char* ms) { run(atoi(ms)); }},
-        {"set", [this](const char* s) { each(s, [this](auto spn, auto fmi) { manager->set_active(spn, fmi); }); }},
-        {"unset", [this](const char* s) { each(s, [this](auto spn, auto fmi) { manager->set_inactive(spn, fmi); }); }},
-        {"send", [this](const char* text) { send(text); }},
-        {"ask", [this](const char* text) { ask(text); }},
-        {"busy", [this](const char*) { node.set_busy(true); }},
-        {"free", [this](const char*) { node.set_busy(false); }},
-        {"unplug", [this](const char*) { bus.set_there(false); }},
-        {"plug", [this](const char*) { bus.set_there(true); }},
-        {"codes", [this](const char*) { note(codes()); }},
-        {"quiet", [this](const char*) { noted(); }}};
-    std::string log;
-    int now = 0, since = 0; // [ms]
 };
 
 TEST_F(Bus, Says_what_happens_to_the_codes) {
@@ -187,7 +138,8 @@ TEST_F(Bus, Says_what_happens_to_the_codes) {
          "send FF00 80>FF: 01; run 9500; quiet; codes; run 490; codes; run 10; codes",
          "0 codes: 2128/31 x1 active\n490 codes: 2128/31 x1 active\n500 FECA 80>FF 6: FF FF 50 08 1F 01 FF FF\n"
          "500 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n500 codes: 2128/31 x1 previous\n"},
-        {"no bus", "unplug; set 2/2; run 5000; quiet; plug; run 600", "390 FECA 80>FF 6: FF FF 02 00 02 01 FF FF\n"},
+        {"no bus", "unplug; set 2/2; run 5000; quiet; plug; run 600",
+         "0 told 6\n390 FECA 80>FF 6: FF FF 02 00 02 01 FF FF\n400 told 2\n"},
     };
     for (const auto& row : table) {
         begin();
@@ -377,7 +329,7 @@ TEST_F(Kept, Codes_outlive_a_restart_a_damaged_file_and_a_medium_that_refuses) {
     std::string all_of_20, notes;
     for (int spn = 1; spn <= 20; ++spn) all_of_20 += text_of(" %d/2 x1 previous", spn); // in many chunks of the file
     std::string said = debug_text([&] {
-        notes = play("unplug; start; set 1234/31; run 4990; file; run 20; file; save; set 1-20/2; save; start; "
+        notes = play("unplug; quiet; start; set 1234/31; run 4990; file; run 20; file; save; set 1-20/2; save; start; "
                      "set 1-2/2; clear previous; save; start; change; damage; start; damage; damage .bak; start; "
                      "run 1500; clear active; run 1500; codes; save; start; "
                      "block; set 5/5; run 65000; unblock; run 60000; start");

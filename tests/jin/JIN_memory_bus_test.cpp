@@ -1,106 +1,61 @@
 // SPDX-License-Identifier: MIT
 #include "glue/jin/JIN_transmission.h"
-#include "jin/Test_bus.h"
+#include "jin/Bus_script.h"
 #include "support/Test_diner.h"
-#include "support/test.h"
 
 namespace {
 
-class Memory_bus : public testing::Test {
+/// Two nodes that want 10 and 20. More steps:
+///   busy, free               there is no room on the bus for a, there is again
+///   who                      notes their addresses
+class Memory_bus : public Bus_script {
 protected:
-    /// 403 ms, in which both get their addresses.
-    void begin() {
-        pass(403);
-        a.received(), b.received(), a.events(), b.events();
+    Memory_bus() {
+        step = 1;
+        members = {{"a ", 10, &a}, {"b ", 20, &b}};
+        words["busy"] = [this](const char*) { a.stack.set_busy(true); };
+        words["free"] = [this](const char*) { a.stack.set_busy(false); };
+        words["who"] = [this](const char*) { note(texts("who", a.address(), b.address(), a.stack.bus_is_there())); };
     }
-    void pass(int ms) {
-        clock.advance(ms);
-        bus.process();
-    }
-    Manual_clock clock;
-    JIN_memory_bus bus;
     Test_node a{bus, JIN_name(1), 10}, b{bus, JIN_name(2), 20};
 };
 
-TEST_F(Memory_bus, a_node_claims_its_address_and_talks) {
-    EXPECT_EQ(a.send(message(0xFF00, "x")), JIN_stack::busy);
-    EXPECT_EQ(a.address(), -1);
-    pass(403);
-    EXPECT_EQ(a.address(), 10);
-    EXPECT_EQ(a.events(), "2 1") << "claimed, and room for what was busy";
-    EXPECT_EQ(b.events(), "2");
-    a.received(), b.received();
-    EXPECT_EQ(a.send(message(0xFF00, "x")), JIN_stack::taken);
-    EXPECT_EQ(a.send(message(0xEF00, "y", 20)), JIN_stack::taken);
-    EXPECT_EQ(a.send(message(0xFF00, "z", 30)), JIN_stack::taken) << "one frame of such a PGN has no destination";
-    EXPECT_EQ(b.received(), "FF00 0A>FF 6: 78, EF00 0A>14 6: 79, FF00 0A>FF 6: 7A");
-    EXPECT_EQ(a.received(), "");
-    EXPECT_EQ(a.send(message(0xEF01, "")), JIN_stack::refused);
+TEST_F(Memory_bus, carries_messages_between_nodes_that_have_an_address) {
+    const struct {
+        const char *what, *steps, *said;
+    } table[] = {
+        {"claims, and room for what was busy", "who; send FF00 0A>FF: 78; run 500; who",
+         "0 who -1 -1 true\n0 busy\n286 a told 2 1\n286 b told 2\n500 who 10 20 true\n"},
+        {"one frame of such a PGN has no destination",
+         "send FF00 0A>FF: 78; send EF00 0A>14: 79; send FF00 0A>1E: 7A; send EF01 0A>FF:",
+         "0 b FF00 0A>FF 6: 78\n0 b EF00 0A>14 6: 79\n0 b FF00 0A>FF 6: 7A\n0 refused\n"},
+        {"long messages take their time, one of each kind; short ones pass",
+         "send FECA 0A>FF: 61 x1785; send FECA 0A>FF: 61 x9; send FF00 0A>FF:; send FECA 0A>14: 61 x1785; "
+         "send FECA 0A>14: 61 x9; run 13000; send FECA 0A>FF: 61 x9; send FECA 0A>14: 61 x9; run 7000",
+         "0 busy\n0 b FF00 0A>FF 6:\n0 busy\n255 a told 1\n255 b FECA 0A>14 6: 61 x1785\n"
+         "12750 b FECA 0A>FF 6: 61 x1785\n13002 b FECA 0A>14 6: 61 x9\n13100 b FECA 0A>FF 6: 61 x9\n"},
+        {"to nobody: given up", "send FECA 0A>1E: 61 x9; run 2000", "1250 a told 8\n"},
+        {"the bus goes, in the middle of a message, and comes back",
+         "send FECA 0A>FF: 61 x100; unplug; send FF00 0A>FF: 01; who; run 10000; plug; run 500; who",
+         "0 a told 8 3 5\n0 b told 3 5\n0 busy\n0 who -1 -1 false\n10000 a told 6\n10000 b told 6\n"
+         "10306 a told 2 1\n10320 b told 2\n10500 who 10 20 true\n"},
+        {"busy on demand", "busy; send FF00 0A>FF: 01; run 10000; free", "0 busy\n10000 a told 1\n"},
+    };
+    for (const auto& row : table) EXPECT_EQ(play(row.steps), row.said) << row.what;
+    EXPECT_EQ(a.stack.transfers_failed(), 2u);
     EXPECT_EQ(Test_node(bus, JIN_name(), 30).send(message(0xFF00, "x")), JIN_stack::refused) << "it only listens";
 }
 
-TEST_F(Memory_bus, long_messages_take_their_time_one_of_each_kind) {
-    struct {
-        uint8_t to;
-        int size, ms;
-    } const rows[] = {{255, 9, 100}, {255, 1002, 7200}, {255, 1785, 12750}, {20, 9, 2}, {20, 1785, 255}};
-    begin();
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.size);
-        const JIN_grow_message m = message(0xFECA, std::string(static_cast<size_t>(r.size), 'a'), r.to, 10);
-        EXPECT_EQ(a.send(m), JIN_stack::taken);
-        EXPECT_EQ(a.send(m), JIN_stack::busy);
-        EXPECT_EQ(a.send(message(0xFF00, "")), JIN_stack::taken);
-        pass(r.ms - 1);
-        EXPECT_EQ(b.received() + a.events(), "FF00 0A>FF 6:");
-        pass(1);
-        EXPECT_EQ(b.received(), text_of_message(m));
-        EXPECT_EQ(a.events(), "1");
-    }
-    EXPECT_EQ(a.send(message(0xFECA, std::string(9, 'a'))), JIN_stack::taken);
-    EXPECT_EQ(a.send(message(0xFECA, std::string(9, 'b'), 20)), JIN_stack::taken) << "the two kinds do not wait";
-    pass(100);
-    EXPECT_EQ(b.received().size(), 13u * 2 + 9 * 3 * 2 + 2);
-    // To nobody: given up, counted, told.
-    a.events();
-    EXPECT_EQ(a.send(message(0xFECA, std::string(9, 'a'), 30)), JIN_stack::taken);
-    pass(1249);
-    EXPECT_EQ(a.stack.transfers_failed(), 0u);
-    pass(1);
-    EXPECT_EQ(a.stack.transfers_failed(), 1u);
-    EXPECT_EQ(a.events(), "8");
-}
-
-TEST_F(Memory_bus, goes_and_comes_back) {
-    begin();
-    EXPECT_EQ(a.send(message(0xFECA, std::string(100, 'a'))), JIN_stack::taken);
-    bus.set_there(false);
-    EXPECT_EQ(a.send(message(0xFF00, "x")), JIN_stack::busy);
-    EXPECT_FALSE(a.stack.bus_is_there());
-    pass(10000);
-    EXPECT_EQ(a.events(), "8 3 5") << "transfer failed, address lost, bus gone";
-    EXPECT_EQ(b.received(), "");
-    bus.set_there(true);
-    pass(403);
-    EXPECT_EQ(a.events(), "6 2 1");
-    EXPECT_VALUES("10 true", a.address(), a.stack.bus_is_there());
-}
-
-TEST_F(Memory_bus, is_busy_and_loses_on_demand) {
-    begin();
-    a.stack.set_busy(true);
-    EXPECT_EQ(a.send(message(0xFF00, "x")), JIN_stack::busy);
-    pass(10000);
-    EXPECT_EQ(a.events(), "");
-    a.stack.set_busy(false);
-    EXPECT_EQ(a.events(), "1");
+TEST_F(Memory_bus, loses_on_demand) {
+    run(500);
     bus.set_loss(100, 7);
     int short_ones = 0, long_ones = 0;
     for (int i = 0; i < 1000; ++i) {
         a.send(message(0xFF00, "x"));
         short_ones += b.received() != "";
         a.send(message(0xFF00, std::string(60, 'x')));
-        pass(450);
+        clock.advance(450);
+        bus.process();
         long_ones += b.received() != "";
     }
     EXPECT_NEAR(short_ones, 900, 40);
@@ -108,14 +63,12 @@ TEST_F(Memory_bus, is_busy_and_loses_on_demand) {
 }
 
 TEST_F(Memory_bus, each_client_gets_what_it_wants) {
-    begin();
+    run(500);
     Listener told;
     JIN_inbox dm(b.stack, &told.waiter, {0xFECA, 0xFECB}), one(b.stack, nullptr, {0xFECA}),
         tight(b.stack, nullptr, {0xFECA}, 2 * (JIN_inbox::overhead + 1)), none(b.stack, nullptr, {0xFECA}, 0),
         all(b.stack, nullptr, {}, 1000, JIN_inbox::everything);
-    for (const char* bytes : {"1", "2", "3"}) a.send(message(0xFECA, bytes));
-    a.send(message(0xFECB, "4"));
-    a.send(message(0xEF00, "5", 99));
+    play("send FECA 0A>FF: 31; send FECA 0A>FF: 32; send FECA 0A>FF: 33; send FECB 0A>FF: 34; send EF00 0A>63: 35");
     EXPECT_EQ(told.events(), "0") << "one event for all that arrived";
     EXPECT_EQ(take_all(dm), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32, FECA 0A>FF 6: 33, FECB 0A>FF 6: 34");
     EXPECT_EQ(take_all(one), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32, FECA 0A>FF 6: 33");
@@ -125,19 +78,16 @@ TEST_F(Memory_bus, each_client_gets_what_it_wants) {
     // A queue that wraps, with messages of every length.
     JIN_inbox ring(b.stack, nullptr, {0xFEDA}, 2000);
     JIN_grow_message got(0, JIN::max_length);
+    long before = 0;
     for (uint32_t n = 0; n <= JIN::max_length; ++n) {
         const JIN_grow_message m = message(0xFEDA, std::string(n, static_cast<char>(n)), 255, 77);
+        if (n) before = allocations();
         bus.inject(m);
         ASSERT_TRUE(ring.receive(got));
+        ASSERT_TRUE(n == 0 || allocations() == before) << n;
         ASSERT_EQ(text_of_message(got), text_of_message(m));
     }
     EXPECT_FALSE(ring.receive(got));
-    const long before = allocations();
-    for (int i = 0; i < 100; ++i) {
-        bus.inject(got);
-        ring.receive(got);
-    }
-    EXPECT_EQ(allocations(), before);
 }
 
 class Counter : public JIN::Transmission<JIN_grow_message> {
@@ -152,80 +102,49 @@ private:
     }
 };
 
-/// The diner does not run: its handlers are called here, at the instants of the clock.
+/// A diner that sends. It does not run: its handlers are called here, at the instants of the clock. More steps:
+///   period MS, ask TO        it shall send
+///   says N                   from this number on; without a number it says nothing
+///   tell EVENT               it hears of the stack
 class Transmission : public Memory_bus {
 protected:
     Transmission() {
-        begin();
+        words["period"] = [this](const char* ms) { counter.set_period(atoi(ms)); };
+        words["ask"] = [this](const char* to) { counter.request(static_cast<uint8_t>(strtoul(to, nullptr, 16))); };
+        words["says"] = [this](const char* n) { counter.value = atoi(n), counter.silent = !*n; };
+        words["tell"] = [this](const char* event) {
+            EXPECT_FALSE(counter.handle(waiter_event(a.stack.module_id(), atoi(event), 0)));
+        };
+        words["due"] = [this](const char*) { note(texts("due", counter.is_due(), counter.sent(), counter.refused())); };
         diner.begin(true);
         diner.on_timeout = [this](Timeout& t) { EXPECT_TRUE(counter.handle(t)); };
+        run(500);
     }
-    void pass(int ms) {
-        Memory_bus::pass(ms);
+    void turn() override {
         diner.Diner::handle_timeout();
+        Memory_bus::turn();
     }
-    void tell(int event) { EXPECT_FALSE(counter.handle(waiter_event(a.stack.module_id(), event, 0))); }
 
     Test_diner<> diner;
     Counter counter{diner, a.stack, 0xEF00};
 };
 
-TEST_F(Transmission, goes_out_in_its_period_and_on_request) {
-    counter.set_period(1000);
-    EXPECT_EQ(b.received(), "EF00 0A>FF 6: 01 FF") << "at once";
-    pass(999);
-    EXPECT_EQ(b.received(), "");
-    pass(1);
-    EXPECT_EQ(b.received(), "EF00 0A>FF 6: 02 FF");
-    counter.request(20);
-    EXPECT_EQ(b.received(), "EF00 0A>14 6: 03 14");
-    counter.silent = true;
-    pass(1000);
-    EXPECT_EQ(b.received(), "");
-    EXPECT_FALSE(counter.is_due());
-    counter.silent = false;
-    counter.set_period(0);
-    pass(5000);
-    EXPECT_EQ(b.received(), "");
-}
-
-TEST_F(Transmission, is_built_when_there_is_room) {
-    a.stack.set_busy(true);
-    counter.set_period(1000);
-    for (int i = 0; i < 10; ++i) pass(1000), counter.request(20);
-    EXPECT_TRUE(counter.is_due());
-    a.stack.set_busy(false);
-    counter.value = 100;
-    EXPECT_EQ(a.events(), "1");
-    tell(JIN_stack::event_room);
-    EXPECT_EQ(b.received(), "EF00 0A>FF 6: 65 FF, EF00 0A>14 6: 66 14") << "once for each destination";
-    // Without the event it finds out by itself.
-    a.stack.set_busy(true);
-    counter.request();
-    a.stack.set_busy(false);
-    pass(49);
-    EXPECT_EQ(b.received(), "");
-    pass(1);
-    EXPECT_EQ(b.received(), "EF00 0A>FF 6: 68 FF");
-}
-
-TEST_F(Transmission, gives_up_what_is_refused) {
+TEST_F(Transmission, goes_out_in_its_period_on_request_and_when_there_is_room) {
+    const std::pair<const char*, const char*> table[] = {
+        {"period 1000; run 1000; ask 14; says; run 1000; due; says 3; period 0; run 5000",
+         "0 b EF00 0A>FF 6: 01 FF\n1000 b EF00 0A>FF 6: 02 FF\n1000 b EF00 0A>14 6: 03 14\n2000 due false 4 0\n"},
+        {"busy; period 1000; run 1000; ask 14; run 2000; ask 14; due; says 100; free; tell 1; period 0; due",
+         "3000 due true 4 0\n3000 a told 1\n" // once for each destination
+         "3000 b EF00 0A>FF 6: 65 FF\n3000 b EF00 0A>14 6: 66 14\n3000 due false 6 0\n"},
+        // Without the event it finds out by itself.
+        {"busy; ask FF; free; run 100", "0 a told 1\n50 b EF00 0A>FF 6: 68 FF\n"},
+        {"unplug; quiet; says 0; ask FF; run 10000; due; plug; run 403; tell 2; due",
+         "10000 due true 7 0\n10000 a told 6\n10000 b told 6\n10306 a told 2 1\n10320 b told 2\n"
+         "10403 b EF00 0A>FF 6: 16 FF\n10403 due false 8 0\n"}}; // 22 times built in 10 s
+    for (const auto& [steps, said] : table) EXPECT_EQ(play(steps), said);
     Counter odd(diner, a.stack, 0xEF01);
     odd.request();
     EXPECT_VALUES("1 0 false", odd.refused(), odd.sent(), odd.is_due());
-}
-
-TEST_F(Transmission, waits_for_an_address) {
-    bus.set_there(false);
-    counter.request();
-    for (int i = 0; i < 100; ++i) pass(100);
-    EXPECT_LE(counter.value, 30u) << "not tried often";
-    bus.set_there(true);
-    pass(250);
-    pass(153);
-    tell(JIN_stack::event_claimed);
-    EXPECT_FALSE(counter.is_due());
-    EXPECT_EQ(counter.sent(), 1u);
 }
 
 /// In real time, driven by the bus's own thread; clients come and go while others talk.

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+#include "jin/Test_bus.h"
+#include "support/test.h"
+
+/// What happens on a bus as a text of steps, "send FF00 0A>FF: 01 02; run 100". Who derives adds words.
+///   run MS                     time passes
+///   send PGN FROM>TO: BYTES    by the member that wants this address, or by a stranger; "61 x100" are 100 bytes
+///   inject PGN FROM>TO: BYTES  by a stranger
+///   unplug, plug               the bus goes, and comes back
+///   quiet                      forgets what was noted so far
+/// Noted is what is not taken, and what members receive and are told: a line each, behind the ms since the last quiet.
+class Bus_script : public testing::Test {
+protected:
+    struct Member {
+        std::string name;
+        uint8_t wish;
+        Test_node* node;
+    };
+
+    /// Do these steps; the lines that they make.
+    std::string play(const std::string& steps) {
+        noted();
+        std::istringstream all(steps);
+        for (std::string s; std::getline(all >> std::ws, s, ';'); turn()) {
+            const size_t word = s.find(' ');
+            words.at(s.substr(0, word))(word == std::string::npos ? "" : s.c_str() + word + 1);
+        }
+        return noted();
+    }
+    std::string noted() {
+        turn();
+        since = now;
+        return std::exchange(log, "");
+    }
+    void note(const std::string& what) { log += std::to_string(now - since) + " " + what + "\n"; }
+
+    void run(int ms) {
+        for (; ms > 0; ms -= step) {
+            clock.advance(std::min(ms, step));
+            now += std::min(ms, step);
+            turn();
+        }
+    }
+    virtual void turn() {
+        bus.process();
+        for (const Member& m : members) {
+            for (JIN_grow_message got; m.node->inbox.receive(got);) {
+                const bool same = std::count(got.data, got.data + got.size, got.data[0]) == got.size;
+                const std::string text = text_of_message(got);
+                if (got.pgn == JIN::pgn_request || got.pgn == JIN::pgn_address_claimed) continue;
+                note(m.name + (same && got.size > 8 ? text.substr(0, 16) + text_of(" x%u", got.size) : text));
+            }
+            const std::string told = m.node->events();
+            if (!told.empty()) note(m.name + "told " + told);
+        }
+    }
+    void send(const char* text, bool by_stranger) {
+        unsigned pgn, from, to, times = 1;
+        int at = 0;
+        ASSERT_EQ(sscanf(text, "%x %x>%x:%n", &pgn, &from, &to, &at), 3) << text;
+        const std::string bytes = text + at + (text[at] == ' ');
+        if (const size_t x = bytes.find('x'); x != std::string::npos) times = atoi(bytes.c_str() + x + 1);
+        JIN_grow_message m = message(pgn, "", static_cast<uint8_t>(to), static_cast<uint8_t>(from));
+        for (Bytes b(bytes.substr(0, bytes.find(" x"))); times > 0; --times) m.append(b.view().data, b.view().size);
+        const auto sender = std::find_if(members.begin(), members.end(), [&](auto& s) { return s.wish == from; });
+        if (by_stranger || sender == members.end()) return bus.inject(m);
+        const int result = sender->node->send(m);
+        if (result != JIN_stack::taken) note(result == JIN_stack::busy ? "busy" : "refused");
+    }
+
+    Manual_clock clock{1700000000};
+    JIN_memory_bus bus;
+    std::vector<Member> members;
+    std::map<std::string, std::function<void(const char*)>> words = {{"run", [this](const char* ms) { run(atoi(ms)); }},
+                                                                     {"send", [this](const char* text) { send(text, false); }},
+                                                                     {"inject", [this](const char* text) { send(text, true); }},
+                                                                     {"unplug", [this](const char*) { bus.set_there(false); }},
+                                                                     {"plug", [this](const char*) { bus.set_there(true); }},
+                                                                     {"quiet", [this](const char*) { noted(); }}};
+    int step = 10;          ///< [ms] that time goes on at once
+    int now = 0, since = 0; // [ms]
+
+private:
+    std::string log;
+};
