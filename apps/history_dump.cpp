@@ -2,16 +2,15 @@
 // Prints the error history in a folder, oldest record first: the files of a controller's flash store, or a copy of
 // them. Only reads, so it may run beside the program that has the store mounted.
 // Status 1: the outside world failed, or there is not one record; 2: wrong arguments.
-#include "fail.h"
 #include "glue/data_stream/File_data_stream.h"
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/diagnostics/Trouble_code.h"
 #include "glue/vorn/Vorn_parser.h"
+#include "options.h"
 #include "progress.h"
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +18,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <functional>
-#include <getopt.h>
 #include <set>
 #include <string>
 #include <unistd.h>
@@ -90,15 +88,8 @@ struct Options {
     bool csv = false;
 };
 
-bool read_number(const char* text, unsigned least, unsigned most, unsigned& value) {
-    const bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    const char* const end = text + strlen(text);
-    const auto [stop, error] = std::from_chars(text + (hex ? 2 : 0), end, value, hex ? 16 : 10);
-    return error == std::errc() && stop == end && value >= least && value <= most;
-}
-
 bool read_time(const char* text, unsigned& value) {
-    if (read_number(text, 0, 0xFFFFFFFF, value)) return true;
+    if (read_number(text, value)) return true;
     for (const char* form : {"%Y-%m-%d", "%Y-%m-%dT%H:%M:%S"}) {
         struct tm utc = {};
         const char* const stop = strptime(text, form, &utc);
@@ -111,49 +102,16 @@ bool read_time(const char* text, unsigned& value) {
 }
 
 Options read_arguments(int argc, char** argv) {
-    enum { source = 1, error, from, to, csv };
-    const option known[] = {{"source", required_argument, nullptr, source},
-                            {"error", required_argument, nullptr, error},
-                            {"from", required_argument, nullptr, from},
-                            {"to", required_argument, nullptr, to},
-                            {"csv", no_argument, nullptr, csv},
-                            {"help", no_argument, nullptr, 'h'},
-                            {"version", no_argument, nullptr, 'v'},
-                            {nullptr, 0, nullptr, 0}};
     Options o;
-    opterr = 0;
-    for (int c; (c = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
-        bool good = true;
-        switch (c) {
-        case source:
-            good = read_number(optarg, 1, 255, o.source);
-            break;
-        case error:
-            good = read_number(optarg, 1, 65535, o.error);
-            break;
-        case from:
-            good = read_time(optarg, o.from);
-            break;
-        case to:
-            good = read_time(optarg, o.to);
-            break;
-        case csv:
-            o.csv = true;
-            break;
-        case 'h':
-            show_usage(usage, 1);
-        case 'v':
-            show_version(1);
-        case ':':
-            fail(2, "%s needs a value (try --help)", argv[optind - 1]);
-        default:
-            fail(2, "unknown option %s (try --help)", argv[optind - 1]);
-        }
-        if (!good) fail(2, "wrong value %s for --%s (try --help)", optarg, known[c - 1].name);
-    }
-    if (argc - optind < 1 || argc - optind > 2) fail(2, "give a folder and at most a base name (try --help)");
-    o.folder = argv[optind];
-    if (argc - optind == 2) o.base = argv[optind + 1];
+    const auto words = read_options(argc, argv, usage,
+                                    {{"source", o.source, 1u, 255u},
+                                     {"error", o.error, 1u, 65535u},
+                                     {"from", [&o](const char* text) { return read_time(text, o.from); }},
+                                     {"to", [&o](const char* text) { return read_time(text, o.to); }},
+                                     {"csv", o.csv}});
+    if (words.empty() || words.size() > 2) fail(2, "give a folder and at most a base name (try --help)");
+    o.folder = words[0];
+    if (words.size() == 2) o.base = words[1];
     return o;
 }
 

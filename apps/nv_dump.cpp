@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Prints what a settings file holds, an image or a journal, without the program that wrote it. Damage is printed as far
 // as it can be read.
-#include "fail.h"
 #include "glue/NV_store/NV_buffer_iterator.h"
 #include "glue/NV_store/NV_path.h"
 #include "glue/NV_store/NV_scan.h"
 #include "glue/NV_store/NV_values.h"
+#include "options.h"
 #include <algorithm>
 #include <cstring>
-#include <getopt.h>
 #include <string>
 
 namespace {
@@ -25,16 +24,9 @@ const char usage[] = "Usage: nv_dump FILE\n"
 constexpr size_t max_size = 16 << 20; // [bytes]; no settings file comes near
 
 std::string read_arguments(int argc, char** argv) {
-    const option known[] = {
-        {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {nullptr, 0, nullptr, 0}};
-    opterr = 0;
-    for (int c; (c = getopt_long(argc, argv, "h", known, nullptr)) != -1;) {
-        if (c == 'v') show_version(2);
-        if (c != 'h') fail(2, "unknown option %s (try --help)", argv[optind - 1]);
-        show_usage(usage, 2);
-    }
-    if (argc - optind != 1) fail(2, "give one file (try --help)");
-    return argv[optind];
+    const auto files = read_options(argc, argv, usage, {}, 2);
+    if (files.size() != 1) fail(2, "give one file (try --help)");
+    return files[0];
 }
 
 std::string read_all(const std::string& path) {

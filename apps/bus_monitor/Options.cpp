@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Options.h"
-#include "fail.h"
-#include <cstdlib>
-#include <cstring>
-#include <getopt.h>
+#include "options.h"
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,71 +21,21 @@ const char usage[] =
     "  --version          the version\n"
     "Numbers may be given in hexadecimal: 0xFECA.\n";
 
-long number(const char* option, const char* text, long most) {
-    char* end;
-    const long value = strtol(text, &end, 0);
-    if (!*text || *end || value < 0 || value > most) fail(2, "wrong value %s for --%s (try --help)", text, option);
-    return value;
-}
-
 } // namespace
 
 Options::Options(int argc, char** argv) {
-    enum { o_once = 1, o_csv, o_listen, o_yes, o_seconds, o_request, o_to, o_clear, o_record, o_version };
-    const option known[] = {{"once", no_argument, nullptr, o_once},
-                            {"csv", no_argument, nullptr, o_csv},
-                            {"listen", no_argument, nullptr, o_listen},
-                            {"yes", no_argument, nullptr, o_yes},
-                            {"seconds", required_argument, nullptr, o_seconds},
-                            {"request", required_argument, nullptr, o_request},
-                            {"to", required_argument, nullptr, o_to},
-                            {"clear", required_argument, nullptr, o_clear},
-                            {"record", required_argument, nullptr, o_record},
-                            {"help", no_argument, nullptr, 'h'},
-                            {"version", no_argument, nullptr, o_version},
-                            {nullptr, 0, nullptr, 0}};
-    opterr = 0;
-    for (int c; (c = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
-        switch (c) {
-        case o_once:
-            once = true;
-            break;
-        case o_csv:
-            csv = true;
-            break;
-        case o_listen:
-            listen = true;
-            break;
-        case o_yes:
-            yes = true;
-            break;
-        case o_seconds:
-            seconds = static_cast<int>(number("seconds", optarg, 86400));
-            break;
-        case o_request:
-            request = number("request", optarg, 0x3FFFF);
-            break;
-        case o_to:
-            to = number("to", optarg, 253);
-            break;
-        case o_clear:
-            clear = number("clear", optarg, 253);
-            break;
-        case o_record:
-            record = optarg;
-            break;
-        case 'h':
-            show_usage(usage, 1);
-        case o_version:
-            show_version(1);
-        case ':':
-            fail(2, "%s needs a value (try --help)", argv[optind - 1]);
-        default:
-            fail(2, "unknown option %s (try --help)", argv[optind - 1]);
-        }
-    }
-    if (argc - optind != 1) fail(2, "give one interface or one file (try --help)");
-    source = argv[optind];
+    const auto sources = read_options(argc, argv, usage,
+                                      {{"once", once},
+                                       {"csv", csv},
+                                       {"listen", listen},
+                                       {"yes", yes},
+                                       {"seconds", seconds, 0, 86400},
+                                       {"request", request, 0L, 0x3FFFFL},
+                                       {"to", to, 0L, 253L},
+                                       {"clear", clear, 0L, 253L},
+                                       {"record", record}});
+    if (sources.size() != 1) fail(2, "give one interface or one file (try --help)");
+    source = sources[0];
     struct stat s;
     // An interface has no file of its own; what has a slash in its name is none.
     is_log = source == "-" || source.find('/') != std::string::npos || stat(source.c_str(), &s) == 0;

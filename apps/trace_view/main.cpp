@@ -3,10 +3,9 @@
 #include "Trace_data.h"
 #include "Trace_plot.h"
 #include "Trace_report.h"
-#include "fail.h"
+#include "options.h"
 #include <algorithm>
 #include <cmath>
-#include <getopt.h>
 #include <string>
 
 namespace {
@@ -29,42 +28,12 @@ struct Arguments {
     double from = 0, to = -1; ///< [s]; `to` negative: the end
 };
 
-double seconds(const char* option, const char* text) {
-    char* end = nullptr;
-    const double s = strtod(text, &end);
-    if (end == text || *end || !(s >= 0 && s < 1e9)) fail(2, "%s needs a number of seconds (try --help)", option);
-    return s;
-}
-
 Arguments read_arguments(int argc, char** argv) {
-    const option known[] = {{"plot", required_argument, nullptr, 'p'}, {"from", required_argument, nullptr, 'f'},
-                            {"to", required_argument, nullptr, 't'},   {"help", no_argument, nullptr, 'h'},
-                            {"version", no_argument, nullptr, 'v'},    {nullptr, 0, nullptr, 0}};
     Arguments a;
-    opterr = 0;
-    for (int c; (c = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
-        switch (c) {
-        case 'p':
-            a.plot = optarg;
-            break;
-        case 'f':
-            a.from = seconds("--from", optarg);
-            break;
-        case 't':
-            a.to = seconds("--to", optarg);
-            break;
-        case 'v':
-            show_version(2);
-        case 'h':
-            show_usage(usage, 2);
-        case ':':
-            fail(2, "%s needs a value (try --help)", argv[optind - 1]);
-        default:
-            fail(2, "unknown option %s (try --help)", argv[optind - 1]);
-        }
-    }
-    if (argc - optind != 1) fail(2, "give one file (try --help)");
-    a.file = argv[optind];
+    const auto files =
+        read_options(argc, argv, usage, {{"plot", a.plot}, {"from", a.from, 0.0, 1e9}, {"to", a.to, 0.0, 1e9}}, 2);
+    if (files.size() != 1) fail(2, "give one file (try --help)");
+    a.file = files[0];
     return a;
 }
 

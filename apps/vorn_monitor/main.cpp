@@ -3,7 +3,6 @@
 // line per packet. Packets go to standard output and everything else to standard error, so that a redirected log is
 // clean. Status 1: the outside world failed, 2: wrong arguments.
 #include "Report.h"
-#include "fail.h"
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "glue/data_stream/Recorder_data_stream.h"
@@ -12,8 +11,8 @@
 #include "glue/diner/Diner_protection.h"
 #include "glue/vorn/GNSS_messages.h"
 #include "glue/vorn/Vorn_checkers.h"
+#include "options.h"
 #include "progress.h"
-#include "util/number_text.h"
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -21,7 +20,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <getopt.h>
 #include <optional>
 #include <poll.h>
 #include <string>
@@ -62,15 +60,8 @@ struct Options {
     std::string device_path() const { return device.substr(0, device.find(':')); }
 };
 
-double parse_speed(const char* text) {
-    const char* end;
-    const double speed = Util::to_double(text, &end);
-    if (*end || !(speed >= 0.001 && speed <= 1000)) fail(2, "wrong speed %s (0.001 to 1000 times the original)", text);
-    return speed;
-}
-
 /// What the library would tacitly put right, a technician wants to hear of.
-void check_device(const std::string& device) {
+bool check_device(const std::string& device) {
     std::string fields[3]; // path, speed, mode
     size_t n = 0;
     for (const char c : device) {
@@ -82,67 +73,31 @@ void check_device(const std::string& device) {
     }
     if (fields[0].empty()) fail(2, "-c needs a device (try --help)");
     if (!fields[1].empty()) {
-        const char* end;
-        const int32_t baud = Util::to_long32(fields[1].c_str(), 10, &end);
-        if (*end || baud < 300 || baud > 460800) fail(2, "wrong speed %s (300 to 460800)", fields[1].c_str());
+        int baud;
+        if (!read_number(fields[1].c_str(), baud) || baud < 300 || baud > 460800)
+            fail(2, "wrong speed %s (300 to 460800)", fields[1].c_str());
     }
     if (!fields[2].empty() && fields[2] != "rs232" && fields[2] != "rs485") {
         fail(2, "wrong mode %s (rs232 or rs485)", fields[2].c_str());
     }
+    return true;
 }
 
 Options parse(int argc, char** argv) {
-    enum { opt_csv = 256, opt_stats, opt_plot, opt_shared, opt_record, opt_timed, opt_speed };
-    static const option longs[] = {{"comm", required_argument, nullptr, 'c'},
-                                   {"csv", no_argument, nullptr, opt_csv},
-                                   {"stats", no_argument, nullptr, opt_stats},
-                                   {"plot", required_argument, nullptr, opt_plot},
-                                   {"shared", no_argument, nullptr, opt_shared},
-                                   {"record", required_argument, nullptr, opt_record},
-                                   {"timed", no_argument, nullptr, opt_timed},
-                                   {"speed", required_argument, nullptr, opt_speed},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'v'},
-                                   {nullptr, 0, nullptr, 0}};
     Options o;
-    int sources = 0;
-    for (int c; (c = getopt_long(argc, argv, "c:h", longs, nullptr)) != -1;) {
-        switch (c) {
-        case 'c':
-            o.device = optarg;
-            check_device(o.device);
-            ++sources;
-            break;
-        case opt_csv:
-            o.csv = true;
-            break;
-        case opt_stats:
-            o.stats = true;
-            break;
-        case opt_record:
-            o.record = optarg;
-            break;
-        case opt_timed:
-            o.timed = true;
-            break;
-        case opt_speed:
-            o.speed = parse_speed(optarg);
-            break;
-        case opt_shared:
-            o.shared = true;
-            break;
-        case opt_plot:
-            o.plot = optarg;
-            break;
-        case 'h':
-            show_usage(usage, 1);
-        case 'v':
-            show_version(1);
-        default:
-            exit(2); // getopt has said why
-        }
-    }
-    for (; optind < argc; ++optind, ++sources) o.file = argv[optind];
+    size_t sources = 0;
+    const auto set_device = [&](const char* value) { return ++sources, o.device = value, check_device(o.device); };
+    const auto files = read_options(argc, argv, usage,
+                                    {{"comm", set_device, 'c'},
+                                     {"csv", o.csv},
+                                     {"stats", o.stats},
+                                     {"plot", o.plot},
+                                     {"shared", o.shared},
+                                     {"record", o.record},
+                                     {"timed", o.timed},
+                                     {"speed", o.speed, 0.001, 1000.0}});
+    sources += files.size();
+    if (!files.empty()) o.file = files[0];
     if (sources != 1) fail(2, "give one device with -c, or one file (try --help)");
     if (o.timed && o.record.empty()) fail(2, "--timed needs --record (try --help)");
     if (o.speed > 0 && o.file.empty()) fail(2, "--speed needs a recording (try --help)");

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Arguments.h"
-#include "fail.h"
-#include <cstdio>
-#include <cstdlib>
+#include "options.h"
 
 namespace {
 
@@ -27,74 +25,24 @@ const char usage[] =
     "  --serve    only be the receiver: tell the serial device that another program may listen to,\n"
     "             for N seconds or until Ctrl-C\n";
 
-[[noreturn]] void wrong(const std::string& what) {
-    fprintf(stderr, "field_controller: %s (try --help)\n", what.c_str());
-    exit(2);
-}
-
-int number(const char* option, const char* text) {
-    char* end = nullptr;
-    const long n = text ? strtol(text, &end, 10) : -1;
-    if (!text || end == text || *end || n < 0 || n > 1000000)
-        wrong(std::string(option) + " needs a number of 0 or more");
-    return static_cast<int>(n);
-}
-
 } // namespace
 
 Arguments parse_arguments(int argc, char** argv) {
     Arguments a;
-    for (int i = 1; i < argc; ++i) {
-        const std::string option = argv[i];
-        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-        if (option == "--help" || option == "-h") {
-            show_usage(usage, 1);
-        } else if (option == "--version") {
-            show_version(1);
-        } else if (option == "--quiet") {
-            a.quiet = true;
-        } else if (option == "--messages") {
-            a.messages = true;
-        } else if (option == "--serve") {
-            a.serve = true;
-        } else if (option == "--comm" || option == "-c") {
-            if (!value) wrong(option + " needs a device");
-            a.comm = value;
-            ++i;
-        } else if (option == "--can") {
-            if (!value) wrong(option + " needs an interface");
-            a.can = value;
-            ++i;
-        } else if (option == "--plot") {
-            if (!value) wrong(option + " needs a file");
-            a.plot = value;
-            ++i;
-        } else if (option == "--trace") {
-            if (!value) wrong(option + " needs a file");
-            a.trace = value;
-            ++i;
-        } else if (option == "--settings") {
-            if (!value) wrong(option + " needs a file");
-            a.settings = value;
-            ++i;
-        } else if (option == "--share") {
-            if (!value) wrong(option + " needs a path");
-            a.share = value;
-            ++i;
-        } else if (option == "--seconds") {
-            a.seconds = number("--seconds", value);
-            ++i;
-        } else if (option == "--faults") {
-            a.faults = static_cast<unsigned>(number("--faults", value));
-            ++i;
-        } else if (option == "--speed") {
-            a.speed = number("--speed", value);
-            if (a.speed < 1 || a.speed > 100) wrong("--speed needs a number from 1 to 100");
-            ++i;
-        } else {
-            wrong("unknown argument " + option);
-        }
-    }
-    if (a.serve && !a.comm.empty()) wrong("--serve plays the receiver: it takes no --comm");
+    const auto others = read_options(argc, argv, usage,
+                                     {{"comm", a.comm, 'c'},
+                                      {"can", a.can},
+                                      {"plot", a.plot},
+                                      {"trace", a.trace},
+                                      {"settings", a.settings},
+                                      {"share", a.share},
+                                      {"seconds", a.seconds, 0, 1000000},
+                                      {"faults", a.faults, 0u, 1000000u},
+                                      {"speed", a.speed, 1, 100},
+                                      {"messages", a.messages},
+                                      {"quiet", a.quiet},
+                                      {"serve", a.serve}});
+    if (!others.empty()) fail(2, "unknown argument %s (try --help)", others[0].c_str());
+    if (a.serve && !a.comm.empty()) fail(2, "--serve plays the receiver: it takes no --comm (try --help)");
     return a;
 }

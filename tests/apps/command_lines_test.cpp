@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: MIT
+#include "NV_store/Image_builder.h"
+#include "apps/Commands.h"
+#include "support/Pty.h"
+#include "util/version.h"
+#include <sys/file.h>
+
+using Image::bytes;
+using Image::header;
+using command_lines = Commands;
+
+namespace {
+
+TEST_F(command_lines, are_explained_and_a_lost_output_is_a_failure) {
+    for (const auto& [program, failure] : {std::pair<std::string, std::string>{"bus_monitor", "1 "},
+                                           {"cds_view", "1 "},
+                                           {"history_dump", "1 "},
+                                           {"nv_dump", "2 "},
+                                           {"trace_view", "2 "},
+                                           {"vorn_monitor", "1 "},
+                                           {"field_controller", "1 "}}) {
+        EXPECT_EQ(answer(program + " -h").rfind("0 Usage: " + program + " ", 0), 0u) << program;
+        EXPECT_EQ(answer(program + " --version"), "0 " + program + " (kavqtglue) " + Kavqtglue::version() + "\n");
+        for (const std::string option : {" --help", " --version"})
+            expect_complaints({{program + option + " >/dev/full", failure + "cannot write: No space left on device"},
+                               {program + option + " >&-", failure + "cannot write: Bad file descriptor"}});
+    }
+}
+
+TEST_F(command_lines, that_are_wrong_get_one_line_and_a_status) {
+    const Pty no_transceiver, taken;
+    ASSERT_EQ(symlink(no_transceiver.path.c_str(), "tty") + symlink(taken.path.c_str(), "taken"), 0);
+    const int other = open("taken", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
+    for (const char* name : {"two", "empty"}) std::filesystem::create_directory(name);
+    for (const char* name : {"two/A0.dat", "two/B3.dat"}) write_file(name, "");
+    write_file("file", "nothing\n");
+    const std::string lost = "/none: No such file or directory";
+    expect_complaints({
+        {"bus_monitor", "2 give one interface or one file (try --help)"},
+        {"bus_monitor a b", "2 give one interface or one file (try --help)"},
+        {"bus_monitor can0 --colour", "2 unknown option --colour (try --help)"},
+        {"bus_monitor can0 --request", "2 --request needs a value (try --help)"},
+        {"bus_monitor can0 --request 0x40000", "2 wrong value 0x40000 for --request (0 to 262143)"},
+        {"bus_monitor can0 --clear 254", "2 wrong value 254 for --clear (0 to 253)"},
+        {"bus_monitor can0 --clear 1", "2 --clear asks before: without a terminal it needs --yes"},
+        {"bus_monitor can0 --listen --request 1", "2 --listen sends nothing, --request and --clear do"},
+        {"bus_monitor can0 --clear 1 --yes --request 1", "2 one of --request and --clear at a time"},
+        {"bus_monitor file --record none", "2 nothing can be asked of or recorded from a file"},
+        {"bus_monitor file", "1 no frames of such a bus in file"},
+        {"bus_monitor /none", "1 cannot read " + lost},
+        {"bus_monitor nocan7 --once", "1 there is no interface nocan7, and no file of that name"},
+        {"cds_view", "2 give a socket or a serial line (try --help)"},
+        {"cds_view socket --plot --once", "2 one of --once, --csv and --plot (try --help)"},
+        {"cds_view socket --set speed", "2 --set needs PATH=VALUE, not speed"},
+        {"cds_view socket --every 5", "2 wrong value 5 for --every (10 to 3600000)"},
+        {"cds_view /none", "1 cannot look at " + lost},
+        {"cds_view file", "1 cannot look at file: it is neither a socket nor a serial line"},
+        {"field_controller --serve -c tty", "2 --serve plays the receiver: it takes no --comm (try --help)"},
+        {"field_controller --speed 0", "2 wrong value 0 for --speed (1 to 100)"},
+        {"field_controller now", "2 unknown argument now (try --help)"},
+        {"history_dump", "2 give a folder and at most a base name (try --help)"},
+        {"history_dump two --source 256", "2 wrong value 256 for --source (1 to 255)"},
+        {"history_dump two --error 5x", "2 wrong value 5x for --error (1 to 65535)"},
+        {"history_dump two --to 2023-13-01", "2 wrong value 2023-13-01 for --to (try --help)"},
+        {"history_dump /none", "1 cannot read " + lost},
+        {"history_dump empty", "1 no history in empty"},
+        {"history_dump two G", "1 no history G in two"},
+        {"history_dump two", "2 more than one history in two: name one, for instance A"},
+        {"history_dump two A --csv >/dev/full", "1 cannot write: No space left on device"},
+        {"nv_dump", "2 give one file (try --help)"},
+        {"nv_dump a b", "2 give one file (try --help)"},
+        {"nv_dump /none", "2 cannot read " + lost},
+        {"nv_dump -", "1 -: it is empty"},
+        {"nv_dump -", "1 -: stops at byte 0: no record", "garbage"},
+        {"nv_dump -", "1 -: stops at byte 0: a value of an unknown type or length", header(12, 9, 1) + "x"},
+        {"nv_dump -", "1 -: stops at byte 0: a value of an unknown type or length", header(14, 9, 1) + bytes({17})},
+        {"nv_dump -", "1 -: stops at byte 0: a container of an unknown type", header(2, 1, 1)},
+        {"trace_view", "2 give one file (try --help)"},
+        {"trace_view a b", "2 give one file (try --help)"},
+        {"trace_view - --plot", "2 --plot needs a value (try --help)"},
+        {"trace_view - --from x", "2 wrong value x for --from (0 to 1000000000)"},
+        {"trace_view - --to 1e10", "2 wrong value 1e10 for --to (0 to 1000000000)"},
+        {"trace_view /none", "2 cannot read " + lost},
+        {"vorn_monitor", "2 give one device with -c, or one file (try --help)"},
+        {"vorn_monitor -c tty -c tty", "2 give one device with -c, or one file (try --help)"},
+        {"vorn_monitor -c :9600", "2 -c needs a device (try --help)"},
+        {"vorn_monitor -c tty:299", "2 wrong speed 299 (300 to 460800)"},
+        {"vorn_monitor -c tty:9600:rs422", "2 wrong mode rs422 (rs232 or rs485)"},
+        {"vorn_monitor -c /dev/null", "1 cannot open /dev/null: it is no serial line"},
+        {"vorn_monitor -c taken", "1 cannot open taken: another program uses it (--shared reads along)"},
+        {"vorn_monitor -c taken::rs485 --shared", "1 cannot set up taken::rs485"},
+        {"vorn_monitor -c tty --speed 1", "2 --speed needs a recording (try --help)"},
+        {"vorn_monitor - --speed fast", "2 wrong value fast for --speed (0.001 to 1000)"},
+        {"vorn_monitor - --timed", "2 --timed needs --record (try --help)"},
+        {"vorn_monitor - --record file", "1 cannot record to file: it is there already"},
+        {"vorn_monitor - --record /none/x", "1 cannot record to /none/x: No such file or directory"},
+        {"vorn_monitor - --plot track", "1 cannot draw track: no position was met", "PG01E half"},
+        {"vorn_monitor /none", "1 cannot open " + lost},
+        {"vorn_monitor /", "1 cannot read /: it is a directory"},
+        {"vorn_monitor /proc/self/mem", "1 cannot read /proc/self/mem: Input/output error"},
+    });
+    EXPECT_EQ(read_file("file"), "nothing\n") << "a recording is not written over";
+    close(other);
+}
+
+} // namespace
