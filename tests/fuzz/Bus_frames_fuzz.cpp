@@ -10,12 +10,11 @@
 #include "glue/jin/JIN_frame.h"
 #include "glue/jin/JIN_memory_bus.h"
 #include "support/Manual_clock.h"
-#include <cstring>
+#include <sstream>
 
 namespace {
 
-class Bus {
-public:
+struct Bus {
     Bus() {
         for (unsigned spn = 1; spn < 10; ++spn) manager.set_active(spn, 3);
         for (int i = 0; i < 100; ++i) step(10);
@@ -27,10 +26,6 @@ public:
         bus.process();
         manager.turn();
     }
-    void take(const JIN_message& m) {
-        bus.inject(m);
-        step(5);
-    }
 
     Manual_clock clock{1700000000};
     JIN_memory_bus bus;
@@ -39,24 +34,19 @@ public:
     Isobus_diagnostics isobus{manager};
 };
 
-/// One for all inputs, since a diner's thread costs more than an input.
-Bus& the_bus() {
-    static Bus bus;
-    return bus;
-}
-
 class Listener {
 public:
     Listener() { _bus.step(100000); } // what was said before is over
-    void frame(uint32_t identifier, const unsigned char* bytes, unsigned n, int64_t ms) {
+    void frame(uint32_t identifier, const void* bytes, unsigned n, int64_t ms) {
         _now.time = static_cast<int32_t>(ms / 1000);
-        _assembler.frame(identifier, bytes, n, ms);
+        _assembler.frame(identifier, static_cast<const unsigned char*>(bytes), n, ms);
     }
 
 private:
     void take(const JIN_message& m) {
         _monitor.take(m, _now);
-        _bus.take(m);
+        _bus.bus.inject(m);
+        _bus.step(5);
         for (unsigned a = 0; (a = _monitor.next(a)) < JIN::no_address; ++a) {
             const auto& codes = _monitor.node(a)->active;
             require(codes.size() <= Trouble_code_messages::max_received_codes, "a row is bounded");
@@ -65,6 +55,10 @@ private:
                 require(i == 0 || codes[i - 1].code.key() < codes[i].code.key(), "in order, each once");
             }
         }
+    }
+    static Bus& the_bus() { // one for all inputs, since a diner's thread costs more than an input
+        static Bus bus;
+        return bus;
     }
 
     Bus& _bus = the_bus();
@@ -75,30 +69,24 @@ private:
 
 void fuzz_log(const std::string& text) {
     Listener listener;
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = std::min(text.find('\n', at), text.size());
-        JIN_frame f, again;
-        if (f.read(text.substr(at, end - at))) {
-            require(again.read(f.to_line("can0")) && again.us == f.us && again.identifier == f.identifier &&
-                        again.size == f.size && memcmp(again.bytes, f.bytes, f.size) == 0,
-                    "a frame is written as it is read");
-            listener.frame(f.identifier, f.bytes, f.size, f.us / 1000);
-        }
-        at = end + 1;
+    std::istringstream lines(text);
+    JIN_frame f, again;
+    for (std::string line; std::getline(lines, line);) {
+        if (!f.read(line)) continue;
+        require(again.read(f.to_line("can0")) && again.us == f.us && again.identifier == f.identifier &&
+                    again.size == f.size && memcmp(again.bytes, f.bytes, f.size) == 0,
+                "a frame is written as it is read");
+        listener.frame(f.identifier, f.bytes, f.size, f.us / 1000);
     }
 }
 
-void fuzz_frames(const std::string& bytes) {
+void fuzz_frames(Input in) {
     Listener listener;
-    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-    int64_t ms = 0;
-    for (size_t left = bytes.size(); left >= 5;) {
-        const unsigned n = std::min<unsigned>(p[0] & 15, 8), pause = p[0] >> 4;
-        if (left < 5 + n) break;
-        const uint32_t identifier = p[1] | p[2] << 8 | p[3] << 16 | static_cast<uint32_t>(p[4] & 31) << 24;
-        listener.frame(identifier, p + 5, n, ms += pause * 100);
-        p += 5 + n;
-        left -= 5 + n;
+    for (int64_t ms = 0; !in.is_empty();) {
+        const unsigned head = in.next();
+        const uint32_t identifier = in.little_endian(4) & 0x1FFFFFFF;
+        const std::string bytes = in.next(std::min(head & 15, 8u));
+        listener.frame(identifier, bytes.data(), static_cast<unsigned>(bytes.size()), ms += (head >> 4) * 100);
     }
 }
 
@@ -111,12 +99,9 @@ void fuzz_codes(const std::string& text) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    be_quiet();
-    if (size < 2) return 0;
-    const std::string rest = text_of(data + 1, size - 1);
-    if (data[0] == 'l') fuzz_log(rest);
-    if (data[0] == 'f') fuzz_frames(rest);
-    if (data[0] == 'c') fuzz_codes(rest);
-    return 0;
+void fuzz(Input in) {
+    const uint8_t what = in.next();
+    if (what == 'l') fuzz_log(in.rest());
+    if (what == 'f') fuzz_frames(in);
+    if (what == 'c') fuzz_codes(in.rest());
 }

@@ -14,15 +14,14 @@ using namespace NV_store;
 namespace {
 
 void fuzz_image(const std::string& bytes) {
-    const auto block = exact(bytes);
-    const auto* p = reinterpret_cast<const unsigned char*>(block.get());
-    Record_walk walk(p, static_cast<int>(bytes.size()));
+    const std::vector<unsigned char> block(bytes.begin(), bytes.end());
+    Record_walk walk(block.data(), static_cast<int>(bytes.size()));
     std::vector<int> open;
     for (Record_walk::Step step = walk.next(); step < Record_walk::all_done; step = walk.next()) {
         if (step == Record_walk::container_started) open.push_back(walk.at);
         if (step == Record_walk::container_ended) {
             const int start = open.back();
-            const unsigned long sum = Util::crc32(NV_iterator::NV_checksum().crc, p + start, walk.end - 4 - start);
+            const unsigned long sum = Util::crc32(NV_iterator::NV_checksum().crc, &block[start], walk.end - 4 - start);
             require(walk.computed == sum, "a container has the checksum of its bytes");
             open.pop_back();
         }
@@ -60,13 +59,10 @@ void fuzz_text(const std::string& text) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    be_quiet();
+void fuzz(Input in) {
     Data_item::lookup_max_id = 1; // the same identifiers each time
-    if (size < 1) return 0;
-    if (data[0] == 'i')
-        fuzz_image(text_of(data + 1, size - 1));
+    if (in.next() == 'i')
+        fuzz_image(in.rest());
     else
-        fuzz_text(text_of(data + 1, size - 1));
-    return 0;
+        fuzz_text(in.rest());
 }

@@ -34,10 +34,11 @@ struct Sink : Diagnostic_history {
     bool check_ready() override { return true; }
 };
 
-void fuzz_history(const std::string& bytes, size_t part) {
+void fuzz_history(unsigned where, const std::string& bytes) {
+    const size_t part = where * bytes.size() / 256;
     require(Pcf_host::mount(folder.path.c_str(), 1 << 20), "the store is mounted");
     write_file(folder.file("H0.dat"), bytes.substr(0, part));
-    write_file(folder.file("H1.dat"), bytes.substr(std::min(part, bytes.size())));
+    write_file(folder.file("H1.dat"), bytes.substr(part));
     Sink sink;
     {
         Diagnostics history("H");
@@ -64,23 +65,10 @@ void fuzz_filters(const std::string& text) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    be_quiet();
-    if (size < 2) return 0;
-    const std::string rest = text_of(data + 1, size - 1);
-    switch (data[0]) {
-    case 'c':
-        fuzz_checksummed(rest);
-        break;
-    case 'h':
-        fuzz_history(rest.substr(1), data[1] * size / 256);
-        break;
-    case 'd':
-        fuzz_device(rest);
-        break;
-    case 'f':
-        fuzz_filters(rest);
-        break;
-    }
-    return 0;
+void fuzz(Input in) {
+    const uint8_t what = in.next();
+    if (what == 'c') fuzz_checksummed(in.rest());
+    if (what == 'h') fuzz_history(in.next(), in.rest());
+    if (what == 'd') fuzz_device(in.rest());
+    if (what == 'f') fuzz_filters(in.rest());
 }

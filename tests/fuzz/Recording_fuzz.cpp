@@ -5,7 +5,6 @@
 #include "glue/data_stream/Replay_data_stream.h"
 #include "support/Manual_clock.h"
 #include "vorn/parser_model.h"
-#include <cstdint>
 
 namespace {
 
@@ -25,16 +24,15 @@ std::string model(const std::string& file) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    be_quiet();
-    if (size < 1) return 0;
+void fuzz(Input in) {
     constexpr double speeds[] = {0, 1, 1000, 0.001};
-    const std::string file = text_of(data + 1, size - 1);
+    const unsigned how = in.next();
+    const std::string file = in.rest();
     Manual_clock clock;
-    Fed_stream source(file, data[0] & 1 ? Fed_stream::pulled : Fed_stream::hesitant, data[0] & 2 ? SIZE_MAX : 5000);
-    Replay_data_stream replay(source, speeds[data[0] >> 2 & 3]);
+    Fed_stream source(file, how & 1 ? Fed_stream::pulled : Fed_stream::hesitant, how & 2 ? SIZE_MAX : 5000);
+    Replay_data_stream replay(source, speeds[how >> 2 & 3]);
     replay.set_read_timeout(0);
-    const unsigned piece = data[0] & 16 ? 4200 : 1 + (data[0] >> 5);
+    const unsigned piece = how & 16 ? 4200 : 1 + (how >> 5);
     std::string brought;
     for (int ms; (ms = replay.ms_to_next()) >= 0;) {
         clock.advance(ms);
@@ -46,5 +44,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     require(brought == model(file), "it brings what was received");
     require(replay.state() != Replay_data_stream::playing, "it ends");
-    return 0;
 }

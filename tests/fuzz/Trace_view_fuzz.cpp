@@ -4,9 +4,10 @@
 #include "trace_view/Trace_data.h"
 #include <cmath>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size == 0) return 0;
-    FILE* const file = fmemopen(const_cast<uint8_t*>(data), size, "rb");
+void fuzz(Input in) {
+    if (in.is_empty()) return;
+    std::string bytes = in.rest();
+    FILE* const file = fmemopen(bytes.data(), bytes.size(), "rb");
     Trace_data trace;
     const char* const wrong = trace.read(file);
     fclose(file);
@@ -19,5 +20,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         require(h.wait == Trace_data::not_known || (h.wait >= 0 && h.wait <= trace.end), "after a time that can be");
     }
     require(wrong || trace.lines() >= 2, "a whole trace has its two brackets");
-    return 0;
 }

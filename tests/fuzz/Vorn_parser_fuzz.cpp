@@ -2,22 +2,20 @@
 // The stream parser beside its slow model. Six bytes say how, the others are what the line brings.
 #include "fuzz/checks.h"
 #include "vorn/parser_model.h"
-#include <cstdint>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    be_quiet(); // refusals would flood the output
-    if (size < 6) return 0;
+void fuzz(Input in) {
     constexpr int rooms[] = {8192, 4103, 4101, 64, 10, 9, 8, 1};
+    const uint8_t manner = in.next(), portion = in.next(), room = in.next(), options = in.next();
     Session session;
-    session.bytes.assign(reinterpret_cast<const char*>(data) + 6, size - 6);
-    session.manner = static_cast<Fed_stream::Manner>(data[0] % 3);
+    session.meddler = in.little_endian(2);
+    session.bytes = in.rest();
+    session.manner = static_cast<Fed_stream::Manner>(manner % 3);
     // The model starts over with each portion: tiny ones are for short inputs.
-    session.portion = std::max<size_t>(data[1] == 0 ? SIZE_MAX : data[1], size / 64);
-    session.buf_size = rooms[data[2] % 8];
-    session.expect_line_end = !(data[3] & 1);
-    session.keep_on_reject = data[3] & 2;
-    session.with_checker = data[3] & 4;
-    session.meddler = data[4] + 256u * data[5];
-    require(difference(session).c_str());
-    return 0;
+    session.portion = std::max<size_t>(portion == 0 ? SIZE_MAX : portion, session.bytes.size() / 64);
+    session.buf_size = rooms[room % 8];
+    session.expect_line_end = !(options & 1);
+    session.keep_on_reject = options & 2;
+    session.with_checker = options & 4;
+    const std::string found = difference(session);
+    require(found.empty(), found.c_str());
 }

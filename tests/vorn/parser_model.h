@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/vorn/Vorn_parser.h"
+#include "support/capture.h"
 #include <algorithm>
 #include <cstring>
 #include <mutex>
@@ -26,10 +27,10 @@ public:
         ++fetches;
         if (stream_lock) stream_lock->check(Mutex::status_mine);
         if (_manner == pushed) return false;
-        const uint32_t wanted = buffer.used() + static_cast<uint32_t>(n);
-        while (read() > 0 && _manner == pulled && buffer.used() < wanted) {
+        for (const uint32_t wanted = buffer.used() + static_cast<uint32_t>(n);;) {
+            const bool more = read() > 0 && _manner == pulled;
+            if (!more || buffer.used() >= wanted) return buffer.used() >= wanted;
         }
-        return buffer.used() >= wanted;
     }
     using Data_stream::get_data;
     unsigned _write(const unsigned char*, unsigned) override { return 0; }
@@ -41,11 +42,7 @@ public:
     }
     bool dry() const { return _next == _source.size(); }
     /// What is not consumed.
-    std::string left() {
-        std::string bytes(buffer.used(), 0);
-        buffer.peek(0, reinterpret_cast<unsigned char*>(&bytes[0]), buffer.used());
-        return bytes + _source.substr(_next);
-    }
+    std::string left() { return _source.substr(buffer.dropped); }
 
     int fetches = 0;
 
@@ -80,10 +77,8 @@ public:
                 for (; i < 4190 && !newline(i); ++i) {
                     if (!_s.bytes_avail(i)) return 0;
                 }
-                if (i == 4190) {
-                    if (!_s.drop(4190)) return 0;
-                    continue;
-                }
+                if (i == 4190 && !_s.drop(4190)) return 0;
+                if (i == 4190) continue;
                 synced = 1;
                 while (i + 1 < 4200 && newline(i + 1)) ++i;
                 len = move(buf, std::min(i + 1, room));
@@ -91,10 +86,7 @@ public:
             }
             const unsigned char a = _s[0], b = _s[1];
             if (a < 48 || a > 126 || b < 48 || b > 126) {
-                if (a == 0)
-                    _s.drop(1);
-                else
-                    synced = 0;
+                synced = a == 0 && _s.drop(1);
                 continue;
             }
             const char digits[4] = {static_cast<char>(_s[2]), static_cast<char>(_s[3]), static_cast<char>(_s[4]), 0};
@@ -180,21 +172,20 @@ inline std::string difference(const Session& session) {
     std::vector<unsigned char> mine(static_cast<size_t>(session.buf_size)), its(mine);
     std::minstd_rand meddler(session.meddler);
     for (;;) {
-        ours.feed();
-        theirs.feed();
         const auto deed = session.meddler ? meddler() % 64 : 0;
-        if (deed == 1) ours.drop_all(), theirs.drop_all();
-        if (deed == 2) ours.drop(40), theirs.drop(40);
+        for (Fed_stream* s : {&ours, &theirs}) {
+            s->feed();
+            if (deed == 1) s->drop_all();
+            if (deed == 2) s->drop(40);
+        }
         int len, its_len;
         const int kind = parser.get_packet(mine.data(), session.buf_size, len);
         const int its_kind = model.get_packet(its.data(), session.buf_size, its_len);
         const bool same_bytes = len == its_len && std::equal(mine.begin(), mine.begin() + len, its.begin());
         if (kind != its_kind || !same_bytes || parser.synced != model.synced ||
-            ours.buffer.dropped != theirs.buffer.dropped || ours.buffer.used() != theirs.buffer.used()) {
-            return "kind " + std::to_string(kind) + " length " + std::to_string(len) + ", model: kind " +
-                   std::to_string(its_kind) + " length " + std::to_string(its_len) + ", before byte " +
-                   std::to_string(theirs.buffer.dropped);
-        }
+            ours.buffer.dropped != theirs.buffer.dropped || ours.buffer.used() != theirs.buffer.used())
+            return text_of("kind %d length %d, model: kind %d length %d, before byte %llu", kind, len, its_kind,
+                           its_len, static_cast<unsigned long long>(theirs.buffer.dropped));
         if (kind == 0 && ours.dry()) return "";
     }
 }

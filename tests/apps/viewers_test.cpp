@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: MIT
+// What programs show of a file.
+#include "NV_store/Image_builder.h"
+#include "apps/Commands.h"
+#include "support/frame.h"
+#include "support/frames.h"
+
+using namespace std::string_literals;
+using bus_monitor = Commands;
+using history_dump = Commands;
+using nv_dump = Commands;
+using trace_view = Commands;
+
+namespace {
+
+/// Of an engine with a code and a terminal that says what it is, with one long message, and lines that are no frames of
+/// such a bus.
+TEST_F(bus_monitor, replays_a_log) {
+    const std::tuple<uint32_t, unsigned, std::string> messages[] = {
+        {60928, 38, std::string("\x01\x00\x60\x0F\x00\x81\x00\xA0", 8)},
+        {65226, 0, "\x04\xF3\xD2\x04\x1F\x01\xFF\xFF"},
+        {64653, 38, "P1*Terminal*T \x01\"800\"*"},
+        {65242, 38, "\x01V2.1*"},
+        {65226, 0, std::string("\x04\xF3\xD2\x04\x1F\x02\x00\xF0\xEC\xFE", 10)}};
+    std::string log = "nothing\n(1700000000.000000) can0 123#11\n\n";
+    int64_t us = 1700000000000000; // 2023-11-14 22:13:20
+    for (const auto& [pgn, source, bytes] : messages) {
+        for (const JIN_frame& f : frames_of(pgn, source, bytes, us)) log += f.to_line("can0") + "\n";
+        us += 1000000;
+    }
+    write_file("log", log);
+    EXPECT_EQ(answer("bus_monitor log"),
+              "0 bus_monitor: 2 lines were no frames of such a bus\n"
+              "adr  codes\n"
+              "  0  2    NAME not heard, lamps: amber warning flashes slowly\n"
+              "          SPN   1234 FMI 31 condition exists, 2 times, since 22:13:21\n"
+              "          SPN 520192 FMI 12 bad device or component, 126 times, in an old form: the SPN may be wrong, "
+              "since 22:13:24\n"
+              " 38       agriculture, class 0.0, function 129.0, ECU 0, maker 123, number 1\n"
+              "          product P1 Terminal T _\"800\"\n"
+              "          software V2.1\n");
+    EXPECT_EQ(run_shell("bus_monitor - --csv <log").out,
+              "address,name,product,software,spn,fmi,meaning,count,first,last,state\n"
+              "0,0000000000000000,\"\",\"\",1234,31,\"condition exists\",2,1700000001.000,1700000004.100,active\n"
+              "0,0000000000000000,\"\",\"\",520192,12,\"bad device or component\",126,1700000004.100,1700000004.100,"
+              "active\n"
+              "38,A00081000F600001,\"P1 Terminal T _\"\"800\"\"\",\"V2.1\",,,,,,,\n");
+}
+
+TEST_F(history_dump, prints_the_records_from_the_oldest_to_the_newest_that_pass_the_filters) {
+    const auto record = [](unsigned src, unsigned error, unsigned time, unsigned word = 0x7F1F) {
+        return Frame("SP").u1(src).u2(word).u2(error).u4(time).u1(125).str() + "\n";
+    };
+    // Current is 1, so 2 is left out, 8 the oldest; with damage, a reply, a torn end and what the restart put there.
+    const std::string damaged = record(9, 9, 1700000002).replace(8, 1, "?");
+    write_file("H8.dat", record(128, 1234, 1700000000, 0x011F) + damaged + record(1, 5, 1700000001, 17));
+    write_file("H9.dat", "RE003%x\r\n" + record(128, 0xF000, 1700000003, 0xFEEC) + record(7, 7, 0));
+    write_file("H0.dat", record(2, 65535, 4000000000));
+    write_file("H1.dat", record(3, 1, 5).substr(0, 9) + std::string(17, '\n') + record(4, 6, 86400));
+    EXPECT_EQ(answer("history_dump . --to 2023-11-15"),
+              "0 history_dump: ./H8.dat: 15 bytes are no record\n"
+              "history_dump: ./H9.dat: 7 bytes are no record\n"
+              "history_dump: ./H1.dat: 9 bytes are no record\n"
+              "2023-11-14 22:13:20.500 source 128 error 1234 word 287, SPN 1234 FMI 31 active, count 1\n"
+              "2023-11-14 22:13:21.500 source 1 error 5 word 17\n"
+              "2023-11-14 22:13:23.500 source 128 error 61440 word 65260, SPN 520192 FMI 12 inactive, count 126\n"
+              "1970-01-02 00:00:00.500 source 4 error 6 word 32543\n");
+    const std::string a = "1700000000.500,128,1234,287,1234,31,1,active\n", b = "1700000001.500,1,5,17,,,,\n",
+                      c = "1700000003.500,128,61440,65260,520192,12,126,inactive\n",
+                      d = "4000000000.500,2,65535,32543,,,,\n", e = "86400.500,4,6,32543,,,,\n";
+    for (const auto& [filters, rows] : {std::pair{"H", a + b + c + d + e},
+                                        {"--source 0x80", a + c},
+                                        {"--error=5", b},
+                                        {"--from 1700000001 --to 1700000003", b},
+                                        {"--from 2023-11-14T22:13:21 --to=2024-01-01", b + c}})
+        EXPECT_EQ(run_shell("history_dump . --csv "s + filters).out,
+                  "time,source,error,word,spn,fmi,count,change\n" + rows)
+            << filters;
+}
+
+TEST_F(history_dump, fails_where_there_is_not_one_record) {
+    for (const auto& [garbage, bytes] : {std::pair{"SPFFFgarbage", 12}, {"\x01 line\nGT", 8}, {"RE003%x\r\n", 7}}) {
+        write_file("G0.dat", garbage);
+        EXPECT_EQ(answer("history_dump ."), text_of("1 history_dump: ./G0.dat: %d bytes are no record\n", bytes) +
+                                                "history_dump: no record at all\n");
+    }
+}
+
+TEST_F(nv_dump, prints_an_image_and_the_changes_behind_it_up_to_where_it_is_damaged) {
+    using namespace Image;
+    const std::string wheel = frame(1, 3, value(2, 1, bytes({1})) + value(8, 0x0102, bytes({0xFE, 0xFF})));
+    const std::string image = frame(0, 1,
+                                    value(10, 2, little_endian(0x3F59999A, 4)) + wheel +
+                                        value(14, 5, bytes({2, 3, 0, 2, 1})) + value(0x25, 9, bytes({2, 7, 0, 8, 1})));
+    const std::string good = "root 1\n  float 2 = 0.85\n  struct 3\n    bool 1 = true\n    int16 258 = -2\n"
+                             "    CRC ED26C0AC good\n  pointer 5 = 3/258\n  uint16[] 9 = 7 264\n  CRC 9ECEBAC3 good\n";
+    write_file("settings", image + frame(0, 1, frame(13, 4, "")));
+    EXPECT_EQ(answer("nv_dump settings"),
+              "0 " + good + "root 1\n  container 4\n    CRC 3F047002 good\n  CRC 1163EF24 good\n");
+    std::string bad = image;
+    bad[25] ^= 1; // in the inner container's value
+    const std::string got = answer("nv_dump -", bad);
+    EXPECT_EQ(got.rfind("1 nv_dump: -: 2 of 2 checksums are wrong\nroot 1\n", 0), 0u) << got;
+    EXPECT_NE(got.find("\n    CRC ED26C0AC bad, computed 267A1309\n"), std::string::npos) << got;
+
+    std::string deep;
+    for (int i = 0; i < 65; ++i) deep += header(1, 1, i);
+    for (const auto& [bytes, complaint] :
+         {std::pair{image.substr(0, image.size() - 5) + "abcde", "53: the end of another container"},
+          {wheel + header(1, 2, 3), "23: the end of a container that did not start"},
+          {deep, "260: the end of a container is missing"}}) {
+        const std::string end = "1 nv_dump: -: stops at byte "s + complaint + "\n";
+        EXPECT_EQ(answer("nv_dump -", bytes).substr(0, end.size()), end);
+    }
+    expect_cuts_told("nv_dump -", image, 1);
+}
+
+/// Records of a trace, with single quotes for double ones.
+std::string trace_of(std::string records) {
+    records = "[\n{'ph':'M','pid':1,'tid':1,'name':'kavqtglue_trace','args':{'format':1,'recorded':20,'kept':12,"
+              "'dropped':3}}" +
+              records;
+    std::replace(records.begin(), records.end(), '\'', '"');
+    return records;
+}
+
+const std::string trace = trace_of(R"(,
+{'ph':'M','pid':1,'tid':8,'name':'thread_name','args':{'name':'PUMP'}},
+{'ph':'X','pid':1,'tid':7,'ts':1000000,'name':'post to PUMP','cat':'post','args':{'diner':'PUMP','node':1,'queue':1,'free':9}},
+{'ph':'C','pid':1,'tid':7,'ts':1000000,'name':'free event nodes','args':{'nodes':996}},
+{'ph':'B','pid':1,'tid':8,'ts':1000010,'name':'PUMP 2000/1','cat':'event','args':{'diner':'PUMP','node':1}},
+{'ph':'X','pid':1,'tid':7,'ts':1000020,'name':'post to PUMP','cat':'post','args':{'diner':'PUMP','node':2,'queue':2,'free':9}},
+{'ph':'E','pid':1,'tid':8,'ts':1000110},
+{'ph':'B','pid':1,'tid':8,'ts':1000120,'name':'PUMP 2000/1','cat':'event','args':{'diner':'PUMP','node':2}},
+{'ph':'B','pid':1,'tid':8,'ts':1000125,'name':'own','cat':'program','args':{'number':1}},
+{'ph':'E','pid':1,'tid':8,'ts':1000130},
+{'ph':'E','pid':1,'tid':8,'ts':1000420},
+{'ph':'B','pid':1,'tid':8,'ts':1500000,'name':'PUMP timeout','cat':'timeout','args':{'diner':'PUMP','uid':1,'late_ms':30}},
+{'ph':'i','pid':1,'tid':7,'ts':1600000,'s':'t','name':'refused by PUMP','cat':'post','args':{'diner':'PUMP','module':1}}
+]
+)");
+
+TEST_F(trace_view, tells_of_each_diner_and_draws) {
+    const std::string got = answer("trace_view - --plot picture --to 0.001", trace);
+    EXPECT_EQ(got.rfind("0 0.600 s with 12 records (8 older ones overwritten, 3 dropped)", 0), 0u);
+    expect_in(
+        got,
+        {"Free event nodes at least 996.",
+         "PUMP               2        1     200.0     300.0     300.0      55.0     100.0     100.0      2        1\n",
+         "Longest handlers\n      at [s]  length [us] late [ms]\n"
+         "    0.500000     100000.0       30  PUMP timeout, still running\n"
+         "    0.000120        300.0        0  PUMP 2000/1\n",
+         "Latest timeouts\n      at [s]  length [us] late [ms]\n    0.500000 "});
+    expect_in(read_file("picture"), {"<title>PUMP 2000/1, 300.0 us</title>", ">thread 7</text>", "!still running"});
+    answer("trace_view - --plot picture --from 0.4 --to 0.55", trace);
+    expect_in(read_file("picture"), {"!2000/1", "still running"});
+    // A span of less than what a number so far from 0 can tell, and a handler whose end was not recorded.
+    expect_in(answer("trace_view - --plot /dev/null --from 999999999 --to 999999999.0000001", trace_of(R"(,
+{'ph':'B','pid':1,'tid':8,'ts':0,'name':'PUMP 2000/1','cat':'event','args':{'diner':'PUMP','node':1}},
+{'ph':'E','pid':1,'tid':8,'ts':9000000,'args':{'lost':1}}
+]
+)")),
+              {"    0.000000          0.0        0  PUMP 2000/1, its end is lost\n"});
+}
+
+TEST_F(trace_view, says_in_one_line_what_is_wrong) {
+    for (const auto& [bytes, complaint] :
+         {std::pair<std::string, std::string>{"", "1: it is no trace"},
+          {"garbage\n", "1: it is no trace"},
+          {"[\n{\"ph\":\"M\",\"name\":\"other\"},\n]\n", "2: it is no trace"},
+          {"[\n]\n", "2: it is no trace"},
+          {trace_of(",\n{'ph':'B'}\n]\n"), "3: an event without a time"},
+          {trace_of(",\nxyz,\n]\n"), "3: no event"},
+          {trace_of("\n{}\n]\n"), "3: a line behind the last one"},
+          {trace_of(",\n" + std::string(5000, 'x') + "\n"), "3: a line that is too long"}})
+        expect_complaints({{"trace_view -", "1 -: line " + complaint, bytes}});
+    expect_cuts_told("trace_view -", trace.substr(0, trace.size() - 1), 7);
+    for (const char* plot : {"/none/x", "/dev/full"})
+        EXPECT_EQ(answer(std::string("trace_view - --plot ") + plot, trace).substr(0, 2), "2 ");
+    EXPECT_EQ(answer("trace_view - --plot x --from 1 --to 0.5", trace).substr(0, 41),
+              "2 trace_view: --to must be behind --from\n");
+}
+
+} // namespace
