@@ -2,6 +2,7 @@
 #include "NV_store/Image_builder.h"
 #include "apps/Commands.h"
 #include "support/Pty.h"
+#include "support/frame.h"
 #include "util/version.h"
 #include <sys/file.h>
 
@@ -28,16 +29,24 @@ TEST_F(command_lines, are_explained_and_a_lost_output_is_a_failure) {
 }
 
 TEST_F(command_lines, that_are_wrong_get_one_line_and_a_status) {
-    const Pty no_transceiver, taken;
-    ASSERT_EQ(symlink(no_transceiver.path.c_str(), "tty") + symlink(taken.path.c_str(), "taken"), 0);
+    const Pty line, taken;
+    const std::string packet = Frame("GT").u4(1).u2(2300).str() + "\r\n";
+    line.send(packet + packet);
+    ASSERT_EQ(symlink(line.path.c_str(), "tty") + symlink(taken.path.c_str(), "taken"), 0);
     const int other = open("taken", O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_EQ(flock(other, LOCK_EX), 0);
-    for (const char* name : {"two", "empty"}) std::filesystem::create_directory(name);
-    for (const char* name : {"two/A0.dat", "two/B3.dat"}) write_file(name, "");
-    write_file("file", "nothing\n");
-    const std::string lost = "/none: No such file or directory";
+    for (const char* name : {"two", "empty", "bad"}) std::filesystem::create_directory(name);
+    for (const auto& [name, bytes] : {std::pair{"two/A0.dat", ""},
+                                      {"two/B3.dat", ""},
+                                      {"file", "nothing\n"},
+                                      {"bad/G0.dat", "SPFFFgarbage"},
+                                      {"bad/G1.dat", "\x01 line\nGT"},
+                                      {"bad/G2.dat", "RE003%x\r\n"}})
+        write_file(name, bytes);
+    const std::string lost = "/none: No such file or directory", no_room = "1 cannot write: No space left on device",
+                      closed = "1 cannot write: Bad file descriptor",
+                      no_record = " bytes are no record\nhistory_dump: ";
     expect_complaints({
-        {"bus_monitor", "2 give one interface or one file (try --help)"},
         {"bus_monitor a b", "2 give one interface or one file (try --help)"},
         {"bus_monitor can0 --colour", "2 unknown option --colour (try --help)"},
         {"bus_monitor can0 --request", "2 --request needs a value (try --help)"},
@@ -67,9 +76,10 @@ TEST_F(command_lines, that_are_wrong_get_one_line_and_a_status) {
         {"history_dump empty", "1 no history in empty"},
         {"history_dump two G", "1 no history G in two"},
         {"history_dump two", "2 more than one history in two: name one, for instance A"},
-        {"history_dump two A --csv >/dev/full", "1 cannot write: No space left on device"},
+        {"history_dump two A --csv >/dev/full", no_room},
+        {"history_dump bad", "1 bad/G0.dat: 12" + no_record + "bad/G1.dat: 8" + no_record + "bad/G2.dat: 7" +
+                                 no_record + "no record at all"},
         {"nv_dump", "2 give one file (try --help)"},
-        {"nv_dump a b", "2 give one file (try --help)"},
         {"nv_dump /none", "2 cannot read " + lost},
         {"nv_dump -", "1 -: it is empty"},
         {"nv_dump -", "1 -: stops at byte 0: no record", "garbage"},
@@ -77,8 +87,6 @@ TEST_F(command_lines, that_are_wrong_get_one_line_and_a_status) {
         {"nv_dump -", "1 -: stops at byte 0: a value of an unknown type or length", header(14, 9, 1) + bytes({17})},
         {"nv_dump -", "1 -: stops at byte 0: a container of an unknown type", header(2, 1, 1)},
         {"trace_view", "2 give one file (try --help)"},
-        {"trace_view a b", "2 give one file (try --help)"},
-        {"trace_view - --plot", "2 --plot needs a value (try --help)"},
         {"trace_view - --from x", "2 wrong value x for --from (0 to 1000000000)"},
         {"trace_view - --to 1e10", "2 wrong value 1e10 for --to (0 to 1000000000)"},
         {"trace_view /none", "2 cannot read " + lost},
@@ -96,6 +104,9 @@ TEST_F(command_lines, that_are_wrong_get_one_line_and_a_status) {
         {"vorn_monitor - --record file", "1 cannot record to file: it is there already"},
         {"vorn_monitor - --record /none/x", "1 cannot record to /none/x: No such file or directory"},
         {"vorn_monitor - --plot track", "1 cannot draw track: no position was met", "PG01E half"},
+        {"vorn_monitor - >/dev/full", no_room, packet},
+        {"vorn_monitor - >&-", closed, packet},
+        {"vorn_monitor -c tty >&-", closed},
         {"vorn_monitor /none", "1 cannot open " + lost},
         {"vorn_monitor /", "1 cannot read /: it is a directory"},
         {"vorn_monitor /proc/self/mem", "1 cannot read /proc/self/mem: Input/output error"},

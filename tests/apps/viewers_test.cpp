@@ -78,14 +78,6 @@ TEST_F(history_dump, prints_the_records_from_the_oldest_to_the_newest_that_pass_
             << filters;
 }
 
-TEST_F(history_dump, fails_where_there_is_not_one_record) {
-    for (const auto& [garbage, bytes] : {std::pair{"SPFFFgarbage", 12}, {"\x01 line\nGT", 8}, {"RE003%x\r\n", 7}}) {
-        write_file("G0.dat", garbage);
-        EXPECT_EQ(answer("history_dump ."), text_of("1 history_dump: ./G0.dat: %d bytes are no record\n", bytes) +
-                                                "history_dump: no record at all\n");
-    }
-}
-
 TEST_F(nv_dump, prints_an_image_and_the_changes_behind_it_up_to_where_it_is_damaged) {
     using namespace Image;
     const std::string wheel = frame(1, 3, value(2, 1, bytes({1})) + value(8, 0x0102, bytes({0xFE, 0xFF})));

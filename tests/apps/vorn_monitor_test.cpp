@@ -71,15 +71,6 @@ TEST_F(vorn_monitor, records_what_it_prints_and_replays_it) {
     EXPECT_EQ(read_file("again"), input);
 }
 
-TEST_F(vorn_monitor, fails_when_its_output_does_and_keeps_it_from_what_it_opens) {
-    const std::string cannot = "1 cannot write: ", refused = cannot + "Bad file descriptor";
-    const Pty line;
-    line.send(time_packet(1) + time_packet(1));
-    expect_complaints({{"vorn_monitor - >/dev/full", cannot + "No space left on device", time_packet(1)},
-                       {"vorn_monitor - >&-", refused, time_packet(1)},
-                       {"vorn_monitor -c " + line.path + " >&-", refused}});
-}
-
 TEST_F(vorn_monitor, shows_on_a_terminal_how_far_it_is_unless_the_packets_are_shown_there) {
     write_file("recording", time_packet(360000));
     for (const auto& [output, shown] : {std::pair{"2>", "100 %\r\033[K"}, {"2>&1 >", "GT ms=360000 week=2300\n"}}) {
