@@ -164,23 +164,19 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
         ASSERT_EQ(Framed(f).view.compute_8bit_checksum(static_cast<uint32_t>(f.size() - 1)), f.back() & 0xFF) << n;
     }
     const std::string good = Frame("PG").text("\x01\x02\x03").str();
-    for (const auto& [bytes, right] : {std::pair{good + "\n", true},
-                                       {good, false}, // without a line end
-                                       {good.substr(0, 8) + "?\n", false},
-                                       {good.substr(0, 7) + "\n", false}, // cut
-                                       {"PG0\n", false},
-                                       {"NP005ab@D3\n", true}, // with digits for a sum
-                                       {"NP006xyz@3e\r", true},
-                                       {"NP005ab@G7\n", false},
-                                       {"NP005ab@D3\r\n", false}, // with digits, but not at the end
-                                       // Without a body the last length digit stands where the checksum would be.
-                                       {"PG000\n", false},
-                                       {"aJ000\n", true}}) {
-        const Framed f(bytes);
-        const uint16_t id = f.view.get_id(), other = static_cast<uint16_t>(id + 1);
-        EXPECT_VALUES(texts(right, right, false), f.view.check_checksum(), f.view.validate(id), f.view.validate(other))
-            << bytes;
-    }
+    const std::vector<std::string> rows[] = {
+        {good, good.substr(0, 8) + "?\n", good.substr(0, 7) + "\n", "PG0\n", "NP005ab@G7\n",
+         "NP005ab@D3\r\n", // the digits are not at the end
+         "PG000\n"},       // without a body the last length digit stands where the checksum would be
+        {good + "\n", "NP005ab@D3\n", "NP006xyz@3e\r", "aJ000\n"}};
+    for (const bool right : {false, true})
+        for (const std::string& bytes : rows[right]) {
+            const Framed f(bytes);
+            const uint16_t id = f.view.get_id(), other = static_cast<uint16_t>(id + 1);
+            EXPECT_VALUES(texts(right, right, false), f.view.check_checksum(), f.view.validate(id),
+                          f.view.validate(other))
+                << bytes;
+        }
     Framed f("PG004\x01\x02\x03?\n"), cut("PG004abc");
     EXPECT_VALUES(texts(true, good + "\n"), f.view.set_checksum(), f.text());
     EXPECT_VALUES("false PG004abc", cut.view.set_checksum(), cut.text());
