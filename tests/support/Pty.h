@@ -11,8 +11,6 @@
 #include <unistd.h>
 #include <vector>
 
-using Temp_dir = Temporary_folder;
-
 /// A pseudo-terminal: the test holds the master end, what is tested opens the other one by its path.
 class Pty {
 public:

@@ -31,7 +31,9 @@ private:
 template <class Base = Diner::Protection>
 class Test_diner : public Base {
 public:
-    explicit Test_diner(const char* name = "test", int id = 0) : own(name, id) {}
+    template <class... A> ///< of the base
+    explicit Test_diner(const char* name = "test", int id = 0, A&&... arguments)
+        : Base(std::forward<A>(arguments)...), own(name, id) {}
     ~Test_diner() override {
         lock_gate.open();
         if (this->state == Diner::state_term) this->wait_terminate();

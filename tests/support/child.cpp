@@ -1,26 +1,34 @@
 // SPDX-License-Identifier: MIT
 #include "support/child.h"
+#include "support/stress.h"
 #include <atomic>
 #include <cstdlib>
-#include <sys/wait.h>
 #include <thread>
 
-Child_result run_child(const std::function<void()>& body, unsigned limit_s) {
-    FILE *const out = std::tmpfile(), *const err = std::tmpfile();
+int in_child(const std::function<int()>& body, const std::function<void(pid_t)>& meanwhile, unsigned limit_s) {
     fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
         alarm(limit_s);
+        _exit(body());
+    }
+    if (meanwhile) meanwhile(pid);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+Child_result run_child(const std::function<void()>& body, unsigned limit_s) {
+    FILE *const out = std::tmpfile(), *const err = std::tmpfile();
+    const auto redirected = [&]() -> int {
         dup2(fileno(out), STDOUT_FILENO);
         dup2(fileno(err), STDERR_FILENO);
         body();
         exit(0);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
+    };
+    const int end = in_child(redirected, nullptr, limit_s);
     Child_result result;
-    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+    (end < 0 ? result.signal : result.status) = std::abs(end);
     result.timed_out = result.signal == SIGALRM;
     result.out = read_and_close(out);
     result.err = read_and_close(err);
