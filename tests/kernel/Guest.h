@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include "support/Temporary_folder.h"
-#include <cstdio>
-#include <cstdlib>
-#include <gtest/gtest.h>
-#include <string>
-#include <sys/wait.h>
+#include "support/stress.h"
+#include "support/test.h"
 
 /// The emulated machine that tools/in_kernel starts. Programs that include this set clocks and stop file systems, so
 /// they refuse to run anywhere else.
@@ -25,5 +21,11 @@ inline int sh(const std::string& command) {
 
 /// The same for what the test cannot do without.
 inline void must(const std::string& command) { ASSERT_EQ(sh(command), 0) << command; }
+
+/// How often something is done: with --few as the program's argument an eighth of `n`, with --nightly ten times `n`.
+inline int rounds(int n) {
+    const bool few = read_file("/proc/self/cmdline").find("--few") != std::string::npos;
+    return few ? n / 8 : nightly() ? n * 10 : n;
+}
 
 } // namespace Guest

@@ -4,65 +4,74 @@
 #include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/NV_store/NV_safe_store.h"
-#include "glue/data_stream/File_checksummed_data_stream.h"
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diner/Diner_info_list.h"
 #include "platform/pcf_host.h"
 #include "support/Temporary_folder.h"
-#include <array>
+#include "support/capture.h"
+#include <algorithm>
 #include <deque>
 #include <memory>
+#include <thread>
 
 /// What a machine keeps on its medium, as stores whose whole state follows from a version number: each save goes from
 /// one version to the next, and a fresh process can tell which version is there.
 namespace Saved {
 
 struct Store {
-    explicit Store(const char* n) : name(n) {}
     virtual ~Store() = default;
     virtual bool save(int version) = 0; ///< over the version before
     virtual bool holds(int version) = 0;
     virtual std::string found() { return "something else"; } ///< what is there instead
-    const char* const name;
-    bool whole = true; ///< the last load said that nothing was lost
+    bool whole = true;                                       ///< the last load said that nothing was lost
 };
 
-/// A tree that is saved whole at every eighth version, and else by an eighth of its numbers.
+/// What a program knows of a store: the last version that was saved, and the one whose save began.
+struct Account {
+    int done = 0, begun = 0;
+    /// What it must hold after a cut or a failure: one of the two, which is the saved one from now on.
+    bool settle(Store& s) {
+        if (begun != done && s.holds(begun)) return done = begun, true;
+        begun = done;
+        return s.holds(done);
+    }
+};
+
+/// A tree that is saved whole at every eighth version, and else by an eighth of its numbers. Half of them are in a
+/// group.
 struct Tree : NV_store::NV_root {
     Tree() : NV_root(nullptr, 1, "tree") {
-        for (unsigned short i = 0; i < 64; ++i) numbers.emplace_back(this, i, "number");
+        for (unsigned short i = 0; i < 64; ++i)
+            numbers.emplace_back(i % 2 ? &group : static_cast<NV_container*>(this), i, "number");
     }
-    static int value(int i, int version) {
-        const int whole = version - version % 8;
-        return i % 8 >= 1 && i % 8 <= version % 8 ? whole + i % 8 : whole;
-    }
+    int get(int i) const { return numbers[static_cast<size_t>(i)].get(); }
     void set(int version) {
         for (int i = 0; i < 64; ++i)
             if (version % 8 == 0 || i % 8 == version % 8) numbers[static_cast<size_t>(i)].set(version);
     }
     bool is(int version) const {
+        const int whole = version - version % 8;
         for (int i = 0; i < 64; ++i)
-            if (numbers[static_cast<size_t>(i)].get() != value(i, version)) return false;
+            if (get(i) != whole + (i % 8 <= version % 8 ? i % 8 : 0)) return false;
         return true;
     }
+    NV_store::NV_container group{this, this, 99, "group"};
     std::deque<NV_store::NV_int32> numbers;
 };
 
-class Settings : public Store {
-public:
-    explicit Settings(const std::string& folder) : Store("settings"), _path(folder + "/settings") {
-        whole = NV_store::is_good(_store.load());
+struct Settings : Store {
+    explicit Settings(const std::string& folder) : path(folder + "/settings") {
+        whole = NV_store::is_good(store.load());
     }
     bool save(int version) override {
-        _tree.set(version);
-        return (version % 8 == 0 ? _store.save() : _store.save_changes()) == NV_store::Safe_result::saved;
+        tree.set(version);
+        return (version % 8 == 0 ? store.save() : store.save_changes()) == NV_store::Safe_result::saved;
     }
-    bool holds(int version) override { return _tree.is(version); }
+    bool holds(int version) override { return tree.is(version); }
 
-private:
-    const std::string _path;
-    Tree _tree;
-    NV_store::NV_safe_store _store{_tree, _path.c_str()};
+    const std::string path;
+    Tree tree;
+    NV_store::NV_safe_store store{tree, path.c_str()};
 };
 
 /// 100 to 2100 bytes that tell the version in each line.
@@ -70,29 +79,26 @@ inline std::string text_of_version(int version) {
     std::string text;
     while (text.size() < 100u + static_cast<unsigned>(version) * 397u % 2000u)
         text += "version " + std::to_string(version) + "\n";
-    return NV_store::padded_text(text);
+    return version == 0 ? "" : NV_store::padded_text(text);
 }
 
-class Safe_text : public Store {
-public:
-    explicit Safe_text(const std::string& folder) : Store("checksummed file"), _path(folder + "/text") {}
+struct Safe_text : Store {
+    explicit Safe_text(const std::string& folder) : path(folder + "/text") {}
     bool save(int version) override {
-        return NV_store::save_checksummed(_path.c_str(), text_of_version(version)) == NV_store::Safe_result::saved;
+        return NV_store::save_checksummed(path.c_str(), text_of_version(version)) == NV_store::Safe_result::saved;
     }
     bool holds(int version) override {
         std::string text;
-        whole = NV_store::is_good(NV_store::load_checksummed(_path.c_str(), text));
-        return text == (version == 0 ? "" : text_of_version(version));
+        whole = NV_store::is_good(NV_store::load_checksummed(path.c_str(), text));
+        return text == text_of_version(version);
     }
-
-private:
-    const std::string _path;
+    const std::string path;
 };
 
-/// A file that grows by a block with each version, and is removed at every fiftieth.
-class Flash_file : public Store {
-public:
-    Flash_file() : Store("flash store") {}
+/// A file of the mounted flash store that grows by a block with each version, and is removed at every fiftieth.
+struct Flash_file : Store {
+    explicit Flash_file(const std::string&) {}
+    static std::string block(int v) { return text_of("%019d\n%019d\n%019d\n", v, v, v); }
     bool save(int version) override {
         if (version % 50 == 0) return pcfRemove("log") == PCF_DONE;
         if ((pcfExists("log") ? pcfOpenWrite("log", -1) : pcfCreateWrite("log", -1)) != PCF_DONE) return false;
@@ -110,132 +116,89 @@ public:
         pcfCloseRead(0);
         return std::string(bytes, static_cast<size_t>(n)) == expected;
     }
-
-private:
-    static std::string block(int version) {
-        char text[80];
-        snprintf(text, sizeof text, "%019d\n%019d\n%019d\n", version, version, version);
-        return text;
-    }
 };
 
-/// The history of faults, driven without its thread. It keeps the latest records, so a version is the last of them.
-class Faults : public Store {
-public:
-    Faults() : Store("fault history") { _manager.init(Diner_info_list::get(), nullptr, 0); }
+/// The history of faults in the mounted flash store, driven without its thread. It keeps the latest records, so a
+/// version is the last of them.
+struct Faults : Store, Diagnostic_history {
+    explicit Faults(const std::string&) { manager.init(Diner_info_list::get(), nullptr, 0); }
     bool save(int version) override {
-        const unsigned before = _manager.records_written();
-        _manager.lock(-1);
-        waiter_event e(_manager.module_id(), 1, static_cast<event_word_t>(unsigned(version) << 16));
-        _manager.handle_event(e);
-        _manager.unlock();
-        return _manager.records_written() > before;
+        const unsigned before = manager.records_written();
+        const Manager::Held held(manager);
+        waiter_event e(manager.module_id(), 1, static_cast<event_word_t>(unsigned(version) << 16));
+        manager.handle_event(e);
+        return manager.records_written() > before;
     }
     bool holds(int version) override {
-        const std::vector<unsigned> got = replay();
-        const int least = std::min(version, 50); // how many more, depends on where programs began anew
-        if (static_cast<int>(got.size()) < least) return false;
-        for (size_t i = 0; i < got.size(); ++i)
-            if (got[i] != ((static_cast<unsigned>(version) - (got.size() - 1 - i)) & 0xFFFF)) return false;
-        return true;
+        got.clear();
+        manager.request_history(this);
+        const Manager::Held held(manager);
+        manager.process_history();
+        const unsigned n = static_cast<unsigned>(got.size()), newest = static_cast<unsigned>(version);
+        bool all = n >= std::min(newest, 50u); // how many more, depends on where programs began anew
+        for (unsigned i = 0; i < n; ++i) all = all && got[i] == ((newest - (n - 1 - i)) & 0xFFFF);
+        return all;
     }
     std::string found() override {
         std::string text;
-        for (const unsigned n : replay()) text += std::to_string(n) + " ";
+        for (const unsigned version : got) text += std::to_string(version) + " ";
         return text;
     }
+    void output(unsigned char, unsigned short, unsigned short version, unsigned, unsigned short) override {
+        got.push_back(version);
+    }
+    bool check_ready() override { return true; }
 
-private:
-    static constexpr int records_in_a_file = 20;
     struct Manager : Diagnostics {
-        Manager() : Diagnostics("H", records_in_a_file * 17) {}
-        ~Manager() override { terminate(true); }
-        using Diagnostics::handle_event;
-    };
-    struct Sink : Diagnostic_history {
-        void output(unsigned char, unsigned short, unsigned short b, unsigned, unsigned short) override {
-            got.push_back(b);
+        Manager() : Diagnostics("H", 20 * 17) {} // records in a file, of so many bytes
+        ~Manager() override {
+            terminate(false);
+            while (!terminated()) std::this_thread::yield(); // wait_terminate() looks every 10 ms, thousands of times
+            wait_terminate();
         }
-        bool check_ready() override { return true; }
-        std::vector<unsigned> got;
+        using Diagnostics::handle_event;
+        using Diner::Held;
     };
-    std::vector<unsigned> replay() {
-        Sink sink;
-        _manager.request_history(&sink);
-        _manager.lock(-1);
-        _manager.process_history();
-        _manager.unlock();
-        return sink.got;
-    }
-
-    Manager _manager;
+    std::vector<unsigned> got;
+    Manager manager;
 };
 
-/// Saves that promise nothing, to show what they lose: a file that is written over, and the same with the checksum that
-/// at least tells.
-class Plain_text : public Store {
-public:
-    explicit Plain_text(const std::string& folder) : Store("plain file"), _path(folder + "/plain") {}
-    bool save(int version) override {
-        write_file(_path, text_of_version(version));
-        return read_file(_path) == text_of_version(version);
-    }
-    bool holds(int version) override { return read_file(_path) == (version == 0 ? "" : text_of_version(version)); }
+// Saves that promise nothing, to show what they lose: a file and the tree's own save, written over in place.
 
-private:
-    const std::string _path;
+struct Plain_text : Store {
+    explicit Plain_text(const std::string& folder) : path(folder + "/plain") {}
+    bool save(int version) override { return write_file(path, text_of_version(version)), Plain_text::holds(version); }
+    bool holds(int version) override { return read_file(path) == text_of_version(version); }
+    const std::string path;
 };
 
-class Plain_checksummed : public Store {
-public:
-    explicit Plain_checksummed(const std::string& folder) : Store("checksummed in place"), _path(folder + "/inplace") {}
-    bool save(int version) override {
-        File_checksummed_data_stream s;
-        const std::string text = text_of_version(version);
-        return s.open_write(_path.c_str()) &&
-               s._write(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned>(text.size())) ==
-                   text.size() &&
-               s.close_write();
-    }
-    bool holds(int version) override {
-        const std::string expected = version == 0 ? "" : text_of_version(version), all = read_file(_path);
-        File_checksummed_data_stream s;
-        return version == 0 ? all.empty()
-                            : s.open_read(_path.c_str()) && all.compare(0, expected.size(), expected) == 0;
-    }
-
-private:
-    const std::string _path;
-};
-
-/// The tree's own save, written over in place.
-class Plain_settings : public Store {
-public:
-    explicit Plain_settings(const std::string& folder) : Store("settings in place"), _it((folder + "/tree").c_str()) {
-        if (_it.set_mode(NV_store::NV_iterator::mode_read) == 0) _tree.deserialise(&_it);
+struct Plain_settings : Store {
+    explicit Plain_settings(const std::string& folder) : it((folder + "/tree").c_str()) {
+        if (it.set_mode(NV_store::NV_iterator::mode_read) == 0) tree.deserialise(&it);
     }
     bool save(int version) override {
-        for (int v = version - version % 8; v <= version; ++v) _tree.set(v);
-        return _it.set_mode(NV_store::NV_iterator::mode_write) == 0 && _tree.serialise(&_it) &&
-               _it.set_mode(NV_store::NV_iterator::mode_closed) == 0;
+        for (int v = version - version % 8; v <= version; ++v) tree.set(v);
+        return it.set_mode(NV_store::NV_iterator::mode_write) == 0 && tree.serialise(&it) &&
+               it.set_mode(NV_store::NV_iterator::mode_closed) == 0;
     }
-    bool holds(int version) override { return _tree.is(version); }
-
-private:
-    Tree _tree;
-    NV_store::NV_file_iterator _it;
+    bool holds(int version) override { return tree.is(version); }
+    Tree tree;
+    NV_store::NV_file_iterator it;
 };
 
-constexpr size_t num_safe = 4, num_stores = 7;
-using Stores = std::array<std::unique_ptr<Store>, num_stores>;
-
-/// All of a folder, as a program that has just started has them: the safe ones first.
-inline Stores open_all(const std::string& folder) {
-    if (!Pcf_host::mount(folder.c_str(), 1000000)) return {};
-    return {std::make_unique<Settings>(folder),      std::make_unique<Safe_text>(folder),
-            std::make_unique<Flash_file>(),          std::make_unique<Faults>(),
-            std::make_unique<Plain_text>(folder),    std::make_unique<Plain_checksummed>(folder),
-            std::make_unique<Plain_settings>(folder)};
+enum Kind_of_store { settings, safe_text, flash_file, faults, num_safe };
+template <class S>
+std::unique_ptr<Store> open(const std::string& folder) {
+    return std::make_unique<S>(folder);
 }
+const struct {
+    const char* name;
+    std::unique_ptr<Store> (*open)(const std::string& folder); ///< as a program that has just started has it
+} kinds[] = {{"settings", open<Settings>},      {"checksummed file", open<Safe_text>},
+             {"flash store", open<Flash_file>}, {"fault history", open<Faults>},
+             {"plain file", open<Plain_text>},  {"settings in place", open<Plain_settings>}};
+constexpr size_t num_stores = std::size(kinds);
+
+inline bool mount(const std::string& folder) { return Pcf_host::mount(folder.c_str(), 1000000); }
 
 } // namespace Saved

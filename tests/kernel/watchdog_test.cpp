@@ -4,21 +4,13 @@
 #include "kernel/Guest.h"
 #include "platform/Device_watchdog.h"
 #include "support/Test_diner.h"
-#include "support/child.h"
-#include <cerrno>
 
 namespace {
 
 constexpr int limit_s = 3;
 
 /// How often the machine would have been reset.
-int resets() {
-    FILE* const log = popen("dmesg | grep -c 'Reboot ignored'", "r");
-    int n = -1;
-    EXPECT_EQ(fscanf(log, "%d", &n), 1);
-    pclose(log);
-    return n;
-}
+int resets() { return std::stoi("0" + run_shell("dmesg | grep -c 'Reboot ignored'").out); }
 
 bool reset_comes(int before) {
     return wait_until([&] { return resets() > before; }, std::chrono::seconds(10 * limit_s));
@@ -28,9 +20,7 @@ TEST(Watchdog, resets_a_machine_whose_diner_hangs_and_no_other) {
     Guest::must("modprobe softdog soft_noboot=1");
     Device_watchdog watchdog, second;
     ASSERT_TRUE(watchdog.open("/dev/watchdog", limit_s));
-    EXPECT_EQ(watchdog.limit_ms(), limit_s * 1000);
-    EXPECT_FALSE(second.open());
-    EXPECT_EQ(errno, EBUSY);
+    EXPECT_VALUES(texts(limit_s * 1000, false, EBUSY), watchdog.limit_ms(), second.open(), errno);
 
     Gate gate;
     Test_diner<> diner("worker");

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <set>
@@ -18,53 +19,36 @@ namespace Faulty {
 enum Kind { none, cut_before, cut_without_links, error_once, error_for_ever };
 constexpr int cut_status = 99;
 
-inline Kind kind = none;
-inline int nth = 0;   ///< which call, from 1 on
-inline int calls = 0; ///< counted since arm()
-inline int error = 0; ///< errno of a failing call
 inline bool armed = false;
-
+inline Kind kind;
+inline int nth, error;           ///< which call, from 1 on; errno of a failing one
+inline int calls;                ///< counted since arm()
 inline std::set<ino_t> unsynced; ///< files and folders with changes that no sync followed
 inline std::string hasty;        ///< what was renamed before its content was synced
 
 inline void arm(Kind k, int which, int reason = 0) {
-    kind = k;
-    nth = which;
-    error = reason;
-    calls = 0;
-    unsynced.clear();
-    hasty.clear();
+    kind = k, nth = which, error = reason, calls = 0;
+    unsynced.clear(), hasty.clear();
     armed = true;
 }
 
 template <class Real>
 auto call(Real real) -> decltype(real()) {
     if (!armed) return real();
-    ++calls;
-    const bool due = calls == nth;
+    const bool due = ++calls == nth;
     if (due && (kind == cut_before || kind == cut_without_links)) _exit(cut_status);
-    if ((due && kind == error_once) || (calls >= nth && kind == error_for_ever)) {
-        errno = error;
-        return -1;
-    }
+    if ((due && kind == error_once) || (calls >= nth && kind == error_for_ever)) return errno = error, -1;
     return real();
 }
 
-inline ino_t inode(int folder, const char* path) {
+inline ino_t inode(int folder, const char* path = "") {
     struct stat s;
-    return fstatat(folder, path, &s, AT_SYMLINK_NOFOLLOW) == 0 ? s.st_ino : 0;
+    return fstatat(folder, path, &s, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) == 0 ? s.st_ino : 0;
 }
 
-inline ino_t inode(int fd) {
-    struct stat s;
-    return fstat(fd, &s) == 0 ? s.st_ino : 0;
-}
-
-inline void changed_folder(int folder, const char* path) {
-    const std::string p = path;
-    const size_t slash = p.rfind('/');
-    unsynced.insert(slash == std::string::npos && folder != AT_FDCWD ? inode(folder)
-                                                                     : inode(AT_FDCWD, p.substr(0, slash + 1).c_str()));
+inline void changed_folder(int folder, const std::string& path) {
+    const size_t slash = path.rfind('/');
+    unsynced.insert(slash == std::string::npos ? inode(folder) : inode(AT_FDCWD, path.substr(0, slash + 1).c_str()));
 }
 
 inline void renamed(int from_folder, const char* from, int to_folder, const char* to) {
@@ -85,17 +69,16 @@ inline void renamed(int from_folder, const char* from, int to_folder, const char
         }                                                                                                              \
         return Faulty::call([=] { return real arguments; });                                                           \
     }
+#define FAULTY_CHANGE(type, name, real_name, parameters, arguments)                                                    \
+    FAULTY_CALL(type, name, real_name, parameters, arguments, Faulty::unsynced.insert(Faulty::inode(fd)))
 
-FAULTY_CALL(ssize_t, write, "write", (int fd, const void* data, size_t n), (fd, data, n),
-            Faulty::unsynced.insert(Faulty::inode(fd)))
-FAULTY_CALL(ssize_t, pwrite, "pwrite64", (int fd, const void* data, size_t n, off_t at), (fd, data, n, at),
-            Faulty::unsynced.insert(Faulty::inode(fd)))
+FAULTY_CHANGE(ssize_t, write, "write", (int fd, const void* data, size_t n), (fd, data, n))
+FAULTY_CHANGE(ssize_t, pwrite, "pwrite64", (int fd, const void* data, size_t n, off_t at), (fd, data, n, at))
+FAULTY_CHANGE(int, ftruncate, "ftruncate64", (int fd, off_t size) noexcept, (fd, size))
+FAULTY_CALL(int, fsync, "fsync", (int fd), (fd), Faulty::unsynced.erase(Faulty::inode(fd)))
 FAULTY_CALL(ssize_t, read, "read", (int fd, void* to, size_t n), (fd, to, n), )
 FAULTY_CALL(ssize_t, pread, "pread64", (int fd, void* to, size_t n, off_t at), (fd, to, n, at), )
 FAULTY_CALL(int, close, "close", (int fd), (fd), )
-FAULTY_CALL(int, ftruncate, "ftruncate64", (int fd, off_t size) noexcept, (fd, size),
-            Faulty::unsynced.insert(Faulty::inode(fd)))
-FAULTY_CALL(int, fsync, "fsync", (int fd), (fd), Faulty::unsynced.erase(Faulty::inode(fd)))
 FAULTY_CALL(int, rename, "rename", (const char* from, const char* to) noexcept, (from, to),
             Faulty::renamed(AT_FDCWD, from, AT_FDCWD, to))
 FAULTY_CALL(int, renameat, "renameat", (int a, const char* from, int b, const char* to) noexcept, (a, from, b, to),
@@ -106,6 +89,11 @@ FAULTY_CALL(int, link, "link", (const char* from, const char* to) noexcept,
 FAULTY_CALL(int, unlink, "unlink", (const char* path) noexcept, (path), )
 FAULTY_CALL(int, unlinkat, "unlinkat", (int folder, const char* path, int flags) noexcept, (folder, path, flags),
             Faulty::changed_folder(folder, path))
+
+/// What failed is tried again at once.
+FAULTY_FUNCTION int nanosleep(const timespec* duration, timespec* left) {
+    return Faulty::armed ? 0 : clock_nanosleep(CLOCK_REALTIME, 0, duration, left);
+}
 
 FAULTY_FUNCTION int openat(int folder, const char* path, int flags, ...) {
     static const auto real = reinterpret_cast<decltype(&::openat)>(dlsym(RTLD_NEXT, "openat64"));

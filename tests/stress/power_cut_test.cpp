@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Whatever a machine saves is saved by a child that is cut off, at its bytes and at every system call, or whose system
-// calls fail; then a fresh process judges. What is stored is damaged byte by byte. Whatever happens, the old version
-// or the new one is there, and the next save works. tests/kernel cuts file systems. With --nightly ten rounds with
-// other versions.
+// calls fail, or that is killed at a random moment; then a fresh process judges. What is stored is damaged byte by
+// byte. Whatever happens, the old version or the new one is there, and the next save works. tests/kernel cuts file
+// systems. With --nightly ten rounds with other versions, and 9,000 kills from each of three seeds.
 #include "kernel/Saved_stores.h"
 #include "stress/faulty_calls.h"
+#include "support/stress.h"
 #include "support/test.h"
 #include <sys/resource.h>
 
@@ -17,150 +18,129 @@ const size_t stride = 17;
 const size_t stride = nightly() ? 1 : 3;
 #endif
 
-template <class Store>
-std::unique_ptr<Saved::Store> in_folder(const std::string& folder) {
-    return std::make_unique<Store>(folder);
-}
-template <class Store>
-std::unique_ptr<Saved::Store> in_flash(const std::string& folder) {
-    if (!Pcf_host::mount(folder.c_str(), 1000000)) return nullptr;
-    return std::make_unique<Store>();
-}
-
 /// One way of saving: the save of `version` over the one before it is what is disturbed.
 const struct Way {
     const char* name;
-    std::unique_ptr<Saved::Store> (*open)(const std::string& folder); ///< as a program that has just started
-    int version, step;                                                ///< step: from round to round; 0: one round
-    const char* file;                                                 ///< that is damaged as well, or null
-} ways[] = {
-    {"journal", in_folder<Saved::Settings>, 10, 8, "settings"},
-    {"image", in_folder<Saved::Settings>, 16, 8, "settings"},
-    {"long checksummed file", in_folder<Saved::Safe_text>, 6, 1, "text"},
-    {"short checksummed file", in_folder<Saved::Safe_text>, 101, 1, "text"},
-    {"flash store, create", in_flash<Saved::Flash_file>, 1, 0, nullptr},
-    {"flash store, append", in_flash<Saved::Flash_file>, 2, 0, nullptr},
-    {"flash store, remove", in_flash<Saved::Flash_file>, 50, 0, nullptr},
-    {"history, append", in_flash<Saved::Faults>, 2, 0, nullptr},
-    {"history, next file", in_flash<Saved::Faults>, 21, 0, nullptr},
-};
+    Saved::Kind_of_store kind;
+    int version, step;            ///< step: from round to round
+    const char* file = "nothing"; ///< that is damaged as well
+} ways[] = {{"journal", Saved::settings, 10, 8, "settings"},
+            {"image", Saved::settings, 16, 8, "settings"},
+            {"long_checksummed_file", Saved::safe_text, 6, 1, "text"},
+            {"short_checksummed_file", Saved::safe_text, 101, 1, "text"},
+            {"flash_store_create", Saved::flash_file, 1, 0},
+            {"flash_store_append", Saved::flash_file, 2, 0},
+            {"flash_store_remove", Saved::flash_file, 50, 0},
+            {"history_append", Saved::faults, 2, 0},
+            {"history_next_file", Saved::faults, 21, 0}};
 
 using Files = std::map<std::string, std::string>;
 
-Files snapshot(const std::string& folder) {
-    Files all;
-    for (const auto& e : std::filesystem::directory_iterator(folder))
-        all[e.path().string()] = read_file(e.path().string());
-    return all;
-}
-
-void restore(const std::string& folder, const Files& files) {
-    for (const auto& e : std::filesystem::directory_iterator(folder)) std::filesystem::remove(e.path());
-    for (const auto& [path, bytes] : files) write_file(path, bytes);
-}
-
-enum Ending { succeeded, failed, cut, crashed };
-
-Ending in_child(const std::function<bool()>& body) {
-    fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body() ? 0 : 1);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (WIFSIGNALED(status)) return WTERMSIG(status) == SIGXFSZ ? cut : crashed;
-    const int code = WEXITSTATUS(status);
-    return code == 0 ? succeeded : code == 1 ? failed : code == Faulty::cut_status ? cut : crashed;
-}
-
-void limit_files(rlim_t bytes, bool cut_there) {
-    signal(SIGXFSZ, cut_there ? SIG_DFL : SIG_IGN);
-    const rlimit limit = {bytes, bytes};
-    setrlimit(RLIMIT_FSIZE, &limit);
-}
-
-class Judge {
-public:
-    Judge(const Way& w, int v) : way(w), version(v) {
+class Power_cut : public testing::TestWithParam<std::tuple<Way, int>> {
+protected:
+    void SetUp() override {
+#if defined(__SANITIZE_THREAD__)
+        if (way.kind == Saved::faults) GTEST_SKIP() << "a child may begin no thread under this sanitizer";
+#endif
+        Debug_print::set_debug_file("/dev/null"); // thousands of refusals
         for (int n = 1; n <= version; ++n) {
-            before = snapshot(folder.path);
-            check(save(n), "undisturbed save");
+            before = after;
+            ASSERT_TRUE(save(n));
+            after.clear();
+            for (const auto& e : std::filesystem::directory_iterator(folder.path))
+                after[e.path().string()] = read_file(e.path().string());
         }
-        after = snapshot(folder.path);
     }
-    ~Judge() {
-        printf("%s: %d cases, %d violations\n", way.name, cases, violations);
-        EXPECT_EQ(violations, 0);
-        EXPECT_GE(cases, 10);
+    void TearDown() override {
+        printf("%s: %d cases of cuts and errors, %d cases of damage\n", way.name, attempts, damages);
     }
 
-    void check(bool holds, const std::string& what) {
-        if (holds) return;
-        if (++violations <= 5) ADD_FAILURE() << way.name << ": " << what;
+    void restore(const Files& files) const {
+        for (const auto& e : std::filesystem::directory_iterator(folder.path)) std::filesystem::remove(e.path());
+        for (const auto& [path, bytes] : files) write_file(path, bytes);
     }
-    bool save(int v) {
-        return use([v](Saved::Store& s) { return s.save(v); });
-    }
-    bool holds(int v, bool* whole = nullptr) {
-        return use([&](Saved::Store& s) {
-            const bool there = s.holds(v);
-            if (whole) *whole = s.whole;
-            return there;
-        });
-    }
-
-    /// The version is saved under some trouble.
-    void attempt(const std::string& what, const std::function<void()>& trouble) {
-        ++cases;
-        restore(folder.path, before);
-        Ending ending = in_child([&] {
-            trouble();
-            return save(version);
-        });
-        check(ending != crashed, what + ": crash");
-        if (way.file && before.count(folder.file(way.file)))
-            check(std::filesystem::exists(folder.file(way.file)), what + ": the file is gone");
-        if (cases % 8 == 0) { // recovery is cut as well
-            in_child([&] {
-                Faulty::arm(Faulty::cut_before, 1 + cases / 8 % 14);
-                return holds(version) || save(version);
-            });
-            ending = cut;
-        }
-        const bool is_new = holds(version);
-        check(is_new || (ending != succeeded && holds(version - 1)), what + ": neither the old version nor the new");
-        for (const auto& e : std::filesystem::directory_iterator(folder.path)) {
-            const std::string file = e.path().filename().string(), kind = e.path().extension().string();
-            const bool draft = kind == ".new" || kind == ".spare" || file.rfind("flash-store", 0) == 0;
-            check(!draft || file.find("lock") != std::string::npos, what + ": leaves " + file);
-        }
-        goes_on(is_new ? version + 1 : version, what);
-    }
-    /// The next save and load work.
-    void goes_on(int next, const std::string& what) { check(save(next) && holds(next), what + ": does not go on"); }
-
-    const Way& way;
-    const int version;
-    Temporary_folder folder{Temporary_folder::quick_place()};
-    Files before, after; ///< the save
-    int cases = 0;
-
-private:
-    bool use(const std::function<bool(Saved::Store&)>& act) {
-        const auto store = way.open(folder.path);
-        const bool result = store && act(*store);
+    /// `act` in a program that has just started.
+    bool use(const std::function<bool(Saved::Store&)>& act) const {
+        if (way.kind >= Saved::flash_file && !Saved::mount(folder.path)) return false;
+        const bool result = act(*Saved::kinds[way.kind].open(folder.path));
         Pcf_host::unmount();
         return result;
     }
+    bool save(int v) const {
+        return use([v](Saved::Store& s) { return s.save(v); });
+    }
+    bool holds(int v) const {
+        return use([v](Saved::Store& s) { return s.holds(v); });
+    }
+    /// The version is saved under some trouble.
+    void attempt(const std::string& what, const std::function<void()>& trouble) {
+        if (HasFailure()) return;
+        SCOPED_TRACE(what);
+        ++attempts;
+        restore(before);
+        const int end = in_child([&] {
+            trouble();
+            return save(version) ? 0 : 1;
+        });
+        EXPECT_TRUE(end == 0 || end == 1 || end == Faulty::cut_status || end == -SIGXFSZ) << "crash: " << end;
+        EXPECT_TRUE(before.count(file) == 0 || std::filesystem::exists(file)) << "the file is gone";
+        if (attempts % 8 == 0) { // recovery is cut as well
+            in_child([&] {
+                Faulty::arm(Faulty::cut_before, 1 + attempts / 8 % 14);
+                return holds(version) || save(version);
+            });
+        }
+        Saved::Account account{end == 0 ? version : version - 1, version};
+        EXPECT_TRUE(use([&](Saved::Store& s) { return account.settle(s); })) << "neither the old version nor the new";
+        for (const auto& e : std::filesystem::directory_iterator(folder.path)) {
+            const std::string name = e.path().filename().string(), kind = e.path().extension().string();
+            const bool draft = kind == ".new" || kind == ".spare" || name.rfind("flash-store", 0) == 0;
+            EXPECT_TRUE(!draft || name.find("lock") != std::string::npos) << "leaves " << name;
+        }
+        goes_on(account.done + 1);
+    }
+    /// The newest file is damaged: an earlier version is loaded, and said to be.
+    void damage(const std::string& content, const std::string& what) {
+        if (HasFailure()) return;
+        SCOPED_TRACE(what);
+        ++damages;
+        restore(after);
+        write_file(file, content);
+        bool whole = true;
+        const auto look = [&](Saved::Store& s) {
+            const bool there = s.holds(version);
+            whole = s.whole;
+            return there;
+        };
+        if (!use(look)) {
+            EXPECT_TRUE(!whole || content.size() < after[file].size()) << "goes unnoticed";
+            // Two changes behind an image, and the generation before that.
+            EXPECT_TRUE(holds(version - 1) || holds(version - 2) || holds(version - 3)) << "no earlier version either";
+        }
+        if (damages % 16 == 0) goes_on(version + 8 - version % 8); // settings whole
+    }
+    void goes_on(int next) const { EXPECT_TRUE(save(next) && holds(next)) << "does not go on"; }
 
-    int violations = 0;
+    const Way way = std::get<0>(GetParam());
+    const int version = way.version + std::get<1>(GetParam()) * way.step;
+    const Temporary_folder folder{Temporary_folder::quick_place()};
+    const std::string file = folder.file(way.file);
+    Files before, after; ///< the save
+    int attempts = 0, damages = 0;
 };
 
-void cut_everywhere(Judge& judge) {
+TEST_P(Power_cut, leaves_the_old_version_or_the_new_one) {
     size_t largest = 0;
-    for (const auto& [path, bytes] : judge.after) largest = std::max(largest, bytes.size());
+    for (const auto& [path, bytes] : after) largest = std::max(largest, bytes.size());
     for (size_t k = 0; k <= largest; k += stride) {
-        judge.attempt("cut at byte " + std::to_string(k), [k] { limit_files(k, true); });
-        judge.attempt("error at byte " + std::to_string(k), [k] { limit_files(k, false); });
+        for (const bool cut : {true, false}) {
+            attempt((cut ? "cut at byte " : "error at byte ") + std::to_string(k), [cut, k] {
+                Faulty::arm(Faulty::none, 0);
+                signal(SIGXFSZ, cut ? SIG_DFL : SIG_IGN);
+                const rlimit limit = {k, k};
+                setrlimit(RLIMIT_FSIZE, &limit);
+            });
+        }
     }
     const struct {
         const char* what;
@@ -176,67 +156,117 @@ void cut_everywhere(Judge& judge) {
                  {"interrupted in call ", Faulty::error_once, EINTR}};
     for (const auto& row : table) {
         // How many calls a save makes, counted in an undisturbed one.
-        restore(judge.folder.path, judge.before);
+        restore(before);
         Faulty::arm(row.kind == Faulty::cut_without_links ? row.kind : Faulty::none, 0);
-        judge.check(judge.save(judge.version), "undisturbed save");
+        const bool saved = save(version);
         Faulty::armed = false;
         const int calls = Faulty::calls;
-        judge.check(calls >= 3, "system calls go unseen");
-        judge.check(Faulty::hasty.empty(), "renamed before its content was synced: " + Faulty::hasty);
-        judge.check(Faulty::unsynced.empty(), "reported as saved before it was synced");
+        EXPECT_TRUE(saved && calls >= 3) << "system calls go unseen";
+        EXPECT_EQ(Faulty::hasty, "") << "renamed before its content was synced";
+        EXPECT_TRUE(Faulty::unsynced.empty()) << "reported as saved before it was synced";
         for (int n = 1; n <= calls; ++n)
-            judge.attempt(row.what + std::to_string(n), [&] { Faulty::arm(row.kind, n, row.error); });
+            attempt(row.what + std::to_string(n), [&] { Faulty::arm(row.kind, n, row.error); });
     }
-}
-
-/// Truncations, zeros behind a cut, and flipped bits in the newest file: an earlier version is loaded, and said to be.
-void damage_everywhere(Judge& judge) {
-    const std::string path = judge.folder.file(judge.way.file), whole = judge.after.at(path);
-    const int version = judge.version;
-    const auto judge_content = [&](const std::string& content, const std::string& what) {
-        ++judge.cases;
-        restore(judge.folder.path, judge.after);
-        write_file(path, content);
-        bool good = true;
-        if (!judge.holds(version, &good)) {
-            judge.check(!good || content.size() < whole.size(), what + ": goes unnoticed");
-            bool earlier = false; // two changes behind an image, and the generation before that
-            for (int back = 1; back <= 3; ++back) earlier = earlier || judge.holds(version - back);
-            judge.check(earlier, what + ": no earlier version either");
-        }
-        if (judge.cases % 16 == 0) judge.goes_on(version + 8 - version % 8, what); // settings whole
-    };
+    const std::string whole = after[file];
     for (size_t at = 0; at < whole.size(); at += stride) {
-        judge_content(whole.substr(0, at), "cut to " + std::to_string(at));
-        judge_content(whole.substr(0, at) + std::string(whole.size() - at, '\0'), "zeros from " + std::to_string(at));
+        const std::string where = std::to_string(at), begin = whole.substr(0, at);
+        damage(begin, "cut to " + where);
+        damage(begin + std::string(whole.size() - at, '\0'), "zeros from " + where);
         for (const size_t bit : {at % 8, (at + 3) % 8}) {
             std::string flipped = whole;
             flipped[at] = static_cast<char>(flipped[at] ^ 1 << bit);
-            judge_content(flipped, "bit " + std::to_string(at) + "." + std::to_string(bit));
+            damage(flipped, "bit " + where + "." + std::to_string(bit));
         }
     }
 }
 
-class Power_cut : public testing::TestWithParam<Way> {};
+INSTANTIATE_TEST_SUITE_P(of, Power_cut,
+                         testing::Combine(testing::ValuesIn(ways), testing::Range(0, nightly() ? 10 : 1)),
+                         [](const auto& info) {
+                             return std::get<0>(info.param).name + std::to_string(std::get<1>(info.param));
+                         });
 
-TEST_P(Power_cut, leaves_the_old_version_or_the_new_one) {
-    Debug_print::set_debug_file("/dev/null"); // thousands of refusals
-    const Way& way = GetParam();
-#if defined(__SANITIZE_THREAD__)
-    if (way.open == in_flash<Saved::Faults>) GTEST_SKIP() << "a child may begin no thread under this sanitizer";
-#endif
-    for (int round = 0; round < (nightly() && way.step ? 10 : 1); ++round) {
-        Judge judge(way, way.version + round * way.step);
-        cut_everywhere(judge);
-        if (way.file) damage_everywhere(judge);
+constexpr int most_threads = 3;
+
+/// Threads that save one version after the other, whose process is killed.
+struct Killed_way {
+    const char* name;
+    int threads;
+    int whole_every; ///< of so many saves one is of the whole tree
+    bool one_store;  ///< of all threads, each with every nth setting; else each has its own, of its own tree, for one
+                     ///< file
+};
+
+/// What the process that saves tells the one that judges: versions.
+struct Progress {
+    std::atomic<int> begun[most_threads], completed[most_threads];
+};
+
+int save_for_ever(const Killed_way& way, const std::string& path, Progress& p) {
+    Saved::Tree trees[most_threads];
+    std::deque<NV_store::NV_safe_store> stores;
+    for (auto& t : trees) stores.emplace_back(t, path.c_str()).load();
+    Threads threads;
+    for (int k = 0; k < way.threads; ++k) {
+        threads.emplace_back([&, k] {
+            const size_t own = way.one_store ? 0 : size_t(k), step = way.one_store ? size_t(way.threads) : 1;
+            for (int version = p.completed[k] + 1;; ++version) {
+                p.begun[k] = version;
+                {
+                    const std::lock_guard<Saved::Tree> guard(trees[own]);
+                    auto& numbers = trees[own].numbers;
+                    for (size_t i = size_t(k) % step; i < numbers.size(); i += step) numbers[i].set(version);
+                }
+                if (!is_good(version % way.whole_every ? stores[own].save_changes() : stores[own].save())) abort();
+                p.completed[k] = version; // by another thread's save, if there was nothing left to save
+            }
+        });
     }
+    threads.join();
+    return 0;
 }
 
-INSTANTIATE_TEST_SUITE_P(of, Power_cut, testing::ValuesIn(ways), [](const auto& info) {
-    std::string name = info.param.name;
-    std::replace_if(
-        name.begin(), name.end(), [](char c) { return !isalnum(c); }, '_');
-    return name;
-});
+/// What is loaded is never older than the last save that returned, never newer than the last one that began, never a
+/// mixture, and never the generation before. What is wrong; empty: nothing.
+std::string judge(const Killed_way& way, const std::string& path, const Progress& p) {
+    Saved::Tree tree;
+    const auto result = NV_store::NV_safe_store(tree, path.c_str()).load();
+    const bool none = result == NV_store::Safe_result::started_from_defaults && p.completed[0] == 0;
+    if (!none && result != NV_store::Safe_result::loaded && result != NV_store::Safe_result::cut_short)
+        return to_text(result);
+    for (int i = 0; i < 64; ++i) {
+        const int k = way.one_store ? i % way.threads : 0, version = tree.get(i);
+        if (version != tree.get(k) || (way.one_store && (version < p.completed[k] || version > p.begun[k])))
+            return texts("setting", i, "is of version", version, "completed", p.completed[k], "begun", p.begun[k]);
+    }
+    return "";
+}
+
+TEST(Killed_saves, leave_what_was_completed) {
+    Debug_print::set_debug_file("/dev/null"); // cut changes
+    const Killed_way ways[] = {{"whole", 1, 1, true},
+                               {"changes", 1, 20, true},
+                               {"three threads", 3, 5, true},
+                               {"three threads with a store each", 3, 1, false}};
+    for (unsigned seed = 1; seed <= (nightly() ? 3 : 1); ++seed) {
+        for (const Killed_way& way : ways) {
+            Random random(seed);
+            const Temporary_folder folder{Temporary_folder::quick_place()};
+            const Shared<Progress> p;
+            int kills = 0;
+            for (; kills < (nightly() ? 3000 : 60) && !HasFailure(); ++kills) {
+                const auto save = [&] { return save_for_ever(way, folder.file("settings"), *p); };
+                const int end = in_child(save, [&, before = p->completed[0].load()](pid_t pid) {
+                    EXPECT_TRUE(kills % 2 == 0 || wait_until([&] { return p->completed[0] > before; }));
+                    usleep(random(10000));
+                    kill(pid, SIGKILL);
+                });
+                const std::string wrong = judge(way, folder.file("settings"), *p);
+                EXPECT_VALUES(texts(-SIGKILL, ""), end, wrong) << way.name << ", seed " << seed << ", kill " << kills;
+            }
+            printf("%s: %d kills, %d cases of completed saves\n", way.name, kills, p->completed[0].load());
+        }
+    }
+}
 
 } // namespace

@@ -2,24 +2,18 @@
 // A receiver's line is unplugged and plugged in again, each time at another number of the system.
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "support/Pty.h"
+#include "support/stress.h"
 #include "support/test.h"
 
 namespace {
 
 constexpr int cycles = 10001;
 
-/// The number that follows `key` in what the system tells of a thread of this process.
-long told_of(int thread, const char* file, const std::string& key) {
-    const std::string text = "\n" + read_file("/proc/self/task/" + std::to_string(thread) + "/" + file);
-    return std::stol(text.substr(text.find(key) + key.size()));
-}
-long pauses(int thread) { return told_of(thread, "status", "\nvoluntary_ctxt_switches:"); }
-
 TEST(Unplug, and_plug_in_again_and_again) {
     module_man mm;
     waiter_descriptor waiter;
     waiter.init(&mm);
-    Temporary_folder folder;
+    const Temporary_folder folder;
     const std::string link = folder.file("receiver"), spare = folder.file("spare");
     const auto plug_in = [&] {
         auto pty = std::make_unique<Pty>();
@@ -35,6 +29,7 @@ TEST(Unplug, and_plug_in_again_and_again) {
     ASSERT_TRUE(s.open(link.c_str()));
     const std::vector<int> threads = numbers_in("/proc/self/task");
     const int reader = *std::max_element(threads.begin(), threads.end());
+    const auto pauses = [reader] { return told_of(reader, "status", "\nvoluntary_ctxt_switches:"); };
     size_t descriptors = 0;
 
     for (int i = 0; i < cycles; ++i) {
@@ -43,15 +38,14 @@ TEST(Unplug, and_plug_in_again_and_again) {
         std::string got;
         for (waiter_event e; got.size() < message.size() && waiter.get_event(&e, Atime::from_now(20000)) == 0;)
             got += take(s);
-        ASSERT_EQ(got, message);
-        ASSERT_EQ(put(s, "answer"), 6u);
+        ASSERT_VALUES(texts(message, 6), got, put(s, "answer"));
         if (i == 0) descriptors = num_descriptors(); // the reader's own is open by now
 
         if (i % 4 == 1) pty->send("never read");
         if (i % 4 == 2) pty = plug_in(); // while the stream is still at the old one
         pty->hang_up();
         if (i % 5000 == 0) { // nobody looks after it for a second
-            ASSERT_TRUE(wait_until([&, before = pauses(reader)] { return pauses(reader) >= before + 4; }));
+            ASSERT_TRUE(wait_until([&, before = pauses()] { return pauses() >= before + 4; }));
         }
         ASSERT_FALSE(i % 4 == 3 && s.open(link.c_str())) << "it is not there yet";
         pty = plug_in();
@@ -59,9 +53,8 @@ TEST(Unplug, and_plug_in_again_and_again) {
         take(s);
         waiter.flush_events();
     }
-    EXPECT_EQ(num_descriptors(), descriptors);
-    EXPECT_EQ(num_threads(), threads.size());
-    const long slept = pauses(reader), ran_us = told_of(reader, "schedstat", "\n") / 1000;
+    EXPECT_VALUES(texts(descriptors, threads.size()), num_descriptors(), num_threads());
+    const long slept = pauses(), ran_us = told_of(reader, "schedstat") / 1000;
     printf("%d cycles: %u hang-ups noticed; in each the reader slept %.1f times and ran %.0f us\n", cycles,
            s.hang_ups(), double(slept) / cycles, double(ran_us) / cycles);
     EXPECT_LT(slept, 20L * cycles);
