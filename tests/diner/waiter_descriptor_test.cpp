@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/waiter_descriptor.h"
-#include "glue/diner/waiter_list.h"
 #include "support/test.h"
 #include <QCoreApplication>
 #include <QTimer>
@@ -36,31 +35,33 @@ std::string take_all(waiter_descriptor& w) {
     return all;
 }
 
-/// Posts such as "5:7:1 c5:7:2 cu-6:7:1": module, id and data; c coalesced, u unique. 0 when all are taken.
-int post(waiter_descriptor& w, const std::string& posts) {
+/// Posts such as "5:7:1 c5:7:2 cu-6:7:1": module, id and data; c coalesced, u unique. Other calls: wake, off, on, end,
+/// take. 0 when all posts succeed.
+int run(waiter_descriptor& w, const std::string& calls) {
     int result = 0;
-    std::istringstream in(posts);
-    for (std::string p; in >> p;) {
+    std::istringstream in(calls);
+    for (std::string c; in >> c;) {
+        if (c == "wake") w.send_anonymous_event();
+        if (c == "take") take(w);
+        if (c == "on" || c == "off") w.set_enabled(c == "on");
+        if (c == "end") w.deinit();
         waiter_event e;
         char colon;
-        std::istringstream(p.substr(p.find_first_not_of("cu"))) >> e.module_id >> colon >> e.id >> colon >> e.data;
-        result |= w.send_event(e, p[0] == 'c', p.find('u') < p.size());
+        if (std::istringstream(c.substr(c.find_first_not_of("cu"))) >> e.module_id >> colon >> e.id >> colon >> e.data)
+            result |= w.send_event(e, c[0] == 'c', c.find('u') < c.size());
     }
     return result;
 }
 
 TEST(Waiter_event, owns_its_block) {
-    const std::tuple<const char*, unsigned, const char*> steps[] = {{"0123456789", 10, "1 -5:7:1:0123456789"},
-                                                                    {"x", 0, "0 -5:7:1"},
-                                                                    {"abc", 2, "1 -5:7:1:ab"},
-                                                                    {nullptr, 5, "0 -5:7:1"},
-                                                                    {"abc", UINT_MAX - 6, "0 -5:7:1"},
-                                                                    {"abc", 3, "1 -5:7:1:abc"}};
     waiter_event e = with_block("first"), copy = e, assigned;
-    for (const auto& [data, n, outcome] : steps) {
-        const int result = e.set_extended_data(bytes(data), n);
-        EXPECT_EQ(std::to_string(result) + " " + name(e), outcome);
+    std::string outcomes;
+    for (const auto& [data, n] :
+         {std::pair("0123456789", 10u), {"x", 0}, {"abc", 2}, {nullptr, 5}, {"abc", UINT_MAX - 6}, {"abc", 3}}) {
+        outcomes += std::to_string(e.set_extended_data(bytes(data), n)) + " ";
+        outcomes += name(e) + ", ";
     }
+    EXPECT_EQ(outcomes, "1 -5:7:1:0123456789, 0 -5:7:1, 1 -5:7:1:ab, 0 -5:7:1, 0 -5:7:1, 1 -5:7:1:abc, ");
     EXPECT_EQ(std::string(reinterpret_cast<char*>(e.extended), 7), std::string("\3\0\0\0abc", 7)) << "32-bit length";
     assigned = copy;
     assigned = static_cast<waiter_event&>(assigned);
@@ -73,13 +74,12 @@ TEST(Waiter_event, owns_its_block) {
 TEST(Module_man, counts_ids_until_16_bits_are_used_and_hands_out_each_of_1000_nodes_once) {
     module_man mm;
     std::vector<short> ids(40000, 0);
-    for (const auto& [extended, last, next] : {std::tuple(false, 32767, 1026), {true, -32768, -1}}) {
+    for (const auto& [extended, next, last] : {std::tuple(false, 1026, 32767), {true, -1, -32768}}) {
         const int left = std::abs(last - next) + 1;
-        EXPECT_VALUES("-1 true", mm.init_module_array(ids.data(), left + 1, extended), ids[0] != next)
-            << "none handed out";
-        EXPECT_EQ(mm.init_module_array(ids.data(), left, extended), 0);
-        EXPECT_VALUES(texts(next, last), ids[0], ids[static_cast<size_t>(left) - 1]);
-        EXPECT_EQ(mm.init_module(ids.data(), extended), -1);
+        short& first = ids[0] = 0;
+        EXPECT_VALUES("-1 0", mm.init_module_array(&first, left + 1, extended), first) << "none handed out";
+        EXPECT_VALUES(texts(0, next, last), mm.init_module_array(&first, left, extended), first, ids[size_t(left) - 1]);
+        EXPECT_EQ(mm.init_module(&first, extended), -1);
     }
     std::set<waiter_event_node*> nodes;
     while (waiter_event_node* n = mm.get_blank_event()) nodes.insert(n);
@@ -102,7 +102,7 @@ protected:
 
 TEST_F(Waiter, queues_merges_or_drops_a_post) {
     const std::tuple<const char*, int, const char*> cases[] = {
-        // posts, nodes, deliveries
+        // calls, nodes, deliveries
         {"5:7:1 5:7:2", 2, "5:7:1 5:7:2 "},
         // A coalesced post joins an earlier one, whose data stays; those of extended modules never do.
         {"5:7:1 c5:8:1 c5:7:2 c5:7:2 c6:7:1", 3, "5:7:1 5:7:1 5:7:1 5:8:1 6:7:1 "},
@@ -110,21 +110,20 @@ TEST_F(Waiter, queues_merges_or_drops_a_post) {
         // A unique post of what is queued is dropped, whatever its data unless the module is extended.
         {"5:7:1 cu5:7:2 u5:8:1", 2, "5:7:1 5:8:1 "},
         {"u-5:7:1 u-5:7:1 u-5:7:2 u0:7:1", 3, "-5:7:1 -5:7:2 0:7:1 "},
+        // They are compared with all that is queued, before and after the taker began on it.
+        {"5:1:0 5:2:0 take 5:3:0 u5:2:1 c5:2:2 u5:3:1 c5:3:2", 2, "5:2:0 5:2:0 5:3:0 5:3:0 "},
+        // Wake-ups count also while posts are dropped.
+        {"wake 5:7:1 off wake 5:7:2 on 5:7:3 end 5:7:4", 2, "5:7:1 5:7:3 1:1:0 1:1:0 "},
     };
-    for (const auto& [posts, nodes, deliveries] : cases) {
-        EXPECT_VALUES(texts(0, nodes, 1000 - nodes), post(w, posts), w.num_queued(), mm.num_free_events()) << posts;
+    for (const auto& [calls, nodes, deliveries] : cases) {
+        EXPECT_VALUES(texts(0, nodes, 1000 - nodes), run(w, calls), w.num_queued(), mm.num_free_events()) << calls;
         EXPECT_EQ(take_all(w), deliveries);
     }
+    waiter_descriptor never;
+    EXPECT_VALUES("0 nothing", run(never, "5:7:1"), take(never));
 }
 
-TEST_F(Waiter, compares_a_post_with_all_that_is_queued_and_starts_a_second_node_when_a_count_is_full) {
-    post(w, "5:1:0 5:2:0");
-    EXPECT_EQ(take(w), "5:1:0");
-    post(w, "5:3:0"); // after the taker began on the others
-    post(w, "u5:2:1 c5:2:2 u5:3:1 c5:3:2");
-    EXPECT_VALUES("2 2", w.num_queued(), w.longest_queue());
-    EXPECT_EQ(take_all(w), "5:2:0 5:2:0 5:3:0 5:3:0 ");
-
+TEST_F(Waiter, starts_a_second_node_when_a_count_is_full) {
     constexpr int posts = 65535 + 3;
     for (int i = 0; i < posts; ++i) ASSERT_EQ(w.send_event({5, 7, 1}, coalesce, no), 0);
     EXPECT_EQ(w.num_queued(), 2);
@@ -132,41 +131,24 @@ TEST_F(Waiter, compares_a_post_with_all_that_is_queued_and_starts_a_second_node_
     EXPECT_EQ(take(w), "nothing");
 }
 
-TEST_F(Waiter, drops_posts_but_not_wake_ups_while_disabled_or_not_initialised) {
-    waiter_descriptor never;
-    EXPECT_VALUES("0 nothing", post(never, "5:7:1"), take(never));
-    w.send_anonymous_event();
-    post(w, "5:7:1");
-    w.set_enabled(false);
-    w.send_anonymous_event();
-    EXPECT_EQ(post(w, "5:7:2"), 0);
-    w.set_enabled(true);
-    post(w, "5:7:3");
-    w.deinit();
-    EXPECT_EQ(post(w, "5:7:4"), 0);
-    EXPECT_EQ(take_all(w), "5:7:1 5:7:3 1:1:0 1:1:0 ");
-}
-
 TEST_F(Waiter, may_queue_half_of_what_is_free_and_still_merge_when_full) {
     waiter_descriptor second;
     second.init(&mm);
-    const std::tuple<waiter_descriptor*, int, int> fills[] = {{&w, 334, 666}, {&second, 223, 443}};
-    for (const auto& [waiter, room, free_then] : fills) {
+    const auto fill = [this](waiter_descriptor& x) {
         int fit = 0;
-        while (waiter->send_event({5, fit, 0}, coalesce, no) == 0) ASSERT_LE(++fit, 1000);
-        EXPECT_VALUES(texts(room, room, free_then), fit, waiter->longest_queue(), mm.num_free_events());
-        EXPECT_EQ(post(*waiter, "c5:0:0 u5:0:0"), 0) << "a merged or dropped post needs no node";
-    }
-    EXPECT_EQ(mm.least_free_events(), 443);
+        while (x.send_event({5, fit, 0}, coalesce, no) == 0 && fit < 1000) ++fit;
+        EXPECT_EQ(run(x, "c5:0:0 u5:0:0"), 0) << "a merged or dropped post needs no node";
+        return texts(fit, x.longest_queue(), mm.num_free_events(), mm.least_free_events());
+    };
+    EXPECT_VALUES("334 334 666 666 223 223 443 443", fill(w), fill(second));
     second.flush_events();
-
     // What counts is the queue as it is now, not as it was when the taker began on it.
     for (int i = 0; i < 335; ++i) take(w);
     for (int i = 0; i < 200; ++i) EXPECT_EQ(w.send_event({-5, i, 0}, no, no), 0);
     for (int i = 0; i < 199; ++i) take(w);
     std::vector<waiter_event_node*> others;
     while (mm.num_free_events() > 299) others.push_back(mm.get_blank_event());
-    EXPECT_EQ(post(w, "-5:7:0"), 0);
+    EXPECT_EQ(run(w, "-5:7:0"), 0);
     for (waiter_event_node* n : others) mm.return_used_event(n);
 }
 
@@ -196,31 +178,20 @@ TEST_F(Waiter, meets_the_qt_application) {
     QCoreApplication app(argc, nullptr);
     waiter_event wrong = with_block("block");
     wrong.module_id = 5;
-    EXPECT_EQ(debug_text([&] {
-                  QTimer::singleShot(0, [&] {
-                      w.send_event(wrong, no, no); // no complaint
-                      for (int i = 0; i < 2; ++i) w.send_event(wrong, coalesce, no);
-                  });
-                  EXPECT_EQ(app.exec(), -147);
-              }),
-              "ERROR: Event expects extended module id\nERROR: Event expects extended module id\n");
+    const std::string complaint = "ERROR: Event expects extended module id\n";
+    QTimer::singleShot(0, [&] {
+        for (bool c : {no, coalesce, coalesce}) w.send_event(wrong, c, no);
+    });
+    EXPECT_EQ(debug_text([&] { EXPECT_EQ(app.exec(), -147); }), complaint + complaint) << "of the coalesced ones";
     EXPECT_EQ(take_all(w), "5:7:1:block 5:7:1:block 5:7:1:block ") << "the posts go on";
-
     Mirror mirror;
     w.init(&mm, &mirror, Mirror::type);
-    const auto wakes = [&](const char* posts) {
-        if (!*posts) w.send_anonymous_event();
-        post(w, posts);
+    for (const auto& [calls, woken] :
+         {std::pair("5:7:1 c5:7:1", 2), {"u5:7:1", 0}, {"wake", 1}, {"off 5:8:1", 0}, {"end wake", 0}}) {
+        run(w, calls);
         QCoreApplication::sendPostedEvents(&mirror);
-        return std::exchange(mirror.woken, 0);
-    };
-    EXPECT_EQ(wakes("5:7:1 c5:7:1"), 2) << "a merged post too";
-    EXPECT_EQ(wakes("u5:7:1"), 0) << "a dropped duplicate";
-    EXPECT_EQ(wakes(""), 1);
-    w.set_enabled(false);
-    EXPECT_EQ(wakes("5:8:1"), 0);
-    w.deinit();
-    EXPECT_EQ(wakes(""), 0);
+        EXPECT_EQ(std::exchange(mirror.woken, 0), woken) << calls;
+    }
 }
 
 TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
@@ -289,20 +260,6 @@ TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out)
         giver.join();
         EXPECT_NE(tokens.take(0), in_time) << "what came too late is there for the next";
     }
-}
-
-TEST(Waiter_list, keeps_up_to_16_waiters_and_posts_to_each) {
-    module_man mm;
-    waiter_descriptor waiters[17];
-    Mutex lock;
-    waiter_list list(lock);
-    EXPECT_VALUES("0 0 -1", list.module_id(), list.init(mm), list.add(nullptr));
-    for (waiter_descriptor& w : waiters)
-        EXPECT_VALUES(texts(0, &w == &waiters[16] ? -1 : 0), w.init(&mm), list.add(&w));
-    EXPECT_VALUES("-1 0 -1", list.remove(&waiters[16]), list.remove(&waiters[3]), list.remove(&waiters[3]));
-    EXPECT_VALUES("-1 0 -1", list.add(&waiters[4]), list.add(&waiters[16]), list.add(&waiters[3]));
-    for (int i = 0; i < 2; ++i) list.send({list.module_id(), 2, 3}, waiter_descriptor::merge_duplicates);
-    for (waiter_descriptor& w : waiters) EXPECT_EQ(take_all(w), &w == &waiters[3] ? "" : "1026:2:3 1026:2:3 ");
 }
 
 } // namespace

@@ -15,6 +15,7 @@ protected:
         std::function<void(waiter_descriptor&)> keep;
         std::function<void()> tell;
     };
+    void tell_list() { list.send(event, waiter_descriptor::merge_duplicates); }
 
     waiter_event event{2000, 1, 0};
     module_man modules;
@@ -24,16 +25,12 @@ protected:
     CDS::Head head{&modules, 0};
     Settings tree{&modules};
     const Holder holders[4] = {
-        {"streams 1, ranges 0, settings 0", [&](waiter_descriptor& w) { list.add(&w); },
-         [&] { list.send(event, waiter_descriptor::keep_duplicates); }},
+        {"streams 1, ranges 0, settings 0", [&](auto& w) { list.add(&w); }, [&] { tell_list(); }},
         {"streams 2, ranges 0, settings 0",
-         [&](waiter_descriptor& w) {
-             pair.b.reg_rx_waiter(&w, false);
-             pair.b.reg_tx_waiter(&w, false);
-         },
+         [&](auto& w) { pair.b.reg_rx_waiter(&w, false), pair.b.reg_tx_waiter(&w, false); },
          [&] { pair.a.printf("x"), pair.b.drop(1); }},
         {"streams 0, ranges 1, settings 0",
-         [&](waiter_descriptor& w) {
+         [&](auto& w) {
              const std::lock_guard<Mutex> guard(head);
              CDS::Access_base(&head, 0, 4).reg(&w, 1);
          },
@@ -41,7 +38,7 @@ protected:
              const std::lock_guard<Mutex> guard(head);
              head.event_signal(nullptr, nullptr, 0, 4, nullptr);
          }},
-        {"streams 0, ranges 0, settings 1", [&](waiter_descriptor& w) { tree.speed.register_waiter(&w, 1, false); },
+        {"streams 0, ranges 0, settings 1", [&](auto& w) { tree.speed.register_waiter(&w, 1, false); },
          [&] { tree.signal_all(&tree); }},
     };
 };
@@ -63,20 +60,35 @@ TEST_F(Holders, forget_a_waiter_that_dies_with_a_line_and_tell_the_others) {
     }
 }
 
-TEST_F(Holders, forget_nothing_else_when_places_move_up) {
-    std::optional<waiter_descriptor> waiters[17];
-    for (auto& w : waiters) w.emplace().init(&modules);
-    for (int i = 0; i < 16; ++i) EXPECT_EQ(list.add(&*waiters[i]), 0);
-    EXPECT_VALUES("0 0", list.remove(&*waiters[1]), list.add(&*waiters[1]));
-    debug_text([&] { waiters[0].reset(), waiters[5].reset(); });
-    EXPECT_EQ(list.add(&*waiters[16]), 0) << "in a place of those that died";
-    list.send(event, waiter_descriptor::keep_duplicates);
-    for (auto& w : waiters) {
-        if (!w) continue;
-        EXPECT_EQ(w->num_queued(), 1);
-        EXPECT_EQ(list.remove(&*w), 0);
+TEST_F(Holders, of_up_to_16_waiters_tell_each_and_nothing_else_when_places_move_up) {
+    EXPECT_VALUES("0 0 -1", list.module_id(), list.init(modules), list.add(nullptr));
+    std::optional<waiter_descriptor> waiters[18];
+    std::mt19937 random(1);
+    std::set<size_t> kept, alive;
+    for (int step = 0; step < 2000; ++step) {
+        const size_t i = random() % 18;
+        auto& w = waiters[i];
+        if (alive.insert(i).second) w.emplace().init(&modules);
+        switch (random() % 8) {
+        case 0: // it dies
+            EXPECT_EQ(debug_text([&] { w.reset(); }).empty(), !kept.erase(i));
+            alive.erase(i);
+            break;
+        case 1:
+            EXPECT_EQ(list.remove(&*w), kept.erase(i) ? 0 : -1);
+            break;
+        default:
+            EXPECT_EQ(list.add(&*w), kept.size() < 16 && kept.insert(i).second ? 0 : -1);
+        }
+        for (int n = 0; n < 2; ++n) tell_list();
+        for (size_t k : alive) {
+            ASSERT_EQ(waiters[k]->num_queued(), kept.count(k)) << k << " in step " << step;
+            waiters[k]->flush_events();
+        }
     }
-    EXPECT_EQ(debug_text([&] { waiters[1].reset(); }), "") << "it was taken out";
+    debug_text([&] {
+        for (auto& w : waiters) w.reset();
+    });
 }
 
 } // namespace
