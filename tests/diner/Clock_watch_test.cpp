@@ -8,69 +8,14 @@ namespace {
 
 constexpr int64_t hour = 3600000, fifty_years = 1577880000000; // [ms]
 
-/// A parked diner whose passes the test runs: one timeout every 100 ms, one in 250 ms.
-class Clock_watch_test : public testing::Test {
-protected:
-    Clock_watch_test() {
-        d.begin(true);
-        periodic.period = 100;
-        d.submit_timeout(periodic, 100);
-        d.submit_timeout(single, 250);
-    }
-    int pass() {
-        const int before = d.timeouts_handled;
-        d.Diner::handle_timeout();
-        return d.timeouts_handled - before;
-    }
+TEST(Clock_watch, tells_once_and_wakes_every_diner) {
     Manual_clock clock{100000000}; // fifty years ahead there is a clock as well
-    Clock_watch watch{Diner_info_list::get()};
-    Timeout periodic, single;
-    Test_diner<Diner> d;
-};
-
-TEST_F(Clock_watch_test, timeouts_notice_a_step_before_they_look_at_the_clock) {
-    for (const int64_t ms : {hour, -hour, fifty_years, -fifty_years, int64_t{5}, int64_t{-5}}) {
-        SCOPED_TRACE(ms);
-        clock.step(ms);
-        EXPECT_EQ(pass(), 0);
-        EXPECT_EQ(periodic.remaining_ms(), 100) << "it keeps its phase";
-        clock.advance(60);
-        clock.step(-ms); // in the middle of a wait
-        clock.step(ms);
-        clock.step(-ms);
-        clock.advance(40);
-        EXPECT_EQ(pass(), 1);
-        EXPECT_EQ(single.remaining_ms(), 150);
-        // Submitted when nothing has noticed the step yet, in milliseconds or with an instant.
-        Timeout in_ms, at;
-        clock.step(ms);
-        d.submit_timeout(in_ms, 10);
-        d.submit_timeout(at, Atime::from_now(10));
-        EXPECT_VALUES("10 10", in_ms.remaining_ms(), at.remaining_ms());
-        clock.step(-ms);
-        EXPECT_EQ(pass(), 0);
-        clock.advance(10);
-        EXPECT_EQ(pass(), 2);
-        d.remove_timeout(in_ms), d.remove_timeout(at);
-        d.submit_timeout(periodic, 100), d.submit_timeout(single, 250);
-    }
-}
-
-TEST_F(Clock_watch_test, a_step_while_a_handler_runs_spoils_no_period) {
-    d.on_timeout = [&](Timeout& t) {
-        if (&t == &periodic) clock.step(hour);
-    };
-    for (int i = 0; i < 5; ++i) {
-        clock.advance(100);
-        EXPECT_EQ(pass(), i == 2 ? 2 : 1) << i;
-        pass(); // notices it, if that was not done yet
-        EXPECT_EQ(periodic.remaining_ms(), 100);
-    }
-}
-
-TEST_F(Clock_watch_test, tells_once_and_wakes_every_diner) {
+    Clock_watch watch(Diner_info_list::get());
+    Timeout periodic;
+    periodic.period = 100;
     Test_diner<> sleeper("sleeper");
     sleeper.begin(false, true);
+    sleeper.submit_timeout(periodic, 100);
     waiter_descriptor told;
     told.init(&Diner_info_list::get());
     EXPECT_VALUES("0 -1", watch.register_waiter(&told), watch.register_waiter(&told));
@@ -78,29 +23,26 @@ TEST_F(Clock_watch_test, tells_once_and_wakes_every_diner) {
                                                      {-fifty_years - 7, "back by 1577880000.007"},
                                                      {-999, "back by 0.999"},
                                                      {2000000000000, "forward by 2000000000.000"}};
-    unsigned n = 0;
+    int n = 0;
     for (const auto& [ms, text] : steps) {
         clock.step(ms);
-        EXPECT_EQ(debug_text([this] {
-                      EXPECT_TRUE(watch.check());
-                      EXPECT_FALSE(watch.check());
-                  }),
+        EXPECT_EQ(debug_text([&] { EXPECT_VALUES("true false", watch.check(), watch.check()); }),
                   std::string("Clock_watch: the clock was set ") + text + " s, timeouts move along\n");
         EXPECT_VALUES(texts(ms, ++n), watch.last_step_ms(), watch.steps());
         Diner_info_list::get().clock_stepped(1000, 0); // who still calls it by hand does no harm
         EXPECT_EQ(periodic.remaining_ms(), 100);
-        ASSERT_TRUE(wait_until([&] { return sleeper.events == static_cast<int>(2 * n); }));
+        ASSERT_TRUE(wait_until([&] { return sleeper.events == 1 + 2 * n; })) << "the first one is the submission's";
     }
     waiter_event e;
-    EXPECT_VALUES(texts(0, watch.module_id()), told.get_event(&e, Atime::now()), e.module_id);
-    EXPECT_EQ(e.id, Clock_watch::event_set);
+    EXPECT_VALUES(texts(0, watch.module_id(), Clock_watch::event_set), told.get_event(&e, Atime::now()), e.module_id,
+                  e.id);
     EXPECT_EQ(told.num_queued(), 0) << "one at a time";
     EXPECT_VALUES("0 -1", watch.deregister_waiter(&told), watch.deregister_waiter(&told));
     clock.advance(hour); // a night goes by
     EXPECT_FALSE(watch.check());
 }
 
-TEST(Clock_watches, begin_with_the_clock_as_it_is) {
+TEST(Clock_watch, begins_with_the_clock_as_it_is) {
     Manual_clock clock;
     Timeout t;
     Test_diner<Diner> d;
@@ -116,8 +58,35 @@ TEST(Clock_watches, begin_with_the_clock_as_it_is) {
     }
 }
 
+TEST(Clock_told_by_hand, moves_timeouts_at_most_to_the_last_instant_and_to_the_first) {
+    Manual_clock clock;
+    Timeout t;
+    Test_diner<Diner> d;
+    d.begin(true);
+    d.submit_timeout(t, 100);
+    for (const int32_t s : {INT32_MAX, INT32_MIN, INT32_MIN, 3600}) Diner_info_list::get().clock_stepped(s, 0);
+    EXPECT_VALUES(texts(INT32_MIN + 3600, 0), t.expiry.time, d.remove_timeout(t));
+}
+
+/// While the list waits for the lock of a diner, that diner's handler tells of a step.
+TEST(Clock_told_by_hand, by_a_handler_under_its_lock_wakes_every_diner) {
+    Test_diner<> a("a"), b("b");
+    b.begin(false, true);
+    a.begin();
+    a.on_event = [](waiter_event&) {
+        EXPECT_TRUE(wait_until([] { return lseek(STDERR_FILENO, 0, SEEK_END) > 0; }));
+        Diner_info_list::get().clock_stepped(3600, 0);
+    };
+    Capture err(stderr);
+    a.post(1);
+    ASSERT_TRUE(wait_until([&a] { return a.info.activity == Diner_info::activity_event; }));
+    Diner_info_list::get().test_lock();
+    EXPECT_TRUE(wait_until([&b] { return b.events == 1; }));
+    EXPECT_EQ(err.text().find("Deadlock"), std::string::npos);
+}
+
 /// For the thread sanitizer: one thread sets the clock, two look, submit and check, and the diner runs.
-TEST(Clock_watches, serve_many_threads) {
+TEST(Clock_watch, serves_many_threads) {
     Manual_clock clock;
     Clock_watch watch(Diner_info_list::get());
     const Capture lines(stderr);
