@@ -26,20 +26,19 @@ TEST(Lifecycle, every_call_in_every_state) {
                             {1, -1, 2, -1, 2, 5}, {4, -1, 5, -1, 5, 5}, {5, -1, 5, -1, 5, 5}};
     for (const auto& [state, start, started, stop, stopped, terminated] : cases) {
         for (int call = 0; call < 3; ++call) {
-            SCOPED_TRACE(std::to_string(state) + " " + std::to_string(call));
             const int results[] = {start, stop, 0}, then[] = {started, stopped, terminated};
             Test_diner<> d;
             bring(d, D::State(state));
             std::string message = call == 0 && state == 3 ? "Task not created ANON_DNR\r\n" : "";
-            if (call == 2 && (state == 3 || state == 4)) {
-                const auto address = reinterpret_cast<unsigned long>(static_cast<Diner*>(&d));
+            const auto address = reinterpret_cast<unsigned long>(static_cast<Diner*>(&d));
+            if (call == 2 && (state == 3 || state == 4))
                 message = text_of("terminate %lx called from state %d\n", address, state);
-            }
             Capture err(stderr);
-            EXPECT_EQ(call == 0 ? d.start() : call == 1 ? d.stop() : (d.terminate(false), 0), results[call]);
+            const int result = call == 0 ? d.start() : call == 1 ? d.stop() : (d.terminate(false), 0);
             d.lock_gate.open();
-            EXPECT_EQ(err.text(), message);
-            EXPECT_VALUES(texts(true, then[call] == 5), d.in_state(then[call]), d.terminated()) << d.get_state();
+            EXPECT_VALUES(texts(results[call], message, true, then[call] == 5), result, err.text(),
+                          d.in_state(then[call]), d.terminated())
+                << "call " << call << " in state " << state << " leads to " << d.get_state();
         }
     }
 }
@@ -50,41 +49,26 @@ TEST(Lifecycle, hooks_waiter_and_checkpoints_follow_start_and_stop) {
     const auto at = [&d](int line) { return wait_until([&] { return d.info.checkpoint_line == line; }); };
     d.on_start = [&d] { EXPECT_FALSE(d.is_locked()) << "it may take the lock"; };
     for (int round = 1; round <= 2; ++round) {
-        ASSERT_VALUES("0 true", d.start(), at(80));
-        EXPECT_STREQ(d.info.checkpoint_file.load(), "glue/diner/Diner");
+        ASSERT_VALUES("0 true glue/diner/Diner", d.start(), at(80), d.info.checkpoint_file.load());
         d.post(1);
         ASSERT_TRUE(d.idle());
         if (round == 2) d.waiter.deinit(); // by the application: it stops all the same
         ASSERT_VALUES("0 true true", d.stop(), d.in_state(D::state_stop), at(110));
-        EXPECT_VALUES(texts(round, round, round), d.starts, d.stops, d.events);
-        EXPECT_FALSE(d.waiter.accepting());
+        EXPECT_VALUES(texts(round, round, round, false), d.starts, d.stops, d.events, d.waiter.accepting());
     }
     ASSERT_TRUE(d.run());
     d.waiter.set_enabled(false);
     d.terminate(true);
 }
 
-TEST(Lifecycle, a_diner_parks_after_what_was_queued_before_and_without_a_free_event_only_terminates) {
+TEST(Lifecycle, without_a_free_event_a_diner_does_not_stop_but_terminates) {
     Test_diner<> d;
-    Gate busy;
-    busy.shut();
-    d.on_event = [&](waiter_event&) {
-        d.unlock(); // so that stop() gets in
-        busy.pass();
-        d.lock(-1);
-    };
     d.begin();
-    for (int i = 0; i < 5; ++i) d.post(i);
-    EXPECT_VALUES("true 0", busy.reached(), d.stop());
-    busy.open();
-    EXPECT_VALUES("true 5", d.in_state(D::state_stop), d.events);
-
-    ASSERT_TRUE(d.run());
     d.waiter.set_enabled(false);
     std::vector<waiter_event_node*> all;
     while (waiter_event_node* n = Diner_info_list::get().get_blank_event()) all.push_back(n);
     EXPECT_VALUES(texts(-1, D::state_run), d.stop(), d.get_state());
-    EXPECT_VALUES("3 false", d.starts, d.waiter.accepting()) << "the stop hook is undone, and nothing else is done";
+    EXPECT_VALUES("2 false", d.starts, d.waiter.accepting()) << "the stop hook is undone, and nothing else is done";
     d.wake();
     EXPECT_TRUE(d.idle()) << "it runs on";
     d.terminate(true);
@@ -106,20 +90,6 @@ TEST(Lifecycle, a_stopped_diner_is_waited_for_and_started_with_what_its_hook_pos
     }
     d.lock_gate.shut();
     EXPECT_VALUES("0 false", d.stop(), d.wait_stopped()) << "not for ever";
-}
-
-TEST(Lifecycle, two_threads_may_end_the_same_diner) {
-    Capture err(stderr);
-    Test_diner<> d;
-    d.begin();
-    d.lock_gate.shut();
-    d.terminate(false);
-    std::atomic<bool> returned{false};
-    std::thread other([&] { d.terminate(true), returned = true; });
-    EXPECT_FALSE(wait_until([&] { return returned.load(); }, std::chrono::milliseconds(50))) << "it waits, too";
-    d.lock_gate.open();
-    other.join();
-    EXPECT_VALUES("true true", d.terminated(), err.text().empty());
 }
 
 TEST(Start_race, a_second_start_before_the_first_is_taken_leaves_no_token_behind) {
@@ -204,96 +174,82 @@ TEST(Lifecycle, two_diners_may_share_a_lock) {
     EXPECT_EQ(mutex.status(), Mutex::status_free);
 }
 
-class Selector : public testing::Test {
-protected:
-    Selector() {
-        for (auto* d : {&b2, &a2, &z1}) d->begin(true, false, &selector);
+/// Diners in the order of a selector: by id, then name; two are equal.
+struct Selected : testing::Test {
+    Selected() {
+        for (auto& s : selectors) s.emplace();
+        for (const auto& [name, id] :
+             {std::pair("low", INT_MIN), {"z", 1}, {"z", 1}, {"a", 2}, {"b", 2}, {"high", INT_MAX}})
+            all.emplace_back(name, id).begin(true);
     }
-    std::string order() {
-        std::string names;
-        for (int i = -1; i <= selector.num_diners(); ++i) {
-            if (const Diner* d = selector[i]) names += d->get_descriptor().name + std::string(" ");
-        }
-        return names;
+    /// Those that should be in a selector.
+    std::vector<Test_diner<>*> in(const Diner_selector& s) {
+        std::vector<Test_diner<>*> those;
+        for (auto& d : all)
+            if (where[&d] == &s) those.push_back(&d);
+        return those;
     }
-    Diner_selector selector;
-    Test_diner<> b2{"b", 2}, a2{"a", 2}, z1{"z", 1};
+    int moved(Test_diner<>& d, Diner_selector* to) {
+        if (where[&d]) selected.erase(&d);
+        where[&d] = to;
+        return 0;
+    }
+    int chosen(const Diner_selector& s, Test_diner<>* d) {
+        if (!d) return -1;
+        for (auto* x : in(s)) selected.erase(x);
+        selected.insert(d);
+        return 0;
+    }
+    std::deque<Test_diner<>> all;
+    std::optional<Diner_selector> selectors[2];
+    std::map<Diner*, Diner_selector*> where;
+    std::set<Diner*> selected; ///< in one or the other
 };
 
-TEST_F(Selector, runs_one_at_a_time_of_its_diners_by_id_then_name) {
-    EXPECT_EQ(order(), "z a b ");
-    // An index or a name and id; the result, who is selected then, starts and stops of all three so far.
-    const std::tuple<int, const char*, int, int, Test_diner<>*, int, int> steps[] = {
-        {-1, nullptr, 0, -1, nullptr, 0, 0}, {0, nullptr, 0, 0, &z1, 1, 0}, {-1, "z", 1, 0, &z1, 1, 0},
-        {3, nullptr, 0, -1, &z1, 1, 0},      {-1, "z", 2, -1, &z1, 1, 0},   {-1, "b", 2, 0, &b2, 2, 1},
-        {1, nullptr, 0, 0, &a2, 3, 2}};
-    for (const auto& [index, name, id, result, selected, starts, stops] : steps) {
-        EXPECT_EQ(name ? selector.select_diner(Diner::Descriptor(name, id)) : selector.select_diner(index), result);
-        EXPECT_VALUES(texts(selected, true), selector.get_selected(),
-                      (!selected || selected->in_state(Diner::state_run)));
-        EXPECT_VALUES(texts(starts, stops), z1.starts + a2.starts + b2.starts, z1.stops + a2.stops + b2.stops) << index;
+/// Moves and choices, mostly before the threads have followed the last ones.
+TEST_F(Selected, agree_with_a_model_through_a_long_random_use) {
+    std::mt19937 random(20260401);
+    for (int step = 0; step < 3000; ++step) {
+        SCOPED_TRACE(step);
+        Diner_selector& s = *selectors[random() % 2];
+        Test_diner<>& d = all[random() % all.size()];
+        const std::vector<Test_diner<>*> here = in(s);
+        const auto found = std::find_if(here.begin(), here.end(), [&d](auto* x) { return x->own == d.own; });
+        Test_diner<>* const like = found == here.end() ? nullptr : *found;
+        const size_t i = random() % 7;
+        const int call = int(random() % 8);
+        using Results = std::pair<int, int>; // and what it should be
+        const Results r = call == 0   ? Results{s.register_diner(&d), where[&d] || like ? -1 : moved(d, &s)}
+                            : call == 1 ? Results{s.deregister_diner(&d), like == &d ? moved(d, nullptr) : -1}
+                          : call == 2 ? Results{d.set_selector(nullptr), moved(d, nullptr)}
+                          : call == 3 ? Results{d.set_selector(&s), like ? (like == &d) - 1 : moved(d, &s)}
+                          : call == 4 ? Results{s.select_diner(d.own), chosen(s, like)}
+                                      : Results{s.select_diner(int(i)), chosen(s, i < here.size() ? here[i] : nullptr)};
+        ASSERT_EQ(r.first, r.second) << call;
+        ASSERT_VALUES(texts(where[&d], in(s).size(), nullptr, nullptr), d.get_selector(), s.num_diners(), s[-1],
+                      s[s.num_diners()]);
+        for (auto* x : in(s)) ASSERT_EQ(s.get_selected() == x, selected.count(x)) << x->own.name;
+        if (random() % 3) continue;
+        for (auto& x : all) {
+            const int runs = int(selected.count(&x));
+            ASSERT_VALUES(texts(true, runs), x.in_state(runs ? D::state_run : D::state_stop), x.starts - x.stops)
+                << x.own.name;
+        }
     }
-    EXPECT_VALUES("true true", z1.in_state(Diner::state_stop), b2.in_state(Diner::state_stop));
+    for (auto& s : selectors) s.reset();
+    for (auto& d : all) EXPECT_EQ(d.get_selector(), nullptr) << "who went first";
 }
 
-TEST_F(Selector, never_leaves_two_running) {
-    Diner_selector second;
-    Test_diner<> twin("z", 1);
-    twin.begin(true, false, &second);
-    ASSERT_VALUES("0 true", selector.select_diner(0), z1.in_state(D::state_run));
-    EXPECT_VALUES("0 -1", z1.set_selector(&selector), z1.set_selector(&second));
-    EXPECT_VALUES(texts(&z1, 0), selector.get_selected(), z1.stops) << "it has stayed";
-    // It leaves while it runs: by a move, and out of the set. The next one is selected.
-    ASSERT_VALUES("0 true 0", selector.select_diner(1), a2.in_state(D::state_run), a2.set_selector(&second));
-    EXPECT_VALUES("null null true", selector.get_selected(), second.get_selected(), a2.in_state(D::state_stop));
-    ASSERT_VALUES("0 true 0", second.select_diner(1), a2.in_state(D::state_run), second.deregister_diner(&a2));
-    EXPECT_VALUES("null null true", second.get_selected(), a2.get_selector(), a2.in_state(D::state_stop));
-    // Two choices before the thread of the first has woken.
-    EXPECT_TRUE(z1.in_state(D::state_stop)); // before the gate is shut, which its thread passes on the way there
-    z1.lock_gate.shut();
-    EXPECT_VALUES("0 true", selector.select_diner(0), z1.lock_gate.reached());
-    EXPECT_EQ(selector.select_diner(1), 0);
-    z1.lock_gate.open();
-    EXPECT_VALUES("true 0", b2.in_state(D::state_run), z1.starts - z1.stops);
-    EXPECT_EQ(z1.start(), 0) << "it was parked";
-    EXPECT_TRUE(z1.in_state(D::state_run));
-    // Chosen again while it still parks.
-    for (int i = 0; i < 20; ++i) {
-        ASSERT_VALUES("0 0", selector.select_diner(1), selector.select_diner(0));
-        ASSERT_TRUE(z1.in_state(D::state_run)) << i;
-    }
-}
-
-TEST_F(Selector, copies_the_first_descriptors_in_order) {
-    Test_diner<> low("low", INT_MIN), high("high", INT_MAX); // farther apart than an int can tell
-    low.begin(true, false, &selector);
-    high.begin(true, false, &selector);
-    EXPECT_EQ(order(), "low z a b high ");
-    for (const auto& [max, copied] : {std::pair(-1, 0), {0, 0}, {2, 2}, {6, 5}}) {
+TEST_F(Selected, are_copied_in_order) {
+    for (auto& d : all) d.set_selector(&*selectors[0]);
+    for (const auto& [max, copied] : {std::pair(-1, ""), {0, ""}, {2, "low z "}, {6, "low z a b high "}}) {
         Diner::Descriptor out[6];
-        selector.get_descriptors(out, max);
-        for (int i = 0; i < 6; ++i) EXPECT_EQ(out[i] == Diner::DESCRIPTOR_DEFAULT, i >= copied) << max << i;
-        EXPECT_EQ(out[std::max(copied - 1, 0)], copied ? selector[copied - 1]->get_descriptor() : out[5]);
+        selectors[0]->get_descriptors(out, max);
+        std::string names;
+        for (const auto& o : out) names += o == Diner::DESCRIPTOR_DEFAULT ? "" : o.name + std::string(" ");
+        EXPECT_EQ(names, copied) << max;
     }
 }
-
-TEST_F(Selector, refuses_an_equal_descriptor_and_a_second_registration_and_may_go_first) {
-    Test_diner<> twin("a", 2);
-    {
-        Diner_selector first;
-        twin.begin(true, false, &first);
-        EXPECT_VALUES("-1 -1", selector.register_diner(&a2), selector.deregister_diner(&twin));
-        EXPECT_EQ(twin.set_selector(&selector), -1);
-        EXPECT_VALUES(texts(&first, 1), twin.get_selector(), first.num_diners()) << "it is back where it was";
-    }
-    EXPECT_EQ(twin.get_selector(), nullptr);
-    EXPECT_VALUES("0 0", a2.set_selector(nullptr), twin.set_selector(&selector));
-    EXPECT_EQ(order(), "z a b ");
-}
-
-/// Older than the status list, so they are destroyed after it.
-Test_diner<> global_diner;
-Test_diner<Diner> global_diner_without_lock;
 
 /// `handler` runs on the diner's thread and ends the process.
 template <class D>
@@ -305,12 +261,11 @@ void handle_last(D& d, std::function<void()> handler) {
     pause();   // an exit destroys `d` under whoever looks at it
 }
 
-/// Younger than the list, so they are destroyed before it.
-template <class D>
+/// With a diner that is younger than the list, so it is destroyed before it. Those with a lock see stress/diner_ends.
 void exit_in_handler() {
     Diner_info_list::get();
-    static D late;
-    handle_last(late, [] { exit(8); });
+    static Test_diner<Diner> without_lock;
+    handle_last(without_lock, [] { exit(8); });
 }
 
 void be_refused(Diner& d) {
@@ -366,10 +321,7 @@ TEST(Misuse, ends_the_process_with_its_message_and_status) {
         {[&] { d.begin(), d.begin(); }, 117, "Init called with valid task\n"},
         {[&] { be_refused(d); }, 152, "Problem setting selector!\r\n  same (Stop)\n1"},
         {[&] { d.begin(), be_refused(d); }, 152, "Problem setting selector!\r\n"},
-        {[] { handle_last(global_diner, [] { exit(8); }); }, 8, ""},
-        {[] { handle_last(global_diner_without_lock, [] { exit(8); }); }, 8, ""},
-        {exit_in_handler<Test_diner<>>, 8, ""},
-        {exit_in_handler<Test_diner<Diner>>, 8, ""},
+        {exit_in_handler, 8, ""},
         {get_no_thread, 9, "Task is null  idle\r\nTask not created idle\r\n"},
     };
     for (const auto& [misuse, status, message] : cases) {
