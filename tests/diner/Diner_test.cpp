@@ -84,7 +84,7 @@ TEST(Diner, sleeps_until_its_earliest_timeout_behind_events_and_drops_the_rest_w
     for (int i = 0; i < 3; ++i) d.post(i);
     d.run();
     ASSERT_TRUE(wait_until([&] { return d.info.timeout_count == 1; }));
-    d.submit_timeout(t[1], 30); // submitted by another thread: the diner must look again
+    d.submit_timeout(t[1], Atime::from_now(30)); // submitted by another thread: the diner must look again
     ASSERT_TRUE(wait_until([&] { return d.info.timeout_count == 2; }));
     EXPECT_VALUES("true false", t[0].submitted(), t[1].submitted());
     EXPECT_VALUES("0 true", d.stop(), d.in_state(Diner::state_stop));
