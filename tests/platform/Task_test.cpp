@@ -15,21 +15,21 @@ namespace {
 struct Probe {
     static void* entry(void* argument) {
         auto* p = static_cast<Probe*>(argument);
-        pthread_getname_np(pthread_self(), p->name, sizeof p->name);
+        char name[32];
+        pthread_getname_np(pthread_self(), name, sizeof name);
         pthread_attr_t attributes;
         pthread_getattr_np(pthread_self(), &attributes);
         pthread_attr_getstacksize(&attributes, &p->stack);
         pthread_attr_destroy(&attributes);
-        pthread_getschedparam(pthread_self(), &p->policy, &p->scheduling);
-        p->is_current = p->task->is_current();
+        int policy;
+        sched_param scheduling;
+        pthread_getschedparam(pthread_self(), &policy, &scheduling);
+        p->seen = texts(name, policy, scheduling.sched_priority, p->task->is_current());
         p->go_on.acquire();
         return nullptr;
     }
-    char name[32] = "";
     size_t stack = 0;
-    bool is_current = false;
-    int policy = -1;
-    sched_param scheduling = {};
+    std::string seen;
     Semaphore go_on;
     Task* task = nullptr;
 };
@@ -39,27 +39,20 @@ TEST(Task, runs_its_entry_once_on_a_thread_of_its_own) {
     wanted.sched_priority = 51;
     const bool allowed = pthread_setschedparam(pthread_self(), SCHED_RR, &wanted) == 0;
     pthread_setschedparam(pthread_self(), SCHED_OTHER, &normal);
-    const struct {
-        const char* name;
-        int stack_kib, priority;
-        size_t least_kib;
-        const char* shown;
-    } rows[] = {{"kav.123456789012", 4096, 0, 4096, "kav.12345678901"},
-                {"PDS1", -5, 51, 400, "PDS1"}}; // asks for real time and does without
-    for (const auto& r : rows) {
+    const std::tuple<const char*, int, int, size_t, std::string> rows[] = {
+        // name; stack [KiB], the second the default; priority, of real time where that is allowed; stack; what is seen
+        {"kav.123456789012", 4096, 0, 4096, texts("kav.12345678901", SCHED_OTHER, 0)},
+        {"PDS1", -5, 51, 400, texts("PDS1", allowed ? SCHED_RR : SCHED_OTHER, allowed ? 51 : 0)}};
+    for (const auto& [name, stack_kib, priority, least_kib, seen] : rows) {
         Probe p;
-        Task task(r.name, r.stack_kib, true);
+        Task task(name, stack_kib, true);
         p.task = &task;
-        EXPECT_TRUE(task.join(0)) << "a task that never ran has nothing to wait for";
-        ASSERT_EQ(task.start(r.priority, Probe::entry, &p), 0);
+        EXPECT_VALUES("true 0", task.join(0), task.start(priority, Probe::entry, &p))
+            << "what never ran is not waited for";
         EXPECT_VALUES("false false", task.join(1), task.is_current());
         p.go_on.release();
-        EXPECT_TRUE(task.join());
-        EXPECT_STREQ(p.name, r.shown);
-        EXPECT_VALUES("true true", p.is_current, p.stack >= r.least_kib * 1024) << p.stack;
-        EXPECT_EQ(p.policy, r.priority && allowed ? SCHED_RR : SCHED_OTHER);
-        EXPECT_EQ(p.scheduling.sched_priority, allowed ? r.priority : 0);
-        EXPECT_EQ(task.start(0, Probe::entry, &p), -1);
+        EXPECT_VALUES("true -1", task.join(), task.start(0, Probe::entry, &p));
+        EXPECT_VALUES(seen + " true true", p.seen, p.stack >= least_kib * 1024) << p.stack;
     }
     int steps = 0; // plain: the destructor must order it
     const auto count = [](void* n) -> void* { return ++*static_cast<int*>(n), nullptr; };
@@ -72,50 +65,48 @@ TEST(Task, runs_its_entry_once_on_a_thread_of_its_own) {
 /// A loop of Qt inside an entry, as a handler may run one.
 void* run_a_loop(void* seen) {
     QEventLoop loop;
-    int pipe_ends[2], fast = 0, bytes = 0;
-    if (pipe(pipe_ends) != 0) return nullptr;
+    int ends[2], fast = 0;
+    char byte = 'x';
+    if (pipe(ends) != 0) return nullptr;
     QTimer slow, ticks;
     QObject::connect(&slow, &QTimer::timeout, [&] { loop.exit(3); });
     slow.start(30000);
     QObject::connect(&ticks, &QTimer::timeout, [&] {
-        QEventLoop within; // its own timer does not run in it again
-        within.processEvents();
-        if (++fast == 3 && write(pipe_ends[1], "x", 1) != 1) loop.exit(2);
+        QEventLoop().processEvents(); // its own timer does not run in it again
+        if (++fast == 3 && write(ends[1], &byte, 1) != 1) loop.exit(2);
     });
     ticks.start(1);
-    QSocketNotifier readable(pipe_ends[0], QSocketNotifier::Read);
+    const int left = ticks.remainingTime();
+    QSocketNotifier readable(ends[0], QSocketNotifier::Read);
     std::thread other;
     QObject::connect(&readable, &QSocketNotifier::activated, [&] {
-        char byte;
-        bytes += read(pipe_ends[0], &byte, 1) == 1;
+        if (read(ends[0], &byte, 1) != 1) loop.exit(4);
         ticks.stop(); // nothing but the other thread wakes the loop now
         other = std::thread([&] { QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection); });
     });
-    const int left = ticks.remainingTime();
-    const bool quit = loop.exec() == 0;
-    other.join();
-    *static_cast<bool*>(seen) = quit && fast >= 3 && bytes == 1 && left >= 0 && left <= 1 && slow.remainingTime() > 0;
-    for (const int end : pipe_ends) close(end);
+    *static_cast<std::string*>(seen) =
+        Values{loop.exec(), fast >= 3, left >= 0 && left <= 1, slow.remainingTime() > 0}.text;
+    if (other.joinable()) other.join();
+    for (const int end : ends) close(end);
+    return nullptr;
+}
+
+/// An object of the thread, deleted at its end, as by every QThread.
+void* leave_an_object(void* late) {
+    auto* o = new QObject;
+    *static_cast<QPointer<QObject>*>(late) = o;
+    o->deleteLater();
     return nullptr;
 }
 
 TEST(Task, may_run_a_loop_of_qt_and_deletes_later_what_it_was_asked_to) {
     int argc = 0;
     QCoreApplication application(argc, nullptr);
-    bool seen = false;
-    Task task("loop", 0, false);
-    ASSERT_TRUE(task.start(0, run_a_loop, &seen) == 0 && task.join());
-    EXPECT_TRUE(seen);
-    QPointer<QObject> late; // of the thread, and deleted at its end, as by every QThread
-    Task without_loop("none", 0, false);
-    const auto leave_one = [](void* p) -> void* {
-        auto* o = new QObject;
-        *static_cast<QPointer<QObject>*>(p) = o;
-        o->deleteLater();
-        return nullptr;
-    };
-    ASSERT_TRUE(without_loop.start(0, leave_one, &late) == 0 && without_loop.join());
-    EXPECT_TRUE(late.isNull());
+    std::string seen;
+    QPointer<QObject> late;
+    Task loop("loop", 0, false), without_loop("none", 0, false);
+    EXPECT_VALUES("0 true 0 true true true", loop.start(0, run_a_loop, &seen), loop.join(), seen);
+    EXPECT_VALUES("0 true true", without_loop.start(0, leave_an_object, &late), without_loop.join(), late.isNull());
 }
 
 } // namespace

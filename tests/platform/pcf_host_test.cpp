@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
+// What the streams over it do not show (data_stream/File_streams_test.cpp, stress/power_cut_test.cpp).
 #include "platform/pcf_host.h"
 #include "support/test.h"
-
-using namespace std::string_literals;
 
 namespace {
 
@@ -11,8 +10,8 @@ protected:
     Flash() { EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 1000)); }
     ~Flash() override { Pcf_host::unmount(); }
 
-    static bool save(const char* name, const std::string& bytes) {
-        if ((pcfExists(name) ? pcfOpenWrite(name, -1) : pcfCreateWrite(name, -1)) != PCF_DONE) return false;
+    static bool save(const std::string& name, const std::string& bytes) {
+        if ((pcfExists(name.c_str()) ? pcfOpenWrite : pcfCreateWrite)(name.c_str(), -1) != PCF_DONE) return false;
         const int n = pcfWrite(bytes.data(), static_cast<int>(bytes.size()), -1);
         return pcfCloseWrite(-1) && n == static_cast<int>(bytes.size());
     }
@@ -21,15 +20,13 @@ protected:
         std::string bytes(static_cast<size_t>(n), '?');
         PcfResult result = PCF_NOTHING;
         bytes.resize(static_cast<size_t>(pcfRead(bytes.data(), n, &result, 0)));
-        EXPECT_EQ(result, PCF_DONE);
-        return bytes;
+        return result == PCF_DONE ? bytes : "?";
     }
-    static std::string load(const char* name, unsigned offset = 0) {
-        if (pcfOpenRead(name, offset, 0) != PCF_DONE) return "?";
+    static std::string load(const std::string& name, unsigned offset = 0) {
+        if (pcfOpenRead(name.c_str(), offset, 0) != PCF_DONE) return "?";
         std::string all;
         for (std::string s; !(s = next(7)).empty();) all += s;
-        EXPECT_EQ(pcfCloseRead(0), PCF_DONE);
-        return all;
+        return pcfCloseRead(0) == PCF_DONE ? all : "?";
     }
     Temporary_folder folder;
 };
@@ -39,47 +36,40 @@ TEST_F(Flash, Holds_named_files_up_to_its_quota_one_open_each_way) {
         EXPECT_EQ(pcfCreateWrite(bad, -1), PCF_FAILED) << bad;
     EXPECT_TRUE(save("a-name-of-thirty-nine-bytes-is-fine-aaa", ""));
     EXPECT_VALUES("true true world true", save("b", "hello "), save("b", "world"), load("b", 6), load("b", 60).empty());
-    EXPECT_VALUES("false false", save("c", std::string(990, 'c')), save("b", std::string(990, 'c')))
-        << "one byte too many";
-    EXPECT_VALUES("hello world 0 true", load("b"), pcfExists("c"), save("0", std::string(989, 'c')));
+    const std::string much(990, 'c');
+    EXPECT_VALUES("false false", save("c", much), save("b", much)) << "one byte too many";
+    EXPECT_VALUES("hello world 0 true", load("b"), pcfExists("c"), save("0", much.substr(1)));
     char names[2][256] = {};
     EXPECT_VALUES("3 1 1", pcfGetNumFiles(), pcfGetFileName(0, names[0]), pcfGetFileName(2, names[1]));
-    EXPECT_VALUES(texts("0"s, "b"s), names[0], names[1]) << "in order";
+    EXPECT_VALUES("0 b", names[0], names[1]) << "in order";
     EXPECT_VALUES(texts(PCF_NO_FILE, PCF_DONE), pcfRemove("c"), pcfRemove("0"));
 
     ASSERT_EQ(pcfOpenWrite("b", -1), PCF_DONE);
-    EXPECT_VALUES(texts(PCF_BUSY, PCF_BUSY), pcfCreateWrite("d", -1), pcfRemove("b"));
-    EXPECT_EQ(load("b"), "hello world") << "reading goes on beside writing";
+    EXPECT_VALUES(texts(PCF_BUSY, PCF_BUSY, "hello world"), pcfCreateWrite("d", -1), pcfRemove("b"), load("b"));
     EXPECT_VALUES("1 0", pcfCloseWrite(-1), pcfCloseWrite(-1));
-    EXPECT_VALUES(texts(PCF_NO_FILE, PCF_DONE), pcfOpenRead("d", 0, 0), pcfOpenRead("b", 0, 0));
-    EXPECT_VALUES(texts(PCF_BUSY, PCF_DONE, PCF_NOTHING), pcfOpenRead("b", 0, 0), pcfCloseRead(0), pcfCloseRead(0));
+    EXPECT_VALUES(texts(PCF_NO_FILE, PCF_DONE, PCF_BUSY), pcfOpenRead("d", 0, 0), pcfOpenRead("b", 0, 0),
+                  pcfOpenRead("b", 0, 0));
+    EXPECT_VALUES(texts(PCF_DONE, PCF_NOTHING), pcfCloseRead(0), pcfCloseRead(0));
 }
 
 TEST_F(Flash, A_reader_sees_what_is_appended_and_nothing_that_is_taken_back) {
     save("a", "1234");
     ASSERT_EQ(pcfOpenRead("a", 1, 0), PCF_DONE);
-    EXPECT_EQ(next(2), "23");
-    save("a", "5678");
-    EXPECT_EQ(next(4), "4567");
+    EXPECT_VALUES("23 true 4567", next(2), save("a", "5678"), next(4));
     ASSERT_EQ(pcfOpenWrite("a", -1), PCF_DONE);
-    pcfWrite("torn", 4, -1);
-    EXPECT_EQ(next(2), "8t");
+    EXPECT_VALUES("4 8t", pcfWrite("torn", 4, -1), next(2));
     Pcf_host::inject(Pcf_host::call_close_write, 1, Pcf_host::fault_error);
-    EXPECT_FALSE(pcfCloseWrite(-1));
-    EXPECT_EQ(next(2), "");
-    ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 10000));
-    save("a", std::string(9000, 'z')); // more than is read ahead
-    EXPECT_EQ(load("a", 4000), std::string(5008, 'z'));
+    EXPECT_VALUES("0 ", pcfCloseWrite(-1), next(2));
 }
 
 TEST_F(Flash, A_crash_takes_back_what_was_not_closed_and_nothing_of_a_file_with_a_name_alike) {
     const std::string names[] = {"a", "a\nb", " a", "a ", "\n", " ", "1 a", "a\n", "\ta"};
-    for (const std::string& name : names) ASSERT_TRUE(save(name.c_str(), name));
+    for (const std::string& name : names) ASSERT_TRUE(save(name, name));
     for (const std::string& name : names) {
         ASSERT_EQ(pcfOpenWrite(name.c_str(), -1), PCF_DONE);
         pcfWrite("torn", 4, -1);
         ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 1000));
-        for (const std::string& each : names) EXPECT_EQ(load(each.c_str()), each) << "after " << name;
+        for (const std::string& each : names) EXPECT_EQ(load(each), each) << "after " << name;
     }
 }
 
