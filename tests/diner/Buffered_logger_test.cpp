@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
+#include "support/Pty.h"
 #include "support/test.h"
-#include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <poll.h>
 #include <sched.h>
 
@@ -39,19 +37,20 @@ protected:
         for (std::string s; text.size() < n && !(s = next(20000)).empty();) text += s;
         return text;
     }
-    /// Until nobody takes its bytes, a write blocks.
-    void block_output() {
+    /// Until nobody takes its bytes, a write blocks; the bytes.
+    std::string block_output() {
+        std::string bytes;
         fcntl(ends[1], F_SETPIPE_SZ, 4096);
         fcntl(ends[1], F_SETFL, O_DIRECT | O_NONBLOCK);
-        while (write(ends[1], "#", 1) == 1) blocked_by += '#';
+        while (write(ends[1], "#", 1) == 1) bytes += '#';
         fcntl(ends[1], F_SETFL, O_DIRECT);
+        return bytes;
     }
     static bool handled(const Buffered_logger& logger, uint32_t events) {
         return wait_until([&] { return logger.info.event_count == events; });
     }
 
     int ends[2];
-    std::string blocked_by;
 };
 
 TEST_F(Logger, Prints_a_backlog_in_pieces_of_80_and_drops_what_does_not_fit_with_a_flag) {
@@ -60,11 +59,9 @@ TEST_F(Logger, Prints_a_backlog_in_pieces_of_80_and_drops_what_does_not_fit_with
     std::string text;
     for (int i = 0; i < 200; ++i) text += static_cast<char>('0' + i % 75);
     for (int round = 0; round < 41; ++round) { // twice around the ring, so that pieces also lie across its end
-        logger.append(text.substr(0, 130).c_str());
-        logger.append(text.substr(130).c_str());
+        for (const std::string& part : {text.substr(0, 130), text.substr(130)}) logger.append(part.c_str());
         logger.handle_event(any);
-        for (size_t piece : {0, 80, 160}) ASSERT_EQ(next(), text.substr(piece, 80));
-        ASSERT_EQ(next(), "");
+        for (size_t piece : {0, 80, 160, 200}) ASSERT_EQ(next(), text.substr(piece, 80));
     }
     for (const auto& [first, second, kept] :
          {std::tuple<size_t, size_t, size_t>(4092, 4, 4), {4092, 10, 4}, {0, 5000, 4096}}) {
@@ -94,19 +91,17 @@ TEST_F(Logger, Is_a_diner_that_log_writes_to_while_it_lives) {
 /// Its thread hangs in the output with the last text that it has taken; then threads append too much.
 TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks_and_tells_of_each_that_was_cut) {
     const std::string line = "a line of forty characters with its end\n";
-    constexpr int fit = Buffered_logger::capacity / 40, threads = 4;
+    constexpr int fit = Buffered_logger::capacity / 40;
     for (const auto& [cut, more, killed] : {std::tuple(256, "", true), {3898, " x 3642", false}}) {
-        block_output();
-        std::string expected = blocked_by + "!", kept;
+        std::string expected = block_output() + "!", kept;
         Buffered_logger logger;
         logger.init(Diner_info_list::get());
         Buffered_logger::log("!");
-        // One event is begun and none handled.
-        ASSERT_TRUE(wait_until([&] { return logger.waiting() == 0; }));
-        std::vector<std::thread> appenders;
+        ASSERT_TRUE(wait_until([&] { return logger.waiting() == 0; })) << "one event is begun and none handled";
+        std::thread appenders[4];
         std::atomic<int> lines{fit + cut};
-        for (int i = 0; i < threads; ++i)
-            appenders.emplace_back([&] {
+        for (auto& t : appenders)
+            t = std::thread([&] {
                 while (--lines >= 0) logger.append(line.c_str());
             });
         for (auto& t : appenders) t.join();
@@ -122,7 +117,6 @@ TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks_and_tells_of_each_th
         // One event for each append; the kill is none.
         EXPECT_TRUE(handled(logger, 1 + fit + cut)) << logger.info.event_count;
         EXPECT_EQ(next(), "");
-        blocked_by.clear();
     }
 }
 
@@ -137,14 +131,11 @@ TEST_F(Logger, Takes_room_from_its_owner_and_leaves_the_core_to_its_callers) {
     logger.start();
     logger.append("b");
     EXPECT_EQ(all(9001).size(), 9001u);
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm"), name);
-        if (name != "kav.LOG7") continue;
-        EXPECT_EQ(sched_getscheduler(std::stoi(task.path().filename())), SCHED_BATCH);
-        return;
-    }
-    FAIL() << "no thread of its name";
+    std::string policies;
+    for (int thread : numbers_in("/proc/self/task"))
+        if (read_file(text_of("/proc/self/task/%d/comm", thread)) == "kav.LOG7\n")
+            policies += texts(sched_getscheduler(thread));
+    EXPECT_EQ(policies, texts(SCHED_BATCH));
 }
 
 } // namespace
