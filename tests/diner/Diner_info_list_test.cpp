@@ -8,16 +8,6 @@ namespace {
 
 const std::string heading = "\nId      Name State Run   EventCnt ToutCnt Checkpoint\n";
 
-/// A diner whose row is set by the test, so that every value can be shown.
-struct Row_diner : Test_diner<> {
-    Row_diner(const char* name, int s, bool pending) {
-        descriptor = Diner::Descriptor(name, 0);
-        state = s;
-        _start_pending = pending;
-    }
-    ~Row_diner() override { state = Diner::state_uninit; }
-};
-
 /// What `print(to_debug)` writes, which is the same on either output.
 template <class Print>
 std::string printed(Print print) {
@@ -31,6 +21,13 @@ std::string printed(Print print) {
 /// Of the file that a Capture puts in its place.
 off_t size_of_stderr() { return lseek(STDERR_FILENO, 0, SEEK_END); }
 
+/// A diner whose state is set by the test.
+struct Posing_diner : Test_diner<> {
+    using Test_diner<>::Test_diner;
+    ~Posing_diner() override { pose(state_uninit, false); }
+    void pose(int s, bool pending) { descriptor = own, state = s, _start_pending = pending; }
+};
+
 /// Fills what is left of its row.
 struct Appending : Diner_info {
     using Diner_info::Diner_info;
@@ -40,27 +37,30 @@ struct Appending : Diner_info {
 };
 
 TEST(Diner_info, prints_its_row_and_what_a_derived_record_appends) {
-    const std::tuple<const char*, int, bool, unsigned char, uint32_t, uint32_t, const char*, bool, std::string>
-        cases[] = {
-            // name, state, start pending, activity, counts of events and timeouts, place, with its path, row
-            {"twelve_chars", 1, true, 1, 12, 3, "glue/diner/Diner", false,
-             "twelve_chars Stoping-1 Evt       12       3 Diner:80\n"},
-            {"a", 2, false, 2, 123456789, 12345678, "glue/diner/Diner", true,
-             "        a  Stop-0 Tmt 123456789 12345678 glue/diner/Diner:80\n"},
-            {"a", 3, false, 0, 4294967295u, 0, "plain", false, "        a Uninit-0 Idl       -1       0 plain:80\n"},
-            {"a", 5, false, 0, 0, 0, "x/y", true, "        a Unknown-0 Idl        0       0 x/y:80\n"},
-        };
-    for (const auto& [name, state, pending, activity, events, timeouts, file, full_path, row] : cases) {
-        Row_diner d(name, state, pending);
-        Appending appending(d);
-        for (Diner_info* info : {&d.info, static_cast<Diner_info*>(&appending)}) {
-            info->activity = activity;
-            info->event_count = events;
-            info->timeout_count = timeouts;
-            info->checkpoint(file, 80);
-            const std::string appended(info == &d.info ? 0 : 255 - row.size(), '+');
-            EXPECT_EQ(printed([&, f = full_path](bool to_debug) { info->print(to_debug, f); }), row + appended);
-        }
+    const struct {
+        const char* name;
+        int state;
+        bool pending;
+        unsigned char activity;
+        uint32_t events, timeouts;
+        const char* file;
+        bool full_path;
+        std::string row;
+    } cases[] = {
+        {"twelve_chars", 1, true, 1, 12, 3, "glue/Diner", false,
+         "twelve_chars Stoping-1 Evt       12       3 Diner:80\n"},
+        {"a", 2, false, 2, 123456789, 12345678, "glue/Diner", true,
+         "        a  Stop-0 Tmt 123456789 12345678 glue/Diner:80\n"},
+        {"a", 3, false, 0, 4294967295u, 0, "plain", false, "        a Uninit-0 Idl       -1       0 plain:80\n"},
+        {"a", 5, false, 0, 0, 0, "x/y", true, "        a Unknown-0 Idl        0       0 x/y:80\n"}};
+    for (const auto& c : cases) {
+        Posing_diner d(c.name);
+        d.pose(c.state, c.pending);
+        Appending info(d);
+        info.activity = c.activity, info.event_count = c.events, info.timeout_count = c.timeouts;
+        info.checkpoint(c.file, 80);
+        const std::string appended(255 - c.row.size(), '+');
+        EXPECT_EQ(printed([&](bool to_debug) { info.print(to_debug, c.full_path); }), c.row + appended);
     }
 }
 
@@ -135,29 +135,25 @@ TEST(Diner_info_list, tells_how_long_handlers_take_and_events_and_timeouts_wait)
 
 TEST(Diner_info_list, forgets_a_diner_that_is_ended_during_its_init) {
     const Capture tested(stderr);
-    Test_diner<> other;
+    Test_diner<> other, d;
     other.begin(true);
-    {
-        Test_diner<> d;
-        other.lock(-1);
-        std::thread tester([] { Diner_info_list::get().test_lock(); }); // holds the list from its first letter on
-        EXPECT_TRUE(wait_until([] { return size_of_stderr() > 0; }));
-        std::thread starter([&d] { d.begin(true); });
-        EXPECT_TRUE(d.in_state(Diner::state_stop));
-        d.terminate(true);
-        other.unlock();
-        starter.join();
-        tester.join();
-        EXPECT_TRUE(d.terminated());
-    }
-    const std::string table = debug_text([] { Diner_info_list::get().print(true, false); });
-    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 3) << table;
+    other.lock(-1);
+    std::thread tester([] { Diner_info_list::get().test_lock(); }); // holds the list from its first letter on
+    EXPECT_TRUE(wait_until([] { return size_of_stderr() > 0; }));
+    std::thread starter([&d] { d.begin(true); });
+    EXPECT_TRUE(d.in_state(Diner::state_stop));
+    d.terminate(true);
+    other.unlock();
+    starter.join();
+    tester.join();
+    EXPECT_VALUES("true 1", d.terminated(), Diner_info_list::get().print_alive());
 }
 
 /// A process returns from main with a diner that runs, one that is parked and one that is stuck in its handler.
 TEST(Diner_info_list, ends_every_diner_at_the_end_of_the_process_and_tells_who_is_late) {
     const auto begin = std::chrono::steady_clock::now();
-    const Child_result r = run_child([] {
+    const std::string line = "1 out of 1 diners still alive\n";
+    const Child_result r = run_child([&line] {
         // Static, so that what outlives main is not taken for leaked; the stuck one without a lock: with one,
         // terminate() would give up.
         static auto *const running = new Test_diner<>, *const parked = new Test_diner<>;
@@ -165,14 +161,15 @@ TEST(Diner_info_list, ends_every_diner_at_the_end_of_the_process_and_tells_who_i
         running->begin();
         parked->begin(true);
         // Until the second message. A process that did not wait would not live to see it.
-        stuck->on_event = [](waiter_event&) { EXPECT_TRUE(wait_until([] { return size_of_stderr() >= 2 * 30; })); };
+        stuck->on_event = [n = off_t(2 * line.size())](waiter_event&) {
+            wait_until([n] { return size_of_stderr() >= n; });
+        };
         stuck->begin();
         stuck->post(1);
         wait_until([] { return stuck->info.activity == Diner_info::activity_event; });
     });
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500)) << "not before the 16th pass";
-    const std::string line = "1 out of 1 diners still alive\n";
-    EXPECT_VALUES(texts(0, line + line), r.status, r.err.substr(0, 2 * line.size())) << r.status << r.err;
+    EXPECT_EQ(r.end().substr(0, 2 + 2 * line.size()), "0 " + line + line);
 }
 
 } // namespace

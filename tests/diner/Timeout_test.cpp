@@ -131,22 +131,6 @@ TEST_F(Timeouts, misused_end_the_process) {
     }
 }
 
-/// A diner keeps moving the timeout between its lists while the owner takes it away.
-TEST(Timeout, is_destroyed_safely_while_its_diner_uses_it) {
-    Test_diner<> d;
-    d.begin();
-    const Capture withdrawals(stderr);
-    for (int i = 0; i < 300; ++i) {
-        {
-            Timeout t;
-            t.period = i % 3;
-            d.submit_timeout(t, 0);
-            if (i % 10 == 9) d.stop(); // which drops it meanwhile
-        }
-        ASSERT_TRUE(i % 10 != 9 || (d.in_state(Diner::state_stop) && d.run()));
-    }
-}
-
 enum Steps { not_at_all, told, watched };
 
 /// The simplest thing that can work. Bursts and trickles, many equal expiries, while the clock is set not at all, with

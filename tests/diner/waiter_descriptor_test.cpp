@@ -29,30 +29,6 @@ std::string take(waiter_descriptor& w, int ms = 0) {
     if (w.get_event(&e, Atime::from_now(ms)) == 0) return name(e);
     return name(e) == "-5:7:1:stale" ? "nothing" : "changed";
 }
-std::string take_all(waiter_descriptor& w) {
-    std::string all;
-    for (std::string next; (next = take(w)) != "nothing";) all += next + " ";
-    return all;
-}
-
-/// Posts such as "5:7:1 c5:7:2 cu-6:7:1": module, id and data; c coalesced, u unique. Other calls: wake, off, on, end,
-/// take. 0 when all posts succeed.
-int run(waiter_descriptor& w, const std::string& calls) {
-    int result = 0;
-    std::istringstream in(calls);
-    for (std::string c; in >> c;) {
-        if (c == "wake") w.send_anonymous_event();
-        if (c == "take") take(w);
-        if (c == "on" || c == "off") w.set_enabled(c == "on");
-        if (c == "end") w.deinit();
-        waiter_event e;
-        char colon;
-        if (std::istringstream(c.substr(c.find_first_not_of("cu"))) >> e.module_id >> colon >> e.id >> colon >> e.data)
-            result |= w.send_event(e, c[0] == 'c', c.find('u') < c.size());
-    }
-    return result;
-}
-
 TEST(Waiter_event, owns_its_block) {
     waiter_event e = with_block("first"), copy = e, assigned;
     std::string outcomes;
@@ -93,63 +69,76 @@ class Waiter : public testing::Test {
 protected:
     Waiter() { w.init(&mm); }
     ~Waiter() override {
+        run("let");
         w.flush_events();
         EXPECT_VALUES("1000 0", mm.num_free_events(), w.num_queued()) << "every node comes back";
     }
+    /// Posts such as "5:7:1 c5:7:2 cu-6:7:1": module, id and data; c coalesced, u unique. Other calls: wake, off, on,
+    /// end, take; hold a free node, let them go. "9*" repeats, with a new id each time unless coalesced. The posts
+    /// refused.
+    int run(const std::string& calls) {
+        int refused = 0;
+        std::istringstream in(calls);
+        for (std::string c; in >> c;) {
+            const size_t star = c.find('*') + 1;
+            const std::string word = c.substr(star);
+            waiter_event e;
+            char colon;
+            std::istringstream post(word.substr(word.find_first_not_of("cu")));
+            const bool is_post(post >> e.module_id >> colon >> e.id >> colon >> e.data);
+            for (int n = star ? std::stoi(c) : 1; n > 0; --n, e.id += word[0] != 'c') {
+                if (word == "wake") w.send_anonymous_event();
+                if (word == "take") take(w);
+                if (word == "on" || word == "off") w.set_enabled(word == "on");
+                if (word == "end") w.deinit();
+                if (word == "hold") held.push_back(mm.get_blank_event());
+                if (is_post) refused -= w.send_event(e, word[0] == 'c', word.find('u') < word.size());
+            }
+            if (word != "let") continue;
+            for (waiter_event_node* node : held) mm.return_used_event(node);
+            held.clear();
+        }
+        return refused;
+    }
+    std::string take_all() {
+        std::string all;
+        for (std::string next; (next = take(w)) != "nothing";) all += next + " ";
+        return all;
+    }
     module_man mm;
     waiter_descriptor w;
+    std::vector<waiter_event_node*> held;
 };
 
-TEST_F(Waiter, queues_merges_or_drops_a_post) {
-    const std::tuple<const char*, int, const char*> cases[] = {
-        // calls, nodes, deliveries
-        {"5:7:1 5:7:2", 2, "5:7:1 5:7:2 "},
+TEST_F(Waiter, queues_merges_drops_or_refuses_a_post) {
+    const std::tuple<const char*, int, int, const char*> cases[] = {
+        // calls, posts refused, most nodes, deliveries then
+        {"5:7:1 5:7:2", 0, 2, "5:7:1 5:7:2 "},
         // A coalesced post joins an earlier one, whose data stays; those of extended modules never do.
-        {"5:7:1 c5:8:1 c5:7:2 c5:7:2 c6:7:1", 3, "5:7:1 5:7:1 5:7:1 5:8:1 6:7:1 "},
-        {"c-5:7:1 c-5:7:1 c0:7:1 c0:7:1", 4, "-5:7:1 -5:7:1 0:7:1 0:7:1 "},
+        {"5:7:1 c5:8:1 c5:7:2 c5:7:2 c6:7:1", 0, 3, "5:7:1 5:7:1 5:7:1 5:8:1 6:7:1 "},
+        {"c-5:7:1 c-5:7:1 c0:7:1 c0:7:1", 0, 4, "-5:7:1 -5:7:1 0:7:1 0:7:1 "},
+        {"65538*c5:7:1 65537*take", 0, 2, "5:7:1 "}, // a full count
         // A unique post of what is queued is dropped, whatever its data unless the module is extended.
-        {"5:7:1 cu5:7:2 u5:8:1", 2, "5:7:1 5:8:1 "},
-        {"u-5:7:1 u-5:7:1 u-5:7:2 u0:7:1", 3, "-5:7:1 -5:7:2 0:7:1 "},
+        {"5:7:1 cu5:7:2 u5:8:1", 0, 2, "5:7:1 5:8:1 "},
+        {"u-5:7:1 u-5:7:1 u-5:7:2 u0:7:1", 0, 3, "-5:7:1 -5:7:2 0:7:1 "},
         // They are compared with all that is queued, before and after the taker began on it.
-        {"5:1:0 5:2:0 take 5:3:0 u5:2:1 c5:2:2 u5:3:1 c5:3:2", 2, "5:2:0 5:2:0 5:3:0 5:3:0 "},
+        {"5:1:0 5:2:0 take 5:3:0 u5:2:1 c5:2:2 u5:3:1 c5:3:2", 0, 2, "5:2:0 5:2:0 5:3:0 5:3:0 "},
+        // It may queue half of what is free, as the queue is now, and still merge when full.
+        {"336*5:0:0 c5:0:0 u5:0:0 335*take", 2, 334, ""},
+        {"334*hold 224*-5:0:0 222*take let", 1, 223, "-5:222:0 "},
+        {"334*5:0:0 334*take 200*-5:0:0 199*take 700*hold -5:7:0 let", 0, 334, "-5:199:0 -5:7:0 "},
         // Wake-ups count also while posts are dropped.
-        {"wake 5:7:1 off wake 5:7:2 on 5:7:3 end 5:7:4", 2, "5:7:1 5:7:3 1:1:0 1:1:0 "},
+        {"wake 5:7:1 off wake 5:7:2 on 5:7:3 end 5:7:4", 0, 2, "5:7:1 5:7:3 1:1:0 1:1:0 "},
     };
-    for (const auto& [calls, nodes, deliveries] : cases) {
-        EXPECT_VALUES(texts(0, nodes, 1000 - nodes), run(w, calls), w.num_queued(), mm.num_free_events()) << calls;
-        EXPECT_EQ(take_all(w), deliveries);
+    for (const auto& [calls, refused, most, deliveries] : cases) {
+        w.reset_longest_queue();
+        EXPECT_VALUES(texts(refused, most), run(calls), w.longest_queue()) << calls;
+        EXPECT_EQ(mm.num_free_events(), 1000 - w.num_queued()) << calls;
+        EXPECT_EQ(take_all(), deliveries) << calls;
     }
+    EXPECT_EQ(mm.least_free_events(), 298);
     waiter_descriptor never;
-    EXPECT_VALUES("0 nothing", run(never, "5:7:1"), take(never));
-}
-
-TEST_F(Waiter, starts_a_second_node_when_a_count_is_full) {
-    constexpr int posts = 65535 + 3;
-    for (int i = 0; i < posts; ++i) ASSERT_EQ(w.send_event({5, 7, 1}, coalesce, no), 0);
-    EXPECT_EQ(w.num_queued(), 2);
-    for (int i = 0; i < posts; ++i) ASSERT_EQ(take(w), "5:7:1");
-    EXPECT_EQ(take(w), "nothing");
-}
-
-TEST_F(Waiter, may_queue_half_of_what_is_free_and_still_merge_when_full) {
-    waiter_descriptor second;
-    second.init(&mm);
-    const auto fill = [this](waiter_descriptor& x) {
-        int fit = 0;
-        while (x.send_event({5, fit, 0}, coalesce, no) == 0 && fit < 1000) ++fit;
-        EXPECT_EQ(run(x, "c5:0:0 u5:0:0"), 0) << "a merged or dropped post needs no node";
-        return texts(fit, x.longest_queue(), mm.num_free_events(), mm.least_free_events());
-    };
-    EXPECT_VALUES("334 334 666 666 223 223 443 443", fill(w), fill(second));
-    second.flush_events();
-    // What counts is the queue as it is now, not as it was when the taker began on it.
-    for (int i = 0; i < 335; ++i) take(w);
-    for (int i = 0; i < 200; ++i) EXPECT_EQ(w.send_event({-5, i, 0}, no, no), 0);
-    for (int i = 0; i < 199; ++i) take(w);
-    std::vector<waiter_event_node*> others;
-    while (mm.num_free_events() > 299) others.push_back(mm.get_blank_event());
-    EXPECT_EQ(run(w, "-5:7:0"), 0);
-    for (waiter_event_node* n : others) mm.return_used_event(n);
+    EXPECT_VALUES("0 nothing", never.send_event({5, 7, 1}), take(never));
 }
 
 TEST_F(Waiter, waits_until_the_deadline_rounded_up_to_10_ms) {
@@ -183,12 +172,12 @@ TEST_F(Waiter, meets_the_qt_application) {
         for (bool c : {no, coalesce, coalesce}) w.send_event(wrong, c, no);
     });
     EXPECT_EQ(debug_text([&] { EXPECT_EQ(app.exec(), -147); }), complaint + complaint) << "of the coalesced ones";
-    EXPECT_EQ(take_all(w), "5:7:1:block 5:7:1:block 5:7:1:block ") << "the posts go on";
+    EXPECT_EQ(take_all(), "5:7:1:block 5:7:1:block 5:7:1:block ") << "the posts go on";
     Mirror mirror;
     w.init(&mm, &mirror, Mirror::type);
     for (const auto& [calls, woken] :
          {std::pair("5:7:1 c5:7:1", 2), {"u5:7:1", 0}, {"wake", 1}, {"off 5:8:1", 0}, {"end wake", 0}}) {
-        run(w, calls);
+        run(calls);
         QCoreApplication::sendPostedEvents(&mirror);
         EXPECT_EQ(std::exchange(mirror.woken, 0), woken) << calls;
     }
@@ -221,26 +210,23 @@ TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
 
 TEST_F(Waiter, keeps_nothing_that_was_posted_before_it_was_disabled_and_flushed) {
     static std::atomic<int> readings;
-    readings = 0;
     Util::set_wall_clock([](struct timespec& now) { now = {1000 - ++readings, 0}; }); // it is being set back
     std::atomic<int> posts{0};
     std::atomic<bool> enough{false};
     std::thread poster([&] {
         for (; !enough; ++posts) w.send_event({5, 7, 1}, posts % 2, no);
     });
-    bool left = false;
-    for (int round = 0; round < 3000 && !left; ++round) {
+    for (int round = 0; round < 3000 && !enough; ++round) {
         w.set_enabled(true);
         const int before = posts;
         while (posts < before + round % 3) std::this_thread::yield();
         w.set_enabled(false);
         w.flush_events();
-        left = w.num_queued() > 0;
+        enough = w.num_queued() > 0;
     }
-    enough = true;
+    EXPECT_FALSE(enough.exchange(true)) << "a post whose token is still to come";
     poster.join();
     Util::set_wall_clock(nullptr);
-    EXPECT_FALSE(left) << "a post whose token is still to come";
     EXPECT_VALUES("nothing 0", take(w), readings);
 }
 
