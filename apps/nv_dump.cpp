@@ -4,7 +4,7 @@
 #include "glue/NV_store/NV_buffer_iterator.h"
 #include "glue/NV_store/NV_path.h"
 #include "glue/NV_store/NV_scan.h"
-#include "glue/NV_store/NV_values.h"
+#include "glue/cds/Value_type.h"
 #include "options.h"
 #include <algorithm>
 #include <cstring>
@@ -77,15 +77,14 @@ std::string values_text(Data_item::class_type_t shape, Data_item::item_type_t ty
     if (type == Data_item::item_pointer) return path_text(it);
     unsigned char count = 1;
     if (shape == Data_item::class_array) it.pop_uint8(count);
-    return with_base_type(type, std::string(), [&](auto base) {
-        std::string text;
-        for (int i = 0; i < count; ++i) {
-            typename decltype(base)::Value value{};
-            pop_value(it, value);
-            text += (i ? " " : "") + value_text(value);
-        }
-        return text;
-    });
+    const Value_type kind(type);
+    std::string text;
+    for (int i = 0; kind.width() > 0 && i < count; ++i) {
+        uint64_t bits = 0;
+        it.pop_bits(bits, kind.width());
+        text += (i ? " " : "") + kind.text(kind.extended(bits));
+    }
+    return text;
 }
 
 class Dump {

@@ -70,4 +70,61 @@ void to_big_endian(T value, unsigned char* p) {
     bytes_detail::store<T, width>(value, p, true);
 }
 
+/// A number as 64 bits, and back: an integer extended with its sign, a char as its code, 0..255; float and double by
+/// their bit patterns. Back, what is above T is cut off; a bool is whether there is any bit.
+template <class T>
+uint64_t to_bits(T value) {
+    if constexpr (std::is_floating_point_v<T>) {
+        bytes_detail::Bits<sizeof(T)> bits;
+        memcpy(&bits, &value, sizeof bits);
+        return bits;
+    } else if constexpr (std::is_same_v<T, char>) {
+        return static_cast<unsigned char>(value);
+    } else {
+        return static_cast<uint64_t>(value);
+    }
+}
+
+template <class T>
+T from_bits(uint64_t bits) {
+    if constexpr (std::is_floating_point_v<T>) {
+        const auto own = static_cast<bytes_detail::Bits<sizeof(T)>>(bits);
+        T value;
+        memcpy(&value, &own, sizeof value);
+        return value;
+    } else {
+        return static_cast<T>(bits);
+    }
+}
+
+/// The same for a width that is known at run time: 1, 2, 4 or 8 [bytes]. Reading extends no sign.
+inline uint64_t bits_from_little_endian(const unsigned char* p, int width) {
+    switch (width) {
+    case 1:
+        return *p;
+    case 2:
+        return from_little_endian<uint16_t>(p);
+    case 4:
+        return from_little_endian<uint32_t>(p);
+    default:
+        return from_little_endian<uint64_t>(p);
+    }
+}
+
+inline void bits_to_little_endian(uint64_t bits, unsigned char* p, int width) {
+    switch (width) {
+    case 1:
+        *p = static_cast<unsigned char>(bits);
+        break;
+    case 2:
+        to_little_endian(static_cast<uint16_t>(bits), p);
+        break;
+    case 4:
+        to_little_endian(static_cast<uint32_t>(bits), p);
+        break;
+    default:
+        to_little_endian(bits, p);
+    }
+}
+
 } // namespace Util

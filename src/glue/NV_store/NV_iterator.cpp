@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/NV_store/NV_iterator.h"
-#include "glue/cds/Base_types.h"
 #include "platform/crc32.h"
-#include "util/bytes.h"
 #include <cstring>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -12,18 +9,6 @@ namespace NV_store {
 
 // The board's applications were laid out with this size.
 static_assert(sizeof(void*) != 4 || sizeof(NV_iterator::NV_checksum) == 16);
-
-namespace {
-
-template <class T>
-T value_in(const unsigned char* bytes) {
-    if constexpr (std::is_same_v<T, bool>)
-        return bytes[0] != 0;
-    else
-        return Util::from_little_endian<T>(bytes);
-}
-
-} // namespace
 
 NV_iterator::NV_checksum::NV_checksum() : crc(record_crc_seed()) {}
 
@@ -154,21 +139,19 @@ bool NV_iterator::skip_value(int width, bool counted) {
     return true;
 }
 
-#define KAV_CODEC(T, name, NAME)                                                                                       \
-    bool NV_iterator::push_##name(T v) {                                                                               \
-        unsigned char bytes[sizeof(T)];                                                                                \
-        unsigned char* const to = pass(sizeof(T), false);                                                              \
-        Util::to_little_endian(v, to ? to : bytes);                                                                    \
-        return to || _push_bytes(bytes, sizeof(T));                                                                    \
-    }                                                                                                                  \
-    bool NV_iterator::pop_##name(T& v) {                                                                               \
-        unsigned char bytes[sizeof(T)];                                                                                \
-        const unsigned char* const from = pass(sizeof(T), true);                                                       \
-        if (!from && !_pop_bytes(bytes, sizeof(T))) return false;                                                      \
-        v = value_in<T>(from ? from : bytes);                                                                          \
-        return true;                                                                                                   \
-    }
-KAV_BASE_TYPES(KAV_CODEC)
-#undef KAV_CODEC
+bool NV_iterator::push_bits(uint64_t bits, int width) {
+    unsigned char bytes[8];
+    unsigned char* const to = pass(width, false);
+    Util::bits_to_little_endian(bits, to ? to : bytes, width);
+    return to || _push_bytes(bytes, width);
+}
+
+bool NV_iterator::pop_bits(uint64_t& bits, int width) {
+    unsigned char bytes[8];
+    const unsigned char* const from = pass(width, true);
+    if (!from && !_pop_bytes(bytes, width)) return false;
+    bits = Util::bits_from_little_endian(from ? from : bytes, width);
+    return true;
+}
 
 } // namespace NV_store

@@ -2,6 +2,7 @@
 #pragma once
 #include "glue/NV_store/NV_record.h"
 #include "util/api.h"
+#include "util/bytes.h"
 #include "util/sl_list.h"
 #include <cstdint>
 
@@ -57,32 +58,43 @@ public:
     bool skip_value(int width, bool counted);
 
     /// True when all bytes were moved; a failed pop leaves the target as it was.
-    bool push_bool(bool v);
-    bool push_char(char v);
-    bool push_int8(signed char v);
-    bool push_uint8(unsigned char v);
-    bool push_int16(short v);
-    bool push_uint16(unsigned short v);
-    bool push_int32(int v);
-    bool push_uint32(unsigned int v);
-    bool push_int64(long long v);
-    bool push_uint64(unsigned long long v);
-    bool push_float(float v);
-    bool push_double(double v);
-    bool pop_bool(bool& v);
-    bool pop_char(char& v);
-    bool pop_int8(signed char& v);
-    bool pop_uint8(unsigned char& v);
-    bool pop_int16(short& v);
-    bool pop_uint16(unsigned short& v);
-    bool pop_int32(int& v);
-    bool pop_uint32(unsigned int& v);
-    bool pop_int64(long long& v);
-    bool pop_uint64(unsigned long long& v);
-    bool pop_float(float& v);
-    bool pop_double(double& v);
+    bool push_bool(bool v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_char(char v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_int8(signed char v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_uint8(unsigned char v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_int16(short v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_uint16(unsigned short v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_int32(int v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_uint32(unsigned int v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_int64(long long v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_uint64(unsigned long long v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_float(float v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool push_double(double v) { return push_bits(Util::to_bits(v), sizeof v); }
+    bool pop_bool(bool& v) { return pop(v); }
+    bool pop_char(char& v) { return pop(v); }
+    bool pop_int8(signed char& v) { return pop(v); }
+    bool pop_uint8(unsigned char& v) { return pop(v); }
+    bool pop_int16(short& v) { return pop(v); }
+    bool pop_uint16(unsigned short& v) { return pop(v); }
+    bool pop_int32(int& v) { return pop(v); }
+    bool pop_uint32(unsigned int& v) { return pop(v); }
+    bool pop_int64(long long& v) { return pop(v); }
+    bool pop_uint64(unsigned long long& v) { return pop(v); }
+    bool pop_float(float& v) { return pop(v); }
+    bool pop_double(double& v) { return pop(v); }
+    /// The low `width` bytes: 1, 2, 4 or 8. pop_bits() extends them by zeros.
+    bool push_bits(uint64_t bits, int width);
+    bool pop_bits(uint64_t& bits, int width);
 
 private:
+    template <class T>
+    bool pop(T& v) {
+        uint64_t bits;
+        if (!pop_bits(bits, sizeof v)) return false;
+        v = Util::from_bits<T>(bits);
+        return true;
+    }
+
     c_sl_list<NV_checksum> _checksums;
 
 public:

@@ -3,12 +3,10 @@
 #include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_pointer.h"
 #include "glue/NV_store/NV_root.h"
-#include "glue/NV_store/NV_values.h"
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <limits>
 #include <map>
 #include <mutex>
 #include <string_view>
@@ -47,108 +45,31 @@ std::string path_of(const NV_item& item) {
 
 // ---- values
 
-/// The base type of a number that also says so; else item_root, which has no text form.
-Data_item::item_type_t text_type(const NV_item& item) {
-    return item.get_type() == item.get_number_type() ? item.get_type() : Data_item::item_root;
-}
-
-/// The setting of a base type.
-template <class Base>
-using Number = NV_number<typename Base::Value, Base::type>;
-
-/// The whole numbers that a type holds; a bool's and a char's are their codes. Reading and telling the range is so the
-/// same for all of them, which is half of the code that a type would take.
-struct Range {
-    bool is_whole;
-    long long min;
-    unsigned long long max;
-};
-
-Range range_of(Data_item::item_type_t type) {
-    return with_base_type(type, Range{}, [](auto base) {
-        using T = typename decltype(base)::Value;
-        using Limits = std::numeric_limits<std::conditional_t<std::is_same_v<T, char>, unsigned char, T>>;
-        if constexpr (std::is_floating_point_v<T>)
-            return Range{};
-        else
-            return Range{true, static_cast<long long>(Limits::min()), static_cast<unsigned long long>(Limits::max())};
-    });
-}
-
-/// A value of any base type.
-struct Value {
-    template <class T>
-    void put(T v) {
-        static_assert(sizeof v <= sizeof bytes);
-        memcpy(bytes, &v, sizeof v);
-    }
-    template <class T>
-    T get() const {
-        T v;
-        memcpy(&v, bytes, sizeof v);
-        return v;
-    }
-    unsigned char bytes[8];
-};
-
-/// A whole number of a range, as the bits of its two's complement; false when the text is none.
-bool read_whole_number(std::string_view text, const Range& range, unsigned long long& bits) {
-    const bool hexadecimal = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
-    const bool negative = !hexadecimal && range.min < 0 && text.substr(0, 1) == "-";
-    if (hexadecimal || negative) text.remove_prefix(hexadecimal ? 2 : 1);
-    const char* const end = text.data() + text.size();
-    unsigned long long magnitude = 0;
-    const std::from_chars_result read = std::from_chars(text.data(), end, magnitude, hexadecimal ? 16 : 10);
-    if (read.ec != std::errc() || read.ptr != end) return false;
-    bits = negative ? 0 - magnitude : magnitude;
-    return magnitude <= (negative ? 0 - static_cast<unsigned long long>(range.min) : range.max);
-}
-
-bool read_bool(std::string_view text, bool& value) {
-    value = text == "true" || text == "yes" || text == "1";
-    return value || text == "false" || text == "no" || text == "0";
-}
-
-template <class T>
-bool read_floating(std::string_view text, T& value) {
-    const char* const end = text.data() + text.size();
-    const std::from_chars_result read = std::from_chars(text.data(), end, value);
-    // Of what is not finite, only the words that a setting itself has for it.
-    if (!std::isfinite(value) && text != value_text(value)) return false;
-    return read.ec == std::errc() && read.ptr == end;
+/// Whether an item is a number that also says so.
+bool has_text(const NV_item& item) {
+    return item.get_number_type() != Data_item::item_root && item.get_type() == item.get_number_type();
 }
 
 /// Read a value that takes the whole text; false when it does not, or is out of range.
-bool read_value(std::string_view text, Data_item::item_type_t type, Value& value) {
-    const Range range = range_of(type);
-    unsigned long long bits = 0;
-    if (range.is_whole && type != Data_item::item_bool && !read_whole_number(text, range, bits)) return false;
-    return with_base_type(type, false, [&](auto base) {
-        typename decltype(base)::Value v{};
-        bool good = true;
-        if constexpr (std::is_same_v<decltype(v), bool>)
-            good = read_bool(text, v);
-        else if constexpr (std::is_floating_point_v<decltype(v)>)
-            good = read_floating(text, v);
-        else
-            v = static_cast<decltype(v)>(bits);
-        value.put(v);
-        return good;
-    });
+bool read_value(std::string_view text, Value_type type, uint64_t& bits) {
+    if (type.is_bool() && (text == "yes" || text == "no")) {
+        bits = text == "yes";
+        return true;
+    }
+    if (!type.read(text, bits)) return false;
+    // Of what is not finite, only the words that a setting itself has for it.
+    return !type.is_floating() || std::isfinite(type.number(bits)) || text == type.text(bits);
 }
 
 /// What is wrong with a text that is no value.
-std::string refusal(Data_item::item_type_t type) {
-    const Range range = range_of(type);
-    if (type == Data_item::item_bool) return "is neither true nor false";
-    if (!range.is_whole) return "is no number that fits";
-    return "is no number from " + value_text(range.min) + " to " + value_text(range.max);
+std::string refusal(Value_type type) {
+    if (type.is_bool()) return "is neither true nor false";
+    if (type.is_floating()) return "is no number that fits";
+    return "is no number from " + type.text(type.min()) + " to " + type.text(type.max());
 }
 
 std::string text_of(const NV_item& number) {
-    return with_base_type(number.get_type(), std::string(), [&](auto base) {
-        return value_text(static_cast<const Number<decltype(base)>&>(number).get());
-    });
+    return Value_type(number.get_number_type()).text(static_cast<const NV_number_base&>(number).get_bits());
 }
 
 /// A value or a path as it can be shown in a message.
@@ -199,15 +120,11 @@ private:
     std::string take_value(NV_item& item, std::string_view text) {
         if (item.as_container()) return "is no setting but a container";
         if (NV_pointer* pointer = item.as_pointer()) return take_target(*pointer, text);
-        const Data_item::item_type_t type = text_type(item);
-        if (type == Data_item::item_root) return "has a type without a text form";
-        Value value{};
-        if (!read_value(text, type, value)) return '"' + shown(text) + "\" " + refusal(type);
-        _setters.emplace_back([&item, value] {
-            with_base_type(item.get_type(), false, [&](auto base) {
-                return static_cast<Number<decltype(base)>&>(item).set(value.get<typename decltype(base)::Value>());
-            });
-        });
+        if (!has_text(item)) return "has a type without a text form";
+        const Value_type type(item.get_number_type());
+        uint64_t bits;
+        if (!read_value(text, type, bits)) return '"' + shown(text) + "\" " + refusal(type);
+        _setters.emplace_back([&item, bits] { static_cast<NV_number_base&>(item).set_bits(bits, notify_all); });
         return "";
     }
 
@@ -241,8 +158,7 @@ std::string export_text(NV_root& root) {
             text += path + '=' + (target ? path_of(*target) : "") + '\n';
             continue;
         }
-        text += text_type(*i) == Data_item::item_root ? "# " + path + " has no text form\n"
-                                                      : path + '=' + text_of(*i) + '\n';
+        text += has_text(*i) ? path + '=' + text_of(*i) + '\n' : "# " + path + " has no text form\n";
     }
     return text;
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDSLookup.h"
 #include "glue/cds/CDS_remote.h"
-#include "glue/cds/CDS_remote_values.h"
 #include "glue/cds/Data_item_text.h"
 #include "glue/cds/Item_walk.h"
 #include "util/Debug_print.h"
@@ -146,77 +145,68 @@ unsigned char Lookup_basic_array_base::get_type_byte() const {
 
 // ---- values
 
-template <class T>
-Data_item::item_type_t Lookup_basic<T>::get_base_type() {
-    return Base_type_of<T>::code;
+void Lookup_item::print_value(Value_type kind, const void* value, Debug::Dumper& dumper) const {
+    kind.print(kind.get(value), get_name(), dumper);
 }
 
-template <class T>
-void Lookup_basic<T>::_print(Debug::Dumper& dumper) const {
-    Data_item_stringify<T>(value).print(get_name(), dumper);
-}
-
-template <class T>
-Data_item::Serial_ret Lookup_basic<T>::serialise(Remote::Send_buffer& out, unsigned short& start_id) {
-    if (serial_action_started(start_id)) Remote::append_value(out, *value);
+Data_item::Serial_ret Lookup_item::serialise_value(Value_type kind, const void* value, Remote::Send_buffer& out,
+                                                   unsigned short& start_id) {
+    if (serial_action_started(start_id)) kind.append(out, kind.get(value));
     return serial_ok();
 }
 
-template <class T>
-Data_item::Serial_ret Lookup_basic<T>::deserialise(Remote::Receive_buffer& in, unsigned short& start_id) {
+Data_item::Serial_ret Lookup_item::deserialise_value(Value_type kind, void* value, Remote::Receive_buffer& in,
+                                                     unsigned short& start_id) {
     if (!serial_action_started(start_id)) return serial_ok();
-    T received;
-    if (!Remote::pop_value(in, received)) return serial_fail();
-    if (received != *value) {
-        *value = received;
-        notify_cds(value, sizeof(T));
+    uint64_t received;
+    if (!kind.pop(in, received)) return serial_fail();
+    if (kind.differs(value, received)) {
+        kind.put(value, received);
+        notify_cds(value, kind.size());
     }
     return serial_ok();
 }
 
 // ---- arrays
 
-template <class T>
-void Lookup_basic_array<T>::_print(Debug::Dumper& dumper) const {
-    if constexpr (std::is_same_v<T, char>) {
-        Data_item_array_stringify<char>(elements, capacity).print(get_name(), dumper);
+void Lookup_basic_array_base::print_elements(Value_type kind, const void* elements, Debug::Dumper& dumper) const {
+    const auto* element = static_cast<const unsigned char*>(elements);
+    if (kind.code() == item_char) {
+        Data_item_array_stringify<char>(static_cast<const char*>(elements), capacity).print(get_name(), dumper);
     } else {
         if (!dumper.start(get_name())) return;
-        for (unsigned i = 0; i < capacity; ++i)
-            Data_item_stringify<T>(elements + i).print(get_number_as_name(i), dumper);
+        for (unsigned i = 0; i < capacity; ++i, element += kind.size())
+            kind.print(kind.get(element), get_number_as_name(i), dumper);
         dumper.end(get_name());
     }
 }
 
-template <class T>
-Data_item::Serial_ret Lookup_basic_array<T>::serialise(Remote::Send_buffer& out, unsigned short& start_id) {
+Data_item::Serial_ret Lookup_basic_array_base::serialise_elements(Value_type kind, const void* elements,
+                                                                  Remote::Send_buffer& out, unsigned short& start_id) {
     if (!serial_action_started(start_id)) return serial_ok();
     out.append_UINT8(capacity);
-    for (unsigned i = 0; i < capacity; ++i) Remote::append_value(out, elements[i]);
+    const auto* element = static_cast<const unsigned char*>(elements);
+    for (unsigned i = 0; i < capacity; ++i, element += kind.size()) kind.append(out, kind.get(element));
     return serial_ok();
 }
 
-template <class T>
-Data_item::Serial_ret Lookup_basic_array<T>::deserialise(Remote::Receive_buffer& in, unsigned short& start_id) {
+Data_item::Serial_ret Lookup_basic_array_base::deserialise_elements(Value_type kind, void* elements,
+                                                                    Remote::Receive_buffer& in,
+                                                                    unsigned short& start_id) {
     if (!serial_action_started(start_id)) return serial_ok();
     unsigned char count;
     if (!in.pop_UINT8(count)) return serial_fail();
+    auto* element = static_cast<unsigned char*>(elements);
     bool changed = false;
-    for (unsigned i = 0; i < std::min(count, capacity); ++i) {
-        T received;
-        if (!Remote::pop_value(in, received)) return serial_fail();
-        changed |= received != elements[i];
-        elements[i] = received;
+    for (unsigned i = 0; i < std::min(count, capacity); ++i, element += kind.size()) {
+        uint64_t received;
+        if (!kind.pop(in, received)) return serial_fail();
+        changed |= kind.differs(element, received);
+        kind.put(element, received);
     }
-    if (changed) notify_cds(elements, static_cast<unsigned>(capacity * sizeof(T)));
+    if (changed) notify_cds(elements, capacity * kind.size());
     return serial_ok();
 }
-
-#define KAV_INSTANTIATE(T, ...)                                                                                        \
-    template class Lookup_basic<T>;                                                                                    \
-    template class Lookup_basic_array<T>;
-KAV_DATA_ITEM_TYPES(KAV_INSTANTIATE)
-#undef KAV_INSTANTIATE
 
 // ---- structs
 

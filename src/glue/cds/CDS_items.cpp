@@ -28,14 +28,6 @@ Struct::Struct(Lookup_struct& parent_struct, const char* item_name, const void* 
     parent_struct.add_item(*this);
 }
 
-#define KAV_TYPE_NAME(T, ...)                                                                                          \
-    template <>                                                                                                        \
-    KAV_API const char* type_name_of<T>() {                                                                            \
-        return #T;                                                                                                     \
-    }
-KAV_DATA_ITEM_TYPES(KAV_TYPE_NAME)
-#undef KAV_TYPE_NAME
-
 void print_declaration_line(int indent, const Lookup_item& item, int elements) {
     char extent[16] = "";
     if (elements) snprintf(extent, sizeof extent, "[%d]", elements);

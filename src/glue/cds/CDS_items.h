@@ -62,7 +62,15 @@ private:
 
 /// "unsigned short" and so on; what declaration lines show.
 template <class T>
-KAV_API const char* type_name_of();
+const char* type_name_of();
+#define KAV_TYPE_NAME(T, ...)                                                                                          \
+    template <>                                                                                                        \
+    inline const char* type_name_of<T>() {                                                                             \
+        return #T;                                                                                                     \
+    }
+KAV_DATA_ITEM_TYPES(KAV_TYPE_NAME)
+#undef KAV_TYPE_NAME
+
 /// One declaration line: "TYPE NAME;" or "TYPE NAME[n];", with the comment behind it if there is one.
 KAV_API void print_declaration_line(int indent, const Lookup_item& item, int elements);
 

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDS_remote.h"
-#include "glue/cds/Base_types.h"
 #include "util/Debug_print.h"
-#include "util/bytes.h"
 #include "util/number_text.h"
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <type_traits>
 
 namespace CDS::Remote {
 namespace {
@@ -22,40 +19,6 @@ bool read_number(const char*& text, uint32_t& value) {
     value = Util::to_ulong32(text, 16, &end);
     if (end == text || *end != ':') return false;
     text = end + 1;
-    return true;
-}
-
-unsigned char* bytes_of(char* p) { return reinterpret_cast<unsigned char*>(p); }
-
-/// Encode in place. What straddles an end of the slice is encoded aside and cut there, byte for byte.
-template <class T>
-int append(Send_buffer& out, T value) {
-    constexpr int width = sizeof(T);
-    if (out.skip == 0 && out.room >= width) {
-        Util::to_little_endian(value, bytes_of(out.position));
-        out.position += width;
-        out.room -= width;
-    } else if (out.skip >= width && out.room > 0) {
-        out.skip -= width;
-    } else {
-        char bytes[width];
-        Util::to_little_endian(value, bytes_of(bytes));
-        out.buf_append(bytes, width);
-    }
-    return width;
-}
-
-template <class T>
-bool pop(Receive_buffer& in, T& value) {
-    constexpr int width = sizeof(T);
-    if (in.remaining < width) return false;
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(in.position);
-    if constexpr (std::is_same_v<T, bool>)
-        value = *bytes != 0;
-    else
-        value = Util::from_little_endian<T>(bytes);
-    in.position += width;
-    in.remaining -= width;
     return true;
 }
 
@@ -86,11 +49,29 @@ int Send_buffer::buf_append(const char* data, int length) {
 
 int Send_buffer::str_append(const char* text) { return buf_append(text, static_cast<int>(strlen(text))); }
 
-#define KAV_CODEC(T, name, NAME)                                                                                       \
-    int Send_buffer::append_##NAME(T v) { return append(*this, v); }                                                   \
-    bool Receive_buffer::pop_##NAME(T& v) { return pop(*this, v); }
-KAV_BASE_TYPES(KAV_CODEC)
-#undef KAV_CODEC
+/// Encoded in place. What straddles an end of the slice is encoded aside and cut there, byte for byte.
+int Send_buffer::append_bits(uint64_t bits, int width) {
+    if (skip == 0 && room >= width) {
+        Util::bits_to_little_endian(bits, reinterpret_cast<unsigned char*>(position), width);
+        position += width;
+        room -= width;
+    } else if (skip >= width && room > 0) {
+        skip -= width;
+    } else {
+        unsigned char bytes[8];
+        Util::bits_to_little_endian(bits, bytes, width);
+        buf_append(reinterpret_cast<char*>(bytes), width);
+    }
+    return width;
+}
+
+bool Receive_buffer::pop_bits(uint64_t& bits, int width) {
+    if (remaining < width) return false;
+    bits = Util::bits_from_little_endian(reinterpret_cast<const unsigned char*>(position), width);
+    position += width;
+    remaining -= width;
+    return true;
+}
 
 bool Receive_buffer::struct_start() const { return *position == '{'; }
 bool Receive_buffer::struct_finish() const { return *position == '}'; }

@@ -2,6 +2,8 @@
 #pragma once
 #include "glue/cds/Data_item.h"
 #include "util/api.h"
+#include "util/bytes.h"
+#include <cstdint>
 
 /// The remote format: values in a fixed little-endian encoding, nothing between them, and the description of a tree as
 /// text. Both buffers are plain values over the caller's memory; one thread at a time.
@@ -19,18 +21,19 @@ public:
     int str_append(const char* text);
 
     /// Encode and append; the width of the encoding, whether or not the bytes fell into the slice.
-    int append_BOOL(bool);
-    int append_CHAR(char);
-    int append_INT8(signed char);
-    int append_UINT8(unsigned char);
-    int append_INT16(short);
-    int append_UINT16(unsigned short);
-    int append_INT32(int);
-    int append_UINT32(unsigned int);
-    int append_INT64(long long);
-    int append_UINT64(unsigned long long);
-    int append_FLOAT(float);
-    int append_DOUBLE(double);
+    int append_BOOL(bool v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_CHAR(char v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_INT8(signed char v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_UINT8(unsigned char v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_INT16(short v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_UINT16(unsigned short v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_INT32(int v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_UINT32(unsigned int v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_INT64(long long v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_UINT64(unsigned long long v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_FLOAT(float v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_DOUBLE(double v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_bits(uint64_t bits, int width); ///< the low `width` bytes: 1, 2, 4 or 8
 
     char* position; ///< where the next byte goes
     int skip;       ///< [bytes] still to be dropped before writing begins
@@ -44,18 +47,19 @@ public:
     Receive_buffer(const char* data, int length) : position(data), remaining(length) {}
 
     /// Decode the next value; false when too few bytes remain, nothing changed then.
-    bool pop_BOOL(bool&);
-    bool pop_CHAR(char&);
-    bool pop_INT8(signed char&);
-    bool pop_UINT8(unsigned char&);
-    bool pop_INT16(short&);
-    bool pop_UINT16(unsigned short&);
-    bool pop_INT32(int&);
-    bool pop_UINT32(unsigned int&);
-    bool pop_INT64(long long&);
-    bool pop_UINT64(unsigned long long&);
-    bool pop_FLOAT(float&);
-    bool pop_DOUBLE(double&);
+    bool pop_BOOL(bool& v) { return pop(v); }
+    bool pop_CHAR(char& v) { return pop(v); }
+    bool pop_INT8(signed char& v) { return pop(v); }
+    bool pop_UINT8(unsigned char& v) { return pop(v); }
+    bool pop_INT16(short& v) { return pop(v); }
+    bool pop_UINT16(unsigned short& v) { return pop(v); }
+    bool pop_INT32(int& v) { return pop(v); }
+    bool pop_UINT32(unsigned int& v) { return pop(v); }
+    bool pop_INT64(long long& v) { return pop(v); }
+    bool pop_UINT64(unsigned long long& v) { return pop(v); }
+    bool pop_FLOAT(float& v) { return pop(v); }
+    bool pop_DOUBLE(double& v) { return pop(v); }
+    bool pop_bits(uint64_t& bits, int width); ///< as many bytes, extended by zeros
 
     /// Whether '{', '}' or ',' is at `position`, whatever `remaining` says; they consume nothing.
     bool struct_start() const;
@@ -69,6 +73,15 @@ public:
 
     const char* position; ///< the next byte
     int remaining;        ///< [bytes] left
+
+private:
+    template <class T>
+    bool pop(T& v) {
+        uint64_t bits;
+        if (!pop_bits(bits, sizeof v)) return false;
+        v = Util::from_bits<T>(bits);
+        return true;
+    }
 };
 
 } // namespace CDS::Remote

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include "glue/cds/Base_types.h"
+#include "glue/cds/Value_type.h"
 #include "util/Debug_dumper.h"
 #include "util/api.h"
 
@@ -9,22 +9,23 @@
 /// T is one of bool, char, the signed and unsigned integers up to long long, float and double. A char is shown as its
 /// code, 0..255. `long` counts as 32 bits. Floating text is that of the C locale ("%g").
 template <class T>
-class KAV_API Data_item_stringify {
+class Data_item_stringify {
 public:
     explicit Data_item_stringify(const T* value) : _value(value) {}
 
     /// Writes at most `size` bytes with the zero (nothing for 0 and less); returns the length the whole text has.
-    int to_string(char* buffer, int size) const;
+    int to_string(char* buffer, int size) const { return type.to_string(type.get(_value), buffer, size); }
     /// One field of the dumper: the label and the text.
-    void print(const char* label, Debug::Dumper& dumper) const;
+    void print(const char* label, Debug::Dumper& dumper) const { type.print(type.get(_value), label, dumper); }
 
 private:
+    static constexpr Value_type type = Value_type::of<T>();
     const T* _value;
 };
 
 /// One typed value from text.
 template <class T>
-class KAV_API Data_item_destringify {
+class Data_item_destringify {
 public:
     explicit Data_item_destringify(T* value) : _value(value) {}
 
@@ -32,7 +33,7 @@ public:
     /// whoever must keep the old value reads into a temporary. Integers may be decimal, "0x.." or "0..", saturate at 32
     /// bits (64 for long long) and are then cut to the type. A bool is read from its first letter alone (F N T Y,
     /// either case), else as a number; what is neither leaves the value.
-    const char* from_string(const char* text);
+    const char* from_string(const char* text) { return Value_type::of<T>().from_string(_value, text); }
 
 private:
     T* _value;
@@ -68,9 +69,3 @@ private:
     char* _array;
     int _capacity;
 };
-
-#define KAV_EXTERN(T, ...)                                                                                             \
-    extern template class Data_item_stringify<T>;                                                                      \
-    extern template class Data_item_destringify<T>;
-KAV_DATA_ITEM_TYPES(KAV_EXTERN)
-#undef KAV_EXTERN
