@@ -14,20 +14,18 @@ bool NV_number_base::set(const NV_item& other) {
 
 // ---- stored record
 
-bool NV_number_base::serialise(NV_iterator* it) {
+bool NV_number_base::push_record(NV_iterator& it, uint64_t bits, int width) {
     bool valid;
-    if (!wanted(*it, valid)) return valid;
-    const int width = Value_type(get_number_type()).width();
-    if (!it->push_header(header(marker_value)) || !it->push_bits(get_bits(), width)) return false;
+    if (!wanted(it, valid)) return valid;
+    if (!it.push_header(header(marker_value)) || !it.push_bits(bits, width)) return false;
     saved();
     return true;
 }
 
-bool NV_number_base::deserialise(NV_iterator* it) {
+bool NV_number_base::pop_record(NV_iterator& it, uint64_t& bits, int width) {
     Record_header stored;
-    if (!it->pop_header(stored) || !(stored == header(marker_value))) return false;
-    uint64_t bits; // a cut value leaves the old one; the frame's CRC tells
-    if (it->pop_bits(bits, Value_type(get_number_type()).width())) set_bits(bits, notify_none);
+    if (!it.pop_header(stored) || !(stored == header(marker_value))) return false;
+    it.pop_bits(bits, width);
     loaded();
     return true;
 }

@@ -20,14 +20,14 @@ public:
     void _print(Debug::Dumper& dumper) const override;
     Serial_ret serialise(CDS::Remote::Send_buffer& out, unsigned short& start_id) override;
     Serial_ret deserialise(CDS::Remote::Receive_buffer& in, unsigned short& start_id) override;
-    bool serialise(NV_iterator* it) override;
-    /// Read the value straight in, without a notification. A record of another item is consumed all the same.
-    bool deserialise(NV_iterator* it) override;
     int _to_string(char* buffer, int size) const override;
     const char* _from_string(const char* text) override;
 
 protected:
     using NV_item::NV_item;
+    /// The record, with a value of `width` [bytes]. A cut one leaves `bits`: the frame's CRC tells.
+    bool push_record(NV_iterator& it, uint64_t bits, int width);
+    bool pop_record(NV_iterator& it, uint64_t& bits, int width);
 };
 
 /// A setting of one base type. `type` is T's item type; use the names below the class.
@@ -53,6 +53,15 @@ public:
     item_type_t get_number_type() const final { return type; }
     uint64_t get_bits() const final { return Util::to_bits(_value); }
     bool set_bits(uint64_t bits, notify_t how) final { return _set(Util::from_bits<T>(bits), how); }
+    using NV_number_base::serialise, NV_number_base::deserialise;
+    bool serialise(NV_iterator* it) override { return push_record(*it, get_bits(), sizeof(T)); }
+    /// Read the value straight in, without a notification. A record of another item is consumed all the same.
+    bool deserialise(NV_iterator* it) override {
+        uint64_t bits = get_bits();
+        const bool own = pop_record(*it, bits, sizeof(T));
+        _value = Util::from_bits<T>(bits);
+        return own;
+    }
     bool set_default(bool) override {
         _set(_default, notify_all);
         return true;

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "glue/cds/CDSLookup.h"
-#include "glue/cds/CDS_remote.h"
-#include "glue/cds/Data_item_text.h"
 #include "glue/cds/Item_walk.h"
 #include "util/Debug_print.h"
 #include "util/assertion.h"
@@ -143,69 +141,18 @@ unsigned char Lookup_basic_array_base::get_type_byte() const {
     return Data_item::get_type_byte(class_array, get_type());
 }
 
-// ---- values
-
-void Lookup_item::print_value(Value_type kind, const void* value, Debug::Dumper& dumper) const {
-    kind.print(kind.get(value), get_name(), dumper);
-}
-
-Data_item::Serial_ret Lookup_item::serialise_value(Value_type kind, const void* value, Remote::Send_buffer& out,
-                                                   unsigned short& start_id) {
-    if (serial_action_started(start_id)) kind.append(out, kind.get(value));
-    return serial_ok();
-}
-
-Data_item::Serial_ret Lookup_item::deserialise_value(Value_type kind, void* value, Remote::Receive_buffer& in,
-                                                     unsigned short& start_id) {
-    if (!serial_action_started(start_id)) return serial_ok();
-    uint64_t received;
-    if (!kind.pop(in, received)) return serial_fail();
-    if (kind.differs(value, received)) {
-        kind.put(value, received);
-        notify_cds(value, kind.size());
-    }
-    return serial_ok();
-}
-
 // ---- arrays
 
-void Lookup_basic_array_base::print_elements(Value_type kind, const void* elements, Debug::Dumper& dumper) const {
-    const auto* element = static_cast<const unsigned char*>(elements);
-    if (kind.code() == item_char) {
-        Data_item_array_stringify<char>(static_cast<const char*>(elements), capacity).print(get_name(), dumper);
-    } else {
-        if (!dumper.start(get_name())) return;
-        for (unsigned i = 0; i < capacity; ++i, element += kind.size())
-            kind.print(kind.get(element), get_number_as_name(i), dumper);
-        dumper.end(get_name());
+void Lookup_basic_array_base::print_elements(Value_type type, const void* elements, Debug::Dumper& dumper) const {
+    if (type.code() == item_char) {
+        const auto* const text = static_cast<const char*>(elements);
+        return Data_item_array_stringify<char>(text, capacity).print(get_name(), dumper);
     }
-}
-
-Data_item::Serial_ret Lookup_basic_array_base::serialise_elements(Value_type kind, const void* elements,
-                                                                  Remote::Send_buffer& out, unsigned short& start_id) {
-    if (!serial_action_started(start_id)) return serial_ok();
-    out.append_UINT8(capacity);
+    if (!dumper.start(get_name())) return;
     const auto* element = static_cast<const unsigned char*>(elements);
-    for (unsigned i = 0; i < capacity; ++i, element += kind.size()) kind.append(out, kind.get(element));
-    return serial_ok();
-}
-
-Data_item::Serial_ret Lookup_basic_array_base::deserialise_elements(Value_type kind, void* elements,
-                                                                    Remote::Receive_buffer& in,
-                                                                    unsigned short& start_id) {
-    if (!serial_action_started(start_id)) return serial_ok();
-    unsigned char count;
-    if (!in.pop_UINT8(count)) return serial_fail();
-    auto* element = static_cast<unsigned char*>(elements);
-    bool changed = false;
-    for (unsigned i = 0; i < std::min(count, capacity); ++i, element += kind.size()) {
-        uint64_t received;
-        if (!kind.pop(in, received)) return serial_fail();
-        changed |= kind.differs(element, received);
-        kind.put(element, received);
-    }
-    if (changed) notify_cds(elements, capacity * kind.size());
-    return serial_ok();
+    for (unsigned i = 0; i < capacity; ++i, element += type.size())
+        type.print(type.get(element), get_number_as_name(i), dumper);
+    dumper.end(get_name());
 }
 
 // ---- structs

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "glue/cds/CDS_remote.h"
 #include "glue/cds/Data_item.h"
-#include "glue/cds/Value_type.h"
+#include "glue/cds/Data_item_text.h"
 #include "util/api.h"
 #include "util/sl_list.h"
 #include <cstddef>
@@ -84,11 +85,6 @@ public:
 protected:
     ~Lookup_item() = default;
 
-    // What Lookup_basic does with its value, of whatever type.
-    void print_value(Value_type kind, const void* value, Debug::Dumper&) const;
-    Serial_ret serialise_value(Value_type kind, const void* value, Remote::Send_buffer&, unsigned short& start_id);
-    Serial_ret deserialise_value(Value_type kind, void* value, Remote::Receive_buffer&, unsigned short& start_id);
-
     const char* type_name = "";
     const char* name = "";
     const char* comment = "";
@@ -111,18 +107,25 @@ public:
     explicit Lookup_basic(Lookup_struct& parent_struct, T* place = nullptr)
         : Lookup_item(parent_struct), value(place) {}
 
-    void _print(Debug::Dumper& dumper) const override { print_value(kind, value, dumper); }
+    void _print(Debug::Dumper& dumper) const override { Data_item_stringify<T>(value).print(get_name(), dumper); }
     Serial_ret serialise(Remote::Send_buffer& out, unsigned short& start_id) override {
-        return serialise_value(kind, value, out, start_id);
+        if (serial_action_started(start_id)) out.append(static_cast<typename Base_type_of<T>::As>(*value));
+        return serial_ok();
     }
     Serial_ret deserialise(Remote::Receive_buffer& in, unsigned short& start_id) override {
-        return deserialise_value(kind, value, in, start_id);
+        if (!serial_action_started(start_id)) return serial_ok();
+        typename Base_type_of<T>::As received;
+        if (!in.pop(received)) return serial_fail();
+        if (T{received} != *value) {
+            *value = received;
+            notify_cds(value, sizeof(T));
+        }
+        return serial_ok();
     }
     item_type_t get_type() const override { return get_base_type(); }
     static item_type_t get_base_type() { return Base_type_of<T>::code; }
 
 protected:
-    static constexpr Value_type kind = Value_type::of<T>();
     ~Lookup_basic() = default;
     T* value;
 };
@@ -135,12 +138,7 @@ public:
 
 protected:
     ~Lookup_basic_array_base() = default;
-
-    // What Lookup_basic_array does with its elements.
-    void print_elements(Value_type kind, const void* elements, Debug::Dumper&) const;
-    Serial_ret serialise_elements(Value_type kind, const void* elements, Remote::Send_buffer&,
-                                  unsigned short& start_id);
-    Serial_ret deserialise_elements(Value_type kind, void* elements, Remote::Receive_buffer&, unsigned short& start_id);
+    void print_elements(Value_type type, const void* elements, Debug::Dumper&) const;
     unsigned char capacity; ///< [elements] 1..255
 };
 
@@ -152,19 +150,32 @@ public:
     Lookup_basic_array(Lookup_struct& parent_struct, unsigned char elements_max, T* place = nullptr)
         : Lookup_basic_array_base(parent_struct, elements_max), elements(place) {}
 
-    void _print(Debug::Dumper& dumper) const override { print_elements(kind, elements, dumper); }
+    void _print(Debug::Dumper& dumper) const override { print_elements(Value_type::of<T>(), elements, dumper); }
     Serial_ret serialise(Remote::Send_buffer& out, unsigned short& start_id) override {
-        return serialise_elements(kind, elements, out, start_id);
+        if (!serial_action_started(start_id)) return serial_ok();
+        out.append_UINT8(capacity);
+        for (unsigned i = 0; i < capacity; ++i) out.append(static_cast<typename Base_type_of<T>::As>(elements[i]));
+        return serial_ok();
     }
     /// Surplus elements that the other side sent stay in the buffer, so what follows is misaligned: the format has no
     /// means to tell a longer array from a wrong one.
     Serial_ret deserialise(Remote::Receive_buffer& in, unsigned short& start_id) override {
-        return deserialise_elements(kind, elements, in, start_id);
+        if (!serial_action_started(start_id)) return serial_ok();
+        unsigned char count;
+        if (!in.pop_UINT8(count)) return serial_fail();
+        bool changed = false;
+        for (unsigned i = 0; i < count && i < capacity; ++i) {
+            typename Base_type_of<T>::As received;
+            if (!in.pop(received)) return serial_fail();
+            changed |= T{received} != elements[i];
+            elements[i] = received;
+        }
+        if (changed) notify_cds(elements, static_cast<unsigned>(capacity * sizeof(T)));
+        return serial_ok();
     }
     item_type_t get_type() const override { return Lookup_basic<T>::get_base_type(); }
 
 protected:
-    static constexpr Value_type kind = Value_type::of<T>();
     ~Lookup_basic_array() = default;
     T* elements;
 };

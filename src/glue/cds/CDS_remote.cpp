@@ -65,14 +65,6 @@ int Send_buffer::append_bits(uint64_t bits, int width) {
     return width;
 }
 
-bool Receive_buffer::pop_bits(uint64_t& bits, int width) {
-    if (remaining < width) return false;
-    bits = Util::bits_from_little_endian(reinterpret_cast<const unsigned char*>(position), width);
-    position += width;
-    remaining -= width;
-    return true;
-}
-
 bool Receive_buffer::struct_start() const { return *position == '{'; }
 bool Receive_buffer::struct_finish() const { return *position == '}'; }
 bool Receive_buffer::field_sep() const { return *position == ','; }

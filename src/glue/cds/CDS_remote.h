@@ -21,18 +21,27 @@ public:
     int str_append(const char* text);
 
     /// Encode and append; the width of the encoding, whether or not the bytes fell into the slice.
-    int append_BOOL(bool v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_CHAR(char v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_INT8(signed char v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_UINT8(unsigned char v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_INT16(short v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_UINT16(unsigned short v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_INT32(int v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_UINT32(unsigned int v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_INT64(long long v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_UINT64(unsigned long long v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_FLOAT(float v) { return append_bits(Util::to_bits(v), sizeof v); }
-    int append_DOUBLE(double v) { return append_bits(Util::to_bits(v), sizeof v); }
+    int append_BOOL(bool v) { return append(v); }
+    int append_CHAR(char v) { return append(v); }
+    int append_INT8(signed char v) { return append(v); }
+    int append_UINT8(unsigned char v) { return append(v); }
+    int append_INT16(short v) { return append(v); }
+    int append_UINT16(unsigned short v) { return append(v); }
+    int append_INT32(int v) { return append(v); }
+    int append_UINT32(unsigned int v) { return append(v); }
+    int append_INT64(long long v) { return append(v); }
+    int append_UINT64(unsigned long long v) { return append(v); }
+    int append_FLOAT(float v) { return append(v); }
+    int append_DOUBLE(double v) { return append(v); }
+    template <class T>
+    int append(T v) { ///< a value of any base type
+        constexpr int width = sizeof v;
+        if (skip != 0 || room < width) return append_bits(Util::to_bits(v), width);
+        Util::to_little_endian(v, reinterpret_cast<unsigned char*>(position));
+        position += width;
+        room -= width;
+        return width;
+    }
     int append_bits(uint64_t bits, int width); ///< the low `width` bytes: 1, 2, 4 or 8
 
     char* position; ///< where the next byte goes
@@ -59,7 +68,20 @@ public:
     bool pop_UINT64(unsigned long long& v) { return pop(v); }
     bool pop_FLOAT(float& v) { return pop(v); }
     bool pop_DOUBLE(double& v) { return pop(v); }
-    bool pop_bits(uint64_t& bits, int width); ///< as many bytes, extended by zeros
+    template <class T>
+    bool pop(T& v) { ///< a value of any base type
+        uint64_t bits;
+        if (!pop_bits(bits, sizeof v)) return false;
+        v = Util::from_bits<T>(bits);
+        return true;
+    }
+    bool pop_bits(uint64_t& bits, int width) { ///< as many bytes, extended by zeros
+        if (remaining < width) return false;
+        bits = Util::bits_from_little_endian(reinterpret_cast<const unsigned char*>(position), width);
+        position += width;
+        remaining -= width;
+        return true;
+    }
 
     /// Whether '{', '}' or ',' is at `position`, whatever `remaining` says; they consume nothing.
     bool struct_start() const;
@@ -73,15 +95,6 @@ public:
 
     const char* position; ///< the next byte
     int remaining;        ///< [bytes] left
-
-private:
-    template <class T>
-    bool pop(T& v) {
-        uint64_t bits;
-        if (!pop_bits(bits, sizeof v)) return false;
-        v = Util::from_bits<T>(bits);
-        return true;
-    }
 };
 
 } // namespace CDS::Remote

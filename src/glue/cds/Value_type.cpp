@@ -94,13 +94,6 @@ void Value_type::put(void* place, uint64_t bits) const {
     });
 }
 
-bool Value_type::differs(const void* place, uint64_t bits) const {
-    if (is_floating()) return !(number(get(place)) == number(bits));
-    uint64_t stored;
-    put(&stored, bits);
-    return memcmp(place, &stored, _size) != 0;
-}
-
 double Value_type::number(uint64_t bits) const {
     if (_code == Data_item::item_double) return from_bits<double>(bits);
     if (_code == Data_item::item_float) return static_cast<double>(from_bits<float>(bits));

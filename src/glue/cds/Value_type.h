@@ -36,8 +36,6 @@ public:
 
     uint64_t get(const void* place) const;
     void put(void* place, uint64_t bits) const;
-    /// Whether the value is another one; one that is no number always is.
-    bool differs(const void* place, uint64_t bits) const;
     double number(uint64_t bits) const; ///< a large integer is rounded
 
     /// The text of Data_item_stringify: at most `size` bytes with the zero; the length of the whole text.
