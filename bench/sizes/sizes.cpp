@@ -56,13 +56,29 @@ Stack own_stack() {
     return s;
 }
 
-/// Prints a message of the receiver, which is the deepest that handlers usually go.
+/// What the C library takes of the heap for any thread that uses it.
+size_t heap_of_plain_thread() {
+    static Semaphore used;
+    const size_t before = heap();
+    pthread_t thread;
+    const auto run = [](void*) -> void* {
+        void* volatile used_heap = malloc(1); // volatile: else the compiler leaves it out
+        free(used_heap);
+        used.release();
+        for (;;) pause();
+    };
+    if (pthread_create(&thread, nullptr, run, nullptr) != 0) return 0;
+    used.acquire();
+    return heap() - before;
+}
+
+/// Prints a message of the receiver, which is the deepest that handlers usually go; at the next event it looks how
+/// deep.
 class Worker : public Diner::Protection {
 public:
     Worker() { init(Diner_info_list::get(), nullptr, Descriptor("WORKER", 1), 0, 256, false, true); }
     ~Worker() override { terminate(true); }
     void work() {
-        start();
         waiter.send_event(module_man::EVENT_ANONYMOUS, false, false);
         done.acquire();
     }
@@ -71,17 +87,23 @@ public:
 
 private:
     void handle_event(waiter_event&) override {
+        if (_printed) {
+            stack = own_stack(); // takes memory of its own
+            done.release();
+            return;
+        }
         unsigned char bytes[35] = {};
         Vorn_message frame(bytes, sizeof bytes);
         frame.setup(GNSS_messages::id_PG, sizeof bytes);
         frame.set_checksum();
         char line[256];
         if (Vorn_printer(true).snprint(frame, line, sizeof line) > 0) Debug_print::dprint("%s\n", line);
-        stack = own_stack();
+        _printed = true;
         done.release();
     }
     void handle_timeout(Timeout&) override {}
     using Diner::handle_timeout;
+    bool _printed = false;
 };
 
 void row(const char* what, size_t itself, size_t more = 0) { printf("| %s | %zu | %zu |\n", what, itself, more); }
@@ -112,16 +134,18 @@ void row_of_setting() {
     row("number among the settings", sizeof(NV_store::NV_int32), (heap() - before) / (n - 1) - object);
 }
 
-/// Ranges until the registry is full, and its 24,576 bytes shared among them.
+/// Ranges until the registry is full, its 24,576 bytes shared among them, and what the heap has of each.
 void row_of_registration() {
     static unsigned char block[1 << 16];
     CDS::Head& head = *new CDS::Head(&Diner_info_list::get(), 0);
     static waiter_descriptor waiter;
     waiter.init(&Diner_info_list::get());
     int ranges = 0;
+    const size_t before = heap();
     const std::lock_guard<Mutex> guard(head);
     while (head.event_register(&waiter, ranges * 8, 8, CDS::reg_value, ranges, nullptr, nullptr) == 0) ++ranges;
-    row("registration for changes of data, of a range of its own", 0, 24576 / static_cast<size_t>(ranges));
+    const size_t n = static_cast<size_t>(ranges);
+    row("registration for changes of data, of a range of its own", 24576 / n, (heap() - before) / n);
     printf("| of these as many as the registry holds: %d | | |\n", ranges);
 }
 
@@ -133,25 +157,28 @@ int main() {
     Diner_info_list::get();
     printf("| | object [bytes] | heap [bytes] |\n|---|---|---|\n");
 
-    Worker first,
-        second; // what all diners have in common; they stay, since threads give back some of it after their end
-    first.work();
-    second.work();
+    Worker first, second; // take what all diners have in common
+    for (Worker* worker : {&first, &second}) {
+        worker->start();
+        worker->work();
+    }
     size_t before = heap();
-    auto worker = std::make_unique<Worker>();
-    worker->work();
+    auto& worker = *new Worker; // stays, like all that has a thread: threads give back some memory after their end
+    worker.start();
+    worker.work();
     row("diner, its thread running", sizeof(Diner::Protection), heap() - before - sizeof(Worker));
-    const Stack stack = worker->stack;
-    worker.reset();
+    row("of this what the C library takes for any thread", 0, heap_of_plain_thread());
+    worker.work();
+    const Stack stack = worker.stack;
 
-    Posix_threaded_serial_data_stream serial;
     before = heap();
+    auto& serial = *new Posix_threaded_serial_data_stream;
     const int line = posix_openpt(O_RDWR | O_NOCTTY);
     if (line < 0 || grantpt(line) != 0 || unlockpt(line) != 0) return 1;
     serial.init(Diner_info_list::get());
     if (!serial.open(ptsname(line)) || write(line, "x", 1) != 1) return 1;
     while (serial.bytes_avail() == 0) usleep(1000); // the reader has got by then what it needs
-    row("threaded serial stream, its reader running", sizeof serial, heap() - before);
+    row("threaded serial stream, its reader running", sizeof serial, heap() - before - sizeof serial);
 
     row("serial stream without a thread", sizeof(Posix_serial_data_stream));
     row("pair of streams in memory", sizeof(Virtual_pair_data_stream));
