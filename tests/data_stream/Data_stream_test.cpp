@@ -6,6 +6,8 @@
 #include "support/Pty.h"
 #include "support/test.h"
 
+using namespace std::string_literals;
+
 namespace {
 
 /// Bytes `first` to `first` + n - 1 of an endless row.
@@ -47,66 +49,56 @@ public:
 };
 
 TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
-    const struct {
-        unsigned buffered, source, asked;
-        int fetched;
-        bool done, lies;
-    } cases[] = {
-        {30, 100, 100, 70, true, false},
-        {30, 100, 30, 0, true, false},
-        {30, 98, 100, 70, false, true}, // a fetch that promised too much
-        {4200, 5000, 4200, 0, true, false},
+    const std::tuple<unsigned, unsigned, unsigned, bool, int, bool> cases[] = {
+        // buffered, in the source, asked for, whether it promises too much; fetched, done
+        {30, 100, 100, false, 70, true},
+        {30, 100, 30, false, 0, true},
+        {30, 98, 100, true, 70, false},
+        {4200, 5000, 4200, false, 0, true},
         // What no buffer can hold is refused before anything is fetched and lost.
-        {10, 6000, 4201, 0, false, false},
-        {10, 6000, 0xFFFFFFFFu, 0, false, false},
+        {10, 6000, 4201, false, 0, false},
+        {10, 6000, 0xFFFFFFFFu, false, 0, false},
     };
     for (const std::string operation : {"bytes_avail", "get_data", "[]", "drop"}) {
-        for (const auto& c : cases) {
-            SCOPED_TRACE(testing::Message() << operation << " of " << c.asked);
+        for (const auto& [buffered, there, asked, lies, fetched, done] : cases) {
             Mutex lock;
-            Script_stream s(c.source);
+            Script_stream s(there);
             s.stream_lock = &lock;
-            ASSERT_TRUE(s.bytes_avail(c.buffered));
+            ASSERT_TRUE(s.bytes_avail(buffered));
             s.fetched = 0;
-            s.lies = c.lies;
-            const bool done = operation == "bytes_avail" ? s.bytes_avail(c.asked)
-                              : operation == "get_data"  ? s.get_data(std::vector<unsigned char>(5000).data(), c.asked)
-                              : operation == "[]"        ? s[c.asked - 1] == static_cast<unsigned char>(c.asked - 1)
-                                                         : s.drop(c.asked);
-            EXPECT_VALUES(texts(c.done, c.fetched), done, s.fetched);
-            EXPECT_EQ(s.bytes_avail(), static_cast<int>(s.taken - (done && operation == "drop" ? c.asked : 0)));
-            EXPECT_VALUES("0 false", s[0xFFFFFFFFu], lock.is_locked());
+            s.lies = lies;
+            const bool did = operation == "bytes_avail" ? s.bytes_avail(asked)
+                             : operation == "get_data"  ? s.get_data(std::vector<unsigned char>(5000).data(), asked)
+                             : operation == "[]"        ? s[asked - 1] == static_cast<unsigned char>(asked - 1)
+                                                        : s.drop(asked);
+            EXPECT_VALUES(texts(done, fetched, s.taken - (done && operation == "drop" ? asked : 0), 0, false), did,
+                          s.fetched, s.bytes_avail(), s[0xFFFFFFFFu], lock.is_locked())
+                << operation << " of " << asked;
         }
     }
 }
 
 TEST(Data_stream, writes_succeed_unless_nothing_was_written_but_those_of_messages_must_be_whole) {
-    const struct {
-        unsigned n, accepted, failure;
-        bool done;
-        const char* report;
-    } cases[] = {{0, ~0u, 0, false, ""},
-                 {0, ~0u, -1u, true, "Failed write len=4/5 0 0\n"}, // a closed stream has always answered with success
-                 {255, ~0u, 0, true, ""},
-                 {256, ~0u, 0, true, ""},
-                 {4200, 1, 0, true, "Failed write len=1/5 0 1\n"},
-                 {300, 0, 0, false, "Failed write len=0/5 0 0\n"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.n);
-        const std::string whole(c.n, 'x');
+    const std::tuple<unsigned, unsigned, unsigned, bool, std::string> cases[] = {
+        // bytes, how many of them are taken at most, what is added to the result
+        {0, ~0u, 0, false, ""},
+        {0, ~0u, -1u, true, "Failed write len=4/5 0 0\n"}, // a closed stream has always answered with success
+        {255, ~0u, 0, true, ""},
+        {256, ~0u, 0, true, ""},
+        {4200, 1, 0, true, "Failed write len=1/5 0 1\n"},
+        {300, 0, 0, false, "Failed write len=0/5 0 0\n"}};
+    for (const auto& [n, accepted, failure, done, report] : cases) {
+        const std::string whole(n, 'x'), cut = whole.substr(0, 255);
         unsigned char bytes[] = "PG0\0x";
         Script_stream from(5000), text, copy, message;
-        for (auto* s : {&text, &copy, &message}) s->accepted = c.accepted, s->failure = c.failure, s->echo = true;
-        ASSERT_TRUE(from.bytes_avail(c.n));
+        for (auto* s : {&text, &copy, &message}) s->accepted = accepted, s->failure = failure, s->echo = true;
+        ASSERT_TRUE(from.bytes_avail(n));
         Capture err(stderr);
-        EXPECT_EQ(text.printf("%s", whole.c_str()), c.done);
-        EXPECT_EQ(copy.write(from), c.done);
-        EXPECT_EQ(message.write(Binary_message(bytes, 5), true), !*c.report);
-        EXPECT_EQ(err.text(), whole.substr(0, 255) + c.report);
-        EXPECT_EQ(text.sink, c.n < 256 ? whole : whole.substr(0, 255) + '\0');
-        EXPECT_EQ(copy.sink, from.source.substr(0, c.n));
-        EXPECT_EQ(from.bytes_avail(), static_cast<int>(c.n)) << "it stays there";
-        EXPECT_EQ(message.sink, std::string("PG0\0x\n", 6));
+        EXPECT_VALUES(texts(done, done, report.empty()), text.printf("%s", whole.c_str()), copy.write(from),
+                      message.write(Binary_message(bytes, 5), true))
+            << n;
+        EXPECT_VALUES(texts(cut + report, n < 256 ? whole : cut + '\0', from.source.substr(0, n), "PG0\0x\n"s, n),
+                      err.text(), text.sink, copy.sink, message.sink, from.bytes_avail());
     }
 }
 
@@ -136,20 +128,16 @@ protected:
 TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_room) {
     // A failed wait tells nobody, a deadline that has passed does.
     for (const auto& [timeout_ms, told] : {std::pair{50, false}, {9, false}, {0, true}, {-100, true}}) {
-        SCOPED_TRACE(timeout_ms);
         const Manual_clock stands_still;
         a.set_write_timeout(timeout_ms);
         b.set_read_timeout(timeout_ms);
-        EXPECT_VALUES(texts(128, told ? "1" : ""), put(a, row(200)), events(rx, b));
-        EXPECT_VALUES(texts(0, ""), put(a, "x"), events(rx, b));
-        EXPECT_VALUES(texts(false, told ? "3" : "", row(128)), b.drop(130), events(tx, a), take(b, 128));
+        EXPECT_VALUES(texts(128, told ? "1" : "", 0, ""), put(a, row(200)), events(rx, b), put(a, "x"), events(rx, b));
+        EXPECT_VALUES(texts(false, told ? "3" : "", row(128)), b.drop(130), events(tx, a), take(b, 128)) << timeout_ms;
     }
     a.set_default_write_timeout();
-    put(a, "0123456789");
-    EXPECT_VALUES("true 4", b.bytes_avail(4u), b.bytes_avail()) << "no more than asked for";
+    EXPECT_VALUES("10 true 4", put(a, "0123456789"), b.bytes_avail(4u), b.bytes_avail()) << "no more than asked for";
     b.flush();
-    put(a, "new");
-    EXPECT_EQ(take(b, 7), "0123new");
+    EXPECT_VALUES("3 0123new", put(a, "new"), take(b, 7));
     std::atomic<unsigned> written{0};
     std::thread writer([&] { written = put(a, row(200)); });
     EXPECT_TRUE(wait_until([&] { return b.flush(), written == 200; })) << "the writer waits though there is room";
@@ -159,39 +147,35 @@ TEST_F(Pair, a_transfer_does_what_it_can_until_its_time_out_and_a_flush_makes_ro
 TEST_F(Pair, a_waiter_is_told_of_what_it_asked_for) {
     EXPECT_NE(a.module_id(), b.module_id());
     EXPECT_VALUES(texts(&pair, &b), static_cast<void*>(&a), &a + 1) << "the lock comes behind them";
-    // At the limit only: when full, when empty.
-    for (const auto& [only_at_the_limit, written, read, told_rx, told_tx] : {
-             std::tuple{false, 127u, 126u, "0", "2"},
-             {false, 1u, 2u, "0", "3"},
-             {false, 128u, 1u, "1", "2"},
-             {false, 0u, 127u, "", "3"},
-             {true, 127u, 126u, "", ""},
-             {true, 126u, 127u, "", "3"},
-         }) {
+    const std::tuple<bool, unsigned, unsigned, const char*, const char*> steps[] = {
+        // whether at the limit only (when full, when empty), written, read, who is told
+        {false, 127, 126, "0", "2"}, {false, 1, 2, "0", "3"},  {false, 128, 1, "1", "2"},
+        {false, 0, 127, "", "3"},    {true, 127, 126, "", ""}, {true, 126, 127, "", "3"},
+    };
+    for (const auto& [only_at_the_limit, written, read, told_rx, told_tx] : steps) {
         b.reg_rx_waiter(&rx, only_at_the_limit);
         a.reg_tx_waiter(&tx, only_at_the_limit);
-        EXPECT_VALUES(texts(written, told_rx), put(a, row(written)), events(rx, b)) << written;
-        take(b, read);
-        EXPECT_EQ(events(tx, a), told_tx) << read;
+        EXPECT_VALUES(texts(written, told_rx, read, told_tx), put(a, row(written)), events(rx, b), take(b, read).size(),
+                      events(tx, a))
+            << written;
     }
     b.reg_rx_waiter(&rx, false);
-    for (int i = 0; i < 2; ++i) put(a, "x");
-    EXPECT_EQ(rx.num_queued(), 1) << "one node for both";
+    EXPECT_VALUES("1 1 1", put(a, "x"), put(a, "x"), rx.num_queued()) << "one node for both";
 }
 
 TEST_F(Pair, two_threads_exchange_any_lengths_without_losing_a_byte) {
-    const auto in_pieces = [](const auto& one) {
+    const auto exchange = [](Data_stream& s, bool sends) {
         std::mt19937 random(1);
-        for (unsigned done = 0, n; done < 40000; done += n) one(done, n = 1 + random() % 700);
+        for (unsigned done = 0, n; done < 40000; done += n) {
+            n = 1 + random() % 700;
+            if (sends)
+                EXPECT_EQ(put(s, row(n, done)), n);
+            else
+                EXPECT_EQ(take(s, n), row(n, done));
+        }
     };
-    const auto send = [&](Data_stream& s) {
-        in_pieces([&](unsigned done, unsigned n) { EXPECT_EQ(put(s, row(n, done)), n); });
-    };
-    const auto receive = [&](Data_stream& s) {
-        in_pieces([&](unsigned done, unsigned n) { EXPECT_EQ(take(s, n), row(n, done)); });
-    };
-    std::thread other([&] { receive(b), send(b); });
-    send(a), receive(a);
+    std::thread other([&] { exchange(b, false), exchange(b, true); });
+    exchange(a, true), exchange(a, false);
     other.join();
 }
 

@@ -20,8 +20,9 @@ std::string drain(Data_stream& s) {
 
 class Files : public testing::Test {
 protected:
-    /// What the checksummed file yields or complains of.
-    std::string load() {
+    /// What a checksummed file of these bytes yields or complains of.
+    std::string load(const std::string& bytes) {
+        write_file(path, bytes);
         File_checksummed_data_stream s;
         Capture err(stderr);
         if (!s.open_read(path.c_str())) return err.text();
@@ -29,13 +30,13 @@ protected:
         EXPECT_EQ(s.read_crc32_seek_off, static_cast<int>(text.size()));
         return text;
     }
-    /// Write a checksummed file in uneven pieces: the checksum does not depend on them.
-    std::string save_and_load(const std::string& payload) {
+    /// The checksummed file of a payload that comes in uneven pieces: the checksum does not depend on them.
+    std::string saved(const std::string& payload) {
         File_checksummed_data_stream s;
         EXPECT_TRUE(s.open_write(path.c_str()));
         for (size_t at = 0; at < payload.size(); at += 37) put(s, payload.substr(at, 37));
         EXPECT_TRUE(s.close_write());
-        return load();
+        return read_file(path);
     }
     Temporary_folder folder{Temporary_folder::quick_place()};
     const std::string path = folder.file("a.txt"), missing = folder.file("none/a.txt"),
@@ -44,17 +45,17 @@ protected:
 
 TEST_F(Files, are_appended_to_and_read_by_path_or_descriptor) {
     File_data_stream s;
-    EXPECT_VALUES("false false false false", s.close_read(), s.close_write(), s.get_data(1),
-                  File_data_stream::exists(path.c_str()));
-    EXPECT_VALUES(texts(true, UINT_MAX, UINT_MAX), s.get_data(0), put(s, "x"), s.get_length());
+    EXPECT_VALUES(texts(false, false, false, true, UINT_MAX, UINT_MAX), s.close_read(), s.close_write(), s.get_data(1),
+                  s.get_data(0), put(s, "x"), s.get_length());
     for (const char* piece : {"hello ", "world"})
         EXPECT_VALUES(texts(true, strlen(piece), true), s.open_write(path.c_str()), put(s, piece), s.close_write());
-    EXPECT_VALUES(texts(true, 'w', 11, "hello world"), s.open_read(path.c_str()), s[6], s.get_length(), drain(s));
-    EXPECT_EQ(stream_name("DSFile", s, "," + path + ", r"), s.name);
+    EXPECT_VALUES(texts(true, 'w', 11, "hello world", stream_name("DSFile", s, "," + path + ", r")),
+                  s.open_read(path.c_str()), s[6], s.get_length(), drain(s), s.name);
     EXPECT_VALUES(texts(true, true, "hello world"), s.close_read(), s.open_read(::open(path.c_str(), O_RDONLY)),
                   drain(s));
-    EXPECT_TRUE(File_data_stream::exists((path + "/below").c_str())) << "not a folder: it cannot be told";
-
+    EXPECT_VALUES("false true", File_data_stream::exists(missing.c_str()),
+                  File_data_stream::exists((path + "/x").c_str()))
+        << "below what is no folder it cannot be told";
     EXPECT_EQ(run_child([&] { s.open_read(missing.c_str()); }).end(), "123 " + failure);
     EXPECT_EQ(run_child([&] { s.open_read(999); }).end(), "123 Error opening fd [999]\n");
     EXPECT_EQ(run_child([&] { s.open_write(missing.c_str()); }).end(), "122 " + failure);
@@ -66,37 +67,28 @@ TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
     // Above 255 bytes the last chunk runs into the trailer unless they are a multiple.
     for (size_t n = 0; n <= 600; ++n) {
         const std::string payload(n, 'p');
-        ASSERT_EQ(save_and_load(payload), n <= 255 || n % 255 == 0 ? payload : wrong_sum) << n;
+        ASSERT_EQ(load(saved(payload)), n <= 255 || n % 255 == 0 ? payload : wrong_sum) << n;
     }
-    // No zero may be among the last four bytes, save in the first of them.
-    for (const auto& [payload, good] :
-         {std::pair{"1\0"s + "3456", true}, {"1\0"s + "3", true}, {"1\0"s + "345", false}, {"123\0"s, false}})
-        EXPECT_EQ(save_and_load(payload), good ? payload : no_sum);
-    EXPECT_EQ(save_and_load("hello"), "hello");
-    const std::string good = read_file(path);
+    const std::string good = saved("hello");
     EXPECT_EQ(good, "hello\n\nCRC32=BD1E346E");
+    // No zero may be among the last four bytes, save in the first of them.
+    const std::string zeros[] = {"1\0"s + "3456", "1\0"s + "3", "1\0"s + "345", "123\0"s};
+    for (const std::string& payload : zeros) EXPECT_EQ(load(saved(payload)), &payload - zeros < 2 ? payload : no_sum);
     const std::pair<std::string, std::string> damaged[] = {
         {good.substr(0, 15), wrong_sum},   {good.substr(0, 14), cut},   {good.substr(0, 13) + "zz", no_sum},
         {"S" + good.substr(1), wrong_sum}, {good + "12345", wrong_sum}, {"hello\n\nCRC32=1BD1E346E", wrong_sum},
         {good + "123456", no_sum},         {good + "\nx", "hello"}};
-    for (const auto& [bytes, yielded] : damaged) {
-        write_file(path, bytes);
-        EXPECT_EQ(load(), yielded) << bytes;
-    }
-    for (size_t n = 0; n < good.size() - 1; ++n) { // as a save in place that is cut leaves it
-        write_file(path, good.substr(0, n));
-        EXPECT_NE(load(), "hello") << n;
-    }
+    for (const auto& [bytes, yielded] : damaged) EXPECT_EQ(load(bytes), yielded) << bytes;
+    for (size_t n = 0; n < good.size() - 1; ++n) EXPECT_NE(load(good.substr(0, n)), "hello") << "cut to " << n;
+
     write_file(path, "\nCRC32=5CA1AB1E");
     File_checksummed_data_stream s;
     EXPECT_VALUES("true -1 false", s.open_read(path.c_str()), s.read_crc32_seek_off, s._get_data(0));
     Capture err(stderr);
-    EXPECT_VALUES("false false false false", s.open_read(missing.c_str()), s.open_write(missing.c_str()),
-                  s.close_write(), s.open_read(0));
-    EXPECT_VALUES(texts(UINT_MAX, File_checksummed_data_stream::seed), put(s, "x"), s.get_crc())
-        << "nothing is covered";
+    EXPECT_VALUES(texts(false, false, false, false, UINT_MAX, File_checksummed_data_stream::seed),
+                  s.open_read(missing.c_str()), s.open_write(missing.c_str()), s.close_write(), s.open_read(0),
+                  put(s, "x"), s.get_crc());
     EXPECT_EQ(err.text(), failure + failure + "CRCFILE not open for write!\n");
-
     struct rlimit limit;
     getrlimit(RLIMIT_FSIZE, &limit);
     const struct rlimit tight = {100, limit.rlim_max};
@@ -108,20 +100,18 @@ TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
 }
 
 TEST_F(Files, with_a_checksum_may_be_opened_again_each_way_at_any_time) {
-    const std::string other = folder.file("other");
-    save_and_load("a record");
-    std::filesystem::rename(path, other);
+    const std::string other = folder.file("other"), huge = folder.file("huge");
+    write_file(other, saved("a record"));
     File_checksummed_data_stream s;
-    ASSERT_VALUES("true 12 true", s.open_write(path.c_str()), put(s, "the old text"), s.open_write(path.c_str()));
-    EXPECT_EQ(put(s, "hello"), 5u);
-    EXPECT_VALUES(texts(true, "a record"), s.open_read(other.c_str()), drain(s)) << "verified beside the writing";
+    ASSERT_VALUES("true 12 true 5", s.open_write(path.c_str()), put(s, "the old text"), s.open_write(path.c_str()),
+                  put(s, "hello"));
+    EXPECT_VALUES("true a record", s.open_read(other.c_str()), drain(s)) << "verified beside the writing";
     const uint32_t* const checksum = reinterpret_cast<uint32_t*>(&s.read_crc32_seek_off) - 1;
     EXPECT_EQ(*checksum, s.get_crc()) << "the fields' order";
-    EXPECT_VALUES("6 true", put(s, " world"), s.close_write());
-    EXPECT_EQ(load(), "hello world");
+    EXPECT_VALUES("6 true hello world", put(s, " world"), s.close_write(), load(read_file(path)));
 
     Capture err(stderr);
-    const std::string idle = stream_name("CRCFILE", s, ""), huge = folder.file("huge");
+    const std::string idle = stream_name("CRCFILE", s, "");
     EXPECT_VALUES(texts(false, idle, false), s.open_read(missing.c_str()), s.name, s.close_read());
     EXPECT_VALUES(texts(true, false, idle), s.open_write(path.c_str()), s.open_write(missing.c_str()), s.name);
     write_file(huge, "x");
@@ -133,22 +123,6 @@ TEST_F(Files, with_a_checksum_may_be_opened_again_each_way_at_any_time) {
 // ---- the flash store
 
 using F = PCFile_data_stream;
-constexpr unsigned refused = static_cast<unsigned>(-4);
-
-unsigned fill(F& s, size_t n) { return put(s, std::string(n, 'x')); }
-
-void save(const char* name, size_t n) {
-    F s;
-    EXPECT_VALUES(texts(F::done, n, F::done), s.open_write(name, 1), fill(s, n), s.close_write()) << name;
-}
-
-unsigned length(const char* name) {
-    F s;
-    EXPECT_EQ(s.open_read(name, 1), F::done);
-    while (s.bytes_avail(1u)) s.drop_all();
-    EXPECT_VALUES(texts(0, F::wrong_state), s.close_read(), s.close_read());
-    return static_cast<unsigned>(s.bytes_read);
-}
 
 class Flash_stream : public testing::Test {
 protected:
@@ -161,6 +135,18 @@ protected:
     ~Flash_stream() override {
         EXPECT_EQ(F::deregister_waiter(&waiter), 0);
         Pcf_host::unmount();
+    }
+    static unsigned fill(F& s, size_t n) { return put(s, std::string(n, 'x')); }
+    static void save(const char* name, size_t n) {
+        F s;
+        EXPECT_VALUES(texts(0, n, 0), s.open_write(name, 1), fill(s, n), s.close_write()) << name;
+    }
+    static uint64_t length(const char* name) {
+        F s;
+        EXPECT_EQ(s.open_read(name, 1), F::done);
+        while (s.bytes_avail(1u)) s.drop_all();
+        EXPECT_VALUES(texts(0, F::wrong_state), s.close_read(), s.close_read());
+        return s.bytes_read;
     }
     /// Ids of the events that have arrived.
     std::string events() {
@@ -176,40 +162,31 @@ protected:
 TEST_F(Flash_stream, tells_what_stops_it_from_opening) {
     using namespace Pcf_host;
     save("a", 10);
-    const struct {
-        Call call;
-        Fault fault;
-        int times;
-        const char* name;
-        int retries, result, step;
-    } table[] = {
-        {call_open_read, fault_none, 1, "none", 1, F::not_mounted, 0},
-        {call_open_read, fault_busy, 2, "a", 2, F::wrong_state, 0},
-        {call_open_read, fault_busy, 2, "a", 0, F::done, 0}, // as often as it takes
-        {call_open_read, fault_error, 1, "a", 3, PCF_FAILED, 0},
-        {call_open_write, fault_none, 1, "a", 0, F::gave_up, 221},
-        {call_open_write, fault_busy, 2, "a", 2, F::gave_up, 227},
-        {call_create, fault_error, 1, "new", 1, F::gave_up, 236},
-        {call_create, fault_error, 1, "new", 2, F::done, 0},
-        {call_info, fault_error, 1, "a", 1, F::wrong_state, 216},
+    // the result, what is printed, the events
+    const std::tuple<Call, Fault, int, const char*, int, const char*> rows[] = {
+        {call_open_read, fault_none, 1, "none", 1, "3  "},
+        {call_open_read, fault_busy, 2, "a", 2, "4  "},
+        {call_open_read, fault_busy, 2, "a", 0, "0  "}, // as often as it takes
+        {call_open_read, fault_error, 1, "a", 3, "2  "},
+        {call_open_write, fault_none, 1, "a", 0, "1 PCF Datastream Failed 221\n "},
+        {call_open_write, fault_busy, 2, "a", 2, "1 PCF Datastream Failed 227\n "},
+        {call_create, fault_error, 1, "new", 1, "1 PCF Datastream Failed 236\n "},
+        {call_create, fault_error, 1, "new", 2, "0  "},
+        {call_info, fault_error, 1, "a", 1, "4 PCF Datastream Failed 216 (a 0 0)\n 1"},
     };
-    for (const auto& row : table) {
-        inject(row.call, 1, row.fault, row.times);
+    for (const auto& [call, fault, times, name, retries, expected] : rows) {
+        inject(call, 1, fault, times);
         F s;
         Capture err(stderr);
-        const bool read = row.call == call_open_read;
-        EXPECT_EQ(read ? s.open_read(row.name, row.retries) : s.open_write(row.name, row.retries), row.result);
-        const std::string text = "PCF Datastream Failed " + std::to_string(row.step);
-        EXPECT_EQ(err.text(), row.step ? text + (row.step == 216 ? " (a 0 0)\n" : "\n") : "");
-        EXPECT_EQ(events(), row.step == 216 ? "1" : "");
-        if (row.result == F::done) read ? s.close_read() : s.close_write();
+        const int result = call == call_open_read ? s.open_read(name, retries) : s.open_write(name, retries);
+        EXPECT_VALUES(expected, result, err.text(), events());
+        if (result == F::done) call == call_open_read ? s.close_read() : s.close_write();
     }
     unmount();
     F s;
     Capture err(stderr);
     EXPECT_VALUES("false false false null", F::mounted(), F::exists("a"), F::copy("b", "a"), F::Iterator().get_name());
-    EXPECT_VALUES(texts(F::not_mounted, F::not_mounted), s.open_read("a", 1), s.open_write("a", 1));
-    EXPECT_EQ(s.close_write(), F::wrong_state);
+    EXPECT_VALUES("3 3 4", s.open_read("a", 1), s.open_write("a", 1), s.close_write());
     EXPECT_EQ(err.text(),
               "PCF Datastream Failed 192 (a)\nPCF cannot iterate\nPCF Datastream Failed 207\nPCF not open\n");
 }
@@ -217,19 +194,17 @@ TEST_F(Flash_stream, tells_what_stops_it_from_opening) {
 TEST_F(Flash_stream, counts_what_is_free_and_tells_of_a_full_store_and_a_failed_write) {
     F s;
     Capture err(stderr);
-    EXPECT_EQ(fill(s, 1), refused) << "not open";
-    EXPECT_VALUES(texts(F::done, F::wrong_state), s.open_write("a", 1), s.open_write("a", 1));
-    EXPECT_EQ(stream_name("DSPCF", s, ", a, w"), s.name);
+    EXPECT_VALUES(texts(-4, 0, F::wrong_state, stream_name("DSPCF", s, ", a, w")), static_cast<int>(fill(s, 1)),
+                  s.open_write("a", 1), s.open_write("a", 1), s.name);
     EXPECT_VALUES("90 10 90", fill(s, 90), F::pcf_info.free_bytes, s.bytes_written);
-    EXPECT_VALUES(texts(refused, false, 1), fill(s, 20), s.is_open_write(), events());
+    EXPECT_VALUES("-4 false 1", static_cast<int>(fill(s, 20)), s.is_open_write(), events());
     EXPECT_EQ(s.open_write("b", 1), F::done);
     Pcf_host::inject(Pcf_host::call_write, 1, Pcf_host::fault_short_write);
     EXPECT_VALUES("2 false 0", fill(s, 4), s.is_open_write(), events());
     save("b", 10);
-    EXPECT_VALUES(texts(F::wrong_state, 1), s.open_write("b", 1), events());
+    EXPECT_VALUES(texts(F::wrong_state, 1, 90), s.open_write("b", 1), events(), length("a"));
     EXPECT_EQ(err.text(), "PCF Datastream Failed 202\nPCF full\nPCF did not write 4!=2\nPCF failed to close\n"
                           "PCF Datastream Failed 216 (b 100 100)\n");
-    EXPECT_EQ(length("a"), 90u);
     std::string names;
     for (F::Iterator i; const char* name = i.get_name(); i.next()) { // removing a file moves no other
         names += name;
@@ -241,7 +216,7 @@ TEST_F(Flash_stream, counts_what_is_free_and_tells_of_a_full_store_and_a_failed_
 TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
     Pcf_host::mount(folder.path.c_str(), 3000);
     save("a", 1200), save("b", 7), save("empty", 0);
-    EXPECT_VALUES(texts(true, 1200, ""), F::copy("b", "a"), length("b"), events());
+    EXPECT_VALUES("true 1200 ", F::copy("b", "a"), length("b"), events());
     EXPECT_VALUES("true 500 1", F::copy("c", "a"), length("c"), events()) << "tells when it stops for lack of room";
     EXPECT_VALUES("false false false", F::copy("c", "none"), F::copy("b", "empty"), F::exists("b"));
     for (const auto& [call, nth] : {std::pair{Pcf_host::call_open_read, 1}, {Pcf_host::call_read, 2}}) {
@@ -250,31 +225,27 @@ TEST_F(Flash_stream, copies_as_far_as_there_is_room) {
     }
 }
 
-TEST(Flash_streams, know_no_event_of_theirs_without_a_module_id) {
-    const auto body = [] {
+TEST_F(Flash_stream, ends_the_process_where_it_cannot_go_on) {
+    save("a", 89);
+    const auto end = [](bool reads, unsigned written) {
+        return run_child([&] {
+                   F s;
+                   if (reads) s.open_read("a", 1);
+                   s.open_write("new", 1), fill(s, written);
+               })
+            .end();
+    };
+    EXPECT_EQ(end(true, 0), "101 Destruct while files are read open!!");
+    EXPECT_EQ(end(false, 0), "101 Destruct while files are write open!!");
+    EXPECT_EQ(end(false, 20), "signal 6 PCF full\n") << "into 11 bytes: what is free was counted wrongly";
+    const auto without_an_id = [] {
         new (&F::waiters) waiter_list(F::mutex); // as in a process that has just begun
         module_man modules;
         for (short id; modules.init_module(&id, false) == 0;) {
         }
         exit(F::static_init(modules) || F::is_event(waiter_event(0, F::event_full, 0)) ? 1 : 7);
     };
-    EXPECT_EQ(run_child(body).end(), "7 PCF Datastream has no module id\n");
-}
-
-TEST_F(Flash_stream, ends_the_process_where_it_cannot_go_on) {
-    save("a", 89);
-    const auto end_with_open = [](bool reads, unsigned written) {
-        const auto body = [&] {
-            F s;
-            if (reads) s.open_read("a", 1);
-            s.open_write("new", 1);
-            fill(s, written);
-        };
-        return run_child(body).end();
-    };
-    EXPECT_EQ(end_with_open(true, 0), "101 Destruct while files are read open!!");
-    EXPECT_EQ(end_with_open(false, 0), "101 Destruct while files are write open!!");
-    EXPECT_EQ(end_with_open(false, 20), "signal 6 PCF full\n") << "into 11 bytes: what is free was counted wrongly";
+    EXPECT_EQ(run_child(without_an_id).end(), "7 PCF Datastream has no module id\n");
 }
 
 } // namespace

@@ -85,79 +85,64 @@ TEST(Recorder, takes_what_a_reader_thread_brought_while_another_thread_writes) {
     EXPECT_VALUES(texts(all, Replay_data_stream::ended), take(replay), replay.state());
 }
 
-TEST(Replay, brings_what_was_received_when_it_is_due) {
-    Manual_clock clock;
-    for (const double speed : {1.0, 4.0, 0.5}) {
-        Device source(golden, 1);
-        ASSERT_TRUE(Replay_data_stream::is_recording(source));
-        Replay_data_stream s(source, speed);
-        s.set_read_timeout(0);
-        EXPECT_EQ(s.begun() - Atime(false), Atime::week_ms);
-        EXPECT_VALUES("1000000000 250 9", s.begun().time, s.begun().millitm, put(s, "forgotten"));
-        EXPECT_VALUES("0 false", s.ms_to_next(), s.bytes_avail(3u));
-        const int later = static_cast<int>(100 / speed);
-        EXPECT_VALUES(texts("ab", later), take(s), s.ms_to_next()) << speed;
-        clock.advance(later - 1);
-        EXPECT_VALUES("false false", s.bytes_avail(1u), s.ms_to_next() != 1);
-        clock.advance(1);
-        EXPECT_VALUES(texts(true, "cde", Replay_data_stream::playing), s.bytes_avail(3u), take(s), s.state());
-        EXPECT_VALUES(texts(-1, Replay_data_stream::ended, false), s.ms_to_next(), s.state(), s.bytes_avail(1u));
+TEST(Replay, brings_what_was_received_when_it_is_due_and_waits_for_it_up_to_the_time_out) {
+    {
+        Manual_clock clock;
+        for (const double speed : {1.0, 4.0, 0.5}) {
+            Device source(golden, 1);
+            ASSERT_TRUE(Replay_data_stream::is_recording(source));
+            Replay_data_stream s(source, speed);
+            s.set_read_timeout(0);
+            const int later = static_cast<int>(100 / speed);
+            EXPECT_VALUES("1000000000 250 9", s.begun().time, s.begun().millitm, put(s, "forgotten"));
+            EXPECT_VALUES(texts(0, false, "ab", later), s.ms_to_next(), s.bytes_avail(3u), take(s), s.ms_to_next());
+            clock.advance(later - 1);
+            EXPECT_VALUES("false 1", s.bytes_avail(1u), s.ms_to_next()) << speed;
+            clock.advance(1);
+            EXPECT_VALUES(texts(true, "cde", Replay_data_stream::playing), s.bytes_avail(3u), take(s), s.state());
+            EXPECT_VALUES(texts(-1, Replay_data_stream::ended, false), s.ms_to_next(), s.state(), s.bytes_avail(1u));
+        }
     }
-    Device source(golden);
-    Replay_data_stream s(source, 0);
-    EXPECT_VALUES("true abcde", s.bytes_avail(5u), take(s)) << "all at once";
-}
-
-TEST(Replay, waits_for_bytes_up_to_the_time_out) {
-    Device source(golden);
-    Replay_data_stream s(source, 10);
-    EXPECT_VALUES("true abcde", s.bytes_avail(5u), take(s));
-    Device slow(golden);
-    Replay_data_stream late(slow, 0.001);
-    late.set_read_timeout(20);
-    EXPECT_FALSE(late.bytes_avail(3u));
-    EXPECT_EQ(take(late), "ab");
+    for (const double speed : {0.0, 10.0, 0.001}) { // 0: all at once
+        Device source(golden);
+        Replay_data_stream s(source, speed);
+        if (speed == 0.001) s.set_read_timeout(20);
+        EXPECT_VALUES(speed == 0.001 ? "false ab" : "true abcde", s.bytes_avail(5u), take(s)) << speed;
+    }
 }
 
 TEST(Replay, says_what_is_wrong_with_a_recording_and_brings_what_is_good) {
-    const size_t third = golden.size() - 3 - 8;
+    using R = Replay_data_stream;
     const auto changed = [](size_t at, const std::string& with) {
         return std::string(golden).replace(at, with.size(), with);
     };
-    const auto no = [](int at, const std::string& why) {
-        return "Recording ends at byte " + std::to_string(at) + ": it is " + why + "\n";
+    const size_t third = golden.size() - 3 - 8;
+    // what is brought, where and why it ends
+    const std::tuple<std::string, const char*, R::State, const char*> rows[] = {
+        {"", "", R::unreadable, "0: it is none"},
+        {"$$GARBAGE, and more than 16 bytes", "", R::unreadable, "0: it is none"},
+        {golden.substr(0, 15), "", R::unreadable, "0: it is none"},
+        {changed(8, "\2"), "", R::unreadable, "0: it is of another version"},
+        {golden.substr(0, 16), "", R::ended, ""},
+        {golden.substr(0, 25), "a", R::cut, "25: it is cut"},
+        {golden.substr(0, 30), "ab", R::cut, "26: it is cut"},
+        {golden.substr(0, 34), "ab", R::cut, "34: it is cut"},
+        {golden.substr(0, golden.size() - 1), "abcd", R::cut, "45: it is cut"},
+        {changed(third + 4, bytes({0, 0})), "ab", R::damaged, "35: it is damaged"},
+        {changed(third + 4, bytes({0x69, 0x10})), "ab", R::damaged, "35: it is damaged"},
+        {changed(third + 7, "\1"), "ab", R::damaged, "35: it is damaged"},
+        {changed(third + 6, "\7"), "ab", R::ended, ""}, // of a kind to come
+        {changed(third, "\xff\xff\xff\xff"), "abcde", R::ended, ""},
     };
-    const struct {
-        std::string recording, brought, said;
-        Replay_data_stream::State state;
-    } rows[] = {
-        {"", "", no(0, "none"), Replay_data_stream::unreadable},
-        {"$$GARBAGE, and more than 16 bytes", "", no(0, "none"), Replay_data_stream::unreadable},
-        {golden.substr(0, 15), "", no(0, "none"), Replay_data_stream::unreadable},
-        {changed(8, "\2"), "", no(0, "of another version"), Replay_data_stream::unreadable},
-        {golden.substr(0, 16), "", "", Replay_data_stream::ended},
-        {golden.substr(0, 25), "a", no(25, "cut"), Replay_data_stream::cut},
-        {golden.substr(0, 30), "ab", no(26, "cut"), Replay_data_stream::cut},
-        {golden.substr(0, 34), "ab", no(34, "cut"), Replay_data_stream::cut},
-        {golden.substr(0, golden.size() - 1), "abcd", no(45, "cut"), Replay_data_stream::cut},
-        {changed(third + 4, bytes({0, 0})), "ab", no(35, "damaged"), Replay_data_stream::damaged},
-        {changed(third + 4, bytes({0x69, 0x10})), "ab", no(35, "damaged"), Replay_data_stream::damaged},
-        {changed(third + 7, "\1"), "ab", no(35, "damaged"), Replay_data_stream::damaged},
-        {changed(third + 6, "\7"), "ab", "", Replay_data_stream::ended}, // of a kind to come
-        {changed(third, "\xff\xff\xff\xff"), "abcde", "", Replay_data_stream::ended},
-    };
-    for (const auto& row : rows) {
-        std::string brought;
-        Replay_data_stream::State state = Replay_data_stream::playing;
-        const std::string said = debug_text([&] {
-            Device source(row.recording);
-            Replay_data_stream s(source, 0);
-            EXPECT_VALUES("false false", s.bytes_avail(4000u), s.bytes_avail(4000u));
-            brought = take(s);
-            state = s.state();
+    for (const auto& [recording, brought, state, why] : rows) {
+        std::string got;
+        const std::string said = debug_text([&, &recording = recording] {
+            Device source(recording);
+            R s(source, 0);
+            got = Values{s.bytes_avail(4000u), s.bytes_avail(4000u), take(s), s.state()}.text;
         });
-        EXPECT_VALUES(texts(row.brought, row.said, row.state), brought, said, state)
-            << brought << ": " << said << state;
+        EXPECT_EQ(texts(false, false, brought, state), got);
+        EXPECT_EQ(*why ? text_of("Recording ends at byte %s\n", why) : "", said) << got;
     }
 }
 

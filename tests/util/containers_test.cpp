@@ -13,104 +13,75 @@ struct Named {
 struct Item : Named, avl_bsnode {
     int key = 0;
 };
+using Entry = std::pair<int, const Item*>;
+using Nodes = std::vector<const avl_bsnode*>;
+using Typed = c_bstree<avl_bstree, Item>;
 
+const Item* item(__bsnode const* n) { return static_cast<const Item*>(static_cast<avl_bsnode const*>(n)); }
 int by_key(const Item* a, const Item* b) { return (a->key > b->key) - (a->key < b->key); }
+int upwards(__bsnode const* a, __bsnode const* b) { return by_key(item(a), item(b)); }
+int downwards(__bsnode const* a, __bsnode const* b) { return by_key(item(b), item(a)); }
+
+struct Seeks : avl_bstree::Searcher {
+    explicit Seeks(int s) : sign(s) {}
+    int compare(avl_bsnode const* n) const override { return last = n, sign * (item(n)->key - key); }
+    const int sign;
+    int key = 0;
+    mutable const avl_bsnode* last = nullptr;
+};
 
 /// Items with the given keys, inserted in the order given.
-struct Tree : c_bstree<avl_bstree, Item> {
+struct Tree : Typed {
     explicit Tree(const std::vector<int>& keys) : items(keys.size()) {
         create<by_key>();
-        for (size_t i = 0; i < keys.size(); ++i) {
-            items[i].key = keys[i];
-            insert(&items[i]);
-        }
+        for (size_t i = 0; i < keys.size(); ++i) items[i].key = keys[i], insert(&items[i]);
     }
     ~Tree() override { flush(); }
     std::vector<Item> items;
 };
-const std::vector<int> seven = {40, 20, 60, 10, 30, 50, 70}; // three full levels
 
-TEST(Tree, agrees_with_a_set_over_random_inserts_and_removes_and_allocates_nothing) {
+/// Random inserts and removes of distinct even keys, then of equal ones, in a tree that goes up (sign 1) or down (-1).
+template <class Any>
+void expect_sorted(int variant, Any& tree, int sign) {
+    SCOPED_TRACE(variant);
     std::mt19937 random(20240611);
-    std::set<std::pair<int, const Item*>> model; // equal keys are ordered by address
-    Tree tree({});
-    tree.items.resize(600);
-    for (int step = 0; step < 100000; ++step) {
-        Item& item = tree.items[random() % tree.items.size()];
+    std::vector<Entry> model; // equal keys are ordered by address
+    const auto sorted_place = [&](const Entry& e) { return std::lower_bound(model.begin(), model.end(), e); };
+    const auto at = [&](int i) { return i < 0 || i >= int(model.size()) ? nullptr : model[size_t(i)].second; };
+    Item items[300], unlinked;
+    Tree strangers({0});
+    for (int step = 0; step < 16000; ++step) {
+        Item& i = items[random() % 300];
+        const bool distinct = step < 8000, in_tree = i.in_tree();
+        const bool removes = random() % 100 >= (step / 4000 % 2 ? 0 : 70); // grows, then shrinks until none is left
+        if (!in_tree) i.key = static_cast<int>(distinct ? (&i - items) * 2 : random() % 3);
         const long before = allocations();
-        if (random() % 100 >= (step / 10000 % 2 ? 0 : 70)) { // grows, then shrinks until none is left
-            const int removed = tree.remove(&item);
-            ASSERT_EQ(allocations(), before);
-            ASSERT_EQ(removed, model.erase({item.key, &item}) ? 0 : -1);
-        } else if (!item.in_tree()) {
-            item.key = static_cast<int>(random() % (step / 20000 % 2 ? 3 : 1000)); // few and many equal ones
-            ASSERT_EQ(tree.insert(&item), 0);
-            ASSERT_EQ(allocations(), before);
-            model.insert({item.key, &item});
-        }
-        ASSERT_EQ(tree.count(), static_cast<int>(model.size()));
-        ASSERT_EQ(tree.first(), model.empty() ? nullptr : model.begin()->second);
-        if (step % 1000) continue;
-        ASSERT_EQ(tree.integrity(), 0);
-        const Item *walk = tree.first(), *previous = nullptr;
-        int i = 0;
-        for (const auto& [key, expected] : model) {
-            ASSERT_VALUES(texts(expected, expected, previous), walk, tree[i++], tree.previous(walk));
-            previous = walk;
-            walk = tree.next(walk);
-        }
-        ASSERT_VALUES("true true true", !walk, !tree[i], !tree[-1]);
-    }
-}
-
-TEST(Tree, finds_by_key_condition_and_searcher) {
-    struct Seeks : avl_bstree::Searcher {
-        int compare(avl_bsnode const* n) const override { return static_cast<const Item*>(n)->key - key; }
-        int key = 0;
-    } seeks;
-    Tree tree(seven), empty({});
-    Item unlinked;
-    for (int key = 5; key <= 75; key += 5) {
-        unlinked.key = seeks.key = key;
-        const int below = (key - 1) / 10, equal = key % 10 ? -1 : below, above = equal < 0 ? below : below + 1;
-        const int expected[] = {below - 1, equal < 0 ? below - 1 : equal, equal, above, equal < 0 ? above : equal, -1};
-        for (int cond = 0; cond < 8; ++cond) {
-            SCOPED_TRACE(testing::Message() << key << ", condition " << cond);
-            Item* const result = cond < 6 ? tree[expected[cond]] : nullptr;
-            int index = -2, sought = -2, none = -2;
-            EXPECT_EQ(tree.find(&unlinked, bstree_cond_t(cond), &index), result);
-            EXPECT_EQ(tree.find(nullptr, bstree_cond_t(cond), &sought, &seeks), cond == 5 ? tree[equal] : result);
-            EXPECT_EQ(sought, equal < 0 ? below / 2 * 2 : equal) << "the position of the last one visited";
-            EXPECT_TRUE(cond == 5 || index == sought);
-            EXPECT_VALUES("null -1", empty.find(&unlinked, bstree_cond_t(cond), &none), none);
+        const int result = removes ? tree.remove(&i) : in_tree ? 0 : tree.insert(&i);
+        ASSERT_EQ(allocations(), before);
+        ASSERT_EQ(result, removes && !in_tree ? -1 : 0);
+        if (in_tree && removes) model.erase(sorted_place({sign * i.key, &i}));
+        if (!in_tree && !removes) model.insert(sorted_place({sign * i.key, &i}), {sign * i.key, &i});
+        const int p = static_cast<int>(random() % (model.size() + 2)) - 1;
+        int index = p, sought = -2;
+        Seeks seeks(sign);
+        const Item* const here = at(p);
+        ASSERT_EQ((Nodes{at(0), here}), (Nodes{tree.avl_bstree::first, tree[p]})) << step;
+        ASSERT_TRUE(!here || (tree.previous(here) == at(p - 1) && tree.next(here) == at(p + 1))) << step;
+        ASSERT_TRUE(!here || tree.find(here, bst_this, &index) == here) << step;
+        unlinked.key = strangers.items[0].key = seeks.key = static_cast<int>(random() % 602);
+        ASSERT_VALUES(texts(model.size(), p, -1), tree.avl_bstree::count, index, tree.remove(&strangers.items[0]));
+        ASSERT_TRUE(step % 100 || tree.integrity() == 0);
+        const int k = static_cast<int>(sorted_place({sign * seeks.key, nullptr}) - model.begin());
+        const bool there = at(k) && at(k)->key == seeks.key;
+        const Nodes wanted = {at(k - 1), at(k - !there), there ? at(k) : nullptr, at(k + there), at(k), {}, {}};
+        for (size_t c = 0; c < wanted.size() && distinct; ++c) {
+            const Nodes found = {tree.find(&unlinked, bstree_cond_t(c), &index),
+                                 tree.find(nullptr, bstree_cond_t(c), &sought, &seeks), seeks.last};
+            ASSERT_EQ(found, (Nodes{wanted[c], wanted[c == 5 ? 2 : c], tree[sought]})) << step << " " << c;
+            ASSERT_TRUE((c == bst_this || index == sought) && (sought == -1) == model.empty()) << index << sought;
         }
     }
 }
-
-TEST(Tree, orders_equal_keys_by_their_whole_address_but_climbs_by_key_alone) {
-    Tree tree({});
-    tree.items.resize(3);
-    Item *a = &tree.items[0], *b = &tree.items[1], *c = &tree.items[2];
-    for (Item* i : {b, a, c}) tree.insert(i); // b is the root
-    Item* const expected[3][6] = {
-        {nullptr, b, a, nullptr, b, nullptr}, {a, a, b, c, c, nullptr}, {nullptr, b, c, nullptr, b, nullptr}};
-    for (int i = 0; i < 18; ++i) EXPECT_EQ(tree.nearby(tree[i / 6], bstree_cond_t(i % 6)), expected[i / 6][i % 6]) << i;
-
-    avl_bstree plain;
-    plain.create([](__bsnode const*, __bsnode const*) { return 0; });
-    const auto at = [](uintptr_t address) { return reinterpret_cast<avl_bsnode const*>(address); };
-    const uintptr_t low = 0x1000, above[] = {0x1010, low + (uintptr_t(1) << (sizeof low * 4)), ~low};
-    for (uintptr_t high : above) {
-        EXPECT_VALUES("true true", plain.mycompare2(at(low), at(high)) < 0, plain.mycompare2(at(high), at(low)) > 0)
-            << high;
-    }
-}
-
-using Order = avl_bstree::Order;
-using Typed = c_bstree<avl_bstree, Item>;
-const Item* item(__bsnode const* n) { return static_cast<const Item*>(static_cast<avl_bsnode const*>(n)); }
-int upwards(__bsnode const* a, __bsnode const* b) { return by_key(item(a), item(b)); }
-int downwards(__bsnode const* a, __bsnode const* b) { return upwards(b, a); }
 
 template <class Base>
 struct Own_default : Base {
@@ -121,50 +92,40 @@ struct Own_compare : Base {
     int mycompare(avl_bsnode const* a, avl_bsnode const* b) const override { return downwards(a, b); }
 };
 
-/// Insert, look and remove in an order that is downwards, whatever else was given.
-template <class Any>
-void check_downwards(Any& tree, const char* what) {
-    SCOPED_TRACE(what);
-    Item items[50];
-    for (int i = 0; i < 50; ++i) {
-        items[i].key = i * 37 % 50;
-        EXPECT_EQ(tree.insert(&items[i]), 0);
-    }
-    EXPECT_EQ(tree.integrity(), 0);
-    for (Item& i : items) {
-        int index = -1;
-        EXPECT_VALUES(texts(true, 49 - i.key, true), tree.find(&i, bst_this, &index) == &i, index, tree[index] == &i);
-        EXPECT_VALUES(texts(tree[index - 1], tree[index + 1]), tree.find(&i, bst_less), tree.nearby(&i, bst_greater));
-    }
-    for (int i = 0; i < 50; i += 2) EXPECT_EQ(tree.remove(&items[i]), 0);
-    EXPECT_EQ(tree.integrity(), 0);
-    tree.flush();
-}
-
-TEST(Tree, goes_by_one_order_wherever_that_is_given) {
+TEST(Tree, sorts_finds_and_counts_by_one_order_wherever_that_is_given_and_allocates_nothing) {
     Own_default<avl_bstree> plain_default;
     Own_compare<avl_bstree> plain_compare;
     plain_compare.create(upwards); // mycompare() comes before it
+    Typed typed, base, last;
     Own_default<Typed> typed_default;
     Own_compare<Typed> typed_compare;
-    Typed base, last;
-    for (Typed* t : {static_cast<Typed*>(&typed_default), static_cast<Typed*>(&typed_compare), &base})
-        t->create<by_key>();
+    Typed* const all[] = {&typed, &typed_default, &typed_compare, &base, &last};
+    for (Typed* t : all) t->create<by_key>();
     base.avl_bstree::create(downwards); // comes before the typed one
     last.avl_bstree::create(upwards);
     last.create(downwards); // of two creates the last counts
-    check_downwards(plain_default, "default_compare()");
-    check_downwards(plain_compare, "mycompare()");
-    check_downwards(typed_default, "typed, default_compare()");
-    check_downwards(typed_compare, "typed, mycompare()");
-    check_downwards(base, "typed, the base's order");
-    check_downwards(last, "typed");
-    check_downwards(static_cast<avl_bstree&>(last), "typed, by its base");
+    for (int i = 0; i < 5; ++i) expect_sorted(i, *all[i], i == 0 ? 1 : -1);
+    avl_bstree* const by_their_base[] = {&plain_default, &plain_compare, &last};
+    for (int i = 0; i < 3; ++i) expect_sorted(i + 5, *by_their_base[i], -1);
 }
 
-TEST(Tree, removes_by_the_predecessor_refuses_strangers_and_flushes_without_comparing) {
-    Tree tree(seven), other({5, 40, 35, 75});
-    for (Item& stranger : other.items) EXPECT_VALUES("-1 true", tree.remove(&stranger), stranger.in_tree());
+TEST(Tree, orders_equal_keys_by_their_whole_address_but_climbs_by_key_alone) {
+    Tree tree({});
+    tree.items.resize(3);
+    Item *a = &tree.items[0], *b = &tree.items[1], *c = &tree.items[2];
+    for (Item* i : {b, a, c}) tree.insert(i); // b is the root
+    Nodes beside;
+    for (int i = 0; i < 18; ++i) beside.push_back(tree.nearby(tree[i / 6], bstree_cond_t(i % 6)));
+    EXPECT_EQ(beside, (Nodes{{}, b, a, {}, b, {}, a, a, b, c, c, {}, {}, b, c, {}, b, {}}));
+    const auto at = [](uintptr_t address) { return reinterpret_cast<avl_bsnode const*>(address); };
+    avl_bstree plain;
+    plain.create([](__bsnode const*, __bsnode const*) { return 0; });
+    for (uintptr_t high : {uintptr_t(0x1010), 0x1000 + (uintptr_t(1) << sizeof(void*) * 4), ~uintptr_t(0x1000)})
+        EXPECT_TRUE(plain.mycompare2(at(0x1000), at(high)) < 0 && plain.mycompare2(at(high), at(0x1000)) > 0) << high;
+}
+
+TEST(Tree, removes_by_the_predecessor_flushes_without_comparing_and_is_dumped) {
+    Tree tree({40, 20, 60, 10, 30, 50, 70}), two({20, 10}), empty({}); // three full levels
     tree.remove(&tree.items[0]);
     EXPECT_VALUES("true 0", tree.header.greater == &tree.items[4], tree.integrity());
     for (Item& i : tree.items) i.key = -i.key; // spoilt: nothing can be found any more
@@ -174,16 +135,12 @@ TEST(Tree, removes_by_the_predecessor_refuses_strangers_and_flushes_without_comp
     Item copy(tree.items[1]);
     tree.items[1] = copy;
     EXPECT_VALUES("false 0", copy.in_tree(), tree.integrity()) << "links are not copied";
-}
 
-TEST(Tree, is_dumped) {
-    Tree tree({20, 10});
-    const void *none = nullptr, *root = static_cast<avl_bsnode*>(tree[1]), *less = static_cast<avl_bsnode*>(tree[0]);
-    const Child_result r = run_child([&] { tree.dump_tree(); });
-    EXPECT_EQ(r.err, text_of("depth 0, less: (0,%p), greater: (1,%p)\nless: greater: "
-                             "depth 1, less: (-1,%p), greater: (0,%p)\nless: leaf node at depth 2\ngreater: ",
-                             none, root, less, none));
-    EXPECT_EQ(r.out, "top: ");
+    const void *none = nullptr, *root = static_cast<avl_bsnode*>(two[1]), *less = static_cast<avl_bsnode*>(two[0]);
+    const Child_result r = run_child([&] { two.dump_tree(); });
+    EXPECT_EQ(r.out + r.err, text_of("top: depth 0, less: (0,%p), greater: (1,%p)\nless: greater: "
+                                     "depth 1, less: (-1,%p), greater: (0,%p)\nless: leaf node at depth 2\ngreater: ",
+                                     none, root, less, none));
 }
 
 TEST(Ring_buffer, behaves_as_a_bounded_queue) {
@@ -192,22 +149,20 @@ TEST(Ring_buffer, behaves_as_a_bounded_queue) {
         const auto storage = std::make_unique<unsigned char[]>(capacity); // the sanitizer sees a step beyond it
         Ring_buffer ring(storage.get(), capacity);
         std::string model;
-        const auto up_to = [&] { return static_cast<uint32_t>(random() % (capacity + 3)); };
         for (int step = 0; step < 4000; ++step) {
-            const uint32_t n = up_to(), room = capacity - ring.used();
-            std::string piece(n, 0);
+            uint32_t n, offset, wanted, dropped;
+            for (uint32_t* some : {&n, &offset, &wanted, &dropped}) *some = random() % (capacity + 3);
+            std::string piece(n, 0), got(wanted, 0);
             for (char& c : piece) c = static_cast<char>(random());
-            piece.resize(ring.put(reinterpret_cast<const unsigned char*>(piece.data()), n));
-            ASSERT_EQ(piece.size(), std::min(n, room));
-            model += piece;
-            ASSERT_VALUES(texts(model.size(), model.size() == capacity), ring.used(), ring.full()) << step;
-            ASSERT_VALUES(texts(ring.tail == ~0u, model.empty()), ring.full(), ring.empty()) << step;
-            const uint32_t offset = up_to(), dropped = up_to();
-            std::string got(up_to(), 0);
-            const std::string expected = offset < model.size() ? model.substr(offset, got.size()) : "";
-            got.resize(ring.peek(offset, reinterpret_cast<unsigned char*>(&got[0]), uint32_t(got.size())));
-            ASSERT_EQ(got, expected) << step;
-            const bool stored = offset < model.size(); // beyond: the start of the storage
+            const uint32_t room = ring.room();
+            ASSERT_EQ(std::min(n, room), ring.put(reinterpret_cast<const unsigned char*>(piece.data()), n));
+            model = (model + piece).substr(0, capacity);
+            const bool full = model.size() == capacity, stored = offset < model.size();
+            ASSERT_VALUES(texts(model.size(), full, full, model.empty()), ring.used(), ring.full(), ring.tail == ~0u,
+                          ring.empty());
+            got.resize(ring.peek(offset, reinterpret_cast<unsigned char*>(&got[0]), wanted));
+            ASSERT_EQ(got, stored ? model.substr(offset, wanted) : "") << step;
+            // Beyond: the start of the storage.
             ASSERT_EQ(ring.at(offset), storage.get() + (stored ? (ring.head + offset) % capacity : 0)) << step;
             ASSERT_EQ(ring.drop(dropped), std::min<size_t>(dropped, model.size())) << step;
             model.erase(0, dropped);
@@ -222,20 +177,16 @@ using List = c_sl_list<Element>;
 TEST(sl_list, is_a_queue_with_removal_from_anywhere) {
     Element e[4];
     List list;
-    const auto order = [&] { // by position, which must agree with the walk
-        std::string all;
-        Element* walk = list.first();
-        for (int i = 0; i < list.size(); ++i, walk = list.next(walk)) all += std::to_string(walk - e);
-        EXPECT_VALUES("true true true", !walk, !list[-1], !list[list.size()]);
-        for (int i = 0; i < list.size(); ++i) EXPECT_EQ(list[i], &e[all[static_cast<size_t>(i)] - '0']);
-        return all;
+    const auto order = [&] { // by position and by a walk, which must agree
+        std::string all, walked;
+        for (int i = -1; i <= list.size(); ++i) all += list[i] ? std::to_string(list[i] - e) : "|";
+        for (Element* x = list.first(); x; x = list.next(x)) walked += std::to_string(x - e);
+        return all == "|" + walked + "|" ? walked : all + " but " + walked;
     };
     for (Element& x : e) EXPECT_EQ(list.push(&x), 1);
     for (const auto& [which, left] : {std::pair(2, "013"), {3, "01"}, {0, "1"}, {1, ""}}) { // middle, tail, head, only
-        for (int removed : {1, 0}) EXPECT_VALUES(texts(removed, left), list.remove(&e[which]), order()) << which;
-        list.push(&e[which]);
-        EXPECT_EQ(order(), left + std::to_string(which)) << "the tail moved back";
-        list.remove(&e[which]);
+        EXPECT_VALUES(texts(1, left, 0, left), list.remove(&e[which]), order(), list.remove(&e[which]), order());
+        EXPECT_VALUES(texts(1, left + std::to_string(which), 1), list.push(&e[which]), order(), list.remove(&e[which]));
     }
 }
 
@@ -243,22 +194,20 @@ TEST(Misuse, of_a_container_ends_the_process_with_a_message) {
     Tree tree({1});
     Item *linked = &tree.items[0], a, b;
     avl_bstree plain;
-    c_bstree<avl_bstree, Item> typed; // neither of them knows an order
+    Typed typed; // neither of them knows an order
     List list, other;
     Element last;
     list.push(&last); // its link leads nowhere
-    const std::tuple<std::function<void()>, int, const char*> cases[] = {
-        // status -1: aborted
-        {[&] { tree.init(), tree.insert(linked); }, -1, "BUG: avl_bstree::insert, already in a tree.\r\n"},
-        {[&] { plain.insert(&a), plain.insert(&b); }, -1, "BUG: avl_bstree::create not called\r\n"},
-        {[&] { typed.insert(&a), typed.insert(&b); }, 102, "c_bstree::create not called"},
-        {[&] { tree.get_mutable(linked); }, 102, "c_bstree::get_mutable(): already in T::"},
-        {[&] { other.push(&last); }, -1, "BUG: sl_list::push, already in a list.\n\r\n"},
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"signal 6 BUG: avl_bstree::insert, already in a tree.\r\n", [&] { tree.init(), tree.insert(linked); }},
+        {"signal 6 BUG: avl_bstree::create not called\r\n", [&] { plain.insert(&a), plain.insert(&b); }},
+        {"102 c_bstree::create not called", [&] { typed.insert(&a), typed.insert(&b); }},
+        {"102 c_bstree::get_mutable(): already in T::", [&] { tree.get_mutable(linked); }},
+        {"signal 6 BUG: sl_list::push, already in a list.\n\r\n", [&] { other.push(&last); }},
     };
-    for (const auto& [misuse, status, message] : cases) {
-        const Child_result child = run_child(misuse);
-        EXPECT_EQ(child.status, status);
-        EXPECT_EQ(status < 0 ? child.out : child.err, message);
+    for (const auto& [end, misuse] : cases) {
+        const Child_result r = run_child(misuse);
+        EXPECT_EQ(r.out.empty() ? r.end() : text_of("signal %d ", r.signal) + r.out, end);
     }
     list.remove(&last);
 }
