@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+#include "glue/data_stream/Posix_threaded_data_stream.h"
+#include "glue/data_stream/Recorder_data_stream.h"
+#include "glue/data_stream/Replay_data_stream.h"
 #include "glue/data_stream/Virtual_pair_data_stream.h"
 #include "glue/diner/module_man.h"
 #include "glue/diner/waiter_descriptor.h"
@@ -26,26 +29,26 @@ std::string take(Data_stream& s, unsigned n) {
 /// A stream between two strings whose results can be dictated.
 class Script_stream : public Data_stream {
 public:
-    explicit Script_stream(size_t n = 0) : source(row(n)) {}
+    explicit Script_stream(const std::string& bytes = "") : source(bytes) {}
     using Data_stream::get_data;
     bool get_data(int n) override {
         EXPECT_TRUE(!stream_lock || stream_lock->is_locked()) << "the buffer is filled without the lock";
         fetched = n;
-        const size_t k = std::min(static_cast<size_t>(n), source.size() - taken);
-        buffer.put(reinterpret_cast<const unsigned char*>(source.data()) + taken, static_cast<uint32_t>(k));
-        taken += k;
-        return k == static_cast<size_t>(n) || lies;
+        const std::string piece = source.substr(taken, static_cast<size_t>(n));
+        taken += buffer.put(reinterpret_cast<const unsigned char*>(piece.data()), static_cast<uint32_t>(piece.size()));
+        return piece.size() == static_cast<size_t>(n) || lies;
     }
     unsigned int _write(unsigned char const* data, unsigned int n) override {
-        sink.append(reinterpret_cast<const char*>(data), n);
-        return std::min(n, accepted) + failure;
+        const size_t done = std::min<size_t>({n, accepted, limit - sink.size()});
+        sink.append(reinterpret_cast<const char*>(data), done);
+        return static_cast<unsigned>(done) + failure;
     }
     std::string source, sink;
-    size_t taken = 0;
-    int fetched = 0;         ///< [bytes] last asked for
-    bool lies = false;       ///< promise bytes that did not come
-    unsigned accepted = ~0u; ///< [bytes] a write says it took at most
-    unsigned failure = 0;    ///< added to the result of a write
+    size_t taken = 0, limit = SIZE_MAX; ///< [bytes] of the source; that the sink holds
+    int fetched = 0;                    ///< [bytes] last asked for
+    bool lies = false;                  ///< promise bytes that did not come
+    unsigned accepted = 3000;           ///< [bytes] a write takes at most
+    unsigned failure = 0;               ///< added to the result of a write
 };
 
 TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
@@ -62,7 +65,7 @@ TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
     for (const std::string operation : {"bytes_avail", "get_data", "[]", "drop"}) {
         for (const auto& [buffered, there, asked, lies, fetched, done] : cases) {
             Mutex lock;
-            Script_stream s(there);
+            Script_stream s(row(there));
             s.stream_lock = &lock;
             ASSERT_TRUE(s.bytes_avail(buffered));
             s.fetched = 0;
@@ -90,15 +93,17 @@ TEST(Data_stream, writes_succeed_unless_nothing_was_written_but_those_of_message
     for (const auto& [n, accepted, failure, done, report] : cases) {
         const std::string whole(n, 'x'), cut = whole.substr(0, 255);
         unsigned char bytes[] = "PG0\0x";
-        Script_stream from(5000), text, copy, message;
+        Script_stream from(row(5000)), text, copy, message;
         for (auto* s : {&text, &copy, &message}) s->accepted = accepted, s->failure = failure, s->echo = true;
         ASSERT_TRUE(from.bytes_avail(n));
         Capture err(stderr);
         EXPECT_VALUES(texts(done, done, report.empty()), text.printf("%s", whole.c_str()), copy.write(from),
                       message.write(Binary_message(bytes, 5), true))
             << n;
-        EXPECT_VALUES(texts(cut + report, n < 256 ? whole : cut + '\0', from.source.substr(0, n), "PG0\0x\n"s, n),
-                      err.text(), text.sink, copy.sink, message.sink, from.bytes_avail());
+        EXPECT_EQ(err.text(), cut + report);
+        EXPECT_EQ(text.sink, (n < 256 ? whole : cut + '\0').substr(0, accepted));
+        EXPECT_EQ(message.sink, "PG0\0x"s.substr(0, accepted) + "\n"s.substr(0, accepted));
+        EXPECT_VALUES(texts(from.source.substr(0, std::min(n, accepted)), n), copy.sink, from.bytes_avail());
     }
 }
 
@@ -177,6 +182,132 @@ TEST_F(Pair, two_threads_exchange_any_lengths_without_losing_a_byte) {
     std::thread other([&] { exchange(b, false), exchange(b, true); });
     exchange(a, true), exchange(a, false);
     other.join();
+}
+
+std::string bytes(std::initializer_list<int> values) { return {values.begin(), values.end()}; }
+
+/// A recording that was begun at 1000000000.250 s: "ab" at once, "!" sent 40 ms later, "cde" 60 ms after that.
+const std::string golden = "KAVQTREC" + bytes({1, 0, 250, 0, 0x00, 0xCA, 0x9A, 0x3B}) +
+                           bytes({0, 0, 0, 0, 2, 0, 0, 0}) + "ab" + bytes({40, 0, 0, 0, 1, 0, 1, 0}) + "!" +
+                           bytes({60, 0, 0, 0, 3, 0, 0, 0}) + "cde";
+
+TEST(Recorder, writes_times_and_both_directions_or_only_what_was_received) {
+    for (const auto format : {Recorder_data_stream::timed, Recorder_data_stream::raw}) {
+        Manual_clock clock(1000000000, 250);
+        Script_stream line("abcde"), sink;
+        Recorder_data_stream s(line, sink, format, "sink");
+        EXPECT_VALUES("true 2", s.bytes_avail(2u), s.bytes_avail());
+        clock.advance(40);
+        EXPECT_EQ(put(s, "!"), 1u);
+        clock.advance(60);
+        EXPECT_VALUES("true false", s.bytes_avail(5u), s.bytes_avail(6u));
+        EXPECT_VALUES("abcde ! 5 1", take(s), line.sink, s.bytes_read, s.bytes_written);
+        EXPECT_EQ(sink.sink, format == Recorder_data_stream::timed ? golden : "abcde");
+        sink.sink.clear();
+        clock.advance(-5000);
+        put(s, "?");
+        EXPECT_EQ(sink.sink, format == Recorder_data_stream::timed ? bytes({0, 0, 0, 0, 1, 0, 1, 0}) + "?" : "");
+    }
+}
+
+TEST(Recorder, ends_with_one_line_when_the_sink_is_full_and_passes_everything_on) {
+    Script_stream line(std::string(9000, 'x')), sink;
+    sink.limit = 5000;
+    Recorder_data_stream s(line, sink, Recorder_data_stream::raw, "the disk");
+    const std::string said = debug_text([&] {
+        for (const size_t n : {4200, 4200, 600}) {
+            EXPECT_TRUE(s.bytes_avail(static_cast<unsigned>(n)));
+            EXPECT_EQ(take(s), std::string(n, 'x'));
+        }
+    });
+    EXPECT_EQ(said, "Recording to the disk ends: it takes no more\n");
+    EXPECT_VALUES("false 5000", s.is_recording(), sink.sink.size());
+}
+
+TEST(Recorder, takes_what_a_reader_thread_brought_while_another_thread_writes) {
+    Manual_clock clock(1000000000, 250); // no byte of the times that are written is a 'w'
+    const Pty pty;
+    Posix_threaded_data_stream line;
+    Script_stream sink;
+    ASSERT_TRUE(line.open(pty.path.c_str(), false, false));
+    Recorder_data_stream s(line, sink, Recorder_data_stream::timed, "sink");
+    std::thread writer([&] {
+        for (int i = 0; i < 100; ++i) put(s, "w");
+    });
+    std::string all;
+    for (int i = 0; i < 10; ++i) pty.send(std::string(100, 'r'));
+    EXPECT_TRUE(wait_until([&] {
+        s.bytes_avail(Data_stream::BUFFER_SIZE);
+        return (all += take(s)).size() == 1000;
+    }));
+    writer.join();
+    EXPECT_EQ(pty.receive(100), std::string(100, 'w'));
+    EXPECT_EQ(std::count(sink.sink.begin(), sink.sink.end(), 'w'), 100);
+    Script_stream source(sink.sink);
+    Replay_data_stream replay(source, 0);
+    EXPECT_FALSE(replay.bytes_avail(1001u));
+    EXPECT_VALUES(texts(all, Replay_data_stream::ended), take(replay), replay.state());
+}
+
+TEST(Replay, brings_what_was_received_when_it_is_due_and_waits_for_it_up_to_the_time_out) {
+    {
+        Manual_clock clock;
+        for (const double speed : {1.0, 4.0, 0.5}) {
+            Script_stream source(golden);
+            ASSERT_TRUE(Replay_data_stream::is_recording(source));
+            Replay_data_stream s(source, speed);
+            s.set_read_timeout(0);
+            const int later = static_cast<int>(100 / speed);
+            EXPECT_VALUES("1000000000 250 9", s.begun().time, s.begun().millitm, put(s, "forgotten"));
+            EXPECT_VALUES(texts(0, false, "ab", later), s.ms_to_next(), s.bytes_avail(3u), take(s), s.ms_to_next());
+            clock.advance(later - 1);
+            EXPECT_VALUES("false 1", s.bytes_avail(1u), s.ms_to_next()) << speed;
+            clock.advance(1);
+            EXPECT_VALUES(texts(true, "cde", Replay_data_stream::playing), s.bytes_avail(3u), take(s), s.state());
+            EXPECT_VALUES(texts(-1, Replay_data_stream::ended, false), s.ms_to_next(), s.state(), s.bytes_avail(1u));
+        }
+    }
+    for (const double speed : {0.0, 10.0, 0.001}) { // 0: all at once
+        Script_stream source(golden);
+        Replay_data_stream s(source, speed);
+        if (speed == 0.001) s.set_read_timeout(20);
+        EXPECT_VALUES(speed == 0.001 ? "false ab" : "true abcde", s.bytes_avail(5u), take(s)) << speed;
+    }
+}
+
+TEST(Replay, says_what_is_wrong_with_a_recording_and_brings_what_is_good) {
+    using R = Replay_data_stream;
+    const auto changed = [](size_t at, const std::string& with) {
+        return std::string(golden).replace(at, with.size(), with);
+    };
+    const size_t third = golden.size() - 3 - 8;
+    // what is brought, where and why it ends
+    const std::tuple<std::string, const char*, R::State, const char*> rows[] = {
+        {"", "", R::unreadable, "0: it is none"},
+        {"$$GARBAGE, and more than 16 bytes", "", R::unreadable, "0: it is none"},
+        {golden.substr(0, 15), "", R::unreadable, "0: it is none"},
+        {changed(8, "\2"), "", R::unreadable, "0: it is of another version"},
+        {golden.substr(0, 16), "", R::ended, ""},
+        {golden.substr(0, 25), "a", R::cut, "25: it is cut"},
+        {golden.substr(0, 30), "ab", R::cut, "26: it is cut"},
+        {golden.substr(0, 34), "ab", R::cut, "34: it is cut"},
+        {golden.substr(0, golden.size() - 1), "abcd", R::cut, "45: it is cut"},
+        {changed(third + 4, bytes({0, 0})), "ab", R::damaged, "35: it is damaged"},
+        {changed(third + 4, bytes({0x69, 0x10})), "ab", R::damaged, "35: it is damaged"},
+        {changed(third + 7, "\1"), "ab", R::damaged, "35: it is damaged"},
+        {changed(third + 6, "\7"), "ab", R::ended, ""}, // of a kind to come
+        {changed(third, "\xff\xff\xff\xff"), "abcde", R::ended, ""},
+    };
+    for (const auto& [recording, brought, state, why] : rows) {
+        std::string got;
+        const std::string said = debug_text([&, &recording = recording] {
+            Script_stream source(recording);
+            R s(source, 0);
+            got = Values{s.bytes_avail(4000u), s.bytes_avail(4000u), take(s), s.state()}.text;
+        });
+        EXPECT_EQ(texts(false, false, brought, state), got);
+        EXPECT_EQ(*why ? text_of("Recording ends at byte %s\n", why) : "", said) << got;
+    }
 }
 
 } // namespace

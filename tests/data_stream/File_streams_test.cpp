@@ -25,7 +25,7 @@ protected:
         write_file(path, bytes);
         File_checksummed_data_stream s;
         Capture err(stderr);
-        if (!s.open_read(path.c_str())) return err.text();
+        if (!s.open_read(at)) return err.text();
         const std::string text = drain(s);
         EXPECT_EQ(s.read_crc32_seek_off, static_cast<int>(text.size()));
         return text;
@@ -33,14 +33,15 @@ protected:
     /// The checksummed file of a payload that comes in uneven pieces: the checksum does not depend on them.
     std::string saved(const std::string& payload) {
         File_checksummed_data_stream s;
-        EXPECT_TRUE(s.open_write(path.c_str()));
-        for (size_t at = 0; at < payload.size(); at += 37) put(s, payload.substr(at, 37));
+        EXPECT_TRUE(s.open_write(at));
+        for (size_t i = 0; i < payload.size(); i += 37) put(s, payload.substr(i, 37));
         EXPECT_TRUE(s.close_write());
         return read_file(path);
     }
     Temporary_folder folder{Temporary_folder::quick_place()};
     const std::string path = folder.file("a.txt"), missing = folder.file("none/a.txt"),
                       failure = "Error opening file [" + missing + "]\n";
+    const char *const at = path.c_str(), *const none = missing.c_str();
 };
 
 TEST_F(Files, are_appended_to_and_read_by_path_or_descriptor) {
@@ -48,17 +49,14 @@ TEST_F(Files, are_appended_to_and_read_by_path_or_descriptor) {
     EXPECT_VALUES(texts(false, false, false, true, UINT_MAX, UINT_MAX), s.close_read(), s.close_write(), s.get_data(1),
                   s.get_data(0), put(s, "x"), s.get_length());
     for (const char* piece : {"hello ", "world"})
-        EXPECT_VALUES(texts(true, strlen(piece), true), s.open_write(path.c_str()), put(s, piece), s.close_write());
-    EXPECT_VALUES(texts(true, 'w', 11, "hello world", stream_name("DSFile", s, "," + path + ", r")),
-                  s.open_read(path.c_str()), s[6], s.get_length(), drain(s), s.name);
-    EXPECT_VALUES(texts(true, true, "hello world"), s.close_read(), s.open_read(::open(path.c_str(), O_RDONLY)),
-                  drain(s));
-    EXPECT_VALUES("false true", File_data_stream::exists(missing.c_str()),
-                  File_data_stream::exists((path + "/x").c_str()))
-        << "below what is no folder it cannot be told";
-    EXPECT_EQ(run_child([&] { s.open_read(missing.c_str()); }).end(), "123 " + failure);
+        EXPECT_VALUES(texts(true, strlen(piece), true), s.open_write(at), put(s, piece), s.close_write());
+    EXPECT_VALUES(texts(true, 'w', 11, "hello world", stream_name("DSFile", s, "," + path + ", r")), s.open_read(at),
+                  s[6], s.get_length(), drain(s), s.name);
+    EXPECT_VALUES(texts(true, true, "hello world"), s.close_read(), s.open_read(::open(at, O_RDONLY)), drain(s));
+    EXPECT_VALUES("false true", s.exists(none), s.exists((path + "/x").c_str())) << "no folder: it cannot be told";
+    EXPECT_EQ(run_child([&] { s.open_read(none); }).end(), "123 " + failure);
     EXPECT_EQ(run_child([&] { s.open_read(999); }).end(), "123 Error opening fd [999]\n");
-    EXPECT_EQ(run_child([&] { s.open_write(missing.c_str()); }).end(), "122 " + failure);
+    EXPECT_EQ(run_child([&] { s.open_write(none); }).end(), "122 " + failure);
 }
 
 TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
@@ -83,37 +81,35 @@ TEST_F(Files, with_a_checksum_verify_by_the_rules_of_the_field) {
 
     write_file(path, "\nCRC32=5CA1AB1E");
     File_checksummed_data_stream s;
-    EXPECT_VALUES("true -1 false", s.open_read(path.c_str()), s.read_crc32_seek_off, s._get_data(0));
+    EXPECT_VALUES("true -1 false", s.open_read(at), s.read_crc32_seek_off, s._get_data(0));
     Capture err(stderr);
-    EXPECT_VALUES(texts(false, false, false, false, UINT_MAX, File_checksummed_data_stream::seed),
-                  s.open_read(missing.c_str()), s.open_write(missing.c_str()), s.close_write(), s.open_read(0),
-                  put(s, "x"), s.get_crc());
+    EXPECT_VALUES("false false false false", s.open_read(none), s.open_write(none), s.close_write(), s.open_read(0));
+    EXPECT_VALUES(texts(UINT_MAX, s.seed), put(s, "x"), s.get_crc());
     EXPECT_EQ(err.text(), failure + failure + "CRCFILE not open for write!\n");
     struct rlimit limit;
     getrlimit(RLIMIT_FSIZE, &limit);
     const struct rlimit tight = {100, limit.rlim_max};
     signal(SIGXFSZ, SIG_IGN);
-    EXPECT_VALUES("true 0", s.open_write(path.c_str()), setrlimit(RLIMIT_FSIZE, &tight));
+    EXPECT_VALUES("true 0", s.open_write(at), setrlimit(RLIMIT_FSIZE, &tight));
     put(s, std::string(10000, 'x'));
-    EXPECT_VALUES("0 true", setrlimit(RLIMIT_FSIZE, &limit), s.close_write());
-    EXPECT_EQ(read_file(path).find("CRC32"), std::string::npos) << "no trailer after a write error";
+    EXPECT_VALUES(texts(0, true, std::string(100, 'x')), setrlimit(RLIMIT_FSIZE, &limit), s.close_write(),
+                  read_file(path))
+        << "no trailer after a write error";
 }
 
 TEST_F(Files, with_a_checksum_may_be_opened_again_each_way_at_any_time) {
     const std::string other = folder.file("other"), huge = folder.file("huge");
     write_file(other, saved("a record"));
     File_checksummed_data_stream s;
-    ASSERT_VALUES("true 12 true 5", s.open_write(path.c_str()), put(s, "the old text"), s.open_write(path.c_str()),
-                  put(s, "hello"));
+    ASSERT_VALUES("true 3 true 5", s.open_write(at), put(s, "old"), s.open_write(at), put(s, "hello"));
     EXPECT_VALUES("true a record", s.open_read(other.c_str()), drain(s)) << "verified beside the writing";
-    const uint32_t* const checksum = reinterpret_cast<uint32_t*>(&s.read_crc32_seek_off) - 1;
-    EXPECT_EQ(*checksum, s.get_crc()) << "the fields' order";
+    EXPECT_EQ(reinterpret_cast<uint32_t*>(&s.read_crc32_seek_off)[-1], s.get_crc()) << "the fields' order";
     EXPECT_VALUES("6 true hello world", put(s, " world"), s.close_write(), load(read_file(path)));
 
     Capture err(stderr);
     const std::string idle = stream_name("CRCFILE", s, "");
-    EXPECT_VALUES(texts(false, idle, false), s.open_read(missing.c_str()), s.name, s.close_read());
-    EXPECT_VALUES(texts(true, false, idle), s.open_write(path.c_str()), s.open_write(missing.c_str()), s.name);
+    EXPECT_VALUES(texts(false, idle, false), s.open_read(none), s.name, s.close_read());
+    EXPECT_VALUES(texts(true, false, idle), s.open_write(at), s.open_write(none), s.name);
     write_file(huge, "x");
     std::filesystem::resize_file(huge, uintmax_t{3} << 30);
     EXPECT_FALSE(s.open_read(huge.c_str()));
@@ -187,20 +183,19 @@ TEST_F(Flash_stream, tells_what_stops_it_from_opening) {
     Capture err(stderr);
     EXPECT_VALUES("false false false null", F::mounted(), F::exists("a"), F::copy("b", "a"), F::Iterator().get_name());
     EXPECT_VALUES("3 3 4", s.open_read("a", 1), s.open_write("a", 1), s.close_write());
-    EXPECT_EQ(err.text(),
-              "PCF Datastream Failed 192 (a)\nPCF cannot iterate\nPCF Datastream Failed 207\nPCF not open\n");
+    EXPECT_EQ("PCF Datastream Failed 192 (a)\nPCF cannot iterate\nPCF Datastream Failed 207\nPCF not open\n",
+              err.text());
 }
 
 TEST_F(Flash_stream, counts_what_is_free_and_tells_of_a_full_store_and_a_failed_write) {
     F s;
     Capture err(stderr);
-    EXPECT_VALUES(texts(-4, 0, F::wrong_state, stream_name("DSPCF", s, ", a, w")), static_cast<int>(fill(s, 1)),
-                  s.open_write("a", 1), s.open_write("a", 1), s.name);
+    EXPECT_VALUES(texts(~3u, 0, F::wrong_state), fill(s, 1), s.open_write("a", 1), s.open_write("a", 1));
+    EXPECT_EQ(stream_name("DSPCF", s, ", a, w"), s.name);
     EXPECT_VALUES("90 10 90", fill(s, 90), F::pcf_info.free_bytes, s.bytes_written);
-    EXPECT_VALUES("-4 false 1", static_cast<int>(fill(s, 20)), s.is_open_write(), events());
-    EXPECT_EQ(s.open_write("b", 1), F::done);
+    EXPECT_VALUES(texts(~3u, false, 1), fill(s, 20), s.is_open_write(), events());
     Pcf_host::inject(Pcf_host::call_write, 1, Pcf_host::fault_short_write);
-    EXPECT_VALUES("2 false 0", fill(s, 4), s.is_open_write(), events());
+    EXPECT_VALUES("0 2 false 0", s.open_write("b", 1), fill(s, 4), s.is_open_write(), events());
     save("b", 10);
     EXPECT_VALUES(texts(F::wrong_state, 1, 90), s.open_write("b", 1), events(), length("a"));
     EXPECT_EQ(err.text(), "PCF Datastream Failed 202\nPCF full\nPCF did not write 4!=2\nPCF failed to close\n"
