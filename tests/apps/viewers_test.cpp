@@ -166,7 +166,7 @@ TEST_F(trace_view, says_in_one_line_what_is_wrong) {
           {trace_of("\n{}\n]\n"), "3: a line behind the last one"},
           {trace_of(",\n" + std::string(5000, 'x') + "\n"), "3: a line that is too long"}})
         expect_complaints({{"trace_view -", "1 -: line " + complaint, bytes}});
-    expect_cuts_told("trace_view -", trace.substr(0, trace.size() - 1), 7);
+    expect_cuts_told("trace_view -", trace.substr(0, trace.size() - 1), 29);
     for (const char* plot : {"/none/x", "/dev/full"})
         EXPECT_EQ(answer(std::string("trace_view - --plot ") + plot, trace).substr(0, 2), "2 ");
     EXPECT_EQ(answer("trace_view - --plot x --from 1 --to 0.5", trace).substr(0, 41),

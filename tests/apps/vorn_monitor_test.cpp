@@ -73,9 +73,10 @@ TEST_F(vorn_monitor, records_what_it_prints_and_replays_it) {
 
 TEST_F(vorn_monitor, shows_on_a_terminal_how_far_it_is_unless_the_packets_are_shown_there) {
     write_file("recording", time_packet(360000));
-    for (const auto& [output, shown] : {std::pair{"2>", "100 %\r\033[K"}, {"2>&1 >", "GT ms=360000 week=2300\n"}}) {
+    for (const auto& [output, shown] :
+         {std::pair{" 2>tty", "100 %\r\033[K"}, {" >tty 2>&1", "GT ms=360000 week=2300\n"}}) {
         const Pty terminal;
-        run_shell(std::string("vorn_monitor recording ") + output + terminal.path);
+        run_shell("ln -sf " + terminal.path + " tty; vorn_monitor recording" + output);
         EXPECT_EQ(terminal.receive(100), shown);
     }
 }
@@ -92,8 +93,7 @@ struct Receiver {
 TEST_F(vorn_monitor, waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_nobody_reads_its_output) {
     auto receiver = std::make_unique<Receiver>();
     size_t heard = 0;
-    /// Wait until the file "out" goes on with this text, meanwhile sending the time 1 again and again, if there is a
-    /// line.
+    // Wait until the file "out" goes on with this text, meanwhile sending the time 1 again and again to a line.
     const auto says = [&](const std::string& text) {
         int n = 0;
         const auto came = [&] {

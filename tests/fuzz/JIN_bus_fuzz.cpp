@@ -8,7 +8,6 @@
 //   b                the bus goes, or comes back
 #include "fuzz/checks.h"
 #include "jin/Test_bus.h"
-#include <algorithm>
 #include <memory>
 
 namespace {

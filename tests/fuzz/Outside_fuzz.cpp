@@ -34,8 +34,8 @@ struct Sink : Diagnostic_history {
     bool check_ready() override { return true; }
 };
 
-void fuzz_history(unsigned where, const std::string& bytes) {
-    const size_t part = where * bytes.size() / 256;
+void fuzz_history(unsigned parted_at, const std::string& bytes) {
+    const size_t part = parted_at * bytes.size() / 256;
     require(Pcf_host::mount(folder.path.c_str(), 1 << 20), "the store is mounted");
     write_file(folder.file("H0.dat"), bytes.substr(0, part));
     write_file(folder.file("H1.dat"), bytes.substr(part));
@@ -66,9 +66,9 @@ void fuzz_filters(const std::string& text) {
 } // namespace
 
 void fuzz(Input in) {
-    const uint8_t what = in.next();
+    const uint8_t what = in.next(), parted_at = what == 'h' ? in.next() : 0;
     if (what == 'c') fuzz_checksummed(in.rest());
-    if (what == 'h') fuzz_history(in.next(), in.rest());
+    if (what == 'h') fuzz_history(parted_at, in.rest());
     if (what == 'd') fuzz_device(in.rest());
     if (what == 'f') fuzz_filters(in.rest());
 }

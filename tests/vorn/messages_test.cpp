@@ -274,7 +274,7 @@ TEST(Ascii_message, numbers_and_durations_are_read_from_their_field_alone) {
 TEST(Ascii_message, searches_copies_and_shifts_end_with_the_view) {
     const Text text("AB,A");
     const Ascii_message& m = text.view;
-    EXPECT_VALUES(texts(&m.text[3], nullptr), m.strchr(&m.text[1], 'A'), m.strchr(&m.text[4], 'A'));
+    EXPECT_VALUES("3 true", m.strchr(&m.text[1], 'A') - m.text, m.strchr(&m.text[4], 'A') == nullptr);
     EXPECT_VALUES("true true false", m.name_match("AC", 1), m.name_match("AB,ABC"), m.name_match("AC"));
     EXPECT_VALUES("true true false", Text("").view.isnull(), Text("\0A"s).view.isnull(), m.isnull());
 
