@@ -79,21 +79,24 @@ static avl_bsnode* rebalance(avl_bsnode* p, int side) {
     return top;
 }
 
-/// `n` is a new leaf below `top`, the deepest node above it that leaned to a side (else the root).
-static void grow(avl_bsnode* top, avl_bsnode* n) {
-    __bsnode* at = n;
-    for (__bsnode* up; (up = at->parent) != top; at = up) {
+/// `n` is a new leaf. What is above it has become higher by one, up to the deepest node that leaned to a side.
+static void grow(avl_bsnode const* header, avl_bsnode* n) {
+    for (avl_bsnode *at = n, *up; (up = as_avl(at->parent)) != header; at = up) {
         if (!up) { // an element on the path was cleared while in the tree
             Debug_print::dprint("NULL in avl_bstree\r\n");
             return;
         }
-        as_avl(up)->balance = side_of(at);
-    }
-    const int side = side_of(at);
-    if (top->balance == side) {
-        rebalance(top, side);
-    } else {
-        top->balance += side;
+        const int side = side_of(at);
+        if (up->balance == 0) {
+            up->balance = side;
+            continue;
+        }
+        if (up->balance == side) {
+            rebalance(up, side);
+        } else {
+            up->balance = 0;
+        }
+        return;
     }
 }
 
@@ -116,8 +119,8 @@ static void shrink(avl_bsnode* p, int side) {
 /// mycompare2() with the caller's order. Put into every search: the compiler by itself would call it, at each step.
 [[gnu::always_inline]] static inline int total_order(avl_bstree const& tree, avl_bsnode const* a, avl_bsnode const* b,
                                                      avl_bstree::Order order) {
-    const int c = order ? order(a, b) : tree.mycompare(a, b);
-    if (c != 0) return c;
+    const int c = __builtin_expect(order != nullptr, 1) ? order(a, b) : tree.mycompare(a, b);
+    if (__builtin_expect(c != 0, 1)) return c;
     const auto at_a = reinterpret_cast<uintptr_t>(a), at_b = reinterpret_cast<uintptr_t>(b);
     return (at_a > at_b) - (at_a < at_b);
 }
@@ -190,24 +193,22 @@ int avl_bstree::insert(avl_bsnode* n, Order order) {
     n->rank = 1;
 
     avl_bsnode* parent = &header;
-    int side = GREATER;
-    avl_bsnode* top = as_avl(header.greater); // the deepest node on the way that leans, where the growth ends
-    for (avl_bsnode* at = top; at; at = step_down(at, side == GREATER)) {
+    int c = -1; // `parent` sorts before or after n
+    for (avl_bsnode* at = as_avl(header.greater); at; at = step_down(at, c < 0)) {
         prefetch_children(at);
-        const int c = total_order(*this, at, n, order);
+        c = total_order(*this, at, n, order);
         if (c == 0) { // only an element that was cleared while in the tree meets itself
             change_ranks(*this, n, -1, order);
             return -1;
         }
-        side = c > 0 ? LESS : GREATER;
         at->rank += c > 0;
-        top = Util::pick(at->balance != 0, at, top);
         parent = at;
     }
+    const int side = c > 0 ? LESS : GREATER;
     set_child(parent, side, n);
     ++count;
     if (!first || (parent == first && side == LESS)) first = n;
-    if (top) grow(top, n);
+    grow(&header, n);
     return 0;
 }
 

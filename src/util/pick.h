@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include <cstdint>
 
-/// Choices by arithmetic, for searches in which which way to go is a coin toss: a branch would be mispredicted every
-/// other time. Worth 27 to 32 % of the time of a search in the tree and in the data store, measured with the
-/// benchmarks.
+/// Choices without a branch, for searches in which which way to go is a coin toss: a branch would be mispredicted every
+/// other time. Worth a third of the time of a search in the tree and in the data store, measured with the benchmarks.
 namespace Util {
 
-/// `which ? a : b`
+/// `which ? a : b`. Told that both are as likely, compilers take a conditional move; untold they take a branch. By
+/// arithmetic on the addresses a search took a sixth longer.
 template <class T>
 inline T* pick(bool which, T* a, T* b) {
-    const auto x = reinterpret_cast<uintptr_t>(a), y = reinterpret_cast<uintptr_t>(b);
-    return reinterpret_cast<T*>(y ^ ((x ^ y) & (uintptr_t(0) - uintptr_t(which))));
+    return __builtin_expect_with_probability(which, 1, 0.5) ? a : b;
 }
 
 /// `condition ? value : 0`
