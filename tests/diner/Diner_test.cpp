@@ -34,6 +34,33 @@ TEST(Diner, handles_events_in_order_under_its_lock_and_bare_wake_ups_only_on_req
     }
 }
 
+/// Wake-ups are taken many at a time. Those that came before an event must not take its delivery along.
+TEST(Diner, counts_each_of_many_wake_ups_and_handles_each_event_among_them) {
+    struct Merging : Test_diner<> {
+        void handle_event(waiter_event& e) override {
+            merge_wake_ups(e);
+            Test_diner::handle_event(e);
+        }
+    } merging;
+    Test_diner<> swallowing;
+    constexpr int each = 20000;
+    for (Test_diner<>* d : {&swallowing, static_cast<Test_diner<>*>(&merging)}) {
+        std::atomic<int> handled{0};
+        d->on_event = [&](waiter_event& e) { handled += e.module_id == 2000; };
+        d->begin(false, d == &merging);
+        std::thread waker([&] {
+            for (int i = 0; i < each; ++i) d->wake();
+        });
+        int events = 0;
+        for (int i = 0; i < each; ++i) events += d->waiter.send_event({2000, i, 0}) == 0;
+        waker.join();
+        d->posted += events;
+        EXPECT_TRUE(d->idle()) << d->info.event_count << " of " << d->posted;
+        EXPECT_EQ(handled, events);
+        d->terminate(true);
+    }
+}
+
 TEST(Diner, prints_and_flushes_what_its_debug_level_asks_for) {
     // What is printed of an event and of a timeout: - nothing, p it, f it and flushes.
     const std::map<unsigned char, std::string> outputs = {{0, "--"},   {10, "p-"},  {11, "-p"},  {12, "--"},

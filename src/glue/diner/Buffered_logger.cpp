@@ -104,7 +104,8 @@ uint32_t Buffered_logger::end_printing() {
     return number(n);
 }
 
-void Buffered_logger::handle_event(waiter_event&) {
+void Buffered_logger::handle_event(waiter_event& event) {
+    merge_wake_ups(event); // what they were for is printed now
     if (!std::exchange(_scheduled, true)) leave_the_core_to_callers();
     char text[piece + 1];
     Piece taken;

@@ -238,7 +238,7 @@ void Diner::dispatch(waiter_event& event) {
         Debug_print::cprint(debug_test(100, 150), "Evt{%s,%d,%d}\n", descriptor.name, static_cast<int>(event.module_id),
                             static_cast<int>(event.id));
     }
-    if (!pass_anonymous && is_anonymous(event)) return;
+    if (!pass_anonymous && is_anonymous(event)) return merge_wake_ups(event);
     const waiter_descriptor::Posted posted = waiter.taken_posted();
     info.handler_begins(posted.at, posted.weight);
     const unsigned number = waiter.traced_as();
@@ -252,8 +252,16 @@ void Diner::dispatch(waiter_event& event) {
     if (Trace::on(Trace::handler_end)) Trace::put(Trace::handler_end, number, 0, 0);
 }
 
+void Diner::merge_wake_ups(const waiter_event& event) {
+    if (info.debug_level.load(std::memory_order_relaxed) != 0) return; // where each may be shown
+    const uint32_t more = waiter.take_more_anonymous(event);
+    if (more > 0)
+        info.event_count.store(info.event_count.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
+}
+
 void Diner::handle_timeout() {
     info.handler_since.store(0, std::memory_order_relaxed); // each timeout is a handler of its own
+    uint64_t since = 0; // where one handler ends the next one begins: reading the counter takes as long as a lock
     Timeout_manager::Pass pass = _timeouts.begin_pass();
     while (Timeout* t = _timeouts.expired_timeout(pass)) {
         if (pass.remaining_ms() >= 1) {
@@ -263,7 +271,7 @@ void Diner::handle_timeout() {
         if (debug_test(11, 51)) {
             Debug_print::cprint(debug_test(101, 151), "Tim{%s,%p}\n", descriptor.name, static_cast<void*>(t));
         }
-        handle_late(*t, -pass.remaining_ms());
+        since = handle_late(*t, -pass.remaining_ms(), since);
     }
 }
 
@@ -279,10 +287,14 @@ void Diner::trace_submitted(const Timeout& t, const Atime* when, int ms) const {
     Trace::put(Trace::timeout_submitted, waiter.traced_as(), static_cast<uint32_t>(due), static_cast<uint32_t>(t.uid));
 }
 
-/// One timeout, called `ms` [ms] after it was due.
-void Diner::handle_late(Timeout& t, int ms) {
+/// One timeout, called `ms` [ms] after it was due, at `since` [ticks], 0: now. Returns when it ended.
+uint64_t Diner::handle_late(Timeout& t, int ms, uint64_t since) {
     info.timeout_late(ms);
-    info.handler_begins(0, 0);
+    if (since) {
+        info.handler_since.store(since, std::memory_order_relaxed);
+    } else {
+        info.handler_begins(0, 0);
+    }
     const unsigned number = waiter.traced_as();
     const int uid = t.uid;
     if (Trace::on(Trace::timeout_begin))
@@ -291,7 +303,7 @@ void Diner::handle_late(Timeout& t, int ms) {
     handle_timeout(t);
     KAV_PROBE1(handler_end, descriptor.name);
     if (Trace::on(Trace::handler_end)) Trace::put(Trace::handler_end, number, 0, 0);
-    info.handler_ends();
+    return info.handler_ends();
 }
 
 bool Diner::debug_test(unsigned a, unsigned b) const {

@@ -186,6 +186,10 @@ protected:
         bool _held = true;
     };
 
+    /// In handle_event(), where `event` is a bare wake-up: let this call stand for those that have come since, too. They
+    /// are counted as events. Without `pass_anonymous` that is done anyway.
+    void merge_wake_ups(const waiter_event& event);
+
     Descriptor descriptor;
     Task* _task = nullptr;
     std::atomic<Diner_selector*> _selector{nullptr};
@@ -210,7 +214,7 @@ private:
     void run_until_kill(waiter_event& event, Atime& deadline) KAV_RELEASE();
     void leave() KAV_RELEASE();
     void dispatch(waiter_event& event) KAV_REQUIRES(this);
-    void handle_late(Timeout& t, int ms) KAV_REQUIRES(this);
+    uint64_t handle_late(Timeout& t, int ms, uint64_t since) KAV_REQUIRES(this);
     void trace_state(int from, int to) const;
     void trace_submitted(const Timeout& t, const Atime* when, int ms) const;
     int release_parked() KAV_REQUIRES(this);

@@ -79,9 +79,11 @@ void Diner_info::handler_begins(uint64_t posted_at, uint32_t weight) {
     if (posted_at) wait_time.add(now - posted_at, weight);
 }
 
-void Diner_info::handler_ends() {
+uint64_t Diner_info::handler_ends() {
     const uint64_t since = handler_since.load(std::memory_order_relaxed);
-    if (since == 0) return;
-    handler_time.add(Util::ticks() - since);
+    if (since == 0) return 0;
+    const uint64_t now = Util::ticks();
+    handler_time.add(now - since);
     handler_since.store(0, std::memory_order_release); // who sees it sees the figures
+    return now;
 }

@@ -66,7 +66,7 @@ public:
 private:
     friend class Diner;
     void handler_begins(uint64_t posted_at, uint32_t weight); ///< `posted_at` [ticks], 0: not measured
-    void handler_ends();                                      ///< nothing when it has ended already
+    uint64_t handler_ends(); ///< [ticks] when; 0, and nothing, when it has ended already
     void timeout_late(int ms) {
         if (ms > worst_late_ms.load(std::memory_order_relaxed)) worst_late_ms.store(ms, std::memory_order_relaxed);
     }

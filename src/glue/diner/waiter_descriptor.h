@@ -92,6 +92,8 @@ private:
     Posted taken_posted() const { return _taken_posted; }
     /// The number of its node, 0 without one. The consumer only.
     uint32_t taken_number() const { return _taken_number; }
+    /// Take the bare wake-ups that are known to be behind `taken`, which was taken last: how many. The consumer only.
+    uint32_t take_more_anonymous(const waiter_event& taken);
     unsigned traced_as() const { return _traced_as.load(std::memory_order_relaxed); }
 
     int append(const waiter_event& e, bool& asleep) KAV_REQUIRES(_mutex);

@@ -4,6 +4,7 @@
 #include "util/api.h"
 #include <atomic>
 #include <cstdint>
+#include <utility>
 
 class QSemaphore;
 class waiter_sleeper;
@@ -27,12 +28,15 @@ public:
     void wake();
     void take();       ///< waits without limit; the consumer only
     bool take(int ms); ///< waits at most `ms` [ms] (0 and less: not at all); true when taken; the consumer only
+    /// Take those that were drawn and not taken yet: how many. The consumer only.
+    int take_drawn() { return std::exchange(_drawn, 0); }
     /// Not owned; null: the semaphore. The consumer, or whoever knows that it does not wait now.
     void set_sleeper(waiter_sleeper* s) { _sleeper = s; }
 
 private:
     bool draw();
     bool draw_after_others();
+    void sleep_for_a_while(uint64_t since, uint64_t turn);
     void slept_since(uint64_t ticks);
     bool take_with(waiter_sleeper& sleeper, int ms);
 
