@@ -10,8 +10,10 @@
 namespace {
 
 constexpr uint32_t takes_to_look = 8; // what a consumer that is never idle lets lie until it looks
-constexpr int enough_short_sleeps = 4, not_counted = 4000;
+constexpr int enough_short_sleeps = 4;
 constexpr double short_sleep_ns = 20e3, long_turn_ns = 100e3;
+constexpr uint64_t long_turns_to_time = 500; // long turns of others may take that part of the time at first
+constexpr double longest_pause_ns = 60e9;
 
 double ns_since(uint64_t ticks) { return static_cast<double>(Util::ticks() - ticks) * Util::ns_per_tick(); }
 
@@ -44,19 +46,29 @@ bool waiter_tokens::draw() {
 /// Before a sleep. Where givers and consumer share a core, each token would put the consumer into its giver's place, at
 /// the cost of two switches between threads. A consumer that keeps being woken right after it fell asleep leaves the
 /// core to others without going to sleep: tokens gather meanwhile, and none costs a wake-up. It is false when none
-/// came. Where the others kept the core for long, who sleeps and is woken has it sooner: then it sleeps for a while.
+/// came.
 bool waiter_tokens::draw_after_others() {
     if (_short_sleeps < enough_short_sleeps) return false;
     const uint64_t since = Util::ticks();
+    if (static_cast<int64_t>(since - _sleeps_until) < 0) return false;
     sched_yield();
-    if (ns_since(since) > long_turn_ns) _short_sleeps = -not_counted;
+    const uint64_t turn = Util::ticks() - since;
+    if (static_cast<double>(turn) * Util::ns_per_tick() > long_turn_ns) sleep_for_a_while(since, turn);
     return draw();
 }
 
+/// Something that is busy on the core may keep it for milliseconds, and whatever is posted meanwhile waits as long,
+/// while who sleeps and is woken has the core at once. So after such a turn of others, which began at `since` and took
+/// `turn` [ticks], it goes to sleep for a time, and for longer each time that this was not enough.
+void waiter_tokens::sleep_for_a_while(uint64_t since, uint64_t turn) {
+    const uint64_t more = since - _sleeps_until < _pause ? 2 * _pause : 0;
+    _pause = std::min(std::max(turn * long_turns_to_time, more),
+                      static_cast<uint64_t>(longest_pause_ns / Util::ns_per_tick()));
+    _sleeps_until = since + _pause;
+}
+
 void waiter_tokens::slept_since(uint64_t ticks) {
-    if (_short_sleeps < 0) {
-        ++_short_sleeps;
-    } else if (ns_since(ticks) > short_sleep_ns) {
+    if (ns_since(ticks) > short_sleep_ns) {
         _short_sleeps = 0;
     } else if (_short_sleeps < enough_short_sleeps) {
         ++_short_sleeps;

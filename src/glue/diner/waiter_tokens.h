@@ -46,6 +46,8 @@ private:
     [[maybe_unused]] char _apart[64]; ///< keeps the two sides on cache lines of their own
     // The consumer's:
     int _drawn = 0;
-    int _short_sleeps = 0; ///< in a row; negative: so many are not counted yet
+    int _short_sleeps = 0; ///< in a row
     uint32_t _takes = 0;   ///< from the sleeper
+    /// [ticks] until when the core is not left to others, and for how long that was.
+    uint64_t _sleeps_until = 0, _pause = 0;
 };
