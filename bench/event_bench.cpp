@@ -7,12 +7,15 @@
 // The library's queue is bounded by its pool: a lone waiter holds 334 events, and a poster that is refused yields and
 // tries again, as an application would. The peers run twice, as they are (unbounded) and with the same limit, which
 // takes a counter that poster and taker share. "events_one_core" is the same with both threads on one core.
+// "events_p999" is no rate: with bursts of 20 beside a busy thread on one core, one event in a thousand waits longer
+// for its handler.
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
 #include <QCoreApplication>
 #include <QEvent>
 #include <QSemaphore>
 #include <QThread>
+#include <algorithm>
 #include <atomic>
 #include <benchmark/benchmark.h>
 #include <chrono>
@@ -29,6 +32,7 @@
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 #ifdef KAV_PEER_ASIO
 #include <asio.hpp>
 #endif
@@ -168,34 +172,50 @@ private:
 };
 #endif
 
+/// The simplest queue of one's own, and a thread; how that is woken is up to the derived class. 0 ends it.
+class Queue_taker : public Taker {
+public:
+    using Taker::Taker;
+    bool post() override {
+        put(1);
+        return true;
+    }
+
+protected:
+    void put(int e) {
+        {
+            std::lock_guard lock(_mutex);
+            _queue.push_back(e);
+        }
+        wake();
+    }
+    virtual void wake() = 0;
+    void end() {
+        put(0);
+        _thread.join();
+    }
+    std::mutex _mutex;
+    std::deque<int> _queue;
+    std::thread _thread;
+};
+
 #ifdef KAV_PEER_LIBUV
 /// libuv wakes a loop but has no queue: what its users put beside it.
-class Libuv_taker : public Taker {
+class Libuv_taker : public Queue_taker {
 public:
-    explicit Libuv_taker(std::function<void()> f) : Taker(std::move(f)) {
+    explicit Libuv_taker(std::function<void()> f) : Queue_taker(std::move(f)) {
         uv_loop_init(&_loop);
         uv_async_init(&_loop, &_wake, [](uv_async_t* a) { static_cast<Libuv_taker*>(a->data)->take(); });
         _wake.data = this;
         _thread = std::thread([this] { uv_run(&_loop, UV_RUN_DEFAULT); });
     }
     ~Libuv_taker() override {
-        put(0);
-        _thread.join();
+        end();
         uv_loop_close(&_loop);
-    }
-    bool post() override {
-        put(1);
-        return true;
     }
 
 private:
-    void put(int e) {
-        {
-            std::lock_guard lock(_mutex);
-            _queue.push_back(e);
-        }
-        uv_async_send(&_wake);
-    }
+    void wake() override { uv_async_send(&_wake); }
     void take() {
         for (std::deque<int> all;; all.clear()) {
             {
@@ -211,16 +231,12 @@ private:
     }
     uv_loop_t _loop;
     uv_async_t _wake;
-    std::mutex _mutex;
-    std::deque<int> _queue;
-    std::thread _thread;
 };
 #endif
 
-/// The simplest queue of one's own.
-class Condition_taker : public Taker {
+class Condition_taker : public Queue_taker {
 public:
-    explicit Condition_taker(std::function<void()> f) : Taker(std::move(f)) {
+    explicit Condition_taker(std::function<void()> f) : Queue_taker(std::move(f)) {
         _thread = std::thread([this] {
             for (std::unique_lock lock(_mutex);;) {
                 _pending.wait(lock, [this] { return !_queue.empty(); });
@@ -233,27 +249,11 @@ public:
             }
         });
     }
-    ~Condition_taker() override {
-        put(0);
-        _thread.join();
-    }
-    bool post() override {
-        put(1);
-        return true;
-    }
+    ~Condition_taker() override { end(); }
 
 private:
-    void put(int e) {
-        {
-            std::lock_guard lock(_mutex);
-            _queue.push_back(e);
-        }
-        _pending.notify_one();
-    }
-    std::mutex _mutex;
+    void wake() override { _pending.notify_one(); }
     std::condition_variable _pending;
-    std::deque<int> _queue;
-    std::thread _thread;
 };
 
 /// [s] for events_per_run events.
@@ -314,6 +314,38 @@ double round_trips(bool) {
     return seconds_since(start);
 }
 
+/// From post to handler, the thousandth part of which takes longer [s]: bursts beside a busy thread, all on one core.
+template <class T>
+double late_in_a_thousand(bool) {
+    constexpr size_t bursts = 4000, in_burst = 20;
+    Pinned pinned;
+    std::atomic<bool> over{false};
+    std::thread busy([&] {
+        while (!over) benchmark::DoNotOptimize(over);
+    });
+    std::vector<Clock::time_point> posted(bursts * in_burst);
+    std::vector<double> late;
+    late.reserve(posted.size());
+    Counter counter(static_cast<int>(posted.size()));
+    {
+        T taker([&] {
+            late.push_back(seconds_since(posted[late.size()])); // they come in order
+            counter.handled();
+        });
+        for (size_t i = 0; i < posted.size(); ++i) {
+            if (i % in_burst == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
+            posted[i] = Clock::now();
+            while (!taker.post()) sched_yield();
+        }
+        counter.wait_done();
+    }
+    over = true;
+    busy.join();
+    const auto at = late.begin() + static_cast<long>(late.size() - late.size() / 1000);
+    std::nth_element(late.begin(), at, late.end());
+    return *at;
+}
+
 class Futex_gate {
 public:
     void open() {
@@ -365,6 +397,7 @@ void add_peer(const std::string& name) {
     add("events/" + name, events_per_run, throughput<T>, false);
     add("events_334_in_flight/" + name, events_per_run, throughput<T>, true);
     add("events_one_core/" + name, events_per_run, throughput_on_one_core<T>, false);
+    add("events_p999/" + name, 1, late_in_a_thousand<T>, false);
     add("round_trip/" + name, trips_per_run, round_trips<T>, false);
 }
 
@@ -375,6 +408,7 @@ int main(int argc, char** argv) {
     add("events/diner", events_per_run, throughput<Diner_taker>, false);
     add("events/waiter", events_per_run, throughput<Waiter_taker>, false);
     add("events_one_core/diner", events_per_run, throughput_on_one_core<Diner_taker>, false);
+    add("events_p999/diner", 1, late_in_a_thousand<Diner_taker>, false);
     add("round_trip/diner", trips_per_run, round_trips<Diner_taker>, false);
     add("round_trip/waiter", trips_per_run, round_trips<Waiter_taker>, false);
     add("round_trip/futex", trips_per_run, futex_round_trips, false);

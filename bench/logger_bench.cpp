@@ -3,11 +3,14 @@
 // What a thread pays to log a line of 40 characters through a logger with a thread of its own, beside another such
 // logger; and how fast the history is replayed.
 //
-// Flood: lines as fast as they come, so that both lose text (ours what does not fit into its ring, the peer what does
-// not fit into its queue of 8192 lines); "printed" is the share of the lines that came out whole. Burst: 32 lines, then
-// nothing until they are printed. The contenders take turns and the medians are compared. The loggers' threads are
-// ordinary ones; the rows with realtime:1 show what Buffered_logger::init(module_man&) makes where the process has the
-// right to real-time priority: a thread that takes the processor from the caller at each line.
+// Flood: lines as fast as they come, for a while, so that both lose text: ours what does not fit into its ring, the
+// peer, asynchronous and told to overrun, the oldest of its queue, which has as much memory as our ring: 10 lines where
+// ours holds 102, or 8192, as many as the peer takes by itself, where ours holds 85,000. "printed_in_ms" is how many
+// lines came out whole in a millisecond of the flood, "printed" their share: who takes a line in a sixth of the time is
+// offered six times as many. Burst: 32 lines, then nothing until they are printed, with room for all. The contenders
+// take turns and the medians are compared. The loggers' threads are ordinary ones; the rows with realtime:1 show what
+// Buffered_logger::init(module_man&) makes where the process has the right to real-time priority: a thread that takes
+// the processor from the caller at each line.
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diagnostics/Diagnostics_messages.h"
 #include "glue/diner/Buffered_logger.h"
@@ -32,7 +35,6 @@
 #ifdef KAV_PEER_SPDLOG
 #include <spdlog/async.h>
 #include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/sinks/null_sink.h>
 #endif
 
 namespace {
@@ -40,7 +42,8 @@ namespace {
 const char line[] = "1700000000.500 radio: 17 frames, 0 lost\n";
 static_assert(sizeof line == 41);
 
-constexpr int flood_lines = 100000, burst_lines = 32, bursts = 200, rounds = 5;
+constexpr int burst_lines = 32, bursts = 200, rounds = 5;
+constexpr std::chrono::milliseconds flood_time(50);
 
 using Clock = std::chrono::steady_clock;
 
@@ -54,9 +57,9 @@ struct Contender {
 
 class Ours {
 public:
-    Ours(bool to_file, bool realtime) {
-        Debug_print::debug_file = fopen(to_file ? scratch_file().c_str() : "/dev/null", "w");
-        _logger = std::make_unique<Buffered_logger>();
+    Ours(bool realtime, size_t memory) : _ring(memory) {
+        Debug_print::debug_file = fopen(scratch_file().c_str(), "w");
+        _logger = std::make_unique<Buffered_logger>(_ring.data(), static_cast<uint32_t>(memory));
         if (realtime) {
             _logger->init(Diner_info_list::get());
         } else {
@@ -79,6 +82,7 @@ public:
     }
 
 private:
+    std::vector<unsigned char> _ring;
     std::unique_ptr<Buffered_logger> _logger;
     uint32_t _events = 0;
 };
@@ -86,13 +90,10 @@ private:
 #ifdef KAV_PEER_SPDLOG
 class Peer {
 public:
-    explicit Peer(bool to_file) {
-        std::shared_ptr<spdlog::sinks::sink> sink;
-        if (to_file)
-            sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(scratch_file(), true);
-        else
-            sink = std::make_shared<spdlog::sinks::null_sink_mt>();
-        _pool = std::make_shared<spdlog::details::thread_pool>(8192, 1);
+    explicit Peer(size_t memory) {
+        auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(scratch_file(), true);
+        _pool = std::make_shared<spdlog::details::thread_pool>(
+            std::max<size_t>(memory / sizeof(spdlog::details::async_msg), 1), 1);
         // It may drop as ours does, so that both measure the caller and not the output.
         _logger =
             std::make_shared<spdlog::async_logger>("bench", sink, _pool, spdlog::async_overflow_policy::overrun_oldest);
@@ -112,38 +113,51 @@ private:
 };
 #endif
 
-/// [ns] a call takes a caller, with so many of them, `lines` at a time.
-double cost(const Contender& c, int threads, int lines, int times) {
-    std::atomic<int> ready{0}, round{0}, ended{0};
-    std::atomic<int64_t> spent{0};
+struct Outcome {
+    double ns = 0;     ///< that a call took its caller
+    int64_t lines = 0; ///< that were logged
+};
+
+/// So many callers log 32 lines and pause until they are printed; or they log for a while without a pause. Nobody else
+/// is awake meanwhile but the logger.
+Outcome run(const Contender& c, int threads, bool burst) {
+    std::vector<QSemaphore> begin(static_cast<size_t>(threads));
+    QSemaphore end;
+    std::atomic<int64_t> spent{0}, logged{0};
+    const int times = burst ? bursts : 1;
     std::vector<std::thread> callers;
-    for (int t = 0; t < threads; ++t)
+    for (QSemaphore& own_begin : begin)
         callers.emplace_back([&] {
-            ++ready;
-            for (int r = 1; r <= times; ++r) {
-                while (round < r) sched_yield();
+            for (int r = 0; r < times; ++r) {
+                own_begin.acquire();
                 const auto start = Clock::now();
-                for (int i = 0; i < lines; ++i) c.log();
-                spent += std::chrono::nanoseconds(Clock::now() - start).count();
-                ++ended;
+                auto now = start;
+                int64_t lines = 0;
+                do {
+                    for (int i = 0; i < burst_lines; ++i) c.log();
+                    lines += burst_lines;
+                    now = Clock::now();
+                } while (!burst && now - start < flood_time);
+                spent += std::chrono::nanoseconds(now - start).count();
+                logged += lines;
+                end.release();
             }
         });
-    while (ready < threads) sched_yield();
-    for (int r = 1; r <= times; ++r) {
-        round = r;
-        while (ended < r * threads) sched_yield();
-        c.settle(static_cast<unsigned>(threads * lines));
+    for (int64_t before = 0, r = 0; r < times; ++r, before = logged) {
+        for (QSemaphore& b : begin) b.release();
+        end.acquire(threads);
+        c.settle(static_cast<unsigned>(logged - before));
     }
     for (auto& t : callers) t.join();
-    return static_cast<double>(spent) / threads / lines / times;
+    return {static_cast<double>(spent) / static_cast<double>(logged), logged};
 }
 
-/// The share of the lines logged that stand whole in the file.
-double printed_share(int logged) {
+/// The lines that stand whole in the file.
+int64_t printed_lines() {
     std::ifstream file(scratch_file());
-    int whole = 0;
+    int64_t whole = 0;
     for (std::string read; std::getline(file, read);) whole += read + '\n' == line;
-    return static_cast<double>(whole) / logged;
+    return whole;
 }
 
 double median(std::vector<double> v) {
@@ -151,43 +165,55 @@ double median(std::vector<double> v) {
     return v[v.size() / 2];
 }
 
-/// Arguments: threads, burst, file, realtime.
+/// Arguments: threads, burst, realtime, memory [KiB] of each logger's queue.
 void append_line(benchmark::State& state) {
     const auto threads = static_cast<int>(state.range(0));
-    const bool burst = state.range(1) != 0, to_file = state.range(2) != 0;
-    const int lines = burst ? burst_lines : flood_lines / threads, times = burst ? bursts : 1;
-    const int logged = threads * lines * times;
-    std::vector<double> ours, peers, ratios, printed, peer_printed;
+    const bool burst = state.range(1) != 0, realtime = state.range(2) != 0;
+    const auto memory = static_cast<size_t>(state.range(3)) << 10;
+    std::vector<double> ours, peers, ratios, printed, peer_printed, share, peer_share;
+    const auto note = [&](Outcome o, std::vector<double>& ns, std::vector<double>& in_ms, std::vector<double>& of_all) {
+        ns.push_back(o.ns);
+        const auto lines = static_cast<double>(printed_lines());
+        in_ms.push_back(lines / std::chrono::duration<double, std::milli>(flood_time).count());
+        of_all.push_back(lines / static_cast<double>(o.lines));
+    };
     for (auto _ : state) {
         for (int r = 0; r < rounds; ++r) {
+            Outcome o;
             {
-                Ours logger(to_file, state.range(3) != 0);
-                ours.push_back(cost(logger.contender(), threads, lines, times));
+                Ours logger(realtime, memory);
+                o = run(logger.contender(), threads, burst);
             }
-            if (to_file) printed.push_back(printed_share(logged));
+            note(o, ours, printed, share);
 #ifdef KAV_PEER_SPDLOG
             {
-                Peer peer(to_file);
-                peers.push_back(cost(peer.contender(), threads, lines, times));
+                Peer peer(memory);
+                o = run(peer.contender(), threads, burst);
             }
-            if (to_file) peer_printed.push_back(printed_share(logged));
+            note(o, peers, peer_printed, peer_share);
             ratios.push_back(ours.back() / peers.back());
 #endif
         }
     }
     std::filesystem::remove(scratch_file());
-    state.counters["ns"] = median(ours);
-    if (to_file) state.counters["printed"] = median(printed);
-    if (ratios.empty()) return;
-    state.counters["peer_ns"] = median(peers);
-    if (to_file) state.counters["peer_printed"] = median(peer_printed);
-    state.counters["ratio"] = median(ratios);
+    const auto tell = [&](const char* what, const std::vector<double>& v) {
+        if (!v.empty()) state.counters[what] = median(v);
+    };
+    tell("ns", ours);
+    tell("peer_ns", peers);
+    tell("ratio", ratios);
+    tell("printed", share);
+    tell("peer_printed", peer_share);
+    if (burst) return;
+    tell("printed_in_ms", printed);
+    tell("peer_printed_in_ms", peer_printed);
 }
 BENCHMARK(append_line)
-    ->ArgNames({"threads", "burst", "file", "realtime"})
-    ->ArgsProduct({{1, 2, 4, 8}, {0, 1}, {1}, {0}})
-    ->ArgsProduct({{1}, {0, 1}, {0}, {0}})
-    ->ArgsProduct({{1, 4}, {0, 1}, {1}, {1}})
+    ->ArgNames({"threads", "burst", "realtime", "KiB"})
+    ->ArgsProduct({{1, 2, 4, 8}, {0}, {0}, {4, 3328}})
+    ->ArgsProduct({{1, 2, 4, 8}, {1}, {0}, {128}})
+    ->ArgsProduct({{1, 4}, {0}, {1}, {4}})
+    ->ArgsProduct({{1, 4}, {1}, {1}, {128}})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 

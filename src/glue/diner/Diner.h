@@ -186,8 +186,8 @@ protected:
         bool _held = true;
     };
 
-    /// In handle_event(), where `event` is a bare wake-up: let this call stand for those that have come since, too. They
-    /// are counted as events. Without `pass_anonymous` that is done anyway.
+    /// In handle_event(), where `event` is a bare wake-up: let this call stand for those that have come since, too.
+    /// They are counted as events. Without `pass_anonymous` that is done anyway.
     void merge_wake_ups(const waiter_event& event);
 
     Descriptor descriptor;
