@@ -93,22 +93,17 @@ TEST(Clock_watch, serves_many_threads) {
     Test_diner<> d;
     d.begin();
     Timeout far[2];
-    std::atomic<bool> over{false};
-    std::thread setter([&] {
-        for (int i = 0; i < 2000; ++i) clock.step(i % 2 ? -hour : hour), clock.advance(1);
-        over = true;
-    });
-    std::thread submitters[2];
-    for (int i = 0; i < 2; ++i) {
-        submitters[i] = std::thread([&, i] {
-            while (!over) {
-                d.submit_timeout(far[i], 1000000);
+    std::thread threads[3];
+    for (int i = 0; i < 3; ++i) {
+        threads[i] = std::thread([&, i] {
+            for (int n = 0; n < 2000; ++n) {
+                if (i < 2) d.submit_timeout(far[i], 1000000);
                 if (i == 0) watch.check();
+                if (i == 2) clock.step(n % 2 ? -hour : hour), clock.advance(1);
             }
         });
     }
-    setter.join();
-    for (auto& t : submitters) t.join();
+    for (auto& t : threads) t.join();
     EXPECT_EQ(d.timeouts_handled, 0) << "a step has made one due";
     for (Timeout& t : far) {
         d.submit_timeout(t, 1);
