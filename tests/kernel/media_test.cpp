@@ -148,7 +148,7 @@ public:
         for (int n = 5; n > 0; --n, --_large) remove();
     }
     void leave(int kib) {
-        while (add(1 << 10)) {
+        while (add(1 << 10) || (sync(), add(1 << 10))) { // a sync may show that there is more
         }
         for (; kib > 0; --kib) remove();
         sync();

@@ -13,7 +13,7 @@ JIN_grow_message bad_message(Random& random) {
     static const uint32_t own[] = {0xEE00, 0xEA00, 0xFED8, 0xFECA, 0xFECB, 0xE800, 0xC300, 0xDF00, 0xFEDA, 0xFC8D};
     const uint32_t pgn = random(2) ? own[random(std::size(own))] : random(0x40000u);
     const std::string bytes = random.bytes(random(4) ? random(10u) : random(1786u));
-    return message(pgn, bytes, random(uint8_t{255}), random(uint8_t{255}));
+    return message(pgn, bytes, static_cast<uint8_t>(random(256)), static_cast<uint8_t>(random(256)));
 }
 
 TEST(Bus_soak, thirty_nodes_among_bad_messages) {

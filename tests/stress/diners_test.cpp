@@ -16,14 +16,9 @@ constexpr short load_module = 2002, mark_module = 2003;
 
 std::atomic<int> violations{0}; ///< events handled twice or unless accepted, timeouts that ran although removed
 
-struct Own_lock {
-    Mutex own_lock;
-};
-
-/// Keeps account of its events and timeouts, under its lock or one that it shares.
-struct Player : Own_lock, Test_diner<Diner_external_protection<Diner>> {
-    explicit Player(Mutex* shared = nullptr, int numbers = 512)
-        : Test_diner("player", 0, shared ? *shared : own_lock), due(static_cast<size_t>(numbers)) {
+/// Keeps account of its events and timeouts.
+struct Player : Test_diner<Diner_external_protection<Diner>> {
+    explicit Player(Mutex& lock, int id = 0, size_t numbers = 512) : Test_diner("player", id, lock), due(numbers) {
         on_timeout = [this](Timeout& t) {
             for (size_t i = 0; i < num_timeouts; ++i) {
                 if (&t != &timeouts[i]) continue;
@@ -96,8 +91,9 @@ struct Exhausted_pool {
 TEST(Diners, under_load_stalled_stopped_started_and_ended_also_without_a_free_event) {
     constexpr int num_posters = 4, at_first = 4000, rounds = 100, each = at_first + rounds * 400;
     alarm(100); // kills what hangs
+    Mutex locks[20];
     std::deque<Player> players;
-    for (int i = 0; i < 20; ++i) players.emplace_back(nullptr, num_posters * each).begin();
+    for (Mutex& m : locks) players.emplace_back(m, 0, num_posters * each).begin();
     for (size_t i = 0; i < 20; i += 4) players[i].lock_gate.shut();
     std::atomic<int> allowed{at_first}, posts{0}, refused{0};
     Threads posters;
@@ -181,13 +177,10 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
     for (unsigned seed = 1; seed <= (nightly() ? 15000 : 150) && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
         alarm(60); // kills what hangs
-        Mutex lock;
+        Mutex locks[3];
         Diner_selector selector;
         std::deque<Player> players;
-        for (int i = 0; i < 3; ++i) {
-            players.emplace_back(seed % 4 ? &lock : nullptr).own.id = i;
-            players.back().begin(true, false, &selector);
-        }
+        for (int i = 0; i < 3; ++i) players.emplace_back(locks[seed % 4 ? 0 : i], i).begin(true, false, &selector);
         std::atomic<int> late{0};
         for (const bool to_the_end : {false, true}) {
             Threads threads;
@@ -228,26 +221,25 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
 }
 
 Mutex& lock_of_all = *new Mutex; // used to the very end
-Player old[2] = {Player(&lock_of_all), Player(&lock_of_all)};
+Player old[2] = {Player(lock_of_all), Player(lock_of_all)};
 
 /// Diners of every age run, some threads use their lock, one ends diners of its own, and after some events one way to
 /// exit is taken.
 void run_and_exit(unsigned seed) {
     Random random(seed);
     Diner_info_list::get();
-    static Player young[2] = {Player(&lock_of_all), Player(&lock_of_all)};
-    static Player alone;
-    static Player* own[4];
-    for (auto& p : own) p = new Player(&lock_of_all);
-    Player* const all[] = {&old[0], &old[1], &young[0], &young[1], &alone, own[0], own[1], own[2], own[3]};
+    static Mutex lock;
+    static Player young[2] = {Player(lock_of_all), Player(lock_of_all)}, alone(lock);
+    std::vector<Player*> own, all = {&old[0], &old[1], &young[0], &young[1], &alone};
+    for (int i = 0; i < 4; ++i) all.push_back(own.emplace_back(new Player(lock_of_all)));
     static std::atomic<bool> all_run{false};
     static std::atomic<int> events{0};
     static const int last = random(60);
-    const unsigned way = random(7u);                // a handler of the first five, main, another thread
-    for (unsigned i = 0; i < std::size(all); ++i) { // they post to themselves
+    const unsigned way = random(7u);            // a handler of the first five, main, another thread
+    for (unsigned i = 0; i < all.size(); ++i) { // they post to themselves
         Player& p = *all[i];
         p.on_event = [=, &p](waiter_event& e) {
-            if (all_run && ++events > last && way == i) {
+            if (all_run && ++events > last && way == i && i < 5) {
                 while (seed % 3 == 0 && Diner_info_list::get().get_blank_event()) {
                 }
                 exit(static_cast<int>(10 + i));
@@ -259,28 +251,20 @@ void run_and_exit(unsigned seed) {
         p.start();
     }
     all_run = true; // main uses them no more
-    for (int i = 0; i < 2; ++i) {
-        std::thread([] {
-            for (;; std::this_thread::yield()) lock_of_all.lock(), lock_of_all.unlock();
-        }).detach();
-    }
-    std::thread([seed] {
+    const auto use_lock = [] {
+        for (;; usleep(20)) lock_of_all.lock(), lock_of_all.unlock(); // a busy machine must not starve the others
+    };
+    const auto end_own = [own, seed] {
         Random mine(seed + 1);
-        for (Player* p : own) {
-            pause(mine);
-            p->terminate(mine(2));
-            p->wait_terminate();
-            delete p;
-        }
-    }).detach();
-    if (way == 6) {
-        std::thread([] {
-            wait_until([] { return events > last; });
-            exit(16);
-        }).detach();
-    }
-    while (way != 5 || events <= last) std::this_thread::yield();
-    exit(15);
+        for (Player* p : own) pause(mine), p->terminate(mine(2)), p->wait_terminate(), delete p;
+    };
+    const auto exit_late = [way](unsigned me) {
+        while (way != me || events <= last) usleep(20);
+        exit(static_cast<int>(10 + me));
+    };
+    std::thread(use_lock).detach(), std::thread(use_lock).detach(), std::thread(end_own).detach();
+    if (way == 6) std::thread(exit_late, 6).detach();
+    exit_late(5);
 }
 
 TEST(Diners, in_processes_that_exit_anywhere) {

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -95,19 +93,9 @@ FAULTY_FUNCTION int nanosleep(const timespec* duration, timespec* left) {
     return Faulty::armed ? 0 : clock_nanosleep(CLOCK_REALTIME, 0, duration, left);
 }
 
-FAULTY_FUNCTION int openat(int folder, const char* path, int flags, ...) {
-    static const auto real = reinterpret_cast<decltype(&::openat)>(dlsym(RTLD_NEXT, "openat64"));
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
-    va_end(args);
-    return Faulty::call([=] { return real(folder, path, flags, mode); });
-}
-
-FAULTY_FUNCTION int open(const char* path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
-    va_end(args);
-    return openat(AT_FDCWD, path, flags, mode);
-}
+// The mode, which only those give who create, is handed on in any case.
+FAULTY_FUNCTION int faulty_openat(int folder, const char* path, int flags, mode_t mode) __asm__("openat");
+FAULTY_FUNCTION int faulty_open(const char* path, int flags, mode_t mode) __asm__("open");
+FAULTY_CALL(int, faulty_openat, "openat64", (int folder, const char* path, int flags, mode_t mode),
+            (folder, path, flags, mode), )
+int faulty_open(const char* path, int flags, mode_t mode) { return faulty_openat(AT_FDCWD, path, flags, mode); }
