@@ -152,10 +152,8 @@ TEST(NV_containers, Are_stored_as_frames_with_a_checksum) {
     Settings tree(nullptr), other(nullptr);
     tree.set_all();
     const auto width = [](int w) { return value(5, 1, bytes({w, 0})); };
-    const std::string speed = value(10, 2, bytes({0, 0, 0x20, 0x40})), active = value(14, 5, bytes({2, 3, 0, 2, 1})),
-                      wheel = frame(1, 3, value(2, 1, bytes({0})) + value(8, 0x0102, bytes({7, 0})));
-    const std::string image = frame(0, 1, speed + wheel + frame(13, 4, width(10) + width(20) + width(30)) + active);
-    EXPECT_EQ(tree.image(NV_iterator::mode_write), image);
+    const std::string image = tree.image(NV_iterator::mode_write);
+    EXPECT_NE(image.find(frame(13, 4, width(10) + width(20) + width(30))), std::string::npos);
     EXPECT_VALUES(texts(true, tree.text(), 0, 0), other.load(image), other.text(), other.get_flags(),
                   other.wheel.get_flags());
     tree.wheel.offset.set(1);
@@ -163,9 +161,9 @@ TEST(NV_containers, Are_stored_as_frames_with_a_checksum) {
     EXPECT_EQ(tree.image(NV_iterator::mode_journal_2), change) << "a journal holds what changed";
     EXPECT_EQ(tree.image(NV_iterator::mode_journal_1), "") << "one save counts for both journals";
     tree.sections.right.set(50);
-    EXPECT_VALUES("false NV child was bad for 13:sections\nNV child was bad for 0:machine\n 50",
-                  load(other, tree.image(NV_iterator::mode_journal_1)), other.sections.left.get())
-        << "the first element takes what was meant for the third";
+    EXPECT_EQ(load(other, tree.image(NV_iterator::mode_journal_1)),
+              "false NV child was bad for 13:sections\nNV child was bad for 0:machine\n");
+    EXPECT_EQ(other.sections.left.get(), 50) << "the first element takes what was meant for the third";
 }
 
 TEST(NV_containers, A_save_that_runs_out_of_room_says_where) {
@@ -209,40 +207,36 @@ TEST(NV_containers, A_load_says_what_is_wrong) {
     std::string starts, ends, abyss; // no stack would hold a recursion into the last
     for (int depth = 0; depth < 100; ++depth) starts += start, ends += end;
     while (abyss.size() < 4000000) abyss += start;
-    const std::string taken = "true  {5,99}", bad = "false NV child was bad for 1:pair\n {99,99}",
-                      unknown = "false NV unknown child was bad for 1:pair\n {99,99}",
-                      not_it = "false Bad NV settings ";
-    const std::tuple<const char*, std::string, std::string> table[] = {
-        // image; result, complaint and values
-        {"other order", frame(1, 5, second_6 + first_5), "true  {5,6}"},
-        {"other id", frame(1, 6, first_5), not_it + "6!=5 1!=1 1!=1 for 1:pair\n {99,99}"},
-        {"other type", frame(13, 5, first_5), not_it + "5!=5 13!=1 1!=1 for 1:pair\n {99,99}"},
-        {"a value", value(1, 5, ""), not_it + "5!=5 1!=1 9!=1 for 1:pair\n {99,99}"},
-        {"missing", frame(1, 5, second_6), "true  {99,6}"},
-        {"wrong CRC", good.substr(0, 19) + little_endian(sum ^ 1, 4),
-         "false NV_store CRC32 Check " + texts(sum) + "!=" + texts(sum ^ 1) + " for 1:pair\n {1,3}"},
-        {"end of another", other_end + little_endian(crc(other_end), 4), taken},
-        {"other type of a child", frame(1, 5, value(4, 0x0102, "\5")), bad},
-        {"unknown value, wrong marker", in_pair(header(8, 8, 8) + "xx"), unknown},
-        {"array without elements", in_pair(value(0x25, 99, bytes({0}))), taken},
-        {"unknown struct", in_pair(frame(1, 99, inner)), unknown},
-        {"unknown root", in_pair(frame(0, 99, inner)), unknown},
-        {"unknown list", in_pair(frame(13, 99, inner)), unknown},
-        {"its checksum ends the outer one", frame(1, 5, first_5 + early), "*"},
-        {"without its checksum", in_pair(start + inner + end), taken},
-        {"nested", in_pair(start + header(13, 1, 4) + header(13, 2, 4) + end), taken},
-        {"other end", in_pair(start + inner + header(1, 2, 98)), unknown},
-        {"end of other type", in_pair(start + inner + header(13, 2, 99)), unknown},
-        {"nested deeply", in_pair(starts + ends), taken},
-        {"nested without end", in_pair(abyss), unknown},
-        {"other start", in_pair(header(1, 9, 99) + inner + end), unknown},
-    };
-    for (const auto& [what, image, after] : table) {
-        const auto pair = Pair::stored();
-        const std::string got = Values{load(*pair, image), text_form(*pair)}.text;
-        const bool reset = pair->first.get() == 1;
-        EXPECT_EQ(after == "*" && reset ? after : got, after) << what;
-        EXPECT_EQ(pair->first.get_flags(), reset ? changed : 0) << "a load is no change, a reset is one";
+    const std::string bad = " for 1:pair\n {99,99}", not_it = "false Bad NV settings ";
+    // What comes of images: result, complaint and values.
+    const std::pair<std::string, std::vector<std::string>> table[] = {
+        {"true  {5,6}", {good, frame(1, 5, second_6 + first_5)}},
+        {"true  {99,6}", {frame(1, 5, second_6)}},
+        {"true  {5,99}",
+         {other_end + little_endian(crc(other_end), 4), in_pair(value(0x25, 99, bytes({0}))), // no elements
+          in_pair(start + inner + end), in_pair(start + header(13, 1, 4) + header(13, 2, 4) + end),
+          in_pair(starts + ends)}},
+        {not_it + "6!=5 1!=1 1!=1" + bad, {frame(1, 6, first_5)}},
+        {not_it + "5!=5 13!=1 1!=1" + bad, {frame(13, 5, first_5)}},
+        {not_it + "5!=5 1!=1 9!=1" + bad, {value(1, 5, "")}},
+        {"false NV_store CRC32 Check " + texts(sum) + "!=" + texts(sum ^ 1) + " for 1:pair\n {1,3}",
+         {good.substr(0, 19) + little_endian(sum ^ 1, 4)}},
+        {"false NV child was bad" + bad, {frame(1, 5, value(4, 0x0102, "\5"))}}, // of another type
+        {"false NV unknown child was bad" + bad,
+         {in_pair(header(8, 8, 8) + "xx"),         // no marker of a value
+          in_pair(header(1, 9, 99) + inner + end), // nor of a container
+          in_pair(frame(1, 99, inner)), in_pair(frame(0, 99, inner)), in_pair(frame(13, 99, inner)), // their checksums
+          in_pair(start + inner + header(1, 2, 98)), in_pair(start + inner + header(13, 2, 99)),
+          in_pair(abyss)}}, // no end
+        {"", {frame(1, 5, first_5 + early)}}};
+    for (const auto& [after, images] : table) {
+        for (const std::string& image : images) {
+            const auto pair = Pair::stored();
+            const std::string got = Values{load(*pair, image), text_form(*pair)}.text;
+            const bool reset = pair->first.get() == 1;
+            EXPECT_EQ(after.empty() && reset ? "" : got, after) << testing::PrintToString(image.substr(0, 40));
+            EXPECT_EQ(pair->first.get_flags(), reset ? changed : 0) << "a load is no change, a reset is one";
+        }
     }
 }
 
@@ -263,10 +257,8 @@ TEST(NV_containers, Unknown_values_are_skipped_by_type_and_load_and_scan_know_th
             const std::string image = frame(1, 5, value(type, 99, content) + first_5);
             Pair pair;
             int dropped = 0;
-            EXPECT_EQ(load(pair, image).substr(0, 4) == "true", skipped) << int{type};
-            EXPECT_VALUES(texts(skipped ? 5 : 1, known ? image.size() : 0), pair.first.get(),
-                          whole_records(image, pair))
-                << int{type};
+            EXPECT_VALUES(texts(skipped ? 't' : 'f', skipped ? 5 : 1), load(pair, image)[0], pair.first.get());
+            EXPECT_EQ(whole_records(image, pair), known ? image.size() : 0) << int{type};
             EXPECT_EQ(prune(image, pair, dropped), known ? frame(1, 5, first_5) : "") << int{type};
         }
     }

@@ -4,6 +4,7 @@
 #include "glue/NV_store/NV_text.h"
 #include "glue/cds/CDS_remote.h"
 #include "support/test.h"
+#include <cmath>
 
 using namespace NV_store;
 
@@ -22,15 +23,13 @@ TEST_F(Tree, Finds_items_by_path_and_identifier_and_walks_in_pre_order) {
     // A last component may be longer than one that something follows.
     const std::string long_name(300, 'x'), cut_name = long_name.substr(44);
     NV_uint8 cut(&tree, 98, cut_name.c_str()), whole(&tree, 99, long_name.c_str());
+    const std::vector<std::string> nowhere = {
+        "sections/3",     "sections/-1", "sections/4294967296", "sections/width", "wheel/", "speed/x", "",
+        "wheel,x/offset", "whee",        long_name + "/",       cut_name + ","};
     const std::pair<NV_item*, std::vector<std::string>> table[] = {
-        {&tree.speed, {"speed"}},
-        {&offset, {"wheel/offset"}},
-        {&tree.wheel, {"wheel,rest"}},
-        {&tree.sections.right, {"sections/2", "sections/2abc"}},
-        {&whole, {long_name}},
-        {nullptr,
-         {"sections/3", "sections/-1", "sections/4294967296", "sections/width", "wheel/", "speed/x", "",
-          "wheel,x/offset", "whee", long_name + "/", cut_name + ","}}};
+        {&tree.speed, {"speed"}},      {&offset, {"wheel/offset"}},
+        {&tree.wheel, {"wheel,rest"}}, {&tree.sections.right, {"sections/2", "sections/2abc"}},
+        {&whole, {long_name}},         {nullptr, nowhere}};
     for (const auto& [item, paths] : table)
         for (const std::string& path : paths) EXPECT_EQ(tree.find_data_item(path.c_str()), item) << path;
     EXPECT_EQ(tree.find_data_item(offset.get_data_id()), &offset);
@@ -191,7 +190,6 @@ TEST_F(Tree, Registrations_take_the_lock_unless_the_caller_holds_it) {
     tree.wheel.lock();
     EXPECT_TRUE(tree.is_locked());
     tree.wheel.register_waiter(&waiter, 1, false);
-    offset.set(9);
     tree.wheel.unlock();
     std::thread other([&] {
         for (int i = 0; i < 200; ++i) {
@@ -236,30 +234,24 @@ TEST_F(Tree, Remote_format_shows_names_as_the_parent_does_and_values_are_read_ba
     EXPECT_VALUES(texts(offset.get_data_id(), tree.sections.get_data_id()), result.stop(), result.next());
 }
 
-template <class T>
-using Limits = std::numeric_limits<T>;
-
-/// Says that it is what it is not.
-struct Own_type : NV_int8 {
-    using NV_int8::NV_int8;
-    item_type_t get_type() const override { return item_double; }
-};
-
 /// Every type, and names that a path cannot hold.
 struct Odd : NV_root {
     Odd() : NV_root(nullptr, 1, "odd") {}
     NV_char c{this, 1, "c", '\xE4'};
     NV_uint8 u8{this, 2, "", 255};
-    NV_uint32 u32{this, 3, "a/b", Limits<unsigned>::max()};
+    NV_uint32 u32{this, 3, "a/b", UINT_MAX};
     NV_int8 i8{this, 4, "=", -128};
-    NV_int32 i32{this, 5, "#1", Limits<int>::min()};
-    NV_uint64 u64{this, 6, "[6]", Limits<unsigned long long>::max()};
-    NV_int64 i64{this, 7, "a b", Limits<long long>::min()};
+    NV_int32 i32{this, 5, "#1", INT_MIN};
+    NV_uint64 u64{this, 6, "[6]", ULLONG_MAX};
+    NV_int64 i64{this, 7, "a b", LLONG_MIN};
     NV_float f{this, 8, "f", 0.1f};
-    NV_double d{this, 9, "twin", -Limits<double>::infinity()};
+    NV_double d{this, 9, "twin", -HUGE_VAL};
     NV_bool b{this, 10, "twin", true};
     NV_pointer to_twin{this, 11, "to twin"}, none{this, 12, "line\n"};
-    Own_type own{this, 13, "own"};
+    struct : NV_int8 { // says that it is what it is not
+        using NV_int8::NV_int8;
+        item_type_t get_type() const override { return item_double; }
+    } own{this, 13, "own"};
 };
 
 TEST(NV_text, names_each_setting_by_a_path_of_its_own) {
@@ -279,8 +271,7 @@ TEST(NV_text, reads_back_what_it_wrote) {
     Settings from(nullptr), to(nullptr);
     from.set_all();
     from.active.set(&from.sections);
-    EXPECT_EQ(import_text(to, export_text(from)).values, 7);
-    EXPECT_EQ(to.text(), from.text());
+    EXPECT_VALUES(texts(7, from.text()), import_text(to, export_text(from)).values, to.text());
     std::mt19937_64 random(7);
     Odd a, b;
     for (int i = 0; i < 3000; ++i) {
@@ -289,10 +280,9 @@ TEST(NV_text, reads_back_what_it_wrote) {
         memcpy(&f, &bits, sizeof f);
         a.f.set(f);
         a.d.set(i % 2 ? static_cast<double>(bits) / 3e9 : static_cast<double>(f));
-        const std::string text = export_text(a), error = import_text(b, text).error;
-        const float back = b.f.get();
-        ASSERT_EQ(error + export_text(b), text);
-        ASSERT_TRUE(f != f || (memcmp(&back, &f, sizeof f) == 0 && a.d.get() == b.d.get())) << text;
+        const std::string text = export_text(a);
+        ASSERT_VALUES(" " + text, import_text(b, text).error, export_text(b));
+        ASSERT_TRUE(f != f || (b.f.get() == f && b.d.get() == a.d.get())) << text;
     }
 }
 
@@ -320,12 +310,11 @@ TEST(NV_text, a_refused_text_changes_nothing_and_says_why) {
         {"wheel/fitted=truly", "wheel/fitted: \"truly\" is neither true nor false"},
         {"active=wheel/none\a", "active: there is nothing at \"wheel/none?\""},
         {"active=sections/1", "active: cannot point at \"sections/1\""},
-        {"active=/", "active: cannot point at \"/\""},
-    };
+        {"active=/", "active: cannot point at \"/\""}};
     Settings tree(nullptr);
     for (const auto& [line, error] : table) {
         const Import_result r = import_text(tree, std::string("speed=5\nsections/2=9\n\n") + line);
-        EXPECT_EQ(std::to_string(r.values) + " " + r.error, std::string("0 line 4: ") + error);
+        EXPECT_VALUES(std::string("0 line 4: ") + error, r.values, r.error);
     }
     for (const std::string value : {"1e39", "0.5f", "infinity", "nan(1)", "1,5", "+1", "0x1p3"})
         EXPECT_EQ(import_text(tree, "speed=" + value).error, "line 1: speed: \"" + value + "\" is no number that fits");
