@@ -190,6 +190,7 @@ TEST_F(Tree, Registrations_take_the_lock_unless_the_caller_holds_it) {
     tree.wheel.lock();
     EXPECT_TRUE(tree.is_locked());
     tree.wheel.register_waiter(&waiter, 1, false);
+    offset.set(9);
     tree.wheel.unlock();
     std::thread other([&] {
         for (int i = 0; i < 200; ++i) {
@@ -254,35 +255,29 @@ struct Odd : NV_root {
     } own{this, 13, "own"};
 };
 
-TEST(NV_text, names_each_setting_by_a_path_of_its_own) {
-    Settings tree(nullptr);
+TEST(NV_text, names_each_setting_by_a_path_of_its_own_and_reads_back_what_it_wrote) {
+    Settings tree(nullptr), other(nullptr);
     tree.set_all();
     tree.active.set(&tree.sections.left);
-    EXPECT_EQ(export_text(tree), "speed=2.5\nwheel/fitted=false\nwheel/offset=7\nsections/0=10\nsections/1=20\n"
-                                 "sections/2=30\nactive=sections/0\n");
-    Odd odd;
-    odd.to_twin.set(&odd.b);
-    EXPECT_EQ(export_text(odd), "c=228\n[1]=255\n[2]=4294967295\n[3]=-128\n[4]=-2147483648\n"
-                                "[5]=18446744073709551615\na b=-9223372036854775808\nf=0.1\n[8]=-inf\n[9]=true\n"
-                                "to twin=[9]\n[11]=\n# own has no text form\n");
-}
-
-TEST(NV_text, reads_back_what_it_wrote) {
-    Settings from(nullptr), to(nullptr);
-    from.set_all();
-    from.active.set(&from.sections);
-    EXPECT_VALUES(texts(7, from.text()), import_text(to, export_text(from)).values, to.text());
-    std::mt19937_64 random(7);
+    const std::string text = export_text(tree);
+    EXPECT_EQ(text, "speed=2.5\nwheel/fitted=false\nwheel/offset=7\nsections/0=10\nsections/1=20\n"
+                    "sections/2=30\nactive=sections/0\n");
+    EXPECT_VALUES(texts(7, tree.text()), import_text(other, text).values, other.text());
     Odd a, b;
+    a.to_twin.set(&a.b);
+    EXPECT_EQ(export_text(a), "c=228\n[1]=255\n[2]=4294967295\n[3]=-128\n[4]=-2147483648\n"
+                              "[5]=18446744073709551615\na b=-9223372036854775808\nf=0.1\n[8]=-inf\n[9]=true\n"
+                              "to twin=[9]\n[11]=\n# own has no text form\n");
+    std::mt19937_64 random(7);
     for (int i = 0; i < 3000; ++i) {
         const unsigned long long bits = random();
         float f;
         memcpy(&f, &bits, sizeof f);
         a.f.set(f);
         a.d.set(i % 2 ? static_cast<double>(bits) / 3e9 : static_cast<double>(f));
-        const std::string text = export_text(a);
-        ASSERT_VALUES(" " + text, import_text(b, text).error, export_text(b));
-        ASSERT_TRUE(f != f || (b.f.get() == f && b.d.get() == a.d.get())) << text;
+        const std::string all = export_text(a);
+        ASSERT_VALUES(" " + all, import_text(b, all).error, export_text(b));
+        ASSERT_TRUE(f != f || (b.f.get() == f && b.d.get() == a.d.get())) << all;
     }
 }
 

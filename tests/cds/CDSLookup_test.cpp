@@ -34,18 +34,6 @@ struct Lookup : testing::Test {
         const Data_item::Serial_ret r = item.deserialise(in, start);
         return (r.ok() ? texts(in.remaining, "left") : texts(r.stop(), "then", r.next())) + " " + inbox.targets();
     }
-    /// What an item prints; when engine alone is asked, its start is refused.
-    static std::string printed(CDS::Lookup_item& item) {
-        struct Recorder : Debug::Dumper {
-            bool start(const char* name) override { return (text += std::string(name) + "("), text != "engine("; }
-            void end(const char* name) override { text += std::string(")") + name + ";"; }
-            void field(const char* l, const char* value) override { text += std::string(l) + "=" + value + ";"; }
-            std::string text;
-        } recorder;
-        item._print(recorder);
-        return recorder.text;
-    }
-
     const unsigned short first_id = Data_item::lookup_max_id = 1; ///< root 1, engine 2, and so on to on 9
     module_man modules;
     Inbox inbox{modules}; // outlives its registrations
@@ -93,10 +81,10 @@ TEST_F(Lookup, Reading_signals_just_what_changed_and_takes_no_more_elements_than
     bytes[0] = 101;
     bytes[29] = 0;
     EXPECT_VALUES("0 left 121 101", read(items.root, bytes), block.engine.speed);
-    EXPECT_EQ(read(items.levels, {"\2\x09\0\2\0", 5}), "0 left 13");
-    EXPECT_EQ(printed(items.levels), "levels(0=9;1=2;2=3;3=4;)levels;");
+    EXPECT_VALUES("0 left 13 9 2 3", read(items.levels, {"\2\x09\0\2\0", 5}), block.levels[0], block.levels[1],
+                  block.levels[2]);
     EXPECT_EQ(read(items.levels, {"\5\x09\0\x08\0\7\0\6\0\5\0", 11}), "2 left 13") << "one event for the whole array";
-    EXPECT_EQ(printed(items.levels), "levels(0=9;1=8;2=7;3=6;)levels;");
+    EXPECT_VALUES("9 8 7 6", block.levels[0], block.levels[1], block.levels[2], block.levels[3]);
     EXPECT_VALUES("0 left 1 true", read(items.on, "\x80"), block.on) << "any byte but zero";
     const auto read_load = [&](float value) {
         return read(items.load, std::string(reinterpret_cast<char*>(&value), 4));
@@ -120,11 +108,7 @@ TEST_F(Lookup, Pages_join_to_the_whole_stream) {
     const auto expect_pages = [](const std::string& all, auto page_at) {
         for (const int page : {1, 2, 3, 5, 100}) {
             std::string joined;
-            while (joined.size() % static_cast<size_t>(page) == 0) {
-                const std::string next = page_at(static_cast<int>(joined.size()), page);
-                if (next.empty()) break;
-                joined += next;
-            }
+            for (std::string next; !(next = page_at(static_cast<int>(joined.size()), page)).empty();) joined += next;
             EXPECT_EQ(joined, all) << page;
         }
     };
@@ -250,10 +234,17 @@ TEST(Items, Of_every_type_travel) {
 }
 
 TEST_F(Lookup, Prints_values) {
-    EXPECT_EQ(printed(items.engine), "engine(");
+    struct : Debug::Dumper {
+        bool start(const char* name) override { return (text += std::string(name) + "("), text != "engine("; }
+        void end(const char* name) override { text += std::string(")") + name + ";"; }
+        void field(const char* label, const char* value) override { text += texts(label, value) + ";"; }
+        std::string text;
+    } dumper, refusing;
+    items.engine._print(refusing);
     memcpy(block.label, "12345678", 8); // no zero behind it
-    EXPECT_EQ(printed(items.root), "machine(engine(speed=100;mode=2;load=0.5;)engine;levels(0=1;1=2;2=3;3=4;)levels;"
-                                   "label=\"12345678\";counter=7;on=true;)machine;");
+    items.root._print(dumper);
+    EXPECT_EQ(refusing.text + dumper.text, "engine(machine(engine(speed 100;mode 2;load 0.5;)engine;levels(0 1;1 2;2 "
+                                           "3;3 4;)levels;label \"12345678\";counter 7;on true;)machine;");
 }
 
 TEST(Numbers_as_names, Stay_where_they_are) {

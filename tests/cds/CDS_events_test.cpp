@@ -8,12 +8,7 @@ struct Events : testing::Test {
     Events() { head.lock(); }
     ~Events() override { head.unlock(); }
 
-    int reg(CDS::Head& h, int offset, int length, int value) {
-        return h.event_register(&inbox.waiter, offset, length, CDS::reg_value, value, nullptr, nullptr);
-    }
-    int unreg(CDS::Head& h, int offset, int length, int value) {
-        return h.event_unregister(&inbox.waiter, offset, length, CDS::reg_value, value, nullptr, nullptr);
-    }
+    int reg(CDS::Head& h, int at, int n, int value) { return CDS::Access_base(&h, at, n).reg(&inbox.waiter, value); }
     /// Who is woken by a signal without copies.
     std::string woken(CDS::Head& h, int offset, int length) {
         h.event_signal(nullptr, nullptr, offset, length, nullptr);
@@ -44,8 +39,9 @@ TEST_F(Events, Wake_as_often_as_registered_whose_range_holds_or_lies_in_what_cha
                 ASSERT_EQ(reg(own, offset, length, offset), 0);
                 ++times;
             } else if (what == 3) {
-                ASSERT_VALUES(texts(-1, times ? 0 : -1), unreg(own, offset, length, offset + 1),
-                              unreg(own, offset, length, offset));
+                CDS::Access_base range(&own, offset, length);
+                ASSERT_VALUES(texts(-1, times ? 0 : -1), range.unreg(&inbox.waiter, offset + 1),
+                              range.unreg(&inbox.waiter, offset));
                 times -= times > 0;
             } else {
                 const bool copies = random() % 2, excluded = random() % 4 == 0;
@@ -116,15 +112,14 @@ TEST_F(Events, Handles_carry_themselves_as_target) {
 }
 
 TEST_F(Events, An_uninitialised_handle_ends_the_process) {
-    for (const std::string verb : {"reg", "unreg", "autoreg", "autounreg"}) {
-        const Child_result child = run_child([&] {
-            CDS::Access_base handle;
-            if (verb == "reg") handle.reg(nullptr, 1);
-            if (verb == "unreg") handle.unreg(nullptr, 1);
-            verb == "autoreg" ? handle.autoreg(nullptr) : handle.autounreg(nullptr);
-        });
-        EXPECT_EQ(child.signal, SIGABRT);
-        EXPECT_EQ(child.out, "BUG: CDS: Tried to " + verb + " with no init\r\n");
+    const std::pair<std::string, void (*)(CDS::Access_base)> verbs[] = {
+        {"reg", [](CDS::Access_base a) { a.reg(nullptr, 1); }},
+        {"unreg", [](CDS::Access_base a) { a.unreg(nullptr, 1); }},
+        {"autoreg", [](CDS::Access_base a) { a.autoreg(nullptr); }},
+        {"autounreg", [](CDS::Access_base a) { a.autounreg(nullptr); }}};
+    for (const auto& [verb, call] : verbs) {
+        const Child_result child = run_child([&, c = call] { c(CDS::Access_base()); });
+        EXPECT_VALUES(texts(SIGABRT, "BUG: CDS: Tried to " + verb + " with no init\r\n"), child.signal, child.out);
     }
 }
 
