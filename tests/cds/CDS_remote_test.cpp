@@ -41,8 +41,8 @@ TEST(Structure, Is_read_from_untrusted_text) {
         }
         std::string text;
     };
-    std::string nested;
-    for (int i = 0; i < 65; ++i) nested += "1:1:{";
+    std::string nested, ended;
+    for (int i = 0; i < 64; ++i) nested += "1:1:{", ended += "}";
     const std::tuple<std::string, Structure_result, const char*> table[] = {
         {"1:1:a{1:2:b.c{},1:3:c{4:4:d e}}", structure_complete, "a{ >b.c{ >c{ >>d e "},
         {"4:1:stop,", structure_stopped, "stop "},
@@ -51,7 +51,8 @@ TEST(Structure, Is_read_from_untrusted_text) {
         {"1:1:a{4:2:b,zz", structure_malformed, "a{ >b "},
         {"1:1:a}", structure_malformed, "a "},
         {"", structure_cut, ""},
-        {nested, structure_malformed, nullptr}};
+        {nested + ended, structure_complete, nullptr},
+        {nested + "1:1:{", structure_malformed, nullptr}};
     for (const auto& [text, result, expected] : table) {
         const auto exact = exact_copy(text); // no zero behind it
         Names names;
