@@ -33,12 +33,12 @@ namespace {
 
 TEST(Socket_stack, says_once_what_is_wrong_and_what_to_do) {
     using Stack = JIN_socket_stack;
-    struct {
+    const struct {
         int at_socket, at_bind;
         unsigned index;
         Stack::Trouble trouble;
         const char* text;
-    } const rows[] = {
+    } rows[] = {
         {EPROTONOSUPPORT, 0, 1, Stack::no_kernel_support, "the kernel has no J1939: modprobe can-j1939"},
         {EACCES, 0, 1, Stack::not_permitted, "no right to open CAN sockets: let the service use AF_CAN"},
         {0, ENODEV, 0, Stack::no_interface,
@@ -48,17 +48,15 @@ TEST(Socket_stack, says_once_what_is_wrong_and_what_to_do) {
         {EMFILE, 0, 1, Stack::other_trouble, "Too many open files: see dmesg"},
     };
     for (const auto& r : rows) {
-        SCOPED_TRACE(r.text);
         socket_error = r.at_socket, bind_error = r.at_bind, interface_index = r.index;
         const std::string printed = debug_text([&] {
             Node_of<Stack> node(JIN_inbox::for_this_node, Diner_info_list::get(), "can7", JIN_name(1), uint8_t{10});
             attempts = 0;
             ASSERT_TRUE(node.stack.start());
             EXPECT_TRUE(wait_until([&] { return attempts >= 2; })) << "it tries again";
-            EXPECT_EQ(node.stack.trouble(), r.trouble);
-            EXPECT_EQ(node.send(message(0xFF00, "x")), JIN_stack::busy);
-            EXPECT_EQ(node.events(), "5") << "told once";
-            EXPECT_FALSE(node.stack.bus_is_there());
+            EXPECT_VALUES(texts(r.trouble, JIN_stack::busy, "5", false), node.stack.trouble(),
+                          node.send(message(0xFF00, "x")), node.events(), node.stack.bus_is_there())
+                << r.text;
             socket_error = bind_error = 0, interface_index = 1;
             EXPECT_TRUE(wait_until([&] { return node.stack.bus_is_there(); }));
             EXPECT_TRUE(wait_until([&] { return node.events() == "6"; }));

@@ -49,9 +49,11 @@ TEST(bus_monitor, shows_asks_clears_and_records) {
     shows("vcan0 --clear 77 --yes", "1 bus_monitor: address 77 does not answer\n");
     for (unsigned spn = 1; spn <= 250; ++spn) manager.set_active(spn, 3);
     shows("vcan0 --listen --once --csv --seconds 18", "\n128,", 250);
-    run("examples/field_controller --can vcan0 --seconds 8 --faults 2 --quiet --settings /tmp/settings >/tmp/demo 2>&1 "
-        "&");
-    shows("vcan0 --once --seconds 6", "\n140  1    agriculture");
+    run("examples/field_controller --can vcan0 --seconds 30 --faults 2 --quiet --settings /tmp/settings >/tmp/demo &");
+    EXPECT_TRUE(wait_until([] { // it has something to tell when its line has had some faults
+        const std::string once = run("apps/bus_monitor vcan0 --once --seconds 6");
+        return once.find("\n140  1    agriculture") != std::string::npos;
+    })) << read_file("/tmp/demo");
     Guest::must("ip link set vcan0 down");
     shows("vcan0 --listen --once", "1 bus_monitor: vcan0: Network is down\n");
     manager.terminate(true);
