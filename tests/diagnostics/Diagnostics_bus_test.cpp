@@ -22,6 +22,7 @@ std::string request_of(uint32_t pgn) {
 ///   set SPN/FMI, unset ...   a code gets active, or inactive; "set 1-20/3" are 20 of them
 ///   ask PGN FROM>TO          a request; without addresses the terminal asks the manager
 ///   busy, free               there is no room on the bus for the node, there is again
+///   clear active, previous   the manager's own
 ///   codes                    notes what the manager keeps
 class Bus : public Bus_script {
 protected:
@@ -34,6 +35,7 @@ protected:
         words["busy"] = [this](const char*) { node.set_busy(true); };
         words["free"] = [this](const char*) { node.set_busy(false); };
         words["codes"] = [this](const char*) { note(codes()); };
+        words["clear"] = [this](const char* s) { *s == 'a' ? manager->clear_active() : manager->clear_previous(); };
         words["ask"] = [this](const char* text) {
             unsigned pgn, from = 0x26, to = 0x80;
             sscanf(text, "%x %x>%x", &pgn, &from, &to);
@@ -73,89 +75,74 @@ protected:
 };
 
 TEST_F(Bus, Says_what_happens_to_the_codes) {
+    const Lamp lamps[] = {{Lamp::malfunction, Lamp::fast}, {Lamp::amber_warning, Lamp::slow}};
+    words["lamp"] = [&](const char* n) { manager->set_active(1234, 31, lamps[atoi(n)]); };
+    words["lamps"] = [&](const char*) { begin(Mode::j1939); };
+    words["alone"] = [&](const char*) { manager = std::make_unique<Driven_manager>(nullptr); };
+    words["DM22"] = [&](const char* s) {
+        send(("C300 26>80: " + std::string(s, 2) + " FF FF FF FF" + (s + 2)).c_str(), false);
+    };
     const struct {
         const char *what, *steps, *said;
     } table[] = {
         {"at once, then each second, once more without codes; another code inside the second is told too",
          "run 3000; set 1234/31; run 510; set 520192/12; run 1000; unset 1234/31; run 600; unset 520192/12; run 3000",
-         "3000 FECA 80>FF 6: FF FF D2 04 1F 01 FF FF\n"
-         "3610 FECA 80>FF 6: FF FF 00 F0 EC 01 D2 04 1F 01\n" // two take 100 ms
-         "4100 FECA 80>FF 6: FF FF 00 F0 EC 01 D2 04 1F 01\n"
-         "4510 FECA 80>FF 6: FF FF 00 F0 EC 01 FF FF\n"
-         "5000 FECA 80>FF 6: FF FF 00 F0 EC 01 FF FF\n"
-         "5110 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n"},
+         "3000 FECA 80>FF 6: FF FF D2 04 1F 01 FF FF\n3610 FECA 80>FF 6: FF FF 00 F0 EC 01 D2 04 1F 01\n" // takes 100
+                                                                                                          // ms
+         "4100 FECA 80>FF 6: FF FF 00 F0 EC 01 D2 04 1F 01\n4510 FECA 80>FF 6: FF FF 00 F0 EC 01 FF FF\n"
+         "5000 FECA 80>FF 6: FF FF 00 F0 EC 01 FF FF\n5110 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n"},
         {"once more within a second of its end: it waits for the tick",
          "set 520192/12; run 900; unset 520192/12; run 200; set 520192/12; run 1900",
-         "0 FECA 80>FF 6: FF FF 00 F0 EC 01 FF FF\n"
-         "1000 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n"
+         "0 FECA 80>FF 6: FF FF 00 F0 EC 01 FF FF\n1000 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n"
          "2100 FECA 80>FF 6: FF FF 00 F0 EC 02 FF FF\n"},
+        {"in the other mode always, and with lamps; one code, however its lamp is called",
+         "lamps; run 2500; lamp 0; lamp 1; run 500",
+         "1000 FECA 80>FF 6: 00 FF 00 00 00 00 FF FF\n2000 FECA 80>FF 6: 00 FF 00 00 00 00 FF FF\n"
+         "2500 FECA 80>FF 6: 40 7F D2 04 1F 01 FF FF\n3000 FECA 80>FF 6: 04 F3 D2 04 1F 01 FF FF\n"},
         {"when there is room, what is true then",
          "busy; set 1-4/3; run 2100; set 5/3; run 2100; unset 1-4/3; free; run 300",
          "4200 FECA 80>FF 6: FF FF 05 00 03 01 FF FF\n"},
         {"long answers go to who asked or to all, once; refusals are short and pass them",
          "set 1-2/3; unset 1-2/3; run 5000; quiet; busy; ask FECB; ask FECB; ask FECB 33>80; ask FECB 33>FF; "
          "ask FDE8 33>80; free; run 3000",
-         "0 E800 80>FF 6: 01 FF FF FF 33 E8 FD 00\n"
-         "10 FECB 80>26 6: FF FF 02 00 03 01 01 00 03 01\n"
+         "0 E800 80>FF 6: 01 FF FF FF 33 E8 FD 00\n10 FECB 80>26 6: FF FF 02 00 03 01 01 00 03 01\n"
          "100 FECB 80>FF 6: FF FF 02 00 03 01 01 00 03 01\n"},
         {"cleared codes come back when their condition is still there; nobody acknowledges to all",
          "set 1/1; set 2/2; unset 2/2; set 2/2; unset 2/2; set 3/3; run 1500; quiet; codes; ask FECC; codes; "
          "ask FED3; codes; unset 3/3; set 1/1; run 1600; codes; ask FED3 26>FF",
-         "0 codes: 1/1 x1 active 2/2 x2 previous 3/3 x1 active\n"
-         "0 E800 80>FF 6: 00 FF FF FF 26 CC FE 00\n"
+         "0 codes: 1/1 x1 active 2/2 x2 previous 3/3 x1 active\n0 E800 80>FF 6: 00 FF FF FF 26 CC FE 00\n"
          "0 codes: 1/1 x1 active 3/3 x1 active\n"
-         "0 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n"
-         "0 E800 80>FF 6: 00 FF FF FF 26 D3 FE 00\n"
+         "0 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n0 E800 80>FF 6: 00 FF FF FF 26 D3 FE 00\n"
          "0 codes: 1/1 x0 cleared 3/3 x0 cleared\n"
-         "500 FECA 80>FF 6: FF FF 01 00 01 01 FF FF\n"
-         "1500 FECA 80>FF 6: FF FF 01 00 01 01 FF FF\n"
-         "1600 codes: 1/1 x1 active\n"
-         "1600 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n"},
-        {"one code is cleared for who asks the manager alone and has an address; answers come in order",
-         "set 520192/12; set 1234/31; unset 1234/31; run 200; quiet; send C300 26>FF: 11 FF FF FF FF 00 F0 EC; "
-         "send C300 FE>80: 11 FF FF FF FF 00 F0 EC; codes; busy; "
-         "send C300 26>80: 01 FF FF FF FF D3 04 1F; " // unknown
-         "send C300 26>80: 01 FF FF FF FF 00 F0 EC; " // active
-         "send C300 26>80: 11 FF FF FF FF D2 04 1F; " // not active
-         "send C300 26>80: 01 FF FF FF FF D2 04 1F; "
-         "send C300 26>80: 01 FF FF FF FF D2 04 1F; " // gone
-         "send C300 26>80: 11 FF FF FF FF 00 F0 EC; "
-         "send C300 26>80: 11 FF FF FF FF 00 00 00; "
-         "send C300 26>80: 02 FF FF FF FF D2 04 1F; " // an answer of somebody
-         "send C300 26>80: 01 FF FF FF FF D2 04; free; codes; run 1000; codes",
-         "0 codes: 1234/31 x1 previous 520192/12 x1 active\n"
-         "0 C300 80>26 6: 03 02 FF FF FF D3 04 1F\n"
-         "0 C300 80>26 6: 03 03 FF FF FF 00 F0 EC\n"
-         "0 C300 80>26 6: 13 04 FF FF FF D2 04 1F\n"
-         "0 C300 80>26 6: 02 FF FF FF FF D2 04 1F\n"
-         "0 C300 80>26 6: 03 02 FF FF FF D2 04 1F\n"
-         "0 C300 80>26 6: 12 FF FF FF FF 00 F0 EC\n"
-         "0 C300 80>26 6: 13 02 FF FF FF 00 00 00\n"
-         "0 codes: 520192/12 x0 cleared\n"
-         "800 FECA 80>FF 6: FF FF 00 F0 EC 01 FF FF\n"
-         "1000 codes: 520192/12 x1 active\n"},
+         "500 FECA 80>FF 6: FF FF 01 00 01 01 FF FF\n1500 FECA 80>FF 6: FF FF 01 00 01 01 FF FF\n"
+         "1600 codes: 1/1 x1 active\n1600 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n"},
+        {"also without a bus", "alone; set 1/1; unset 1/1; set 1/1; codes; clear active; codes",
+         "0 codes: 1/1 x2 active\n0 codes: 1/1 x1 active\n"},
+        {"one code is cleared for who asks the manager alone and has an address",
+         "set 2/2; run 200; quiet; send C300 26>FF: 11 FF FF FF FF 02 00 02; send C300 FE>80: 11 FF FF FF FF 02 00 02; "
+         "codes",
+         "0 codes: 2/2 x1 active\n"},
+        {"answers in order: unknown, active, not active, done, gone, done, unknown; none to an answer and to half of "
+         "one",
+         "set 520192/12; set 1234/31; unset 1234/31; run 200; quiet; busy; DM22 01 D3 04 1F; DM22 01 00 F0 EC; "
+         "DM22 11 D2 04 1F; DM22 01 D2 04 1F; DM22 01 D2 04 1F; DM22 11 00 F0 EC; DM22 11 00 00 00; DM22 02 D2 04 1F; "
+         "DM22 01 D2 04; free; codes; run 1000; codes",
+         "0 C300 80>26 6: 03 02 FF FF FF D3 04 1F\n0 C300 80>26 6: 03 03 FF FF FF 00 F0 EC\n"
+         "0 C300 80>26 6: 13 04 FF FF FF D2 04 1F\n0 C300 80>26 6: 02 FF FF FF FF D2 04 1F\n"
+         "0 C300 80>26 6: 03 02 FF FF FF D2 04 1F\n0 C300 80>26 6: 12 FF FF FF FF 00 F0 EC\n"
+         "0 C300 80>26 6: 13 02 FF FF FF 00 00 00\n0 codes: 520192/12 x0 cleared\n"
+         "800 FECA 80>FF 6: FF FF 00 F0 EC 01 FF FF\n1000 codes: 520192/12 x1 active\n"},
         {"another node has its address: SPN 2000 and the address, until 10 s later",
          "send FF00 80>FF: 01; run 9500; quiet; codes; run 490; codes; run 10; codes",
          "0 codes: 2128/31 x1 active\n490 codes: 2128/31 x1 active\n500 FECA 80>FF 6: FF FF 50 08 1F 01 FF FF\n"
          "500 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n500 codes: 2128/31 x1 previous\n"},
-        {"no bus", "unplug; set 2/2; run 5000; quiet; plug; run 600",
+        {"the bus is gone and comes back", "unplug; set 2/2; run 5000; quiet; plug; run 600",
          "0 told 6\n390 FECA 80>FF 6: FF FF 02 00 02 01 FF FF\n400 told 2\n"},
     };
     for (const auto& row : table) {
         begin();
         EXPECT_EQ(play(row.steps), row.said) << row.what;
     }
-}
-
-TEST_F(Bus, Has_lamps_and_a_list_each_second_in_the_other_mode) {
-    begin(Mode::j1939);
-    const Lamp lamps[] = {{Lamp::malfunction, Lamp::fast}, {Lamp::amber_warning, Lamp::slow}};
-    words["lamp"] = [&](const char* n) { manager->set_active(1234, 31, lamps[atoi(n)]); };
-    EXPECT_EQ(play("run 2500; lamp 0; lamp 1; run 500"), // one code, however its lamp is called
-              "1000 FECA 80>FF 6: 00 FF 00 00 00 00 FF FF\n"
-              "2000 FECA 80>FF 6: 00 FF 00 00 00 00 FF FF\n"
-              "2500 FECA 80>FF 6: 40 7F D2 04 1F 01 FF FF\n"
-              "3000 FECA 80>FF 6: 04 F3 D2 04 1F 01 FF FF\n");
 }
 
 TEST_F(Bus, Of_many_codes_never_falls_silent) {
@@ -282,18 +269,11 @@ TEST_F(Bus, Counts_to_126_and_keeps_to_its_table) {
                       manager->set_active(524286, 31), manager->codes().find(524286, 31, info), info.code.count,
                       manager->set_inactive(524286, 31), manager->set_inactive(524286, 31));
     }
-    for (const uint32_t spn : {0u, 524287u, 524288u, 0xFFFFFFFFu}) EXPECT_FALSE(manager->set_active(spn, 3));
-    EXPECT_VALUES("false false 0", manager->set_active(1, 32), manager->set_inactive(1, 31),
-                  manager->codes().refused());
-    for (unsigned spn = 1; spn <= 3; ++spn) EXPECT_TRUE(manager->set_active(spn, 0)) << "the oldest one goes";
-    EXPECT_VALUES("false 1", manager->set_active(4, 0), manager->codes().refused());
-}
-
-TEST_F(Bus, Is_not_needed_nor_a_start) {
-    manager = std::make_unique<Driven_manager>(nullptr);
-    words["clear"] = [&](const char*) { manager->clear_active(); };
-    EXPECT_EQ(play("set 1/1; unset 1/1; set 1/1; codes; clear; codes"),
-              "0 codes: 1/1 x2 active\n0 codes: 1/1 x1 active\n");
+    EXPECT_VALUES("false false false false false false 0", manager->set_active(0, 3), manager->set_active(524287, 3),
+                  manager->set_active(524288, 3), manager->set_active(0xFFFFFFFF, 3), manager->set_active(1, 32),
+                  manager->set_inactive(1, 31), manager->codes().refused());
+    EXPECT_VALUES("true true true false 1", manager->set_active(1, 0), manager->set_active(2, 0),
+                  manager->set_active(3, 0), manager->set_active(4, 0), manager->codes().refused());
     Diagnostics idle("idle"); // never initialised
     EXPECT_VALUES("true 1", idle.set_active(1, 1), idle.codes().count(Table::active));
 }
@@ -317,7 +297,6 @@ protected:
         words["damage"] = [this](const char* suffix) { write_file(path + suffix, "garbage"); };
         words["block"] = [this](const char*) { std::filesystem::create_directory(path + ".new"); };
         words["unblock"] = [this](const char*) { std::filesystem::remove(path + ".new"); };
-        words["clear"] = [this](const char* s) { *s == 'a' ? manager->clear_active() : manager->clear_previous(); };
     }
     ~Kept() override { Pcf_host::unmount(); }
 
@@ -394,25 +373,22 @@ TEST(Diagnostics_threads, Codes_are_set_while_the_bus_asks) {
     Isobus_diagnostics isobus(manager);
     manager.start();
     std::atomic<bool> end{false};
-    std::vector<std::thread> writers;
-    for (unsigned k = 0; k < 3; ++k)
-        writers.emplace_back([&, k] {
-            Trouble_codes::Info info;
-            for (unsigned i = 0; !end; ++i) {
-                manager.set_active(1 + (i + k) % 30, k);
-                manager.set_inactive(1 + (i + k) % 30, k);
-                isobus.set_software({std::to_string(i)});
-                manager.codes().get(i % 30, info);
-                if (i % 64 == 0) manager.clear_active();
-                std::this_thread::yield();
-            }
-        });
-    EXPECT_TRUE(wait_until([&] { return tester.address() == 0x26 && node.address() == 0x80; }));
+    const auto write = [&](unsigned k) {
+        Trouble_codes::Info info;
+        for (unsigned i = 0; !end; ++i, std::this_thread::yield()) {
+            manager.set_active(1 + (i + k) % 30, k);
+            manager.set_inactive(1 + (i + k) % 30, k);
+            isobus.set_software({std::to_string(i)});
+            manager.codes().get(i % 30, info);
+            if (i % 64 == 0) manager.clear_active();
+        }
+    };
+    std::thread writers[] = {std::thread(write, 0), std::thread(write, 1), std::thread(write, 2)};
     int answered = 0;
     JIN_grow_message m;
     EXPECT_TRUE(wait_until([&] {
-        for (const uint32_t pgn : {uint32_t{pgn_DM2}, uint32_t{pgn_DM11}, uint32_t{pgn_DM3}, uint32_t{65242}})
-            tester.send(message(JIN::pgn_request, {char(pgn), char(pgn >> 8), 0}, 0x80));
+        for (const char* const pgn : {"\xCB\xFE", "\xD3\xFE", "\xCC\xFE", "\xDA\xFE"}) // lists, clearing, software
+            tester.send(message(JIN::pgn_request, std::string(pgn, 3), 0x80));
         while (tester.inbox.receive(m)) answered += m.pgn != JIN::pgn_request;
         return answered > 100;
     }));
