@@ -39,7 +39,7 @@ protected:
         words["ask"] = [this](const char* text) {
             unsigned pgn, from = 0x26, to = 0x80;
             sscanf(text, "%x %x>%x", &pgn, &from, &to);
-            send((text_of("EA00 %02X>%02X: ", from, to) + request_of(pgn)).c_str(), false);
+            send(text_of("EA00 %02X>%02X: ", from, to) + request_of(pgn));
         };
         run(500); // all addresses are claimed
     }
@@ -79,9 +79,7 @@ TEST_F(Bus, Says_what_happens_to_the_codes) {
     words["lamp"] = [&](const char* n) { manager->set_active(1234, 31, lamps[atoi(n)]); };
     words["lamps"] = [&](const char*) { begin(Mode::j1939); };
     words["alone"] = [&](const char*) { manager = std::make_unique<Driven_manager>(nullptr); };
-    words["DM22"] = [&](const char* s) {
-        send(("C300 26>80: " + std::string(s, 2) + " FF FF FF FF" + (s + 2)).c_str(), false);
-    };
+    words["DM22"] = [&](const char* s) { send("C300 26>80: " + std::string(s, 2) + " FF FF FF FF" + (s + 2)); };
     const struct {
         const char *what, *steps, *said;
     } table[] = {
@@ -157,26 +155,24 @@ TEST_F(Bus, Of_many_codes_never_falls_silent) {
 }
 
 TEST_F(Bus, Stops_and_starts_as_DM13_says) {
-    const std::string stop = "3F FF FF FF FF FF FF FF", stop_5_s = "3F FF FF FF 05 00 FF FF",
-                      stop_100_s = "3F FF FF FF 64 00 FF FF", hold = "FF FF FF 0F FF FF FF FF",
-                      start = "7F FF FF FF FF FF FF FF", leave = "FF FF FF FF FF FF FF FF", none;
-    const struct {
-        std::string first, then; ///< the second one 5 s later
-        int silent;              ///< [s]
-    } table[] = {{leave, none, 0},       {"BF FF FF FF FF FF FF FF", none, 0},
-                 {"3F FF FF", none, 0}, // cut short
-                 {stop, none, 6},        {stop, stop, 11},
-                 {stop, hold, 11},       {stop, leave, 6},
-                 {hold, none, 0},        {start, none, 0},
-                 {stop, start, 5},       {stop_5_s, none, 5},
-                 {stop_5_s, stop, 11},   {stop_100_s, hold, 100}, // a time that was named is not cut short
-                 {stop_100_s, start, 5}, {"3F FF FF FF 00 00 FF FF", none, 6}};
-    for (const auto& row : table) {
+    const std::pair<const char*, std::string> messages[] = {
+        {"stop", "3F FF FF FF FF FF"},     {"start", "7F FF FF FF FF FF"},    {"leave", "FF FF FF FF FF FF"},
+        {"hold", "FF FF FF 0F FF FF"},     {"stop_5_s", "3F FF FF FF 05 00"}, {"stop_100_s", "3F FF FF FF 64 00"},
+        {"stop_0_s", "3F FF FF FF 00 00"}, {"reserved", "BF FF FF FF FF FF"}, {"cut", "3F FF FF"}};
+    for (const auto& [name, bytes] : messages)
+        words[name] = [this, m = "DF00 26>FF: " + bytes + " FF FF"](const char*) { send(m); };
+    // The second one 5 s later; how long it is silent [s]
+    const std::tuple<std::string, std::string, int> table[] = {
+        {"leave", "leave", 0},       {"reserved", "leave", 0}, {"cut", "cut", 0},      {"stop", "cut", 6},
+        {"stop", "stop", 11},        {"stop", "hold", 11},     {"stop", "leave", 6},   {"hold", "hold", 0},
+        {"start", "start", 0},       {"stop", "start", 5},     {"stop_5_s", "cut", 5}, {"stop_5_s", "stop", 11},
+        {"stop_100_s", "hold", 100}, // a time that was named is not cut short
+        {"stop_100_s", "start", 5},  {"stop_0_s", "cut", 6}};
+    for (const auto& [first, then, silent] : table) {
         begin();
-        const std::string said = play("set 7/7; run 2010; quiet; send DF00 26>FF: " + row.first +
-                                      "; run 4990; send DF00 26>FF: " + row.then + "; run 100000");
-        EXPECT_NEAR(atoi(said.c_str()), row.silent ? row.silent * 1000 : 990, 10) << row.first << ", " << row.then;
-        EXPECT_NEAR(static_cast<double>(std::count(said.begin(), said.end(), '\n')), 105 - row.silent, 2) << row.first;
+        const std::string said = play("set 7/7; run 2010; quiet; " + first + "; run 4990; " + then + "; run 100000");
+        EXPECT_NEAR(atoi(said.c_str()), silent ? silent * 1000 : 990, 10) << first << ", " << then;
+        EXPECT_NEAR(static_cast<double>(std::count(said.begin(), said.end(), '\n')), 105 - silent, 2) << first;
     }
 }
 

@@ -6,7 +6,6 @@
 /// What happens on a bus as a text of steps, "send FF00 0A>FF: 01 02; run 100". Who derives adds words.
 ///   run MS                     time passes
 ///   send PGN FROM>TO: BYTES    by the member that wants this address, or by a stranger; "61 x100" are 100 bytes
-///   inject PGN FROM>TO: BYTES  by a stranger
 ///   unplug, plug               the bus goes, and comes back
 ///   quiet                      forgets what was noted so far
 /// Noted is what is not taken, and what members receive and are told: a line each, behind the ms since the last quiet.
@@ -55,16 +54,16 @@ protected:
             if (!told.empty()) note(m.name + "told " + told);
         }
     }
-    void send(const char* text, bool by_stranger) {
+    void send(const std::string& text) {
         unsigned pgn, from, to, times = 1;
         int at = 0;
-        ASSERT_EQ(sscanf(text, "%x %x>%x:%n", &pgn, &from, &to, &at), 3) << text;
-        const std::string bytes = text + at + (text[at] == ' ');
+        ASSERT_EQ(sscanf(text.c_str(), "%x %x>%x:%n", &pgn, &from, &to, &at), 3) << text;
+        const std::string bytes = text.substr(static_cast<size_t>(at) + (text[static_cast<size_t>(at)] == ' '));
         if (const size_t x = bytes.find('x'); x != std::string::npos) times = atoi(bytes.c_str() + x + 1);
         JIN_grow_message m = message(pgn, "", static_cast<uint8_t>(to), static_cast<uint8_t>(from));
         for (Bytes b(bytes.substr(0, bytes.find(" x"))); times > 0; --times) m.append(b.view().data, b.view().size);
         const auto sender = std::find_if(members.begin(), members.end(), [&](auto& s) { return s.wish == from; });
-        if (by_stranger || sender == members.end()) return bus.inject(m);
+        if (sender == members.end()) return bus.inject(m);
         const int result = sender->node->send(m);
         if (result != JIN_stack::taken) note(result == JIN_stack::busy ? "busy" : "refused");
     }
@@ -72,12 +71,12 @@ protected:
     Manual_clock clock{1700000000};
     JIN_memory_bus bus;
     std::vector<Member> members;
-    std::map<std::string, std::function<void(const char*)>> words = {{"run", [this](const char* ms) { run(atoi(ms)); }},
-                                                                     {"send", [this](const char* text) { send(text, false); }},
-                                                                     {"inject", [this](const char* text) { send(text, true); }},
-                                                                     {"unplug", [this](const char*) { bus.set_there(false); }},
-                                                                     {"plug", [this](const char*) { bus.set_there(true); }},
-                                                                     {"quiet", [this](const char*) { noted(); }}};
+    std::map<std::string, std::function<void(const char*)>> words = {
+        {"run", [this](const char* ms) { run(atoi(ms)); }},
+        {"send", [this](const char* text) { send(text); }},
+        {"unplug", [this](const char*) { bus.set_there(false); }},
+        {"plug", [this](const char*) { bus.set_there(true); }},
+        {"quiet", [this](const char*) { noted(); }}};
     int step = 10;          ///< [ms] that time goes on at once
     int now = 0, since = 0; // [ms]
 

@@ -10,7 +10,7 @@ namespace {
 const JIN_name strong(0x8000000000000064), weak(0x80000000000000C8);
 const std::string few = "few", many(100, 'x'), longer(1002, 'd');
 
-/// A program that runs beside the test, its output in a file; it ends with the object.
+/// A program that runs beside the test, another process on the bus, its output in a file; it ends with the object.
 class Peer {
 public:
     explicit Peer(const std::string& command) {
@@ -166,32 +166,6 @@ TEST_F(Jin, the_interface_goes_and_comes_back) {
         EXPECT_TRUE(a.has_address(0x80) && b.has_address(0x20));
         b.heard.clear();
         talk(a, b, 0xFF00, few);
-    }
-}
-
-/// What the next test starts as another process: says whatever it hears back to who said it.
-TEST(Peer_process, DISABLED_echoes) {
-    Socket_node node(weak, 0x20);
-    for (JIN_grow_message m;; usleep(1000)) {
-        if (!node.inbox.receive(m) || m.pgn != 0xEF00) continue;
-        m.destination = m.source;
-        node.sends(m);
-    }
-}
-
-TEST_F(Jin, another_process) {
-    Socket_node a(strong, 0x20); // which the other wants, too
-    ASSERT_TRUE(a.has_address(0x20));
-    Peer other(std::filesystem::read_symlink("/proc/self/exe").string() +
-               " --gtest_also_run_disabled_tests --gtest_filter=Peer_process.*");
-    JIN_name name;
-    EXPECT_TRUE(wait_until([&] { return a.stack.name_of(0xD0, name) && name == weak; }));
-    for (const std::string& bytes : {few, longer}) {
-        EXPECT_TRUE(wait_until([&] { // it answers when the claim has stood for a while
-            a.send(message(0xEF00, bytes, 0xD0));
-            return (a.heard += a.received()).find(text_of_message(message(0xEF00, bytes, 0x20, 0xD0))) !=
-                   std::string::npos;
-        }));
     }
 }
 
