@@ -51,8 +51,8 @@ TEST_F(cds_view, shows_a_block_over_a_socket_and_over_a_line) {
 
 TEST_F(cds_view, sets_what_the_controller_allows) {
     Controller c;
-    EXPECT_EQ(answer("cds_view socket --set engine.speed=0x10 --set label=x=y"),
-              "0 engine.speed = 16\nlabel = \"x=y\"\n");
+    EXPECT_EQ(answer("cds_view socket --set engine.speed=0x10 --set label=longer --set label=x=y"),
+              "0 engine.speed = 16\nlabel = \"x=y\"\nlabel = \"x=y\"\n");
     EXPECT_EQ(answer("cds_view socket --set levels=9,8"),
               "0 levels[0] = 9\nlevels[1] = 8\nlevels[2] = 3\nlevels[3] = 65535\n");
     {
