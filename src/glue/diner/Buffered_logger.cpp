@@ -66,7 +66,10 @@ bool Buffered_logger::leave_notice() {
 
 /// The 1 is a flag: how much was dropped is not told.
 void Buffered_logger::print_notices(uint32_t n) {
-    for (uint32_t i = 0; i < std::min(n, max_notices); ++i) Debug_print::bprint("**%i CHARS DROPPED**", 1);
+    if (n == 0) return;
+    constexpr char notice[] = "**1 CHARS DROPPED**";
+    for (uint32_t i = 1; i < std::min(n, max_notices); ++i) Debug_print::printd(notice, sizeof notice - 1);
+    Debug_print::bprint("%s", notice); // one flush for all
     if (n > max_notices) Debug_print::bprint("**%i CHARS DROPPED** x %u", 1, static_cast<unsigned>(n - max_notices));
 }
 
@@ -87,13 +90,13 @@ uint32_t Buffered_logger::number(uint64_t notices) {
     return static_cast<uint32_t>(std::min<uint64_t>(notices / one_notice, UINT_MAX));
 }
 
-/// Move the oldest piece out of the ring, and the notices.
-Buffered_logger::Piece Buffered_logger::take(char* text) {
+/// Move the oldest piece out of the ring, and the notices `with_notices`.
+Buffered_logger::Piece Buffered_logger::take(char* text, bool with_notices) {
     const Scoped_lock held(_mutex);
     const uint32_t n = _ring.peek(0, reinterpret_cast<unsigned char*>(text), piece);
     _ring.drop(n);
     _used.store(_ring.used(), std::memory_order_release);
-    return {n, _ring.used(), number(_notices.exchange(printing, std::memory_order_acq_rel))};
+    return {n, _ring.used(), with_notices ? number(_notices.exchange(printing, std::memory_order_acq_rel)) : 0};
 }
 
 /// The notices left since the last piece. When there are none nobody leaves any from now on.
@@ -109,13 +112,16 @@ void Buffered_logger::handle_event(waiter_event& event) {
     if (!std::exchange(_scheduled, true)) leave_the_core_to_callers();
     char text[piece + 1];
     Piece taken;
+    uint32_t since_notices = 0; // [bytes]: in a flood, notices at each piece would leave the text little of the output
     do {
-        taken = take(text);
+        taken = take(text, since_notices == 0);
         // Printed without the lock: appenders do not wait for it.
         print_notices(taken.notices);
         if (taken.length == 0) break;
         text[taken.length] = 0;
         Debug_print::printd(text, static_cast<int>(taken.length));
+        since_notices += taken.length;
+        if (since_notices >= _capacity) since_notices = 0;
     } while (taken.left > 0);
     while (const uint32_t notices = end_printing()) print_notices(notices);
 }

@@ -58,7 +58,7 @@ private:
         uint32_t left;   ///< [bytes] that stay in the ring
         uint32_t notices;
     };
-    Piece take(char* text);
+    Piece take(char* text, bool with_notices);
     bool leave_notice();
     uint32_t end_printing();
     static uint32_t number(uint64_t notices);
