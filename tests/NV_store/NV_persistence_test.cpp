@@ -294,6 +294,8 @@ TEST(NV_buffer, Moves_all_or_nothing) {
     EXPECT_VALUES("false 7", it.pop_uint32(word), word) << "a failed pop leaves its target";
     EXPECT_VALUES("false false", it.peek_bytes(data, 4), it.pop_bytes(data, -1));
     it.reset_reading();
+    NV_iterator::NV_iterator_header h;
+    EXPECT_VALUES(texts(true, 1, 0x0403), it.peek_header(h), h.type_byte, h.id);
     EXPECT_VALUES(texts(true, 0x04030201u), it.pop_uint32(word), word);
     it.reset_writing();
     EXPECT_VALUES("false true", it.pop_uint8(byte), it.push_uint32(5)) << "no longer readable, and empty";
