@@ -61,6 +61,28 @@ TEST(Diner, counts_each_of_many_wake_ups_and_handles_each_event_among_them) {
     }
 }
 
+TEST(Diner, keeps_the_tokens_of_events_when_a_handler_has_taken_one_itself) {
+    struct Taking : Test_diner<> {
+        void handle_event(waiter_event& e) override {
+            if (e.module_id == 2000) seen += e.id;
+            if (e.module_id == 2000 || std::exchange(taken, true)) return;
+            for (int id : {1, 10, 100}) post(id);
+            waiter_event own;
+            waiter.get_event(&own);
+            handle_event(own);
+            merge_wake_ups(e);
+            --posted; // the loop does not count it
+        }
+        bool taken = false;
+        std::atomic<int> seen{0};
+    } d;
+    d.begin(false, true);
+    d.wake();
+    EXPECT_TRUE(d.idle());
+    d.terminate(true);
+    EXPECT_EQ(d.seen, 111);
+}
+
 TEST(Diner, prints_and_flushes_what_its_debug_level_asks_for) {
     // What is printed of an event and of a timeout: - nothing, p it, f it and flushes.
     const std::map<unsigned char, std::string> outputs = {{0, "--"},   {10, "p-"},  {11, "-p"},  {12, "--"},

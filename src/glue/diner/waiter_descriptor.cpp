@@ -135,9 +135,9 @@ int waiter_descriptor::get_event(waiter_event* out, const Atime& deadline) {
 
 uint32_t waiter_descriptor::take_more_anonymous(const waiter_event& taken) {
     // A posted event that looks like a wake-up has been counted. Behind a true one the queue was empty when all tokens
-    // that have been drawn were given, so none of them is an event's.
+    // that have been drawn were given, so none of them is an event's; unless a handler has taken an event since.
     const waiter_event& a = module_man::EVENT_ANONYMOUS;
-    if (taken.module_id != a.module_id || taken.id != a.id || taken.repeat != 0) return 0;
+    if (taken.module_id != a.module_id || taken.id != a.id || taken.repeat != 0 || _taken_number != 0) return 0;
     return static_cast<uint32_t>(_tokens.take_drawn());
 }
 
