@@ -59,9 +59,10 @@ void Diner_selector::leave(Diner& d) {
     halt(d);
 }
 
-/// A diner that was started, but has not run yet, is in the same state as one that was not.
+/// A diner that was started, but has not run yet, is in the same state as one that was not; it may begin to run just
+/// before its start is taken back.
 void Diner_selector::halt(Diner& d) {
-    if (d.stop() != 0) d.withdraw_start();
+    if (d.stop() != 0 && !d.withdraw_start()) d.stop();
 }
 
 int Diner_selector::select_diner(int index) {
