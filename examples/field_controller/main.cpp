@@ -215,7 +215,9 @@ bool run(const Arguments& arguments, Simulated_line* pty, const std::string& fol
              "decimetres),\n"
              "and how many faults were recorded. \"Unexpected msg\" is the parser's line when it meets a header that "
              "the\n"
-             "line has spoilt, as the simulator does on purpose.\n");
+             "line has spoilt, as the simulator does on purpose. \"Clock_watch\": the machine's clock begins in 1970, "
+             "and the\n"
+             "receiver sets it.\n");
     }
     // Now that somebody is woken by what comes.
     const std::string device = pty ? pty->device : arguments.comm;
