@@ -221,7 +221,7 @@ TEST_F(Selected, are_copied_in_order) {
     }
 }
 
-/// With a diner that is younger than the list, so it is destroyed before it. Those with a lock see stress/diner_ends.
+/// With a diner that is younger than the list, so it is destroyed before it. Those with a lock see stress/diners.
 void exit_in_handler() {
     Diner_info_list::get();
     static Test_diner<Diner> without_lock;
