@@ -13,9 +13,14 @@
 
 #ifdef KAV_TSAN
 #include <sanitizer/tsan_interface.h>
+extern "C" void AnnotateIgnoreWritesBegin(const char* file, int line); // no header has these two
+extern "C" void AnnotateIgnoreWritesEnd(const char* file, int line);
 namespace Util::tsan {
 inline void acquire(const void* at) { __tsan_acquire(const_cast<void*>(at)); }
 inline void release(const void* at) { __tsan_release(const_cast<void*>(at)); }
+/// What is written between these two on this thread, a block's allocation too, counts as handed over in order.
+inline void ignore_writes_begin() { AnnotateIgnoreWritesBegin(__FILE__, __LINE__); }
+inline void ignore_writes_end() { AnnotateIgnoreWritesEnd(__FILE__, __LINE__); }
 inline void mutex_create(const void* m) { __tsan_mutex_create(const_cast<void*>(m), 0); }
 inline void mutex_destroy(const void* m) { __tsan_mutex_destroy(const_cast<void*>(m), 0); }
 inline void mutex_pre_lock(const void* m) { __tsan_mutex_pre_lock(const_cast<void*>(m), 0); }
@@ -32,6 +37,8 @@ inline void mutex_post_unlock(const void* m) { __tsan_mutex_post_unlock(const_ca
 namespace Util::tsan {
 inline void acquire(const void*) {}
 inline void release(const void*) {}
+inline void ignore_writes_begin() {}
+inline void ignore_writes_end() {}
 inline void mutex_create(const void*) {}
 inline void mutex_destroy(const void*) {}
 inline void mutex_pre_lock(const void*) {}

@@ -284,7 +284,8 @@ bool waiter_descriptor::is_queued(const waiter_event& e) const {
 /// nothing is posted to a target once deinit() has returned.
 void waiter_descriptor::give_mirrored_token() {
     _tokens.give();
+    Util::tsan::ignore_writes_begin(); // Qt's queue orders it before the target's event(), where ours may be read
     auto* const event = new QEvent(static_cast<QEvent::Type>(_type));
-    Util::tsan::release(_target);
+    Util::tsan::ignore_writes_end();
     QCoreApplication::postEvent(_target, event);
 }
