@@ -26,8 +26,7 @@ public:
 private:
     static void read(int64_t t, struct timespec& now) {
         const int64_t seconds = (t >= 0 ? t : t - 999) / 1000; // before 1970 too nanoseconds count upwards
-        now.tv_sec = static_cast<time_t>(seconds);
-        now.tv_nsec = static_cast<long>(t - seconds * 1000) * 1000000;
+        now = {static_cast<time_t>(seconds), static_cast<long>(t - seconds * 1000) * 1000000};
     }
 
     inline static std::atomic<int64_t> _boot_ms{1000};

@@ -1,26 +1,20 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "glue/data_stream/Data_stream.h"
-#include "support/Temporary_folder.h"
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
+#include "support/capture.h"
+#include <numeric>
 #include <pty.h>
-#include <string>
 #include <termios.h>
-#include <unistd.h>
-#include <vector>
 
 /// A pseudo-terminal: the test holds the master end, what is tested opens the other one by its path.
 class Pty {
 public:
     Pty() {
-        char name[64];
         struct termios raw = {};
         cfmakeraw(&raw);
         int slave = -1;
-        if (openpty(&master, &slave, name, &raw, nullptr) != 0) abort();
-        path = name;
+        if (openpty(&master, &slave, nullptr, &raw, nullptr) != 0) abort();
+        path = ptsname(master);
         ::close(slave);
     }
     ~Pty() { hang_up(); }
@@ -31,10 +25,7 @@ public:
         tcgetattr(master, &settings);
         return cfgetospeed(&settings);
     }
-    void hang_up() {
-        if (master >= 0) ::close(master);
-        master = -1;
-    }
+    void hang_up() { ::close(std::exchange(master, -1)); }
     void send(const std::string& bytes) const {
         if (::write(master, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) abort();
     }
@@ -60,8 +51,8 @@ inline size_t num_descriptors() { return numbers_in("/proc/self/fd").size(); }
 inline size_t num_threads() { return numbers_in("/proc/self/task").size(); }
 
 inline std::string every_byte() {
-    std::string all;
-    for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
+    std::string all(256, 0);
+    std::iota(all.begin(), all.end(), 0);
     return all;
 }
 
@@ -79,7 +70,5 @@ inline std::string take(Data_stream& s) {
 
 /// The debugging name that a stream should have, cut as it is.
 inline std::string stream_name(const char* type, const Data_stream& s, const std::string& rest) {
-    char text[Data_stream::name_size];
-    snprintf(text, sizeof text, "%s(%p%s)", type, static_cast<const void*>(&s), rest.c_str());
-    return text;
+    return text_of("%s(%p%s)", type, static_cast<const void*>(&s), rest.c_str()).substr(0, Data_stream::name_size - 1);
 }

@@ -49,14 +49,8 @@ public:
     bool in_state(int s) {
         return wait_until([this, s] { return this->state == s; });
     }
-    void post(int id) {
-        ++posted;
-        this->waiter.send_event(waiter_event(2000, id, 0));
-    }
-    void wake() {
-        ++posted;
-        this->waiter.send_anonymous_event();
-    }
+    void post(int id) { ++posted, this->waiter.send_event(waiter_event(2000, id, 0)); }
+    void wake() { ++posted, this->waiter.send_anonymous_event(); }
     /// Nothing is posted to it that it has not handled.
     bool idle() {
         return wait_until([this] { return this->info.event_count == static_cast<uint32_t>(posted.load()); });

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "support/allocations.h"
-#include <atomic>
-#include <cstddef>
+#include "support/test.h"
 
 static std::atomic<long> blocks{0};
 

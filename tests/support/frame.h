@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include <cstdint>
-#include <cstdio>
+#include "support/capture.h"
 #include <cstring>
 #include <memory>
-#include <string>
 
 /// Builds a receiver frame byte by byte, without the library's help: identifier, three length digits, little-endian
 /// fields, checksum.
@@ -26,10 +24,7 @@ public:
         return (add(static_cast<float>(v)), ...);
     }
     Frame& f8(double v) { return add(v); }
-    Frame& text(const std::string& s) {
-        _body += s;
-        return *this;
-    }
+    Frame& text(const std::string& s) { return _body += s, *this; }
 
     /// The frame with its checksum as the last byte of the body.
     std::string str() const {
@@ -45,16 +40,9 @@ private:
     // Tests run on little-endian hosts.
     template <class T>
     Frame& add(T v) {
-        char bytes[sizeof v];
-        std::memcpy(bytes, &v, sizeof v);
-        _body.append(bytes, sizeof v);
-        return *this;
+        return text(std::string(reinterpret_cast<const char*>(&v), sizeof v));
     }
-    std::string head(size_t length) const {
-        char digits[8];
-        std::snprintf(digits, sizeof digits, "%03X", static_cast<unsigned>(length));
-        return _id + digits;
-    }
+    std::string head(size_t length) const { return _id + text_of("%03X", static_cast<unsigned>(length)); }
     static unsigned rotated(unsigned v) { return (v << 2 | v >> 6) & 0xFF; }
 
     std::string _id, _body;

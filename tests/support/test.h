@@ -3,14 +3,9 @@
 // helpers that depend on no subsystem.
 #pragma once
 #include "support/Manual_clock.h"
-#include "support/Temporary_folder.h"
-#include "support/allocations.h"
 #include "support/capture.h"
-#include "support/child.h"
-#include "support/nightly.h"
 #include "support/wait_until.h"
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -30,25 +25,25 @@
 #include <sys/wait.h>
 #include <tuple>
 
+/// Heap blocks that all threads of the program have asked for so far. Take the difference over what must not allocate,
+/// after one round that warms up whatever is built on first use.
+long allocations();
+
+/// Whether the program was started with --nightly: many rounds instead of a few.
+inline bool nightly() { return read_file("/proc/self/cmdline").find("--nightly") != std::string::npos; }
+
 /// A value as a text: a number, "true" or "false", an address or "null", a text as it is.
 struct Value {
+    Value(const std::string& v) : text(v) {}
+    Value(const char* v) : text(v ? v : "null") {}
+    Value(const void* v) : text(v ? text_of("%p", v) : "null") {}
+    Value(std::nullptr_t) : text("null") {}
+    Value(bool v) : text(v ? "true" : "false") {}
+    Value(double v) : text(text_of("%.17g", v)) {}
+    template <class T, class = std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>>>
+    Value(T v) : text(std::to_string(static_cast<long long>(v))) {}
     template <class T>
-    Value(const T& v) {
-        if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, std::atomic<bool>>)
-            text = v ? "true" : "false";
-        else if constexpr (std::is_null_pointer_v<T>)
-            text = "null";
-        else if constexpr (std::is_pointer_v<T> && std::is_convertible_v<T, const char*>)
-            text = v ? v : "null";
-        else if constexpr (std::is_convertible_v<T, std::string>)
-            text = v;
-        else if constexpr (std::is_pointer_v<T>)
-            text = v ? text_of("%p", static_cast<const void*>(v)) : "null";
-        else if constexpr (std::is_floating_point_v<T>)
-            text = text_of("%.17g", static_cast<double>(v));
-        else
-            text = std::to_string(static_cast<long long>(v));
-    }
+    Value(const std::atomic<T>& v) : Value(v.load()) {}
     std::string text;
 };
 

@@ -7,9 +7,8 @@
 template <class Condition>
 bool wait_until(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
     const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) return condition();
+    bool met = condition();
+    for (; !met && std::chrono::steady_clock::now() < end; met = condition())
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return met;
 }
