@@ -45,9 +45,18 @@ struct Machine : NV_root {
     NV_pointer shown{this, 13, "shown"};
 };
 
-struct Flash {
-    explicit Flash(const Temporary_folder& folder) { EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20)); }
-    ~Flash() { Pcf_host::unmount(); }
+/// The stores of a program that works in a folder.
+struct Program {
+    explicit Program(const Temporary_folder& f) : folder(f) {
+        EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20));
+        manager.emplace(nullptr);
+    }
+    ~Program() { manager.reset(), Pcf_host::unmount(); }
+    const Temporary_folder& folder;
+    Machine machine;
+    NV_safe_store store{machine, folder.file("settings.nv").c_str()};
+    std::optional<Driven_manager> manager;
+    File_checksummed_data_stream gain;
 };
 
 TEST(Releases, each_version_s_files_are_read) {
@@ -56,12 +65,10 @@ TEST(Releases, each_version_s_files_are_read) {
         SCOPED_TRACE(release.path());
         const Temporary_folder folder; // the originals stay as they are
         for (const char* file : files) fs::copy(release.path() / file, folder.path);
-
-        Machine machine;
-        NV_safe_store store(machine, folder.file("settings.nv").c_str());
-        EXPECT_VALUES("loaded 0", to_text(store.load()), store.get_dropped());
-        EXPECT_EQ(export_text(machine), pulses + "121" + others);
-        EXPECT_TRUE(File_checksummed_data_stream().open_read(folder.file("gain.txt").c_str()));
+        Program p(folder);
+        EXPECT_VALUES("loaded 0", to_text(p.store.load()), p.store.get_dropped());
+        EXPECT_EQ(export_text(p.machine), pulses + "121" + others);
+        EXPECT_TRUE(p.gain.open_read(folder.file("gain.txt").c_str()));
 
         struct : Diagnostic_history {
             void output(unsigned char src, unsigned short a, unsigned short b, unsigned s, unsigned short ms) override {
@@ -70,44 +77,33 @@ TEST(Releases, each_version_s_files_are_read) {
             bool check_ready() override { return true; }
             std::string text;
         } replayed;
-        const Flash flash(folder);
-        Driven_manager manager(nullptr);
-        EXPECT_EQ(manager.keep_codes_in(folder.file("codes.txt").c_str()), Safe_result::loaded);
-        manager.turn();
-        EXPECT_TRUE(manager.request_history(&replayed));
-        while (!replayed.is_done()) manager.turn();
+        EXPECT_EQ(p.manager->keep_codes_in(folder.file("codes.txt").c_str()), Safe_result::loaded);
+        EXPECT_TRUE(p.manager->request_history(&replayed));
+        while (!replayed.is_done()) p.manager->turn();
         EXPECT_EQ(replayed.text, "128 17 1201 1700000000 500\n254 287 1234 1700000000 500\n");
     }
 }
 
 TEST(Releases, what_is_written_now_are_the_bytes_of_the_newest_folder) {
     const Temporary_folder folder;
-    Machine machine;
-    NV_safe_store store(machine, folder.file("settings.nv").c_str());
-    EXPECT_EQ(import_text(machine, pulses + "120" + others).error, "");
-    EXPECT_EQ(store.save(), Safe_result::saved);
-    machine.wheel.pulses.set(121);
-    EXPECT_EQ(store.save_changes(), Safe_result::saved);
-
-    File_checksummed_data_stream file;
-    ASSERT_TRUE(file.open_write(folder.file("gain.txt").c_str()));
-    file._write(reinterpret_cast<const unsigned char*>("gain = 0.75"), 11);
-    file.close_write();
-    {
-        const Manual_clock clock(1700000000, 500);
-        const Flash flash(folder);
-        Driven_manager manager(nullptr);
-        manager.keep_codes_in(folder.file("codes.txt").c_str());
-        manager.log_error(0x80, 17, 1201);
-        manager.set_active(1234, 31);
-        manager.turn();
-        manager.save_codes();
-    }
-    std::string newest;
+    const Manual_clock clock(1700000000, 500);
+    Program p(folder);
+    EXPECT_EQ(import_text(p.machine, pulses + "120" + others).error, "");
+    EXPECT_EQ(p.store.save(), Safe_result::saved);
+    p.machine.wheel.pulses.set(121);
+    EXPECT_EQ(p.store.save_changes(), Safe_result::saved);
+    ASSERT_TRUE(p.gain.open_write(folder.file("gain.txt").c_str()));
+    p.gain._write(reinterpret_cast<const unsigned char*>("gain = 0.75"), 11);
+    p.gain.close_write();
+    p.manager->keep_codes_in(folder.file("codes.txt").c_str());
+    p.manager->log_error(0x80, 17, 1201);
+    p.manager->set_active(1234, 31);
+    p.manager->turn();
+    p.manager->save_codes();
+    fs::path newest;
     for (const auto& release : fs::directory_iterator(RELEASES))
-        if (release.is_directory()) newest = std::max(newest, release.path().string());
-    for (const char* file_name : files)
-        EXPECT_EQ(read_file(folder.file(file_name)), read_file(newest + "/" + file_name)) << file_name;
+        if (release.is_directory()) newest = std::max(newest, release.path());
+    for (const char* file : files) EXPECT_EQ(read_file(folder.file(file)), read_file(newest / file)) << file;
 }
 
 } // namespace

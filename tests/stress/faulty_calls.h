@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <functional>
 #include <set>
 #include <string>
 #include <sys/stat.h>
@@ -11,13 +13,14 @@
 
 /// Stands in for the system calls that read and change files, in a program that includes this once: the nth of them
 /// ends the process or fails, and what is renamed or left without having been synced is noted. Where the medium has no
-/// links they fail besides.
+/// links they fail besides. Or each read and write moves one byte.
 namespace Faulty {
 
-enum Kind { none, cut_before, cut_without_links, error_once, error_for_ever };
+enum Kind { none, cut_before, cut_without_links, error_once, error_for_ever, one_byte };
 constexpr int cut_status = 99;
 
 inline bool armed = false;
+inline std::function<void()> watch; ///< is called before each
 inline Kind kind;
 inline int nth, error;           ///< which call, from 1 on; errno of a failing one
 inline int calls;                ///< counted since arm()
@@ -33,11 +36,14 @@ inline void arm(Kind k, int which, int reason = 0) {
 template <class Real>
 auto call(Real real) -> decltype(real()) {
     if (!armed) return real();
+    if (watch) watch();
     const bool due = ++calls == nth;
     if (due && (kind == cut_before || kind == cut_without_links)) _exit(cut_status);
     if ((due && kind == error_once) || (calls >= nth && kind == error_for_ever)) return errno = error, -1;
     return real();
 }
+
+inline size_t room(size_t n) { return armed && kind == one_byte ? std::min<size_t>(n, 1) : n; }
 
 inline ino_t inode(int folder, const char* path = "") {
     struct stat s;
@@ -70,12 +76,13 @@ inline void renamed(int from_folder, const char* from, int to_folder, const char
 #define FAULTY_CHANGE(type, name, real_name, parameters, arguments)                                                    \
     FAULTY_CALL(type, name, real_name, parameters, arguments, Faulty::unsynced.insert(Faulty::inode(fd)))
 
-FAULTY_CHANGE(ssize_t, write, "write", (int fd, const void* data, size_t n), (fd, data, n))
-FAULTY_CHANGE(ssize_t, pwrite, "pwrite64", (int fd, const void* data, size_t n, off_t at), (fd, data, n, at))
+FAULTY_CHANGE(ssize_t, write, "write", (int fd, const void* data, size_t n), (fd, data, Faulty::room(n)))
+FAULTY_CHANGE(ssize_t, pwrite, "pwrite64", (int fd, const void* data, size_t n, off_t at),
+              (fd, data, Faulty::room(n), at))
 FAULTY_CHANGE(int, ftruncate, "ftruncate64", (int fd, off_t size) noexcept, (fd, size))
 FAULTY_CALL(int, fsync, "fsync", (int fd), (fd), Faulty::unsynced.erase(Faulty::inode(fd)))
-FAULTY_CALL(ssize_t, read, "read", (int fd, void* to, size_t n), (fd, to, n), )
-FAULTY_CALL(ssize_t, pread, "pread64", (int fd, void* to, size_t n, off_t at), (fd, to, n, at), )
+FAULTY_CALL(ssize_t, read, "read", (int fd, void* to, size_t n), (fd, to, Faulty::room(n)), )
+FAULTY_CALL(ssize_t, pread, "pread64", (int fd, void* to, size_t n, off_t at), (fd, to, Faulty::room(n), at), )
 FAULTY_CALL(int, close, "close", (int fd), (fd), )
 FAULTY_CALL(int, rename, "rename", (const char* from, const char* to) noexcept, (from, to),
             Faulty::renamed(AT_FDCWD, from, AT_FDCWD, to))
