@@ -19,17 +19,11 @@ TEST(Receive_buffer, Reads_headers_and_nothing_when_it_is_short) {
     unsigned short id;
     int length = 0;
     EXPECT_VALUES(texts(true, 0x25, 0x1A, 7), in.pop_item(type, id, length), type, id, length);
-    EXPECT_EQ(std::string(in.position - 7, in.position), "my_name");
-    EXPECT_VALUES("true 1", in.field_sep(), in.remaining);
-    EXPECT_FALSE(in.pop_one()) << "the zero behind it";
-    EXPECT_VALUES("false false false false", in.field_sep(), in.struct_start(), in.struct_finish(), in.pop_one());
+    EXPECT_VALUES("true 1 false", in.field_sep(), in.remaining, in.pop_one()) << "the zero behind it";
+    EXPECT_VALUES("false false", in.field_sep(), in.pop_one());
     // The byte alone decides.
-    EXPECT_VALUES("true true true", Receive_buffer("{", 0).struct_start(), Receive_buffer("}", 0).struct_finish(),
-                  Receive_buffer(",", 0).field_sep());
-    for (const char* bad : {"25-1a:x", "25:", ":1a:x", "zz:1:x", ""}) {
-        Receive_buffer broken(bad, static_cast<int>(strlen(bad)));
-        EXPECT_VALUES("false false", broken.pop_item(type, id, length), broken.position != bad) << bad;
-    }
+    EXPECT_VALUES("true true false", Receive_buffer("{", 0).struct_start(), Receive_buffer("}", 0).struct_finish(),
+                  Receive_buffer(",", 0).struct_finish());
 }
 
 TEST(Structure, Is_read_from_untrusted_text) {
@@ -40,44 +34,41 @@ TEST(Structure, Is_read_from_untrusted_text) {
             return text != "stop ";
         }
         std::string text;
+    } names;
+    const auto read = [&](const std::string& text) {
+        const auto exact = exact_copy(text); // no zero behind it
+        names.text.clear();
+        return read_structure(reinterpret_cast<char*>(exact.get()), static_cast<int>(text.size()), names);
     };
+    const std::string whole = "1:1:a{1:2:b.c{},1:3:c{4:4:d e}}";
+    EXPECT_EQ(read(whole), structure_complete);
+    EXPECT_EQ(names.text, "a{ >b.c{ >c{ >>d e ");
+    for (size_t n = 0; n < whole.size(); ++n)
+        EXPECT_EQ(read(whole.substr(0, n)), n == 4 || n == 5 ? structure_complete : structure_cut) << n;
     std::string nested, ended;
     for (int i = 0; i < 64; ++i) nested += "1:1:{", ended += "}";
-    const std::tuple<std::string, Structure_result, const char*> table[] = {
-        {"1:1:a{1:2:b.c{},1:3:c{4:4:d e}}", structure_complete, "a{ >b.c{ >c{ >>d e "},
-        {"4:1:stop,", structure_stopped, "stop "},
-        {"4:1:x,4:2:y", structure_malformed, "x "},
-        {"1:1:a{4:2:b,4:c", structure_cut, "a{ >b "},
-        {"1:1:a{4:2:b,zz", structure_malformed, "a{ >b "},
-        {"1:1:a}", structure_malformed, "a "},
-        {"", structure_cut, ""},
-        {nested + ended, structure_complete, nullptr},
-        {nested + "1:1:{", structure_malformed, nullptr}};
-    for (const auto& [text, result, expected] : table) {
-        const auto exact = exact_copy(text); // no zero behind it
-        Names names;
-        EXPECT_EQ(read_structure(reinterpret_cast<char*>(exact.get()), static_cast<int>(text.size()), names), result)
-            << text;
-        EXPECT_EQ(names.text, expected ? expected : names.text) << text;
-    }
+    EXPECT_VALUES(texts(structure_complete, structure_malformed), read(nested + ended), read(nested + "1:1:{"));
+    EXPECT_EQ(read("4:1:stop,"), structure_stopped);
+    for (const char* bad : {"4:1:x,4:2:y", "1:1:a{4:2:b,zz", "1:1:a}", "25-1a:x", ":1a:x", "4:z:x"})
+        EXPECT_EQ(read(bad), structure_malformed) << bad;
 }
 
+// The settings' own text form is read by the same rules.
 TEST(Value_text, Is_read_back_as_it_was_written_and_refused_otherwise) {
     using I = Data_item;
     const std::tuple<I::item_type_t, const char*, const char*> table[] = {
-        {I::item_bool, "true", "true"},      {I::item_bool, "0", "false"},          {I::item_bool, "yes", "refused"},
-        {I::item_char, "200", "200"},        {I::item_int16, "-0x8000", "refused"}, {I::item_int16, "-32768", "-32768"},
-        {I::item_int16, "32768", "refused"}, {I::item_uint16, "0xFfff", "65535"},   {I::item_uint8, "-1", "refused"},
-        {I::item_uint64, "+7", "7"},         {I::item_float, "0.1", "0.1"},         {I::item_double, "1e300", "1e+300"},
-        {I::item_float, "1e300", "refused"}, {I::item_int32, "12 ", "refused"},     {I::item_int32, "", "refused"},
-        {I::item_int8, "0X1F", "31"},        {I::item_int8, "0x-5", "refused"},     {I::item_struct, "1", "refused"}};
+        {I::item_bool, "1", "true"},         {I::item_bool, "0", "false"},        {I::item_bool, "+1", "refused"},
+        {I::item_char, "200", "200"},        {I::item_int16, "32768", "refused"}, {I::item_int16, "-32768", "-32768"},
+        {I::item_float, "0.1", "0.1"},       {I::item_uint64, "+7", "7"},         {I::item_int16, "+-7", "refused"},
+        {I::item_double, "1e300", "1e+300"}, {I::item_int8, "0X1F", "31"},        {I::item_float, "1e300", "refused"},
+        {I::item_struct, "1", "refused"}};
     for (const auto& [type, text, expected] : table) {
         char bytes[8];
         Send_buffer out(bytes, 0, sizeof bytes);
         std::string again = append_text(out, type, text) ? "unread" : "refused";
         Receive_buffer in(bytes, static_cast<int>(out.position - bytes));
         EXPECT_EQ(in.remaining, again == "refused" ? 0 : value_width(type)) << text;
-        if (in.remaining) EXPECT_TRUE(pop_text(in, type, again)) << text;
+        pop_text(in, type, again);
         EXPECT_EQ(again, expected) << text;
     }
 }
@@ -102,27 +93,23 @@ TEST(Text, Is_read_and_written_as_the_type_takes_it) {
     EXPECT_EQ(read<int>({"3000000000", "-3000000000"}), "2147483647:10 -2147483648:11 ");
     EXPECT_EQ(read<unsigned int>({"-1", "99999999999"}), "4294967295:2 4294967295:11 ");
     EXPECT_EQ(read<signed char>({"200"}) + read<char>({"200"}), "-56:3 200:3 ");
-    EXPECT_EQ(read<long>({"-2147483647"}) + read<unsigned long>({"4294967295"}), "-2147483647:11 4294967295:10 ");
     EXPECT_EQ(read<long long>({"-9000000000"}), "-9000000000:11 ");
     EXPECT_EQ(read<unsigned long long>({"0xFFFFFFFFFFFFFFFF"}), "18446744073709551615:18 ");
     EXPECT_EQ(read<double>({"2.5e3x", "x"}) + read<float>({"0.1"}), "2500:5 0:null 0.1:3 ");
     EXPECT_EQ(read<bool>({"yes", "True", "2", "?", ""}, false), "true:1 true:1 true:1 false:null false:null ");
     EXPECT_EQ(read<bool>({"no", "F", "0", "?", ""}, true), "false:1 false:1 false:1 true:null true:null ");
-    char cut[3] = {'x', 'x', 'x'};
-    const int five_digits = 12345;
-    const Data_item_stringify<int> number(&five_digits);
-    EXPECT_VALUES("5 12 0", number.to_string(cut, 3), cut, number.to_string(cut, 0)) << "the length it would have";
-}
-
-TEST(Text, A_char_array_is_read_from_brackets_and_filled_with_zeros) {
-    std::string all;
+    std::string arrays;
     for (const std::string text : {"[ab]", "[abcd]", "[abcde]", "ab", "[ab]c", "[ab"}) {
         std::string array = "xxxx";
         const char* const end = Data_item_array_destringify<char>(array.data(), 4).from_string(text.c_str());
         std::replace(array.begin(), array.end(), '\0', '.');
-        all += array + (!end ? ":null " : end == text.c_str() + text.size() ? ":end " : ":?");
+        arrays += array + (!end ? ":null " : end == text.c_str() + text.size() ? ":end " : ":?");
     }
-    EXPECT_EQ(all, "ab..:end abcd:end abcd:null xxxx:null ab..:null ab..:null ");
+    EXPECT_EQ(arrays, "ab..:end abcd:end abcd:null xxxx:null ab..:null ab..:null ");
+    char cut[3] = {'x', 'x', 'x'};
+    const int five_digits = 12345;
+    const Data_item_stringify<int> number(&five_digits);
+    EXPECT_VALUES("5 12 0", number.to_string(cut, 3), cut, number.to_string(cut, 0)) << "the length it would have";
 }
 
 TEST(Data_item, Identifiers_are_exhausted_once_and_a_structure_description_is_a_must) {
