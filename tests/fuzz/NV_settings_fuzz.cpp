@@ -37,10 +37,8 @@ void fuzz_image(const std::string& bytes) {
 void fuzz_text(const std::string& text) {
     Settings settings(&Diner_info_list::get());
     const std::string before = export_text(settings);
-    if (!import_text(settings, text).good()) {
-        require(export_text(settings) == before, "a refused text changes nothing");
-        return;
-    }
+    if (!import_text(settings, text).good())
+        return require(export_text(settings) == before, "a refused text changes nothing");
     const std::string after = export_text(settings);
     Settings again(&Diner_info_list::get());
     require(import_text(again, after).good() && export_text(again) == after, "what is written is read back");
@@ -50,8 +48,5 @@ void fuzz_text(const std::string& text) {
 
 void fuzz(Input in) {
     Data_item::lookup_max_id = 1; // the same identifiers each time
-    if (in.next() == 'i')
-        fuzz_image(in.rest());
-    else
-        fuzz_text(in.rest());
+    in.next() == 'i' ? fuzz_image(in.rest()) : fuzz_text(in.rest());
 }
