@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include "glue/vorn/Vorn_parser.h"
+#include "glue/vorn/Vorn_checkers.h"
 #include "support/capture.h"
 #include <algorithm>
 #include <cstring>
@@ -26,11 +26,10 @@ public:
     bool get_data(int n) override {
         ++fetches;
         if (stream_lock) stream_lock->check(Mutex::status_mine);
-        if (_manner == pushed) return false;
-        for (const uint32_t wanted = buffer.used() + static_cast<uint32_t>(n);;) {
-            const bool more = read() > 0 && _manner == pulled;
-            if (!more || buffer.used() >= wanted) return buffer.used() >= wanted;
-        }
+        const uint32_t wanted = buffer.used() + static_cast<uint32_t>(n);
+        bool more = _manner != pushed;
+        while (more && buffer.used() < wanted) more = read() > 0 && _manner == pulled;
+        return buffer.used() >= wanted;
     }
     using Data_stream::get_data;
     unsigned _write(const unsigned char*, unsigned) override { return 0; }
@@ -64,78 +63,69 @@ private:
 };
 
 /// The parser as its rules are told, one byte at a time through the stream's public operations.
-class Parser_model {
-public:
-    Parser_model(Fed_stream& s, Vorn_parser::Checker* c) : _s(s), _checker(c) {}
-
-    int get_packet(unsigned char* buf, int buf_size, int& len) {
-        len = 0;
-        const auto room = static_cast<unsigned>(std::max(buf_size, 0));
-        while (_s.bytes_avail(5u)) {
+struct Parser_model {
+    int get_packet(std::string& packet, size_t room) {
+        packet.clear();
+        while (s.bytes_avail(5u)) {
             if (!synced) {
                 unsigned i = 0;
                 for (; i < 4190 && !newline(i); ++i) {
-                    if (!_s.bytes_avail(i)) return 0;
+                    if (!s.bytes_avail(i)) return 0;
                 }
-                if (i == 4190 && !_s.drop(4190)) return 0;
+                if (i == 4190 && !s.drop(4190)) return 0;
                 if (i == 4190) continue;
                 synced = 1;
                 while (i + 1 < 4200 && newline(i + 1)) ++i;
-                len = move(buf, std::min(i + 1, room));
+                move(packet, i + 1, room);
                 return 3;
             }
-            const unsigned char a = _s[0], b = _s[1];
+            const unsigned char a = s[0], b = s[1];
             if (a < 48 || a > 126 || b < 48 || b > 126) {
-                synced = a == 0 && _s.drop(1);
+                synced = a == 0 && s.drop(1);
                 continue;
             }
-            const char digits[4] = {static_cast<char>(_s[2]), static_cast<char>(_s[3]), static_cast<char>(_s[4]), 0};
+            const char digits[4] = {static_cast<char>(s[2]), static_cast<char>(s[3]), static_cast<char>(s[4]), 0};
             const bool hex = strspn(digits, "0123456789abcdefABCDEF") == 3;
-            const unsigned total = static_cast<unsigned>(strtoul(digits, nullptr, 16)) + 5;
-            if (!hex ||
-                (_checker && !_checker->check(_s, static_cast<unsigned short>(a + 256 * b), static_cast<int>(total)))) {
-                if (!keep_on_reject) _s.drop(1);
+            const unsigned total = static_cast<unsigned>(strtoul(digits, nullptr, 16)) + 5,
+                           need = total + expect_line_end;
+            const auto accepts = [&, id = static_cast<unsigned short>(a + 256 * b)] {
+                return hex && (!checker || checker->check(s, id, static_cast<int>(total)));
+            };
+            if (accepts() && !s.bytes_avail(need)) return 0;
+            if (!accepts()) { // asked again, as it may have seen a part of it only
+                if (!keep_on_reject) s.drop(1);
                 synced = 0;
                 continue;
             }
-            const unsigned need = total + expect_line_end;
-            if (!_s.bytes_avail(need)) return 0;
             const bool reply = (a == 'R' && b == 'E') || (a == 'E' && b == 'R');
             if (expect_line_end && reply) {
-                if (_s[need - 1] == '\r' && !_s.bytes_avail(need + 1)) return 0;
-                if (_s[need] == '\n') {
-                    len = move(buf, std::min(need + 1, room));
-                    for (int zeros = 0; zeros < 2 && len < buf_size; ++zeros) buf[len++] = 0;
+                if (s[need - 1] == '\r' && !s.bytes_avail(need + 1)) return 0;
+                if (s[need] == '\n') {
+                    move(packet, need + 1, room);
+                    packet.append(std::min<size_t>(2, room - packet.size()), 0);
                     return 2;
                 }
             }
             if (expect_line_end && (reply || !newline(need - 1))) {
-                _s.drop(1);
+                s.drop(1);
                 continue;
             }
-            len = move(buf, std::min(need, room));
-            while (_s.bytes_avail(1u) && (newline(0) || _s[0] == 0)) _s.drop(1);
-            if (!expect_line_end && len < buf_size) buf[len++] = '\n';
+            move(packet, need, room);
+            while (s.bytes_avail(1u) && (newline(0) || s[0] == 0)) s.drop(1);
+            if (!expect_line_end && packet.size() < room) packet += '\n';
             return 1;
         }
         return 0;
     }
-
-    int synced = 1;
-    bool expect_line_end = true, keep_on_reject = false;
-
-private:
-    bool newline(unsigned i) { return _s.bytes_avail(i) && (_s[i] == '\r' || _s[i] == '\n'); }
-    int move(unsigned char* buf, unsigned n) {
-        for (unsigned i = 0; i < n; ++i) {
-            buf[i] = _s[0];
-            _s.drop(1);
-        }
-        return static_cast<int>(n);
+    bool newline(unsigned i) { return s.bytes_avail(i) && (s[i] == '\r' || s[i] == '\n'); }
+    void move(std::string& packet, unsigned n, size_t room) {
+        for (; n > 0 && packet.size() < room; --n, s.drop(1)) packet += static_cast<char>(s[0]);
     }
 
-    Fed_stream& _s;
-    Vorn_parser::Checker* _checker;
+    Fed_stream& s;
+    Vorn_parser::Checker* checker;
+    bool expect_line_end, keep_on_reject;
+    int synced = 1;
 };
 
 /// Refuses without sense but always the same, and uses the stream as real checkers do.
@@ -152,24 +142,31 @@ struct Session {
     Fed_stream::Manner manner = Fed_stream::pushed;
     size_t portion = SIZE_MAX;
     int buf_size = 8192;
-    bool expect_line_end = true, keep_on_reject = false, with_checker = false;
+    bool expect_line_end = true, keep_on_reject = false;
+    unsigned checker = 0; ///< none, whimsical, of lengths, of checksums; 6 and 7: the latter ones serve the parser
     unsigned meddler = 0; ///< seed of somebody else who now and then drops bytes of the stream; 0: nobody does
 };
 
 /// Run the session on both and compare each packet and what stays behind it. The first difference in words; empty when
 /// there is none.
 inline std::string difference(const Session& session) {
-    Whimsical_checker checker;
+    Whimsical_checker whimsical;
+    Vorn_length_checker by_length;
+    Vorn_checksum_checker by_checksum;
+    Vorn_parser::Checker* const checkers[] = {nullptr, &whimsical, &by_length, &by_checksum};
+    Vorn_parser::Checker* const checker = checkers[session.checker % 4];
     Fed_stream ours(session.bytes, session.manner, session.portion);
     Fed_stream theirs(session.bytes, session.manner, session.portion);
     theirs.stream_lock = nullptr; // the model would take it for each byte
     Vorn_parser parser(&ours, false);
-    Parser_model model(theirs, session.with_checker ? &checker : nullptr);
-    if (session.with_checker) parser.set_checker(&checker);
-    parser.expect_line_end = model.expect_line_end = session.expect_line_end;
-    parser.keep_on_reject = model.keep_on_reject = session.keep_on_reject;
+    if (checker) parser.set_checker(checker);
+    if (session.checker == 6) by_length.serve(parser);
+    if (session.checker == 7) by_checksum.serve(parser);
+    parser.expect_line_end = session.expect_line_end;
+    parser.keep_on_reject = session.keep_on_reject;
+    Parser_model model{theirs, checker, session.expect_line_end, session.keep_on_reject};
 
-    std::vector<unsigned char> mine(static_cast<size_t>(session.buf_size)), its(mine);
+    std::string mine(static_cast<size_t>(session.buf_size), 0), its;
     std::minstd_rand meddler(session.meddler);
     for (;;) {
         const auto deed = session.meddler ? meddler() % 64 : 0;
@@ -178,14 +175,13 @@ inline std::string difference(const Session& session) {
             if (deed == 1) s->drop_all();
             if (deed == 2) s->drop(40);
         }
-        int len, its_len;
-        const int kind = parser.get_packet(mine.data(), session.buf_size, len);
-        const int its_kind = model.get_packet(its.data(), session.buf_size, its_len);
-        const bool same_bytes = len == its_len && std::equal(mine.begin(), mine.begin() + len, its.begin());
-        if (kind != its_kind || !same_bytes || parser.synced != model.synced ||
+        int len;
+        const int kind = parser.get_packet(reinterpret_cast<unsigned char*>(&mine[0]), session.buf_size, len);
+        const int its_kind = model.get_packet(its, mine.size());
+        if (kind != its_kind || mine.substr(0, static_cast<size_t>(len)) != its || parser.synced != model.synced ||
             ours.buffer.dropped != theirs.buffer.dropped || ours.buffer.used() != theirs.buffer.used())
-            return text_of("kind %d length %d, model: kind %d length %d, before byte %llu", kind, len, its_kind,
-                           its_len, static_cast<unsigned long long>(theirs.buffer.dropped));
+            return text_of("kind %d length %d, model: kind %d length %zu, before byte %llu", kind, len, its_kind,
+                           its.size(), static_cast<unsigned long long>(theirs.buffer.dropped));
         if (kind == 0 && ours.dry()) return "";
     }
 }
