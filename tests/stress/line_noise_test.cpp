@@ -38,7 +38,6 @@ std::string wrong_speed(Random& c) {
     for (char& x : noise) x = "\x00\x80\xC0\xE0\xF0\xF8\xFC\xFE\xFF\x1E\x66\x78\x86\x98\x9E\xE6"[int(x)];
     return noise;
 }
-std::string doubled(std::string frame, size_t i) { return frame.insert(i, 1, frame[i]); }
 std::string flipped(Random& c, std::string frame) {
     frame[c(frame.size())] ^= static_cast<char>(1u << c(8));
     return frame;
@@ -55,32 +54,27 @@ const struct Fault {
     std::string (*bytes)(Random& c, std::string frame);
 } faults[] = {
     {"LF behind", harmless, true, BYTES(f + "\n")},
-    {"CR behind", harmless, true, BYTES(f + "\r")},
-    {"CR LF behind", harmless, true, BYTES(f + "\r\n")},
     {"CR LF CR LF behind", harmless, true, BYTES(f + "\r\n\r\n")},
     {"zeros before", harmless, true, BYTES(std::string(1 + c(8), 0) + f + "\r\n")},
     {"frame twice", harmless, true, BYTES(f + "\r\n" + f + "\r\n")},
     {"reply before", harmless, true, BYTES("RE007%abc%ok\r\n" + f + "\r\n")},
     {"reply without LF before", harmless, true, BYTES("RE007%abc%ok\r" + f + "\r\n")},
-    {"header of length 0", harmless, true, BYTES("EL000\r\n" + f + "\r\n")},
     {"length without digits", harmless, true, BYTES("EL0G1abc\r\n" + f + "\r\n")},
     {"1-64 bytes and LF before", harmless, true, BYTES(c.bytes(1 + c(64)) + "\n" + f + "\r\n")},
     {"1-64 bytes before", around, true, BYTES(c.bytes(1 + c(64)) + f + "\r\n")},
-    {"1-64 printable before", around, true, BYTES(c.bytes(1 + c(64), ' ', 95) + f + "\r\n")},
     {"200 bytes at a wrong speed", around, true, BYTES(wrong_speed(c) + f + "\r\n")},
     {"what looks like a header", around, true,
      BYTES(with_length(identifiers[c(9)] + std::string(3, '0'), c(4096)) + c.bytes(c(21)) + f + "\r\n")},
     {"cut", around, false, BYTES(f.substr(0, 1 + c(f.size() - 1)))},
     {"cut, line end kept", inside, false, BYTES(f.substr(0, 1 + c(f.size() - 1)) + "\r\n")},
     {"1-8 bytes lost", inside, false, BYTES(f.erase(c(f.size() - 8), 1 + c(8)) + "\r\n")},
-    {"a byte doubled", inside, false, BYTES(doubled(f, c(f.size())) + "\r\n")},
+    {"a byte more", inside, false, BYTES(f.insert(c(f.size()), 1, f[0]) + "\r\n")},
     {"twice without line end", around, true, BYTES(f + f + "\r\n")},
     {"zeros behind", refused, true, BYTES(f + std::string(1 + c(4), 0) + "\r\n")},
     {"no line end", refused, true, BYTES(f)},
     {"a bit flipped", inside, false, BYTES(flipped(c, f) + "\r\n")},
     {"length off by 1-3", inside, false, BYTES(with_length(f, f.size() - 5 + (c(2) ? 1 : -1) * (1 + c(3))) + "\r\n")},
     {"length 000-FFF", inside, false, BYTES(with_length(f, c(4096)) + "\r\n")},
-    {"length FFF", inside, false, BYTES(with_length(f, 0xFFF) + "\r\n")},
     {"length FF0-FFF", inside, false, BYTES(with_length(f, 0xFF0 + c(16)) + "\r\n")},
 };
 
@@ -102,49 +96,44 @@ struct Line {
 
 /// What came of a line.
 struct Outcome {
-    std::string packets; ///< frames and replies, one behind the other
-    unsigned lost = 0, longest_run = 0, false_frames = 0;
-};
-
-Outcome outcome(const Line& line, size_t portion, bool checked) {
-    Outcome o;
-    std::vector<bool> arrived(line.sound.size());
-    const auto take = [&](const unsigned char* bytes, int len) {
-        const std::string frame(bytes, bytes + len - 1);
-        size_t number = 0;
-        for (const char digit : frame.substr(5, 8)) number = number * 16 + static_cast<unsigned char>(digit - 'g');
-        const bool sent = number < arrived.size() && line.frames[number] == frame;
-        sent ? void(arrived[number] = true) : void(++o.false_frames);
-    };
-    Fed_stream stream(line.bytes, Fed_stream::pushed, portion);
-    Vorn_parser parser(&stream, false);
-    Vorn_checksum_checker checker;
-    checker.longest_array = 80;
-    if (checked) parser.set_checker(&checker);
-    parser.keep_on_reject = checked;
-    Vorn_salvage salvage;
-    unsigned char packet[8192];
-    while (!stream.dry()) {
-        stream.feed();
-        int len, n;
-        while (const int kind = parser.get_packet(packet, sizeof packet, len)) {
-            if (kind != Vorn_parser::kind_text) o.packets.append(packet, packet + len);
-            if (kind == Vorn_parser::kind_frame && Vorn_message(packet, static_cast<uint32_t>(len)).check_checksum()) {
-                salvage.forget();
-                take(packet, len);
-            } else if (checked) {
+    explicit Outcome(const Line& line) {
+        std::vector<bool> arrived(line.sound.size());
+        const auto take = [&](const unsigned char* bytes, int len) {
+            const std::string frame(bytes, bytes + len - 1);
+            size_t number = 0;
+            for (const char digit : frame.substr(5, 8)) number = number * 16 + static_cast<unsigned char>(digit - 'g');
+            const bool sent = number < arrived.size() && line.frames[number] == frame;
+            sent ? void(arrived[number] = true) : void(++false_frames);
+        };
+        Fed_stream stream(line.bytes, Fed_stream::pushed, 256);
+        Vorn_parser parser(&stream, false);
+        Vorn_checksum_checker checker;
+        checker.longest_array = 80;
+        parser.set_checker(&checker);
+        parser.keep_on_reject = true;
+        Vorn_salvage salvage;
+        unsigned char packet[8192];
+        for (int len; !stream.dry();) {
+            stream.feed();
+            while (const int kind = parser.get_packet(packet, sizeof packet, len)) {
+                if (kind == Vorn_parser::kind_frame &&
+                    Vorn_message(packet, static_cast<uint32_t>(len)).check_checksum()) {
+                    salvage.forget();
+                    take(packet, len);
+                    continue;
+                }
                 salvage.add(packet, len);
-                while (const unsigned char* frame = salvage.next(n)) take(frame, n);
+                while (const unsigned char* frame = salvage.next(len)) take(frame, len);
             }
         }
+        for (size_t i = 0, run = 0; i < arrived.size(); ++i) {
+            run = line.sound[i] && !arrived[i] ? run + 1 : line.sound[i] ? 0 : run;
+            lost += line.sound[i] && !arrived[i];
+            longest_run = std::max(longest_run, static_cast<unsigned>(run));
+        }
     }
-    for (size_t i = 0, run = 0; i < arrived.size(); ++i) {
-        run = line.sound[i] && !arrived[i] ? run + 1 : line.sound[i] ? 0 : run;
-        o.lost += line.sound[i] && !arrived[i];
-        o.longest_run = std::max(o.longest_run, static_cast<unsigned>(run));
-    }
-    return o;
-}
+    unsigned lost = 0, longest_run = 0, false_frames = 0;
+};
 
 TEST(line_noise, is_parsed_as_by_the_slow_model_and_costs_few_sound_frames) {
     Debug_print::set_debug_file("/dev/null"); // refusals
@@ -156,14 +145,12 @@ TEST(line_noise, is_parsed_as_by_the_slow_model_and_costs_few_sound_frames) {
         for (const Mode mode : {any_bytes, no_line_ends, many_line_ends, printable}) {
             SCOPED_TRACE(texts(fault.name, "in bodies of kind", mode));
             const Line some(fault, mode, nightly() ? 30000 : 400, 1);
-            for (const size_t portion : {1, 256, 0}) {
+            for (const size_t portion : {1, 256, 0})
                 EXPECT_EQ(difference({some.bytes, Fed_stream::pushed, portion}), "") << portion;
-                EXPECT_EQ(outcome(some, portion, false).packets, outcome(some, 99, false).packets) << portion;
-            }
             double lost = 0;
             for (uint64_t seed = 1; seed <= (nightly() ? 3 : 1); ++seed) {
                 const Line line(fault, mode, nightly() ? 100000 : 10000, seed);
-                const Outcome o = outcome(line, 256, true);
+                const Outcome o(line);
                 lost = std::max(lost, 1.0 * o.lost / line.spoilt);
                 run = std::max(run, o.longest_run);
                 total_faults += line.spoilt;
