@@ -18,37 +18,38 @@ std::string random_bytes(size_t n) {
     return bytes;
 }
 
+struct Block {
+    std::vector<char> bytes; // without a zero behind
+};
 /// A view of a heap block of exactly its size, so that the sanitizer sees any byte too many.
 template <class Message>
-struct Exact {
-    explicit Exact(const std::string& content)
-        : bytes(content.begin(), content.end()), view(bytes.data(), static_cast<uint32_t>(bytes.size())) {}
-    std::string text() const { return {bytes.begin(), bytes.end()}; }
-    std::vector<char> bytes; // without a zero behind
-    Message view;
+struct Exact : Block, Message {
+    explicit Exact(const std::string& s)
+        : Block{{s.begin(), s.end()}}, Message(bytes.data(), static_cast<uint32_t>(s.size())) {}
+    std::string all() const { return {bytes.begin(), bytes.end()}; }
 };
-using Bytes = Exact<Binary_message>;
+using B = Binary_message;
+using Bytes = Exact<B>;
 using Framed = Exact<Vorn_message>;
 using Reply = Exact<Vorn_response>;
 using Text = Exact<Ascii_message>;
-using B = Binary_message;
 
 /// A pair of accessors against the bytes put together one by one.
 template <class T>
 void check(T (B::*get)(uint32_t) const, void (B::*set)(uint32_t, T), unsigned width, bool big) {
     for (int round = 0; round < 100; ++round) {
         const Bytes m(random_bytes(random_bits() % 12));
-        for (uint32_t o = 0xFFFFFFF0; o != m.view.size + 9; ++o) { // from the highest ones over 0
-            const bool inside = uint64_t{o} + width <= m.view.size;
+        for (uint32_t o = 0xFFFFFFF0; o != m.size + 9; ++o) { // from the highest ones over 0
+            const bool inside = uint64_t{o} + width <= m.size;
             uint64_t value = 0;
             for (unsigned i = 0; inside && i < width; ++i)
-                value += uint64_t{m.view.data[o + i]} << 8 * (big ? width - 1 - i : i);
-            ASSERT_EQ((m.view.*get)(o), static_cast<T>(value)) << o << " of " << m.view.size;
+                value += uint64_t{m.data[o + i]} << 8 * (big ? width - 1 - i : i);
+            ASSERT_EQ((m.*get)(o), static_cast<T>(value)) << o << " of " << m.size;
             if (!inside) continue;
-            Bytes target(m.text().replace(o, width, width, 'Z') + "Z");
-            target.view.size = 0; // setters do not look at it
-            (target.view.*set)(o, static_cast<T>(value));
-            ASSERT_EQ(target.text(), m.text() + "Z") << o;
+            Bytes target(m.all().replace(o, width, width, 'Z') + "Z");
+            target.size = 0; // setters do not look at it
+            (target.*set)(o, static_cast<T>(value));
+            ASSERT_EQ(target.all(), m.all() + "Z") << o;
         }
     }
 }
@@ -72,23 +73,19 @@ TEST(Binary_message, integers_are_read_as_their_bytes_say_and_as_0_outside_and_w
 
 TEST(Binary_message, reals_are_little_endian_and_six_getters_report_a_field_outside) {
     Bytes reals(std::string(13, 0));
-    reals.view.set_double(1, -118.625);
-    reals.view.set_float(9, 1.5f);
-    EXPECT_EQ(reals.text(), "\0\0\0\0\0\0\xA8\x5D\xC0\0\0\xC0\x3F"s);
-    EXPECT_VALUES(texts(-118.625, 1.5f), reals.view.get_double(1), reals.view.get_float(9));
+    reals.set_double(1, -118.625);
+    reals.set_float(9, 1.5f);
+    EXPECT_EQ(reals.all(), "\0\0\0\0\0\0\xA8\x5D\xC0\0\0\xC0\x3F"s);
+    EXPECT_VALUES(texts(-118.625, 1.5f), reals.get_double(1), reals.get_float(9));
     const Bytes m(std::string(10, '\xFF'));
-    const std::tuple<int, uint32_t, std::function<double(uint32_t)>> rows[] = {
-        {52, 3, [&](uint32_t o) { return m.view.get_double(o); }},
-        {42, 7, [&](uint32_t o) { return m.view.get_float(o); }},
-        {75, 8, [&](uint32_t o) { return m.view.get_int24_le(o); }},
-        {124, 8, [&](uint32_t o) { return m.view.get_uint24_le(o); }},
-        {568, 8, [&](uint32_t o) { return m.view.get_int24_be(o); }},
-        {610, 8, [&](uint32_t o) { return m.view.get_uint24_be(o); }}};
+    const std::tuple<int, uint32_t, std::function<double(const B&, uint32_t)>> rows[] = {
+        {52, 3, &B::get_double},     {42, 7, &B::get_float},     {75, 8, &B::get_int24_le},
+        {124, 8, &B::get_uint24_le}, {568, 8, &B::get_int24_be}, {610, 8, &B::get_uint24_be}};
     for (const auto& [number, outside, get] : rows) {
         Capture err(stderr);
-        EXPECT_EQ(get(outside), 0) << "the category is off";
+        EXPECT_EQ(get(m, outside), 0) << "the category is off";
         Debug_filter::add_filter(_JDB::jdb_receiver);
-        EXPECT_VALUES("0 0 true", get(outside), m.view.get_uint32_le(8), get(outside - 1) != 0);
+        EXPECT_VALUES("0 0 true", get(m, outside), m.get_uint32_le(8), get(m, outside - 1) != 0);
         Debug_filter::remove_filter(_JDB::jdb_receiver);
         EXPECT_EQ(err.text(), "Binary_message: index out of range " + std::to_string(number) + "\n");
     }
@@ -98,32 +95,30 @@ TEST(Binary_message, strings_and_blocks_are_taken_and_put_whole_or_not_at_all) {
     const Bytes m("abc\0de"s);
     for (const auto& [offset, length, text] :
          {std::tuple{0u, 3u, "abc"}, {0u, 2u, ""}, {1u, 5u, ""}, {4u, 1u, ""}, {7u, 0u, ""}, {~0u, 2u, ""}})
-        EXPECT_STREQ(m.view.get_string(offset, length), text) << offset << ' ' << length;
+        EXPECT_STREQ(m.get_string(offset, length), text) << offset << ' ' << length;
     for (const auto& [offset, text] : {std::pair{1u, "bc"}, {4u, ""}, {6u, ""}, {7u, static_cast<char*>(nullptr)}})
-        EXPECT_STREQ(m.view.get_partial_string(offset), text) << offset;
+        EXPECT_STREQ(m.get_partial_string(offset), text) << offset;
     char copy[4] = "??";
-    EXPECT_VALUES(texts(m.view.data + 2, true, "bc"s), m.view.get_bytes(2, 4), m.view.get_bytes(1, copy, 3), copy);
-    EXPECT_VALUES("true null null", m.view.get_bytes(6, 0u) != nullptr, m.view.get_bytes(7, 0u),
-                  m.view.get_bytes(~0u, 2));
-    EXPECT_VALUES("false false false", m.view.get_bytes(4, copy, 3), m.view.get_data(copy, 7), copy != "bc"s);
+    EXPECT_VALUES(texts(m.data + 2, true, "bc"s), m.get_bytes(2, 4), m.get_bytes(1, copy, 3), copy);
+    EXPECT_VALUES("true null null", m.get_bytes(6, 0u) != nullptr, m.get_bytes(7, 0u), m.get_bytes(~0u, 2));
+    EXPECT_VALUES("false false false", m.get_bytes(4, copy, 3), m.get_data(copy, 7), copy != "bc"s);
 
     Bytes target("---------------");
-    target.view.set_string(0, "xy", 3);
-    target.view.set_string(4, "wxyz", 3);
-    for (const uint32_t offset : {12u, ~0u}) target.view.set_string(offset, "xy", 3);
-    target.view.set_bytes(8, 0, 2);
-    target.view.set_bytes(10, "\7\x8", 2);
-    target.view.set_bit_msb(12, true, 6); // counted from the least significant
-    target.view.set_bit_msb(12, true, 8);
-    EXPECT_EQ(target.text(), "xy\0\0wxy\0\0\0\7\x8m--"s);
-    EXPECT_VALUES("true false false", target.view.get_bit_msb(12, 6), target.view.get_bit_msb(12, 4),
-                  target.view.get_bit_msb(15, 0));
+    target.set_string(0, "xy", 3);
+    target.set_string(4, "wxyz", 3);
+    for (const uint32_t offset : {12u, ~0u}) target.set_string(offset, "xy", 3);
+    target.set_bytes(8, 0, 2);
+    target.set_bytes(10, "\7\x8", 2);
+    target.set_bit_msb(12, true, 6); // counted from the least significant
+    target.set_bit_msb(12, true, 8);
+    EXPECT_EQ(target.all(), "xy\0\0wxy\0\0\0\7\x8m--"s);
+    EXPECT_VALUES("true false false", target.get_bit_msb(12, 6), target.get_bit_msb(12, 4), target.get_bit_msb(15, 0));
 }
 
 TEST(Binary_message, bit_fields_are_read_and_written_bit_by_bit_and_leave_their_neighbours) {
     for (int round = 0; round < 4000; ++round) {
         Bytes m(random_bytes(8));
-        std::string wanted = m.text();
+        std::string wanted = m.all();
         const bool msb = round % 2 != 0; // bits are counted from the first byte's top bit, else from its bottom bit
         const uint32_t first = random_bits() % 33, n = random_bits() % (33 - first), offset = random_bits() % 8;
         const uint32_t value = random_bits();
@@ -135,15 +130,15 @@ TEST(Binary_message, bit_fields_are_read_and_written_bit_by_bit_and_leave_their_
             field |= uint32_t{(wanted[at / 8] & bit) != 0} << power;
             wanted[at / 8] = static_cast<char>((wanted[at / 8] & ~bit) | (value >> power & 1 ? bit : 0));
         }
-        ASSERT_EQ((m.view.*(msb ? &B::get_bits_msb : &B::get_bits_lsb))(offset, first, n), field) << first << ' ' << n;
+        ASSERT_EQ((m.*(msb ? &B::get_bits_msb : &B::get_bits_lsb))(offset, first, n), field) << first << ' ' << n;
         if (offset > 4) continue; // would write outside
-        (m.view.*(msb ? &B::set_bits_msb : &B::set_bits_lsb))(offset, first, n, value);
-        ASSERT_EQ(m.text(), wanted) << offset << ' ' << first << ' ' << n << ' ' << msb;
+        (m.*(msb ? &B::set_bits_msb : &B::set_bits_lsb))(offset, first, n, value);
+        ASSERT_EQ(m.all(), wanted) << offset << ' ' << first << ' ' << n << ' ' << msb;
     }
     const B::Mask msb(6, 4, true), lsb(6, 4, false);
     EXPECT_VALUES("0 6", memcmp(msb.bytes, "\x03\xC0\0", 4), msb.shift);
     EXPECT_VALUES("0 6", memcmp(lsb.bytes, "\xC0\x03\0", 4), lsb.shift);
-    EXPECT_EQ(Bytes("\x12\x34").view.get_bits(0, msb), 0x200u) << "not shifted down";
+    EXPECT_EQ(Bytes("\x12\x34").get_bits(0, msb), 0x200u) << "not shifted down";
     EXPECT_EQ(run_child([] { B::Mask(1, 32, true); }).signal, SIGABRT);
     EXPECT_VALUES(texts(0x785634, 0x3CD4), B::swap_byte_order(0x12345678, 17), B::swap_bit_order(0x12345678, 17));
 }
@@ -157,11 +152,11 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
                                                {"PG0\xB3\xB0", 0, odd},
                                                {"PG00", 0, ""}}) {
         Capture err(stderr);
-        EXPECT_VALUES(texts(length, said), Framed(header).view.get_msg_len(), err.text()) << header;
+        EXPECT_VALUES(texts(length, said), Framed(header).get_msg_len(), err.text()) << header;
     }
     for (size_t n = 0; n < 90; ++n) {
         const std::string f = Frame("PG").text(random_bytes(n)).str();
-        ASSERT_EQ(Framed(f).view.compute_8bit_checksum(static_cast<uint32_t>(f.size() - 1)), f.back() & 0xFF) << n;
+        ASSERT_EQ(Framed(f).compute_8bit_checksum(static_cast<uint32_t>(f.size() - 1)), f.back() & 0xFF) << n;
     }
     const std::string good = Frame("PG").text("\x01\x02\x03").str();
     const std::vector<std::string> rows[] = {
@@ -172,14 +167,12 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
     for (const bool right : {false, true})
         for (const std::string& bytes : rows[right]) {
             const Framed f(bytes);
-            const uint16_t id = f.view.get_id(), other = static_cast<uint16_t>(id + 1);
-            EXPECT_VALUES(texts(right, right, false), f.view.check_checksum(), f.view.validate(id),
-                          f.view.validate(other))
-                << bytes;
+            const uint16_t id = f.get_id(), other = static_cast<uint16_t>(id + 1);
+            EXPECT_VALUES(texts(right, right, false), f.check_checksum(), f.validate(id), f.validate(other)) << bytes;
         }
     Framed f("PG004\x01\x02\x03?\n"), cut("PG004abc");
-    EXPECT_VALUES(texts(true, good + "\n"), f.view.set_checksum(), f.text());
-    EXPECT_VALUES("false PG004abc", cut.view.set_checksum(), cut.text());
+    EXPECT_VALUES(texts(true, good + "\n"), f.set_checksum(), f.all());
+    EXPECT_VALUES("false PG004abc", cut.set_checksum(), cut.all());
 }
 
 TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
@@ -188,16 +181,16 @@ TEST(Vorn_message, writers_of_the_length_put_three_digits_within_the_limit) {
         const bool ok = body <= 4095;
         Framed f(before), reduced(before);
         Reply r(before);
-        EXPECT_VALUES(texts(ok, before.size()), f.view.setup('P' | 'G' << 8, body + 5), f.view.size) << body;
-        EXPECT_VALUES(texts(ok, ok ? body + 5 : before.size(), ok), reduced.view.reduce_size_to(body),
-                      reduced.view.size, r.view.set_msg_len(body))
+        EXPECT_VALUES(texts(ok, before.size()), f.setup('P' | 'G' << 8, body + 5), f.size) << body;
+        EXPECT_VALUES(texts(ok, ok ? body + 5 : before.size(), ok), reduced.reduce_size_to(body), reduced.size,
+                      r.set_msg_len(body))
             << body;
-        EXPECT_EQ(f.text(), ok ? text_of("PG%03X", body) + rest : before);
-        for (const std::string& text : {reduced.text(), r.text()})
+        EXPECT_EQ(f.all(), ok ? text_of("PG%03X", body) + rest : before);
+        for (const std::string& text : {reduced.all(), r.all()})
             EXPECT_EQ(text, ok ? text_of("ZZ%03x", body) + rest : before);
     }
     Framed f("ZZ???abc");
-    EXPECT_VALUES("false ZZ???abc true", f.view.reduce_size_to(4), f.text(), f.view.reduce_size_to(3));
+    EXPECT_VALUES("false ZZ???abc true", f.reduce_size_to(4), f.all(), f.reduce_size_to(3));
 }
 
 TEST(Vorn_response, gives_its_text_with_line_end_and_zero_or_stripped_of_the_request) {
@@ -216,16 +209,15 @@ TEST(Vorn_response, gives_its_text_with_line_end_and_zero_or_stripped_of_the_req
     };
     for (const auto& [bytes, told] : rows) {
         Reply r(bytes);
-        const std::string text = texts(r.view.get_response_status(), r.view.get_response_string()) + "|";
+        const std::string text = texts(r.get_response_status(), r.get_response_string()) + "|";
         int len = -1;
-        const char* const rest = r.view.strip_identifier(len);
+        const char* const rest = r.strip_identifier(len);
         EXPECT_EQ(text + texts(rest ? std::string(rest, size_t(len)) : "none", len), told);
-        const char *const begin = r.bytes.data(), *const shown = reinterpret_cast<char*>(r.view.data);
-        EXPECT_VALUES(texts(rest ? rest - begin : 0, bytes.size()), shown - begin, shown - begin + r.view.size)
-            << bytes;
+        const char *const begin = r.bytes.data(), *const shown = reinterpret_cast<char*>(r.data);
+        EXPECT_VALUES(texts(rest ? rest - begin : 0, bytes.size()), shown - begin, shown - begin + r.size) << bytes;
     }
     const Reply abc(rows[0].first);
-    EXPECT_VALUES("true false", abc.view.check_response_string("abc"), abc.view.check_response_string("abc\r\n!"));
+    EXPECT_VALUES("true false", abc.check_response_string("abc"), abc.check_response_string("abc\r\n!"));
 }
 
 TEST(Ascii_message, fields_lie_between_commas_and_braces) {
@@ -241,13 +233,13 @@ TEST(Ascii_message, fields_lie_between_commas_and_braces) {
         const Text m(text);
         std::string found;
         int len, k = 0;
-        for (; const char* field = m.view.get_string(k, len); ++k) {
-            const char first = m.view.get_char(k);
+        for (; const char* field = m.get_string(k, len); ++k) {
+            const char first = m.get_char(k);
             found += (first ? first + ":"s : "") + std::string(field, static_cast<size_t>(len)) + "|";
-            EXPECT_VALUES(texts(true, first != ','), m.view.field_exists(k), m.view.is_field_valid(k)) << text;
+            EXPECT_VALUES(texts(true, first != ','), m.field_exists(k), m.is_field_valid(k)) << text;
         }
-        EXPECT_EQ(found + std::to_string(m.view.get_num_valid_fields()), fields);
-        EXPECT_VALUES("false 0 false", m.view.field_exists(k), m.view.get_char(k), m.view.is_field_valid(-1)) << text;
+        EXPECT_EQ(found + std::to_string(m.get_num_valid_fields()), fields);
+        EXPECT_VALUES("false 0 false", m.field_exists(k), m.get_char(k), m.is_field_valid(-1)) << text;
     }
 }
 
@@ -264,7 +256,7 @@ TEST(Ascii_message, numbers_and_durations_are_read_from_their_field_alone) {
     };
     for (const auto& [field, values] : rows) {
         const Text text("9," + field + ",9,{" + field); // the neighbours are digits, the last one ends with the block
-        const Ascii_message& m = text.view;
+        const Ascii_message& m = text;
         for (const int k : {1, 3})
             EXPECT_VALUES(values, m.get_double(k), m.get_uint32(k), m.get_int32(k), m.get_timeval(k)) << field;
     }
@@ -273,29 +265,29 @@ TEST(Ascii_message, numbers_and_durations_are_read_from_their_field_alone) {
 
 TEST(Ascii_message, searches_copies_and_shifts_end_with_the_view) {
     const Text text("AB,A");
-    const Ascii_message& m = text.view;
+    const Ascii_message& m = text;
     EXPECT_VALUES("3 true", m.strchr(&m.text[1], 'A') - m.text, m.strchr(&m.text[4], 'A') == nullptr);
     EXPECT_VALUES("true true false", m.name_match("AC", 1), m.name_match("AB,ABC"), m.name_match("AC"));
-    EXPECT_VALUES("true true false", Text("").view.isnull(), Text("\0A"s).view.isnull(), m.isnull());
+    EXPECT_VALUES("true true false", Text("").isnull(), Text("\0A"s).isnull(), m.isnull());
 
     // Copied with or without a header into room for four.
     const auto copied = [](const std::string& bytes, bool skip) {
         Text target("wxyz");
-        target.view.set(Bytes(bytes).view, skip);
-        return target.text();
+        target.set(Bytes(bytes), skip);
+        return target.all();
     };
     EXPECT_VALUES("NP00 a\0\0\0 abc\0 \0\0\0\0"s, copied("NP004,abc", false), copied("a\0b"s, false),
                   copied("NP004,abc", true), copied("NP", true));
     for (const auto& [text, after] :
          {std::pair{"a,b,cd"s, "b,cdcd"s}, {"a,{b}", "b}{b}"}, {"ab,", "ab,"}, {"ab", "ab"}}) {
         Text shifted(text);
-        EXPECT_VALUES(texts(text != "ab", after), shifted.view.shift_fields(1), shifted.text());
+        EXPECT_VALUES(texts(text != "ab", after), shifted.shift_fields(1), shifted.all());
     }
     // Set up in a buffer of a size that may be passed by the zero.
     for (const auto& [room, after] :
          {std::pair{6u, "abcd\0---"s}, {5u, "abcd\0\0--"s}, {4u, "abcd\0---"s}, {0u, "\0-------"s}}) {
         const Text source("abcd");
-        Ascii_message text = source.view;
+        Ascii_message text = source;
         std::string dst(8, '-');
         text.setup(dst.data(), room);
         EXPECT_VALUES(texts(after, true, room == 6 ? 4 : room), dst, text.text == dst.data(), text.size) << room;
