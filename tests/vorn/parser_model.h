@@ -3,6 +3,7 @@
 #include "glue/vorn/Vorn_checkers.h"
 #include "support/capture.h"
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <mutex>
 #include <random>
@@ -18,7 +19,6 @@ public:
         hesitant, ///< each fetch reads one portion, enough or not
     };
 
-    /// Portion 0: 1 to 256 bytes, by chance.
     explicit Fed_stream(std::string bytes = {}, Manner m = pushed, size_t portion = SIZE_MAX)
         : _source(std::move(bytes)), _manner(m), _portion(portion) {
         if (m == pushed) stream_lock = &_mutex;
@@ -47,8 +47,7 @@ public:
 
 private:
     uint32_t read() {
-        const size_t portion = _portion ? _portion : 1 + _chance() % 256;
-        const auto n = static_cast<uint32_t>(std::min(portion, _source.size() - _next));
+        const auto n = static_cast<uint32_t>(std::min(_portion, _source.size() - _next));
         const uint32_t stored = buffer.put(reinterpret_cast<const unsigned char*>(_source.data()) + _next, n);
         _next += stored;
         return stored;
@@ -58,7 +57,6 @@ private:
     size_t _next = 0; ///< of `_source`: not yet read
     const Manner _manner;
     const size_t _portion;
-    std::minstd_rand _chance;
     Mutex _mutex;
 };
 
@@ -128,14 +126,6 @@ struct Parser_model {
     int synced = 1;
 };
 
-/// Refuses without sense but always the same, and uses the stream as real checkers do.
-class Whimsical_checker : public Vorn_parser::Checker {
-public:
-    bool check(Data_stream& s, unsigned short id, int total) override {
-        return s.bytes_avail() >= 5 && s[0] + 256 * s[1] == id && s[4] != '7' && total < 2000;
-    }
-};
-
 /// A course of events for the parser and for the model.
 struct Session {
     std::string bytes;
@@ -143,25 +133,24 @@ struct Session {
     size_t portion = SIZE_MAX;
     int buf_size = 8192;
     bool expect_line_end = true, keep_on_reject = false;
-    unsigned checker = 0; ///< none, whimsical, of lengths, of checksums; 6 and 7: the latter ones serve the parser
+    unsigned checker = 0; ///< none, of lengths, of checksums; 4 and 5: these two serve the parser
     unsigned meddler = 0; ///< seed of somebody else who now and then drops bytes of the stream; 0: nobody does
 };
 
 /// Run the session on both and compare each packet and what stays behind it. The first difference in words; empty when
 /// there is none.
 inline std::string difference(const Session& session) {
-    Whimsical_checker whimsical;
     Vorn_length_checker by_length;
     Vorn_checksum_checker by_checksum;
-    Vorn_parser::Checker* const checkers[] = {nullptr, &whimsical, &by_length, &by_checksum};
-    Vorn_parser::Checker* const checker = checkers[session.checker % 4];
+    Vorn_parser::Checker* const checker = std::array<Vorn_parser::Checker*, 6>{
+        nullptr, &by_length, &by_checksum, nullptr, &by_length, &by_checksum}[session.checker];
     Fed_stream ours(session.bytes, session.manner, session.portion);
     Fed_stream theirs(session.bytes, session.manner, session.portion);
     theirs.stream_lock = nullptr; // the model would take it for each byte
     Vorn_parser parser(&ours, false);
     if (checker) parser.set_checker(checker);
-    if (session.checker == 6) by_length.serve(parser);
-    if (session.checker == 7) by_checksum.serve(parser);
+    if (session.checker == 4) by_length.serve(parser);
+    if (session.checker == 5) by_checksum.serve(parser);
     parser.expect_line_end = session.expect_line_end;
     parser.keep_on_reject = session.keep_on_reject;
     Parser_model model{theirs, checker, session.expect_line_end, session.keep_on_reject};
