@@ -110,19 +110,34 @@ using Stream = Posix_threaded_data_stream;
 using Threaded = Posix_threaded_serial_data_stream;
 using Polled = Posix_polled_serial_data_stream;
 
-TEST(Threaded_streams, have_readers_named_by_instance_in_four_characters) {
+TEST(Threaded_stream, takes_files_for_what_they_are) {
+    const Temporary_folder dir;
+    const std::string file = dir.file("f"), line = file + ":9600";
     std::thread([] {}).join(); // a sanitizer's own thread begins with the first
     const size_t running = num_threads();
     {
-        Stream streams[11];
+        Capture err(stderr);
+        Stream plain[11];
+        Threaded s;
+        s.set_open_failure_fatal(false);
+        EXPECT_VALUES(texts(false, ENOENT, false), Stream::can_open(file.c_str()), errno,
+                      s.open_from_args(line.c_str()));
+        EXPECT_EQ("Error opening file [" + file + "]\n", err.text());
         for (const auto& [i, name] : {std::pair{0, "PDS0\n"}, {9, "PDS9\n"}, {10, "PDS1\n"}}) {
-            EXPECT_VALUES("true true", streams[i].start(), streams[i].start());
+            EXPECT_VALUES("true true", plain[i].open(file.c_str(), true, false), plain[i].start());
             // Threads are listed in the order of their beginning: numbers start over.
             const std::string newest = std::to_string(numbers_in("/proc/self/task").back());
-            EXPECT_TRUE(wait_until([&, n = name] { return read_file("/proc/self/task/" + newest + "/comm") == n; }));
+            EXPECT_TRUE(wait_until([&, n = name] { return read_file("/proc/self/task/" + newest + "/comm") == n; }))
+                << name;
         }
+        Stream::Commander c;
+        EXPECT_VALUES("false false", s.open_from_args(line.c_str()), s.initialised());
+        EXPECT_TRUE(wait_until([&] { return plain[0].bytes_avail() == 9; }));
+        EXPECT_EQ("OPEN BAD\n", take(plain[0])) << "what is no line is told so";
+        EXPECT_VALUES("0 true false", plain[0].hang_ups(), plain[0].init_commander(c), c.send_break(1));
+        EXPECT_VALUES("true false false", plain[0].close(), plain[0].close(), plain[0].init_commander(c));
     }
-    EXPECT_TRUE(wait_until([&] { return num_threads() == running; })) << "joined, though none was ever opened";
+    EXPECT_TRUE(wait_until([&] { return num_threads() == running; })) << "joined, also those never opened";
 }
 
 template <class S>
@@ -153,19 +168,23 @@ TYPED_TEST(Serial, line_that_is_claimed_keeps_others_out) {
     ::close(other);
 }
 
+/// What is written to it comes back.
+struct Fifo {
+    Fifo() { EXPECT_EQ(mkfifo(path.c_str(), 0600), 0); }
+    Temporary_folder dir;
+    const std::string path = dir.file("loop");
+};
+
 /// A stream and who is woken by it, without which a polled one does not look at its line at all.
 template <class S>
 struct Woken : testing::Test {
     static constexpr bool is_polled = std::is_same_v<S, Polled>;
-
     Woken() {
         s.init(mm), waiter.init(&mm), other.init(&mm);
         if constexpr (is_polled)
-            EXPECT_TRUE(s.attach(&waiter));
+            s.attach(&waiter);
         else
-            EXPECT_VALUES("0 0 0", s.register_waiter(&waiter), s.register_waiter(&other),
-                          s.register_line_waiter(&waiter));
-        if (mkfifo(loop.c_str(), 0600) != 0) abort();
+            s.register_waiter(&waiter), s.register_waiter(&other), s.register_line_waiter(&waiter);
     }
     /// Take events until it is so.
     template <class Condition>
@@ -176,15 +195,12 @@ struct Woken : testing::Test {
     }
     /// Wait until `n` bytes are there, then take all.
     std::string take(int n) {
-        until([&] { return s.bytes_avail() >= n; });
-        return ::take(s);
+        return until([&] { return s.bytes_avail() >= n; }), ::take(s);
     }
     module_man mm;
     waiter_descriptor waiter, other;
     std::string told; ///< of the line: lost -, back +
     Pty pty;
-    Temporary_folder dir;
-    const std::string file = dir.file("f"), loop = dir.file("loop"); ///< what is written to the loop comes back
     S s;
 };
 using Kinds = testing::Types<Threaded, Polled>;
@@ -199,7 +215,8 @@ TYPED_TEST(Woken, by_bytes_of_which_it_counts_what_its_buffer_cannot_hold) {
     std::thread reader([&] { EXPECT_EQ(this->pty.receive(100000), std::string(100000, 'w')); });
     EXPECT_EQ(100000u, put(s, std::string(100000, 'w'))) << "waits for room";
     reader.join();
-    ASSERT_VALUES("false true", s.open(this->loop.c_str()), s.get_fd() >= 0) << "open, but no line";
+    const Fifo loop;
+    ASSERT_VALUES("false true", s.open(loop.path.c_str()), s.get_fd() >= 0) << "open, but no line";
     EXPECT_EQ(5000u, put(s, std::string(4200, 'a') + std::string(800, 'b')));
     EXPECT_TRUE(this->until([&] { return s.counts().read == 5256; }));
     EXPECT_VALUES(texts(std::string(4200, 'a'), 800, ""), ::take(s), s.counts().lost, this->told);
@@ -226,77 +243,56 @@ TYPED_TEST(Woken, by_a_line_that_is_lost_and_by_one_that_is_back) {
     EXPECT_EQ(this->other.num_queued(), this->is_polled ? 0 : 1) << "nothing but bytes, of which it was told once";
 }
 
-using Threaded_stream = Woken<Threaded>;
-
-TEST_F(Threaded_stream, takes_files_for_what_they_are) {
-    EXPECT_VALUES(texts(false, ENOENT), Stream::can_open(file.c_str()), errno);
-    Capture err(stderr);
-    s.set_open_failure_fatal(false);
-    EXPECT_FALSE(s.open_from_args((file + ":9600").c_str()));
-    EXPECT_EQ("Error opening file [" + file + "]\n", err.text());
-    Stream plain;
-    Stream::Commander c;
-    ASSERT_TRUE(plain.open(file.c_str(), true, false));
-    EXPECT_VALUES("false false", s.open_from_args((file + ":9600").c_str()), s.initialised());
-    EXPECT_TRUE(wait_until([&] { return plain.bytes_avail() == 9; }));
-    EXPECT_EQ("OPEN BAD\n", ::take(plain)) << "what is no line is told so";
-    EXPECT_VALUES("0 true false", plain.hang_ups(), plain.init_commander(c), c.send_break(1));
-    EXPECT_VALUES("true false false", plain.close(), plain.close(), plain.init_commander(c));
-}
-
-TEST_F(Threaded_stream, waits_for_room_to_write_until_it_is_closed) {
+TEST(Threaded_stream, waits_for_room_to_write_until_it_is_closed) {
+    const Pty pty, next;
+    Threaded s;
     ASSERT_TRUE(s.open(pty.path.c_str()));
-    const std::string bytes(100000, 'w');
     unsigned cut = 0;
-    std::thread writer([&] { cut = put(s, bytes); });
+    std::thread writer([&] { cut = put(s, std::string(100000, 'w')); });
     EXPECT_EQ("w", pty.receive(1)) << "it has begun";
-    Pty next;
     EXPECT_VALUES("true true", s.close(), s.open(next.path.c_str()));
     writer.join();
-    EXPECT_TRUE(cut >= 1 && cut < bytes.size()) << cut;
+    EXPECT_TRUE(cut >= 1 && cut < 100000) << cut;
     EXPECT_VALUES(texts(1, "x", true, failed), put(s, "x"), next.receive(1), s.close(), put(s, "x"))
         << "the rest is not for the next line";
 }
 
-TEST_F(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed_and_has_its_name_and_counts_whole) {
+TEST(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed_and_has_its_name_and_counts_whole) {
+    const Fifo loop;
     EXPECT_TRUE(Stream().start()); // the first thread of a process costs Qt a descriptor for good
     const size_t descriptors = num_descriptors();
-    std::atomic<bool> stop{false};
-    // Uses the numbers that the stream gives up, and snatches bytes that its reader was told of: neither may lose bytes
-    // here nor make the stream wait there.
-    std::thread bystander([&] {
-        const int rival = ::open(loop.c_str(), O_RDONLY | O_NONBLOCK);
-        char c;
-        for (int ends[2]; !stop && pipe2(ends, O_NONBLOCK) == 0; ::close(ends[0]), ::close(ends[1])) {
-            for (int i = 0; i < 20; ++i) {
-                EXPECT_VALUES("1 1", ::write(ends[1], "p", 1), ::read(ends[0], &c, 1)) << "stolen";
-                if (::read(rival, &c, 1) < 0) std::this_thread::yield();
-            }
-        }
-        ::close(rival);
-    });
     {
-        Stream stream;
-        std::set<std::string> names = {stream_name("DSPosT", stream, ""), stream_name("DSPosT", stream, ", " + loop)};
-        std::thread asker([&] {
-            for (char name[Data_stream::name_size]; !stop; names.insert(name)) {
-                stream.get_name(name);
-                EXPECT_EQ(stream.counts().written % 7, 0u);
+        Stream s;
+        std::set<std::string> names = {stream_name("DSPosT", s, ""), stream_name("DSPosT", s, ", " + loop.path)};
+        std::atomic<bool> stop{false};
+        // Uses the numbers that the stream gives up, and snatches bytes that its reader was told of: neither may lose
+        // bytes here nor make the stream wait there.
+        std::thread bystander([&] {
+            const int rival = ::open(loop.path.c_str(), O_RDONLY | O_NONBLOCK);
+            char c, name[Data_stream::name_size];
+            for (int ends[2]; !stop && pipe2(ends, O_NONBLOCK) == 0; ::close(ends[0]), ::close(ends[1])) {
+                for (int i = 0; i < 20; ++i) {
+                    EXPECT_VALUES("1 1", ::write(ends[1], "p", 1), ::read(ends[0], &c, 1)) << "stolen";
+                    if (::read(rival, &c, 1) < 0) std::this_thread::yield();
+                }
+                s.get_name(name);
+                names.insert(name);
+                EXPECT_EQ(s.counts().written % 7, 0u);
             }
+            ::close(rival);
         });
         for (int i = 0; i < 2000; ++i) {
-            ASSERT_VALUES("true 7", stream.open(loop.c_str(), false, false), put(stream, "a piece"));
-            EXPECT_TRUE(i % 2 || stream.close());
+            ASSERT_VALUES("true 7", s.open(loop.path.c_str(), false, false), put(s, "a piece"));
+            EXPECT_TRUE(i % 2 || s.close());
         }
         stop = true;
-        asker.join();
-        EXPECT_VALUES("14000 2", stream.counts().written, names.size()) << *names.begin() << " to " << *names.rbegin();
+        bystander.join();
+        EXPECT_VALUES("14000 2", s.counts().written, names.size()) << *names.begin() << " to " << *names.rbegin();
     }
-    bystander.join();
     EXPECT_EQ(descriptors, num_descriptors());
 }
 
-TEST(Threaded_streams, end_the_process_without_a_device_but_not_at_a_hang_up) {
+TEST(Threaded_stream, ends_the_process_without_a_device_but_not_at_a_hang_up) {
     EXPECT_EQ(run_child([] { Threaded("/dev/null/none:9:rs485"); }).end(), "255 Error opening file [/dev/null/none]\n");
     const auto no_ids = [] {
         module_man mm;
@@ -306,11 +302,8 @@ TEST(Threaded_streams, end_the_process_without_a_device_but_not_at_a_hang_up) {
     };
     EXPECT_EQ(124, run_child(no_ids).status);
     const auto no_reader = [] { // the one descriptor that is left goes to the device
-        {
-            Stream first; // a sanitizer wants a descriptor when it meets a class for the first time, at an exit too
-            first.open("/dev/null", false, false);
-            put(first, "x");
-        }
+        // A sanitizer wants a descriptor when it meets a class for the first time, at an exit too.
+        EXPECT_TRUE(Stream().open("/dev/null", false, false));
         const rlim_t spare = dup(0);
         const struct rlimit limit = {spare + 1, spare + 1};
         ::close(spare);
@@ -349,33 +342,33 @@ TEST(Polled_stream, brings_bytes_beside_events_and_timeouts_of_which_none_holds_
         for (; d.line.bytes_avail() > 0; d.line.drop(1)) d.bytes += d.line[0];
         ++d.line_events;
     };
-    const auto send = [&](size_t n) { EXPECT_EQ(write(ends[0], std::string(n, 1).data(), n), ssize_t(n)); };
-    const auto come = [&](unsigned n) { return wait_until([&] { return d.bytes == n; }); };
+    unsigned sent = 0;
+    const auto send = [&](size_t n) {
+        EXPECT_EQ(write(ends[0], std::string(n, 1).data(), n), ssize_t(n));
+        sent += static_cast<unsigned>(n);
+    };
+    const auto come = [&](size_t n) { return send(n), wait_until([&] { return d.bytes == sent; }); };
     d.begin();
-    send(3);
     EXPECT_TRUE(come(3)) << "it sleeps without limit";
     Timeout t;
     d.submit_timeout(t, 20);
     EXPECT_TRUE(wait_until([&] { return d.timeouts_handled == 1; }));
     d.submit_timeout(t, 3600000);
-    send(2);
-    EXPECT_TRUE(come(5)) << "it sleeps with a limit";
+    EXPECT_TRUE(come(2)) << "it sleeps with a limit";
     d.busy = true; // it never sleeps: each event posts the next
     d.post(1);
-    send(7);
-    EXPECT_TRUE(come(12));
+    EXPECT_TRUE(come(7));
     d.busy = false;
-    constexpr int each = 3000;
     const auto post = [&] {
-        for (int n = 0; n < each; ++n) d.wake();
+        for (int n = 0; n < 3000; ++n) d.wake();
     };
     std::thread one(post), two(post);
-    for (int n = 0; n < each; ++n) send(2);
+    for (int n = 0; n < 3000; ++n) send(2);
     one.join(), two.join();
-    EXPECT_TRUE(come(12 + 2 * each));
+    EXPECT_TRUE(come(1));
     EXPECT_TRUE(wait_until([&] { return d.info.event_count == d.line_events + d.posted + 2; })) << "two by timeouts";
     d.terminate(true);
-    EXPECT_VALUES(texts(12 + 2 * each, 0), d.line.bytes_read, d.line.bytes_lost);
+    EXPECT_VALUES(texts(sent, 0), d.line.bytes_read, d.line.bytes_lost);
     ::close(ends[0]);
 }
 
