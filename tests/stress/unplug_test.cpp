@@ -27,10 +27,9 @@ TEST(Unplug, and_plug_in_again_and_again) {
     s.set_open_failure_fatal(false);
     auto pty = plug_in();
     ASSERT_TRUE(s.open(link.c_str()));
-    const std::vector<int> threads = numbers_in("/proc/self/task");
-    const int reader = *std::max_element(threads.begin(), threads.end());
+    const int reader = numbers_in("/proc/self/task").back(); // in the order of their beginning
     const auto pauses = [reader] { return told_of(reader, "status", "\nvoluntary_ctxt_switches:"); };
-    size_t descriptors = 0;
+    size_t descriptors = 0, threads = num_threads();
 
     for (int i = 0; i < cycles; ++i) {
         const std::string message = std::to_string(i);
@@ -44,9 +43,8 @@ TEST(Unplug, and_plug_in_again_and_again) {
         if (i % 4 == 1) pty->send("never read");
         if (i % 4 == 2) pty = plug_in(); // while the stream is still at the old one
         pty->hang_up();
-        if (i % 5000 == 0) { // nobody looks after it for a second
+        if (i % 5000 == 0) // nobody looks after it for a second
             ASSERT_TRUE(wait_until([&, before = pauses()] { return pauses() >= before + 4; }));
-        }
         // It is not there yet. (With the link, its number could be another program's by now.)
         ASSERT_FALSE(i % 4 == 3 && unlink(link.c_str()) == 0 && s.open(link.c_str()));
         pty = plug_in();
@@ -54,7 +52,7 @@ TEST(Unplug, and_plug_in_again_and_again) {
         take(s);
         waiter.flush_events();
     }
-    EXPECT_VALUES(texts(descriptors, threads.size()), num_descriptors(), num_threads());
+    EXPECT_VALUES(texts(descriptors, threads), num_descriptors(), num_threads());
     const long slept = pauses(), ran_us = told_of(reader, "schedstat") / 1000;
     printf("%d cycles: %u hang-ups noticed; in each the reader slept %.1f times and ran %.0f us\n", cycles,
            s.hang_ups(), double(slept) / cycles, double(ran_us) / cycles);
