@@ -4,6 +4,7 @@
 #include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "support/Pty.h"
 #include "support/Test_diner.h"
+#include "support/stress.h"
 #include "support/test.h"
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -184,7 +185,8 @@ struct Woken : testing::Test {
         if constexpr (is_polled)
             s.attach(&waiter);
         else
-            s.register_waiter(&waiter), s.register_waiter(&other), s.register_line_waiter(&waiter);
+            s.register_waiter(&waiter), s.register_waiter(&other), s.register_line_waiter(&waiter),
+                s.set_open_failure_fatal(false);
     }
     /// Take events until it is so.
     template <class Condition>
@@ -235,11 +237,47 @@ TYPED_TEST(Woken, by_a_line_that_is_lost_and_by_one_that_is_back) {
         ::close(fd);
         EXPECT_TRUE(told(all)) << this->told;
     }
-    ASSERT_TRUE(s.open(this->pty.path.c_str()) && told("-+-+")) << this->told;
-    this->pty.send("b");
-    EXPECT_EQ(this->take(1), "b");
-    this->pty.hang_up();
-    EXPECT_VALUES(texts(true, failed, 3), told("-+-+-"), put(s, "x"), s.hang_ups());
+    EXPECT_EQ(s.hang_ups(), 2u);
+
+    // Unplugged and plugged in again, each time at another number of the system.
+    const Temporary_folder dir;
+    const std::string link = dir.file("receiver"), spare = dir.file("spare");
+    const auto plug_in = [&] {
+        auto pty = std::make_unique<Pty>();
+        if (symlink(pty->path.c_str(), spare.c_str()) != 0 || rename(spare.c_str(), link.c_str()) != 0) abort();
+        return pty;
+    };
+    const Capture refusals(stderr);
+    auto pty = plug_in();
+    ASSERT_TRUE(s.open(link.c_str()) && told("-+-+")) << this->told;
+    const int reader = numbers_in("/proc/self/task").back(); // in the order of their beginning
+    const auto pauses = [reader] { return told_of(reader, "status", "\nvoluntary_ctxt_switches:"); };
+    const size_t descriptors = num_descriptors(), threads = num_threads();
+    const int cycles = nightly() ? 10001 : 1001;
+    for (int i = 0; i < cycles; ++i) {
+        const std::string message = std::to_string(i);
+        pty->send(message);
+        ASSERT_VALUES(texts(message, 6), this->take(static_cast<int>(message.size())), put(s, "answer"));
+        if (i % 4 == 1) pty->send("never read");
+        if (i % 4 == 2) pty = plug_in(); // while the stream is still at the old one
+        pty->hang_up();
+        if (i == 0 && !this->is_polled) // nobody looks after it for a second
+            EXPECT_TRUE(wait_until([&, before = pauses()] { return pauses() >= before + 4; }));
+        // It is not there yet. (With the link, its number could be another program's by now.)
+        ASSERT_FALSE(i % 4 == 3 && unlink(link.c_str()) == 0 && s.open(link.c_str()));
+        pty = plug_in();
+        ASSERT_TRUE(s.open(link.c_str()));
+        take(s);
+        this->waiter.flush_events();
+    }
+    EXPECT_VALUES(texts(descriptors, threads), num_descriptors(), num_threads());
+    const long slept = pauses(), ran_us = told_of(reader, "schedstat") / 1000;
+    printf("%d cycles: %u hang-ups noticed; in each the reader slept %.1f times and ran %.0f us\n", cycles,
+           s.hang_ups(), double(slept) / cycles, double(ran_us) / cycles);
+    EXPECT_TRUE(this->is_polled || (slept < 20L * cycles && ran_us < 1000L * cycles)) << "it spins";
+    this->told.clear();
+    pty->hang_up();
+    EXPECT_VALUES(texts(true, failed), told("-"), put(s, "x"));
     EXPECT_EQ(this->other.num_queued(), this->is_polled ? 0 : 1) << "nothing but bytes, of which it was told once";
 }
 
