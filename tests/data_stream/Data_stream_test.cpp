@@ -22,7 +22,7 @@ std::string row(size_t n, size_t first = 0) {
 /// Take `n` bytes; empty when they do not come.
 std::string take(Data_stream& s, unsigned n) {
     std::string bytes(n, 0);
-    return s.get_data(reinterpret_cast<unsigned char*>(bytes.data()), n) && s.drop(n) ? bytes : std::string();
+    return s.get_data(reinterpret_cast<unsigned char*>(bytes.data()), n) && s.drop(n) ? bytes : "";
 }
 
 /// A stream between two strings whose results can be dictated.
