@@ -3,6 +3,7 @@
 #include "glue/vorn/Vorn_error_decoder.h"
 #include "glue/vorn/Vorn_response.h"
 #include "support/frame.h"
+#include "support/stress.h"
 #include "support/test.h"
 #include "util/Debug_base.h"
 
@@ -10,13 +11,7 @@ using namespace std::string_literals;
 
 namespace {
 
-std::mt19937 random_bits(1);
-
-std::string random_bytes(size_t n) {
-    std::string bytes(n, 0);
-    for (char& c : bytes) c = static_cast<char>(random_bits());
-    return bytes;
-}
+Random c(1);
 
 struct Block {
     std::vector<char> bytes; // without a zero behind
@@ -38,7 +33,7 @@ using Text = Exact<Ascii_message>;
 template <class T>
 void check(T (B::*get)(uint32_t) const, void (B::*set)(uint32_t, T), unsigned width, bool big, int number = 0) {
     for (int round = 0; round < 100; ++round) {
-        const Bytes m(random_bytes(random_bits() % 12));
+        const Bytes m(c.bytes(c(12u)));
         for (uint32_t o = 0xFFFFFFF0; o != m.size + 9; ++o) { // from the highest ones over 0
             const bool inside = uint64_t{o} + width <= m.size;
             uint64_t value = 0;
@@ -107,11 +102,11 @@ TEST(Binary_message, strings_and_blocks_are_taken_and_put_whole_or_not_at_all) {
 
 TEST(Binary_message, bit_fields_are_read_and_written_bit_by_bit_and_leave_their_neighbours) {
     for (int round = 0; round < 4000; ++round) {
-        Bytes m(random_bytes(8));
+        Bytes m(c.bytes(8));
         std::string wanted = m.all();
         const bool msb = round % 2 != 0; // bits are counted from the first byte's top bit, else from its bottom bit
-        const uint32_t first = random_bits() % 33, n = random_bits() % (33 - first), offset = random_bits() % 8;
-        const uint32_t value = random_bits();
+        const uint32_t first = c(33u), n = c(33 - first), offset = c(8u);
+        const uint32_t value = c(UINT_MAX);
         uint32_t field = 0;
         for (uint32_t i = 0; i < n; ++i) {
             const uint32_t at = offset * 8 + first + i, power = msb ? n - 1 - i : i;
@@ -144,8 +139,8 @@ TEST(Vorn_message, length_and_checksum_are_read_from_a_view_that_holds_them) {
         Capture err(stderr);
         EXPECT_VALUES(texts(length, said), Framed(header).get_msg_len(), err.text()) << header;
     }
-    for (size_t n = 0; n < 90; ++n) {
-        const std::string f = Frame("PG").text(random_bytes(n)).str();
+    for (unsigned n = 0; n < 90; ++n) {
+        const std::string f = Frame("PG").text(c.bytes(n)).str();
         ASSERT_EQ(Framed(f).compute_8bit_checksum(static_cast<uint32_t>(f.size() - 1)), f.back() & 0xFF) << n;
     }
     const std::string good = Frame("PG").text("\x01\x02\x03").str();

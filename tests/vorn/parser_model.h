@@ -126,46 +126,41 @@ struct Parser_model {
     int synced = 1;
 };
 
-/// A course of events for the parser and for the model.
-struct Session {
-    std::string bytes;
-    Fed_stream::Manner manner = Fed_stream::pushed;
-    size_t portion = SIZE_MAX;
-    int buf_size = 8192;
-    bool expect_line_end = true, keep_on_reject = false;
-    unsigned checker = 0; ///< none, of lengths, of checksums; 4 and 5: these two serve the parser
-    unsigned meddler = 0; ///< seed of somebody else who now and then drops bytes of the stream; 0: nobody does
-};
-
-/// Run the session on both and compare each packet and what stays behind it. The first difference in words; empty when
-/// there is none.
-inline std::string difference(const Session& session) {
+/// Let the parser and the model take what a line brings and compare each packet and what stays behind it. The first
+/// difference in words; empty when there is none. Six bytes of the input say how, the others come over the line.
+inline std::string difference(const std::string& input) {
+    const auto how = [&input](size_t i) { return static_cast<unsigned char>(input[i]); };
+    const auto manner = static_cast<Fed_stream::Manner>(how(0) % 3);
+    // The model starts over with each portion: tiny ones are for short inputs.
+    const size_t portion = std::max(how(1) == 0 ? SIZE_MAX : how(1), input.size() / 64);
+    const int room = std::array{8192, 4103, 4101, 64, 10, 9, 8, 1}[how(2) % 8];
+    const bool expect_line_end = !(how(3) & 1), keep_on_reject = how(3) & 2, serves = how(3) & 16;
     Vorn_length_checker by_length;
     Vorn_checksum_checker by_checksum;
-    Vorn_parser::Checker* const checker = std::array<Vorn_parser::Checker*, 6>{
-        nullptr, &by_length, &by_checksum, nullptr, &by_length, &by_checksum}[session.checker];
-    Fed_stream ours(session.bytes, session.manner, session.portion);
-    Fed_stream theirs(session.bytes, session.manner, session.portion);
+    Vorn_parser::Checker* const checker = how(3) & 8 ? &by_checksum : how(3) & 4 ? &by_length : nullptr;
+    std::minstd_rand meddler(how(4) + 256u * how(5)); // somebody else who drops bytes of the stream; 0: nobody does
+    const bool meddles = how(4) || how(5);
+
+    Fed_stream ours(input.substr(6), manner, portion), theirs(input.substr(6), manner, portion);
     theirs.stream_lock = nullptr; // the model would take it for each byte
     Vorn_parser parser(&ours, false);
     if (checker) parser.set_checker(checker);
-    if (session.checker == 4) by_length.serve(parser);
-    if (session.checker == 5) by_checksum.serve(parser);
-    parser.expect_line_end = session.expect_line_end;
-    parser.keep_on_reject = session.keep_on_reject;
-    Parser_model model{theirs, checker, session.expect_line_end, session.keep_on_reject};
+    if (serves && checker == &by_length) by_length.serve(parser);
+    if (serves && checker == &by_checksum) by_checksum.serve(parser);
+    parser.expect_line_end = expect_line_end;
+    parser.keep_on_reject = keep_on_reject;
+    Parser_model model{theirs, checker, expect_line_end, keep_on_reject};
 
-    std::string mine(static_cast<size_t>(session.buf_size), 0), its;
-    std::minstd_rand meddler(session.meddler);
+    std::string mine(static_cast<size_t>(room), 0), its;
     for (;;) {
-        const auto deed = session.meddler ? meddler() % 64 : 0;
+        const auto deed = meddles ? meddler() % 64 : 0;
         for (Fed_stream* s : {&ours, &theirs}) {
             s->feed();
             if (deed == 1) s->drop_all();
             if (deed == 2) s->drop(40);
         }
         int len;
-        const int kind = parser.get_packet(reinterpret_cast<unsigned char*>(&mine[0]), session.buf_size, len);
+        const int kind = parser.get_packet(reinterpret_cast<unsigned char*>(&mine[0]), room, len);
         const int its_kind = model.get_packet(its, mine.size());
         if (kind != its_kind || mine.substr(0, static_cast<size_t>(len)) != its || parser.synced != model.synced ||
             ours.buffer.dropped != theirs.buffer.dropped || ours.buffer.used() != theirs.buffer.used())
