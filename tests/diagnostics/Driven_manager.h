@@ -4,22 +4,26 @@
 #include "glue/diner/Diner_info_list.h"
 
 /// Driven by the test instead of its thread, which stays parked.
-class Driven_manager : public Diagnostics {
-public:
-    explicit Driven_manager(JIN_stack* stack, Trouble_code_messages::Mode mode = Trouble_code_messages::Mode::iso,
-                            unsigned max_codes = 500)
-        : Diagnostics("H", 4096, max_codes) {
+struct Driven_manager : Diagnostics {
+    explicit Driven_manager(unsigned max_file_bytes = 4096, const char* base = "H", unsigned max_codes = 500)
+        : Diagnostics(base, max_file_bytes, max_codes) {
         init(Diner_info_list::get(), nullptr, 0);
-        if (stack) attach(*stack, mode);
         diner_start();
     }
     ~Driven_manager() override { terminate(true); }
-    /// What its thread would do now.
-    void turn() {
+    /// What its thread would do now, before or when it gets to its timeouts.
+    void turn(bool timeouts = true) {
         lock(-1);
         waiter_event e;
         while (waiter.get_event(&e, Atime(false)) == 0) handle_event(e);
-        handle_timeout();
+        if (timeouts) handle_timeout();
         unlock();
+    }
+    /// True when it was stored.
+    bool record(unsigned short number) {
+        const unsigned before = records_written();
+        log_error(1, 0, number);
+        turn(false);
+        return records_written() > before;
     }
 };

@@ -49,7 +49,7 @@ struct Machine : NV_root {
 struct Program {
     explicit Program(const Temporary_folder& f) : folder(f) {
         EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20));
-        manager.emplace(nullptr);
+        manager.emplace();
     }
     ~Program() { manager.reset(), Pcf_host::unmount(); }
     const Temporary_folder& folder;

@@ -45,10 +45,10 @@ protected:
         bus.process();
         for (const Member& m : members) {
             for (JIN_grow_message got; m.node->inbox.receive(got);) {
-                const bool same = std::count(got.data, got.data + got.size, got.data[0]) == got.size;
-                const std::string text = text_of_message(got);
+                const std::string text = text_of_message(got), bytes(got.data, got.data + got.size);
+                const bool same = bytes.size() > 8 && bytes.find_first_not_of(bytes[0]) == bytes.npos;
                 if (got.pgn == JIN::pgn_request || got.pgn == JIN::pgn_address_claimed) continue;
-                note(m.name + (same && got.size > 8 ? text.substr(0, 16) + text_of(" x%u", got.size) : text));
+                note(m.name + (same ? text.substr(0, 16) + text_of(" x%u", got.size) : text));
             }
             const std::string told = m.node->events();
             if (!told.empty()) note(m.name + "told " + told);
@@ -56,12 +56,10 @@ protected:
     }
     void send(const std::string& text) {
         unsigned pgn, from, to, times = 1;
-        int at = 0;
-        ASSERT_EQ(sscanf(text.c_str(), "%x %x>%x:%n", &pgn, &from, &to, &at), 3) << text;
-        const std::string bytes = text.substr(static_cast<size_t>(at) + (text[static_cast<size_t>(at)] == ' '));
-        if (const size_t x = bytes.find('x'); x != std::string::npos) times = atoi(bytes.c_str() + x + 1);
+        char bytes[200] = "";
+        ASSERT_GE(sscanf(text.c_str(), "%x %x>%x: %199[0-9A-F ]x%u", &pgn, &from, &to, bytes, &times), 3) << text;
         JIN_grow_message m = message(pgn, "", static_cast<uint8_t>(to), static_cast<uint8_t>(from));
-        for (Bytes b(bytes.substr(0, bytes.find(" x"))); times > 0; --times) m.append(b.view().data, b.view().size);
+        for (Bytes b(bytes); times > 0; --times) m.append(b.view().data, b.view().size);
         const auto sender = std::find_if(members.begin(), members.end(), [&](auto& s) { return s.wish == from; });
         if (sender == members.end()) return bus.inject(m);
         const int result = sender->node->send(m);
