@@ -33,12 +33,8 @@ namespace {
 
 TEST(Socket_stack, says_once_what_is_wrong_and_what_to_do) {
     using Stack = JIN_socket_stack;
-    const struct {
-        int at_socket, at_bind;
-        unsigned index;
-        Stack::Trouble trouble;
-        const char* text;
-    } rows[] = {
+    // Of socket(), of bind(); the interface's index.
+    const std::tuple<int, int, unsigned, Stack::Trouble, const char*> rows[] = {
         {EPROTONOSUPPORT, 0, 1, Stack::no_kernel_support, "the kernel has no J1939: modprobe can-j1939"},
         {EACCES, 0, 1, Stack::not_permitted, "no right to open CAN sockets: let the service use AF_CAN"},
         {0, ENODEV, 0, Stack::no_interface,
@@ -47,22 +43,21 @@ TEST(Socket_stack, says_once_what_is_wrong_and_what_to_do) {
         {0, ENETDOWN, 1, Stack::interface_down, "the interface is down: ip link set can7 up type can bitrate 250000"},
         {EMFILE, 0, 1, Stack::other_trouble, "Too many open files: see dmesg"},
     };
-    for (const auto& r : rows) {
-        socket_error = r.at_socket, bind_error = r.at_bind, interface_index = r.index;
+    for (const auto& [at_socket, at_bind, index, trouble, text] : rows) {
+        socket_error = at_socket, bind_error = at_bind, interface_index = index;
         const std::string printed = debug_text([&] {
             Node_of<Stack> node(JIN_inbox::for_this_node, Diner_info_list::get(), "can7", JIN_name(1), uint8_t{10});
             attempts = 0;
             ASSERT_TRUE(node.stack.start());
             EXPECT_TRUE(wait_until([&] { return attempts >= 2; })) << "it tries again";
-            EXPECT_VALUES(texts(r.trouble, JIN_stack::busy, "5", false), node.stack.trouble(),
-                          node.send(message(0xFF00, "x")), node.events(), node.stack.bus_is_there())
-                << r.text;
+            EXPECT_VALUES(texts(trouble, JIN_stack::busy, "5", false), node.stack.trouble(),
+                          node.send(message(0xFF00, "x")), node.events(), node.stack.bus_is_there());
             socket_error = bind_error = 0, interface_index = 1;
             EXPECT_TRUE(wait_until([&] { return node.stack.bus_is_there(); }));
             EXPECT_TRUE(wait_until([&] { return node.events() == "6"; }));
             EXPECT_EQ(node.stack.trouble(), Stack::none);
         });
-        EXPECT_EQ(printed, std::string("JIN can7: ") + r.text + "\nJIN can7: the bus is there\n");
+        EXPECT_EQ(printed, std::string("JIN can7: ") + text + "\nJIN can7: the bus is there\n");
     }
 }
 
