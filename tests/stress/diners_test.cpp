@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Diners are used by several threads at once, at random and beyond what they can take: they are posted to while they
-// stall, stop, start, take turns, get timeouts and end, also by exits of the process. Every call returns, no event is
-// handled twice or unless accepted, no timeout runs that was removed, none is forgotten, no handler runs after
-// terminate(true), and nothing is left in the list or missing in the pool. With --nightly a hundred times as long, and
-// thirty times as many exits.
+// stall, stop, start, take turns, get timeouts while the clock is set, and end, also by exits of the process. Every
+// call returns, no event is handled twice or unless accepted, no timeout runs that was removed, none is forgotten, no
+// handler runs after terminate(true), and nothing is left in the list or missing in the pool. With --nightly a hundred
+// times as long, and thirty times as many exits.
+#include "glue/diner/Clock_watch.h"
 #include "glue/diner/Diner_selector.h"
 #include "support/Test_diner.h"
 #include "support/stress.h"
@@ -20,6 +21,7 @@ std::atomic<int> violations{0}; ///< events handled twice or unless accepted, ti
 struct Player : Test_diner<Diner_external_protection<Diner>> {
     explicit Player(Mutex& lock, int id = 0, size_t numbers = 512) : Test_diner("player", id, lock), due(numbers) {
         on_timeout = [this](Timeout& t) {
+            violations += &t == &far;
             for (size_t i = 0; i < num_timeouts; ++i) {
                 if (&t != &timeouts[i]) continue;
                 violations += wanted[i] == not_wanted;
@@ -68,7 +70,7 @@ struct Player : Test_diner<Diner_external_protection<Diner>> {
     }
 
     static constexpr size_t num_timeouts = 6;
-    Timeout timeouts[num_timeouts];
+    Timeout timeouts[num_timeouts], far;
     enum { not_wanted, is_wanted, may_be_dropped } wanted[num_timeouts] = {};
     std::atomic<bool> alive{true};
     std::atomic<int> marks{0};
@@ -76,17 +78,6 @@ struct Player : Test_diner<Diner_external_protection<Diner>> {
 };
 
 int free_events() { return Diner_info_list::get().num_free_events(); }
-
-/// All that is left of the pool, held as by a sender gone mad.
-struct Exhausted_pool {
-    Exhausted_pool() {
-        while (waiter_event_node* n = Diner_info_list::get().get_blank_event()) all.push_back(n);
-    }
-    ~Exhausted_pool() {
-        for (waiter_event_node* n : all) Diner_info_list::get().return_used_event(n);
-    }
-    std::vector<waiter_event_node*> all;
-};
 
 TEST(Diners, under_load_stalled_stopped_started_and_ended_also_without_a_free_event) {
     constexpr int num_posters = 4, at_first = 4000, rounds = 100, each = at_first + rounds * 400;
@@ -134,10 +125,13 @@ TEST(Diners, under_load_stalled_stopped_started_and_ended_also_without_a_free_ev
     alarm(0);
 }
 
-/// Without the lines of timeouts whose destructors withdraw them, and of locks that came late, as they may on a busy
-/// machine; one that never comes ends the process.
+std::atomic<int> hours_ahead{0}; ///< of the clock
+
+/// Without the lines of a clock that was set, of timeouts whose destructors withdraw them, and of locks that came late,
+/// as they may on a busy machine; one that never comes ends the process.
 std::string unexpected(const std::string& text) {
-    return std::regex_replace(text, std::regex("(Deadlock (assumed|avoided)|Destruct) .*\n"), "");
+    return std::regex_replace(text, std::regex("(Clock_watch: the clock|Deadlock (assumed|avoided)|Destruct) .*\n"),
+                              "");
 }
 
 void pause(Random& random) { // none, a turn or some ten microseconds
@@ -148,13 +142,16 @@ void pause(Random& random) { // none, a turn or some ten microseconds
 }
 
 /// What others may do to a diner at any time, each call by chance.
-void use(Player& p, Random& random, Diner_selector& selector, Timeout& timeout) {
+void use(Player& p, Random& random, Diner_selector& selector, Clock_watch& watch, Timeout& timeout) {
     const std::function<void()> seldom[] = {
         [&] { p.start(); },
         [&] { p.stop(); },
         [&] { p.wait_stopped(); },
         [&] { p.waiter.set_enabled(random(2)); },
         [&] { p.submit_timeout(timeout, random(3)); },
+        [&] { p.submit_timeout(p.far, 1000000); },
+        [&] { watch.check(); },
+        [&] { hours_ahead += 1 - random(3); },
         [&] { selector.select_diner(random(3)); },
         [&] { p.get_state(); },
         [&] { p.waiter.send_event(waiter_event(2000, 1, 0), random(2), random(2)); },
@@ -173,12 +170,15 @@ void use(Player& p, Random& random, Diner_selector& selector, Timeout& timeout) 
 
 TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
     Capture err(stderr);
+    Util::set_wall_clock(
+        [](struct timespec& now) { clock_gettime(CLOCK_REALTIME, &now), now.tv_sec += 3600 * hours_ahead; });
     int posted = 0, ran = 0;
     for (unsigned seed = 1; seed <= (nightly() ? 15000 : 150) && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
         alarm(60); // kills what hangs
         Mutex locks[3];
         Diner_selector selector;
+        Clock_watch watch(Diner_info_list::get());
         std::deque<Player> players;
         for (int i = 0; i < 3; ++i) players.emplace_back(locks[seed % 4 ? 0 : i], i).begin(true, false, &selector);
         std::atomic<int> late{0};
@@ -190,7 +190,7 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
                     Player& p = players[size_t(k / 2)];
                     Timeout timeout;
                     timeout.period = random(2);
-                    use(p, random, selector, timeout);
+                    use(p, random, selector, watch, timeout);
                     if (!to_the_end) return;
                     p.terminate(k % 2 || random(2));
                     if (k % 2 == 0) p.wait_terminate();
@@ -198,6 +198,7 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
                 });
             }
             threads.join();
+            watch.check(); // the last step may have found a diner asleep
             for (int i = 0; i < 3 && !to_the_end; ++i) {
                 Player& p = players[size_t(i)];
                 EXPECT_TRUE(wait_until([&] { // one that was still stopping when it was selected did not start
@@ -216,6 +217,7 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
         EXPECT_VALUES(texts(0, module_man::pool_size), violations, free_events());
     }
     alarm(0);
+    Util::set_wall_clock(nullptr);
     EXPECT_EQ(unexpected(err.text()), "");
     printf("%d cases of posts, %d of timeouts\n", posted, ran);
 }

@@ -6,6 +6,7 @@
 #include "support/wait_until.h"
 #include <atomic>
 #include <functional>
+#include <vector>
 
 /// A door that threads wait at while it is shut.
 class Gate {
@@ -82,4 +83,15 @@ public:
     std::function<void(Timeout&)> on_timeout;
     std::atomic<int> starts{0}, stops{0}, events{0}, timeouts_handled{0}, posted{0};
     mutable Gate lock_gate; ///< shut: the diner's own thread stops before it takes its lock
+};
+
+/// All that is left of the pool, held as by a sender gone mad.
+struct Exhausted_pool {
+    Exhausted_pool() {
+        while (waiter_event_node* n = Diner_info_list::get().get_blank_event()) all.push_back(n);
+    }
+    ~Exhausted_pool() {
+        for (waiter_event_node* n : all) Diner_info_list::get().return_used_event(n);
+    }
+    std::vector<waiter_event_node*> all;
 };
