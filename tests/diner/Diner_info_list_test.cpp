@@ -6,8 +6,6 @@
 
 namespace {
 
-const std::string heading = "\nId      Name State Run   EventCnt ToutCnt Checkpoint\n";
-
 /// What `print(to_debug)` writes, which is the same on either output.
 template <class Print>
 std::string printed(Print print) {
@@ -21,53 +19,40 @@ std::string printed(Print print) {
 /// Of the file that a Capture puts in its place.
 off_t size_of_stderr() { return lseek(STDERR_FILENO, 0, SEEK_END); }
 
-/// A diner whose state is set by the test.
+/// A diner whose state is set by the test, with a record that fills what is left of its row.
 struct Posing_diner : Test_diner<> {
-    using Test_diner<>::Test_diner;
-    ~Posing_diner() override { pose(state_uninit, false); }
-    void pose(int s, bool pending) { descriptor = own, state = s, _start_pending = pending; }
-};
-
-/// Fills what is left of its row.
-struct Appending : Diner_info {
-    using Diner_info::Diner_info;
-    void append_print_info(const char* text, int room) const override {
-        snprintf(const_cast<char*>(text), static_cast<size_t>(room), "%s", std::string(300, '+').c_str());
+    struct Appending : Diner_info {
+        using Diner_info::Diner_info;
+        void append_print_info(const char* text, int room) const override {
+            snprintf(const_cast<char*>(text), static_cast<size_t>(room), "%s", std::string(300, '+').c_str());
+        }
+    };
+    Posing_diner(const char* name, int s, bool pending) : Test_diner(name) {
+        descriptor = own, state = s, _start_pending = pending;
     }
+    ~Posing_diner() override { state = state_uninit, _start_pending = false; }
+    Appending row{*this};
 };
 
 TEST(Diner_info, prints_its_row_and_what_a_derived_record_appends) {
-    const struct {
-        const char* name;
-        int state;
-        bool pending;
-        unsigned char activity;
-        uint32_t events, timeouts;
-        const char* file;
-        bool full_path;
-        std::string row;
-    } cases[] = {
-        {"twelve_chars", 1, true, 1, 12, 3, "glue/Diner", false,
-         "twelve_chars Stoping-1 Evt       12       3 Diner:80\n"},
-        {"a", 2, false, 2, 123456789, 12345678, "glue/Diner", true,
-         "        a  Stop-0 Tmt 123456789 12345678 glue/Diner:80\n"},
-        {"a", 3, false, 0, 4294967295u, 0, "plain", false, "        a Uninit-0 Idl       -1       0 plain:80\n"},
-        {"a", 5, false, 0, 0, 0, "x/y", true, "        a Unknown-0 Idl        0       0 x/y:80\n"}};
-    for (const auto& c : cases) {
-        Posing_diner d(c.name);
-        d.pose(c.state, c.pending);
-        Appending info(d);
-        info.activity = c.activity, info.event_count = c.events, info.timeout_count = c.timeouts;
-        info.checkpoint(c.file, 80);
-        const std::string appended(255 - c.row.size(), '+');
-        EXPECT_EQ(printed([&](bool to_debug) { info.print(to_debug, c.full_path); }), c.row + appended);
+    using Counts = std::pair<uint32_t, uint32_t>; // of events and timeouts
+    const std::tuple<const char*, int, bool, unsigned char, Counts, const char*, bool, std::string> cases[] = {
+        // name, cut to twelve, state, start pending, activity, counts, checkpoint's file, with its path, row
+        {"twelve_chars_", 1, true, 1, {12, 3}, "x/Diner", false, "twelve_chars Stoping-1 Evt       12       3 Diner"},
+        {"a", 2, false, 2, {123456789, 12345678}, "x/y", true, "        a  Stop-0 Tmt 123456789 12345678 x/y"},
+        {"a", 3, false, 0, {4294967295u, 0}, "plain", false, "        a Uninit-0 Idl       -1       0 plain"},
+        {"a", 5, false, 0, {0, 0}, "x/y", true, "        a Unknown-0 Idl        0       0 x/y"}};
+    for (const auto& [name, state, pending, activity, counts, file, full_path, row] : cases) {
+        Posing_diner d(name, state, pending);
+        d.row.activity = activity, d.row.event_count = counts.first, d.row.timeout_count = counts.second;
+        d.row.checkpoint(file, 80);
+        EXPECT_EQ(printed([&, path = full_path](bool to_debug) { d.row.print(to_debug, path); }),
+                  row + ":80\n" + std::string(251 - row.size(), '+'));
     }
 }
 
 TEST(Diner_info_list, shows_and_reaches_the_diners_in_the_order_of_their_start) {
     Diner_info_list& list = Diner_info_list::get();
-    const auto table = [&](bool to_debug) { list.print(to_debug, false); };
-    EXPECT_EQ(printed(table), heading);
     Test_diner<> a("first"), b("second"), c("gone");
     c.begin();
     c.terminate(true);
@@ -75,22 +60,23 @@ TEST(Diner_info_list, shows_and_reaches_the_diners_in_the_order_of_their_start) 
         d->begin();
         ASSERT_TRUE(wait_until([&] { return d->info.checkpoint_line == 80; }));
     }
-    EXPECT_EQ(printed(table), heading + " 0     first   Run-0 Idl        0       0 Diner:80\n"
-                                        " 1    second   Run-0 Idl        0       0 Diner:80\n");
+    EXPECT_EQ(printed([&](bool to_debug) { list.print(to_debug, false); }),
+              "\nId      Name State Run   EventCnt ToutCnt Checkpoint\n"
+              " 0     first   Run-0 Idl        0       0 Diner:80\n"
+              " 1    second   Run-0 Idl        0       0 Diner:80\n");
     for (int index : {-1, 2, 1000000}) list.set_debug_level(index, 99);
     list.set_debug_level(1, 7);
     EXPECT_VALUES("0 7", a.info.debug_level, b.info.debug_level);
-    Capture alive(stderr);
-    EXPECT_VALUES("2   first (Run)\n  second (Run)\n", list.print_alive(), alive.text());
-
-    const std::string stuck = "Testing     first.. Ok\nTesting    second", tested = stuck + ".. Ok\n";
-    b.lock(-1);
+    const std::string alive = "  first (Run)\n  second (Run)\n",
+                      stuck = alive + "Testing     first.. Ok\nTesting    second";
     Capture err(stderr);
+    EXPECT_EQ(list.print_alive(), 2);
+    b.lock(-1);
     std::thread tester([&] { list.test_lock(); });
     EXPECT_TRUE(wait_until([&] { return size_of_stderr() == off_t(stuck.size()); })) << "open until it is let go";
     b.unlock();
     tester.join();
-    EXPECT_EQ(err.text(), tested);
+    EXPECT_EQ(err.text(), stuck + ".. Ok\n");
 }
 
 TEST(Diner_info_list, tells_how_long_handlers_take_and_events_and_timeouts_wait) {
@@ -128,9 +114,9 @@ TEST(Diner_info_list, tells_how_long_handlers_take_and_events_and_timeouts_wait)
     Diner_info_list::get().reset_figures();
     d.post(7);
     ASSERT_TRUE(has_handled(1));
-    const auto table = [](bool to_debug) { Diner_info_list::get().print_figures(to_debug); };
-    const std::string row = "\n 0      slow    7000.0    7000.0       0.0       0.0        0        1\n";
-    EXPECT_NE(printed(table).find(row), std::string::npos) << printed(table);
+    EXPECT_EQ(printed([](bool to_debug) { Diner_info_list::get().print_figures(to_debug); }),
+              "\nId      Name Handl[us] Worst[us]  Wait[us] Worst[us] Late[ms]    Queue\n"
+              " 0      slow    7000.0    7000.0       0.0       0.0        0        1\n");
 }
 
 TEST(Diner_info_list, forgets_a_diner_that_is_ended_during_its_init) {
@@ -154,19 +140,16 @@ TEST(Diner_info_list, ends_every_diner_at_the_end_of_the_process_and_tells_who_i
     const auto begin = std::chrono::steady_clock::now();
     const std::string line = "1 out of 1 diners still alive\n";
     const Child_result r = run_child([&line] {
-        // Static, so that what outlives main is not taken for leaked; the stuck one without a lock: with one,
-        // terminate() would give up.
-        static auto *const running = new Test_diner<>, *const parked = new Test_diner<>;
-        static auto* const stuck = new Test_diner<Diner>;
-        running->begin();
-        parked->begin(true);
+        // What outlives main; the stuck one without a lock: with one, terminate() would give up.
+        static auto &running = *new Test_diner<>, &parked = *new Test_diner<>;
+        static auto& stuck = *new Test_diner<Diner>;
+        running.begin();
+        parked.begin(true);
         // Until the second message. A process that did not wait would not live to see it.
-        stuck->on_event = [n = off_t(2 * line.size())](waiter_event&) {
-            wait_until([n] { return size_of_stderr() >= n; });
-        };
-        stuck->begin();
-        stuck->post(1);
-        wait_until([] { return stuck->info.activity == Diner_info::activity_event; });
+        stuck.on_event = [n = off_t(2 * line.size())](auto&) { wait_until([n] { return size_of_stderr() >= n; }); };
+        stuck.begin();
+        stuck.post(1);
+        wait_until([] { return stuck.info.activity == Diner_info::activity_event; });
     });
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500)) << "not before the 16th pass";
     EXPECT_EQ(r.end().substr(0, 2 + 2 * line.size()), "0 " + line + line);
