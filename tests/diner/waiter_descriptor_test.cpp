@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "glue/diner/waiter_descriptor.h"
+#include "NV_store/Settings_fixture.h"
+#include "glue/cds/CDS_events.h"
+#include "glue/data_stream/Virtual_pair_data_stream.h"
+#include "glue/diner/waiter_list.h"
 #include "support/test.h"
 #include <QCoreApplication>
 #include <QTimer>
@@ -29,22 +32,23 @@ std::string take(waiter_descriptor& w, int ms = 0) {
     if (w.get_event(&e, Atime::from_now(ms)) == 0) return name(e);
     return name(e) == "-5:7:1:stale" ? "nothing" : "changed";
 }
+
 TEST(Waiter_event, owns_its_block) {
     waiter_event e = with_block("first"), copy = e, assigned;
-    std::string outcomes;
-    for (const auto& [data, n] :
-         {std::pair("0123456789", 10u), {"x", 0}, {"abc", 2}, {nullptr, 5}, {"abc", UINT_MAX - 6}, {"abc", 3}}) {
-        outcomes += std::to_string(e.set_extended_data(bytes(data), n)) + " ";
-        outcomes += name(e) + ", ";
-    }
-    EXPECT_EQ(outcomes, "1 -5:7:1:0123456789, 0 -5:7:1, 1 -5:7:1:ab, 0 -5:7:1, 0 -5:7:1, 1 -5:7:1:abc, ");
+    const std::tuple<const char*, unsigned, int, const char*> blocks[] = {{"0123456789", 10, 1, "-5:7:1:0123456789"},
+                                                                          {"x", 0, 0, "-5:7:1"},
+                                                                          {"abc", 2, 1, "-5:7:1:ab"},
+                                                                          {nullptr, 5, 0, "-5:7:1"},
+                                                                          {"abc", UINT_MAX - 6, 0, "-5:7:1"},
+                                                                          {"abc", 3, 1, "-5:7:1:abc"}};
+    for (const auto& [data, n, taken, now] : blocks)
+        EXPECT_VALUES(texts(taken, now), e.set_extended_data(bytes(data), n), name(e));
     EXPECT_EQ(std::string(reinterpret_cast<char*>(e.extended), 7), std::string("\3\0\0\0abc", 7)) << "32-bit length";
     assigned = copy;
     assigned = static_cast<waiter_event&>(assigned);
-    assigned.set_extended_data(assigned.get_extended_data() + 2, 3);
-    EXPECT_EQ(name(assigned), "-5:7:1:rst") << "by a part of itself";
+    assigned.set_extended_data(assigned.get_extended_data() + 2, 3); // a part of itself
     e = std::move(copy);
-    EXPECT_EQ(name(e) + " " + name(copy), "-5:7:1:first -5:7:1");
+    EXPECT_VALUES("-5:7:1:rst -5:7:1:first -5:7:1", name(assigned), name(e), name(copy));
 }
 
 TEST(Module_man, counts_ids_until_16_bits_are_used_and_hands_out_each_of_1000_nodes_once) {
@@ -191,8 +195,7 @@ TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
         posters.emplace_back([&, module] {
             for (int i = 1; i <= posts; ++i) {
                 if (module == 7) newest = i;
-                const waiter_event e(module, 0, unsigned(i));
-                while (w.send_event(e, module == 5, module == 7) != 0) std::this_thread::yield(); // until there is room
+                while (w.send_event({module, 0, unsigned(i)}, module == 5, module == 7) != 0) std::this_thread::yield();
             }
         });
     }
@@ -205,29 +208,29 @@ TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
         if (e.module_id == 7) seen_newest = newest; // a dropped duplicate has a delivery still to come
     }
     for (std::thread& p : posters) p.join();
-    EXPECT_TRUE(all()) << merged << " " << plain << " " << seen_newest;
+    EXPECT_VALUES(texts(2 * posts, posts, posts), merged, plain, seen_newest);
 }
 
 TEST_F(Waiter, keeps_nothing_that_was_posted_before_it_was_disabled_and_flushed) {
     static std::atomic<int> readings;
     Util::set_wall_clock([](struct timespec& now) { now = {1000 - ++readings, 0}; }); // it is being set back
     std::atomic<int> posts{0};
-    std::atomic<bool> enough{false};
+    std::atomic<bool> over{false};
     std::thread poster([&] {
-        for (; !enough; ++posts) w.send_event({5, 7, 1}, posts % 2, no);
+        for (; !over; ++posts) w.send_event({5, 7, 1}, posts % 2, no);
     });
-    for (int round = 0; round < 3000 && !enough; ++round) {
+    int late = 0;
+    for (int round = 0; round < 3000; ++round) {
         w.set_enabled(true);
-        const int before = posts;
-        while (posts < before + round % 3) std::this_thread::yield();
+        for (const int before = posts; posts < before + round % 3;) std::this_thread::yield();
         w.set_enabled(false);
         w.flush_events();
-        enough = w.num_queued() > 0;
+        late += w.num_queued();
     }
-    EXPECT_FALSE(enough.exchange(true)) << "a post whose token is still to come";
+    over = true;
     poster.join();
     Util::set_wall_clock(nullptr);
-    EXPECT_VALUES("nothing 0", take(w), readings);
+    EXPECT_VALUES("0 nothing 0", late, take(w), readings) << "posts whose tokens are still to come";
 }
 
 TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out) {
@@ -246,6 +249,85 @@ TEST(Waiter_tokens, neither_get_lost_nor_double_when_given_as_the_wait_runs_out)
         giver.join();
         EXPECT_NE(tokens.take(0), in_time) << "what came too late is there for the next";
     }
+}
+
+TEST(Waiter_list, stream_range_and_setting_forget_a_waiter_that_dies_with_a_line_and_tell_the_others) {
+    module_man modules;
+    Mutex lock;
+    waiter_list list(lock);
+    Virtual_pair_data_stream pair(&modules);
+    CDS::Head head(&modules, 0);
+    Settings tree(&modules);
+    const struct { // what is told of it, how it gets a waiter, and how it tells all that it keeps
+        const char* told;
+        std::function<void(waiter_descriptor&)> keep;
+        std::function<void()> tell;
+    } holders[] = {
+        {"streams 1, ranges 0, settings 0", [&](auto& w) { list.add(&w); },
+         [&] {
+             list.send({2000, 1, 0}, waiter_descriptor::merge_duplicates);
+         }},
+        {"streams 2, ranges 0, settings 0",
+         [&](auto& w) { pair.b.reg_rx_waiter(&w, false), pair.b.reg_tx_waiter(&w, false); },
+         [&] { pair.a.printf("x"), pair.b.drop(1); }},
+        {"streams 0, ranges 1, settings 0",
+         [&](auto& w) {
+             const std::lock_guard<Mutex> guard(head);
+             CDS::Access_base(&head, 0, 4).reg(&w, 1);
+         },
+         [&] {
+             const std::lock_guard<Mutex> guard(head);
+             head.event_signal(nullptr, nullptr, 0, 4, nullptr);
+         }},
+        {"streams 0, ranges 0, settings 1", [&](auto& w) { tree.speed.register_waiter(&w, 1, false); },
+         [&] { tree.signal_all(&tree); }},
+    };
+    for (const auto& h : holders) {
+        for (const bool stays : {false, true}) {
+            auto w = std::make_unique<waiter_descriptor>(); // of the heap, where its memory is watched
+            w->init(&modules);
+            h.keep(*w);
+            if (stays) h.tell();
+            EXPECT_EQ(w->num_queued() > 0, stays) << h.told;
+            const std::string line = text_of("Waiter %p dies while it is registered with %s\n", w.get(), h.told);
+            EXPECT_EQ(debug_text([&] { w.reset(); }), line);
+            h.tell();
+        }
+    }
+}
+
+TEST(Waiter_list, of_up_to_16_tells_each_and_nothing_else_when_places_move_up) {
+    module_man modules;
+    Mutex lock;
+    waiter_list list(lock);
+    EXPECT_VALUES("0 0 -1", list.module_id(), list.init(modules), list.add(nullptr));
+    std::optional<waiter_descriptor> waiters[18];
+    std::mt19937 random(1);
+    std::set<size_t> kept, alive;
+    for (int step = 0; step < 2000; ++step) {
+        const size_t i = random() % 18;
+        auto& w = waiters[i];
+        if (alive.insert(i).second) w.emplace().init(&modules);
+        switch (random() % 8) {
+        case 0: // it dies
+            EXPECT_EQ(debug_text([&] { w.reset(); }).empty(), !kept.erase(i));
+            alive.erase(i);
+            break;
+        case 1:
+            EXPECT_EQ(list.remove(&*w), kept.erase(i) ? 0 : -1);
+            break;
+        default:
+            EXPECT_EQ(list.add(&*w), kept.size() < 16 && kept.insert(i).second ? 0 : -1);
+        }
+        for (int n = 0; n < 2; ++n) list.send({2000, 1, 0}, waiter_descriptor::merge_duplicates);
+        for (size_t k : alive) {
+            ASSERT_EQ(waiters[k]->num_queued(), kept.count(k)) << k << " in step " << step;
+            waiters[k]->flush_events();
+        }
+    }
+    debug_text([&] {
+        for (auto& w : waiters) w.reset();
+    });
 }
 
 } // namespace
