@@ -2,6 +2,7 @@
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
 #include "support/Pty.h"
+#include "support/stress.h"
 #include "support/test.h"
 #include <poll.h>
 #include <sched.h>
@@ -75,7 +76,6 @@ TEST_F(Logger, Prints_a_backlog_in_pieces_of_80_and_drops_what_does_not_fit_with
 }
 
 TEST_F(Logger, Is_a_diner_that_log_writes_to_while_it_lives) {
-    Buffered_logger::log("to nobody");
     {
         Buffered_logger logger;
         logger.init(Diner_info_list::get());
@@ -98,13 +98,13 @@ TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks_and_tells_of_each_th
         logger.init(Diner_info_list::get());
         Buffered_logger::log("!");
         ASSERT_TRUE(wait_until([&] { return logger.waiting() == 0; })) << "one event is begun and none handled";
-        std::thread appenders[4];
+        Threads appenders;
         std::atomic<int> lines{fit + cut};
-        for (auto& t : appenders)
-            t = std::thread([&] {
+        for (int i = 0; i < 4; ++i)
+            appenders.emplace_back([&] {
                 while (--lines >= 0) logger.append(line.c_str());
             });
-        for (auto& t : appenders) t.join();
+        appenders.join();
         EXPECT_EQ(logger.waiting(), Buffered_logger::capacity);
         for (int i = 0; i < 256; ++i) expected += notice;
         if (*more) expected += notice + more;

@@ -96,12 +96,15 @@ TEST_F(Supervised, a_diner_that_takes_none_of_its_events_is_trouble_unless_it_is
     diner.in_state(Diner::state_stop);
     diner.waiter.set_enabled(true);
     diner.post(1);
-    EXPECT_VALUES("30 true true 1", told(3000), diner.run(), diner.idle(), told(100));
+    EXPECT_VALUES("30 true true", told(3000), diner.run(), diner.idle());
     for (const bool gone : {false, true}) {
         diner.lock(-1);
         for (int id : {1, 2}) diner.post(id); // one is taken, to be handled under the lock
         ASSERT_TRUE(wait_until([&] { return diner.waiter.num_queued() == 1; }));
-        EXPECT_EQ(told(2000), "Supervisor: worker takes none of its 1 events for 1000 ms, last at some/place:42\n9");
+        EXPECT_EQ(told(2000),
+                  std::string("Supervisor: worker takes none of its 1 events for 1000 ms, last at some/place:42\n") +
+                      (gone ? "9" : "10"))
+            << "the first look sees that it has moved";
         diner.unlock();
         if (gone) diner.terminate(true);
         EXPECT_TRUE(diner.idle());

@@ -187,30 +187,6 @@ TEST_F(Waiter, meets_the_qt_application) {
     }
 }
 
-TEST_F(Waiter, loses_and_doubles_nothing_with_four_posters) {
-    constexpr int posts = 8000;
-    std::atomic<int> newest{0};
-    std::vector<std::thread> posters;
-    for (const short module : {5, 5, -6, 7}) { // two merge into one event, one has an order, one posts duplicates
-        posters.emplace_back([&, module] {
-            for (int i = 1; i <= posts; ++i) {
-                if (module == 7) newest = i;
-                while (w.send_event({module, 0, unsigned(i)}, module == 5, module == 7) != 0) std::this_thread::yield();
-            }
-        });
-    }
-    int merged = 0, plain = 0, seen_newest = 0;
-    waiter_event e;
-    const auto all = [&] { return merged == 2 * posts && plain == posts && seen_newest == posts; };
-    while (w.get_event(&e, Atime::from_now(all() ? 0 : 20000)) == 0) {
-        merged += e.module_id == 5;
-        if (e.module_id == -6) plain = e.data == event_word_t(plain + 1) ? plain + 1 : -posts;
-        if (e.module_id == 7) seen_newest = newest; // a dropped duplicate has a delivery still to come
-    }
-    for (std::thread& p : posters) p.join();
-    EXPECT_VALUES(texts(2 * posts, posts, posts), merged, plain, seen_newest);
-}
-
 TEST_F(Waiter, keeps_nothing_that_was_posted_before_it_was_disabled_and_flushed) {
     static std::atomic<int> readings;
     Util::set_wall_clock([](struct timespec& now) { now = {1000 - ++readings, 0}; }); // it is being set back

@@ -40,11 +40,11 @@ struct Player : Test_diner<Diner_external_protection<Diner>> {
         marks += e.module_id == mark_module;
         Test_diner::handle_event(e);
     }
-    /// Accepted, or dropped by one that is disabled.
-    bool post(int number) {
+    /// Accepted, merged into one of its like, or dropped by one that is disabled.
+    bool post(int number, bool merge) {
         ++posted;
         ++due[size_t(number)];
-        const bool taken = waiter.send_event(waiter_event(load_module, number, 0)) == 0;
+        const bool taken = waiter.send_event(waiter_event(load_module, number, 0), merge, false) == 0;
         due[size_t(number)] -= !taken;
         return taken;
     }
@@ -84,7 +84,7 @@ TEST(Diners, under_load_stalled_stopped_started_and_ended_also_without_a_free_ev
     alarm(100); // kills what hangs
     Mutex locks[20];
     std::deque<Player> players;
-    for (Mutex& m : locks) players.emplace_back(m, 0, num_posters * each).begin();
+    for (Mutex& m : locks) players.emplace_back(m, 0, num_posters * each / 40).begin();
     for (size_t i = 0; i < 20; i += 4) players[i].lock_gate.shut();
     std::atomic<int> allowed{at_first}, posts{0}, refused{0};
     Threads posters;
@@ -92,7 +92,7 @@ TEST(Diners, under_load_stalled_stopped_started_and_ended_also_without_a_free_ev
         posters.emplace_back([&, k] {
             for (int n = 0; n < each; ++n, ++posts) {
                 while (n >= allowed) std::this_thread::yield();
-                refused += !players[size_t(k + n) % players.size()].post(k * each + n);
+                refused += !players[size_t(k + n) % players.size()].post((k * each + n) / 40, n % 2);
             }
         });
     }
@@ -160,7 +160,7 @@ void use(Player& p, Random& random, Diner_selector& selector, Clock_watch& watch
     for (unsigned n = random(200u); n > 0; --n, pause(random)) {
         const unsigned what = random(10);
         if (what < 5)
-            p.post(random(512));
+            p.post(random(512), random(2));
         else if (what < 8)
             p.change_timeout(random);
         else
