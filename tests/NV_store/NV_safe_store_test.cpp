@@ -58,13 +58,8 @@ TEST_F(Safe_store, Saves_completely_and_then_what_changed) {
     EXPECT_VALUES("nothing to save false", program.save(), fs::exists(path)) << "nothing is loaded or set";
     tree.set_all();
     EXPECT_VALUES("saved nothing to save", program.save(), program.save_changes());
-    const auto size = fs::file_size(path);
-    tree.wheel.offset.set(123);
-    EXPECT_VALUES(texts("saved", size + 12 + 12 + 6), program.save_changes(), fs::file_size(path))
-        << "two frames and the value";
     tree.sections.middle.set(55);
     EXPECT_VALUES("saved " + all(), program.save_changes(), restart()) << "a list is saved whole";
-    EXPECT_VALUES(texts("saved", size), program.save(), fs::file_size(path));
     fs::remove(path);
     tree.speed.set(1);
     const std::string last = all();
@@ -128,16 +123,17 @@ TEST_F(Safe_store, What_cannot_be_read_or_is_no_file_is_left_alone) {
         {"Input/output error", nullptr}};
     for (const std::string generation : {"", ".bak: "}) {
         for (const auto& [reason, make] : table) {
-            const std::string place = path + generation.substr(0, 4), refusal = texts(unreadable, defaults, 0);
+            const std::string place = path + generation.substr(0, 4);
             for (const char* old : {"", ".bak"}) fs::remove_all(path + old);
             make ? make(place) : write_file(place, good);
             const auto before = all_files();
             Program fresh(path);
             Capture told(stderr);
             alarm(20); // for a FIFO that blocks
+            // What is there but cannot be read, while the folder opens.
             const auto disturb = [&, m = make] { Faulty::arm(m ? Faulty::none : Faulty::error_for_ever, 2, EIO); };
-            disturb(); // all but the opening of the folder
-            EXPECT_EQ(fresh.load(), refusal) << place << reason;
+            disturb();
+            EXPECT_EQ(fresh.load(), texts(unreadable, defaults, 0)) << place << reason;
             disturb();
             EXPECT_TRUE(!generation.empty() || program.save() == unreadable) << "nor do others write over it";
             Faulty::arm(Faulty::none, 0);
@@ -166,8 +162,7 @@ TEST_F(Safe_store, The_file_keeps_its_place_and_its_rights) {
     chmod(real.c_str(), 0640);
     EXPECT_EQ(program.save(), "saved");
     struct stat s;
-    ASSERT_EQ(stat(real.c_str(), &s), 0);
-    EXPECT_TRUE(!root || (s.st_uid == 1234 && s.st_gid == 1235));
+    EXPECT_TRUE(stat(real.c_str(), &s) == 0 && (!root || (s.st_uid == 1234 && s.st_gid == 1235)));
     write_file(real, "x");
     EXPECT_VALUES(old + " x", restart(), read_file(real + ".bad"));
     EXPECT_VALUES("saved " + all(), program.save(), restart());
@@ -178,14 +173,13 @@ TEST_F(Safe_store, The_file_keeps_its_place_and_its_rights) {
 
 TEST_F(Safe_store, The_file_keeps_to_its_budget) {
     tree.set_all();
-    program.save();
     size_t largest = 0;
-    for (int i = 0; i < 1500; ++i) {
-        tree.wheel.offset.set(static_cast<short>(i));
+    for (short i = 0; i < 1500; ++i) { // a change takes 30 bytes
+        tree.wheel.offset.set(i);
         ASSERT_EQ(program.save_changes(), "saved");
         largest = std::max(largest, static_cast<size_t>(fs::file_size(path)));
     }
-    EXPECT_VALUES("true true " + all(), largest <= 16384u, largest > 16384u - 100, restart()) << largest;
+    EXPECT_VALUES("true true " + all(), largest <= 16384u, largest > 16384u - 30, restart()) << largest;
 }
 
 TEST_F(Safe_store, Records_that_the_program_no_longer_knows_are_left_out) {

@@ -81,7 +81,7 @@ std::string read(std::initializer_list<const char*> all, T before = 5) {
         T value = before;
         char written[32];
         const char* const end = Data_item_destringify<T>(&value).from_string(text);
-        EXPECT_LT(Data_item_stringify<T>(&value).to_string(written, sizeof written), 32);
+        Data_item_stringify<T>(&value).to_string(written, sizeof written);
         values += written + (end ? ":" + texts(end - text, "") : ":null ");
     }
     return values;

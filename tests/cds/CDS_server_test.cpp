@@ -143,8 +143,7 @@ TEST_F(Served, Who_does_harm_does_it_to_himself) {
         clock.advance(Server::burst_ms);
         return write(greedy, request.data(), request.size()) < 0;
     };
-    while (!full() || wait_until([&] { return !full(); }, std::chrono::milliseconds(100))) {
-    }
+    while (!full() || wait_until([&] { return !full(); }, std::chrono::milliseconds(100))) continue;
     EXPECT_EQ(good.speed(), "\2\1");
     {
         const Scoped_lock<CDS::Head> held(head);

@@ -56,30 +56,28 @@ void fuzz_values(const std::string& bytes, unsigned char begin) {
     require(!result.next_set() || root.find_item(result.next()), "a place to resume is an item");
 }
 
-/// Each answer is one frame; they are sent away in pieces.
-void take_answers(Served& s) {
-    Responder& r = s.responder;
-    for (Block before = s.block;; before = s.block) {
-        const Responder::Step step = r.step();
-        if (step == Responder::waiting) return;
-        if (step == Responder::malformed) return r.forget();
-        Frame answer;
-        require(answer.read(r.pending(), r.num_pending()) == r.num_pending(), "an answer is a frame");
-        require(s.block.counter == before.counter, "what nobody may write is as it was");
-        const bool wrote = answer.kind == Frame::write && answer.contents[0] == Frame::written;
-        require(wrote || memcmp(&before, &s.block, sizeof before) == 0, "what is no write, or fails, changes nothing");
-        for (; r.num_pending() > 0; r.sent(std::min(r.num_pending(), 100)))
-            require(r.step() == Responder::waiting, "one answer at a time");
-    }
-}
-
 void fuzz_requests(const std::string& bytes, size_t piece) {
     Served s;
-    for (size_t at = 0, n; at < bytes.size(); at += n) {
-        require(s.responder.room() > 0, "there is room for a request");
-        n = bytes.copy(s.responder.place(), std::min(piece, size_t(s.responder.room())), at);
-        s.responder.received(static_cast<int>(n));
-        take_answers(s);
+    Responder& r = s.responder;
+    Block before = s.block;
+    for (size_t at = 0; at < bytes.size();) {
+        require(r.room() > 0, "there is room for a request");
+        const size_t n = bytes.copy(r.place(), std::min(piece, size_t(r.room())), at);
+        r.received(static_cast<int>(n));
+        at += n;
+        for (Responder::Step step; (step = r.step()) != Responder::waiting; before = s.block) {
+            if (step == Responder::malformed) {
+                r.forget();
+                break;
+            }
+            Frame answer;
+            require(answer.read(r.pending(), r.num_pending()) == r.num_pending(), "an answer is a frame");
+            require(s.block.counter == before.counter, "what nobody may write is as it was");
+            const bool wrote = answer.kind == Frame::write && answer.contents[0] == Frame::written;
+            require(wrote || memcmp(&before, &s.block, sizeof before) == 0, "what fails or reads changes nothing");
+            for (; r.num_pending() > 0; r.sent(std::min(r.num_pending(), 100)))
+                require(r.step() == Responder::waiting, "one answer at a time");
+        }
     }
 }
 
