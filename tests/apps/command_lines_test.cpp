@@ -6,29 +6,9 @@
 #include "util/version.h"
 #include <sys/file.h>
 
-using Image::bytes;
-using Image::header;
+using command_lines = Commands;
 
 namespace {
-
-struct command_lines : Commands {
-    command_lines() {
-        run_shell(
-            "mkdir two empty bad; touch two/A0.dat two/B3.dat; echo nothing >file;"
-            "printf SPFFFgarbage >bad/G0.dat; printf '\\1 line\\nGT' >bad/G1.dat; printf 'RE003%%x\\r\\n' >bad/G2.dat;"
-            "ln -s " +
-            line.path + " tty; ln -s " + taken.path + " taken");
-        line.send(packet + packet);
-        flock(other = open("taken", O_RDWR | O_NOCTTY | O_CLOEXEC), LOCK_EX);
-    }
-    ~command_lines() override { close(other); }
-    const Pty line, taken;
-    int other;
-    const std::string packet = Frame("GT").u4(1).u2(2300).str() + "\r\n";
-    const std::string lost = "/none: No such file or directory", no_room = "1 cannot write: No space left on device",
-                      closed = "1 cannot write: Bad file descriptor",
-                      no_record = " bytes are no record\nhistory_dump: ";
-};
 
 TEST_F(command_lines, are_explained_and_a_lost_output_is_a_failure) {
     for (const std::string row : {"1 bus_monitor", "1 cds_view", "1 field_controller", "1 history_dump", "2 nv_dump",
@@ -41,13 +21,24 @@ TEST_F(command_lines, are_explained_and_a_lost_output_is_a_failure) {
     }
 }
 
-TEST_F(command_lines, of_programs_for_files_that_are_wrong_get_one_line_and_a_status) {
+TEST_F(command_lines, that_are_wrong_get_one_line_and_a_status) {
+    using namespace Image;
+    const Pty line, taken;
+    const std::string packet = Frame("GT").u4(1).u2(2300).str() + "\r\n", lost = "/none: No such file or directory",
+                      no_room = "1 cannot write: No space left on device",
+                      no_record = " bytes are no record\nhistory_dump: ";
+    run_shell(
+        "mkdir two empty bad; touch two/A0.dat two/B3.dat; echo nothing >file;"
+        "printf SPFFFgarbage >bad/G0.dat; printf '\\1 line\\nGT' >bad/G1.dat; printf 'RE003%%x\\r\\n' >bad/G2.dat;"
+        "ln -s " +
+        line.path + " tty; ln -s " + taken.path + " taken");
+    line.send(packet + packet);
+    flock(open("taken", O_RDWR | O_NOCTTY | O_CLOEXEC), LOCK_EX);
     expect_complaints({
         {"bus_monitor a b", "2 give one interface or one file (try --help)"},
         {"bus_monitor can0 --colour", "2 unknown option --colour (try --help)"},
         {"bus_monitor can0 --request", "2 --request needs a value (try --help)"},
         {"bus_monitor can0 --request 0x40000", "2 wrong value 0x40000 for --request (0 to 262143)"},
-        {"bus_monitor can0 --clear 254", "2 wrong value 254 for --clear (0 to 253)"},
         {"bus_monitor can0 --clear 1", "2 --clear asks before: without a terminal it needs --yes"},
         {"bus_monitor can0 --listen --request 1", "2 --listen sends nothing, --request and --clear do"},
         {"bus_monitor can0 --clear 1 --yes --request 1", "2 one of --request and --clear at a time"},
@@ -56,8 +47,6 @@ TEST_F(command_lines, of_programs_for_files_that_are_wrong_get_one_line_and_a_st
         {"bus_monitor /none", "1 cannot read " + lost},
         {"bus_monitor nocan7 --once", "1 there is no interface nocan7, and no file of that name"},
         {"history_dump", "2 give a folder and at most a base name (try --help)"},
-        {"history_dump two --source 256", "2 wrong value 256 for --source (1 to 255)"},
-        {"history_dump two --error 5x", "2 wrong value 5x for --error (1 to 65535)"},
         {"history_dump two --to 2023-13-01", "2 wrong value 2023-13-01 for --to (try --help)"},
         {"history_dump /none", "1 cannot read " + lost},
         {"history_dump empty", "1 no history in empty"},
@@ -74,25 +63,16 @@ TEST_F(command_lines, of_programs_for_files_that_are_wrong_get_one_line_and_a_st
         {"nv_dump -", "1 -: stops at byte 0: a value of an unknown type or length", header(14, 9, 1) + bytes({17})},
         {"nv_dump -", "1 -: stops at byte 0: a container of an unknown type", header(2, 1, 1)},
         {"trace_view", "2 give one file (try --help)"},
-        {"trace_view - --from x", "2 wrong value x for --from (0 to 1000000000)"},
         {"trace_view - --to 1e10", "2 wrong value 1e10 for --to (0 to 1000000000)"},
         {"trace_view /none", "2 cannot read " + lost},
-    });
-}
-
-TEST_F(command_lines, of_programs_for_controllers_that_are_wrong_get_one_line_and_a_status) {
-    expect_complaints({
         {"cds_view", "2 give a socket or a serial line (try --help)"},
         {"cds_view socket --plot --once", "2 one of --once, --csv and --plot (try --help)"},
         {"cds_view socket --set speed", "2 --set needs PATH=VALUE, not speed"},
-        {"cds_view socket --every 5", "2 wrong value 5 for --every (10 to 3600000)"},
         {"cds_view /none", "1 cannot look at " + lost},
         {"cds_view file", "1 cannot look at file: it is neither a socket nor a serial line"},
         {"field_controller --serve -c tty", "2 --serve plays the receiver: it takes no --comm (try --help)"},
-        {"field_controller --speed 0", "2 wrong value 0 for --speed (1 to 100)"},
         {"field_controller now", "2 unknown argument now (try --help)"},
         {"vorn_monitor", "2 give one device with -c, or one file (try --help)"},
-        {"vorn_monitor -c tty -c tty", "2 give one device with -c, or one file (try --help)"},
         {"vorn_monitor -c :9600", "2 -c needs a device (try --help)"},
         {"vorn_monitor -c tty:299", "2 wrong speed 299 (300 to 460800)"},
         {"vorn_monitor -c tty:9600:rs422", "2 wrong mode rs422 (rs232 or rs485)"},
@@ -106,8 +86,7 @@ TEST_F(command_lines, of_programs_for_controllers_that_are_wrong_get_one_line_an
         {"vorn_monitor - --record /none/x", "1 cannot record to /none/x: No such file or directory"},
         {"vorn_monitor - --plot track", "1 cannot draw track: no position was met", "PG01E half"},
         {"vorn_monitor - >/dev/full", no_room, packet},
-        {"vorn_monitor - >&-", closed, packet},
-        {"vorn_monitor -c tty >&-", closed},
+        {"vorn_monitor -c tty >&-", "1 cannot write: Bad file descriptor"},
         {"vorn_monitor /none", "1 cannot open " + lost},
         {"vorn_monitor /", "1 cannot read /: it is a directory"},
         {"vorn_monitor /proc/self/mem", "1 cannot read /proc/self/mem: Input/output error"},

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-// What programs show of a file.
+// What programs show of a file, and vorn_monitor of a line.
 #include "NV_store/Image_builder.h"
 #include "apps/Commands.h"
+#include "support/Pty.h"
 #include "support/frame.h"
 #include "support/frames.h"
 
@@ -10,6 +11,7 @@ using bus_monitor = Commands;
 using history_dump = Commands;
 using nv_dump = Commands;
 using trace_view = Commands;
+using vorn_monitor = Commands;
 
 namespace {
 
@@ -39,12 +41,11 @@ TEST_F(bus_monitor, replays_a_log) {
               " 38       agriculture, class 0.0, function 129.0, ECU 0, maker 123, number 1\n"
               "          product P1 Terminal T _\"800\"\n"
               "          software V2.1\n");
-    EXPECT_EQ(run_shell("bus_monitor - --csv <log").out,
-              "address,name,product,software,spn,fmi,meaning,count,first,last,state\n"
-              "0,0000000000000000,\"\",\"\",1234,31,\"condition exists\",2,1700000001.000,1700000004.100,active\n"
-              "0,0000000000000000,\"\",\"\",520192,12,\"bad device or component\",126,1700000004.100,1700000004.100,"
-              "active\n"
-              "38,A00081000F600001,\"P1 Terminal T _\"\"800\"\"\",\"V2.1\",,,,,,,\n");
+    expect_in(
+        run_shell("bus_monitor - --csv <log").out,
+        {"address,name,product,software,spn,fmi,meaning,count,first,last,state\n0,0000000000000000,\"\",\"\",1234,31,"
+         "\"condition exists\",2,1700000001.000,1700000004.100,active\n",
+         "\n38,A00081000F600001,\"P1 Terminal T _\"\"800\"\"\",\"V2.1\",,,,,,,\n"});
 }
 
 TEST_F(history_dump, prints_the_records_from_the_oldest_to_the_newest_that_pass_the_filters) {
@@ -91,19 +92,14 @@ TEST_F(nv_dump, prints_an_image_and_the_changes_behind_it_up_to_where_it_is_dama
               "0 " + good + "root 1\n  container 4\n    CRC 3F047002 good\n  CRC 1163EF24 good\n");
     std::string bad = image;
     bad[25] ^= 1; // in the inner container's value
-    const std::string got = answer("nv_dump -", bad);
-    EXPECT_EQ(got.rfind("1 nv_dump: -: 2 of 2 checksums are wrong\nroot 1\n", 0), 0u) << got;
-    EXPECT_NE(got.find("\n    CRC ED26C0AC bad, computed 267A1309\n"), std::string::npos) << got;
-
     std::string deep;
     for (int i = 0; i < 65; ++i) deep += header(1, 1, i);
-    for (const auto& [bytes, complaint] :
-         {std::pair{image.substr(0, image.size() - 5) + "abcde", "53: the end of another container"},
-          {wheel + header(1, 2, 3), "23: the end of a container that did not start"},
-          {deep, "260: the end of a container is missing"}}) {
-        const std::string end = "1 nv_dump: -: stops at byte "s + complaint + "\n";
-        EXPECT_EQ(answer("nv_dump -", bytes).substr(0, end.size()), end);
-    }
+    const std::string stops = "1 nv_dump: -: stops at byte ";
+    expect_in(answer("nv_dump -", bad),
+              {"1 nv_dump: -: 2 of 2 checksums are wrong\nroot 1\n", "\n    CRC ED26C0AC bad, computed 267A1309\n"});
+    expect_in(answer("nv_dump -", image.substr(0, image.size() - 5) + "abcde"),
+              {stops + "53: the end of another container\n"});
+    expect_in(answer("nv_dump -", deep), {stops + "260: the end of a container is missing\n"});
     expect_cuts_told("nv_dump -", image, 1);
 }
 
@@ -133,11 +129,9 @@ const std::string trace = trace_of(R"(,
 )");
 
 TEST_F(trace_view, tells_of_each_diner_and_draws) {
-    const std::string got = answer("trace_view - --plot picture --to 0.001", trace);
-    EXPECT_EQ(got.rfind("0 0.600 s with 12 records (8 older ones overwritten, 3 dropped)", 0), 0u);
     expect_in(
-        got,
-        {"Free event nodes at least 996.",
+        answer("trace_view - --plot picture --to 0.001", trace),
+        {"0 0.600 s with 12 records (8 older ones overwritten, 3 dropped)", "Free event nodes at least 996.",
          "PUMP               2        1     200.0     300.0     300.0      55.0     100.0     100.0      2        1\n",
          "Longest handlers\n      at [s]  length [us] late [ms]\n"
          "    0.500000     100000.0       30  PUMP timeout, still running\n"
@@ -156,21 +150,117 @@ TEST_F(trace_view, tells_of_each_diner_and_draws) {
 }
 
 TEST_F(trace_view, says_in_one_line_what_is_wrong) {
-    for (const auto& [bytes, complaint] :
-         {std::pair<std::string, std::string>{"", "1: it is no trace"},
-          {"garbage\n", "1: it is no trace"},
-          {"[\n{\"ph\":\"M\",\"name\":\"other\"},\n]\n", "2: it is no trace"},
-          {"[\n]\n", "2: it is no trace"},
-          {trace_of(",\n{'ph':'B'}\n]\n"), "3: an event without a time"},
-          {trace_of(",\nxyz,\n]\n"), "3: no event"},
-          {trace_of("\n{}\n]\n"), "3: a line behind the last one"},
-          {trace_of(",\n" + std::string(5000, 'x') + "\n"), "3: a line that is too long"}})
-        expect_complaints({{"trace_view -", "1 -: line " + complaint, bytes}});
+    const std::string line = "1 -: line ";
+    expect_complaints(
+        {{"trace_view -", line + "1: it is no trace", "garbage\n"},
+         {"trace_view -", line + "2: it is no trace", "[\n{\"ph\":\"M\",\"name\":\"other\"},\n]\n"},
+         {"trace_view -", line + "2: it is no trace", "[\n]\n"},
+         {"trace_view -", line + "3: an event without a time", trace_of(",\n{'ph':'B'}\n]\n")},
+         {"trace_view -", line + "3: no event", trace_of(",\nxyz,\n]\n")},
+         {"trace_view -", line + "3: a line behind the last one", trace_of("\n{}\n]\n")},
+         {"trace_view -", line + "3: a line that is too long", trace_of(",\n" + std::string(5000, 'x') + "\n")}});
     expect_cuts_told("trace_view -", trace.substr(0, trace.size() - 1), 29);
-    for (const char* plot : {"/none/x", "/dev/full"})
-        EXPECT_EQ(answer(std::string("trace_view - --plot ") + plot, trace).substr(0, 2), "2 ");
-    EXPECT_EQ(answer("trace_view - --plot x --from 1 --to 0.5", trace).substr(0, 41),
-              "2 trace_view: --to must be behind --from\n");
+    const std::string failed = "2 trace_view: cannot write ";
+    expect_in(answer("trace_view - --plot /none/x", trace), {failed + "/none/x: No"});
+    expect_in(answer("trace_view - --plot /dev/full", trace), {failed + "/dev/full: No"});
+    expect_in(answer("trace_view - --plot x --from 1 --to 0.5", trace), {"2 trace_view: --to must be behind --from\n"});
+}
+
+std::string time_packet(unsigned ms, unsigned week = 2300) { return Frame("GT").u4(ms).u2(week).str() + "\r\n"; }
+
+TEST_F(vorn_monitor, prints_a_line_for_each_packet_of_a_recording_and_counts_them) {
+    // Messages, replies, damage, noise, and the beginning of a frame at the end.
+    write_file("all", time_packet(360000) + Frame("RE").text("%1%on").bare() + "\r\n" +
+                          Frame("ER").text("%2%{4,wrong command}").bare() + "\r\n" +
+                          time_packet(360000).replace(6, 1, "?").replace(12, 1, "") + "\x01noise\x1b[2J\r\nGTF0B..\n" +
+                          Frame("NP").text("all\x1b is well").bare() + "\r\n" + Frame("ZZ").u1(1).u1(0xAB).str() +
+                          "\r" + Frame("EL").i1(45).i1(-5).str() + "\nPG01E half");
+    const Child_result labelled = run_shell("vorn_monitor --stats - <all");
+    EXPECT_EQ(
+        labelled.out,
+        "GT ms=360000 week=2300\nRE %1%on\nER error 1 (wrong command): %2%{4,wrong command}\n"
+        "GT wrong checksum 12 bytes\nTEXT .noise.[2J\nTEXT TF0B..\nNP all. is well\nZZ unknown 01 ab\nEL 45 -5\n");
+    expect_in(labelled.err,
+              {"Unexpected msg GT(3856) i", "\nframes                   4\n  EL                     1  elevations\n",
+               "\nwrong checksums          1\nreplies                  2  (1 errors)\ntext lines               2\n",
+               "\nbytes                  " + std::to_string(read_file("all").size()) +
+                   "\nbytes lost               0\nbytes left over         10\n"});
+    expect_in(run_shell("vorn_monitor all --csv").out,
+              {"GT,360000,2300\nRE,%1%on\nER,1,wrong command,%2%{4,wrong command}\nGT,wrong checksum,12 bytes\n"
+               "TEXT,.noise.[2J\n",
+               "ZZ,unknown 01 ab\nEL,45,-5\n"});
+    EXPECT_EQ(answer("vorn_monitor -", "$text\n"), "0 TEXT $text\n");
+}
+
+TEST_F(vorn_monitor, draws_the_positions_that_it_met_save_absurd_ones) {
+    std::string input;
+    for (const auto& [lat, lon] : {std::pair{0.9, 0.1}, {1e300, 0.1}, {0.9, -1e300}, {0.900001, 0.1}, {0.900002, 0.1}})
+        input += Frame("PG").f8(lat).f8(lon).f8(100).f4(1).u1(lat > 0.900001 ? 5 : 4).str() + "\n";
+    EXPECT_EQ(answer("vorn_monitor - --plot track", input).substr(0, 8), "0 PG lat");
+    expect_in(read_file("track"),
+              {"points=\"40.0,600.0 40.0,320.0 40.0,40.0", "fixed: 2 positions", "solution 5: 1 positions"});
+}
+
+TEST_F(vorn_monitor, records_what_it_prints_and_replays_it) {
+    const std::string first = "GT ms=360000 week=2300\n", printed = first + "TEXT $noise\nGT ms=1 week=2\n",
+                      input = time_packet(360000) + "$noise\n" + time_packet(1, 2);
+    EXPECT_EQ(answer("vorn_monitor - --record raw", input), "0 " + printed);
+    EXPECT_EQ(read_file("raw"), input);
+    EXPECT_EQ(answer("vorn_monitor raw --record timed --timed"), "0 " + printed);
+    write_file("cut", read_file("timed").substr(0, 16 + 8 + 20));
+    for (const auto& [arguments, wanted] :
+         {std::pair<std::string, std::string>{"timed --record again", "0 " + printed},
+          {"timed --speed 1", "0 " + printed},
+          {"raw --record /dev/full", "1 Recording to /dev/full ends: No space left on device\n" + printed},
+          {"cut", "1 Recording ends at byte 44: it is cut\n" + first}})
+        EXPECT_EQ(answer("vorn_monitor " + arguments), wanted) << arguments;
+    EXPECT_EQ(read_file("again"), input);
+}
+
+TEST_F(vorn_monitor, shows_on_a_terminal_how_far_it_is_unless_the_packets_are_shown_there) {
+    write_file("recording", time_packet(360000));
+    for (const auto& [output, shown] :
+         {std::pair{" 2>tty", "100 %\r\033[K"}, {" >tty 2>&1", "GT ms=360000 week=2300\n"}}) {
+        const Pty terminal;
+        run_shell("ln -sf " + terminal.path + " tty; vorn_monitor recording" + output);
+        EXPECT_EQ(terminal.receive(100), shown);
+    }
+}
+
+TEST_F(vorn_monitor, waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_nobody_reads_its_output) {
+    std::unique_ptr<Pty> line;
+    const auto plug_in = [&] {
+        line = std::make_unique<Pty>();
+        fcntl(line->master, F_SETFD, FD_CLOEXEC); // a copy in the monitor would keep the line up
+        run_shell("ln -sfn " + line->path + " line~; mv line~ line");
+    };
+    size_t heard = 0;
+    // Wait until the file "out" goes on with this text, meanwhile sending the time 1 again and again to the line.
+    const auto says = [&](const std::string& text) {
+        int n = 0;
+        return wait_until([&] {
+            if (line && n++ % 50 == 0) line->send(time_packet(1));
+            const std::string all = read_file("out");
+            const bool came = all.find(text, heard) != std::string::npos;
+            if (came) heard = all.size();
+            return came;
+        });
+    };
+    plug_in();
+    const Running monitor("vorn_monitor -c line:115200 --stats --record record >out 2>&1");
+    EXPECT_TRUE(says("GT ms=1 week=2300\n"));
+    line.reset();
+    EXPECT_TRUE(says("vorn_monitor: line hung up, waiting for it\n"));
+    plug_in();
+    EXPECT_TRUE(says("vorn_monitor: line is back\n") && says("GT ms=1 week=2300\n"));
+    EXPECT_EQ(monitor.end(SIGINT), 0);
+    EXPECT_TRUE(says("bytes left over")) << read_file("out");
+    EXPECT_EQ(read_file("record").rfind(time_packet(1), 0), 0u);
+
+    const Running unread("sh -c '{ vorn_monitor -c line; echo ended with $? >out; } | head -n 1 >first'");
+    heard = 0;
+    EXPECT_TRUE(says("ended with 0\n"));
+    EXPECT_EQ(unread.end(0), 0);
 }
 
 } // namespace

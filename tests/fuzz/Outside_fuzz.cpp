@@ -8,7 +8,6 @@
 #include "glue/diner/Diner_info_list.h"
 #include "platform/pcf_host.h"
 #include "support/Pty.h"
-#include "support/Temporary_folder.h"
 #include "support/wait_until.h"
 #include "util/Debug_base.h"
 
@@ -50,25 +49,19 @@ void fuzz_history(unsigned parted_at, const std::string& bytes) {
     Pcf_host::unmount();
 }
 
-void fuzz_device(const std::string& rest) {
-    static Pty line;
-    Posix_serial_data_stream stream;
-    if (stream.open_from_args((line.path + ":" + rest).c_str()))
-        require(stream.get_fd() >= 0 && stream.get_baudRate() >= 300, "an open line has a speed");
-}
-
-void fuzz_filters(const std::string& text) {
-    Debug_filter::set_filters(text.c_str());
-    while (Debug_filter::get_num_active_filters() > 0) // one that was named twice goes with the first
-        require(Debug_filter::remove_filter(Debug_filter::get_active_filter(0)), "an active filter can be removed");
-}
-
 } // namespace
 
 void fuzz(Input in) {
     const uint8_t what = in.next(), parted_at = what == 'h' ? in.next() : 0;
     if (what == 'c') fuzz_checksummed(in.rest());
     if (what == 'h') fuzz_history(parted_at, in.rest());
-    if (what == 'd') fuzz_device(in.rest());
-    if (what == 'f') fuzz_filters(in.rest());
+    if (what == 'd') {
+        static Pty line;
+        Posix_serial_data_stream stream;
+        if (stream.open_from_args((line.path + ":" + in.rest()).c_str()))
+            require(stream.get_fd() >= 0 && stream.get_baudRate() >= 300, "an open line has a speed");
+    }
+    if (what == 'f') Debug_filter::set_filters(in.rest().c_str());
+    while (Debug_filter::get_num_active_filters() > 0) // one that was named twice goes with the first
+        require(Debug_filter::remove_filter(Debug_filter::get_active_filter(0)), "an active filter can be removed");
 }

@@ -1,18 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include "glue/NV_store/NV_file_iterator.h"
 #include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/NV_store/NV_safe_store.h"
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diner/Diner_info_list.h"
 #include "platform/pcf_host.h"
-#include "support/Temporary_folder.h"
-#include "support/capture.h"
-#include <algorithm>
-#include <deque>
-#include <memory>
-#include <thread>
+#include "support/test.h"
 
 /// What a machine keeps on its medium, as stores whose whole state follows from a version number: each save goes from
 /// one version to the next, and a fresh process can tell which version is there.
@@ -22,8 +16,7 @@ struct Store {
     virtual ~Store() = default;
     virtual bool save(int version) = 0; ///< over the version before
     virtual bool holds(int version) = 0;
-    virtual std::string found() { return "something else"; } ///< what is there instead
-    bool whole = true;                                       ///< the last load said that nothing was lost
+    bool whole = true; ///< the last load said that nothing was lost
 };
 
 /// What a program knows of a store: the last version that was saved, and the one whose save began.
@@ -139,11 +132,6 @@ struct Faults : Store, Diagnostic_history {
         for (unsigned i = 0; i < n; ++i) all = all && got[i] == ((newest - (n - 1 - i)) & 0xFFFF);
         return all;
     }
-    std::string found() override {
-        std::string text;
-        for (const unsigned version : got) text += std::to_string(version) + " ";
-        return text;
-    }
     void output(unsigned char, unsigned short, unsigned short version, unsigned, unsigned short) override {
         got.push_back(version);
     }
@@ -163,30 +151,7 @@ struct Faults : Store, Diagnostic_history {
     Manager manager;
 };
 
-// Saves that promise nothing, to show what they lose: a file and the tree's own save, written over in place.
-
-struct Plain_text : Store {
-    explicit Plain_text(const std::string& folder) : path(folder + "/plain") {}
-    bool save(int version) override { return write_file(path, text_of_version(version)), Plain_text::holds(version); }
-    bool holds(int version) override { return read_file(path) == text_of_version(version); }
-    const std::string path;
-};
-
-struct Plain_settings : Store {
-    explicit Plain_settings(const std::string& folder) : it((folder + "/tree").c_str()) {
-        if (it.set_mode(NV_store::NV_iterator::mode_read) == 0) tree.deserialise(&it);
-    }
-    bool save(int version) override {
-        for (int v = version - version % 8; v <= version; ++v) tree.set(v);
-        return it.set_mode(NV_store::NV_iterator::mode_write) == 0 && tree.serialise(&it) &&
-               it.set_mode(NV_store::NV_iterator::mode_closed) == 0;
-    }
-    bool holds(int version) override { return tree.is(version); }
-    Tree tree;
-    NV_store::NV_file_iterator it;
-};
-
-enum Kind_of_store { settings, safe_text, flash_file, faults, num_safe };
+enum Kind_of_store { settings, safe_text, flash_file, faults };
 template <class S>
 std::unique_ptr<Store> open(const std::string& folder) {
     return std::make_unique<S>(folder);
@@ -194,10 +159,10 @@ std::unique_ptr<Store> open(const std::string& folder) {
 const struct {
     const char* name;
     std::unique_ptr<Store> (*open)(const std::string& folder); ///< as a program that has just started has it
-} kinds[] = {{"settings", open<Settings>},      {"checksummed file", open<Safe_text>},
-             {"flash store", open<Flash_file>}, {"fault history", open<Faults>},
-             {"plain file", open<Plain_text>},  {"settings in place", open<Plain_settings>}};
-constexpr size_t num_stores = std::size(kinds);
+} kinds[] = {{"settings", open<Settings>},
+             {"checksummed file", open<Safe_text>},
+             {"flash store", open<Flash_file>},
+             {"fault history", open<Faults>}};
 
 inline bool mount(const std::string& folder) { return Pcf_host::mount(folder.c_str(), 1000000); }
 
