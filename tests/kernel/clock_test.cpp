@@ -8,11 +8,7 @@ namespace {
 
 constexpr int64_t hour = 3600, fifty_years = 1577880000; // [s]
 
-int64_t elapsed_ms() {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * 1000 + t.tv_nsec / 1000000;
-}
+int64_t elapsed_ms() { return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1); }
 
 /// A one-shot timeout that knows, by a clock that nobody sets, when it should fire.
 struct Single : Timeout {

@@ -36,8 +36,8 @@ TEST(Usb_line, unplugged_and_plugged_in_again_and_again) {
     ASSERT_TRUE(s.open(host_end().c_str()));
     const std::vector<int> threads = numbers_in("/proc/self/task");
     const int reader = *std::max_element(threads.begin(), threads.end());
-    size_t descriptors = 0, bytes = 0;
-    int elsewhere = 0, in_write = 0;
+    size_t descriptors = 0;
+    int in_write = 0;
 
     const int cycles = Guest::rounds(100);
     for (int i = 0; i < cycles && !HasFailure(); ++i) {
@@ -75,18 +75,14 @@ TEST(Usb_line, unplugged_and_plugged_in_again_and_again) {
             EXPECT_EQ(s.hang_ups(), before + 1) << "told once";
             got += take(s);
             EXPECT_EQ(got, all.substr(0, got.size())) << "a byte was invented or left out";
-            bytes += got.size();
         }
         if (i % 5 != 0) s.close(); // else the old number is taken
         plug_in();
-        elsewhere += host_end() != "/dev/ttyACM0";
         EXPECT_TRUE(s.open(host_end().c_str()));
         s.drop(static_cast<unsigned>(s.bytes_avail()));
     }
     EXPECT_VALUES(texts(descriptors, threads.size()), num_descriptors(), num_threads());
-    printf("%d times unplugged, %u told; %d of them in a write that was stuck, %d times it came back under another "
-           "name; %zu bytes compared\n",
-           cycles, s.hang_ups(), in_write, elsewhere, bytes);
+    printf("%d times unplugged, %u told; %d of them in a write that was stuck\n", cycles, s.hang_ups(), in_write);
 }
 
 } // namespace
