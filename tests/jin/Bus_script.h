@@ -11,12 +11,6 @@
 /// Noted is what is not taken, and what members receive and are told: a line each, behind the ms since the last quiet.
 class Bus_script : public testing::Test {
 protected:
-    struct Member {
-        std::string name;
-        uint8_t wish;
-        Test_node* node;
-    };
-
     /// Do these steps; the lines that they make.
     std::string play(const std::string& steps) {
         noted();
@@ -43,15 +37,15 @@ protected:
     }
     virtual void turn() {
         bus.process();
-        for (const Member& m : members) {
-            for (JIN_grow_message got; m.node->inbox.receive(got);) {
+        for (const auto& [name, wish, node] : members) {
+            for (JIN_grow_message got; node->inbox.receive(got);) {
                 const std::string text = text_of_message(got), bytes(got.data, got.data + got.size);
                 const bool same = bytes.size() > 8 && bytes.find_first_not_of(bytes[0]) == bytes.npos;
                 if (got.pgn == JIN::pgn_request || got.pgn == JIN::pgn_address_claimed) continue;
-                note(m.name + (same ? text.substr(0, 16) + text_of(" x%u", got.size) : text));
+                note(name + (same ? text.substr(0, 16) + text_of(" x%u", got.size) : text));
             }
-            const std::string told = m.node->events();
-            if (!told.empty()) note(m.name + "told " + told);
+            const std::string told = node->events();
+            if (!told.empty()) note(name + "told " + told);
         }
     }
     void send(const std::string& text) {
@@ -60,15 +54,16 @@ protected:
         ASSERT_GE(sscanf(text.c_str(), "%x %x>%x: %199[0-9A-F ]x%u", &pgn, &from, &to, bytes, &times), 3) << text;
         JIN_grow_message m = message(pgn, "", static_cast<uint8_t>(to), static_cast<uint8_t>(from));
         for (Bytes b(bytes); times > 0; --times) m.append(b.view().data, b.view().size);
-        const auto sender = std::find_if(members.begin(), members.end(), [&](auto& s) { return s.wish == from; });
+        const auto sender =
+            std::find_if(members.begin(), members.end(), [&](auto& m) { return std::get<1>(m) == from; });
         if (sender == members.end()) return bus.inject(m);
-        const int result = sender->node->send(m);
+        const int result = std::get<2>(*sender)->send(m);
         if (result != JIN_stack::taken) note(result == JIN_stack::busy ? "busy" : "refused");
     }
 
     Manual_clock clock{1700000000};
     JIN_memory_bus bus;
-    std::vector<Member> members;
+    std::vector<std::tuple<std::string, unsigned, Test_node*>> members; // name, wish
     std::map<std::string, std::function<void(const char*)>> words = {
         {"run", [this](const char* ms) { run(atoi(ms)); }},
         {"send", [this](const char* text) { send(text); }},

@@ -26,10 +26,9 @@ protected:
 
 TEST_F(Claiming, answers_what_concerns_its_address) {
     const JIN_name strong(arbitrary | 100), fixed(100), weaker(arbitrary | 200), stronger(50);
-    const std::string own = "EE00 80>FF 6: 64 00 00 00 00 00 00 80", name = "d\0\0\0\0\0\0\x80"s;
-    const std::string to_e4 = "EE00 E4>FF 6: 64 00 00 00 00 00 00 80"; // 128 + 100
-    const std::string to_90 = "EE00 90>FF 6: 64 00 00 00 00 00 00 80";
-    const std::string cannot = "EE00 FE>FF 6: 64 00 00 00 00 00 00 00";
+    const std::string name = "d\0\0\0\0\0\0\x80"s, own = "EE00 80>FF 6: 64 00 00 00 00 00 00 80",
+                      to_e4 = "EE00 E4>FF" + own.substr(10), to_90 = "EE00 90>FF" + own.substr(10), // E4: 128 + 100
+        cannot = "EE00 FE>FF 6: 64 00 00 00 00 00 00 00";
     // What is said and told within 153 ms, and its address 250 ms later.
     const std::tuple<const char*, JIN_name, JIN_grow_message, std::string, std::string, int> rows[] = {
         {"a NAME that loses", strong, claim_of(weaker, 0x80), own, "", 0x80},

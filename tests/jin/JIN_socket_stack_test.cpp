@@ -11,21 +11,17 @@
 namespace {
 std::atomic<int> socket_error{0}, bind_error{0}, attempts{0};
 std::atomic<unsigned> interface_index{1};
-int failed(int error) {
-    errno = error;
-    return -1;
-}
 } // namespace
 
 // A descriptor that nothing arrives at stands for a socket of the bus.
 extern "C" KAV_API int socket(int domain, int type, int protocol) noexcept {
     if (domain != AF_CAN) return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
     ++attempts;
-    if (socket_error) return failed(socket_error);
+    if (socket_error) return errno = socket_error, -1;
     return static_cast<int>(syscall(SYS_socket, AF_UNIX, type, 0));
 }
 extern "C" KAV_API int bind(int, const struct sockaddr*, socklen_t) noexcept {
-    return bind_error ? failed(bind_error) : 0;
+    return bind_error ? (errno = bind_error, -1) : 0;
 }
 extern "C" KAV_API unsigned if_nametoindex(const char*) noexcept { return interface_index; }
 
