@@ -50,15 +50,11 @@ struct Script_stream : Data_stream {
 
 TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
     const std::tuple<unsigned, unsigned, unsigned, bool, int, bool> cases[] = {
-        // buffered, in the source, asked for, whether it promises too much; fetched, done
-        {30, 100, 100, false, 70, true},
-        {30, 100, 30, false, 0, true},
-        {30, 98, 100, true, 70, false},
-        {4200, 5000, 4200, false, 0, true},
-        // What no buffer can hold is refused before anything is fetched and lost.
-        {10, 6000, 4201, false, 0, false},
-        {10, 6000, 0xFFFFFFFFu, false, 0, false},
-    };
+        // Buffered, in the source, asked for, whether it promises too much; fetched, done. What no buffer can hold is
+        // refused before anything is fetched and lost.
+        {30, 100, 100, false, 70, true},   {30, 100, 30, false, 0, true},
+        {30, 98, 100, true, 70, false},    {4200, 5000, 4200, false, 0, true},
+        {10, 6000, 4201, false, 0, false}, {10, 6000, 0xFFFFFFFFu, false, 0, false}};
     for (const std::string operation : {"bytes_avail", "get_data", "[]", "drop"}) {
         for (const auto& [buffered, there, asked, lies, fetched, done] : cases) {
             Mutex lock;
@@ -80,8 +76,9 @@ TEST(Data_stream, fetches_what_is_missing_and_nothing_that_it_cannot_hold) {
 
 TEST(Data_stream, writes_succeed_unless_nothing_was_written_but_those_of_messages_must_be_whole) {
     const std::tuple<unsigned, unsigned, unsigned, bool, std::string> cases[] = {
-        // bytes, how many of them are taken at most, what is added to the result
-        {0, ~0u, -1u, true, "Failed write len=4/5 0 0\n"}, // a closed stream has always answered with success
+        // Bytes, how many of them are taken at most, what is added to the result: a closed stream has always answered
+        // with success.
+        {0, ~0u, -1u, true, "Failed write len=4/5 0 0\n"},
         {255, ~0u, 0, true, ""},
         {256, ~0u, 0, true, ""},
         {4200, 1, 0, true, "Failed write len=1/5 0 1\n"},
