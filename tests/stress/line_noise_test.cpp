@@ -37,11 +37,6 @@ std::string wrong_speed(Random& c) {
     for (char& x : noise) x = "\x00\x80\xC0\xE0\xF0\xF8\xFC\xFE\xFF\x1E\x66\x78\x86\x98\x9E\xE6"[int(x)];
     return noise;
 }
-std::string flipped(Random& c, std::string frame) {
-    frame[c(frame.size())] ^= static_cast<char>(1u << c(8));
-    return frame;
-}
-
 /// What may be lost: nothing, see the test; `refused` the frame itself.
 enum Bound { harmless, around, inside, refused };
 
@@ -71,7 +66,7 @@ const struct Fault {
     {"twice without line end", around, true, BYTES(f + f + "\r\n")},
     {"zeros behind", refused, true, BYTES(f + std::string(1 + c(4), 0) + "\r\n")},
     {"no line end", refused, true, BYTES(f)},
-    {"a bit flipped", inside, false, BYTES(flipped(c, f) + "\r\n")},
+    {"a bit flipped", inside, false, BYTES((f[c(f.size())] ^= static_cast<char>(1u << c(8)), f + "\r\n"))},
     {"length off by 1-3", inside, false, BYTES(with_length(f, f.size() - 5 + (c(2) ? 1 : -1) * (1 + c(3))) + "\r\n")},
     {"length 000-FFF", inside, false, BYTES(with_length(f, c(4096)) + "\r\n")},
     {"length FF0-FFF", inside, false, BYTES(with_length(f, 0xFF0 + c(16)) + "\r\n")},
