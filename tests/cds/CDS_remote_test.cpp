@@ -61,7 +61,7 @@ TEST(Value_text, Is_read_back_as_it_was_written_and_refused_otherwise) {
         {I::item_char, "200", "200"},        {I::item_int16, "32768", "refused"}, {I::item_int16, "-32768", "-32768"},
         {I::item_float, "0.1", "0.1"},       {I::item_uint64, "+7", "7"},         {I::item_int16, "+-7", "refused"},
         {I::item_double, "1e300", "1e+300"}, {I::item_int8, "0X1F", "31"},        {I::item_float, "1e300", "refused"},
-        {I::item_struct, "1", "refused"}};
+        {I::item_bool, "false", "false"},    {I::item_struct, "1", "refused"}};
     for (const auto& [type, text, expected] : table) {
         char bytes[8];
         Send_buffer out(bytes, 0, sizeof bytes);
