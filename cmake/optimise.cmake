@@ -10,7 +10,7 @@ if(KAV_LTO)
         message(WARNING "No optimisation at link time here: ${reason}")
     endif()
 endif()
-check_linker_flag(CXX "-Wl,-z,pack-relative-relocs" KAV_HAS_PACKED_RELOCATIONS)
+check_linker_flag(CXX "-Wl,--fatal-warnings,-z,pack-relative-relocs" KAV_HAS_PACKED_RELOCATIONS) # some only ignore it aloud
 
 function(kav_optimise target)
     if(KAV_SANITIZE)

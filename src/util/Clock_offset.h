@@ -12,7 +12,7 @@ namespace Util {
 ///
 /// An object is one reader's knowledge, guarded by its owner. As long as nobody watches the clock a look costs one
 /// reading of it and notices nothing; else three (0.1 us).
-class KAV_API Clock_offset {
+class KAV_INTERNAL Clock_offset {
 public:
     /// Let all objects notice steps, from this moment on: also one that looks for the first time much later. Counted;
     /// any thread.

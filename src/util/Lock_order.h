@@ -11,7 +11,7 @@ namespace Util {
 /// For debug builds: with KAV_CHECK_LOCK_ORDER every Mutex asks the one instance and aborts at the first contradiction.
 /// That costs a walk through a table, under a lock of its own, for each lock taken while another one is held; no heap
 /// is used. Any thread.
-class KAV_API Lock_order {
+class KAV_INTERNAL Lock_order {
 public:
     Lock_order();
     Lock_order(const Lock_order&) = delete;

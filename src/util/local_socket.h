@@ -14,7 +14,7 @@ namespace Util {
 ///
 /// What a killed program left at the place is replaced. A socket that somebody listens at is not, nor a file. Programs
 /// that start at the same time keep each other out by a lock (flock) of the folder.
-class KAV_API Local_listener {
+class KAV_INTERNAL Local_listener {
 public:
     Local_listener() = default;
     ~Local_listener() { close(); }

@@ -45,7 +45,7 @@ constexpr int max_path_ids = 16;   ///< [levels]
 KAV_API uint32_t record_crc_seed();
 
 /// What a type byte promises behind its header.
-struct KAV_API Record_content {
+struct KAV_INTERNAL Record_content {
     enum Kind : unsigned char {
         unknown,   ///< no image holds it
         container, ///< records up to the end header

@@ -27,7 +27,7 @@ constexpr int num_reg_types = 5;
 using Module_ids = short[num_reg_types];
 
 /// One waiter's registration with one item.
-class KAV_API NV_waiter_reg : public sll_node {
+class KAV_INTERNAL NV_waiter_reg : public sll_node {
 public:
     /// With `skip_unforced` the waiter is notified by forced notifications only.
     NV_waiter_reg(waiter_descriptor* w, unsigned int value, bool skip_unforced);
@@ -54,7 +54,7 @@ private:
 };
 
 /// The registrations of an item, in order; it owns its copies. Guarded by the tree's lock.
-class KAV_API NV_waiter_list {
+class KAV_INTERNAL NV_waiter_list {
 public:
     NV_waiter_list() = default;
     ~NV_waiter_list();

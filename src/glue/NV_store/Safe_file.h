@@ -107,7 +107,7 @@ private:
 KAV_API std::string padded_text(std::string text);
 
 /// A text of at most 1 MiB that is kept as a checksummed file, safe against power loss. One thread at a time.
-class KAV_API Safe_text {
+class KAV_INTERNAL Safe_text {
 public:
     explicit Safe_text(const char* path);
     Safe_text(const Safe_text&) = delete;

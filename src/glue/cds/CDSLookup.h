@@ -17,7 +17,7 @@ class Lookup_root;
 class Lookup_struct;
 
 /// The cursor of a change scan over two copies of the block, the live one and the one before.
-class KAV_API Compare {
+class KAV_INTERNAL Compare {
 public:
     Compare(const void* new_copy, const void* old_copy, unsigned int size);
     /// Look for the first difference from `first_diff` on.

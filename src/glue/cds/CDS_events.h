@@ -72,7 +72,7 @@ public:
 };
 
 /// One registration of a range. It lives in the store's own memory space.
-struct KAV_API Event_recipient : public sll_node {
+struct KAV_INTERNAL Event_recipient : public sll_node {
     bool operator==(const Event_recipient& o) const {
         return waiter.get() == o.waiter.get() && type == o.type && target == o.target;
     }
@@ -85,7 +85,7 @@ struct KAV_API Event_recipient : public sll_node {
 };
 
 /// Ranges side by side, by offset; none contains another of a different length.
-class KAV_API Event_list : public c_bstree<avl_bstree, Event_node> {
+class KAV_INTERNAL Event_list : public c_bstree<avl_bstree, Event_node> {
 public:
     Event_list();
     ~Event_list() override; ///< frees its nodes with all that hangs below them
@@ -97,7 +97,7 @@ public:
 };
 
 /// A registered range with all its registrations, and the ranges nested inside it.
-struct KAV_API Event_node : public avl_bsnode {
+struct KAV_INTERNAL Event_node : public avl_bsnode {
     Event_node(int at, int n) : offset(at), length(n) {}
     Event_node(const Event_node&) = delete;
     /// Frees its registrations and nested ranges. Those of a signal have none.
@@ -120,7 +120,7 @@ private:
 };
 
 /// The changed range of one signal.
-struct KAV_API Wakeup_node : public Event_node {
+struct KAV_INTERNAL Wakeup_node : public Event_node {
     Wakeup_node(int at, int n, const void* now, const void* before, Options* o)
         : Event_node(at, n), new_data(now), old_data(before), options(o) {}
     /// Not excluded by the options.

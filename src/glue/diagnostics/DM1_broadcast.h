@@ -17,7 +17,7 @@
 /// that the message came by is looked at. Requests are answered all the time.
 ///
 /// All members belong to the diner's thread or are called under its lock.
-class KAV_API DM1_broadcast : public JIN::Transmission<JIN_grow_message> {
+class KAV_INTERNAL DM1_broadcast : public JIN::Transmission<JIN_grow_message> {
 public:
     static constexpr int period_ms = 1000;   ///< [ms]
     static constexpr int hold_ms = 6000;     ///< [ms]

@@ -14,7 +14,7 @@ class Request_answers;
 /// Two decisions for the technician at the machine: a code that is cleared while its condition is set is seen to go and
 /// comes back with the next tick; and what was asked by a node without address is answered to all, but DM22, which is
 /// answered to one node only, is not obeyed then.
-class KAV_API Diagnostics_bus {
+class KAV_INTERNAL Diagnostics_bus {
 public:
     static constexpr int retry_ms = 100;       ///< [ms] for answers, should the stack's event be lost
     static constexpr int violation_ms = 10000; ///< [ms] that the code of a violation stays after the last one

@@ -26,7 +26,7 @@ struct Request_answer {
 /// Who gets an answer: all when all were asked, when the answer fits one frame of a PGN without destination, or when
 /// the asker has no address; else the one who asked. Acknowledgments go to all and name who is meant. A request to all
 /// is never refused.
-class KAV_API Request_answers {
+class KAV_INTERNAL Request_answers {
 public:
     static constexpr unsigned max_rows = 48;
     static constexpr unsigned max_due = 64; ///< answers that wait; more are dropped and counted

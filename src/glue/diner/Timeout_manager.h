@@ -15,7 +15,7 @@
 /// leaf mutex guards the lists; it is never held while a handler runs, and nothing but the debug output is called with
 /// it held. Any thread may call any member, except expired_timeout() and reschedule_periodic_timeout(), which belong to
 /// the diner's thread.
-class KAV_API Timeout_manager {
+class KAV_INTERNAL Timeout_manager {
 public:
     Timeout_manager();
     ~Timeout_manager(); ///< makes every timeout free; the timeouts keep their diner

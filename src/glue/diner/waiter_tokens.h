@@ -14,7 +14,7 @@ class waiter_sleeper;
 /// A QSemaphore alone costs the giver a system call for every token from the moment the consumer falls asleep until it
 /// has really run again. Here the count is an atomic and the QSemaphore is given to once for each sleep. The consumer
 /// draws all that is there at once, so that the two sides seldom touch the same memory.
-class KAV_API waiter_tokens {
+class KAV_INTERNAL waiter_tokens {
 public:
     waiter_tokens();
     ~waiter_tokens();
