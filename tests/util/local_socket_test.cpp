@@ -6,12 +6,11 @@
 
 namespace {
 
-int rights(const std::string& path) {
-    struct stat s = {};
-    return lstat(path.c_str(), &s) == 0 && S_ISSOCK(s.st_mode) ? static_cast<int>(s.st_mode & 0777) : -1;
-}
-
 TEST(local_socket, takes_the_place_of_a_killed_program_and_removes_its_own_and_nothing_else) {
+    const auto rights = [](const std::string& path) {
+        struct stat s = {};
+        return lstat(path.c_str(), &s) == 0 && S_ISSOCK(s.st_mode) ? static_cast<int>(s.st_mode & 0777) : -1;
+    };
     const Temporary_folder folder;
     const std::string stale = folder.file("stale"), file = folder.file("file"), live = folder.file("live");
     Util::Local_listener first, second;

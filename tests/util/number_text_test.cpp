@@ -6,20 +6,16 @@
 
 namespace {
 
-/// Puts the process into a locale with a decimal comma, which few machines have installed: it is made here, as the
-/// C library reads it from a file (magic number, six offsets, point, separators, grouping, wide forms, character set).
-bool set_comma_locale() {
+TEST(number_text, floating_text_does_not_follow_the_processs_locale) {
+    // A locale with a decimal comma, which few machines have installed: it is made here, as the C library reads it from
+    // a file (magic number, six offsets, point, separators, grouping, wide forms, character set).
     static const char numeric[] = "\x14\x11\3\x20\6\0\0\0\x20\0\0\0\x22\0\0\0\x23\0\0\0\x24\0\0\0\x28\0\0\0\x2C\0\0\0"
                                   ",\0\0\0,\0\0\0\0\0\0\0ASCII";
     const Temporary_folder root;
     std::filesystem::create_directory(root.file("comma"));
     write_file(root.file("comma/LC_NUMERIC"), std::string(numeric, sizeof numeric));
     setenv("LOCPATH", root.path.c_str(), 1);
-    return setlocale(LC_NUMERIC, "comma");
-}
-
-TEST(number_text, floating_text_does_not_follow_the_processs_locale) {
-    ASSERT_TRUE(set_comma_locale());
+    ASSERT_TRUE(setlocale(LC_NUMERIC, "comma"));
     char text[64];
     EXPECT_VALUES("26 1.5 -0.25 1.234500e+04|x|7",
                   Util::format(text, sizeof text, "%g %.2f %e|%s|%d", 1.5, -0.25, 12345.0, "x", 7), text);
@@ -30,13 +26,12 @@ TEST(number_text, floating_text_does_not_follow_the_processs_locale) {
         const char* end = nullptr;
         EXPECT_VALUES(texts(value, std::string(rest)), Util::to_double(number, &end), end) << number;
     }
-    snprintf(text, sizeof text, "%g", 1.5);
-    EXPECT_STREQ(text, "1,5") << "the process's own locale is as it was";
+    EXPECT_EQ(text_of("%g", 1.5), "1,5") << "the process's own locale is as it was";
 }
 
 TEST(number_text, integers_have_the_limits_of_a_32_bit_long) {
-    EXPECT_VALUES(texts(INT32_MIN, INT32_MIN), Util::to_long32(" \t-2147483648"), Util::to_long32("-4294967295"));
-    EXPECT_VALUES(texts(INT32_MAX, UINT32_MAX), Util::to_long32("4294967296"), Util::to_ulong32("4294967296"));
+    EXPECT_VALUES(texts(INT32_MIN, INT32_MAX, UINT32_MAX), Util::to_long32("-4294967295"),
+                  Util::to_long32("4294967296"), Util::to_ulong32("4294967296"));
     EXPECT_VALUES(texts(1, UINT32_MAX), Util::to_ulong32("-4294967295"), Util::to_ulong32("-4294967296")) << "modulo";
     const char* const none = "  -x";
     const char* end = nullptr;
