@@ -4,7 +4,7 @@
 #include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_pointer.h"
 #include "glue/NV_store/NV_root.h"
-#include "support/Inbox.h"
+#include "support/Test_diner.h"
 #include "support/frame.h"
 
 /// What saving gives: the bytes, or "failed".
@@ -27,8 +27,8 @@ inline std::string text_form(const NV_store::NV_item& item) {
 /// Read an image; the result. `left` receives how many bytes were not read.
 template <class Operation>
 bool read_image(const std::string& image, Operation operation, int* left = nullptr) {
-    const auto exact = exact_copy(image);
-    NV_store::NV_buffer_iterator it(exact.get(), static_cast<int>(image.size()), static_cast<int>(image.size()));
+    std::vector<unsigned char> exact(image.begin(), image.end()); // of the heap, where its end is watched
+    NV_store::NV_buffer_iterator it(exact.data(), static_cast<int>(image.size()), static_cast<int>(image.size()));
     it.set_mode(NV_store::NV_iterator::mode_read);
     const bool result = operation(&it);
     if (left) *left = it.write_position - it.read_position;

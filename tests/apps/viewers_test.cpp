@@ -4,7 +4,6 @@
 #include "apps/Commands.h"
 #include "support/Pty.h"
 #include "support/frame.h"
-#include "support/frames.h"
 
 using namespace std::string_literals;
 using bus_monitor = Commands;

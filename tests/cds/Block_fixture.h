@@ -2,7 +2,7 @@
 #pragma once
 #include "glue/cds/CDS_events.h"
 #include "glue/cds/CDS_items.h"
-#include "support/Inbox.h"
+#include "support/Test_diner.h"
 #include <mutex>
 #include <string>
 

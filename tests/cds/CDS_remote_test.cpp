@@ -36,9 +36,9 @@ TEST(Structure, Is_read_from_untrusted_text) {
         std::string text;
     } names;
     const auto read = [&](const std::string& text) {
-        const auto exact = exact_copy(text); // no zero behind it
+        std::vector<char> exact(text.begin(), text.end()); // no zero behind it
         names.text.clear();
-        return read_structure(reinterpret_cast<char*>(exact.get()), static_cast<int>(text.size()), names);
+        return read_structure(exact.data(), static_cast<int>(text.size()), names);
     };
     const std::string whole = "1:1:a{1:2:b.c{},1:3:c{4:4:d e}}";
     EXPECT_EQ(read(whole), structure_complete);

@@ -2,8 +2,7 @@
 #include "glue/diagnostics/Trouble_code_monitor.h"
 #include "glue/diagnostics/Trouble_code_text.h"
 #include "glue/jin/JIN_assembler.h"
-#include "support/bytes.h"
-#include "support/frames.h"
+#include "support/frame.h"
 #include "support/stress.h"
 #include "support/test.h"
 

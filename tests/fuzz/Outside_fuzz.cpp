@@ -7,8 +7,8 @@
 #include "glue/diagnostics/Diagnostics.h"
 #include "glue/diner/Diner_info_list.h"
 #include "platform/pcf_host.h"
+#include "support/Manual_clock.h"
 #include "support/Pty.h"
-#include "support/wait_until.h"
 #include "util/Debug_base.h"
 
 namespace {

@@ -4,8 +4,7 @@
 #include "glue/jin/JIN_inbox.h"
 #include "glue/jin/JIN_memory_bus.h"
 #include "support/Manual_clock.h"
-#include "support/bytes.h"
-#include "support/capture.h"
+#include "support/frame.h"
 #include <string>
 #include <utility>
 

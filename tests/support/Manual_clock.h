@@ -3,6 +3,7 @@
 #include "util/clock.h"
 #include <atomic>
 #include <cstdint>
+#include <thread>
 
 /// Stands in for the time of day while it lives. One at a time.
 class Manual_clock {
@@ -32,3 +33,13 @@ private:
     inline static std::atomic<int64_t> _boot_ms{1000};
     inline static std::atomic<int64_t> _ms{0};
 };
+
+/// Wait for a condition with a limit; the result says whether it came true. For what another thread brings about.
+template <class Condition>
+bool wait_until(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    bool met = condition();
+    for (; !met && std::chrono::steady_clock::now() < end; met = condition())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return met;
+}

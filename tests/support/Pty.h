@@ -7,8 +7,7 @@
 #include <termios.h>
 
 /// A pseudo-terminal: the test holds the master end, what is tested opens the other one by its path.
-class Pty {
-public:
+struct Pty {
     Pty() {
         struct termios raw = {};
         cfmakeraw(&raw);

@@ -9,8 +9,7 @@
 #include <unistd.h>
 
 /// A folder that goes with its object.
-class Temporary_folder {
-public:
+struct Temporary_folder {
     Temporary_folder() : Temporary_folder(std::filesystem::temp_directory_path()) {}
     explicit Temporary_folder(const std::filesystem::path& parent) {
         std::string pattern = (parent / "kav-test-XXXXXX").string();

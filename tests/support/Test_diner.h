@@ -3,10 +3,23 @@
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
 #include "platform/Task.h"
-#include "support/wait_until.h"
+#include "support/Manual_clock.h"
 #include <atomic>
 #include <functional>
 #include <vector>
+
+/// A waiter without a thread; events are taken by the test.
+struct Inbox {
+    explicit Inbox(module_man& mm) { waiter.init(&mm); }
+    /// The data words of what has arrived, one behind the other.
+    std::string targets() {
+        std::string all;
+        waiter_event e;
+        while (waiter.get_event(&e, Atime(false)) == 0) all += std::to_string(static_cast<long>(e.data));
+        return all;
+    }
+    waiter_descriptor waiter;
+};
 
 /// A door that threads wait at while it is shut.
 class Gate {
@@ -30,8 +43,7 @@ private:
 
 /// A diner whose handlers are given by the test. Base: Diner::Protection, or Diner for one without a lock.
 template <class Base = Diner::Protection>
-class Test_diner : public Base {
-public:
+struct Test_diner : Base {
     template <class... A> ///< of the base
     explicit Test_diner(const char* name = "test", int id = 0, A&&... arguments)
         : Base(std::forward<A>(arguments)...), own(name, id) {}

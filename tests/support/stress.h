@@ -26,8 +26,7 @@ struct Random : std::mt19937_64 {
 struct Threads : std::vector<std::thread> {
     ~Threads() { join(); }
     void join() {
-        for (auto& t : *this) t.join();
-        clear();
+        for (; !empty(); pop_back()) back().join();
     }
 };
 

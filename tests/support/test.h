@@ -4,7 +4,6 @@
 #pragma once
 #include "support/Manual_clock.h"
 #include "support/capture.h"
-#include "support/wait_until.h"
 #include <algorithm>
 #include <cerrno>
 #include <climits>

@@ -21,18 +21,16 @@ TEST(local_socket, takes_the_place_of_a_killed_program_and_removes_its_own_and_n
     write_file(file, "kept");
     const mode_t before = umask(0);
     ASSERT_TRUE(first.open(live.c_str()));
-    const std::pair<std::string, int> rows[] = {
-        // 0: it is had
-        {folder.file("new"), 0},
-        {stale, 0},
-        {live, EADDRINUSE},
-        {file, EEXIST},
-        {folder.path, EEXIST},
-        {folder.file("none/socket"), ENOENT},
-        {folder.file(std::string(108, 'x')), ENAMETOOLONG},
-        {"@abstract", EINVAL},
-        {"", ENOENT},
-    };
+    // 0: it is had
+    const std::pair<std::string, int> rows[] = {{folder.file("new"), 0},
+                                                {stale, 0},
+                                                {live, EADDRINUSE},
+                                                {file, EEXIST},
+                                                {folder.path, EEXIST},
+                                                {folder.file("none/socket"), ENOENT},
+                                                {folder.file(std::string(108, 'x')), ENAMETOOLONG},
+                                                {"@abstract", EINVAL},
+                                                {"", ENOENT}};
     for (const auto& [path, reason] : rows) {
         EXPECT_EQ(second.open(path.c_str()) ? 0 : errno, reason) << path;
         EXPECT_TRUE(second.fd() < 0 ? reason != 0 : rights(path) == 0600) << path << " whatever the mask";
