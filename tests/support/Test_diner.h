@@ -6,6 +6,7 @@
 #include "support/Manual_clock.h"
 #include <atomic>
 #include <functional>
+#include <string>
 #include <vector>
 
 /// A waiter without a thread; events are taken by the test.
