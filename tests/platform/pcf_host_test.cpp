@@ -40,7 +40,8 @@ TEST_F(Flash, Holds_named_files_up_to_its_quota_one_open_each_way) {
     EXPECT_VALUES(texts(PCF_NO_FILE, PCF_DONE), pcfRemove("c"), pcfRemove("0"));
 
     ASSERT_EQ(pcfOpenWrite("b", -1), PCF_DONE);
-    EXPECT_VALUES(texts(PCF_BUSY, PCF_BUSY), pcfCreateWrite("d", -1), pcfRemove("b"));
+    EXPECT_VALUES(texts(PCF_BUSY, PCF_BUSY, PCF_DONE, "hello w", PCF_DONE), pcfCreateWrite("d", -1), pcfRemove("b"),
+                  pcfOpenRead("b", 0, 0), next(7), pcfCloseRead(0));
     EXPECT_VALUES("1 0 hello world", pcfCloseWrite(-1), pcfCloseWrite(-1), stored("b"));
     const size_t open = num_descriptors();
     EXPECT_VALUES(texts(PCF_NO_FILE, PCF_DONE, PCF_BUSY, ""), pcfOpenRead("d", 0, 0), pcfOpenRead("b", 60, 0),

@@ -43,6 +43,8 @@ struct Tree : Typed {
 template <class Any>
 void expect_sorted(int variant, Any& tree, int sign) {
     SCOPED_TRACE(variant);
+    tree.flush();
+    ASSERT_EQ(tree.integrity(), 0) << "empty";
     std::mt19937 random(20240611);
     std::vector<std::pair<int, const Item*>> model; // equal keys are ordered by address
     const auto place = [&](int k, const Item* i) {
