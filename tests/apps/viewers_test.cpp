@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What programs show of a file, and vorn_monitor of a line.
+// What programs show of a file, and vorn_monitor of a serial line, too.
 #include "NV_store/Image_builder.h"
 #include "apps/Commands.h"
 #include "support/Pty.h"
