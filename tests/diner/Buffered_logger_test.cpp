@@ -29,23 +29,13 @@ protected:
     std::string next(int ms = 0) {
         char bytes[8192];
         pollfd p = {ends[0], POLLIN, 0};
-        const ssize_t n = poll(&p, 1, ms) > 0 ? read(ends[0], bytes, sizeof bytes) : 0;
-        return {bytes, static_cast<size_t>(std::max<ssize_t>(n, 0))};
+        return {bytes, poll(&p, 1, ms) > 0 ? size_t(read(ends[0], bytes, sizeof bytes)) : 0};
     }
     /// What is written, until so much has come.
     std::string all(size_t n) {
         std::string text;
         for (std::string s; text.size() < n && !(s = next(20000)).empty();) text += s;
         return text;
-    }
-    /// Until nobody takes its bytes, a write blocks; the bytes.
-    std::string block_output() {
-        std::string bytes;
-        fcntl(ends[1], F_SETPIPE_SZ, 4096);
-        fcntl(ends[1], F_SETFL, O_DIRECT | O_NONBLOCK);
-        while (write(ends[1], "#", 1) == 1) bytes += '#';
-        fcntl(ends[1], F_SETFL, O_DIRECT);
-        return bytes;
     }
     static bool handled(const Buffered_logger& logger, uint32_t events) {
         return wait_until([&] { return logger.info.event_count == events; });
@@ -93,7 +83,12 @@ TEST_F(Logger, Holds_no_appender_up_while_the_output_blocks_and_tells_of_each_th
     const std::string line = "a line of forty characters with its end\n";
     constexpr int fit = Buffered_logger::capacity / 40;
     for (const auto& [cut, more, killed] : {std::tuple(256, "", true), {3898, " x 3642", false}}) {
-        std::string expected = block_output() + "!", kept;
+        std::string expected, kept;
+        fcntl(ends[1], F_SETPIPE_SZ, 4096);
+        fcntl(ends[1], F_SETFL, O_DIRECT | O_NONBLOCK);
+        while (write(ends[1], "#", 1) == 1) expected += '#';
+        fcntl(ends[1], F_SETFL, O_DIRECT); // until these are taken a write blocks
+        expected += '!';
         Buffered_logger logger;
         logger.init(Diner_info_list::get());
         Buffered_logger::log("!");

@@ -273,21 +273,4 @@ TEST(Clock_watch, begins_with_the_clock_as_it_is_tells_each_step_once_and_wakes_
     EXPECT_FALSE(watch->check());
 }
 
-/// While the list waits for the lock of a diner, that diner's handler tells of a step.
-TEST(Clock_told_by_hand, by_a_handler_under_its_lock_wakes_every_diner) {
-    Test_diner<> a("a"), b("b");
-    b.begin(false, true);
-    a.begin();
-    a.on_event = [](waiter_event&) {
-        EXPECT_TRUE(wait_until([] { return lseek(STDERR_FILENO, 0, SEEK_END) > 0; }));
-        Diner_info_list::get().clock_stepped(3600, 0);
-    };
-    Capture err(stderr);
-    a.post(1);
-    ASSERT_TRUE(wait_until([&a] { return a.info.activity == Diner_info::activity_event; }));
-    Diner_info_list::get().test_lock();
-    EXPECT_TRUE(wait_until([&b] { return b.events == 1; }));
-    EXPECT_EQ(err.text().find("Deadlock"), std::string::npos);
-}
-
 } // namespace
