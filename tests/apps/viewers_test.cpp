@@ -98,6 +98,8 @@ TEST_F(nv_dump, prints_an_image_and_the_changes_behind_it_up_to_where_it_is_dama
               {"1 nv_dump: -: 2 of 2 checksums are wrong\nroot 1\n", "\n    CRC ED26C0AC bad, computed 267A1309\n"});
     expect_in(answer("nv_dump -", image.substr(0, image.size() - 5) + "abcde"),
               {stops + "53: the end of another container\n"});
+    expect_in(answer("nv_dump -", wheel + header(1, 2, 3)),
+              {stops + "23: the end of a container that did not start\n"});
     expect_in(answer("nv_dump -", deep), {stops + "260: the end of a container is missing\n"});
     expect_cuts_told("nv_dump -", image, 1);
 }
