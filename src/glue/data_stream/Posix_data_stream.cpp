@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "glue/data_stream/Posix_data_stream.h"
 #include "glue/data_stream/trace_bytes.h"
+#include "util/Debug_print.h"
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -64,8 +65,13 @@ Posix_data_stream::~Posix_data_stream() {
 int Posix_data_stream::open_descriptor(const char* path, int access, bool create, bool blocking, bool append) {
     const int flags = access | (create ? O_CREAT : 0) | (blocking ? 0 : O_NONBLOCK) | (append ? O_APPEND : 0);
     const int fd = ::open(path, flags, everybody);
-    if (fd < 0) fprintf(stderr, "Error opening file [%s]\n", path);
-    return fd;
+    if (fd >= 0) return fd;
+    const int error = errno;
+    fprintf(stderr, "Error opening file [%s]\n", path);
+    // A claimed serial line is closed to all but root, who is told when he claims it, too.
+    if (error == EBUSY) Debug_print::dprint("%s is in use by another program\n", path);
+    errno = error;
+    return -1;
 }
 
 bool Posix_data_stream::open(const char* path, bool create, bool blocking, bool append) {
