@@ -28,6 +28,7 @@ struct Program {
 struct Safe_store : testing::Test {
     Safe_store() {
         Faulty::watch = [this] { EXPECT_FALSE(tree.is_locked()) << "while the medium is busy"; };
+        crc(""); // the first one may ask the system for the processor, which is a file to it
         Faulty::arm(Faulty::none, 0);
     }
     ~Safe_store() override { Faulty::armed = false; }
@@ -162,7 +163,8 @@ TEST_F(Safe_store, The_file_keeps_its_place_and_its_rights) {
     chmod(real.c_str(), 0640);
     EXPECT_EQ(program.save(), "saved");
     struct stat s;
-    EXPECT_TRUE(stat(real.c_str(), &s) == 0 && (!root || (s.st_uid == 1234 && s.st_gid == 1235)));
+    EXPECT_TRUE(stat(real.c_str(), &s) == 0 && (s.st_mode & 07777) == 0640 &&
+                (!root || (s.st_uid == 1234 && s.st_gid == 1235)));
     write_file(real, "x");
     EXPECT_VALUES(old + " x", restart(), read_file(real + ".bad"));
     EXPECT_VALUES("saved " + all(), program.save(), restart());

@@ -126,6 +126,15 @@ TEST_F(Lookup, Pages_join_to_the_whole_stream) {
     }
 }
 
+TEST(Compare, Finds_the_first_difference) {
+    unsigned char now[5000] = {}, before[5000] = {};
+    for (int at = 0; at < 5000; before[at] = 0, at += 7) {
+        before[at] = 1;
+        const CDS::Compare compare(now, before, sizeof now);
+        EXPECT_VALUES(texts(false, at), compare.done, compare.first_diff);
+    }
+}
+
 TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
     std::mt19937 random(20261121);
     std::unique_ptr<CDS::Value<short>> late;
@@ -134,7 +143,8 @@ TEST_F(Lookup, Change_scan_tells_the_listeners_of_changed_bytes) {
         if (round == 400) items.root.finish(); // now known to stand out of order
         Block old = block;
         auto* const bytes = reinterpret_cast<unsigned char*>(&old);
-        const size_t from = random() % sizeof old, length = random() % (sizeof old - from + 1);        // of the copies
+        // The copies begin and end anywhere.
+        const size_t from = random() % sizeof old, length = random() % (sizeof old - from + 1);
         for (unsigned i = length ? random() % 4 : 0; i > 0; --i) bytes[from + random() % length] ^= 1; // gaps too
         const auto differs = [&](const auto& member) {
             const auto* const now = reinterpret_cast<const unsigned char*>(&member);

@@ -146,11 +146,13 @@ TEST_F(Events, Registrations_are_bounded_and_a_failed_one_changes_nothing) {
     EXPECT_EQ(text, "ERROR: Could not get mem CDS child tree\n");
 }
 
-TEST_F(Events, A_debug_build_reports_a_call_without_the_lock) {
+TEST_F(Events, Only_a_debug_build_reports_a_call_without_the_lock) {
     head.unlock();
     const std::string said = debug_text([&] { woken(head, 0, 4); });
     head.lock();
-#ifndef NDEBUG
+#ifdef NDEBUG
+    EXPECT_EQ(said, "");
+#else
     EXPECT_EQ(said, "CDS: event_signal without the head's lock\n");
 #endif
 }

@@ -129,6 +129,8 @@ TEST(Lifecycle, diners_older_than_the_list_are_ended_by_it) {
 
 /// Moves and choices, mostly before the threads have followed the last ones.
 TEST(Selectors, agree_with_a_model_through_a_long_random_use) {
+    EXPECT_TRUE(D::Descriptor("a", 1) != D::Descriptor("a", 2) &&
+                D::DESCRIPTOR_DEFAULT == D::Descriptor("ANON_DNR", 0));
     std::deque<Test_diner<>> all; // in the order of a selector: by id, then name; two are equal
     for (const auto& [name, id] :
          {std::pair("low", INT_MIN), {"z", 1}, {"z", 1}, {"a", 2}, {"b", 2}, {"high", INT_MAX}})
@@ -206,10 +208,10 @@ void get_no_thread() {
 
 TEST(Misuse, ends_the_process_with_its_message_and_status) {
     const auto handle = [](auto& d, auto act) {
-        Diner_info_list::get(); // is older, so it ends the diner
         d.on_event = [=](waiter_event&) { act(); };
         d.begin(), d.post(1), pause(); // it may be destroyed under whoever looks at it
     };
+    Diner_info_list::get();                // older than the static diner, which is destroyed first
     Test_diner<> d;                        // its thread starts in the child
     static Test_diner<Diner> without_lock; // with one: stress/diners
     const std::pair<std::function<void()>, const char*> cases[] = {
@@ -262,6 +264,7 @@ TEST(Diner, counts_each_of_many_wake_ups_and_handles_each_event_among_them) {
     struct Merging : Test_diner<> {
         void handle_event(waiter_event& e) override {
             handled += e.module_id == 2000;
+            if (e.module_id == 2000) in_order = in_order && std::exchange(last, e.id) < e.id;
             if (e.module_id != 2000 && std::exchange(to_take, 0) > 0) {
                 for (int id : {1, 2, 3}) post(id);
                 waiter_event own;
@@ -271,8 +274,9 @@ TEST(Diner, counts_each_of_many_wake_ups_and_handles_each_event_among_them) {
             }
             merge_wake_ups(e);
         }
-        int to_take = 0;
+        int to_take = 0, last = 0;
         std::atomic<int> handled{0};
+        std::atomic<bool> in_order{true};
     };
     for (int taken : {0, 3}) {
         Merging d;
@@ -284,11 +288,11 @@ TEST(Diner, counts_each_of_many_wake_ups_and_handles_each_event_among_them) {
             for (int i = 0; i < 20000; ++i) d.wake();
         });
         int events = 0;
-        for (int i = 0; i < 20000; ++i) events += d.waiter.send_event({2000, i, 0}) == 0;
+        for (int i = 4; i < 20004; ++i) events += d.waiter.send_event({2000, i, 0}) == 0;
         waker.join();
         d.posted += events;
         EXPECT_TRUE(d.idle()) << d.info.event_count << " of " << d.posted;
-        EXPECT_EQ(d.handled, events + taken);
+        EXPECT_VALUES(texts(events + taken, true), d.handled, d.in_order);
         d.terminate(true);
     }
 }

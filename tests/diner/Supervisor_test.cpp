@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/Supervisor.h"
+#include "glue/diner/Trace.h"
 #include "platform/Device_watchdog.h"
 #include "platform/Service_manager.h"
 #include "support/Test_diner.h"
@@ -92,8 +93,7 @@ TEST_F(Supervised, time_in_which_all_stood_still_and_limits_of_ones_own_are_no_t
 }
 
 TEST_F(Supervised, a_diner_that_takes_none_of_its_events_is_trouble_unless_it_is_parked) {
-    diner.stop();
-    diner.in_state(Diner::state_stop);
+    ASSERT_VALUES("0 true", diner.stop(), diner.in_state(Diner::state_stop));
     diner.waiter.set_enabled(true);
     diner.post(1);
     EXPECT_VALUES("30 true true", told(3000), diner.run(), diner.idle());
@@ -136,7 +136,11 @@ TEST_F(Supervised, calls_back_when_that_was_chosen_and_feeds_on) {
 
 /// With threads, in a child.
 TEST(Supervisor, aborts_when_that_was_chosen) {
-    const Child_result r = run_child([] {
+    const Temporary_folder folder;
+    const std::string trace = folder.file("trace");
+    const Child_result r = run_child([&] {
+        Trace::start(1024);
+        Trace::at_abort(trace.c_str());
         Test_diner<> d("worker");
         d.on_event = [](waiter_event&) { pause(); };
         d.begin();
@@ -149,6 +153,7 @@ TEST(Supervisor, aborts_when_that_was_chosen) {
         pause();
     });
     EXPECT_EQ(r.end().find("signal 6 Supervisor: worker runs a handler for "), 0u) << r.end();
+    EXPECT_NE(read_file(trace).find("worker"), std::string::npos) << "with the trace written";
 }
 
 TEST(Supervisor, feeds_in_a_third_of_the_time_that_a_watchdog_gives) {
@@ -183,7 +188,8 @@ TEST(Service_manager, is_told_by_datagrams_where_there_is_one) {
         const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
         ASSERT_EQ(bind(fd, reinterpret_cast<struct sockaddr*>(&address), size), 0);
         std::optional<Service_manager> manager;
-        std::string told = debug_text([&, &w = where, &u = usec, &p = pid] { manager.emplace(w.c_str(), u, p); });
+        std::string told = debug_text(
+            [&, &w = where, &u = usec, &p = pid] { manager.emplace(w.empty() ? nullptr : w.c_str(), u, p); });
         EXPECT_VALUES(texts(limit, true, true, true, true), manager->limit_ms(), manager->ready(),
                       manager->status("all well\nREADY=0"), manager->feed(), manager->stopping());
         char text[64];

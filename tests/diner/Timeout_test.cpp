@@ -113,9 +113,10 @@ TEST_F(Timeouts, misused_end_the_process) {
 }
 
 TEST_F(Timeouts, move_with_the_clock_at_most_to_the_last_instant_and_to_the_first) {
-    submit(t[0], 100);
-    for (int64_t s : {INT32_MAX, INT32_MIN, INT32_MIN, 3600}) manager.clock_stepped(s * 1000);
-    EXPECT_VALUES(texts(INT32_MIN + 3600, 0), t[0].expiry.time, manager.remove_timeout(t[0]));
+    diner.begin(true); // in the list, and its thread looks at nothing
+    diner.submit_timeout(t[0], 100);
+    for (int32_t s : {INT32_MAX, INT32_MIN, INT32_MIN, 3600}) Diner_info_list::get().clock_stepped(s, 0);
+    EXPECT_VALUES(texts(INT32_MIN + 3600, 0), t[0].expiry.time, diner.remove_timeout(t[0]));
 }
 
 /// How the clock is set: not at all, with the manager told, or with nothing but its own eyes.
@@ -247,7 +248,7 @@ TEST(Clock_watch, begins_with_the_clock_as_it_is_tells_each_step_once_and_wakes_
         watch.emplace(Diner_info_list::get());
         EXPECT_EQ(periodic.remaining_ms(), 100);
     }
-    Clock_watch(Diner_info_list::get()); // is not the last one
+    { const Clock_watch other(Diner_info_list::get()); } // its end is not the last one's
     waiter_descriptor told;
     told.init(&Diner_info_list::get());
     EXPECT_VALUES("0 -1", watch->register_waiter(&told), watch->register_waiter(&told));

@@ -58,7 +58,8 @@ void fuzz_log(const std::string& text) {
     JIN_frame f, again;
     for (std::string line; std::getline(lines, line);) {
         if (!f.read(line)) continue;
-        require(again.read(f.to_line("can0")) && again.to_line("can0") == f.to_line("can0"),
+        require(again.read(f.to_line("can0")) && again.to_line("can0") == f.to_line("can0") &&
+                    again.identifier == f.identifier && again.size == f.size,
                 "a frame is written as it is read");
         now.time = static_cast<int32_t>(f.us / 1000000);
         assembler.frame(f.identifier, f.bytes, f.size, f.us / 1000);

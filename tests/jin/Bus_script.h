@@ -52,6 +52,7 @@ protected:
         unsigned pgn, from, to, times = 1;
         char bytes[200] = "";
         ASSERT_GE(sscanf(text.c_str(), "%x %x>%x: %199[0-9A-F ]x%u", &pgn, &from, &to, bytes, &times), 3) << text;
+        ASSERT_LT(strlen(bytes), 199u) << text;
         JIN_grow_message m = message(pgn, "", static_cast<uint8_t>(to), static_cast<uint8_t>(from));
         for (Bytes b(bytes); times > 0; --times) m.append(b.view().data, b.view().size);
         const auto sender =

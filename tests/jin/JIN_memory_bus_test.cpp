@@ -138,9 +138,9 @@ TEST_F(Transmission, goes_out_in_its_period_on_request_and_when_there_is_room) {
 }
 
 TEST(Name, fields_lie_where_the_bus_has_them) {
-    JIN_name n(0xFFFEFFFFFFFFFFFF); // what was there goes, and what does not fit changes no neighbour
-    n.set_arbitrary_address(true).set_industry_group(8 + 2).set_device_class_instance(16 + 3).set_device_class(128 +
-                                                                                                               25);
+    JIN_name n(0x7FFEFFFFFFFFFFFF); // what was there goes, and what does not fit changes no neighbour
+    n.set_arbitrary_address(true).set_industry_group(8 + 2).set_device_class_instance(16 + 3);
+    n.set_device_class(128 + 25);
     n.set_function(256 + 129).set_function_instance(32 + 5).set_ecu_instance(8 + 6);
     n.set_manufacturer_code(2048 + 1234).set_identity_number(0x200000 + 1000000);
     EXPECT_EQ(n.value, 0xA332812E9A4F4240u);

@@ -123,6 +123,7 @@ TEST_F(Jin, a_flood_disturbs_nobody) {
     Guest::sh("cangen vcan0 -g 4 -c 40 -e -I 18FF1099 -L 8 -i &");
     int answers = 0;
     const auto frames = [] { return std::stol(read_file("/sys/class/net/vcan0/statistics/tx_packets")); };
+    ASSERT_TRUE(wait_until([&, before = frames()] { return frames() > before + 1000; })) << "there is no flood";
     for (const long before = frames(); frames() < before + 18500 && !HasFailure(); ++answers) {
         a.heard.clear();
         talk(b, a, 0xEF00, "ping " + std::to_string(answers), false);

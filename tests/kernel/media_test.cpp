@@ -153,7 +153,8 @@ void suffer(const Medium& medium) {
                      "for i in 1 2; do cat /dev/urandom >filler/$i; sync; done 2>/dev/null; rm filler/first; sync",
                      "rm -r filler; sync"},
                     {"read-only", // which is refused while a file is open for writing
-                     "until mount -o remount,ro $PWD; do usleep 100; done 2>/dev/null &", "mount -o remount,rw $PWD"}};
+                     "until mount -o remount,ro $PWD; do usleep 100; done 2>/dev/null &",
+                     "until grep -q \" $PWD [^ ]* ro\" /proc/mounts; do usleep 100; done; mount -o remount,rw $PWD"}};
     ASSERT_TRUE(medium.mount() && Saved::mount(folder));
     const auto stores = open_stores();
     Accounts accounts;
@@ -183,7 +184,7 @@ void suffer(const Medium& medium) {
             EXPECT_EQ(settle(accounts), "");
             Guest::must(go + t.begin);
             const int before = failed;
-            for (int turns = 0, bad = 0; turns < 30 && bad<2; ++turns, bad += failed> before)
+            for (int turns = 0, bad = 0; turns < 30 && bad != 2; ++turns, bad += before < failed)
                 for (size_t i = 0; i < num_stores; ++i) save(i);
             EXPECT_EQ(settle(accounts), "");
             Guest::must(go + t.end);

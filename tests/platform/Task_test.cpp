@@ -64,6 +64,7 @@ TEST(Task, may_run_a_loop_of_qt_and_deletes_later_what_it_was_asked_to) {
         char byte = 'x';
         if (pipe(ends) != 0) return;
         QTimer slow, ticks;
+        QObject::connect(&slow, &QTimer::timeout, [&] { loop.exit(3); });
         slow.start(30000);
         QObject::connect(&ticks, &QTimer::timeout, [&] {
             QEventLoop().processEvents(); // its own timer does not run in it again

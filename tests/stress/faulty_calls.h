@@ -101,8 +101,13 @@ FAULTY_FUNCTION int nanosleep(const timespec* duration, timespec* left) {
 }
 
 // The mode, which only those give who create, is handed on in any case.
-FAULTY_FUNCTION int faulty_openat(int folder, const char* path, int flags, mode_t mode) __asm__("openat");
-FAULTY_FUNCTION int faulty_open(const char* path, int flags, mode_t mode) __asm__("open");
+#ifdef __USE_FILE_OFFSET64
+#define FAULTY_LARGE "64"
+#else
+#define FAULTY_LARGE
+#endif
+FAULTY_FUNCTION int faulty_openat(int folder, const char* path, int flags, mode_t mode) __asm__("openat" FAULTY_LARGE);
+FAULTY_FUNCTION int faulty_open(const char* path, int flags, mode_t mode) __asm__("open" FAULTY_LARGE);
 FAULTY_CALL(int, faulty_openat, "openat64", (int folder, const char* path, int flags, mode_t mode),
             (folder, path, flags, mode), )
 int faulty_open(const char* path, int flags, mode_t mode) { return faulty_openat(AT_FDCWD, path, flags, mode); }

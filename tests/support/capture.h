@@ -81,5 +81,6 @@ int in_child(const std::function<int()>& body, const std::function<void(pid_t)>&
              unsigned limit_s = 600);
 /// Run a command of the shell, for instance with its output redirected: ">/dev/full" is a full disk, ">&-" closed.
 Child_result run_shell(const std::string& command);
-/// The streams are held for ever, as by a thread that writes to a stalled console. For a child.
+/// The streams are held for ever, as by a thread that writes to a stalled console. For a child that starts no
+/// thread afterwards.
 void hold(const std::vector<FILE*>& streams = {stdout, stderr});

@@ -18,6 +18,8 @@ TEST(Vorn_parser, cuts_the_packets_that_its_slow_model_cuts) {
         "\r\n", "\0"s,      "\0\0"s, "\1",     "\1\1",       "\r\n\n\r",     "RE002ok\n",  "RE002ok\r\n",
         sound,  "PG001c\r", "RE000", wrong,    sound + "\r", wrong + "\r\n", "ER002ok#\n", "NP00Bwhat is it"};
     Debug_print::set_debug_file("/dev/null"); // refusals
+    // The 4190th byte may end the line, and the buffer its run.
+    EXPECT_EQ(difference(std::string(6, 0) + std::string(4189, 1) + std::string(12, '\n')), "");
     Random c(1);
     for (int round = 0; round < 2000; ++round) {
         std::string input = {char(c(3)),  char(c(4) ? c(20) : c(256)), char(c(8)),
@@ -65,6 +67,27 @@ TEST(Vorn_parser, takes_packets_in_each_form_without_a_heap_and_does_not_look_tw
     for (const int i : {0, 1, 2, 4, 7})
         fetches += Values{parser.is_newline(i), std::exchange(hesitant.fetches, 0)}.text + ", ";
     EXPECT_EQ(fetches, "false 1, true 1, true 1, false 2, false 1, ");
+}
+
+TEST(Vorn_parser, takes_every_frame_that_another_thread_brings) {
+    std::string sent;
+    for (int i = 0; i < 3000; ++i) sent += sound + "\r";
+    Fed_stream stream(sent, Fed_stream::pushed, 37);
+    Vorn_parser parser(&stream, false);
+    Vorn_checksum_checker checker;
+    parser.set_checker(&checker);
+    std::thread line([&] {
+        while (!stream.dry()) stream.feed();
+    });
+    std::string got;
+    unsigned char packet[64];
+    const auto all_come = [&] {
+        while (const int n = parser.get_packet(packet, sizeof packet)) got.append(packet, packet + n);
+        return got.size() >= sent.size();
+    };
+    EXPECT_TRUE(wait_until(all_come));
+    line.join();
+    EXPECT_TRUE(got == sent) << got.size();
 }
 
 TEST(Vorn_checkers, accept_the_lengths_of_the_catalogue_and_right_checksums) {
