@@ -24,6 +24,7 @@ struct Returned {
 } // namespace
 
 const waiter_event module_man::EVENT_ANONYMOUS(1, 1, 0);
+std::mutex module_man::ends;
 
 module_man::module_man() {
     for (waiter_event_node& n : _pool) {
@@ -33,7 +34,10 @@ module_man::module_man() {
     _alive = true;
 }
 
-module_man::~module_man() { _alive = false; }
+module_man::~module_man() {
+    const std::lock_guard<std::mutex> held(ends);
+    _alive = false;
+}
 
 int module_man::init_module(short* id, bool extended) { return init_module_array(id, 1, extended); }
 
@@ -67,7 +71,7 @@ void module_man::collect() {
 }
 
 void module_man::return_used_event(waiter_event_node* n) {
-    if (!_alive.load(std::memory_order_relaxed)) return;
+    if (!alive()) return;
     if (n->in_list()) Bugger::report_bug("sl_list::push, already in a list.\n"); // twice, or still queued
     if (n->event.extended) n->event.set_extended_data(nullptr, 0);
     const auto place = static_cast<uint32_t>(n - _pool);
