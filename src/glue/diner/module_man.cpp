@@ -2,8 +2,11 @@
 #include "glue/diner/module_man.h"
 #include "util/Bugger.h"
 #include <algorithm>
+#include <mutex>
 
 namespace {
+
+std::mutex ends; // of pools, and of waiters that have nodes; it needs no destruction, so it is there as long as threads
 
 constexpr int32_t max_ordinary = 32767; // module ids are 16 bits wide
 constexpr int32_t max_extended = 32768;
@@ -24,7 +27,6 @@ struct Returned {
 } // namespace
 
 const waiter_event module_man::EVENT_ANONYMOUS(1, 1, 0);
-std::mutex module_man::ends;
 
 module_man::module_man() {
     for (waiter_event_node& n : _pool) {
@@ -37,6 +39,11 @@ module_man::module_man() {
 module_man::~module_man() {
     const std::lock_guard<std::mutex> held(ends);
     _alive = false;
+}
+
+void module_man::while_alive(void (*flush)(void* waiter), void* waiter) {
+    const std::lock_guard<std::mutex> held(ends);
+    if (_alive) flush(waiter);
 }
 
 int module_man::init_module(short* id, bool extended) { return init_module_array(id, 1, extended); }
@@ -71,7 +78,7 @@ void module_man::collect() {
 }
 
 void module_man::return_used_event(waiter_event_node* n) {
-    if (!alive()) return;
+    if (!_alive.load(std::memory_order_relaxed)) return;
     if (n->in_list()) Bugger::report_bug("sl_list::push, already in a list.\n"); // twice, or still queued
     if (n->event.extended) n->event.set_extended_data(nullptr, 0);
     const auto place = static_cast<uint32_t>(n - _pool);

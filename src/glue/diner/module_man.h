@@ -4,7 +4,6 @@
 #include "util/Mutex.h"
 #include "util/api.h"
 #include <atomic>
-#include <mutex>
 
 /// The pool of event nodes that a set of waiters shares, and the source of module ids. It outlives every waiter that
 /// draws from it. Any thread may call any member.
@@ -34,11 +33,9 @@ public:
     int num_free_events() const; ///< [nodes] in the pool now
     /// [nodes] the pool ever came down to: how close the application has been to the limit.
     int least_free_events() const;
-    bool alive() const { return _alive.load(std::memory_order_relaxed); }
-
-    /// Held while a pool ends, and by a waiter that ends with nodes of it: threads run on while a process exits. It is
-    /// never destroyed.
-    static std::mutex ends;
+    /// Call `flush`, by which a waiter that ends hands its nodes back, unless the pool is gone, whose end waits for it:
+    /// threads run on while a process exits.
+    void while_alive(void (*flush)(void* waiter), void* waiter);
 
 private:
     void collect() KAV_REQUIRES(_mutex);

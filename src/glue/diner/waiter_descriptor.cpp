@@ -17,10 +17,8 @@ waiter_descriptor::waiter_descriptor() = default;
 waiter_descriptor::~waiter_descriptor() {
     waiter_ref_base::detach_all(this);
     deinit();
-    if (num_queued() > 0) { // the pool of a process that exits may end at the same time
-        const std::lock_guard<std::mutex> held(module_man::ends);
-        if (_modules.load(std::memory_order_relaxed)->alive()) flush_events();
-    }
+    if (num_queued() > 0) // else the pool need not be there any more
+        _modules.load()->while_alive([](void* w) { static_cast<waiter_descriptor*>(w)->flush_events(); }, this);
     _enabled = false;
 }
 
