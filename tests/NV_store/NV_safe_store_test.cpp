@@ -45,7 +45,7 @@ struct Safe_store : testing::Test {
         return files;
     }
 
-    Temporary_folder folder{Temporary_folder::quick_place()};
+    Temporary_folder folder;
     const std::string path = folder.file("settings"), defaults = Settings(nullptr).text();
     Capture quiet{stderr};
     Program program{path};

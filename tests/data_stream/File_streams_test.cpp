@@ -33,7 +33,7 @@ protected:
         EXPECT_TRUE(s.close_write());
         return read_file(path);
     }
-    Temporary_folder folder{Temporary_folder::quick_place()};
+    Temporary_folder folder;
     const std::string path = folder.file("a.txt"), missing = folder.file("none/a.txt"),
                       failure = "Error opening file [" + missing + "]\n";
     const char *const at = path.c_str(), *const none = missing.c_str();

@@ -55,7 +55,7 @@ protected:
         return sink.got;
     }
 
-    Temporary_folder folder{Temporary_folder::quick_place()};
+    Temporary_folder folder;
     Manual_clock clock{now, 500};
 };
 

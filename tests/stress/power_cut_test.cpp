@@ -120,7 +120,7 @@ protected:
 
     const Way way = std::get<0>(GetParam());
     const int version = way.version + std::get<1>(GetParam()) * way.step;
-    const Temporary_folder folder{Temporary_folder::quick_place()};
+    const Temporary_folder folder;
     const std::string file = folder.file(way.file);
     Files before, after; ///< the save
     int attempts = 0, damages = 0;
@@ -232,7 +232,7 @@ TEST(Killed_saves, of_three_threads_leave_what_was_completed) {
     Debug_print::set_debug_file("/dev/null"); // cut changes
     for (unsigned seed = 1; seed <= (nightly() ? 6 : 2); ++seed) {
         Random random(seed);
-        const Temporary_folder folder{Temporary_folder::quick_place()};
+        const Temporary_folder folder;
         const std::string path = folder.file("settings");
         const Shared<Progress> p;
         int kills = 0;

@@ -8,11 +8,12 @@
 #include <string>
 #include <unistd.h>
 
-/// A folder that goes with its object.
+/// A folder that goes with its object. For thousands of saves it is in memory, if the system has such a place.
 struct Temporary_folder {
-    Temporary_folder() : Temporary_folder(std::filesystem::temp_directory_path()) {}
-    explicit Temporary_folder(const std::filesystem::path& parent) {
-        std::string pattern = (parent / "kav-test-XXXXXX").string();
+    Temporary_folder() {
+        const bool memory = access("/dev/shm", W_OK) == 0;
+        std::string pattern =
+            (memory ? "/dev/shm" : std::filesystem::temp_directory_path().string()) + "/kav-test-XXXXXX";
         path = mkdtemp(pattern.data());
     }
     ~Temporary_folder() {
@@ -20,12 +21,6 @@ struct Temporary_folder {
         std::filesystem::remove_all(path, ignored);
     }
     Temporary_folder(const Temporary_folder&) = delete;
-
-    /// Where folders for thousands of saves go: in memory, if the system has such a place.
-    static std::filesystem::path quick_place() {
-        const std::filesystem::path memory = "/dev/shm";
-        return access(memory.c_str(), W_OK) == 0 ? memory : std::filesystem::temp_directory_path();
-    }
 
     std::string file(const std::string& name) const { return path + "/" + name; }
 

@@ -3,8 +3,12 @@
 #pragma once
 #include "support/Temporary_folder.h"
 #include "util/Debug_print.h"
+#include <algorithm>
 #include <csignal>
+#include <fcntl.h>
 #include <functional>
+#include <sys/wait.h>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,7 +32,7 @@ inline std::string read_and_close(FILE* file) {
 /// Collects what is written to a descriptor (standard output or error, by stdio or raw) until text() is called.
 class Capture {
 public:
-    explicit Capture(FILE* stream) : _stream(stream), _saved(dup(fileno(stream))) {
+    explicit Capture(FILE* stream) : _stream(stream), _saved(fcntl(fileno(stream), F_DUPFD_CLOEXEC, 0)) {
         fflush(_stream);
         dup2(fileno(_file), fileno(_stream));
     }
@@ -72,15 +76,39 @@ struct Child_result {
     }
 };
 
-/// Run `body` in a forked child; a body that returns ends in exit(0). The child is killed after `limit_s`. For code
-/// that ends the process; start no threads before the call.
-Child_result run_child(const std::function<void()>& body, unsigned limit_s = 60);
 /// Run `body` in a forked child, as a program that has just started: what it returned, or -N when signal N ended it.
 /// `meanwhile` gets the child's number.
-int in_child(const std::function<int()>& body, const std::function<void(pid_t)>& meanwhile = nullptr,
-             unsigned limit_s = 600);
+inline int in_child(const std::function<int()>& body, const std::function<void(pid_t)>& meanwhile = nullptr,
+                    unsigned limit_s = 600) {
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) alarm(limit_s), _exit(body());
+    if (meanwhile) meanwhile(pid);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+/// Run `body` in a forked child; a body that returns ends in exit(0). The child is killed after `limit_s`. For code
+/// that ends the process; start no threads before the call.
+inline Child_result run_child(const std::function<void()>& body, unsigned limit_s = 60) {
+    Capture out(stdout), err(stderr);
+    const int end = in_child([&]() -> int { body(), exit(0); }, nullptr, limit_s);
+    Child_result r = {std::max(end, -1), std::max(-end, 0), out.text(), err.text()};
+    r.err.resize(std::min(r.err.rfind("qemu: uncaught target signal"), r.err.size())); // the emulator's own line
+    return r;
+}
+
 /// Run a command of the shell, for instance with its output redirected: ">/dev/full" is a full disk, ">&-" closed.
-Child_result run_shell(const std::string& command);
+inline Child_result run_shell(const std::string& command) {
+    return run_child([&] {
+        if (std::freopen("/dev/null", "r", stdin)) execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        _exit(126);
+    });
+}
+
 /// The streams are held for ever, as by a thread that writes to a stalled console. For a child that starts no
 /// thread afterwards.
-void hold(const std::vector<FILE*>& streams = {stdout, stderr});
+inline void hold(const std::vector<FILE*>& streams = {stdout, stderr}) {
+    std::thread([&] { std::for_each(streams.begin(), streams.end(), flockfile); }).join(); // ends without giving back
+}

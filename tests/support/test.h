@@ -4,13 +4,11 @@
 #pragma once
 #include "support/Manual_clock.h"
 #include "support/capture.h"
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstring>
 #include <deque>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <list>
 #include <map>
@@ -21,7 +19,6 @@
 #include <random>
 #include <set>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <tuple>
 
 /// Heap blocks that all threads of the program have asked for so far. Take the difference over what must not allocate,
