@@ -1,10 +1,24 @@
 // SPDX-License-Identifier: MIT
 // A data block that another process reads and writes. The machine describes its block as items and has a server answer
 // for them on a line. The visitor fetches the description, lists the items, reads their values and writes one, which
-// wakes a diner of the machine that watches just those bytes. Another one may not be written.
+// wakes a diner of the machine that watches just those bytes. Another one may not be written. What the machine prints
+// stands last, unless the output is a terminal.
 //
 //     block <- items <- Server --- pseudo-terminal --- Visitor
 //       '-> Watcher
+//
+// Prints:
+//     visitor: the description is "1:1:machine{1:2:engine{5:3:speed,a:4:load},2b:5:position,...}"
+//     visitor: struct machine
+//     visitor:     struct engine
+//     visitor:         unsigned short speed = 1450
+//     visitor: which is not for us to change
+//     visitor:         float load = 0.62
+//     visitor:     double position[] = 49.2, 8.6
+//     visitor:     char driver[] = "A. Driver"
+//     visitor:     int wanted_speed = 1500
+//     visitor: wrote 1800, now wanted_speed = 1800
+//     machine: woken, somebody wants 1800 revolutions per minute
 #include "Visitor.h"
 #include "Watcher.h"
 #include "glue/cds/CDS_server.h"
@@ -62,7 +76,6 @@ static void run_machine(const char* device, pid_t visitor) {
 }
 
 int main() {
-    setvbuf(stdout, nullptr, _IOLBF, 0); // two processes share it: whole lines
     struct termios raw = {};
     cfmakeraw(&raw);
     int visitors_end, machines_end;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "support/test.h"
-#include <sys/prctl.h>
 
 /// Command lines as typed in a folder of their own: programs are found by name, files of the folder too.
 struct Commands : testing::Test {
@@ -48,22 +47,9 @@ inline void expect_in(const std::string& all, const std::vector<std::string>& pa
     }
 }
 
-/// A command that runs beside the test.
-class Running {
-public:
-    explicit Running(const std::string& command) : pid(fork()) {
-        if (pid != 0) return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        std::signal(SIGHUP, SIG_DFL);
-        execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
-        _exit(126);
-    }
-    /// Its status as waitpid() tells it, after this signal.
-    int end(int signal) const {
-        kill(pid, signal);
-        int status = -1;
-        waitpid(pid, &status, 0);
-        return status;
-    }
-    const pid_t pid;
-};
+/// How a command ends, as in_child() tells it, that runs beside `meanwhile` and then gets a signal.
+inline int run_beside(const std::string& command, int signal, const std::function<void()>& meanwhile) {
+    const auto become = [&] { return execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr); };
+    return in_child([&] { return std::signal(SIGHUP, SIG_DFL), become(); },
+                    [&](pid_t pid) { meanwhile(), kill(pid, signal); });
+}

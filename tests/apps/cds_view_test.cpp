@@ -4,8 +4,6 @@
 #include "glue/cds/CDS_server.h"
 #include "support/Pty.h"
 
-using cds_view = Commands;
-
 namespace {
 
 /// A controller: its block on a socket, and on a line whose other end is a device.
@@ -23,7 +21,7 @@ struct Controller {
                                }};
 };
 
-TEST_F(cds_view, shows_a_block_over_a_socket_and_over_a_line_and_sets_what_the_controller_allows) {
+TEST_F(Commands, cds_view_shows_a_block_over_a_socket_and_over_a_line_and_sets_what_the_controller_allows) {
     Controller c;
     const std::string load = "    load     float           0.1\n",
                       levels = "  levels[4]  unsigned short  1 2 3 65535\n",
@@ -62,16 +60,17 @@ TEST_F(cds_view, shows_a_block_over_a_socket_and_over_a_line_and_sets_what_the_c
                        {"cds_view socket --csv >/dev/full", "1 cannot write: No space left on device"}});
 }
 
-TEST_F(cds_view, waits_for_a_controller_that_restarts_and_ends_in_order) {
+TEST_F(Commands, cds_view_waits_for_a_controller_that_restarts_and_ends_in_order) {
     auto c = std::make_unique<Controller>();
-    const Running viewer("cds_view socket --csv --every 10 on >out 2>err");
     const auto size = [] { return read_file("out").size(); };
-    EXPECT_TRUE(wait_until([&] { return size() > 60; })); // some rows
-    c.reset();
-    EXPECT_TRUE(wait_until([&] { return !read_file("err").empty(); }));
-    c = std::make_unique<Controller>();
-    EXPECT_TRUE(wait_until([&, before = size()] { return size() > before; }));
-    EXPECT_EQ(viewer.end(SIGTERM), 0);
+    const auto restart = [&] {
+        EXPECT_TRUE(wait_until([&] { return size() > 60; })); // some rows
+        c.reset();
+        EXPECT_TRUE(wait_until([&] { return !read_file("err").empty(); }));
+        c = std::make_unique<Controller>();
+        EXPECT_TRUE(wait_until([&, before = size()] { return size() > before; }));
+    };
+    EXPECT_EQ(run_beside("cds_view socket --csv --every 10 on >out 2>err", SIGTERM, restart), 0);
     EXPECT_EQ(read_file("err"), "cds_view: socket: it does not answer; waiting for it\ncds_view: socket is back\n");
 }
 

@@ -6,17 +6,12 @@
 #include "support/frame.h"
 
 using namespace std::string_literals;
-using bus_monitor = Commands;
-using history_dump = Commands;
-using nv_dump = Commands;
-using trace_view = Commands;
-using vorn_monitor = Commands;
 
 namespace {
 
 /// Of an engine with a code and a terminal that says what it is, with one long message, and lines that are no frames of
 /// such a bus.
-TEST_F(bus_monitor, replays_a_log) {
+TEST_F(Commands, bus_monitor_replays_a_log) {
     const std::tuple<uint32_t, unsigned, std::string> messages[] = {
         {60928, 38, std::string("\x01\x00\x60\x0F\x00\x81\x00\xA0", 8)},
         {65226, 0, "\x04\xF3\xD2\x04\x1F\x01\xFF\xFF"},
@@ -47,7 +42,7 @@ TEST_F(bus_monitor, replays_a_log) {
          "\n38,A00081000F600001,\"P1 Terminal T _\"\"800\"\"\",\"V2.1\",,,,,,,\n"});
 }
 
-TEST_F(history_dump, prints_the_records_from_the_oldest_to_the_newest_that_pass_the_filters) {
+TEST_F(Commands, history_dump_prints_the_records_from_the_oldest_to_the_newest_that_pass_the_filters) {
     const auto record = [](unsigned src, unsigned error, unsigned time, unsigned word = 0x7F1F) {
         return Frame("SP").u1(src).u2(word).u2(error).u4(time).u1(125).str() + "\n";
     };
@@ -78,7 +73,7 @@ TEST_F(history_dump, prints_the_records_from_the_oldest_to_the_newest_that_pass_
             << filters;
 }
 
-TEST_F(nv_dump, prints_an_image_and_the_changes_behind_it_up_to_where_it_is_damaged) {
+TEST_F(Commands, nv_dump_prints_an_image_and_the_changes_behind_it_up_to_where_it_is_damaged) {
     using namespace Image;
     const std::string wheel = frame(1, 3, value(2, 1, bytes({1})) + value(8, 0x0102, bytes({0xFE, 0xFF})));
     const std::string image = frame(0, 1,
@@ -124,16 +119,18 @@ const std::string trace = trace_of(R"(,
 {'ph':'B','pid':1,'tid':8,'ts':1000125,'name':'own','cat':'program','args':{'number':1}},
 {'ph':'E','pid':1,'tid':8,'ts':1000130},
 {'ph':'E','pid':1,'tid':8,'ts':1000420},
+{'ph':'B','pid':1,'tid':8,'ts':1000500,'name':'PUMP 2000/1','cat':'event','args':{'diner':'PUMP','node':2}},
+{'ph':'E','pid':1,'tid':8,'ts':1000700},
 {'ph':'B','pid':1,'tid':8,'ts':1500000,'name':'PUMP timeout','cat':'timeout','args':{'diner':'PUMP','uid':1,'late_ms':30}},
 {'ph':'i','pid':1,'tid':7,'ts':1600000,'s':'t','name':'refused by PUMP','cat':'post','args':{'diner':'PUMP','module':1}}
 ]
 )");
 
-TEST_F(trace_view, tells_of_each_diner_and_draws) {
+TEST_F(Commands, trace_view_tells_of_each_diner_and_draws) {
     expect_in(
         answer("trace_view - --plot picture --to 0.001", trace),
         {"0 0.600 s with 12 records (8 older ones overwritten, 3 dropped)", "Free event nodes at least 996.",
-         "PUMP               2        1     200.0     300.0     300.0      55.0     100.0     100.0      2        1\n",
+         "PUMP               3        1     200.0     300.0     300.0      55.0     100.0     100.0      2        1\n",
          "Longest handlers\n      at [s]  length [us] late [ms]\n"
          "    0.500000     100000.0       30  PUMP timeout, still running\n"
          "    0.000120        300.0        0  PUMP 2000/1\n",
@@ -150,8 +147,8 @@ TEST_F(trace_view, tells_of_each_diner_and_draws) {
               {"    0.000000          0.0        0  PUMP 2000/1, its end is lost\n"});
 }
 
-TEST_F(trace_view, says_in_one_line_what_is_wrong) {
-    const std::string line = "1 -: line ";
+TEST_F(Commands, trace_view_says_in_one_line_what_is_wrong) {
+    const std::string line = "1 -: line ", no_plot = "2 cannot write ";
     expect_complaints(
         {{"trace_view -", line + "1: it is no trace", "garbage\n"},
          {"trace_view -", line + "2: it is no trace", "[\n{\"ph\":\"M\",\"name\":\"other\"},\n]\n"},
@@ -159,17 +156,16 @@ TEST_F(trace_view, says_in_one_line_what_is_wrong) {
          {"trace_view -", line + "3: an event without a time", trace_of(",\n{'ph':'B'}\n]\n")},
          {"trace_view -", line + "3: no event", trace_of(",\nxyz,\n]\n")},
          {"trace_view -", line + "3: a line behind the last one", trace_of("\n{}\n]\n")},
-         {"trace_view -", line + "3: a line that is too long", trace_of(",\n" + std::string(5000, 'x') + "\n")}});
+         {"trace_view -", line + "3: a line that is too long", trace_of(",\n" + std::string(5000, 'x') + "\n")},
+         {"trace_view - --plot /none/x >out", no_plot + "/none/x: No such file or directory", trace},
+         {"trace_view - --plot /dev/full >out", no_plot + "/dev/full: No space left on device", trace},
+         {"trace_view - --plot x --from 1 --to 0.5 >out", "2 --to must be behind --from", trace}});
     expect_cuts_told("trace_view -", trace.substr(0, trace.size() - 1), 29);
-    const std::string failed = "2 trace_view: cannot write ";
-    expect_in(answer("trace_view - --plot /none/x", trace), {failed + "/none/x: No"});
-    expect_in(answer("trace_view - --plot /dev/full", trace), {failed + "/dev/full: No"});
-    expect_in(answer("trace_view - --plot x --from 1 --to 0.5", trace), {"2 trace_view: --to must be behind --from\n"});
 }
 
 std::string time_packet(unsigned ms, unsigned week = 2300) { return Frame("GT").u4(ms).u2(week).str() + "\r\n"; }
 
-TEST_F(vorn_monitor, prints_a_line_for_each_packet_of_a_recording_and_counts_them) {
+TEST_F(Commands, vorn_monitor_prints_a_line_for_each_packet_of_a_recording_and_counts_them) {
     // Messages, replies, damage, noise, and the beginning of a frame at the end.
     write_file("all", time_packet(360000) + Frame("RE").text("%1%on").bare() + "\r\n" +
                           Frame("ER").text("%2%{4,wrong command}").bare() + "\r\n" +
@@ -193,7 +189,7 @@ TEST_F(vorn_monitor, prints_a_line_for_each_packet_of_a_recording_and_counts_the
     EXPECT_EQ(answer("vorn_monitor -", "$text\n"), "0 TEXT $text\n");
 }
 
-TEST_F(vorn_monitor, draws_the_positions_that_it_met_save_absurd_ones) {
+TEST_F(Commands, vorn_monitor_draws_the_positions_that_it_met_save_absurd_ones) {
     std::string input;
     for (const auto& [lat, lon] : {std::pair{0.9, 0.1}, {1e300, 0.1}, {0.9, -1e300}, {0.900001, 0.1}, {0.900002, 0.1}})
         input += Frame("PG").f8(lat).f8(lon).f8(100).f4(1).u1(lat > 0.900001 ? 5 : 4).str() + "\n";
@@ -202,7 +198,7 @@ TEST_F(vorn_monitor, draws_the_positions_that_it_met_save_absurd_ones) {
               {"points=\"40.0,600.0 40.0,320.0 40.0,40.0", "fixed: 2 positions", "solution 5: 1 positions"});
 }
 
-TEST_F(vorn_monitor, records_what_it_prints_and_replays_it) {
+TEST_F(Commands, vorn_monitor_records_what_it_prints_and_replays_it) {
     const std::string first = "GT ms=360000 week=2300\n", printed = first + "TEXT $noise\nGT ms=1 week=2\n",
                       input = time_packet(360000) + "$noise\n" + time_packet(1, 2);
     EXPECT_EQ(answer("vorn_monitor - --record raw", input), "0 " + printed);
@@ -218,7 +214,7 @@ TEST_F(vorn_monitor, records_what_it_prints_and_replays_it) {
     EXPECT_EQ(read_file("again"), input);
 }
 
-TEST_F(vorn_monitor, shows_on_a_terminal_how_far_it_is_unless_the_packets_are_shown_there) {
+TEST_F(Commands, vorn_monitor_shows_on_a_terminal_how_far_it_is_unless_the_packets_are_shown_there) {
     write_file("recording", time_packet(360000));
     for (const auto& [output, shown] :
          {std::pair{" 2>tty", "100 %\r\033[K"}, {" >tty 2>&1", "GT ms=360000 week=2300\n"}}) {
@@ -228,7 +224,7 @@ TEST_F(vorn_monitor, shows_on_a_terminal_how_far_it_is_unless_the_packets_are_sh
     }
 }
 
-TEST_F(vorn_monitor, waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_nobody_reads_its_output) {
+TEST_F(Commands, vorn_monitor_waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_nobody_reads_its_output) {
     std::unique_ptr<Pty> line;
     const auto plug_in = [&] {
         line = std::make_unique<Pty>();
@@ -248,20 +244,20 @@ TEST_F(vorn_monitor, waits_for_a_line_that_hung_up_and_ends_on_a_signal_or_when_
         });
     };
     plug_in();
-    const Running monitor("vorn_monitor -c line:115200 --stats --record record >out 2>&1");
-    EXPECT_TRUE(says("GT ms=1 week=2300\n"));
-    line.reset();
-    EXPECT_TRUE(says("vorn_monitor: line hung up, waiting for it\n"));
-    plug_in();
-    EXPECT_TRUE(says("vorn_monitor: line is back\n") && says("GT ms=1 week=2300\n"));
-    EXPECT_EQ(monitor.end(SIGINT), 0);
-    EXPECT_TRUE(says("bytes left over")) << read_file("out");
+    const auto pull_out = [&] {
+        EXPECT_TRUE(says("GT ms=1 week=2300\n"));
+        line.reset();
+        EXPECT_TRUE(says("vorn_monitor: line hung up, waiting for it\n"));
+        plug_in();
+        EXPECT_TRUE(says("vorn_monitor: line is back\n") && says("GT ms=1 week=2300\n"));
+    };
+    EXPECT_EQ(run_beside("vorn_monitor -c line:115200 --stats --record record >out 2>&1", SIGINT, pull_out), 0);
+    EXPECT_NE(read_file("out").find("bytes left over", heard), std::string::npos);
     EXPECT_EQ(read_file("record").rfind(time_packet(1), 0), 0u);
 
-    const Running unread("sh -c '{ vorn_monitor -c line; echo ended with $? >out; } | head -n 1 >first'");
     heard = 0;
-    EXPECT_TRUE(says("ended with 0\n"));
-    EXPECT_EQ(unread.end(0), 0);
+    run_beside("sh -c '{ vorn_monitor -c line; echo ended with $? >out; } | head -n 1 >first'", 0,
+               [&] { EXPECT_TRUE(says("ended with 0\n")); });
 }
 
 } // namespace

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "apps/Commands.h"
 
-using cds_remote = Commands;
-using field_controller = Commands;
-
 namespace {
 
 int occurrences(const std::string& text, const std::string& of) {
@@ -12,15 +9,7 @@ int occurrences(const std::string& text, const std::string& of) {
     return n;
 }
 
-TEST_F(cds_remote, a_second_process_learns_the_block_reads_it_and_wakes_the_machine) {
-    const std::string got = answer("cds_remote");
-    expect_in(got, {"visitor:         float load = 0.62\n", "visitor:     double position[] = 49.2, 8.6\n",
-                    "visitor:     char driver[] = \"A. Driver\"\n", "visitor: wrote 1800, now wanted_speed = 1800\n",
-                    "machine: woken, somebody wants 1800 revolutions per minute\n"});
-    EXPECT_VALUES("0 1", got.substr(0, 1), occurrences(got, "machine: woken")) << "by the one write alone\n" << got;
-}
-
-TEST_F(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_status_line) {
+TEST_F(Commands, field_controller_what_the_receiver_sends_goes_through_the_block_to_the_status_line) {
     const std::string run = "field_controller --seconds 3 --settings file --faults ",
                       settings = "settings in file: ", saved = "\n" + settings + "saved\n";
     const std::string first = answer(run + "0 --messages");
@@ -45,28 +34,13 @@ TEST_F(field_controller, what_the_receiver_sends_goes_through_the_block_to_the_s
                                   "\nsettings: a slot learns of 5", "\nsettings: the status diner learns of 5", saved});
 }
 
-TEST_F(field_controller, fails_when_something_that_a_run_leaves_behind_got_lost) {
-    const std::string run = "field_controller --seconds 0 --quiet --settings ";
-    for (const auto& [rest, line] :
-         {std::pair{"none/settings", "field_controller: the settings are not saved\n"},
-          {"settings --plot none/plot", "cannot write none/plot: No"},
-          {"settings >/dev/full", "field_controller: cannot write: No space left on device\n"},
-          {"settings >&-", "field_controller: cannot write: Bad file descriptor\n"},
-          {"settings --comm /dev/null", "field_controller: cannot set up /dev/null\n"}}) {
-        const std::string got = answer(run + rest);
-        EXPECT_TRUE(got[0] == '1' && got.find(line) != std::string::npos) << rest << ": " << got;
-    }
-    EXPECT_EQ(answer(run + "settings >/dev/null"), "0 ");
-}
-
-TEST_F(field_controller, leaves_no_folder_behind_when_it_is_killed_and_ends_in_order_when_the_terminal_goes) {
-    for (const auto& [signal, end] : {std::pair{SIGKILL, SIGKILL}, {SIGHUP, 0}}) {
+TEST_F(Commands, field_controller_leaves_no_folder_behind_when_it_is_killed_and_ends_in_order_when_the_terminal_goes) {
+    for (const auto& [signal, end] : {std::pair{SIGKILL, -SIGKILL}, {SIGHUP, 0}}) {
         const Temporary_folder temporary;
-        const Running program("env TMPDIR=" + temporary.path + " field_controller --settings settings >/dev/null");
         // Sanitizers have files of their own there for a moment, before the program begins.
         const auto is_there = [&] { return run_shell("ls -d " + temporary.file("field_controller-*")).status == 0; };
-        EXPECT_TRUE(wait_until(is_there));
-        EXPECT_EQ(program.end(signal), end);
+        const std::string run = "env TMPDIR=" + temporary.path + " field_controller --settings settings >/dev/null";
+        EXPECT_EQ(run_beside(run, signal, [&] { EXPECT_TRUE(wait_until(is_there)); }), end);
         EXPECT_TRUE(wait_until([&] { return !is_there(); })) << signal;
         EXPECT_EQ(std::filesystem::exists("settings"), signal == SIGHUP) << "saved";
     }
