@@ -125,7 +125,7 @@ TEST_F(Bus, Says_what_happens_to_the_codes) {
          "0 codes: 2128/31 x1 active\n490 codes: 2128/31 x1 active\n500 FECA 80>FF 6: FF FF 50 08 1F 01 FF FF\n"
          "500 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n500 codes: 2128/31 x1 previous\n"},
         {"the bus is gone and comes back", "unplug; set 2/2; run 5000; quiet; plug; run 600",
-         "0 told 6\n390 FECA 80>FF 6: FF FF 02 00 02 01 FF FF\n400 told 2\n"},
+         "0 told 6\n250 FECA 80>FF 6: FF FF 02 00 02 01 FF FF\n360 told 2\n"},
     };
     for (const auto& [what, steps, said] : table) {
         begin();

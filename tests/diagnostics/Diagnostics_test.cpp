@@ -202,7 +202,7 @@ TEST_F(History, Counts_and_tells_what_cannot_be_stored_and_goes_on) {
         {"old file stays", 2, call_remove, fault_error, 1, 1, 1}};
     for (const auto& [what, file, call, fault, nth, times, lost] : table) {
         begin(file > 0 ? record_of(1) : "");
-        Listener told;
+        Inbox told;
         Driven_manager manager(file == 2 ? record_bytes : 4096);
         manager.set_lost_waiter(&told.waiter);
         if (file == 2) replay(manager), write_file(path(1), record_of(0)); // in the way

@@ -5,7 +5,7 @@
 
 /// What happens on a bus as a text of steps, "send FF00 0A>FF: 01 02; run 100". Who derives adds words.
 ///   run MS                     time passes
-///   send PGN FROM>TO: BYTES    by the member that wants this address, or by a stranger; "61 x100" are 100 bytes
+///   send PGN FROM>TO: BYTES    by the member that wants this address, or by a stranger
 ///   unplug, plug               the bus goes, and comes back
 ///   quiet                      forgets what was noted so far
 /// Noted is what is not taken, and what members receive and are told: a line each, behind the ms since the last quiet.
@@ -39,22 +39,19 @@ protected:
         bus.process();
         for (const auto& [name, wish, node] : members) {
             for (JIN_grow_message got; node->inbox.receive(got);) {
-                const std::string text = text_of_message(got), bytes(got.data, got.data + got.size);
-                const bool same = bytes.size() > 8 && bytes.find_first_not_of(bytes[0]) == bytes.npos;
                 if (got.pgn == JIN::pgn_request || got.pgn == JIN::pgn_address_claimed) continue;
-                note(name + (same ? text.substr(0, 16) + text_of(" x%u", got.size) : text));
+                note(name + text_of_message(got));
             }
             const std::string told = node->events();
             if (!told.empty()) note(name + "told " + told);
         }
     }
     void send(const std::string& text) {
-        unsigned pgn, from, to, times = 1;
-        char bytes[200] = "";
-        ASSERT_GE(sscanf(text.c_str(), "%x %x>%x: %199[0-9A-F ]x%u", &pgn, &from, &to, bytes, &times), 3) << text;
-        ASSERT_LT(strlen(bytes), 199u) << text;
-        JIN_grow_message m = message(pgn, "", static_cast<uint8_t>(to), static_cast<uint8_t>(from));
-        for (Bytes b(bytes); times > 0; --times) m.append(b.view().data, b.view().size);
+        unsigned pgn, from, to;
+        int begin = 0;
+        ASSERT_EQ(sscanf(text.c_str(), "%x %x>%x: %n", &pgn, &from, &to, &begin), 3) << text;
+        const Bytes bytes(text.substr(static_cast<size_t>(begin)));
+        const JIN_grow_message m = message(pgn, {bytes.bytes.begin(), bytes.bytes.end()}, uint8_t(to), uint8_t(from));
         const auto sender =
             std::find_if(members.begin(), members.end(), [&](auto& m) { return std::get<1>(m) == from; });
         if (sender == members.end()) return bus.inject(m);

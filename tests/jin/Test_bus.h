@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
-#include "glue/diner/Diner_info_list.h"
 #include "glue/jin/JIN_inbox.h"
 #include "glue/jin/JIN_memory_bus.h"
-#include "support/Manual_clock.h"
+#include "support/Test_diner.h"
 #include "support/frame.h"
 #include <string>
 #include <utility>
@@ -37,20 +36,6 @@ inline JIN_grow_message claim_of(JIN_name name, uint8_t from) {
     return m;
 }
 
-/// A waiter, and the events that reached it.
-class Listener {
-public:
-    Listener() { waiter.init(&Diner_info_list::get()); }
-    /// Their ids, as "1 2".
-    std::string events() {
-        waiter_event e;
-        std::string all;
-        while (waiter.get_event(&e, Atime(false)) == 0) all += (all.empty() ? "" : " ") + std::to_string(e.id);
-        return all;
-    }
-    waiter_descriptor waiter;
-};
-
 /// A node, what it is told, and what it receives: all PGNs.
 template <class Stack>
 struct Node_of {
@@ -68,7 +53,7 @@ struct Node_of {
     std::string events() { return told.events(); }
     int send(const JIN_message& m) { return stack.send(m); }
 
-    Listener told;
+    Inbox told;
     Stack stack;
     JIN_inbox inbox;
 };

@@ -11,12 +11,19 @@
 
 /// A waiter without a thread; events are taken by the test.
 struct Inbox {
-    explicit Inbox(module_man& mm) { waiter.init(&mm); }
+    explicit Inbox(module_man& mm = Diner_info_list::get()) { waiter.init(&mm); }
     /// The data words of what has arrived, one behind the other.
     std::string targets() {
         std::string all;
         waiter_event e;
         while (waiter.get_event(&e, Atime(false)) == 0) all += std::to_string(static_cast<long>(e.data));
+        return all;
+    }
+    /// Their ids, as "1 2".
+    std::string events() {
+        std::string all;
+        for (waiter_event e; waiter.get_event(&e, Atime(false)) == 0;)
+            all += (all.empty() ? "" : " ") + std::to_string(e.id);
         return all;
     }
     waiter_descriptor waiter;

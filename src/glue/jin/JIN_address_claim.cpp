@@ -10,7 +10,9 @@ JIN_address_claim::JIN_address_claim(Port& port, JIN_name name, uint8_t preferre
     , _preferred(preferred > JIN::highest_unicast ? JIN::no_address : preferred)
     , _margin(margin)
     , _wanted(_preferred)
-    , _random(static_cast<uint32_t>(name.value ^ name.value >> 32)) {}
+    , _random(static_cast<uint32_t>(name.value ^ name.value >> 32)) {
+    delay(); // the first one is nearly the same for identity numbers that follow each other, as of one batch
+}
 
 void JIN_address_claim::begin(int64_t now) {
     quit();
