@@ -12,13 +12,6 @@ using namespace std::string_literals;
 
 namespace {
 
-/// Bytes `first` to `first` + n - 1 of an endless row.
-std::string row(size_t n, size_t first = 0) {
-    std::string s(n, 0);
-    std::iota(s.begin(), s.end(), static_cast<char>(first));
-    return s;
-}
-
 /// Take `n` bytes; empty when they do not come.
 std::string take(Data_stream& s, unsigned n) {
     std::string bytes(n, 0);
@@ -229,15 +222,10 @@ TEST(Replay, brings_what_was_received_when_it_is_due_and_waits_for_it_up_to_the_
             EXPECT_VALUES(texts(-1, Replay_data_stream::ended, false), s.ms_to_next(), s.state(), s.bytes_avail(1u));
         }
     }
-    for (const double speed : {10.0, 0.001}) {
-        Script_stream source(golden);
-        Replay_data_stream s(source, speed);
-        if (speed < 1) s.set_read_timeout(20);
-        EXPECT_VALUES(speed < 1 ? "false ab" : "true abcde", s.bytes_avail(5u), take(s)) << speed;
-    }
-    Script_stream damaged(golden.substr(0, 42) + "\1cde");
-    Replay_data_stream s(damaged, 0);
-    EXPECT_EQ("Recording ends at byte 35: it is damaged\n", debug_text([&] { s.bytes_avail(5u); }));
+    Script_stream source(golden);
+    Replay_data_stream slow(source, 0.001);
+    slow.set_read_timeout(20);
+    EXPECT_VALUES("false ab", slow.bytes_avail(5u), take(slow));
 }
 
 } // namespace

@@ -212,8 +212,8 @@ TYPED_TEST(Woken, by_bytes_of_which_it_counts_what_its_buffer_cannot_hold) {
     auto& s = this->s;
     ASSERT_VALUES("true 57600", s.open_from_args((this->pty.path + ":57600").c_str()), s.get_baudRate());
     EXPECT_EQ(stream_name(this->is_polled ? "DSPosPSer" : "DSPosTSer", s, ", " + this->pty.path), s.name);
-    this->pty.send(every_byte());
-    EXPECT_VALUES(every_byte() + " true false", this->take(256), s._get_data(0), s.bytes_avail(1u));
+    this->pty.send(row(256));
+    EXPECT_VALUES(row(256) + " true false", this->take(256), s._get_data(0), s.bytes_avail(1u));
     std::thread reader([&] { EXPECT_EQ(this->pty.receive(100000), std::string(100000, 'w')); });
     EXPECT_EQ(100000u, put(s, std::string(100000, 'w'))) << "waits for room";
     reader.join();

@@ -49,10 +49,11 @@ inline std::vector<int> numbers_in(const char* folder) {
 inline size_t num_descriptors() { return numbers_in("/proc/self/fd").size(); }
 inline size_t num_threads() { return numbers_in("/proc/self/task").size(); }
 
-inline std::string every_byte() {
-    std::string all(256, 0);
-    std::iota(all.begin(), all.end(), 0);
-    return all;
+/// Bytes `first` to `first` + n - 1 of an endless row.
+inline std::string row(size_t n, size_t first = 0) {
+    std::string s(n, 0);
+    std::iota(s.begin(), s.end(), static_cast<char>(first));
+    return s;
 }
 
 inline unsigned put(Data_stream& s, const std::string& bytes) {
