@@ -10,6 +10,9 @@
 #include "util/Debug_base.h"
 #include "util/Mutex.h"
 #include "util/assertion.h"
+#include "util/atime.h"
+#include "util/avl_bstree.h"
+#include "util/sl_list.h"
 #include <pthread.h>
 #include <regex>
 
@@ -62,15 +65,6 @@ TEST(Debug_print, detail_is_one_line_of_at_most_255_characters) {
     }
 }
 
-TEST(Debug_print, last_words_reach_whom_they_are_for) {
-    EXPECT_EQ(run_child([] { Debug_print::die("glue/x", 7); }).end(), "30 DIE file=glue/x line=7\n");
-    const Child_result r = run_child([] { Bugger::report_bug("tree bent"); });
-    EXPECT_EQ(r.out, "BUG: tree bent\r\n");
-    EXPECT_EQ(r.end(),
-              "signal 6 test_util_Debug_print: util/Bugger:42: static void Bugger::report_bug(const char*): Assertion "
-              "`false' failed.\n");
-}
-
 /// Standard output and error are a pipe of one page, the text that waits for it fills five.
 void use_pipe(bool full, bool read) {
     int ends[2];
@@ -84,42 +78,67 @@ void use_pipe(bool full, bool read) {
     fputs(text.c_str(), stdout);
 }
 
-TEST(Debug_print, a_stalled_output_does_not_keep_the_process_from_its_end) {
+TEST(Ends_of_the_process, are_told_and_come_though_the_output_stalls) {
+    struct Element : avl_bsnode, sll_node {
+    } one, another;
+    avl_bstree plain;
+    c_bstree<avl_bstree, Element> typed;
+    c_sl_list<Element> list;
     Mutex mutex;
     NV_store::NV_root root(nullptr, 1, "root");
     NV_store::NV_uint8 item(&root, 1, "item");
     CDS::Remote::Send_buffer nobody(nullptr, 0, 0);
     const Temporary_folder folder;
-    ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 50));
+    write_file(folder.file("old"), "");
+    ASSERT_TRUE(Pcf_host::mount(folder.path.c_str(), 11));
     PCFile_data_stream f;
-    const std::pair<int, std::function<void()>> ends[] = {
-        {0, [] { Util::flush_and_abort(); }},
-        {0, [] { Bugger::report_bug("b"); }},
-        {0, [] { Util::assertion_failed("a", "f", 1, "g"); }},
-        {0, [&] { mutex.check(Mutex::status_mine); }},
-        {0, [] { Debug_print::debug_file = stdout, Debug_print::try_print("t"), Util::flush_and_abort(); }},
-        {0, [&] { item.Data_item::serialise_structure(nobody, 0); }},
-        {0, [&] { f.open_write("f", 1), f.__write(bytes("more than fits into what is left there"), 51); }},
-        {3358, [] { Debug_print::die("f", 1); }},
-        {-154, [] { Util::tree_misuse("m"); }},
-        {-133, [] { File_data_stream().open_read("/none/f"); }},
-        {-133, [] { File_data_stream().open_read(-1); }},
-        {-134, [] { File_data_stream().open_write("/none/f"); }},
-        {-119, [&] { NV_store::NV_uint8(&root, 1, "twin"); }},
-        {-155, [] { PCFile_data_stream().open_write("f", 1); }},
-    };
+    Atime never(false);
+    never.millitm = 1000;
+    const std::string asserted = "signal 6 test_util_Debug_print: ",
+                      bug = asserted + "util/Bugger:42: static void Bugger::report_bug(const char*): Assertion `false' "
+                                       "failed.\nBUG: ";
     const std::pair<const char*, void (*)()> stalls[] = {
+        {"nothing", [] {}},
+        {"debug file", [] { Debug_print::set_debug_file("/dev/null"), hold({Debug_print::debug_file}); }},
         {"held", [] { hold(); }},
         {"full", [] { use_pipe(true, true); }},
         {"too small", [] { use_pipe(false, true); }},
-        {"broken", [] { use_pipe(false, false); }},
-        {"debug file", [] { Debug_print::set_debug_file("/dev/null"), hold({Debug_print::debug_file}); }}};
-    for (const auto& [name, stall] : stalls) {
-        for (const auto& [status, end] : ends) { // 0: aborted
-            // At an exit the C library itself waits for the standard streams.
-            if (status && stall != stalls[4].second) continue;
-            const Child_result r = run_child([stall = stall, &end = end] { stall(), end(); }, 20);
-            EXPECT_EQ(status ? status & 0xFF : -SIGABRT, r.signal ? -r.signal : r.status) << name;
+        {"broken", [] { use_pipe(false, false); }}};
+    const int for_exits = 2, for_most = 3, all = 6; // at an exit the C library itself waits for the standard streams
+    // How many of the stalls; what is told on standard error and, by bug reports, on standard output.
+    const std::tuple<int, std::string, std::function<void()>> ends[] = {
+        {all, "signal 6 ", [] { Util::flush_and_abort(); }},
+        {all, "signal 6 t",
+         [] { Debug_print::debug_file = stdout, Debug_print::try_print("t"), Util::flush_and_abort(); }},
+        {all, asserted + "f:1: g: Assertion `a' failed.\n", [] { Util::assertion_failed("a", "f", 1, "g"); }},
+        {for_most,
+         asserted + "util/atime:1: const Atime& Atime::operator+=(int): Assertion `tm.millitm < 1000' failed.\n",
+         [&] { never += 1; }},
+        {for_most, bug + "b\r\n", [] { Bugger::report_bug("b"); }},
+        {for_most, bug + "avl_bstree::insert, already in a tree.\r\n", [&] { plain.insert(&one), plain.insert(&one); }},
+        {for_most, bug + "avl_bstree::create not called\r\n", [&] { plain.insert(&one), plain.insert(&another); }},
+        {for_most, bug + "sl_list::push, already in a list.\n\r\n", [&] { list.push(&one), list.push(&one); }},
+        {for_most, text_of("signal 6 Bad mutex status: 0, wanted: 1 %p (nil)", static_cast<void*>(&mutex)),
+         [&] { mutex.check(Mutex::status_mine); }},
+        {for_most, "signal 6 WHY CALL ME\n", [&] { item.Data_item::serialise_structure(nobody, 0); }},
+        {for_most, "signal 6 PCF full\n", [&] { f.open_write("f", 1), f.__write(bytes("into 11 bytes"), 12); }},
+        {for_exits, "30 DIE file=f line=1\n", [] { Debug_print::die("f", 1); }},
+        {for_exits, "102 c_bstree::create not called", [&] { typed.insert(&one), typed.insert(&another); }},
+        {for_exits,
+         "102 c_bstree::get_mutable(): already in T::", [&] { typed.insert(&one), typed.get_mutable(&one); }},
+        {for_exits, "123 Error opening file [/none/f]\n", [] { File_data_stream().open_read("/none/f"); }},
+        {for_exits, "123 Error opening fd [-1]\n", [] { File_data_stream().open_read(-1); }},
+        {for_exits, "122 Error opening file [/none/f]\n", [] { File_data_stream().open_write("/none/f"); }},
+        {for_exits, "137 Duplicate NV_store ID twin:1 item:1 in root\n", [&] { NV_store::NV_uint8(&root, 1, "twin"); }},
+        {for_exits, "101 Destruct while files are write open!!", [] { PCFile_data_stream().open_write("f", 1); }},
+        {for_exits, "101 Destruct while files are read open!!", [&] { PCFile_data_stream().open_read("old", 1); }},
+    };
+    for (const auto& [num_stalls, told, end] : ends) {
+        const std::string how = told.substr(0, told.find(' ', told[0] == 's' ? 7 : 0) + 1);
+        for (int i = 0; i < num_stalls; ++i) {
+            const Child_result r = run_child([&, &end = end] { stalls[i].second(), end(); }, 20);
+            EXPECT_EQ(r.end().substr(0, how.size()), how) << told << " " << stalls[i].first;
+            EXPECT_EQ(i > 0 ? told : r.end() + r.out, told);
         }
     }
     Pcf_host::unmount();

@@ -55,10 +55,4 @@ TEST(Atime, the_current_time_comes_from_the_one_clock) {
     EXPECT_VALUES("-381 381", then.get_ms_from_now(), then.get_elapsed_ms_since());
 }
 
-TEST(Atime, spoilt_milliseconds_end_the_process) {
-    EXPECT_EQ(run_child([] { at(1, 1000) += 1; }).end(),
-              "signal 6 test_util_atime: util/atime:1: const Atime& Atime::operator+=(int): Assertion `tm.millitm < "
-              "1000' failed.\n");
-}
-
 } // namespace

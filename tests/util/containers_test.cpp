@@ -191,26 +191,4 @@ TEST(sl_list, is_a_queue_with_removal_from_anywhere) {
     }
 }
 
-TEST(Misuse, of_a_container_ends_the_process_with_a_message) {
-    Tree tree({1});
-    Item *linked = &tree.items[0], a, b;
-    avl_bstree plain;
-    Typed typed; // neither of them knows an order
-    List list, other;
-    Element last;
-    list.push(&last); // its link leads nowhere
-    const std::pair<const char*, std::function<void()>> cases[] = {
-        {"signal 6 BUG: avl_bstree::insert, already in a tree.\r\n", [&] { tree.init(), tree.insert(linked); }},
-        {"signal 6 BUG: avl_bstree::create not called\r\n", [&] { plain.insert(&a), plain.insert(&b); }},
-        {"102 c_bstree::create not called", [&] { typed.insert(&a), typed.insert(&b); }},
-        {"102 c_bstree::get_mutable(): already in T::", [&] { tree.get_mutable(linked); }},
-        {"signal 6 BUG: sl_list::push, already in a list.\n\r\n", [&] { other.push(&last); }},
-    };
-    for (const auto& [end, misuse] : cases) {
-        const Child_result r = run_child(misuse);
-        EXPECT_EQ(r.out.empty() ? r.end() : text_of("signal %d ", r.signal) + r.out, end);
-    }
-    list.remove(&last);
-}
-
 } // namespace
