@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What everything else is built from: instants, the ordered tree, the list, a memory space, the debug output.
+// What everything else is built from: instants, the ordered tree, the list, the debug output, a memory space.
 //
 // Prints:
 //     2500 ms apart
@@ -7,9 +7,14 @@
 //     by size: 12 V 24 V 48 V
 //     48 V stands at position 2, behind 24 V
 //     first come: 24 V
-//     a block of 512 bytes: yes; of 8000: no
 //     [...] examples/foundation:7: 'valve 3 stuck'
-//         76 61 6c 76 65  valve
+//         76 61 6c 76  valv
+//         65 00 ff     e..
+//     65(e) 00 FF
+//     a block of 512 bytes: yes; of 8000: no
+//     add 0x14
+//     Failed to allocate 8000 bytes in charts allocator
+#include "util/Debug_base.h"
 #include "util/Debug_print.h"
 #include "util/Mspace.h"
 #include "util/atime.h"
@@ -56,12 +61,23 @@ void show_containers() {
     }
 }
 
+void show_debug_output() {
+    Debug_print::debug_file = stdout; // standard error unless something else is chosen
+    Debug_print::dprint_detail("examples/foundation", 7, "valve %d stuck\n", 3);
+    constexpr unsigned char bytes[] = {'v', 'a', 'l', 'v', 'e', 0, 0xFF};
+    Debug_print::printhex(bytes, 7, 4);
+    Debug_print::binprint(bytes + 4, 3);
+    Debug_print::dprint("\n");
+}
+
 void show_memory() {
     alignas(16) static unsigned char region[4096];
     static Mspace space(region, sizeof region, "charts"); // lives as long as the process
     void* const block = space.malloc(512);
     printf("a block of 512 bytes: %s; of 8000: %s\n", block ? "yes" : "no", space.malloc(8000) ? "yes" : "no");
     space.free(block);
+    Debug_filter::set_filters("14"); // category 20: from here on it tells
+    space.malloc(8000);
 }
 
 } // namespace
@@ -69,8 +85,6 @@ void show_memory() {
 int main() {
     show_time();
     show_containers();
+    show_debug_output();
     show_memory();
-    Debug_print::debug_file = stdout; // standard error unless something else is chosen
-    Debug_print::dprint_detail("examples/foundation", 7, "valve %d stuck\n", 3);
-    Debug_print::printhex(reinterpret_cast<const unsigned char*>("valve"), 5, 5);
 }

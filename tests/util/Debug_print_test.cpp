@@ -43,12 +43,10 @@ TEST(Debug_print, cuts_formatted_text_at_255_characters_and_flushes_where_promis
 }
 
 TEST(Debug_print, dumps_bytes) {
-    const auto dump = [](const std::string& data, unsigned width) {
-        return debug_text([&] { Debug_print::printhex(bytes(data), static_cast<unsigned>(data.size()), width); });
-    };
-    EXPECT_EQ(debug_text([] { Debug_print::binprint(bytes("\x1F\x20~\x7F\xFF"), 5); }), "1F 20( ) 7E(~) 7F FF ");
-    EXPECT_EQ(dump("x", 0) + dump("ab\x01\xFF~", 4), " \n    61 62 01 ff  ab..\n    7e           ~\n");
-    EXPECT_EQ(dump(std::string(300, 'w'), 300).substr(906), " " + std::string(254, 'w')) << "cut like any text";
+    const std::string text = "\x1F\x20~\x7F" + std::string(296, 'w');
+    EXPECT_EQ(debug_text([&] { Debug_print::binprint(bytes(text), 4); }), "1F 20( ) 7E(~) 7F ");
+    const auto dump = [&] { Debug_print::printhex(bytes(text), 300, 0), Debug_print::printhex(bytes(text), 300, 300); };
+    EXPECT_EQ(debug_text(dump).substr(906), " . ~." + std::string(250, 'w')) << "cut like any text";
 }
 
 TEST(Debug_print, detail_is_one_line_of_at_most_255_characters) {

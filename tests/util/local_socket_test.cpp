@@ -42,8 +42,10 @@ TEST(local_socket, takes_the_place_of_a_killed_program_and_removes_its_own_and_n
     EXPECT_TRUE(second.open(live.c_str()));
     first.close();
     EXPECT_EQ(rights(live), 0600) << "it is the second one's by now";
+    const int last = second.fd();
     second.close();
-    EXPECT_VALUES(texts(-1, -1, ENOENT), rights(live), Util::connect_local(live.c_str()), errno);
+    EXPECT_VALUES(texts(-1, -1, -1, ENOENT), rights(live), fcntl(last, F_GETFD), Util::connect_local(live.c_str()),
+                  errno);
 }
 
 } // namespace
