@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
-// A serial line that the diner polls itself: one thread for line and handler. A pseudo-terminal stands in for the line.
+// A serial line that the diner polls itself: one thread for the line, the handler and a timeout that tells of silence.
+// A pseudo-terminal stands in for the line.
 //
 // Prints:
 //     device: ready
 //     controller: start
+//     device: moving
+//     silent for 50 ms
 //     the line is lost
 #include "glue/data_stream/Posix_polled_serial_data_stream.h"
 #include "glue/diner/Diner_info_list.h"
@@ -26,9 +29,10 @@ public:
         if (_line.open_from_args(device.c_str())) start();
     }
     ~Listener() override { terminate(true); }
-    Semaphore lost;
+    Semaphore silent, lost;
 
 private:
+    void diner_start() override { submit_timeout(_silence, 60000); } // [ms]; bytes wake the thread before
     void handle_event(waiter_event& event) override {
         if (event.module_id != _line.module_id()) return;
         if (event.id == Posix_polled_data_stream::event_line_lost) {
@@ -43,14 +47,19 @@ private:
                 continue;
             }
             printf("device: %s\n", _text.c_str());
-            _line.printf("start\n");
+            if (_text == "ready") _line.printf("start\n");
+            if (_text == "moving") submit_timeout(_silence, 50); // instead of what is left of the minute
             _text.clear();
         }
     }
-    void handle_timeout(Timeout&) override {}
+    void handle_timeout(Timeout&) override {
+        puts("silent for 50 ms");
+        silent.release();
+    }
     using Diner::handle_timeout;
 
     Posix_polled_serial_data_stream _line;
+    Timeout _silence;
     std::string _text;
 };
 
@@ -72,6 +81,8 @@ int main() {
         n += static_cast<int>(more);
     }
     printf("controller: %s", answer);
+    if (write(device, "moving\n", 7) != 7) return 1;
+    listener.silent.acquire();
     close(device);
     listener.lost.acquire();
 }

@@ -120,10 +120,7 @@ TEST(Threaded_stream, takes_files_for_what_they_are) {
         Capture err(stderr);
         Stream plain[11];
         Threaded s;
-        s.set_open_failure_fatal(false);
-        EXPECT_VALUES(texts(false, ENOENT, false), Stream::can_open(file.c_str()), errno,
-                      s.open_from_args(line.c_str()));
-        EXPECT_EQ("Error opening file [" + file + "]\n", err.text());
+        EXPECT_VALUES(texts(false, ENOENT), Stream::can_open(file.c_str()), errno);
         for (const auto& [i, name] : {std::pair{0, "PDS0\n"}, {9, "PDS9\n"}, {10, "PDS1\n"}}) {
             EXPECT_VALUES("true true", plain[i].open(file.c_str(), true, false), plain[i].start());
             // Threads are listed in the order of their beginning: numbers start over.
@@ -202,7 +199,7 @@ struct Woken : testing::Test {
     std::string told; ///< of the line: lost -, back +
     Pty pty;
     Temporary_folder dir;
-    const std::string link = dir.file("receiver"), loop = dir.file("loop"); ///< what is written to the loop comes back
+    const std::string loop = dir.file("loop"); ///< what is written to it comes back
     S s;
 };
 using Kinds = testing::Types<Threaded, Polled>;
@@ -239,16 +236,10 @@ TYPED_TEST(Woken, by_a_line_that_is_lost_and_by_one_that_is_back) {
     }
     EXPECT_EQ(s.hang_ups(), 2u);
 
-    // Unplugged and plugged in again, each time at another number of the system.
-    const char* const link = this->link.c_str();
-    const auto plug_in = [&] {
-        auto pty = std::make_unique<Pty>();
-        EXPECT_TRUE((unlink(link) == 0 || errno == ENOENT) && symlink(pty->path.c_str(), link) == 0);
-        return pty;
-    };
+    // Unplugged and plugged in again.
     const Capture refusals(stderr);
-    auto pty = plug_in();
-    ASSERT_TRUE(s.open(link) && told("-+-+")) << this->told;
+    auto pty = std::make_unique<Pty>();
+    ASSERT_TRUE(s.open(pty->path.c_str()) && told("-+-+")) << this->told;
     const int reader = numbers_in("/proc/self/task").back(); // in the order of their beginning
     const auto pauses = [reader] { return told_of(reader, "status", "\nvoluntary_ctxt_switches:"); };
     const size_t descriptors = num_descriptors(), threads = num_threads();
@@ -258,23 +249,21 @@ TYPED_TEST(Woken, by_a_line_that_is_lost_and_by_one_that_is_back) {
         pty->send(message);
         ASSERT_VALUES(texts(message, 6), this->take(static_cast<int>(message.size())), put(s, "answer"));
         if (i % 4 == 1) pty->send("never read");
-        if (i % 4 == 2) pty = plug_in(); // while the stream is still at the old one
+        if (i % 4 == 2) pty = std::make_unique<Pty>(); // at another number of the system
         pty->hang_up();
         if (i == 0 && !this->is_polled) { // nobody looks after it for a second
             EXPECT_TRUE(wait_until([&, before = pauses()] { return pauses() >= before + 4; }));
         }
-        // It is not there yet. (With the link, its number could be another program's by now.)
-        ASSERT_FALSE(i % 4 == 3 && (unlink(link) != 0 || s.open(link)));
-        pty = plug_in();
-        ASSERT_TRUE(s.open(link));
+        ASSERT_FALSE(i % 4 == 3 && s.open("/none")) << "it is not there yet";
+        pty = std::make_unique<Pty>();
+        ASSERT_TRUE(s.open(pty->path.c_str()));
         take(s);
         this->waiter.flush_events();
     }
     EXPECT_VALUES(texts(descriptors, threads), num_descriptors(), num_threads());
     const long slept = pauses(), ran_us = told_of(reader, "schedstat") / 1000;
-    printf("%d cycles: %u hang-ups noticed; in each the reader slept %.1f times and ran %.0f us\n", cycles,
-           s.hang_ups(), double(slept) / cycles, double(ran_us) / cycles);
-    EXPECT_TRUE(this->is_polled || (slept < 20L * cycles && ran_us < 1000L * cycles)) << "it spins";
+    EXPECT_TRUE(this->is_polled || (slept < 20L * cycles && ran_us < 1000L * cycles))
+        << "it spins: " << slept << " " << ran_us;
     this->told.clear();
     pty->hang_up();
     EXPECT_VALUES(texts(true, failed), told("-"), put(s, "x"));
@@ -365,7 +354,7 @@ TEST(Threaded_stream, ends_the_process_without_a_device_but_not_at_a_hang_up) {
 
 // ---- polled
 
-TEST(Polled_stream, brings_bytes_beside_events_and_timeouts_of_which_none_holds_up_another_nor_is_lost) {
+TEST(Polled_stream, brings_bytes_beside_events_of_which_none_holds_up_another_nor_is_lost) {
     struct : Test_diner<> {
         Posix_polled_data_stream line;
         std::atomic<unsigned> bytes{0}, line_events{0};
@@ -387,11 +376,6 @@ TEST(Polled_stream, brings_bytes_beside_events_and_timeouts_of_which_none_holds_
     const auto come = [&](size_t n) { return send(n), wait_until([&] { return d.bytes == sent; }); };
     d.begin();
     EXPECT_TRUE(come(3)) << "it sleeps without limit";
-    Timeout t;
-    d.submit_timeout(t, 20);
-    EXPECT_TRUE(wait_until([&] { return d.timeouts_handled == 1; }));
-    d.submit_timeout(t, 3600000);
-    EXPECT_TRUE(come(2)) << "it sleeps with a limit";
     d.busy = true; // it never sleeps: each event posts the next
     d.post(1);
     EXPECT_TRUE(come(7));
@@ -403,7 +387,7 @@ TEST(Polled_stream, brings_bytes_beside_events_and_timeouts_of_which_none_holds_
     for (int n = 0; n < 3000; ++n) send(2);
     one.join(), two.join();
     EXPECT_TRUE(come(1));
-    EXPECT_TRUE(wait_until([&] { return d.info.event_count == d.line_events + d.posted + 2; })) << "two by timeouts";
+    EXPECT_TRUE(wait_until([&] { return d.info.event_count == d.line_events + d.posted; }));
     d.terminate(true);
     EXPECT_VALUES(texts(sent, 0), d.line.bytes_read, d.line.bytes_lost);
     ::close(ends[0]);
