@@ -63,7 +63,6 @@ TEST_F(Commands, that_are_wrong_get_one_line_and_a_status) {
         {"nv_dump -", "1 -: it is empty"},
         {"nv_dump -", "1 -: stops at byte 0: no record", "garbage"},
         {"nv_dump -", "1 -: stops at byte 0: a value of an unknown type or length", header(12, 9, 1) + "x"},
-        {"nv_dump -", "1 -: stops at byte 0: a value of an unknown type or length", header(14, 9, 1) + bytes({17})},
         {"nv_dump -", "1 -: stops at byte 0: a container of an unknown type", header(2, 1, 1)},
         {"trace_view - --to 1e10", "2 wrong value 1e10 for --to (0 to 1000000000)"},
         {"cds_view socket --plot --once", "2 one of --once, --csv and --plot (try --help)"},
