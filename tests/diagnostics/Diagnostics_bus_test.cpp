@@ -248,15 +248,17 @@ TEST_F(Bus, Codes_outlive_a_restart_a_damaged_file_and_a_medium_that_refuses) {
     words["file"] = [&](const char*) { note(std::filesystem::exists(path) ? "file" : "no file"); };
     words["damage"] = [&](const char* suffix) { write_file(path + suffix, "garbage"); };
     words["block"] = [&](const char*) { std::filesystem::create_directory(path + ".new"); };
-    words["unblock"] = [&](const char*) { std::filesystem::remove(path + ".new"); };
+    words["remove"] = [&](const char* suffix) { std::filesystem::remove(path + suffix); };
     std::string said = debug_text([&] {
         EXPECT_EQ(play("unplug; quiet; start; set 1/2; run 4990; file; run 20; file; save; save 2/2; damage; start; "
                        "clear previous; save; start; damage; damage .bak; start; run 1500; clear active; run 1500; "
-                       "codes; save; start; block; set 5/5; run 65000; unblock; run 60000; start"),
+                       "codes; save; start; block; set 5/5; run 65010; remove .new; remove; run 59980; file; run 20; "
+                       "start"),
                   "0 started from defaults; codes:\n4990 no file\n5010 file\n5010 nothing to save\n5010 saved\n"
                   "5010 fell back to the generation before; codes: 1/2 x1 previous\n5010 saved\n5010 loaded; codes:\n"
                   "5010 damaged, started from defaults; codes: 524286/2 x1 active\n"
-                  "8010 codes:\n8010 saved\n8010 loaded; codes:\n133010 loaded; codes: 5/5 x1 previous\n");
+                  "8010 codes:\n8010 saved\n8010 loaded; codes:\n133000 no file\n"
+                  "133020 loaded; codes: 5/5 x1 previous\n");
     });
     for (size_t at; (at = said.find(path)) != std::string::npos;) said.erase(at, path.size());
     EXPECT_EQ(said, "Trouble codes : fell back to the generation before: kept as codes.bad\n"
