@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
+#include "diagnostics/Driven_manager.h"
 #include "glue/NV_store/NV_number.h"
 #include "glue/NV_store/NV_root.h"
 #include "glue/NV_store/NV_safe_store.h"
-#include "glue/diagnostics/Diagnostics.h"
-#include "glue/diner/Diner_info_list.h"
 #include "platform/pcf_host.h"
 #include "support/test.h"
 
@@ -111,22 +110,14 @@ struct Flash_file : Store {
     }
 };
 
-/// The history of faults in the mounted flash store, driven without its thread. It keeps the latest records, so a
-/// version is the last of them.
+/// The history of faults in the mounted flash store. It keeps the latest records, so a version is the last of them.
 struct Faults : Store, Diagnostic_history {
-    explicit Faults(const std::string&) { manager.init(Diner_info_list::get(), nullptr, 0); }
-    bool save(int version) override {
-        const unsigned before = manager.records_written();
-        const Manager::Held held(manager);
-        waiter_event e(manager.module_id(), 1, static_cast<event_word_t>(unsigned(version) << 16));
-        manager.handle_event(e);
-        return manager.records_written() > before;
-    }
+    explicit Faults(const std::string&) {}
+    bool save(int version) override { return manager.record(static_cast<unsigned short>(version)); }
     bool holds(int version) override {
         got.clear();
         manager.request_history(this);
-        const Manager::Held held(manager);
-        manager.process_history();
+        manager.turn();
         const unsigned n = static_cast<unsigned>(got.size()), newest = static_cast<unsigned>(version);
         bool all = n >= std::min(newest, 50u); // how many more, depends on where programs began anew
         for (unsigned i = 0; i < n; ++i) all = all && got[i] == ((newest - (n - 1 - i)) & 0xFFFF);
@@ -137,18 +128,8 @@ struct Faults : Store, Diagnostic_history {
     }
     bool check_ready() override { return true; }
 
-    struct Manager : Diagnostics {
-        Manager() : Diagnostics("H", 20 * 17) {} // records in a file, of so many bytes
-        ~Manager() override {
-            terminate(false);
-            while (!terminated()) std::this_thread::yield(); // wait_terminate() looks every 10 ms, thousands of times
-            wait_terminate();
-        }
-        using Diagnostics::handle_event;
-        using Diner::Held;
-    };
     std::vector<unsigned> got;
-    Manager manager;
+    Driven_manager manager{20 * 17}; // records in a file, of so many bytes
 };
 
 enum Kind_of_store { settings, safe_text, flash_file, faults };
