@@ -47,15 +47,13 @@ struct Machine : NV_root {
 
 /// The stores of a program that works in a folder.
 struct Program {
-    explicit Program(const Temporary_folder& f) : folder(f) {
-        EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20));
-        manager.emplace();
-    }
-    ~Program() { manager.reset(), Pcf_host::unmount(); }
+    explicit Program(const Temporary_folder& f) : folder(f) {}
+    ~Program() { Pcf_host::unmount(); }
     const Temporary_folder& folder;
+    const bool is_mounted = Pcf_host::mount(folder.path.c_str(), 1 << 20);
     Machine machine;
     NV_safe_store store{machine, folder.file("settings.nv").c_str()};
-    std::optional<Driven_manager> manager;
+    Driven_manager manager;
     File_checksummed_data_stream gain;
 };
 
@@ -77,9 +75,9 @@ TEST(Releases, each_version_s_files_are_read) {
             bool check_ready() override { return true; }
             std::string text;
         } replayed;
-        EXPECT_EQ(p.manager->keep_codes_in(folder.file("codes.txt").c_str()), Safe_result::loaded);
-        EXPECT_TRUE(p.manager->request_history(&replayed));
-        while (!replayed.is_done()) p.manager->turn();
+        EXPECT_EQ(p.manager.keep_codes_in(folder.file("codes.txt").c_str()), Safe_result::loaded);
+        EXPECT_TRUE(p.manager.request_history(&replayed));
+        while (!replayed.is_done()) p.manager.turn();
         EXPECT_EQ(replayed.text, "128 17 1201 1700000000 500\n254 287 1234 1700000000 500\n");
     }
 }
@@ -95,11 +93,11 @@ TEST(Releases, what_is_written_now_are_the_bytes_of_the_newest_folder) {
     ASSERT_TRUE(p.gain.open_write(folder.file("gain.txt").c_str()));
     p.gain._write(reinterpret_cast<const unsigned char*>("gain = 0.75"), 11);
     p.gain.close_write();
-    p.manager->keep_codes_in(folder.file("codes.txt").c_str());
-    p.manager->log_error(0x80, 17, 1201);
-    p.manager->set_active(1234, 31);
-    p.manager->turn();
-    p.manager->save_codes();
+    p.manager.keep_codes_in(folder.file("codes.txt").c_str());
+    p.manager.log_error(0x80, 17, 1201);
+    p.manager.set_active(1234, 31);
+    p.manager.turn();
+    p.manager.save_codes();
     fs::path newest;
     for (const auto& release : fs::directory_iterator(RELEASES))
         if (release.is_directory()) newest = std::max(newest, release.path());
