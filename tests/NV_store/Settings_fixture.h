@@ -24,13 +24,12 @@ inline std::string text_form(const NV_store::NV_item& item) {
     return all;
 }
 
-/// Read an image; the result. `left` receives how many bytes were not read.
-template <class Operation>
-bool read_image(const std::string& image, Operation operation, int* left = nullptr) {
+/// Load an image; the result. `left` receives how many bytes were not read.
+inline bool load_image(NV_store::NV_item& item, const std::string& image, int* left = nullptr) {
     std::vector<unsigned char> exact(image.begin(), image.end()); // of the heap, where its end is watched
     NV_store::NV_buffer_iterator it(exact.data(), static_cast<int>(image.size()), static_cast<int>(image.size()));
     it.set_mode(NV_store::NV_iterator::mode_read);
-    const bool result = operation(&it);
+    const bool result = item.deserialise(&it);
     if (left) *left = it.write_position - it.read_position;
     return result;
 }
@@ -60,9 +59,7 @@ struct Settings : NV_store::NV_root {
 
     std::string text() const { return text_form(*this); }
     std::string image(NV_store::NV_iterator::modes_t mode) { return image_of(*this, mode); }
-    bool load(const std::string& bytes) {
-        return read_image(bytes, [&](NV_store::NV_iterator* it) { return deserialise(it); });
-    }
+    bool load(const std::string& bytes) { return load_image(*this, bytes); }
     /// Give every setting another value, so that all are to be saved.
     void set_all() { _from_string("{2.5,{false,7},{10,20,30},wheel/offset}"); }
 };

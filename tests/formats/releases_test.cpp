@@ -47,9 +47,8 @@ struct Machine : NV_root {
 
 /// The stores of a program that works in a folder.
 struct Program {
-    explicit Program(const Temporary_folder& f) : folder(f) {}
     ~Program() { Pcf_host::unmount(); }
-    const Temporary_folder& folder;
+    const Temporary_folder folder;
     const bool is_mounted = Pcf_host::mount(folder.path.c_str(), 1 << 20);
     Machine machine;
     NV_safe_store store{machine, folder.file("settings.nv").c_str()};
@@ -61,12 +60,11 @@ TEST(Releases, each_version_s_files_are_read) {
     for (const auto& release : fs::directory_iterator(RELEASES)) {
         if (!release.is_directory()) continue;
         SCOPED_TRACE(release.path());
-        const Temporary_folder folder; // the originals stay as they are
-        for (const char* file : files) fs::copy(release.path() / file, folder.path);
-        Program p(folder);
+        Program p;
+        for (const char* file : files) fs::copy(release.path() / file, p.folder.path); // the originals stay as they are
         EXPECT_VALUES("loaded 0", to_text(p.store.load()), p.store.get_dropped());
         EXPECT_EQ(export_text(p.machine), pulses + "121" + others);
-        EXPECT_TRUE(p.gain.open_read(folder.file("gain.txt").c_str()));
+        EXPECT_TRUE(p.gain.open_read(p.folder.file("gain.txt").c_str()));
 
         struct : Diagnostic_history {
             void output(unsigned char src, unsigned short a, unsigned short b, unsigned s, unsigned short ms) override {
@@ -75,7 +73,7 @@ TEST(Releases, each_version_s_files_are_read) {
             bool check_ready() override { return true; }
             std::string text;
         } replayed;
-        EXPECT_EQ(p.manager.keep_codes_in(folder.file("codes.txt").c_str()), Safe_result::loaded);
+        EXPECT_EQ(p.manager.keep_codes_in(p.folder.file("codes.txt").c_str()), Safe_result::loaded);
         EXPECT_TRUE(p.manager.request_history(&replayed));
         while (!replayed.is_done()) p.manager.turn();
         EXPECT_EQ(replayed.text, "128 17 1201 1700000000 500\n254 287 1234 1700000000 500\n");
@@ -83,17 +81,16 @@ TEST(Releases, each_version_s_files_are_read) {
 }
 
 TEST(Releases, what_is_written_now_are_the_bytes_of_the_newest_folder) {
-    const Temporary_folder folder;
     const Manual_clock clock(1700000000, 500);
-    Program p(folder);
+    Program p;
     EXPECT_EQ(import_text(p.machine, pulses + "120" + others).error, "");
     EXPECT_EQ(p.store.save(), Safe_result::saved);
     p.machine.wheel.pulses.set(121);
     EXPECT_EQ(p.store.save_changes(), Safe_result::saved);
-    ASSERT_TRUE(p.gain.open_write(folder.file("gain.txt").c_str()));
+    ASSERT_TRUE(p.gain.open_write(p.folder.file("gain.txt").c_str()));
     p.gain._write(reinterpret_cast<const unsigned char*>("gain = 0.75"), 11);
     p.gain.close_write();
-    p.manager.keep_codes_in(folder.file("codes.txt").c_str());
+    p.manager.keep_codes_in(p.folder.file("codes.txt").c_str());
     p.manager.log_error(0x80, 17, 1201);
     p.manager.set_active(1234, 31);
     p.manager.turn();
@@ -101,7 +98,7 @@ TEST(Releases, what_is_written_now_are_the_bytes_of_the_newest_folder) {
     fs::path newest;
     for (const auto& release : fs::directory_iterator(RELEASES))
         if (release.is_directory()) newest = std::max(newest, release.path());
-    for (const char* file : files) EXPECT_EQ(read_file(folder.file(file)), read_file(newest / file)) << file;
+    for (const char* file : files) EXPECT_EQ(read_file(p.folder.file(file)), read_file(newest / file)) << file;
 }
 
 } // namespace

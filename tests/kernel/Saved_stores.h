@@ -52,7 +52,7 @@ struct Tree : NV_store::NV_root {
 };
 
 struct Settings : Store {
-    explicit Settings(const std::string& folder) : path(folder + "/settings") {
+    explicit Settings(const std::string& folder) : store(tree, (folder + "/settings").c_str()) {
         whole = NV_store::is_good(store.load());
     }
     bool save(int version) override {
@@ -61,9 +61,8 @@ struct Settings : Store {
     }
     bool holds(int version) override { return tree.is(version); }
 
-    const std::string path;
     Tree tree;
-    NV_store::NV_safe_store store{tree, path.c_str()};
+    NV_store::NV_safe_store store;
 };
 
 /// 100 to 2100 bytes that tell the version in each line.

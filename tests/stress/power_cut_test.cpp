@@ -59,22 +59,19 @@ protected:
         for (const auto& e : std::filesystem::directory_iterator(folder.path)) std::filesystem::remove(e.path());
         for (const auto& [path, bytes] : files) write_file(path, bytes);
     }
-    /// `act` in a program that has just started.
-    bool use(const std::function<bool(Saved::Store&)>& act) {
+    /// What `act` does with the store in a program that has just started.
+    template <class Act, class... Arguments>
+    bool use(Act act, Arguments... arguments) {
         if (way.kind >= Saved::flash_file && !Saved::mount(folder.path)) return false;
         auto store = Saved::kinds[way.kind].open(folder.path);
-        const bool result = act(*store);
+        const bool result = std::invoke(act, *store, arguments...);
         whole = store->whole;
         store.reset();
         Pcf_host::unmount();
         return result;
     }
-    bool save(int v) {
-        return use([v](Saved::Store& s) { return s.save(v); });
-    }
-    bool holds(int v) {
-        return use([v](Saved::Store& s) { return s.holds(v); });
-    }
+    bool save(int v) { return use(&Saved::Store::save, v); }
+    bool holds(int v) { return use(&Saved::Store::holds, v); }
     /// The version is saved under some trouble.
     void attempt(const std::string& what, const std::function<void()>& trouble) {
         if (HasFailure()) return;
