@@ -39,7 +39,7 @@ TEST(Lifecycle, every_call_in_every_state) {
     }
 }
 
-TEST(Lifecycle, hooks_waiter_checkpoints_and_timeouts_follow_start_and_stop) {
+TEST(Lifecycle, hooks_waiter_checkpoints_and_timeouts_follow_start_and_stop_unless_it_cannot_stop) {
     const size_t descriptors = num_descriptors();
     Timeout far;
     Test_diner<> d;
@@ -63,20 +63,13 @@ TEST(Lifecycle, hooks_waiter_checkpoints_and_timeouts_follow_start_and_stop) {
         d.posted = 0, d.info.event_count = 0; // one more is counted or not: the wake-up for the timeout
     }
     EXPECT_VALUES(texts(true, descriptors), d.run(), num_descriptors()) << "there may be more diners than descriptors";
-    d.lock_gate.shut();
-    EXPECT_VALUES("0 false", d.stop(), d.wait_stopped()) << "not for ever";
-}
-
-TEST(Lifecycle, without_a_free_event_a_diner_does_not_stop_but_terminates) {
-    Test_diner<> d;
-    d.begin();
-    d.waiter.set_enabled(false);
-    const Exhausted_pool pool;
-    EXPECT_VALUES(texts(-1, D::state_run, 2, false), d.stop(), d.get_state(), d.starts, d.waiter.accepting())
-        << "the stop hook is undone, and nothing else is done";
+    d.waiter.set_enabled(false), d.on_start = nullptr;
+    EXPECT_VALUES("-1 0 4 false", (Exhausted_pool(), d.stop()), d.get_state(), d.starts, d.waiter.accepting())
+        << "without a free event its hook is undone, and nothing else is done";
     d.wake();
     EXPECT_TRUE(d.idle()) << "it runs on";
-    d.terminate(true);
+    d.lock_gate.shut();
+    EXPECT_VALUES("0 false", d.stop(), d.wait_stopped()) << "not for ever";
 }
 
 TEST(Lifecycle, a_start_looks_again_after_its_hook) {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "glue/diner/Supervisor.h"
-#include "glue/diner/Trace.h"
 #include "platform/Device_watchdog.h"
 #include "platform/Service_manager.h"
 #include "support/Test_diner.h"
 #include "support/test.h"
+#include "util/assertion.h"
 #include "util/local_socket.h"
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -32,20 +32,15 @@ protected:
             gate.pass();
         };
         diner.begin();
-        options.period_ms = 100, options.handler_ms = 500, options.queue_ms = 1000, options.pool_ms = 300;
-        watch();
+        supervisor.add_watchdog(fed);
+        supervisor.look();
     }
     ~Supervised() override { gate.open(); }
-    void watch() {
-        supervisor.emplace(options);
-        supervisor->add_watchdog(fed);
-        supervisor->look();
-    }
     /// What is told while so much time goes by in looks; then how often was fed.
     std::string told(int ms) {
         const int before = fed.times;
         const std::string text = debug_text([&] {
-            for (; ms > 0; ms -= 100) clock.advance(100), supervisor->look();
+            for (; ms > 0; ms -= 100) clock.advance(100), supervisor.look();
         });
         return text + std::to_string(fed.times - before);
     }
@@ -60,9 +55,9 @@ protected:
     Manual_clock clock;
     Gate gate;
     Fed fed;
-    Supervisor::Options options;
     Test_diner<> diner{"worker"};
-    std::optional<Supervisor> supervisor;
+    /// [ms] between looks, for handlers, queues and the pool.
+    Supervisor supervisor{{100, 500, 1000, 300, 0, Supervisor::starve, nullptr}};
 };
 
 TEST_F(Supervised, a_handler_that_hangs_is_told_of_once_and_starves_the_watchdog) {
@@ -71,9 +66,7 @@ TEST_F(Supervised, a_handler_that_hangs_is_told_of_once_and_starves_the_watchdog
     EXPECT_EQ(told(500), "5") << "not yet";
     diner.post(2);
     EXPECT_EQ(told(1000), "Supervisor: worker runs a handler for 600 ms, last at some/place:42, and 1 events wait\n0");
-    EXPECT_VALUES("true true Supervisor: worker goes on\n2", supervisor->in_trouble(), go_on(), told(200));
-    supervisor->starve_for_good();
-    EXPECT_EQ(told(200), "0");
+    EXPECT_VALUES("true true Supervisor: worker goes on\n2", supervisor.in_trouble(), go_on(), told(200));
 }
 
 TEST_F(Supervised, time_in_which_all_stood_still_and_limits_of_ones_own_are_no_trouble) {
@@ -97,19 +90,14 @@ TEST_F(Supervised, a_diner_that_takes_none_of_its_events_is_trouble_unless_it_is
     diner.waiter.set_enabled(true);
     diner.post(1);
     EXPECT_VALUES("30 true true", told(3000), diner.run(), diner.idle());
-    for (const bool gone : {false, true}) {
-        diner.lock(-1);
-        for (int id : {1, 2}) diner.post(id); // one is taken, to be handled under the lock
-        ASSERT_TRUE(wait_until([&] { return diner.waiter.num_queued() == 1; }));
-        EXPECT_EQ(told(2000),
-                  std::string("Supervisor: worker takes none of its 1 events for 1000 ms, last at some/place:42\n") +
-                      (gone ? "9" : "10"))
-            << "the first look sees that it has moved";
-        diner.unlock();
-        if (gone) diner.terminate(true);
-        EXPECT_TRUE(diner.idle());
-        EXPECT_VALUES(gone ? "2 false" : "Supervisor: worker goes on\n2 false", told(200), supervisor->in_trouble());
-    }
+    diner.lock(-1);
+    for (int id : {1, 2}) diner.post(id); // one is taken, to be handled under the lock
+    ASSERT_TRUE(wait_until([&] { return diner.waiter.num_queued() == 1; }));
+    EXPECT_EQ(told(2000), "Supervisor: worker takes none of its 1 events for 1000 ms, last at some/place:42\n10")
+        << "the first look sees that it has moved";
+    diner.unlock();
+    diner.terminate(true);
+    EXPECT_VALUES("2 false", told(200), supervisor.in_trouble()) << "it has gone";
 }
 
 TEST_F(Supervised, an_event_pool_that_stays_empty_is_trouble) {
@@ -118,51 +106,30 @@ TEST_F(Supervised, an_event_pool_that_stays_empty_is_trouble) {
     diner.info.handler_limit_ms = -1;
     {
         const Exhausted_pool pool;
-        EXPECT_EQ(told(1000), "Supervisor: the event pool is empty for 300 ms, most events wait for worker: 1\n2");
+        fed.works = false;
+        EXPECT_EQ(told(1000), "Supervisor: cannot feed a watchdog: No space left on device\n"
+                              "Supervisor: the event pool is empty for 300 ms, most events wait for worker: 1\n2");
     }
     EXPECT_EQ(told(100), "Supervisor: the event pool has room again\n1");
 }
 
-TEST_F(Supervised, calls_back_when_that_was_chosen_and_feeds_on) {
-    std::string calls;
-    options.reaction = Supervisor::call;
-    options.on_trouble = [&](const Supervisor::Trouble& t) { calls += texts(t.kind, t.diner.name, t.file, t.line); };
-    watch();
-    hang();
-    fed.works = false;
-    const std::string text = told(1000), line = "Supervisor: cannot feed a watchdog: No space left on device\n";
-    EXPECT_VALUES("true 10 0 worker some/place 42", text.find(line) < text.size(), text.substr(text.size() - 2), calls);
-}
-
-/// With threads, in a child.
-TEST(Supervisor, aborts_when_that_was_chosen) {
-    const Temporary_folder folder;
-    const std::string trace = folder.file("trace");
-    const Child_result r = run_child([&] {
-        Trace::start(1024);
-        Trace::at_abort(trace.c_str());
+TEST(Supervisor, aborts_when_that_was_chosen_and_looks_three_times_in_the_time_that_a_watchdog_gives) {
+    const Child_result r = run_child([] {
+        Util::set_last_act([] { _exit(9); }); // where a trace is written
         Test_diner<> d("worker");
         d.on_event = [](waiter_event&) { pause(); };
         d.begin();
+        Fed fed;
+        fed.limit = 60;
         Supervisor::Options o;
-        o.period_ms = o.handler_ms = 20;
-        o.reaction = Supervisor::abort_there;
+        o.period_ms = 3600000, o.handler_ms = 20, o.reaction = Supervisor::abort_there;
         Supervisor s(o);
+        s.add_watchdog(fed);
         s.init(Diner_info_list::get());
         d.post(1);
         pause();
     });
-    EXPECT_EQ(r.end().find("signal 6 Supervisor: worker runs a handler for "), 0u) << r.end();
-    EXPECT_NE(read_file(trace).find("worker"), std::string::npos) << "with the trace written";
-}
-
-TEST(Supervisor, feeds_in_a_third_of_the_time_that_a_watchdog_gives) {
-    Fed fed;
-    fed.limit = 60;
-    Supervisor s;
-    s.add_watchdog(fed);
-    s.init(Diner_info_list::get());
-    EXPECT_TRUE(wait_until([&] { return fed.times > 20; })) << "with the period of a second alone it takes 20 s";
+    EXPECT_EQ(r.end().find("9 Supervisor: worker runs a handler for "), 0u) << r.end();
 }
 
 TEST(Service_manager, is_told_by_datagrams_where_there_is_one) {
