@@ -6,6 +6,7 @@
 //
 //     Id      Name Handl[us] Worst[us]  Wait[us] Worst[us] Late[ms]    Queue
 //      0      PUMP ...
+//     asked for by a signal, it tells of the litres: yes
 //     the trace is written
 #include "glue/diner/Diner_info_list.h"
 #include "glue/diner/Diner_protection.h"
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 namespace {
@@ -42,6 +44,14 @@ private:
     using Diner::handle_timeout;
 };
 
+/// Whether the file tells of what the program marked.
+bool tells_of_litres(const std::string& path) {
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);)
+        if (line.find("litres asked for") != std::string::npos) return true;
+    return false;
+}
+
 } // namespace
 
 int main() {
@@ -62,6 +72,8 @@ int main() {
         }
         Diner_info_list::get().print_figures(false);
     }
+    raise(SIGUSR1); // as `kill -USR1` does
+    printf("asked for by a signal, it tells of the litres: %s\n", tells_of_litres(last) ? "yes" : "no");
     Trace::stop();
     const bool written = Trace::write_file(all.c_str()) == 0;
     if (written) puts("the trace is written");

@@ -9,29 +9,24 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <csignal>
 
 namespace {
 
-struct Event {
-    std::string what; ///< phase, name and, where there is one, the number that a program gave
-    int thread, id, number;
-    double us;
-};
+/// Phase, name and, where there is one, the number that a program gave.
+std::string what(const QJsonObject& event) {
+    const QJsonObject arguments = event["args"].toObject();
+    QString all = event["ph"].toString() + ' ' + event["name"].toString() + ' ' + arguments["name"].toString();
+    if (arguments.contains("number")) all += QString::number(arguments["number"].toInt());
+    return all.trimmed().toStdString();
+}
 
 /// The events of a trace; none when it is not the JSON that viewers take.
-struct Events : std::vector<Event> {
+struct Events : std::vector<QJsonObject> {
     explicit Events(const std::string& text) {
         QJsonParseError error;
         const QJsonDocument all = QJsonDocument::fromJson(QByteArray::fromStdString(text), &error);
         EXPECT_TRUE(all.isArray()) << error.errorString().toStdString() << text.substr(0, 300);
-        for (const QJsonValue v : all.array()) {
-            const QJsonObject e = v.toObject(), arguments = e["args"].toObject();
-            QString what = e["ph"].toString() + ' ' + e["name"].toString() + ' ' + arguments["name"].toString();
-            const int number = arguments["number"].toInt();
-            if (arguments.contains("number")) what += QString::number(number);
-            push_back({what.trimmed().toStdString(), e["tid"].toInt(), e["id"].toInt(), number, e["ts"].toDouble()});
-        }
+        for (const QJsonValue v : all.array()) push_back(v.toObject());
     }
     Events() : Events(written()) {}
     static std::string written() {
@@ -40,13 +35,13 @@ struct Events : std::vector<Event> {
             [](void* to, const char* s, size_t n) { return static_cast<std::string*>(to)->append(s, n), true; }, &text);
         return text;
     }
-    long count(const std::string& what) const {
-        return std::count_if(begin(), end(), [&](const Event& e) { return e.what == what; });
+    long count(const std::string& wanted) const {
+        return std::count_if(begin(), end(), [&](auto& e) { return what(e) == wanted; });
     }
     /// All but metadata.
     std::string summary() const {
         std::string all;
-        for (const Event& e : *this) all += e.what[0] == 'M' ? "" : e.what + '\n';
+        for (const QJsonObject& e : *this) all += e["ph"] == "M" ? "" : what(e) + '\n';
         return all;
     }
 };
@@ -84,14 +79,16 @@ TEST(Trace, joins_what_was_posted_to_what_was_handled) {
                                                   {"i traced Unknown", 1},
                                                   {"E", 4},
                                                   {"X post to left\"out", 0}};
-    for (const auto& [what, n] : counts) EXPECT_EQ(events.count(what), n) << what;
+    for (const auto& [event, n] : counts) EXPECT_EQ(events.count(event), n) << event;
     EXPECT_GE(events.count("M thread_name traced"), 1) << "the thread's row has the diner's name";
 
     std::map<int, double> arrows;
     std::string ends;
-    for (const Event& e : events) {
-        if (e.what[0] == 's') arrows[e.id] = e.us;
-        if (e.what[0] == 'f') ends += texts(arrows.count(e.id) && arrows[e.id] <= e.us) + ' ';
+    for (const QJsonObject& e : events) {
+        const int id = e["id"].toInt();
+        const double us = e["ts"].toDouble();
+        if (e["ph"] == "s") arrows[id] = us;
+        if (e["ph"] == "f") ends += texts(arrows.count(id) && arrows[id] <= us) + ' ';
     }
     EXPECT_EQ(ends, "true true true ");
 }
@@ -124,22 +121,21 @@ TEST(Trace, keeps_what_a_program_says_and_escapes_it) {
 TEST(Trace, is_whole_while_threads_record) {
     ASSERT_TRUE(Trace::start(64));
     constexpr int each = 40000, num_threads = 3;
-    std::atomic<int> running{num_threads};
     Threads threads;
-    for (int id = 0; id < num_threads; ++id) {
-        threads.emplace_back([&running] {
+    for (int id = 0; id < num_threads; ++id)
+        threads.emplace_back([] {
             for (int i = 1; i <= each; ++i) Trace::instant("step", i);
-            --running;
         });
-    }
     uint64_t kept = 0;
     for (bool ended = false; !ended;) {
-        if ((ended = running == 0)) threads.join();
+        ended = Trace::counts().recorded == each * num_threads;
+        if (ended) threads.join();
         std::map<int, int> last;
         kept = 0;
-        for (const Event& e : Events()) {
-            if (e.number == 0) continue;
-            ASSERT_LT(std::exchange(last[e.thread], e.number), e.number);
+        for (const QJsonObject& e : Events()) {
+            const int number = e["args"].toObject()["number"].toInt();
+            if (number == 0) continue;
+            ASSERT_LT(std::exchange(last[e["tid"].toInt()], number), number);
             ++kept;
         }
     }
@@ -163,7 +159,7 @@ TEST(Trace, goes_to_streams_and_files_and_says_when_it_cannot) {
     EXPECT_FALSE(Trace::at_abort(std::string(256, 'x').c_str()));
 }
 
-TEST(Trace, is_left_behind_by_an_abort_and_written_on_a_signal) {
+TEST(Trace, is_left_behind_by_an_abort) {
     Temporary_folder folder;
     const std::string path = folder.file("abort.json");
     for (const char* to : {path.c_str(), "/dev/full", "/none/trace.json"}) {
@@ -181,14 +177,8 @@ TEST(Trace, is_left_behind_by_an_abort_and_written_on_a_signal) {
     const Events events(read_file(path));
     EXPECT_VALUES("1 0", events.count("B culprit 2000/9"), events.count("E")) << "the handler that has not ended";
 
-    Trace::start();
-    Trace::instant("before the signal");
-    ASSERT_VALUES("true true", Trace::at_abort(path.c_str()), Trace::write_on_signal(SIGUSR1));
-    raise(SIGUSR1);
-    EXPECT_EQ(Events(read_file(path)).count("i before the signal 0"), 1);
     Trace::at_abort(nullptr);
     EXPECT_EQ(Trace::write_now(), ENOENT);
-    signal(SIGUSR1, SIG_DFL);
 }
 
 } // namespace
