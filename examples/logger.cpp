@@ -5,6 +5,7 @@
 //     pump: started
 //     valve: open
 //     **1 CHARS DROPPED**
+//     10000 characters wait
 #include "glue/diner/Buffered_logger.h"
 #include "glue/diner/Diner_info_list.h"
 #include "util/Debug_print.h"
@@ -24,6 +25,9 @@ int main() {
     while (logger.waiting() > 0) Atime::delay(1); // what still waits when its thread ends is not printed
     logger.terminate(true);
 
-    // Without its thread the buffer fills up, and what no longer fits is dropped with a notice.
-    Buffered_logger::log(std::string(Buffered_logger::capacity + 1, 'x').c_str());
+    // One with more room, its owner's. Without a thread it fills up; what no longer fits is dropped with a notice.
+    static unsigned char room[10000];
+    Buffered_logger roomy(room, sizeof room);
+    roomy.append(std::string(sizeof room + 1, 'x').c_str());
+    printf("\n%u characters wait\n", roomy.waiting());
 }

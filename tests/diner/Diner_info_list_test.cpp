@@ -72,6 +72,7 @@ TEST(Diner_info_list, reaches_the_diners_in_the_order_of_their_start) {
 
 TEST(Diner_info_list, tells_how_long_handlers_take_and_events_and_timeouts_wait) {
     Manual_clock clock;
+    Timeout t;
     Test_diner<> d("slow");
     d.on_event = [&](waiter_event& e) {
         clock.advance(e.id);
@@ -91,10 +92,8 @@ TEST(Diner_info_list, tells_how_long_handlers_take_and_events_and_timeouts_wait)
     clock.advance(5);
     d.lock_gate.open();
     ASSERT_TRUE(has_handled(70));
-    Timeout t(Atime(true) + -20);
-    d.submit_timeout(t);
+    d.submit_timeout(t, -20);
     ASSERT_TRUE(has_handled(71));
-    d.remove_timeout(t);
     // Of waits: the first, the second, which was the first again when the diner had looked, and the 64th behind that.
     const std::string heading =
         "\nId      Name Handl[us] Worst[us]  Wait[us] Worst[us] Late[ms]    Queue\n 0      slow";

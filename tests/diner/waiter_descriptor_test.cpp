@@ -260,10 +260,10 @@ TEST(Waiter_list, stream_range_and_setting_tell_a_waiter_and_forget_one_that_die
 
 TEST(Waiter_list, of_up_to_16_tells_each_and_nothing_else_when_places_move_up) {
     module_man modules;
+    std::optional<waiter_descriptor> waiters[18];
     Mutex lock;
     waiter_list list(lock);
     EXPECT_VALUES("0 0 -1", list.module_id(), list.init(modules), list.add(nullptr));
-    std::optional<waiter_descriptor> waiters[18];
     std::mt19937 random(1);
     std::set<size_t> kept, alive;
     for (int step = 0; step < 2000; ++step) {
@@ -287,9 +287,6 @@ TEST(Waiter_list, of_up_to_16_tells_each_and_nothing_else_when_places_move_up) {
             waiters[k]->flush_events();
         }
     }
-    debug_text([&] {
-        for (auto& w : waiters) w.reset();
-    });
 }
 
 } // namespace

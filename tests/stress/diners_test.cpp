@@ -15,7 +15,8 @@ namespace {
 
 constexpr short load_module = 2002, mark_module = 2003;
 
-std::atomic<int> violations{0}; ///< events handled twice or unless accepted, timeouts that ran although removed
+/// Events handled twice or unless accepted, timeouts that ran although removed, diners that ended late.
+std::atomic<int> violations{0};
 
 /// Keeps account of its events and timeouts.
 struct Player : Test_diner<Diner_external_protection<Diner>> {
@@ -42,7 +43,6 @@ struct Player : Test_diner<Diner_external_protection<Diner>> {
     }
     /// Accepted, merged into one of its like, or dropped by one that is disabled.
     bool post(int number, bool merge) {
-        ++posted;
         ++due[size_t(number)];
         const bool taken = waiter.send_event(waiter_event(load_module, number, 0), merge, false) == 0;
         due[size_t(number)] -= !taken;
@@ -175,7 +175,6 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
     Capture err(stderr);
     Util::set_wall_clock(
         [](struct timespec& now) { clock_gettime(CLOCK_REALTIME, &now), now.tv_sec += 3600 * hours_ahead; });
-    int posted = 0, ran = 0;
     for (unsigned seed = 1; seed <= (nightly() ? 15000 : 150) && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
         alarm(60); // kills what hangs
@@ -184,7 +183,6 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
         Clock_watch watch(Diner_info_list::get());
         std::deque<Player> players;
         for (int i = 0; i < 3; ++i) players.emplace_back(locks[seed % 4 ? 0 : i], i).begin(true, false, &selector);
-        std::atomic<int> late{0};
         for (const bool to_the_end : {false, true}) {
             Threads threads;
             for (int k = 0; k < 6; ++k) {
@@ -197,7 +195,7 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
                     if (!to_the_end) return;
                     p.terminate(k % 2 || random(2));
                     if (k % 2 == 0) p.wait_terminate();
-                    late += !p.terminated();
+                    violations += !p.terminated();
                 });
             }
             threads.join();
@@ -214,8 +212,6 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
                 EXPECT_TRUE(wait_until([&p] { return p.ran_all(); })) << "a timeout is forgotten";
             }
         }
-        EXPECT_EQ(late, 0);
-        for (Player& p : players) posted += p.posted, ran += p.timeouts_handled;
         players.clear();
         EXPECT_EQ(Diner_info_list::get().print_alive(), 0);
         EXPECT_VALUES(texts(0, module_man::pool_size), violations, free_events());
@@ -223,7 +219,6 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
     alarm(0);
     Util::set_wall_clock(nullptr);
     EXPECT_EQ(unexpected(err.text()), "");
-    printf("%d cases of posts, %d of timeouts\n", posted, ran);
 }
 
 Mutex& lock_of_all = *new Mutex; // used to the very end
