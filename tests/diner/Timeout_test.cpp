@@ -118,9 +118,6 @@ enum Steps { not_at_all, told, watched };
 /// What the model keeps does not change with the steps.
 class Random_use : public testing::TestWithParam<Steps> {
 protected:
-    Random_use() {
-        if (GetParam() == watched) watch.emplace(Diner_info_list::get());
-    }
     int up_to(int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); }
     Timeout& any() { return all[random() % all.size()]; }
     int64_t now() const { return Timeout::ms_of(Atime::now()) - offset; }
@@ -206,6 +203,7 @@ protected:
 };
 
 TEST_P(Random_use, agrees_with_a_list) {
+    if (GetParam() == watched) watch.emplace(Diner_info_list::get());
     for (int round = 0; round < 6000 && !HasFatalFailure(); ++round) {
         SCOPED_TRACE(round);
         for (int i = up_to(20) ? 1 : up_to(300); i > 0; --i) up_to(10) < 7 ? submit_any(any()) : remove(any());

@@ -15,8 +15,7 @@ namespace {
 
 constexpr short load_module = 2002, mark_module = 2003;
 
-/// Events handled twice or unless accepted, timeouts that ran although removed, diners that ended late.
-std::atomic<int> violations{0};
+std::atomic<int> violations{0}; ///< events handled twice or unless accepted, removed timeouts that ran, late ends
 
 /// Keeps account of its events and timeouts.
 struct Player : Test_diner<Diner_external_protection<Diner>> {
