@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
-// What comes from a CAN bus: frames through the assembler into the monitor and to a manager on the bus. "l" and lines
-// of a log; "f" and frames of a length, an identifier and the bytes; "c" and a file of trouble codes.
+// What comes from a CAN bus: frames through the assembler into the monitor, to a manager and to nodes that want each
+// other's addresses. "l" and lines of a log; "f" and frames of a length, an identifier and the bytes; "c" and a file of
+// trouble codes.
 #include "diagnostics/Driven_manager.h"
 #include "fuzz/checks.h"
 #include "glue/diagnostics/Isobus_diagnostics.h"
 #include "glue/diagnostics/Trouble_code_monitor.h"
 #include "glue/diagnostics/Trouble_code_text.h"
 #include "glue/jin/JIN_assembler.h"
-#include "glue/jin/JIN_frame.h"
-#include "glue/jin/JIN_memory_bus.h"
-#include "support/Manual_clock.h"
+#include "jin/Test_bus.h"
+#include <set>
 #include <sstream>
 
 namespace {
@@ -27,24 +27,40 @@ struct Bus {
         clock.advance(ms);
         bus.process();
         manager.turn();
+        for (Test_node& n : neighbours) n.received(), n.events();
+    }
+    /// Nothing more is heard, and nobody shares an address.
+    void rest() {
+        for (int i = 0; i < 4; ++i, step(20000))
+            for (Test_node& n : neighbours) n.send(message(0xFF00, "x"));
+        std::set<int> used;
+        uint8_t own;
+        if (node.address(own)) used.insert(own);
+        for (Test_node& n : neighbours)
+            require(n.address() < 0 || used.insert(n.address()).second, "an address has one owner");
     }
 
+    static constexpr uint64_t arbitrary = uint64_t{1} << 63;
     Manual_clock clock{1700000000};
     JIN_memory_bus bus;
     JIN_memory_bus::Node node{bus, Diner_info_list::get(), JIN_name(1), 0x80};
+    Test_node neighbours[3] = {
+        {bus, JIN_name(arbitrary | 100), 0x81}, {bus, JIN_name(arbitrary | 50), 0x81}, {bus, JIN_name(200), 0x80}};
     Driven_manager manager{4096, "H", 20};
     Isobus_diagnostics isobus{manager};
 };
 
 void fuzz_log(const std::string& text) {
     static Bus bus;
-    bus.step(100000); // what was said before is over
+    const uint64_t frames_before = bus.bus.num_frames();
+    uint64_t messages = 0;
     Trouble_code_monitor monitor;
     Atime now(false);
     JIN_assembler assembler([&](const JIN_message& m) {
         monitor.take(m, now);
         bus.bus.inject(m);
-        bus.step(5);
+        bus.step(5 + m.priority * 50);
+        ++messages;
         for (unsigned a = 0; (a = monitor.next(a)) < JIN::no_address; ++a) {
             uint32_t last = 0;
             require(monitor.node(a)->active.size() <= Trouble_code_messages::max_received_codes, "a row is bounded");
@@ -64,6 +80,8 @@ void fuzz_log(const std::string& text) {
         now.time = static_cast<int32_t>(f.us / 1000000);
         assembler.frame(f.identifier, f.bytes, f.size, f.us / 1000);
     }
+    bus.rest();
+    require(bus.bus.num_frames() - frames_before < 400 * messages + 5000, "no message sets off an endless exchange");
 }
 
 /// Frames as the lines of a log.

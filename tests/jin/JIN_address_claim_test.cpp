@@ -55,6 +55,7 @@ TEST_F(Claiming, answers_what_concerns_its_address) {
         EXPECT_EQ(node->events(), told) << what;
         pass(250);
         EXPECT_EQ(node->address(), address) << what;
+        EXPECT_EQ(node->stack.claim_state() == JIN_address_claim::no_address, address < 0) << what;
         // Who has no address waits before he says so, unlike others that have none.
         bus.inject(message(0xEA00, request));
         const std::string at_once = witness.received();
@@ -64,12 +65,16 @@ TEST_F(Claiming, answers_what_concerns_its_address) {
     }
 }
 
-TEST_F(Claiming, nodes_that_start_together_do_not_speak_at_once) {
-    std::deque<Test_node> batch; // of one maker
-    for (uint64_t i = 1; i <= 12; ++i) batch.emplace_back(bus, JIN_name(arbitrary | i), 128);
+/// Controllers of one batch that want any address. Of the last one the first choice is 0x80.
+TEST_F(Claiming, nodes_that_start_together_do_not_speak_at_once_and_wait_for_answers) {
+    have(JIN_name(100));
+    std::deque<Test_node> batch;
+    for (uint64_t i = 109; i <= 120; ++i) batch.emplace_back(bus, JIN_name(arbitrary | i), JIN::no_address);
     int instants = 0;
-    for (int ms = 0; ms <= 153; ++ms, pass(1)) instants += !witness.received().empty();
+    for (int ms = 0; ms <= 153; ++ms, pass(1)) instants += witness.received().find("EA00 FE>FF 6: 00 EE 00") == 0;
     EXPECT_EQ(instants, 12);
+    pass(500);
+    EXPECT_EQ(batch.back().address(), 0x81);
 }
 
 /// Nodes that start at random times, with random NAMEs, some of them fixed, on few addresses; in the end too many.

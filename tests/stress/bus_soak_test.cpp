@@ -12,7 +12,8 @@ namespace {
 JIN_grow_message bad_message(Random& random) {
     static const uint32_t own[] = {0xEE00, 0xEA00, 0xFED8, 0xFECA, 0xFECB, 0xE800, 0xC300, 0xDF00, 0xFEDA, 0xFC8D};
     const uint32_t pgn = random(2) ? own[random(std::size(own))] : random(0x40000u);
-    const std::string bytes = random.bytes(random(4) ? random(10u) : random(1786u));
+    const unsigned lengths[] = {3, 8, 9, random(10u), random(1786u)}; // those of a request, a claim and a command
+    const std::string bytes = random.bytes(lengths[random(5)]);
     return message(pgn, bytes, static_cast<uint8_t>(random(256)), static_cast<uint8_t>(random(256)));
 }
 
