@@ -76,7 +76,7 @@ TEST(Trouble_code_messages, Lists_of_codes) {
     };
     add(table, 7, 7, 7, Table::previous, {Lamp::malfunction, Lamp::solid});
     EXPECT_EQ(built(Table::previous, Mode::j1939), "00 FF 07 00 07 07 FF FF") << "lamps are of the active ones";
-    for (const auto flash : {Lamp::slow, Lamp::solid, Lamp::fast, Lamp::slow})
+    for (const auto flash : {Lamp::slow, Lamp::fast, Lamp::slow, Lamp::solid})
         add(table, 9, 2 + table.size(), 1, Table::active, {Lamp::red_stop, flash});
     EXPECT_EQ(built(Table::active, Mode::j1939, 9), "10 DF 09 00 06 01 FF FF") << "of all, as the most urgent";
     EXPECT_EQ(built(Table::active, Mode::iso, 7), "");

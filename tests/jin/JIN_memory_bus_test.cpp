@@ -5,6 +5,36 @@
 
 namespace {
 
+TEST_F(Bus_script, each_client_gets_what_it_wants) {
+    Test_node a(bus, JIN_name(1), 10), b(bus, JIN_name(2), 20);
+    members = {{"", 10, &a}};
+    run(500);
+    Inbox told;
+    JIN_inbox two(b.stack, &told.waiter, {0xFECA, 0xFECB}),
+        tight(b.stack, nullptr, {0xFECA}, 2 * (JIN_inbox::overhead + 1)), none(b.stack, nullptr, {0xFECA}, 0),
+        all(b.stack, nullptr, {}, 1000, JIN_inbox::everything);
+    play("send FECA 0A>FF: 31; send FECA 0A>FF: 32; send FECA 0A>FF: 33; send FECB 0A>FF: 34; send EF00 0A>63: 35");
+    EXPECT_EQ(told.events(), "0") << "one event for all that arrived";
+    EXPECT_EQ(take_all(two), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32, FECA 0A>FF 6: 33, FECB 0A>FF 6: 34");
+    EXPECT_EQ(take_all(tight), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32");
+    EXPECT_EQ(take_all(all).substr(54), "FECB 0A>FF 6: 34, EF00 0A>63 6: 35");
+    EXPECT_VALUES("0 1 3", two.lost(), tight.lost(), none.lost());
+    // A queue that wraps, with messages of every length.
+    JIN_inbox ring(b.stack, nullptr, {0xFEDA}, 2000);
+    JIN_grow_message got(0, JIN::max_length);
+    long before = 0;
+    for (uint32_t n = 0; n <= JIN::max_length; ++n) {
+        const JIN_grow_message m = message(0xFEDA, std::string(n, static_cast<char>(n)), 255, 77);
+        if (n) before = allocations();
+        bus.inject(m);
+        ASSERT_TRUE(ring.receive(got));
+        ASSERT_TRUE(n == 0 || allocations() == before) << n;
+        ASSERT_EQ(text_of_message(got), text_of_message(m));
+    }
+    EXPECT_FALSE(ring.receive(got));
+    EXPECT_EQ(Test_node(bus, JIN_name(), 30).send(message(0xFF00, "x")), JIN_stack::refused) << "it only listens";
+}
+
 /// Two nodes, 10 and 20, the first one with a diner that sends. It does not run: its handlers are called here, at the
 /// instants of the clock. More steps:
 ///   busy, free               there is no room on the bus for a, there is again
@@ -48,33 +78,6 @@ protected:
     Test_diner<> diner;
     Counter counter{diner, a.stack, 0xEF00};
 };
-
-TEST_F(Memory_bus, each_client_gets_what_it_wants) {
-    Inbox told;
-    JIN_inbox two(b.stack, &told.waiter, {0xFECA, 0xFECB}),
-        tight(b.stack, nullptr, {0xFECA}, 2 * (JIN_inbox::overhead + 1)), none(b.stack, nullptr, {0xFECA}, 0),
-        all(b.stack, nullptr, {}, 1000, JIN_inbox::everything);
-    play("send FECA 0A>FF: 31; send FECA 0A>FF: 32; send FECA 0A>FF: 33; send FECB 0A>FF: 34; send EF00 0A>63: 35");
-    EXPECT_EQ(told.events(), "0") << "one event for all that arrived";
-    EXPECT_EQ(take_all(two), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32, FECA 0A>FF 6: 33, FECB 0A>FF 6: 34");
-    EXPECT_EQ(take_all(tight), "FECA 0A>FF 6: 31, FECA 0A>FF 6: 32");
-    EXPECT_EQ(take_all(all).substr(54), "FECB 0A>FF 6: 34, EF00 0A>63 6: 35");
-    EXPECT_VALUES("0 1 3", two.lost(), tight.lost(), none.lost());
-    // A queue that wraps, with messages of every length.
-    JIN_inbox ring(b.stack, nullptr, {0xFEDA}, 2000);
-    JIN_grow_message got(0, JIN::max_length);
-    long before = 0;
-    for (uint32_t n = 0; n <= JIN::max_length; ++n) {
-        const JIN_grow_message m = message(0xFEDA, std::string(n, static_cast<char>(n)), 255, 77);
-        if (n) before = allocations();
-        bus.inject(m);
-        ASSERT_TRUE(ring.receive(got));
-        ASSERT_TRUE(n == 0 || allocations() == before) << n;
-        ASSERT_EQ(text_of_message(got), text_of_message(m));
-    }
-    EXPECT_FALSE(ring.receive(got));
-    EXPECT_EQ(Test_node(bus, JIN_name(), 30).send(message(0xFF00, "x")), JIN_stack::refused) << "it only listens";
-}
 
 TEST_F(Memory_bus, a_transmission_goes_out_in_its_period_on_request_and_when_there_is_room) {
     const std::pair<const char*, const char*> table[] = {
