@@ -75,6 +75,7 @@ TEST_F(Tree, A_branch_moves_with_everything_below) {
     other.add_child(&branch);
     EXPECT_VALUES("true false", item.set(&other.speed), other.image(NV_iterator::mode_journal_1).empty());
     EXPECT_EQ(NV_container(nullptr, &tree, 50, "").get_module_id(reg_item), 0) << "the parent knows it";
+    for (int kind = num_reg_types; kind < 256; ++kind) ASSERT_EQ(tree.get_module_id(Reg_type(kind)), 0) << kind;
 }
 
 TEST_F(Tree, A_pointer_takes_only_what_a_stored_path_finds_again) {
