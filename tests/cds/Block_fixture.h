@@ -46,3 +46,13 @@ struct Block_items {
     CDS::Value<long> counter{root, "counter", block.counter};
     CDS::Value<bool> on{root, "on", block.on, "", &on_told};
 };
+
+/// A block that is described, with the same identifiers each time.
+struct Described_block {
+    module_man modules;
+    Inbox inbox{modules}; // outlives its registrations
+    CDS::Head head{&modules, 0};
+    const unsigned short first_id = Data_item::lookup_max_id = 1; ///< root 1, engine 2, and so on to on 9
+    Block block{{100, 2, 0.5f}, {1, 2, 3, 4}, "abc", 7, true};
+    Block_items items{head, block};
+};

@@ -109,16 +109,15 @@ TEST_F(Events, Handles_carry_themselves_as_target) {
     EXPECT_VALUES("0 0 0 -1", handle.unreg(&inbox.waiter, -5), handle.autounreg(&inbox.waiter),
                   wheel.autounreg(&inbox.waiter), wheel.autounreg(&inbox.waiter));
 
-    const std::pair<std::string, std::function<int(CDS::Access_base&)>> verbs[] = {
-        {"reg", [](auto& a) { return a.reg(nullptr, 1); }},
-        {"unreg", [](auto& a) { return a.unreg(nullptr, 1); }},
-        {"autoreg", [](auto& a) { return a.autoreg(nullptr); }},
-        {"autounreg", [](auto& a) { return a.autounreg(nullptr); }}};
-    for (const auto& [verb, call] : verbs) {
-        CDS::Access_base none;
-        const Child_result child = run_child([&, c = call] { c(none); });
+    CDS::Access_base none;
+    const auto ends = [](const std::string& verb, auto call) {
+        const Child_result child = run_child(call);
         EXPECT_VALUES(texts(SIGABRT, "BUG: CDS: Tried to " + verb + " with no init\r\n"), child.signal, child.out);
-    }
+    };
+    ends("reg", [&] { none.reg(nullptr, 1); });
+    ends("unreg", [&] { none.unreg(nullptr, 1); });
+    ends("autoreg", [&] { none.autoreg(nullptr); });
+    ends("autounreg", [&] { none.autounreg(nullptr); });
 }
 
 TEST_F(Events, Registrations_are_bounded_and_a_failed_one_changes_nothing) {

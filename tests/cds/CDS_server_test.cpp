@@ -25,8 +25,8 @@ void ask(int fd, const std::string& request) {
     ASSERT_EQ(write(fd, request.data(), request.size()), static_cast<ssize_t>(request.size()));
 }
 
-struct Served : testing::Test {
-    Served() { signal(SIGPIPE, SIG_IGN); }
+struct Served : testing::Test, Described_block {
+    Served() { signal(SIGPIPE, SIG_IGN), block.engine.speed = 0x0102; }
     int connected() { return Util::connect_local(path.c_str()); }
 
     /// A program that looks at the block.
@@ -42,12 +42,6 @@ struct Served : testing::Test {
     };
 
     Manual_clock clock;
-    module_man modules;
-    Inbox inbox{modules};
-    CDS::Head head{&modules, 0};
-    Block block{{0x0102, 0, 0}, {1, 2, 3, 4}, "", 0, false};
-    const int before_first = Data_item::lookup_max_id = 1; ///< root 1, engine 2, and so on to on 9
-    Block_items items{head, block};
     const Temporary_folder folder;
     const std::string path = folder.file("socket");
 };
@@ -60,7 +54,7 @@ TEST_F(Served, Is_answered_what_is_asked_and_changed_only_what_may_be_changed) {
     const std::tuple<char, std::string, std::string, const char*> table[] = {
         // request; answer; who is woken
         {'V', "\6\0\0\0"s, "V\4\1\0\2\0\3\0\4\0"s, ""},
-        {'V', "\1\0\x8\0"s, "V\0\0\0\0\0"s, ""},
+        {'V', "\1\0\x8\0"s, "V\7\0\0\0\1"s, ""},
         {'V', "\xFE\xFF\0\0"s, "V", ""},
         {'V', "\6\0\0"s, "V", ""},
         {'D', "\xFF\xFF\xFF\xFF", "D", ""},

@@ -29,11 +29,7 @@ struct Reading : Structure_visitor {
     int deepest = 0;               ///< depth that the next item may have
 };
 
-struct Served {
-    Served() { Data_item::lookup_max_id = 1; } // the same identifiers each time
-    CDS::Head head{nullptr, 0};
-    Block block{};
-    Block_items items{head, block};
+struct Served : Described_block {
     /// Nobody may write the counter.
     Write_rule rule = [this](const CDS::Lookup_item& item, Receive_buffer value) {
         require(value.remaining >= 1 && value.remaining <= 9, "a value that the rule is asked about has its length");
