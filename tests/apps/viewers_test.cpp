@@ -169,7 +169,7 @@ TEST_F(Commands, vorn_monitor_prints_a_line_for_each_packet_of_a_recording_and_c
                           Frame("ER").text("%2%{4,wrong command}").bare() + "\r\n" +
                           time_packet(360000).replace(6, 1, "?").replace(12, 1, "") + "\x01noise\x1b[2J\r\nGTF0B..\n" +
                           Frame("NP").text("all\x1b is well").bare() + "\r\n" + Frame("ZZ").u1(1).u1(0xAB).str() +
-                          "\r" + Frame("EL").i1(45).i1(-5).str() + "\nPG01E half");
+                          "\r" + Frame("EL").u1(45).u1(-5).str() + "\nPG01E half");
     const Child_result labelled = run_shell("vorn_monitor --stats - <all");
     EXPECT_EQ(
         labelled.out,
@@ -259,15 +259,12 @@ TEST_F(Commands, vorn_monitor_waits_for_a_line_that_hung_up_and_ends_on_a_signal
 }
 
 /// A controller: its block on a socket, and on a line whose other end is a device.
-struct Controller {
+struct Controller : Described_block {
     Controller() {
         block = {{-3, 200, 0.1f}, {1, 2, 3, 65535}, {'a', '"', 0x1B}, 70000, true};
         EXPECT_VALUES("true true", server.share("socket"), server.serve(dup(line.master)));
     }
     Pty line;
-    CDS::Head head{nullptr, 0};
-    Block block{};
-    Block_items items{head, block};
     CDS::Remote::Server server{items.root, [this](const CDS::Lookup_item& i, CDS::Remote::Receive_buffer) {
                                    return &i == &items.speed || &i == &items.levels || &i == &items.label;
                                }};

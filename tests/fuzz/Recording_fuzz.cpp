@@ -38,7 +38,7 @@ void fuzz(Input in) {
     const unsigned how = in.next();
     const std::string file = in.rest();
     Manual_clock clock;
-    Fed_stream source(file, how & 1 ? Fed_stream::pulled : Fed_stream::hesitant, how & 2 ? SIZE_MAX : 5000);
+    Fed_stream source(file, Fed_stream::pulled, how & 2 ? SIZE_MAX : 5000);
     const unsigned piece = how & 16 ? 4200 : 1 + (how >> 5);
     std::string brought;
     R::State state;

@@ -131,11 +131,21 @@ struct Outcome {
 
 TEST(line_noise, is_parsed_as_by_the_slow_model_and_costs_few_sound_frames) {
     Debug_print::set_debug_file("/dev/null"); // refusals
+    // The 4190th byte may end the line, and the buffer its run.
+    EXPECT_EQ(difference(std::string(6, 0) + std::string(4189, 1) + std::string(12, '\n')), "");
+    Random c(1);
     unsigned total_faults = 0, total_false = 0;
     for (const Fault& fault : faults) {
         const Line some(fault, nightly() ? 30000 : 1000, 1);
         for (const char portion : {0, 1}) // all at once, and little by little
             EXPECT_EQ(difference(std::string{0, portion, 0, 0, 0, 0} + some.bytes), "") << fault.name;
+        for (int round = 0; round < 40; ++round) { // in any way
+            const std::string how{char(c(3)),  char(c(4) ? c(20) : c(256)), char(c(8)),
+                                  char(c(32)), char(c(4) ? 0 : c(256)),     0};
+            std::string bytes = Line(fault, 1 + c(20), c(UINT_MAX)).bytes;
+            if (round == 0) bytes.insert(c(bytes.size()), std::string(4185 + c(20u), 1)).append(c(20u), '\n');
+            EXPECT_EQ(difference(how + bytes), "") << fault.name << ": " << bytes;
+        }
         double lost = 0;
         unsigned run = 0;
         for (uint64_t seed = 1; seed <= (nightly() ? 3 : 1); ++seed) {

@@ -6,7 +6,7 @@
 #include <cstring>
 
 /// Builds a receiver frame byte by byte, without the library's help: identifier, three length digits, little-endian
-/// fields, checksum.
+/// fields (negative ones as what they are in so many bytes), checksum.
 class Frame {
 public:
     explicit Frame(const char* id) : _id(id) {}
@@ -15,11 +15,8 @@ public:
     Frame& u1(T... v) {
         return (add(static_cast<uint8_t>(v)), ...);
     }
-    Frame& i1(int v) { return add(static_cast<int8_t>(v)); }
     Frame& u2(unsigned v) { return add(static_cast<uint16_t>(v)); }
-    Frame& i2(int v) { return add(static_cast<int16_t>(v)); }
     Frame& u4(uint32_t v) { return add(v); }
-    Frame& i4(int32_t v) { return add(v); }
     template <class... T>
     Frame& f4(T... v) {
         return (add(static_cast<float>(v)), ...);

@@ -43,10 +43,10 @@ const std::pair<std::string, std::string> golden[] = {
     {Frame("GT").u4(0xFFFFFFFF).u2(0).str(), "GT ms=-1 week=0"},
     {Frame("~~").u4(0xFFFFFFFE).str(), "RT ms=4294967294"},
     {Frame("||").str(), "EE"},
-    {Frame("GA").u1(31).i2(-2).i4(-600000).u1(0xFF, 0x0A, 1).f4(1.5f, -2, 5153.5f, .0125f, 1, 2, -3, .5f, -1e-9f).str(),
+    {Frame("GA").u1(31).u2(-2).u4(-600000).u1(0xFF, 0x0A, 1).f4(1.5f, -2, 5153.5f, .0125f, 1, 2, -3, .5f, -1e-9f).str(),
      "GA sv=31 week=-2 ms=-600000 healthA=ff healthS=a config=1 af1=1.500e+00 af0=-2.000e+00 rootA=5.154e+03"
      " ecc=1.250e-02 m0=1.000e+00 omega0=2.000e+00 argPer=-3.000e+00 deli=5.000e-01 omegaDot=-1.000e-09"},
-    {Frame("NA").u1(24).i1(-7).i2(-1461).f4(86399.5f).u1(0xC0).f4(1).f8(-2.5).f4(.001f, 4, 5, 6, 7, 8).str(),
+    {Frame("NA").u1(24).u1(-7).u2(-1461).f4(86399.5f).u1(0xC0).f4(1).f8(-2.5).f4(.001f, 4, 5, 6, 7, 8).str(),
      "NA sv=24 freq=-7 day=-1461 time=86399.500 health=c0 tauN=1.000e+00 tauSys=-2.500e+00 ecc1.000e-03"
      " lambda=4.000e+00 argPer=5.000e+00 delT=6.000e+00 delTdt=7.000e+00 deli=8.000e+00"},
     {Frame("E1").u1(0, 255).str(), "E1 0 255"},
@@ -56,7 +56,7 @@ const std::pair<std::string, std::string> golden[] = {
     {Frame("SI").str(), "SI"},
     {Frame("SI").u1(200).str(), "SI 200"},
     {Frame("SS").u1(5, 6).str(), "SS 5"},
-    {Frame("EL").i1(-5).i1(90).i1(-128).str(), "EL -5 90 -128"},
+    {Frame("EL").u1(-5).u1(90).u1(-128).str(), "EL -5 90 -128"},
     {Frame("AZ").u1(10, 179, 255).str(), "AZ 20 358 510"},
     // Twice as many two-byte elements as there are: the fourth reads the line end, the others nothing.
     {Frame("TC").u2(258).u2(65535).u2(7).bare() + "\n", "TC 258 65535 7 0 0"},

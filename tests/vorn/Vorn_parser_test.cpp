@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "glue/vorn/GNSS_messages.h"
 #include "support/frame.h"
-#include "support/stress.h"
 #include "support/test.h"
 #include "vorn/parser_model.h"
 
@@ -11,30 +10,11 @@ using namespace std::string_literals;
 
 const std::string sound = Frame("EL").text("0123456789").str(), wrong = std::string(sound).replace(9, 1, "!");
 
-TEST(Vorn_parser, cuts_the_packets_that_its_slow_model_cuts) {
-    const std::string words[] = {
-        "PG",   "RE",       "ER",    "EL",     "~0",         "0/",           "\177",       "0",
-        "00",   "000",      "001c",  "003abc", "00G1",       "FFF",          "\r",         "\n",
-        "\r\n", "\0"s,      "\0\0"s, "\1",     "\1\1",       "\r\n\n\r",     "RE002ok\n",  "RE002ok\r\n",
-        sound,  "PG001c\r", "RE000", wrong,    sound + "\r", wrong + "\r\n", "ER002ok#\n", "NP00Bwhat is it"};
-    Debug_print::set_debug_file("/dev/null"); // refusals
-    // The 4190th byte may end the line, and the buffer its run.
-    EXPECT_EQ(difference(std::string(6, 0) + std::string(4189, 1) + std::string(12, '\n')), "");
-    Random c(1);
-    for (int round = 0; round < 2000; ++round) {
-        std::string input = {char(c(3)),  char(c(4) ? c(20) : c(256)), char(c(8)),
-                             char(c(32)), char(c(4) ? 0 : c(256)),     0};
-        for (size_t n = 1 + c(30); n > 0; --n) input += words[c(std::size(words))];
-        if (round % 40 == 0) input.insert(6 + c(input.size() - 6), std::string(4185 + c(20u), 1)).append(c(20u), '\n');
-        ASSERT_EQ(difference(input), "") << round << ": " << input;
-    }
-}
-
 TEST(Vorn_parser, takes_packets_in_each_form_without_a_heap_and_does_not_look_twice) {
     Fed_stream stream("\n\nPG001c\rRE002ok\r\nPG003abc\r\1"
                       "23456789",
                       Fed_stream::pushed, 32);
-    Fed_stream other("a\nPG001c\r"), third("PG001c\r"), hesitant("a\r\nbc\n", Fed_stream::hesitant, 1);
+    Fed_stream other("a\nPG001c\r"), third("PG001c\r"), hesitant("a\r\nbc\n", Fed_stream::pulled, 1);
     Fed_stream refused("XX00A0123456789\r\nPG001c\r");
     for (Fed_stream* s : {&stream, &other, &third, &refused}) s->feed();
     Vorn_parser parser(&stream, false);
@@ -57,6 +37,13 @@ TEST(Vorn_parser, takes_packets_in_each_form_without_a_heap_and_does_not_look_tw
     parser.synced = 0;
     parser.init(&third);
     EXPECT_VALUES("1 true false", parser.synced, third.left().empty(), other.left().empty());
+    std::optional<Fed_stream> rebuilt;
+    for (const auto& [bytes, result] : {std::pair{"#23456789", 0}, {"a\nPG001c\r", -2}}) {
+        rebuilt.emplace(bytes); // where the last one was: what was seen in that is nothing to this one either
+        parser.init(&*rebuilt);
+        rebuilt->feed();
+        EXPECT_EQ(get(), result);
+    }
     Vorn_length_checker checker;
     parser.set_checker(&checker);
     parser.stream = &refused;
@@ -69,27 +56,6 @@ TEST(Vorn_parser, takes_packets_in_each_form_without_a_heap_and_does_not_look_tw
     EXPECT_EQ(fetches, "false 1, true 1, true 1, false 2, false 1, ");
 }
 
-TEST(Vorn_parser, takes_every_frame_that_another_thread_brings) {
-    std::string sent;
-    for (int i = 0; i < 3000; ++i) sent += sound + "\r";
-    Fed_stream stream(sent, Fed_stream::pushed, 37);
-    Vorn_parser parser(&stream, false);
-    Vorn_checksum_checker checker;
-    parser.set_checker(&checker);
-    std::thread line([&] {
-        while (!stream.dry()) stream.feed();
-    });
-    std::string got;
-    unsigned char packet[64];
-    const auto all_come = [&] {
-        while (const int n = parser.get_packet(packet, sizeof packet)) got.append(packet, packet + n);
-        return got.size() >= sent.size();
-    };
-    EXPECT_TRUE(wait_until(all_come));
-    line.join();
-    EXPECT_TRUE(got == sent) << got.size();
-}
-
 TEST(Vorn_checkers, accept_the_lengths_of_the_catalogue_and_right_checksums) {
     const Vorn_length_checker by_length;
     for (const auto& [id, shortest, longest] :
@@ -98,15 +64,12 @@ TEST(Vorn_checkers, accept_the_lengths_of_the_catalogue_and_right_checksums) {
             ASSERT_EQ(by_length.possible(static_cast<unsigned short>(id[0] | id[1] << 8), total),
                       shortest <= total && total <= longest)
                 << id << total;
-    std::string text = "EL00A0123456@";
-    const std::string sum = text_of("%02X", Vorn_message(&text[0], 13).compute_8bit_checksum(13));
     Vorn_checksum_checker by_checksum;
-    const std::string incomplete = wrong.substr(0, wrong.size() - 1);
-    for (const std::string& bytes : {sound, sound + wrong, wrong, text + sum, text + "zz", "RE005hello"s, incomplete}) {
+    for (const std::string& bytes : {sound, sound + wrong, wrong, "RE005hello"s, wrong.substr(0, wrong.size() - 1)}) {
         Fed_stream stream(bytes, Fed_stream::pulled);
         const int total = std::stoi(bytes.substr(2, 3), nullptr, 16) + 5;
         EXPECT_EQ(by_checksum.check(stream, static_cast<unsigned short>(bytes[0] | bytes[1] << 8), total),
-                  bytes != wrong && bytes != text + "zz")
+                  bytes != wrong)
             << bytes;
         EXPECT_EQ(stream.left(), bytes) << "a checker only looks";
     }

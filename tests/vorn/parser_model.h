@@ -14,9 +14,8 @@
 class Fed_stream : public Data_stream {
 public:
     enum Manner {
-        pushed,   ///< filled by feed() alone, under a lock, as by a reader thread
-        pulled,   ///< each fetch reads portions until there is enough
-        hesitant, ///< each fetch reads one portion, enough or not
+        pushed, ///< filled by feed() alone, under a lock, as by a reader thread
+        pulled, ///< each fetch reads one portion, enough or not
     };
 
     explicit Fed_stream(std::string bytes = {}, Manner m = pushed, size_t portion = SIZE_MAX)
@@ -27,8 +26,7 @@ public:
         ++fetches;
         if (stream_lock) stream_lock->check(Mutex::status_mine);
         const uint32_t wanted = buffer.used() + static_cast<uint32_t>(n);
-        bool more = _manner != pushed;
-        while (more && buffer.used() < wanted) more = read() > 0 && _manner == pulled;
+        if (_manner == pulled) read();
         return buffer.used() >= wanted;
     }
     using Data_stream::get_data;
@@ -46,11 +44,9 @@ public:
     int fetches = 0;
 
 private:
-    uint32_t read() {
+    void read() {
         const auto n = static_cast<uint32_t>(std::min(_portion, _source.size() - _next));
-        const uint32_t stored = buffer.put(reinterpret_cast<const unsigned char*>(_source.data()) + _next, n);
-        _next += stored;
-        return stored;
+        _next += buffer.put(reinterpret_cast<const unsigned char*>(_source.data()) + _next, n);
     }
 
     std::string _source;
@@ -130,7 +126,7 @@ struct Parser_model {
 /// difference in words; empty when there is none. Six bytes of the input say how, the others come over the line.
 inline std::string difference(const std::string& input) {
     const auto how = [&input](size_t i) { return static_cast<unsigned char>(input[i]); };
-    const auto manner = static_cast<Fed_stream::Manner>(how(0) % 3);
+    const auto manner = how(0) % 3 == 0 ? Fed_stream::pushed : Fed_stream::pulled;
     // The model starts over with each portion: tiny ones are for short inputs.
     const size_t portion = std::max(how(1) == 0 ? SIZE_MAX : how(1), input.size() / 64);
     const int room = std::array{8192, 4103, 4101, 64, 10, 9, 8, 1}[how(2) % 8];
