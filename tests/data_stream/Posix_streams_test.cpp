@@ -321,15 +321,7 @@ TEST(Threaded_stream, takes_no_bytes_of_others_once_it_is_closed_and_has_its_nam
     EXPECT_EQ(descriptors, num_descriptors());
 }
 
-TEST(Threaded_stream, ends_the_process_without_a_device_but_not_at_a_hang_up) {
-    EXPECT_EQ(run_child([] { Threaded("/dev/null/none:9:rs485"); }).end(), "255 Error opening file [/dev/null/none]\n");
-    const auto no_ids = [] {
-        module_man mm;
-        for (short id; mm.init_module(&id, false) == 0;) {
-        }
-        Threaded().init(mm);
-    };
-    EXPECT_EQ(124, run_child(no_ids).status);
+TEST(Threaded_stream, opens_nothing_without_a_reader_and_outlives_a_hang_up) {
     const auto no_reader = [] { // the one descriptor that is left goes to the device
         // A sanitizer wants a descriptor when it meets a class for the first time, at an exit too.
         EXPECT_TRUE(Stream().open("/dev/null", false, false));

@@ -4,6 +4,7 @@
 #include "glue/cds/CDS_remote.h"
 #include "glue/data_stream/File_data_stream.h"
 #include "glue/data_stream/PCFile_data_stream.h"
+#include "glue/data_stream/Posix_threaded_serial_data_stream.h"
 #include "platform/pcf_host.h"
 #include "support/test.h"
 #include "util/Bugger.h"
@@ -92,6 +93,9 @@ TEST(Ends_of_the_process, are_told_and_come_though_the_output_stalls) {
     PCFile_data_stream f;
     Atime never(false);
     never.millitm = 1000;
+    module_man full;
+    for (short id; full.init_module(&id, false) == 0;) {
+    }
     const std::string asserted = "signal 6 test_util_Debug_print: ",
                       bug = asserted + "util/Bugger:42: static void Bugger::report_bug(const char*): Assertion `false' "
                                        "failed.\nBUG: ";
@@ -128,6 +132,9 @@ TEST(Ends_of_the_process, are_told_and_come_though_the_output_stalls) {
         {for_exits, "123 Error opening fd [-1]\n", [] { File_data_stream().open_read(-1); }},
         {for_exits, "122 Error opening file [/none/f]\n", [] { File_data_stream().open_write("/none/f"); }},
         {for_exits, "137 Duplicate NV_store ID twin:1 item:1 in root\n", [&] { NV_store::NV_uint8(&root, 1, "twin"); }},
+        {for_exits, "124 ", [&] { Posix_threaded_data_stream().init(full); }},
+        {for_exits, "255 Error opening file [/dev/null/f]\n",
+         [] { Posix_threaded_serial_data_stream("/dev/null/f:9"); }},
         {for_exits, "101 Destruct while files are write open!!", [] { PCFile_data_stream().open_write("f", 1); }},
         {for_exits, "101 Destruct while files are read open!!", [&] { PCFile_data_stream().open_read("old", 1); }},
     };

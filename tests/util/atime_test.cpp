@@ -24,6 +24,8 @@ TEST(Atime, moves_by_milliseconds_wraps_at_the_limits_and_differs_by_a_week_of_w
     EXPECT_EQ(at(0, 999) + INT_MAX, at(-2147483, 350));
     EXPECT_EQ(at(7) - INT_MIN, at(7 - 2147484, 352)) << "the negated amount does not fit and stays negative";
     EXPECT_EQ(at(INT_MIN) - at(INT_MAX), -604800000);
+    const Manual_clock clock(1000, 250);
+    EXPECT_VALUES("-251 251", at(999, 999).get_ms_from_now(), at(999, 999).get_elapsed_ms_since());
 
     std::mt19937 random(20240817);
     for (int i = 0; i < 20000; ++i) {
@@ -45,14 +47,6 @@ TEST(Atime, adds_the_offset_of_real_time_with_one_carry_at_most) {
         Atime real(false);
         EXPECT_EQ(real = at(100, ms).real_timeb(), sum);
     }
-}
-
-TEST(Atime, the_current_time_comes_from_the_one_clock) {
-    Manual_clock clock(1000, 250);
-    const Atime then = Atime::from_now(-251);
-    EXPECT_EQ(then, at(999, 999));
-    clock.advance(130);
-    EXPECT_VALUES("-381 381", then.get_ms_from_now(), then.get_elapsed_ms_since());
 }
 
 } // namespace
