@@ -6,6 +6,7 @@
 //     a month apart counts as 604800000 ms
 //     by size: 12 V 24 V 48 V
 //     48 V stands at position 2, behind 24 V
+//     still in the queue: 24 V 6 V
 //     first come: 24 V
 //     [...] examples/foundation:7: 'valve 3 stuck'
 //         76 61 6c 76  valv
@@ -42,7 +43,7 @@ void show_time() {
 }
 
 void show_containers() {
-    Battery tractor(12), truck(24), forklift(48);
+    Battery tractor(12), truck(24), forklift(48), boat(6);
     c_bstree<avl_bstree, Battery> by_size;
     by_size.create<Battery::by_volts>();
     c_sl_list<Battery> queue;
@@ -55,7 +56,12 @@ void show_containers() {
     int index;
     const Battery* const found = by_size.find(&forklift, bst_equal, &index);
     printf("\n%d V stands at position %d, behind %d V\n", found->volts, index, by_size.previous(found)->volts);
-    printf("first come: %d V\n", queue.pop()->volts);
+    queue.remove(&forklift); // from anywhere
+    queue.remove(&tractor);
+    queue.push(&boat);
+    printf("still in the queue:");
+    for (const Battery* b = queue.first(); b; b = queue.next(b)) printf(" %d V", b->volts);
+    printf("\nfirst come: %d V\n", queue.pop()->volts);
     by_size.flush(); // elements leave their containers before they die
     while (queue.pop()) {
     }

@@ -12,12 +12,6 @@ using namespace std::string_literals;
 
 namespace {
 
-/// Take `n` bytes; empty when they do not come.
-std::string take(Data_stream& s, unsigned n) {
-    std::string bytes(n, 0);
-    return s.get_data(reinterpret_cast<unsigned char*>(bytes.data()), n) && s.drop(n) ? bytes : "";
-}
-
 /// A stream between two strings whose results can be dictated.
 struct Script_stream : Data_stream {
     explicit Script_stream(const std::string& bytes = "") : source(bytes) {}

@@ -60,13 +60,13 @@ inline unsigned put(Data_stream& s, const std::string& bytes) {
     return s._write(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<unsigned>(bytes.size()));
 }
 
-/// Take what is buffered.
-inline std::string take(Data_stream& s) {
-    std::string bytes(static_cast<size_t>(s.bytes_avail()), 0);
-    s.get_data(reinterpret_cast<unsigned char*>(&bytes[0]), static_cast<unsigned>(bytes.size()));
-    s.drop(static_cast<unsigned>(bytes.size()));
-    return bytes;
+/// Take `n` bytes; empty when they do not come.
+inline std::string take(Data_stream& s, unsigned n) {
+    std::string bytes(n, 0);
+    return s.get_data(reinterpret_cast<unsigned char*>(&bytes[0]), n) && s.drop(n) ? bytes : "";
 }
+/// Take what is buffered.
+inline std::string take(Data_stream& s) { return take(s, static_cast<unsigned>(s.bytes_avail())); }
 
 /// The debugging name that a stream should have, cut as it is.
 inline std::string stream_name(const char* type, const Data_stream& s, const std::string& rest) {
