@@ -52,7 +52,7 @@ const struct Fault {
     {"zeros before", harmless, true, BYTES(std::string(1 + c(8), 0) + f + "\r\n")},
     {"frame twice", harmless, true, BYTES(f + "\r\n" + f + "\r\n")},
     {"reply before", harmless, true, BYTES("RE007%abc%ok\r\n" + f + "\r\n")},
-    {"reply without LF before", harmless, true, BYTES("RE007%abc%ok\r" + f + "\r\n")},
+    {"reply without LF before", harmless, true, BYTES("ER007%abc%ok\r" + f + "\r\n")},
     {"length without digits", harmless, true, BYTES("EL0G1abc\r\n" + f + "\r\n")},
     {"1-64 bytes and LF before", harmless, true, BYTES(c.bytes(1 + c(64)) + "\n" + f + "\r\n")},
     {"1-64 bytes before", around, true, BYTES(c.bytes(1 + c(64)) + f + "\r\n")},
