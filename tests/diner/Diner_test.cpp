@@ -78,12 +78,13 @@ TEST(Lifecycle, a_start_looks_again_after_its_hook) {
         SCOPED_TRACE(meanwhile);
         const bool ends = meanwhile == "terminate";
         Test_diner<> d;
-        d.begin(true);
-        d.on_start = [&, first = true]() mutable { // without the lock: so might any thread
+        d.begin(), d.stop(), d.in_state(D::state_stop), d.get_state(); // now it waits
+        d.on_start = [&, first = true]() mutable {                     // without the lock: so might any thread
             if (!std::exchange(first, false)) return;
             if (ends) return d.terminate(true);
             if (meanwhile == "start") d.lock_gate.shut(); // its thread does not take it yet
             EXPECT_TRUE(meanwhile == "start" ? d.start() == 0 : d.run());
+            EXPECT_TRUE(wait_until([&d] { return d.start_tokens() == 0; })) << "it has woken";
             EXPECT_TRUE(meanwhile != "run and stop" || (d.stop() == 0 && d.in_state(D::state_stop)));
         };
         EXPECT_EQ(d.start(), ends ? -1 : 0);
