@@ -76,9 +76,10 @@ TEST(Trouble_code_messages, Lists_of_codes) {
     };
     add(table, 7, 7, 7, Table::previous, {Lamp::malfunction, Lamp::solid});
     EXPECT_EQ(built(Table::previous, Mode::j1939), "00 FF 07 00 07 07 FF FF") << "lamps are of the active ones";
+    add(table, 520192, 12, 126, Table::active, {Lamp::amber_warning, Lamp::slow});
     for (const auto flash : {Lamp::slow, Lamp::fast, Lamp::slow, Lamp::solid})
         add(table, 9, 2 + table.size(), 1, Table::active, {Lamp::red_stop, flash});
-    EXPECT_EQ(built(Table::active, Mode::j1939, 9), "10 DF 09 00 06 01 FF FF") << "of all, as the most urgent";
+    EXPECT_EQ(built(Table::active, Mode::j1939, 9), "14 D3 09 00 07 01 FF FF") << "of all, as the most urgent";
     EXPECT_EQ(built(Table::active, Mode::iso, 7), "");
     for (unsigned n = 0; n < 250; ++n) { // of more than 250 the last that changed are sent
         EXPECT_EQ(built(Table::previous, Mode::iso).size(), std::max(8u, 6 + 4 * n) * 3 - 1);
