@@ -13,8 +13,8 @@
 ///                               v  +------------------------------------- lost, commanded
 ///                             no address: all that this node could take belong to winners
 ///
-/// A start is delayed by 0 to 153 ms, differently for each NAME, so that nodes that are switched on together do not
-/// speak all at once. Then everybody is asked for his address, which tells what is free, and the preferred one is
+/// A start is delayed by 0 to 153 ms, which follow from the NAME, so that of nodes that are switched on together hardly
+/// any two speak at once. Then everybody is asked for his address, which tells what is free, and the preferred one is
 /// claimed. A NAME with an arbitrary address that loses it takes a free one of 128..247; if there is none, one that
 /// belongs to a NAME that it wins against. A node that gets none waits until it hears that one is free; nobody says so
 /// when he is unplugged, so once a minute it asks again.
