@@ -28,6 +28,7 @@ TEST(Bus_soak, thirty_nodes_among_bad_messages) {
     JIN_inbox inbox(nodes[0].stack, nullptr, {}, 1 << 16);
     JIN_grow_message m(0, JIN::max_length);
     unsigned sent = 0, heard = 0;
+    const int outage = nightly() ? 600 : 60; // [s] from one to the next
     /// Each sends such bytes, over a second.
     const auto pass_second = [&](const std::function<std::string()>& bytes) {
         for (Test_node& n : nodes) {
@@ -38,8 +39,8 @@ TEST(Bus_soak, thirty_nodes_among_bad_messages) {
         for (; inbox.receive(m); ++heard) monitor.take(m, Atime::now());
     };
     for (int second = 0; second < (nightly() ? 24 * 60 : 15) * 60; ++second) {
-        if (second % 600 == 599) bus.set_there(false), bus.set_there(true); // it goes for a moment
-        bus.set_loss(second % 600 ? 0 : 400);                               // and claims get lost
+        if (second % outage == outage - 1) bus.set_there(false), bus.set_there(true); // it goes for a moment
+        bus.set_loss(second % outage ? 0 : 400);                                      // and claims get lost
         pass_second([&] {
             if (random(20) == 0) bus.inject(bad_message(random));
             return random(20) ? "\xFF\xFF" + random.bytes(4) + "\xFF\xFF" : "\xFF\xFF" + random.bytes(120);
