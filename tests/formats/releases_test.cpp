@@ -45,11 +45,20 @@ struct Machine : NV_root {
     NV_pointer shown{this, 13, "shown"};
 };
 
-/// The stores of a program that works in a folder.
-struct Program {
-    ~Program() { Pcf_host::unmount(); }
+/// A folder mounted as the medium, in which the files of a release already lie.
+struct Medium {
+    explicit Medium(const fs::path& release) {
+        for (const char* file : files)
+            if (!release.empty()) fs::copy(release / file, folder.path); // the originals stay as they are
+        EXPECT_TRUE(Pcf_host::mount(folder.path.c_str(), 1 << 20));
+    }
+    ~Medium() { Pcf_host::unmount(); }
     const Temporary_folder folder;
-    const bool is_mounted = Pcf_host::mount(folder.path.c_str(), 1 << 20);
+};
+
+/// The stores of a program that starts there.
+struct Program : Medium {
+    explicit Program(const fs::path& release = {}) : Medium(release) {}
     Machine machine;
     NV_safe_store store{machine, folder.file("settings.nv").c_str()};
     Driven_manager manager;
@@ -60,8 +69,7 @@ TEST(Releases, each_version_s_files_are_read) {
     for (const auto& release : fs::directory_iterator(RELEASES)) {
         if (!release.is_directory()) continue;
         SCOPED_TRACE(release.path());
-        Program p;
-        for (const char* file : files) fs::copy(release.path() / file, p.folder.path); // the originals stay as they are
+        Program p(release.path());
         EXPECT_VALUES("loaded 0", to_text(p.store.load()), p.store.get_dropped());
         EXPECT_EQ(export_text(p.machine), pulses + "121" + others);
         EXPECT_TRUE(p.gain.open_read(p.folder.file("gain.txt").c_str()));
