@@ -37,6 +37,20 @@ std::string wrong_speed(Random& c) {
     for (char& x : noise) x = "\x00\x80\xC0\xE0\xF0\xF8\xFC\xFE\xFF\x1E\x66\x78\x86\x98\x9E\xE6"[int(x)];
     return noise;
 }
+// One draw a statement: the order within one is the compiler's.
+std::string like_a_header(Random& c) {
+    const std::string identifier = identifiers[c(9)];
+    const std::string header = with_length(identifier + "000", c(4096));
+    return header + c.bytes(c(21));
+}
+std::string with_loss(Random& c, std::string frame) {
+    const size_t at = c(frame.size() - 8);
+    return frame.erase(at, 1 + c(8));
+}
+std::string with_length_off(Random& c, const std::string& frame) {
+    const size_t by = 1 + c(3u), right = frame.size() - 5;
+    return with_length(frame, c(2) ? right + by : right - by);
+}
 /// What may be lost: nothing, see the test; `refused` the frame itself.
 enum Bound { harmless, around, inside, refused };
 
@@ -57,17 +71,16 @@ const struct Fault {
     {"1-64 bytes and LF before", harmless, true, BYTES(c.bytes(1 + c(64)) + "\n" + f + "\r\n")},
     {"1-64 bytes before", around, true, BYTES(c.bytes(1 + c(64)) + f + "\r\n")},
     {"200 bytes at a wrong speed", around, true, BYTES(wrong_speed(c) + f + "\r\n")},
-    {"what looks like a header", around, true,
-     BYTES(with_length(identifiers[c(9)] + std::string(3, '0'), c(4096)) + c.bytes(c(21)) + f + "\r\n")},
+    {"what looks like a header", around, true, BYTES(like_a_header(c) + f + "\r\n")},
     {"cut", around, false, BYTES(f.substr(0, 1 + c(f.size() - 1)))},
     {"cut, line end kept", inside, false, BYTES(f.substr(0, 1 + c(f.size() - 1)) + "\r\n")},
-    {"1-8 bytes lost", inside, false, BYTES(f.erase(c(f.size() - 8), 1 + c(8)) + "\r\n")},
+    {"1-8 bytes lost", inside, false, BYTES(with_loss(c, f) + "\r\n")},
     {"a byte more", inside, false, BYTES(f.insert(c(f.size()), 1, f[0]) + "\r\n")},
     {"twice without line end", around, true, BYTES(f + f + "\r\n")},
     {"zeros behind", refused, true, BYTES(f + std::string(1 + c(4), 0) + "\r\n")},
     {"no line end", refused, true, BYTES(f)},
     {"a bit flipped", inside, false, BYTES((f[c(f.size())] ^= static_cast<char>(1u << c(8)), f + "\r\n"))},
-    {"length off by 1-3", inside, false, BYTES(with_length(f, f.size() - 5 + (c(2) ? 1 : -1) * (1 + c(3))) + "\r\n")},
+    {"length off by 1-3", inside, false, BYTES(with_length_off(c, f) + "\r\n")},
     {"length 000-FFF", inside, false, BYTES(with_length(f, c(4096)) + "\r\n")},
     {"length FF0-FFF", inside, false, BYTES(with_length(f, 0xFF0 + c(16)) + "\r\n")},
 };
@@ -142,8 +155,12 @@ TEST(line_noise, is_parsed_as_by_the_slow_model_and_costs_few_sound_frames) {
         for (int round = 0; round < 40; ++round) { // in any way
             const std::string how{char(c(3)),  char(c(4) ? c(20) : c(256)), char(c(8)),
                                   char(c(32)), char(c(4) ? 0 : c(256)),     0};
-            std::string bytes = Line(fault, 1 + c(20), c(UINT_MAX)).bytes;
-            if (round == 0) bytes.insert(c(bytes.size()), std::string(4185 + c(20u), 1)).append(c(20u), '\n');
+            const unsigned frames = 1 + c(20), seed = c(UINT_MAX);
+            std::string bytes = Line(fault, frames, seed).bytes;
+            if (round == 0) {
+                const size_t at = c(bytes.size()), ones = 4185 + c(20u), ends = c(20u);
+                bytes.insert(at, std::string(ones, 1)).append(ends, '\n');
+            }
             EXPECT_EQ(difference(how + bytes), "") << fault.name << ": " << bytes;
         }
         double lost = 0;
