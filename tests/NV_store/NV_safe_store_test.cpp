@@ -34,8 +34,14 @@ struct Safe_store : testing::Test {
     ~Safe_store() override { Faulty::armed = false; }
     std::string all(const char* result = "loaded") { return texts(result, tree.text(), 0); }
     std::string restart() { return Program(path).load(); }
-    /// What a change of any file in the folder, its rights or its place would change.
-    std::string listing() const { return run_shell("ls -lic --time-style=full-iso " + folder.path).out; }
+    /// What a change of any file in the folder, its bytes, its rights or its place would change.
+    std::string listing() const {
+        const Child_result seen = run_shell("cd " + folder.path +
+                                            " && ls -lic --time-style=full-iso && "
+                                            "find . -type f -exec cksum {} +");
+        EXPECT_EQ(seen.end(), "0 ");
+        return seen.out;
+    }
 
     Temporary_folder folder;
     const std::string path = folder.file("settings"), defaults = Settings(nullptr).text();
