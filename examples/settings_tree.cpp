@@ -5,18 +5,21 @@
 // Prints:
 //     the tree itself is refused
 //     sprayer: container
-//       boom: list
-//         0: 300
-//         1: 600
-//       tank: container
-//         volume: 3000
-//         rinsed: true
-//       shown: tank/volume
+//     - boom: list
+//     - - 0: 300
+//     - - 1: 600
+//     - tank: container
+//     - - volume: 3000
+//     - - rinsed: true
+//     - shown: tank/volume
 //     62 of 16384 bytes
 //     92 of 16384 bytes
 //     other machine: {{300,600},{2500,true},tank/volume}
 //     here, without the tank: {{300,600},}
 //     lost: No such file or directory
+//     cut: ends too early
+//     cut: ends too early
+//     third machine: {{300,600},{3000,true},tank/volume}
 //     NV_store CRC32 Check ...!=... for 13:boom
 //     NV child was bad for 0:sprayer
 //     other machine: {{0,0},{2500,true},tank/volume}
@@ -66,13 +69,12 @@ struct Sprayer : NV_root {
 
 void print_items(Sprayer& sprayer) {
     for (NV_item* i = &sprayer; i; i = sprayer.get_next_in_tree(i)) {
-        int depth = 0;
-        for (const NV_item* above = i->get_parent(); above; above = above->get_parent()) ++depth;
+        for (const NV_item* above = i->get_parent(); above; above = above->get_parent()) printf("- ");
         char name[32], value[64];
         i->get_path_name(name, sizeof name);
         i->_to_string(value, sizeof value);
         const char* const kind = i->get_type() == Data_item::item_container ? "list" : "container";
-        printf("%*s%s: %s\n", 2 * depth, "", name, i->as_container() ? kind : value);
+        printf("%s: %s\n", name, i->as_container() ? kind : value);
     }
 }
 
@@ -94,15 +96,22 @@ bool save(Sprayer& sprayer, NV_file_iterator& file, NV_iterator::modes_t mode) {
 }
 
 bool load(Sprayer& sprayer, const std::string& path) {
+    const std::string name = std::filesystem::path(path).filename().string();
+    NV_iterator::NV_checksum passed; // counts the bytes that were read
     NV_file_iterator file(path.c_str());
     if (file.set_mode(NV_iterator::mode_read) != 0) {
-        printf("%s: %s\n", path.substr(path.rfind('/') + 1).c_str(), strerror(errno));
+        printf("%s: %s\n", name.c_str(), strerror(errno));
         return false;
     }
+    file.add_checksum_getter(&passed);
     NV_iterator::NV_iterator_header next;
     while (file.peek_header(next)) // the complete save, then each change
         if (!sprayer.deserialise(&file)) return false;
-    return true;
+    file.remove_checksum_getter(&passed);
+    // No header is what the end looks like, and so do an empty file, a header of which a part is missing, and an error.
+    if (passed.bytes > 0 && passed.bytes == std::filesystem::file_size(path)) return true;
+    printf("%s: ends too early\n", name.c_str());
+    return false;
 }
 
 } // namespace
@@ -112,7 +121,7 @@ int main() {
     std::string folder = (std::filesystem::temp_directory_path() / "settings-XXXXXX").string();
     if (!mkdtemp(folder.data())) return 1;
     const std::string path = folder + "/sprayer";
-    Sprayer here, there;
+    Sprayer here, there, third;
 
     here.boom.left.set(300);
     here.boom.right.set(600);
@@ -131,6 +140,13 @@ int main() {
     print("here, without the tank", here); // to which the pointer led
 
     good = !load(there, folder + "/lost") && good;
+    const std::string cut = folder + "/cut";
+    std::filesystem::copy_file(path, cut);
+    for (const unsigned bytes : {65, 0}) { // of the change only 3
+        std::filesystem::resize_file(cut, bytes);
+        good = !load(third, cut) && good;
+    }
+    print("third machine", third);         // without the change
     std::fstream(path).seekp(12).put('?'); // in a width
     good = !load(there, path) && good;
     print("other machine", there); // the damaged container alone returns to its defaults
