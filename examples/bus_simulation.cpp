@@ -87,40 +87,55 @@ public:
 
     /// Bytes of 0xFF. Without a destination they are for all.
     void send(uint32_t pgn, uint32_t size, uint8_t to = JIN::global) {
-        static const char* const results[] = {"refused", "taken", "busy"};
         JIN_grow_message m(pgn, size);
         m.resize(size);
         m.destination = to;
         const auto result = node.send(m);
-        tell("sends %u bytes of PGN %X to %u: %s", size, pgn, unsigned{to}, results[result - JIN_stack::refused]);
+        tell();
+        printf("sends %u bytes of PGN %X to %u: %s\n", size, pgn, unsigned{to},
+               result == JIN_stack::taken  ? "taken"
+               : result == JIN_stack::busy ? "busy"
+                                           : "refused");
     }
     void report() {
-        static const char* const events[] = {"",
-                                             "has room again",
-                                             "has address %d",
-                                             "lost its address",
-                                             "finds no address",
-                                             "has no bus",
-                                             "has a bus again",
-                                             "hears another node with its address",
-                                             "has failed to deliver %d long messages"};
-        uint8_t own = 0;
-        node.address(own);
-        for (waiter_event e; _waiter.get_event(&e, Atime(false)) == 0;)
-            tell(events[e.id], e.id == JIN_stack::event_transfer ? node.transfers_failed() : own);
-        while (_inbox.receive(_message))
-            tell("receives %u bytes of PGN %X from %d to %d", _message.size, _message.pgn, _message.source,
-                 _message.destination);
+        for (waiter_event e; _waiter.get_event(&e, Atime(false)) == 0;) {
+            tell();
+            printf("%s\n", text_of(e.id).c_str());
+        }
+        while (_inbox.receive(_message)) {
+            tell();
+            printf("receives %u bytes of PGN %X from %d to %d\n", _message.size, _message.pgn, _message.source,
+                   _message.destination);
+        }
     }
 
     JIN_memory_bus::Node node;
 
 private:
-    template <class... A>
-    void tell(const char* format, A... values) {
-        printf("%7d  %s ", clock_ms, _name);
-        printf(format, values...);
-        printf("\n");
+    void tell() const { printf("%7d  %s ", clock_ms, _name); }
+    std::string text_of(int event) const {
+        uint8_t own = JIN::no_address;
+        node.address(own);
+        switch (event) {
+        case JIN_stack::event_room:
+            return "has room again";
+        case JIN_stack::event_claimed:
+            return "has address " + std::to_string(own);
+        case JIN_stack::event_address_lost:
+            return "lost its address";
+        case JIN_stack::event_no_address:
+            return "finds no address";
+        case JIN_stack::event_bus_gone:
+            return "has no bus";
+        case JIN_stack::event_bus_back:
+            return "has a bus again";
+        case JIN_stack::event_violation:
+            return "hears another node with its address";
+        case JIN_stack::event_transfer:
+            return "has failed to deliver " + std::to_string(node.transfers_failed()) + " long messages";
+        default:
+            return "is told of event " + std::to_string(event);
+        }
     }
 
     const char* const _name;
@@ -135,7 +150,9 @@ struct Simulation {
     }
     ~Simulation() { Util::set_wall_clock(nullptr); }
 
-    /// Nodes that may take any address, or this one only. Of two that want one the smaller number wins.
+    /// A node that may take any address, or this one only. Of two that want one the smaller NAME wins: of one kind the
+    /// smaller number, and against those that may take any address whoever needs this one, in whose NAME the highest
+    /// bit is not set.
     Machine& add(const char* name, unsigned number, bool any, uint8_t preferred) {
         JIN_name who;
         who.set_arbitrary_address(any).set_industry_group(2).set_manufacturer_code(2000).set_identity_number(number);
