@@ -82,7 +82,7 @@ void show_memory() {
     void* const block = space.malloc(512);
     printf("a block of 512 bytes: %s; of 8000: %s\n", block ? "yes" : "no", space.malloc(8000) ? "yes" : "no");
     space.free(block);
-    Debug_filter::set_filters("14"); // category 20: from here on it tells
+    Debug_filter::set_filters("14"); // category 20, in hexadecimal: from here on it tells
     space.malloc(8000);
 }
 

@@ -69,14 +69,15 @@ private:
     Supervisor::Options options() {
         Supervisor::Options o;
         o.period_ms = 10; // short, for an example
-        o.handler_ms = o.queue_ms = 100;
+        o.handler_ms = 200;
+        o.queue_ms = 40;
         o.reaction = Supervisor::call;
         o.on_trouble = [this](const Supervisor::Trouble& t) { on_trouble(t); };
         return o;
     }
     // On the supervisor's thread. It waits for nothing.
     void on_trouble(const Supervisor::Trouble& t) {
-        puts("the valves are closed");
+        Debug_print::try_print("the valves are closed\n"); // a stalled console does not hold it up
         if (t.kind == Supervisor::standing_queue) supervisor.starve_for_good();
         found.release();
     }
@@ -99,10 +100,8 @@ int main() {
     Diner_info_list::get().print(false, false); // takes no diner's lock
     for (int i = 0; i < 3; ++i) relay.fed.acquire();
     puts("the relay is fed all the same");
-    for (int i = 0; i < 2; ++i) {
-        pump.valve.release();
-        pump.done.acquire();
-    }
+    for (int i = 0; i < 2; ++i) pump.valve.release();
+    for (int i = 0; i < 2; ++i) pump.done.acquire();
 
     {
         const std::lock_guard<Mutex> held(machine); // by whoever waits for a slow medium, say
@@ -111,7 +110,7 @@ int main() {
         guard.found.acquire();
     }
     while (guard.supervisor.in_trouble()) Atime::delay(1);
-    while (relay.fed.try_acquire(relay.limit_ms() / 10)) {
+    while (relay.fed.try_acquire(relay.limit_ms() / 10)) { // [10 ms]
     }
     puts("the relay is fed no more and lets go");
 }

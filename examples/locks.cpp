@@ -7,7 +7,6 @@
 //     room for 5 of 10 bytes
 //     received "left right both "
 //     nothing more within 30 ms
-#include "util/Debug_print.h"
 #include "util/Mutex.h"
 #include "util/Ring_buffer.h"
 #include "util/Scoped_lock.h"
@@ -71,7 +70,7 @@ public:
         }
         _arrived.release(); // who wakes finds the lock free
     }
-    /// All that is there, nothing when none comes within 30 ms.
+    /// All that is there, nothing when none comes within 30 ms; or at once, when the bytes went with an earlier token.
     std::string receive() {
         if (!_arrived.try_acquire(3)) return ""; // [10 ms]
         const Scoped_lock held(_mutex);
@@ -91,7 +90,6 @@ private:
 } // namespace
 
 int main() {
-    Debug_print::debug_file = stdout; // where a lock that was not to be had for half a second says so: none does here
     count_together();
     do_without();
 

@@ -43,7 +43,7 @@ struct Safe_store : testing::Test {
         return seen.out;
     }
 
-    Temporary_folder folder;
+    Temporary_folder folder{Temporary_folder::quick};
     const std::string path = folder.file("settings"), defaults = Settings(nullptr).text();
     Capture quiet{stderr};
     Program program{path};

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 #include "support/test.h"
+#include <sys/prctl.h>
 
 /// Command lines as typed in a folder of their own: programs are found by name, files of the folder too.
 struct Commands : testing::Test {
@@ -50,6 +51,6 @@ inline void expect_in(const std::string& all, const std::vector<std::string>& pa
 /// How a command ends, as in_child() tells it, that runs beside `meanwhile` and then gets a signal.
 inline int run_beside(const std::string& command, int signal, const std::function<void()>& meanwhile) {
     const auto become = [&] { return execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr); };
-    return in_child([&] { return std::signal(SIGHUP, SIG_DFL), become(); },
+    return in_child([&] { return prctl(PR_SET_PDEATHSIG, SIGKILL), std::signal(SIGHUP, SIG_DFL), become(); },
                     [&](pid_t pid) { meanwhile(), kill(pid, signal); });
 }

@@ -234,7 +234,7 @@ TEST_F(Bus, Counts_to_126_and_keeps_to_its_table) {
 
 /// Without the bus, of which nothing is to be heard here.
 TEST_F(Bus, Codes_outlive_a_restart_a_damaged_file_and_a_medium_that_refuses) {
-    const Temporary_folder folder;
+    const Temporary_folder folder{Temporary_folder::quick};
     const std::string path = folder.file("codes");
     words["start"] = [&](const char*) {
         begin();
@@ -267,7 +267,7 @@ TEST_F(Bus, Codes_outlive_a_restart_a_damaged_file_and_a_medium_that_refuses) {
 }
 
 TEST_F(Bus, Each_change_is_in_the_history) {
-    const Temporary_folder folder;
+    const Temporary_folder folder{Temporary_folder::quick};
     Pcf_host::mount(folder.path.c_str(), 100000);
     begin();
     Debug_print_diagnostic_history records;
@@ -285,7 +285,7 @@ TEST_F(Bus, Each_change_is_in_the_history) {
 
 /// In real time: the bus, the manager, threads that change what they say and clients that come and go.
 TEST(Diagnostics_threads, Serve_each_other_and_a_replay_survives_a_restart) {
-    const Temporary_folder folder;
+    const Temporary_folder folder{Temporary_folder::quick};
     Pcf_host::mount(folder.path.c_str(), 100000);
     JIN_memory_bus bus;
     ASSERT_TRUE(bus.start());

@@ -55,7 +55,7 @@ protected:
         return sink.got;
     }
 
-    Temporary_folder folder;
+    Temporary_folder folder{Temporary_folder::quick};
     Manual_clock clock{now, 500};
 };
 

@@ -49,12 +49,19 @@ TEST(Diner_info, prints_its_row_and_what_a_derived_record_appends) {
     }
 }
 
-TEST(Diner_info_list, reaches_the_diners_in_the_order_of_their_start) {
+TEST(Diner_info_list, shows_and_reaches_the_diners_in_the_order_of_their_start) {
     Diner_info_list& list = Diner_info_list::get();
     Test_diner<> a("first"), b("second"), c("gone");
     c.begin();
     c.terminate(true);
-    for (auto* d : {&a, &b}) d->begin();
+    for (auto* d : {&a, &b}) {
+        d->begin();
+        ASSERT_TRUE(wait_until([&] { return d->info.checkpoint_line == 80; }));
+    }
+    EXPECT_EQ(printed([&](bool to_debug) { list.print(to_debug, true); }),
+              "\nId      Name State Run   EventCnt ToutCnt Checkpoint\n"
+              " 0     first   Run-0 Idl        0       0 glue/diner/Diner:80\n"
+              " 1    second   Run-0 Idl        0       0 glue/diner/Diner:80\n");
     for (int index : {-1, 2, 1000000}) list.set_debug_level(index, 99);
     list.set_debug_level(1, 7);
     EXPECT_VALUES("0 7", a.info.debug_level, b.info.debug_level);

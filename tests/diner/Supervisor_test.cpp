@@ -111,7 +111,7 @@ TEST_F(Supervised, an_event_pool_that_stays_empty_is_trouble) {
     EXPECT_EQ(told(100), "Supervisor: the event pool has room again\n1");
 }
 
-TEST(Supervisor, aborts_when_that_was_chosen_and_looks_three_times_in_the_time_that_a_watchdog_gives) {
+TEST(Supervisor, aborts_when_that_was_chosen_and_looks_as_often_as_its_watchdog_needs) {
     const Child_result r = run_child([] {
         Util::set_last_act([] { _exit(9); }); // where a trace is written
         Test_diner<> d("worker");

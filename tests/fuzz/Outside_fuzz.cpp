@@ -13,7 +13,7 @@
 
 namespace {
 
-Temporary_folder folder;
+Temporary_folder folder(Temporary_folder::quick);
 
 void fuzz_checksummed(const std::string& bytes) {
     const std::string path = folder.file("checksummed");

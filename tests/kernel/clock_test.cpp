@@ -89,9 +89,12 @@ TEST(Clock, set_twenty_times_under_load_leaves_timeouts_their_distance) {
     }
 }
 
-/// No step, but who has worked out in between how long to sleep must do so again. On one processor the watch comes to
-/// look after both.
+/// No step, but who has worked out in between how long to sleep must do so again.
 TEST(Clock, set_and_set_back_at_once_wakes_the_diners) {
+    cpu_set_t one; // on which the watch comes to look after both
+    CPU_ZERO(&one);
+    CPU_SET(0, &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
     const Clock_watch watch(Diner_info_list::get(), 0);
     Test_diner<> d;
     d.begin(false, true);

@@ -43,6 +43,7 @@ struct Player : Test_diner<Diner_external_protection<Diner>> {
     /// Accepted, merged into one of its like, or dropped by one that is disabled.
     bool post(int number, bool merge) {
         ++due[size_t(number)];
+        ++posted;
         const bool taken = waiter.send_event(waiter_event(load_module, number, 0), merge, false) == 0;
         due[size_t(number)] -= !taken;
         return taken;
@@ -174,6 +175,7 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
     Capture err(stderr);
     Util::set_wall_clock(
         [](struct timespec& now) { clock_gettime(CLOCK_REALTIME, &now), now.tv_sec += 3600 * hours_ahead; });
+    int posts = 0, timeouts = 0;
     for (unsigned seed = 1; seed <= (nightly() ? 15000 : 150) && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
         alarm(60); // kills what hangs
@@ -211,6 +213,7 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
                 EXPECT_TRUE(wait_until([&p] { return p.ran_all(); })) << "a timeout is forgotten";
             }
         }
+        for (Player& p : players) posts += p.posted, timeouts += p.timeouts_handled;
         players.clear();
         EXPECT_EQ(Diner_info_list::get().print_alive(), 0);
         EXPECT_VALUES(texts(0, module_man::pool_size), violations, free_events());
@@ -218,6 +221,7 @@ TEST(Diners, used_in_every_way_then_ended_by_several_threads_at_once) {
     alarm(0);
     Util::set_wall_clock(nullptr);
     EXPECT_EQ(unexpected(err.text()), "");
+    printf("%d cases of posts, %d of timeouts\n", posts, timeouts);
 }
 
 Mutex& lock_of_all = *new Mutex; // used to the very end

@@ -8,10 +8,11 @@
 #include <string>
 #include <unistd.h>
 
-/// A folder that goes with its object. For thousands of saves it is in memory, if the system has such a place.
+/// A folder that goes with its object, `quick` for thousands of saves: in memory, if the system has such a place.
 struct Temporary_folder {
-    Temporary_folder() {
-        const bool memory = access("/dev/shm", W_OK) == 0;
+    enum Kind { ordinary, quick };
+    explicit Temporary_folder(Kind kind = ordinary) {
+        const bool memory = kind == quick && access("/dev/shm", W_OK) == 0;
         std::string pattern =
             (memory ? "/dev/shm" : std::filesystem::temp_directory_path().string()) + "/kav-test-XXXXXX";
         path = mkdtemp(pattern.data());

@@ -92,9 +92,13 @@ inline int in_child(const std::function<int()>& body, const std::function<void(p
 /// Run `body` in a forked child; a body that returns ends in exit(0). The child is killed after `limit_s`. For code
 /// that ends the process; start no threads before the call.
 inline Child_result run_child(const std::function<void()>& body, unsigned limit_s = 60) {
-    Capture out(stdout), err(stderr);
-    const int end = in_child([&]() -> int { body(), exit(0); }, nullptr, limit_s);
-    Child_result r = {std::max(end, -1), std::max(-end, 0), out.text(), err.text()};
+    FILE *const out = std::tmpfile(), *const err = std::tmpfile();
+    const auto redirected = [&]() -> int {
+        dup2(fileno(out), STDOUT_FILENO), dup2(fileno(err), STDERR_FILENO);
+        body(), exit(0);
+    };
+    const int end = in_child(redirected, nullptr, limit_s);
+    Child_result r = {std::max(end, -1), std::max(-end, 0), read_and_close(out), read_and_close(err)};
     r.err.resize(std::min(r.err.rfind("qemu: uncaught target signal"), r.err.size())); // the emulator's own line
     return r;
 }
