@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+// Items of a block, and what they travel in to other machines: streams of values, structures, texts.
 #include "cds/Block_fixture.h"
 #include "glue/cds/CDS_remote.h"
 #include "glue/cds/CDS_structure.h"

@@ -99,9 +99,8 @@ TEST_F(Bus, Says_what_happens_to_the_codes) {
          "0 E800 80>FF 6: 01 FF FF FF 33 E8 FD 00\n10 FECB 80>26 6: FF FF 02 00 03 01 01 00 03 01\n"
          "100 FECB 80>FF 6: FF FF 02 00 03 01 01 00 03 01\n200 FECB 80>FF 6: FF FF 02 00 03 01 01 00 03 01\n"},
         {"short ones go to all, once each; none to the address of all, and no refusal to all",
-         "ask FECA FE>80; run 10; ask FECA 33>80; run 10; ask FECA 33>FF; ask FECA FF>80; ask FDE8 FE>80; ask FDE8 "
-         "26>FF; "
-         "ask FDE8 FF>80",
+         "ask FECA FE>80; run 10; ask FECA 33>80; run 10; ask FECA 33>FF; ask FECA FF>80; "
+         "ask FDE8 FE>80; ask FDE8 26>FF; ask FDE8 FF>80",
          "0 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n10 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n"
          "20 FECA 80>FF 6: FF FF 00 00 00 00 FF FF\n20 E800 80>FF 6: 01 FF FF FF FE E8 FD 00\n"},
         {"cleared codes come back when their condition is still there; nobody acknowledges to all",

@@ -77,6 +77,7 @@ void use_pipe(bool full, bool read) {
     fputs(text.c_str(), stdout);
 }
 
+/// Of all folders, since they share the output that may stall: a machine that hangs at its end is not restarted.
 TEST(Ends_of_the_process, are_told_and_come_though_the_output_stalls) {
     struct Element : avl_bsnode, sll_node {
     } one, another;
