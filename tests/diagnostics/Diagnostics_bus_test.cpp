@@ -146,10 +146,10 @@ TEST_F(Bus, Of_many_codes_never_falls_silent_and_costs_no_memory) {
         const auto lists = std::count(said.begin(), said.end(), '\n');
         EXPECT_NEAR(static_cast<double>(lists), 16000 / std::max(airtime, 1000u), 1) << n;
         EXPECT_NEAR(said.size() - said.rfind('\n', said.size() - 2), 28 + 12 * sent, 2) << n;
-        const long before = allocations();
+        const long before = allocations_of_thread();
         manager->set_active(1000, 1), manager->set_inactive(1, 1), manager->log_error(1, 0, 1);
         for (int i = 0; i < 4; ++i, clock.advance(1500)) bus.process(), manager->turn();
-        EXPECT_EQ(allocations(), before) << n;
+        EXPECT_EQ(allocations_of_thread(), before) << n;
     }
 }
 

@@ -24,6 +24,7 @@
 /// Heap blocks that all threads of the program have asked for so far. Take the difference over what must not allocate,
 /// after one round that warms up whatever is built on first use.
 long allocations();
+long allocations_of_thread(); ///< those of the caller, where other threads may just begin
 
 /// Whether the program was started with --nightly: many rounds instead of a few.
 inline bool nightly() { return read_file("/proc/self/cmdline").find("--nightly") != std::string::npos; }
