@@ -78,13 +78,15 @@ void Status_diner::report(bool wrong, bool& known, Fault_history::Source source,
 
 void Status_diner::look_for_faults(const Machine_block& now) {
     const bool seen = now.satellites.locked[0] + now.satellites.locked[1] > 0;
-    _had_fix = _had_fix || (now.quality.type != 0 && seen);
-    if (!_had_fix) return; // nothing received yet, or the position alone, which comes before the satellites
+    _had_satellites = _had_satellites || seen;
+    _had_fix = _had_fix || now.quality.type != 0;
+    if (!_had_fix) return; // nothing received yet
     _faults.set(Machine_codes::no_fix, now.quality.type == 0);
     if (_keep_track) _plot.add(now.position.lat, now.position.lon, now.quality.type);
     const int used = now.satellites.used[0] + now.satellites.used[1];
-    report(!seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used, "antenna open",
-           Machine_codes::antenna_open);
+    // The first position comes before the satellites.
+    report(_had_satellites && !seen, _antenna_open, Fault_history::antenna, Fault_history::open_circuit, used,
+           "antenna open", Machine_codes::antenna_open);
     report(seen && used < _least_satellites, _too_few, Fault_history::satellites, Fault_history::too_few, used,
            "too few satellites", Machine_codes::too_few_satellites);
     report(now.quality.type != Track_plot::fixed, _not_fixed, Fault_history::corrections, Fault_history::too_old,

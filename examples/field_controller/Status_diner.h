@@ -46,6 +46,6 @@ private:
     int _seconds = 0;    ///< since then
     unsigned _wake_ups = 0;
     unsigned _num_faults = 0; ///< told of
-    bool _had_fix = false;
+    bool _had_fix = false, _had_satellites = false;
     bool _antenna_open = false, _too_few = false, _not_fixed = false; ///< faults that last
 };
